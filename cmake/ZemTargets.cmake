@@ -1,0 +1,46 @@
+# One way to declare a target of each kind, so that warnings, sanitizers and labels are the same everywhere.
+
+add_library(zem_options INTERFACE)
+target_compile_options(zem_options INTERFACE
+    -Wall -Wextra -Wconversion -Wshadow -Wnon-virtual-dtor -Wno-unknown-pragmas)
+target_include_directories(zem_options INTERFACE ${CMAKE_SOURCE_DIR})
+if(ZEM_SANITIZE)
+    target_compile_options(zem_options INTERFACE
+        -fsanitize=${ZEM_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    target_link_options(zem_options INTERFACE -fsanitize=${ZEM_SANITIZE})
+endif()
+
+# zem_library(NAME SHARED|STATIC|OBJECT SOURCES... [LIBS...]): a library of ours.
+function(zem_library name kind)
+    cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
+    add_library(${name} ${kind} ${ARG_SOURCES})
+    target_link_libraries(${name} PRIVATE zem_options PUBLIC ${ARG_LIBS})
+endfunction()
+
+# zem_program(NAME SOURCES... [LIBS...]): a program in build/<preset>/bin.
+function(zem_program name)
+    cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
+    add_executable(${name} ${ARG_SOURCES})
+    target_link_libraries(${name} PRIVATE zem_options ${ARG_LIBS})
+endfunction()
+
+# zem_test(NAME LABEL label SOURCES... [LIBS...] [WRAP function...] [TIMEOUT seconds]): a GoogleTest program,
+# run by CTest as one test per case (label: unit, platform, protocol, e2e, fault or slow).
+# WRAP names platform calls that the test replaces: it defines __wrap_X and reaches the real one as __real_X.
+# Only references from objects linked into the test itself are replaced.
+function(zem_test name)
+    cmake_parse_arguments(ARG "" "LABEL;TIMEOUT" "SOURCES;LIBS;WRAP" ${ARGN})
+    if(NOT ARG_TIMEOUT)
+        set(ARG_TIMEOUT 120)
+    endif()
+    find_package(GTest REQUIRED)
+    add_executable(${name} ${ARG_SOURCES})
+    target_link_libraries(${name} PRIVATE zem_options ${ARG_LIBS} GTest::gmock GTest::gtest GTest::gtest_main)
+    set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
+    foreach(call IN LISTS ARG_WRAP)
+        target_link_options(${name} PRIVATE -Wl,--wrap=${call})
+    endforeach()
+    include(GoogleTest)
+    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST
+        PROPERTIES LABELS ${ARG_LABEL} TIMEOUT ${ARG_TIMEOUT})
+endfunction()
