@@ -1,0 +1,50 @@
+// The one door to the operating system. The rest of the tree is written in Windows terms and
+// includes this file: on Windows it brings the system's own headers, elsewhere the layer that
+// supplies the same calls. Nothing else asks which system it is compiled for.
+#pragma once
+
+#ifdef _WIN32
+#ifndef UNICODE
+#define UNICODE
+#endif
+#ifndef WIN32_LEAN_AND_MEAN
+#define WIN32_LEAN_AND_MEAN
+#endif
+#ifndef NOMINMAX
+#define NOMINMAX
+#endif
+#include <comdef.h>
+#include <http.h>
+#include <msxml2.h>
+#include <objbase.h>
+#include <oleauto.h>
+#include <process.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <wchar.h>
+#include <windows.h>
+#include <winsock2.h>
+#else
+#include "platform/posix/com.h"
+#include "platform/posix/errors.h"
+#include "platform/posix/eventlog.h"
+#include "platform/posix/files.h"
+#include "platform/posix/registry.h"
+#include "platform/posix/sync.h"
+#include "platform/posix/text.h"
+#include "platform/posix/time.h"
+#include "platform/posix/types.h"
+#if __has_include("platform/posix/http.h")
+#include "platform/posix/http.h"
+#endif
+#if __has_include("platform/posix/port.h")
+#include "platform/posix/port.h"
+#endif
+#endif
+
+#include <string>
+#include <string_view>
+
+using WString = std::basic_string<WCHAR>;
+using WStringView = std::basic_string_view<WCHAR>;
