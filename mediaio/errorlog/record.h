@@ -1,0 +1,40 @@
+// record.h: one error-log record as it waits in the queue, and its line of text. Records are plain
+// arrays so that taking one costs a copy and never an allocation. Filled by any thread, turned into
+// text by the writer thread.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "platform/platform.h"
+
+enum class ErrorRecordKind : uint8_t { kText, kScope, kOwner };
+
+struct ErrorRecord {
+    static constexpr size_t kFileChars = 32;
+    static constexpr size_t kTextChars = 256;
+
+    SYSTEMTIME time;
+    ErrorRecordKind kind;
+    bool continues;  // the text goes on where the thread's previous record ended
+    DWORD level;
+    DWORD threadId;
+    HRESULT hr;
+    DWORD chainId;
+    LONG line;
+    DWORD elapsed_ms;
+    WCHAR file[kFileChars];  // NUL-terminated
+    size_t text_chars;
+    WCHAR text[kTextChars];  // not terminated; the first text_chars count
+};
+
+// Copies at most capacity - 1 characters of source (null: none) and terminates; returns how many
+// were copied.
+size_t CopyText(WCHAR* target, size_t capacity, const WCHAR* source);
+
+// Appends the record's line, with its line feed, as UTF-8. Control characters, and characters that
+// change the direction or the line of what follows, are escaped; ill-formed UTF-16 becomes U+FFFD.
+void AppendRecordLine(const ErrorRecord& record, std::string& out);
+
+// Appends the line that tells that records were dropped at the given local time.
+void AppendDroppedLine(const SYSTEMTIME& time, uint64_t dropped, std::string& out);
