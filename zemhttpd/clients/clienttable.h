@@ -1,0 +1,124 @@
+// The joined clients: one record each, found by client ID, and the references that keep a record alive while it is in
+// use. Workers join, leave and look up; the sniffer unlinks the silent. The table's lock guards the map alone; a record
+// is never freed while linked, and after a leave or a purge not before the last reference to it has gone.
+#pragma once
+
+#include "mediaio/zemchannelio.h"
+#include "platform/platform.h"
+#include "zemhttpd/server/binmap.h"
+
+#include <atomic>
+#include <cstddef>
+#include <utility>
+
+// One joined client. Created with one reference, which belongs to the table and, once the record is unlinked, to
+// whoever unlinked it (DeleteZemClient gives it up).
+struct ZemClient {
+    ZemClient(WString display, CZemChannelIo* channelIo, LONGLONG now_seconds);
+    ZemClient(const ZemClient&) = delete;
+    ZemClient& operator=(const ZemClient&) = delete;
+
+    WString displayString;                  // User-Agent from its first "(" on; may be empty
+    std::atomic<LONGLONG> lastRequestTime;  // seconds since 1970, wall clock
+    std::atomic<ULONGLONG> requestCount;
+    CZemChannelIo* channel;                 // owned; null only in tests
+    CRITICAL_SECTION recordLock;            // held through a whole frame write
+
+    void Touch(LONGLONG now_seconds) {
+        lastRequestTime.store(now_seconds, std::memory_order_relaxed);
+        requestCount.fetch_add(1, std::memory_order_relaxed);
+    }
+    void AddRef() { m_references.fetch_add(1, std::memory_order_relaxed); }
+    // The last release detaches the channel's read allocator and destroys channel, lock and record, on this thread.
+    void Release();
+
+private:
+    ~ZemClient();
+
+    std::atomic<LONG> m_references{1};
+};
+
+// A counted reference: record, record lock and channel stay while it lives. Hold it on the stack for the length of the
+// calls into the channel. Never let the last one go inside a completion routine of that channel: destroying a channel
+// waits for its completion routines. An asynchronous frame needs no reference of its own, for the same reason.
+class CZemClientRef {
+public:
+    CZemClientRef() = default;
+    explicit CZemClientRef(ZemClient* record) : m_record(record) {
+        if (m_record) m_record->AddRef();
+    }
+    CZemClientRef(CZemClientRef&& other) noexcept
+        : m_record(std::exchange(other.m_record, nullptr)) {}
+    CZemClientRef& operator=(CZemClientRef&& other) noexcept {
+        std::swap(m_record, other.m_record);
+        return *this;
+    }
+    CZemClientRef(const CZemClientRef&) = delete;
+    CZemClientRef& operator=(const CZemClientRef&) = delete;
+    ~CZemClientRef() {
+        if (m_record) m_record->Release();
+    }
+
+    explicit operator bool() const { return m_record != nullptr; }
+    CZemChannelIo* Channel() const { return m_record ? m_record->channel : nullptr; }
+    CRITICAL_SECTION* RecordLock() const { return m_record ? &m_record->recordLock : nullptr; }
+    ZemClient* Record() const { return m_record; }
+
+private:
+    ZemClient* m_record = nullptr;
+};
+
+class CClientTable {
+public:
+    static constexpr size_t kMaxClients = 65536;
+
+    CClientTable();
+    ~CClientTable();  // REQUIRES: empty
+    CClientTable(const CClientTable&) = delete;
+    CClientTable& operator=(const CClientTable&) = delete;
+
+    // The lock may be entered again by the thread that holds it.
+    class CLock {
+    public:
+        explicit CLock(CClientTable& table) : m_section(table.m_section) {
+            EnterCriticalSection(&m_section);
+        }
+        ~CLock() { LeaveCriticalSection(&m_section); }
+        CLock(const CLock&) = delete;
+        CLock& operator=(const CLock&) = delete;
+
+    private:
+        CRITICAL_SECTION& m_section;
+    };
+
+    // Takes the lock for the length of the search only; empty when the client is unknown.
+    CZemClientRef Find(WStringView clientId);
+
+    // --- REQUIRES: the caller holds a CLock ---
+    size_t Count() const { return m_clients.Count(); }
+    // Throws HRESULT E_OUTOFMEMORY at kMaxClients or without memory; the record then still is the caller's.
+    void Insert(const WString& clientId, ZemClient* record) {
+        if (m_clients.Count() >= kMaxClients) throw static_cast<HRESULT>(E_OUTOFMEMORY);
+        m_clients.Set(clientId, record);
+    }
+    // The unlinked record with the table's reference, or null for an unknown client.
+    ZemClient* Unlink(WStringView clientId);
+    // Unlinks any record (the first of the walk); null when the table is empty or the entry had none.
+    ZemClient* UnlinkFirst();
+    // Visits in the order of the client page: visit(const WString& clientId, ZemClient* record).
+    template <class Visit>
+    void ForEach(Visit visit) {
+        m_clients.ForEach(visit);
+    }
+    // Unlinks every entry for which take(const WString& clientId, ZemClient* record) is true.
+    template <class Take>
+    void UnlinkIf(Take take) {
+        m_clients.RemoveIf(take);
+    }
+
+private:
+    static constexpr DWORD kSpinCount = 4000;
+
+    CRITICAL_SECTION m_section;
+    CBinMap<WString, ZemClient*, CWideKeyTraits> m_clients;
+};

@@ -1,0 +1,22 @@
+// Who has real-time I/O: the ID of at most one client. Joins, CMD_SET_IO_REAL_TIME, leaves and the sniffer read and write
+// it on their own threads; a small private lock keeps the text whole, while the order of events is theirs.
+#pragma once
+
+#include "platform/platform.h"
+#include "zemhttpd/commands/command.h"
+
+#include <mutex>
+
+class CRealTimeClient {
+public:
+    // At most 259 characters are kept; an empty ID means that there is no real-time client.
+    void Set(const WCHAR* clientId);
+    // Copies the ID out; false, and an empty text, when there is no real-time client.
+    bool Get(WCHAR (&clientId)[kNameUnits]) const;
+    // Whether there is a real-time client and it is this one, letter case aside.
+    bool Is(const WCHAR* clientId) const;
+
+private:
+    mutable std::mutex m_lock;
+    WCHAR m_clientId[kNameUnits] = {};
+};
