@@ -2,6 +2,7 @@
 // thread.
 #include "mediaio/errorlog/record.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "mediaio/errorlog.h"
@@ -33,10 +34,6 @@ void AppendStart(const SYSTEMTIME& time, const char* word, DWORD threadId, std::
                  static_cast<unsigned>(threadId));
 }
 
-bool IsLevel(const ErrorRecord& record, const LevelWord& entry) {
-    return entry.level == record.level;
-}
-
 void AppendRecordStart(const ErrorRecord& record, std::string& out) {
     char number[24];
     std::snprintf(number, sizeof number, "level%u", static_cast<unsigned>(record.level));
@@ -47,7 +44,7 @@ void AppendRecordStart(const ErrorRecord& record, std::string& out) {
         word = "owner";
     else
         for (const LevelWord& entry : kLevelWords)
-            if (IsLevel(record, entry)) word = entry.word;
+            if (entry.level == record.level) word = entry.word;
     AppendStart(record.time, word, record.threadId, out);
 }
 
