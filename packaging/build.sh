@@ -1,0 +1,19 @@
+# How the scripts at the root configure and build. Sourced; expects $root, the root of the tree.
+# shellcheck shell=bash
+
+: "${root:?}"
+
+# build_preset PRESET [TARGET...]: configures build/PRESET if that was not done yet (the build repeats it by itself when
+# a CMake file changed), then builds the targets, or everything.
+build_preset() {
+    local preset=$1
+    shift
+    if [ ! -f "$root/build/$preset/build.ninja" ]; then
+        local launcher=()
+        if command -v ccache >/dev/null; then
+            launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+        fi
+        (cd "$root" && cmake --preset "$preset" "${launcher[@]}")
+    fi
+    ninja -C "$root/build/$preset" -j "$(nproc)" "$@"
+}

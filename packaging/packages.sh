@@ -1,0 +1,17 @@
+# The Debian packages that the tree needs, once. Sourced by packaging/install-packages.
+# shellcheck shell=bash disable=SC2034
+
+# To build everything, tests included.
+packages_build=(
+    g++ cmake ninja-build pkg-config ccache
+    libpugixml-dev liburing-dev
+    libavformat-dev libavcodec-dev libavutil-dev
+    libcurl4-openssl-dev libcli11-dev
+    libgtest-dev libgmock-dev
+)
+
+# To run the tests: real peers that the server is tried against.
+packages_test=(ffmpeg curl)
+
+# To run the benchmarks. Debian's nginx is the server that we measure ourselves against.
+packages_bench=(wrk nginx-light curl)
