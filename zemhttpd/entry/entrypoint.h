@@ -1,0 +1,107 @@
+// The logging scope: an object on the stack of every function that can fail. It holds the function's result, remembers
+// where an error was raised and writes to the error log. CEntryPoint is exported: other modules of the host use the same
+// class, so the fields, their order and the order of the virtual operations are binary interface.
+//
+// The error convention, everywhere in the library:
+//     HRESULT CThing::Do() {
+//         CZemEntry scope(TEXT("CThing::Do"));
+//         try {
+//             scope = Callee();                                  // throws the HRESULT when it is negative
+//             ThrowError(scope, hr, kSource, 42, TEXT("%s: no"), name);
+//         } catch (...) {
+//             LogCaught(scope, kSource, kCatchLine);
+//         }
+//         return scope.GetResult();
+//     }
+#pragma once
+
+#include "platform/platform.h"
+
+#pragma GCC visibility push(default)
+
+class CEntryPointException {
+public:
+    virtual HRESULT LogEntryPoint() = 0;
+    virtual HRESULT LogError(HRESULT hr, const WCHAR* file, LONG line, const WCHAR* format, ...) = 0;
+    // Reports an event to the system's event log; type 1 (EVENTLOG_ERROR_TYPE) adds the place and the code.
+    virtual HRESULT WriteEventLog(const WCHAR* source, WORD type, HRESULT hr, const WCHAR* file,
+                                  LONG line, const WCHAR* format, ...);
+
+    HRESULT GetResult() const { return m_result; }
+    bool Failed() const { return m_result < 0; }
+    void SetResult(HRESULT hr) { m_result = hr; }
+    BOOL IsLogged() const { return m_logged; }
+    LONG GetLine() const { return m_line; }
+    const WCHAR* GetFile() const { return m_file; }
+
+protected:
+    CEntryPointException();
+
+    static constexpr int kNameLength = 128;
+    static constexpr int kFileLength = 32;
+
+    WCHAR m_function[kNameLength];
+    WCHAR m_file[kFileLength];
+    LONG m_line;
+    LONG m_reserved1;  // only copied
+    DWORD m_startTick;
+    DWORD m_reserved2;  // only copied
+    SYSTEMTIME m_time;  // of the last record written
+    BOOL m_logged;
+    HRESULT m_result;
+
+    friend void ThrowError(class CEntryPoint& scope, HRESULT hr, const WCHAR* file, LONG line,
+                           const WCHAR* format, ...);
+};
+
+class CEntryPoint : public CEntryPointException {
+public:
+    CEntryPoint();
+    explicit CEntryPoint(const WCHAR* format, ...);  // formats the function name, at most 127 characters
+    CEntryPoint(const CEntryPoint& other);
+    CEntryPoint& operator=(const CEntryPoint& other);
+    // Checks a callee's result: stores it and, when it is negative, writes an entry-point record and throws it.
+    CEntryPoint& operator=(HRESULT hr);
+
+    HRESULT LogEntryPoint() override;
+    // Writes an error record; from then on the result is the chain id that the error log gave.
+    HRESULT LogError(HRESULT hr, const WCHAR* file, LONG line, const WCHAR* format, ...) override;
+    virtual int LogMsg(const WCHAR* format, ...);
+    virtual int LogWarning(const WCHAR* format, ...);
+    virtual int LogOwnerInfo(LONG id, const WCHAR* a, const WCHAR* b, const WCHAR* c, const WCHAR* d,
+                             LONG e);
+    virtual int Trace(const WCHAR* format, ...);
+
+protected:
+    DWORD m_category;  // not set by this class
+    DWORD m_chainId;
+};
+
+#pragma GCC visibility pop
+
+class CZemEntry : public CEntryPoint {
+public:
+    explicit CZemEntry(const WCHAR* function);
+    virtual ~CZemEntry();
+    using CEntryPoint::operator=;
+
+    virtual int LogSlowOperation(DWORD elapsed_ms, const WCHAR* format, ...);
+};
+
+// Formats the message once, logs it through the scope and throws the scope's result (the chain id) as an HRESULT.
+[[noreturn]] void ThrowError(CEntryPoint& scope, HRESULT hr, const WCHAR* file, LONG line,
+                             const WCHAR* format, ...);
+
+// Turns the exception in flight into the scope's result: an HRESULT is logged unless it was, a _com_error and anything
+// else always. `file` and `line` name the catch of the calling function. REQUIRES: called inside a catch clause.
+void LogCaught(CEntryPoint& scope, const WCHAR* file, LONG line);
+
+// A positive Win32 or HTTP error e becomes 0x80070000 | (e & 0xFFFF); zero and negative values pass unchanged.
+inline constexpr HRESULT HresultFromError(LONG error) {
+    return error <= 0 ? error : static_cast<HRESULT>(0x80070000u | (static_cast<DWORD>(error) & 0xFFFFu));
+}
+
+// Source names that are part of a log record.
+inline constexpr const WCHAR* kSourceCmdHdlr = TEXT("httpcmdhdlr.cpp");
+inline constexpr const WCHAR* kSourceXactn = TEXT("httpxactn.cpp");
+inline constexpr const WCHAR* kSourceEntry = TEXT("zemhttpd.cpp");
