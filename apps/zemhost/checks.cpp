@@ -1,0 +1,111 @@
+// checks.cpp: settings, looked at before and after the start.
+#include "apps/zemhost/checks.h"
+
+#include <array>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <system_error>
+
+#include "apps/zemhost/hostsystem.h"
+#include "platform/platform.h"
+
+namespace {
+
+std::filesystem::path PathOf(const std::string& utf8) {
+    return std::filesystem::path(std::u8string(utf8.begin(), utf8.end()));
+}
+
+std::string Hex(int32_t number) {
+    std::array<char, 16> text{};
+    std::snprintf(text.data(), text.size(), "0x%08x", static_cast<unsigned>(number));
+    return text.data();
+}
+
+// The first characters of either export format, whatever the encoding: 16-bit text loses its zero
+// bytes here.
+bool HasExportTitle(std::istream& file) {
+    std::array<char, 128> start{};
+    file.read(start.data(), start.size());
+    std::string title;
+    for (const char c : start)
+        if (c > 0) title += c;
+    return title.starts_with("Windows Registry Editor Version 5.00") ||
+           title.starts_with("REGEDIT4");
+}
+
+}  // namespace
+
+std::string CheckRegistryFile(const std::string& path) {
+    std::error_code error;
+    const std::string named = "the registry file '" + path + "' ";
+    if (!std::filesystem::exists(PathOf(path), error))
+        return named + "does not exist; give one that does with --registry FILE";
+    if (!std::filesystem::is_regular_file(PathOf(path), error))
+        return named + "is not a file; give a file with --registry FILE";
+    std::ifstream file(PathOf(path), std::ios::binary);
+    if (!file)
+        return named + "cannot be read; change its rights or give another with --registry FILE";
+    if (!HasExportTitle(file))
+        return named +
+               "is not a registry export; its first line must be: Windows Registry Editor Version "
+               "5.00";
+    return {};
+}
+
+std::string CheckAddresses(const HostSettings& settings) {
+    for (const std::string& address : settings.addresses)
+        if (!IsIpAddress(address))
+            return "'" + address +
+                   "' is not an IP address; give one, such as 127.0.0.1, with --listen ADDRESS";
+    return {};
+}
+
+std::string CheckVolume(const HostSettings& settings) {
+    if (settings.volume.empty())
+        return "no volume root is set; give the directory that holds the media with --volume DIR";
+    std::error_code error;
+    const std::string named = "the volume root '" + settings.volume + "' ";
+    const std::filesystem::file_status status =
+        std::filesystem::status(PathOf(settings.volume), error);
+    if (status.type() == std::filesystem::file_type::not_found)
+        return named + "does not exist; create it or give another with --volume DIR";
+    if (error)
+        return named + "cannot be reached (" + error.message() +
+               "); change its rights or give another with --volume DIR";
+    if (status.type() != std::filesystem::file_type::directory)
+        return named + "is not a directory; give one with --volume DIR";
+    const std::filesystem::directory_iterator list(PathOf(settings.volume), error);
+    if (error)
+        return named + "cannot be listed (" + error.message() +
+               "); change its rights or give another with --volume DIR";
+    return {};
+}
+
+std::string ExplainStartFailure(const HostSettings& settings, int32_t hr) {
+    if (settings.port == 0 || settings.port > 65535)
+        return std::to_string(settings.port) +
+               " is not a port; give a number from 1 to 65535 with --port N";
+    std::vector<std::string> addresses = settings.addresses;
+    if (addresses.empty()) addresses = {"0.0.0.0"};
+    const std::string port = "port " + std::to_string(settings.port);
+    for (const std::string& address : addresses) {
+        const std::string place = port + " of " + (address == "0.0.0.0" ? "this machine" : address);
+        switch (TryListening(address, static_cast<uint16_t>(settings.port))) {
+            case ListenTrial::kTaken:
+                return place +
+                       " is taken by another program; stop that, or give another port with --port "
+                       "N";
+            case ListenTrial::kForbidden:
+                return place +
+                       " may not be opened by this user; give a port above 1023 with --port N, or "
+                       "run zemhost as root";
+            case ListenTrial::kNoSuchAddress:
+                return address +
+                       " is not an address of this machine; give one that is with --listen ADDRESS";
+            case ListenTrial::kWorks:
+                break;
+        }
+    }
+    return "the server could not be started (" + Hex(hr) + "); the error log says why";
+}

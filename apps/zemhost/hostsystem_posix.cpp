@@ -1,0 +1,119 @@
+// hostsystem_posix.cpp: hostsystem.h on Linux. Signals are taken with sigwait on the main thread,
+// so that nothing runs in a signal handler.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "apps/zemhost/hostsystem.h"
+
+namespace {
+
+sigset_t StopSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP})
+        sigaddset(&signals, number);
+    return signals;
+}
+
+struct SocketAddress {
+    sockaddr_storage storage{};
+    socklen_t bytes = 0;
+
+    const sockaddr* Get() const { return reinterpret_cast<const sockaddr*>(&storage); }
+};
+
+bool MakeAddress(const std::string& text, uint16_t port, SocketAddress& address) {
+    auto* const v4 = reinterpret_cast<sockaddr_in*>(&address.storage);
+    if (inet_pton(AF_INET, text.c_str(), &v4->sin_addr) == 1) {
+        v4->sin_family = AF_INET;
+        v4->sin_port = htons(port);
+        address.bytes = sizeof *v4;
+        return true;
+    }
+    auto* const v6 = reinterpret_cast<sockaddr_in6*>(&address.storage);
+    if (inet_pton(AF_INET6, text.c_str(), &v6->sin6_addr) == 1) {
+        v6->sin6_family = AF_INET6;
+        v6->sin6_port = htons(port);
+        address.bytes = sizeof *v6;
+        return true;
+    }
+    return false;
+}
+
+class CSocket {
+public:
+    explicit CSocket(int family) : m_descriptor(socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0)) {}
+    ~CSocket() {
+        if (m_descriptor >= 0) close(m_descriptor);
+    }
+    CSocket(const CSocket&) = delete;
+    CSocket& operator=(const CSocket&) = delete;
+    int Get() const { return m_descriptor; }
+
+private:
+    int m_descriptor;
+};
+
+}  // namespace
+
+void PrepareProcess() {
+    const sigset_t signals = StopSignals();
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
+std::string WaitForStopSignal() {
+    const sigset_t signals = StopSignals();
+    int number = 0;
+    sigwait(&signals, &number);
+    for (const int next : {SIGINT, SIGTERM, SIGHUP})
+        signal(next, SIG_DFL);
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+    return std::string("SIG") + sigabbrev_np(number);
+}
+
+bool IsIpAddress(const std::string& text) {
+    SocketAddress address;
+    return MakeAddress(text, 0, address);
+}
+
+ListenTrial TryListening(const std::string& text, uint16_t port) {
+    SocketAddress address;
+    if (!MakeAddress(text, port, address)) return ListenTrial::kNoSuchAddress;
+    const CSocket socket(address.storage.ss_family);
+    const int on = 1;
+    setsockopt(socket.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    if (bind(socket.Get(), address.Get(), address.bytes) == 0 && listen(socket.Get(), 1) == 0)
+        return ListenTrial::kWorks;
+    switch (errno) {
+        case EADDRINUSE:
+            return ListenTrial::kTaken;
+        case EACCES:
+        case EPERM:
+            return ListenTrial::kForbidden;
+        case EADDRNOTAVAIL:
+        case EAFNOSUPPORT:
+            return ListenTrial::kNoSuchAddress;
+        default:
+            return ListenTrial::kWorks;
+    }
+}
+
+bool CanConnect(const std::string& text, uint16_t port) {
+    SocketAddress address;
+    if (!MakeAddress(text, port, address)) return false;
+    const CSocket socket(address.storage.ss_family);
+    return connect(socket.Get(), address.Get(), address.bytes) == 0;
+}

@@ -1,0 +1,25 @@
+// options.h: the command line of zemhost. Main thread only.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+struct HostOptions {
+    bool help = false;
+    bool version = false;
+    bool settings = false;
+    std::string registry;
+    std::string log;
+    std::optional<std::string> volume;
+    std::optional<std::string> listen;
+    std::optional<uint16_t> port;
+};
+
+// Reads the arguments (without the program's name), as --name VALUE or --name=VALUE. Returns a
+// sentence that says what is wrong, or nothing.
+std::string ParseOptions(const std::vector<std::string>& arguments, HostOptions& options);
+
+// The text of --help.
+std::string HelpText();

@@ -1,0 +1,163 @@
+// settings.cpp: where each setting stands in the registry.
+#include "apps/zemhost/settings.h"
+
+#include "platform/platform.h"
+
+namespace {
+
+struct RegistryPlace {
+    const WCHAR* key;
+    const WCHAR* value;
+};
+
+constexpr RegistryPlace kPortPlace = {TEXT("Software\\Quorvane Group\\ZEM"), TEXT("HttpPort")};
+constexpr RegistryPlace kVolumePlace = {TEXT("Software\\Quorvane Group\\RUD\\vfs"), TEXT("0")};
+constexpr RegistryPlace kListenPlace = {
+    TEXT("System\\CurrentControlSet\\Services\\HTTP\\Parameters"), TEXT("ListenOnlyList")};
+
+WString Widen(const std::string& text) {
+    WString wide(text.size(), 0);
+    const int length = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
+                                           wide.data(), static_cast<int>(wide.size()));
+    wide.resize(static_cast<size_t>(length));
+    return wide;
+}
+
+std::string Narrow(const WString& text) {
+    std::string narrow(text.size() * 3, 0);
+    const int length =
+        WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), narrow.data(),
+                            static_cast<int>(narrow.size()), nullptr, nullptr);
+    narrow.resize(static_cast<size_t>(length));
+    return narrow;
+}
+
+void Override(const RegistryPlace& place, DWORD type, const void* data, size_t bytes) {
+    const WString key = WString(TEXT("HKEY_LOCAL_MACHINE\\")) + place.key;
+    OverrideRegistryValue(key.c_str(), place.value, type, data, static_cast<DWORD>(bytes));
+}
+
+// The value's bytes when it exists and has one of two types.
+bool ReadValue(const RegistryPlace& place, DWORD type, DWORD otherType, std::string& bytes) {
+    HKEY key = nullptr;
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, place.key, 0, KEY_READ, &key) != ERROR_SUCCESS)
+        return false;
+    DWORD found = 0;
+    DWORD size = 0;
+    bool read =
+        RegQueryValueExW(key, place.value, nullptr, &found, nullptr, &size) == ERROR_SUCCESS &&
+        (found == type || found == otherType);
+    if (read) {
+        bytes.resize(size);
+        read = RegQueryValueExW(key, place.value, nullptr, &found,
+                                reinterpret_cast<LPBYTE>(bytes.data()), &size) == ERROR_SUCCESS;
+        bytes.resize(read ? size : 0);
+    }
+    RegCloseKey(key);
+    return read;
+}
+
+// The texts of a REG_SZ or REG_MULTI_SZ value, as UTF-8.
+std::vector<std::string> Texts(const std::string& bytes) {
+    std::vector<std::string> texts;
+    WString text;
+    for (size_t i = 0; i + 1 < bytes.size(); i += 2) {
+        const auto unit = static_cast<WCHAR>(static_cast<unsigned char>(bytes[i]) |
+                                             static_cast<unsigned char>(bytes[i + 1]) << 8);
+        if (unit != 0) {
+            text += unit;
+            continue;
+        }
+        if (!text.empty()) texts.push_back(Narrow(text));
+        text.clear();
+    }
+    if (!text.empty()) texts.push_back(Narrow(text));
+    return texts;
+}
+
+const char* SourceName(SettingSource source) {
+    switch (source) {
+        case SettingSource::kOption:
+            return "option";
+        case SettingSource::kRegistry:
+            return "registry";
+        default:
+            return "default";
+    }
+}
+
+std::string Joined(const std::vector<std::string>& texts) {
+    std::string joined;
+    for (const std::string& text : texts)
+        joined += (joined.empty() ? "" : ",") + text;
+    return joined;
+}
+
+}  // namespace
+
+void ApplyOptions(const HostOptions& options) {
+    SetRegistryFile(options.registry.c_str());
+    if (options.port) {
+        const DWORD port = *options.port;
+        Override(kPortPlace, REG_DWORD, &port, sizeof port);
+    }
+    if (options.volume) {
+        const WString volume = Widen(*options.volume);
+        Override(kVolumePlace, REG_SZ, volume.c_str(), (volume.size() + 1) * sizeof(WCHAR));
+    }
+    if (options.listen) {
+        // A list of texts, each with its NUL, and one NUL more.
+        WString list = Widen(*options.listen);
+        for (WCHAR& unit : list)
+            if (unit == u',') unit = 0;
+        list.append(2, 0);
+        Override(kListenPlace, REG_MULTI_SZ, list.data(), list.size() * sizeof(WCHAR));
+    }
+}
+
+HostSettings ReadSettings(const HostOptions& options) {
+    const auto source = [](bool option) {
+        return option ? SettingSource::kOption : SettingSource::kRegistry;
+    };
+    HostSettings settings;
+    std::string bytes;
+    if (ReadValue(kPortPlace, REG_DWORD, REG_DWORD, bytes) && bytes.size() == sizeof(DWORD)) {
+        settings.port = 0;
+        for (size_t i = sizeof(DWORD); i-- > 0;)
+            settings.port = settings.port << 8 | static_cast<unsigned char>(bytes[i]);
+        settings.portSource = source(options.port.has_value());
+    }
+    if (ReadValue(kListenPlace, REG_MULTI_SZ, REG_MULTI_SZ, bytes)) {
+        settings.addresses = Texts(bytes);
+        if (!settings.addresses.empty())
+            settings.addressesSource = source(options.listen.has_value());
+    }
+    if (ReadValue(kVolumePlace, REG_SZ, REG_EXPAND_SZ, bytes)) {
+        const std::vector<std::string> texts = Texts(bytes);
+        if (!texts.empty()) {
+            settings.volume = texts.front();
+            settings.volumeSource = source(options.volume.has_value());
+        }
+    }
+    return settings;
+}
+
+std::string LocalUrl(const HostSettings& settings) {
+    std::string host = settings.addresses.empty() ? "127.0.0.1" : settings.addresses.front();
+    if (host == "0.0.0.0") host = "127.0.0.1";
+    if (host == "::") host = "::1";
+    if (host.find(':') != std::string::npos) host = "[" + host + "]";
+    return "http://" + host + ":" + std::to_string(settings.port);
+}
+
+std::string SettingsText(const HostSettings& settings) {
+    const auto line = [](const char* name, const std::string& value, SettingSource source) {
+        return std::string(name) + " " + value + " " + SourceName(source) + "\n";
+    };
+    return line("port", std::to_string(settings.port), settings.portSource) +
+           line("listen", settings.addresses.empty() ? "all" : Joined(settings.addresses),
+                settings.addressesSource) +
+           line("volume", settings.volume.empty() ? "none" : settings.volume,
+                settings.volumeSource) +
+           "address " + LocalUrl(settings) + "\n";
+}
