@@ -1,5 +1,6 @@
-// Records and codes that the server, the media I/O modules and remote clients exchange. The sizes are fixed: these
-// records travel inside command and reply bodies as they stand (little-endian). Plain data only; any thread.
+// Records and codes that the server, the media I/O modules and remote clients exchange. The sizes
+// are fixed: these records travel inside command and reply bodies as they stand (little-endian).
+// Plain data only; any thread.
 #pragma once
 
 #include <cstddef>
@@ -27,8 +28,9 @@ enum VioFrameRate_t : int32_t {
     kFrameRate60 = 8,
 };
 
-// Time address of a frame, BCD with the flag bits of SMPTE ST 12-1: bit 6 of `frames` is the drop-frame flag, bit 7 the
-// colour-frame flag; bit 7 of `seconds` is the field flag (odd frame of a pair at rates above 30).
+// Time address of a frame, BCD with the flag bits of SMPTE ST 12-1: bit 6 of `frames` is the
+// drop-frame flag, bit 7 the colour-frame flag; bit 7 of `seconds` is the field flag (odd frame of
+// a pair at rates above 30).
 struct vdrTimecode_s {
     uint8_t frames;
     uint8_t seconds;
@@ -37,38 +39,40 @@ struct vdrTimecode_s {
 };
 static_assert(sizeof(vdrTimecode_s) == 4);
 
-// Elementary-stream descriptor: what a file holds. A client fills it for CMD_CREATE_FILE (frameCount and flags are then
-// ignored) and receives it from CMD_GET_FILE_INFO. Fields that do not apply to the media type are 0.
+// Elementary-stream descriptor: what a file holds. A client fills it for CMD_CREATE_FILE
+// (frameCount and flags are then ignored) and receives it from CMD_GET_FILE_INFO. Fields that do
+// not apply to the media type are 0.
 struct ZemEsDesc {
-    uint32_t sizeVersion;      // kEsDescVersion1: low half the record's size, high half its version
-    int32_t mediaType;         // MediaFileType
-    uint32_t codec;            // four-character code, first character in the low byte
-    uint32_t rateNumerator;    // frames per second = rateNumerator / rateDenominator
+    uint32_t sizeVersion;    // kEsDescVersion1: low half the record's size, high half its version
+    int32_t mediaType;       // MediaFileType
+    uint32_t codec;          // four-character code, first character in the low byte
+    uint32_t rateNumerator;  // frames per second = rateNumerator / rateDenominator
     uint32_t rateDenominator;
-    uint32_t width;            // pixels
-    uint32_t height;           // lines of a frame
-    uint32_t sampleRate;       // samples per second
+    uint32_t width;       // pixels
+    uint32_t height;      // lines of a frame
+    uint32_t sampleRate;  // samples per second
     uint16_t channels;
     uint16_t bitsPerSample;
-    uint32_t frameCount;       // position of the last frame plus one
+    uint32_t frameCount;  // position of the last frame plus one
     vdrTimecode_s startTimecode;
-    uint32_t flags;            // kEsFlag…
-    uint32_t reserved[2];      // 0
+    uint32_t flags;        // kEsFlag…
+    uint32_t reserved[2];  // 0
 };
 inline constexpr uint32_t kEsDescVersion1 = (1u << 16) | 56u;
-inline constexpr uint32_t kEsFlagDropFrame = 0x1;   // startTimecode counts in drop-frame
-inline constexpr uint32_t kEsFlagStriped = 0x2;     // frames carry a timecode written by striping
-inline constexpr uint32_t kEsFlagGrowing = 0x4;     // a writer has the file open
-inline constexpr uint32_t kEsFlagReadOnly = 0x8;    // a foreign file
+inline constexpr uint32_t kEsFlagDropFrame = 0x1;  // startTimecode counts in drop-frame
+inline constexpr uint32_t kEsFlagStriped = 0x2;    // frames carry a timecode written by striping
+inline constexpr uint32_t kEsFlagGrowing = 0x4;    // a writer has the file open
+inline constexpr uint32_t kEsFlagReadOnly = 0x8;   // a foreign file
 static_assert(sizeof(ZemEsDesc) == 56 && offsetof(ZemEsDesc, mediaType) == 4);
 static_assert(offsetof(ZemEsDesc, frameCount) == 36 && offsetof(ZemEsDesc, reserved) == 48);
 
 // What is known of one frame. The server passes on the words at 0, 8 and 16.
 struct ZemFrameDesc {
-    uint32_t dataSize;              // bytes of coded data
-    uint32_t position;              // frame number in the file
-    uint32_t flags;                 // kFrameFlag…
-    uint32_t presentationTimeLow;   // presentation time from the start of the file, 100 ns units, 64 bits
+    uint32_t dataSize;  // bytes of coded data
+    uint32_t position;  // frame number in the file
+    uint32_t flags;     // kFrameFlag…
+    uint32_t
+        presentationTimeLow;  // presentation time from the start of the file, 100 ns units, 64 bits
     vdrTimecode_s timecode;
     uint32_t presentationTimeHigh;
 };
@@ -79,7 +83,8 @@ inline constexpr uint32_t kFrameFlagCorrupt = 0x8;  // its checksum was found no
 static_assert(sizeof(ZemFrameDesc) == 24);
 static_assert(offsetof(ZemFrameDesc, flags) == 8 && offsetof(ZemFrameDesc, timecode) == 16);
 
-// Open flags (CMD_OPEN_FILE) and create flags (CMD_CREATE_FILE). Bits that are not listed are refused with E_INVALIDARG.
+// Open flags (CMD_OPEN_FILE) and create flags (CMD_CREATE_FILE). Bits that are not listed are
+// refused with E_INVALIDARG.
 inline constexpr uint32_t kFileRead = 0x01;
 inline constexpr uint32_t kFileWrite = 0x02;      // one writer per file; implied by create
 inline constexpr uint32_t kFileShare = 0x04;      // accepted: readers always share
@@ -92,9 +97,12 @@ inline constexpr uint32_t kTokenKindAudio = 2;
 inline constexpr uint32_t kTokenKindTimecode = 7;
 inline constexpr uint32_t kTokenKindData = 8;
 inline constexpr uint32_t kTokenKindMarker = 24;
-inline constexpr uint32_t TokenKind(uint64_t token) { return static_cast<uint32_t>(token >> 24) & 0xFFu; }
+inline constexpr uint32_t TokenKind(uint64_t token) {
+    return static_cast<uint32_t>(token >> 24) & 0xFFu;
+}
 
-// A special token's frames are 24-byte descriptions inside the stream table; they carry no data buffers.
+// A special token's frames are 24-byte descriptions inside the stream table; they carry no data
+// buffers.
 inline constexpr bool IsSpecialToken(uint64_t token) {
     const uint32_t kind = TokenKind(token);
     return kind == kTokenKindTimecode || kind == kTokenKindData || kind == kTokenKindMarker;
@@ -103,9 +111,11 @@ inline constexpr bool IsSpecialToken(uint64_t token) {
 // Bit 31 of an entry's stream flags: the client wants status and length of the frame, no data.
 inline constexpr uint32_t kStreamFlagNoData = 0x80000000u;
 
-// Results of the media library that have no system error of their own (severity error, interface facility).
-inline constexpr int32_t kErrorFrameHole = static_cast<int32_t>(0x80040201u);    // never written
-inline constexpr int32_t kErrorFrameErased = static_cast<int32_t>(0x80040202u);  // erased by CMD_ERASE_SEGMENT
+// Results of the media library that have no system error of their own (severity error, interface
+// facility).
+inline constexpr int32_t kErrorFrameHole = static_cast<int32_t>(0x80040201u);  // never written
+inline constexpr int32_t kErrorFrameErased =
+    static_cast<int32_t>(0x80040202u);  // erased by CMD_ERASE_SEGMENT
 
 // One data buffer of a frame.
 struct ZemIoBuffer {
@@ -113,10 +123,11 @@ struct ZemIoBuffer {
     uint64_t length_bytes;
 };
 
-inline constexpr int kMaxStreamEntries = 22;    // entries of one frame I/O
-inline constexpr int kMaxBuffersPerEntry = 6;   // buffers of one entry
+inline constexpr int kMaxStreamEntries = 22;   // entries of one frame I/O
+inline constexpr int kMaxBuffersPerEntry = 6;  // buffers of one entry
 
-// One elementary stream of a frame I/O. `special` aliases the words from bufferCount on for special tokens.
+// One elementary stream of a frame I/O. `special` aliases the words from bufferCount on for special
+// tokens.
 struct ElemStrmEntry {
     int32_t status;  // HRESULT of this stream, set by the library
     uint64_t token;
@@ -133,10 +144,12 @@ struct ElemStrmEntry {
     uint32_t userData32;
 };
 static_assert(sizeof(ElemStrmEntry) == 144 && offsetof(ElemStrmEntry, token) == 8);
-static_assert(offsetof(ElemStrmEntry, position) == 16 && offsetof(ElemStrmEntry, streamFlags) == 20);
+static_assert(offsetof(ElemStrmEntry, position) == 16 &&
+              offsetof(ElemStrmEntry, streamFlags) == 20);
 static_assert(offsetof(ElemStrmEntry, bufferCount) == 24 && offsetof(ElemStrmEntry, buffers) == 32);
 static_assert(offsetof(ElemStrmEntry, special) == 24);
-static_assert(offsetof(ElemStrmEntry, userData64) == 128 && offsetof(ElemStrmEntry, userData32) == 136);
+static_assert(offsetof(ElemStrmEntry, userData64) == 128 &&
+              offsetof(ElemStrmEntry, userData32) == 136);
 
 // The stream list of one frame I/O.
 struct ZemElemStrmIoData {
@@ -145,8 +158,9 @@ struct ZemElemStrmIoData {
 };
 static_assert(sizeof(ZemElemStrmIoData) == 16);
 
-// Descriptor of one frame I/O, owned by the caller and held by the library from ReadFrame or WriteFrame until it calls
-// the completion routine. The library never keeps a pointer to it after that call began: the routine may free it.
+// Descriptor of one frame I/O, owned by the caller and held by the library from ReadFrame or
+// WriteFrame until it calls the completion routine. The library never keeps a pointer to it after
+// that call began: the routine may free it.
 struct ZemIoDesc {
     uint64_t stamp;  // performance counter when the descriptor was made
     int32_t status;  // HRESULT of the whole I/O, set by the library before it completes

@@ -1,4 +1,5 @@
-// Frame memory: one fixed reservation, handed out in contiguous page-aligned runs (module zemMemAllocator).
+// Frame memory: one fixed reservation, handed out in contiguous page-aligned runs (module
+// zemMemAllocator).
 #pragma once
 
 #include "platform/platform.h"
@@ -12,12 +13,13 @@ class IZemMemAllocator {
 public:
     virtual ~IZemMemAllocator() = default;
 
-    // Reserves size_bytes of address space; memory is taken from the system as runs are first used. `reserved` is null.
-    // Returns S_OK, E_INVALIDARG (zero size, called twice) or E_OUTOFMEMORY. REQUIRES: called before anything else.
+    // Reserves size_bytes of address space; memory is taken from the system as runs are first used.
+    // `reserved` is null. Returns S_OK, E_INVALIDARG (zero size, called twice) or E_OUTOFMEMORY.
+    // REQUIRES: called before anything else.
     virtual HRESULT Initialize(size_t size_bytes, void* reserved) = 0;
 
-    // A contiguous page-aligned run of at least size_bytes, or null when no such run is free: nothing is allocated
-    // elsewhere instead. A size of 0 gives null. The contents are unspecified.
+    // A contiguous page-aligned run of at least size_bytes, or null when no such run is free:
+    // nothing is allocated elsewhere instead. A size of 0 gives null. The contents are unspecified.
     virtual void* Allocate(size_t size_bytes) = 0;
 
     // Gives back a run that Allocate returned; null is ignored.
