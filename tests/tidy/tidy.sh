@@ -32,9 +32,9 @@ breach 'no room reaches into a source file:' "$(search '#include ".*\.cpp"' "${l
 # Form.
 breach 'a header of 300 lines or more:' "$(
     find zemhttpd mediaio platform apps -name '*.h' -exec awk 'END { if (NR >= 300) print FILENAME ": " NR }' {} \;)"
-breach 'a line over 120 columns:' "$(
+breach 'a line over 100 columns:' "$(
     find zemhttpd mediaio platform apps tests bench -name '*.h' -o -name '*.cpp' |
-        xargs -r awk 'length > 120 { print FILENAME ":" FNR ": " length }')"
+        xargs -r awk 'length > 100 { print FILENAME ":" FNR ": " length }')"
 
 # Nothing falls out of the build.
 if [ -f "$build/compile_commands.json" ]; then
