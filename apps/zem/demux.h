@@ -1,0 +1,64 @@
+// Coded packets of a clip, in the order in which they lie in it, through the FFmpeg libraries.
+// Nothing is decoded or changed. One thread.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "mediaio/zemiotypes.h"
+
+namespace zem {
+
+struct ClipStream {
+    std::string suffix;  // v0, v1, a0 ...
+    std::string codecName;
+    ZemEsDesc desc{};
+};
+
+struct ClipPacket {
+    size_t stream = 0;              // index into Streams()
+    std::span<const uint8_t> data;  // valid until the next Next
+    bool isKey = false;
+};
+
+class CDemuxer {
+public:
+    // Opens a file of this machine ("-" is the standard input). Throws CZemError(kLocalFile).
+    explicit CDemuxer(const std::string& path);
+    ~CDemuxer();
+    CDemuxer(const CDemuxer&) = delete;
+    CDemuxer& operator=(const CDemuxer&) = delete;
+
+    // The video and audio streams; streams of other kinds are counted only.
+    const std::vector<ClipStream>& Streams() const { return m_streams; }
+    int SkippedStreams() const { return m_skipped; }
+
+    // The next packet of those streams; false at the end of the clip. Throws CZemError(kLocalFile).
+    bool Next(ClipPacket& packet);
+
+    uint64_t Position_bytes() const;
+    uint64_t Size_bytes() const;  // 0 when unknown
+
+private:
+    struct Context;
+    std::string m_path;
+    std::unique_ptr<Context> m_context;
+    std::vector<ClipStream> m_streams;
+    std::vector<size_t> m_streamOfIndex;
+    int m_skipped = 0;
+};
+
+// "HH:MM:SS:FF", with ';' or '.' before the frames for drop-frame. At rates above 30 a timecode
+// counts pairs of frames, the field flag tells the second. False when the text is no timecode.
+bool ParseTimecode(const std::string& text, bool pairs, vdrTimecode_s& timecode);
+bool CountsPairs(const ZemEsDesc& desc);
+std::string TimecodeText(const vdrTimecode_s& timecode);
+bool IsDropFrame(const vdrTimecode_s& timecode);
+
+// The four characters of a codec, dots for what is not printable.
+std::string FourccText(uint32_t codec);
+
+}  // namespace zem

@@ -1,0 +1,239 @@
+// Verbs that read frames: framemd5, read, frames.
+#include <CLI/CLI.hpp>
+
+extern "C" {
+#include <libavutil/md5.h>
+}
+
+#include <array>
+#include <cstdio>
+
+#include "apps/zem/client/text.h"
+#include "apps/zem/client/zemerror.h"
+#include "apps/zem/demux.h"
+#include "apps/zem/output.h"
+#include "apps/zem/verbs.h"
+
+namespace zem {
+namespace {
+
+struct FrameOptions {
+    std::string name;
+    std::string aux;
+    std::string output = "-";
+    uint32_t from = 0;
+    uint32_t count = 0xFFFFFFFFu;
+    int32_t rate = kFrameRateFile;
+    bool byName = false;
+    bool force = false;
+    bool json = false;
+};
+
+using OptionsPtr = std::shared_ptr<FrameOptions>;
+
+std::string Md5Of(std::span<const uint8_t> data) {
+    std::array<uint8_t, 16> digest{};
+    av_md5_sum(digest.data(), data.data(), data.size());
+    std::string text;
+    for (const uint8_t byte : digest) {
+        text.push_back("0123456789abcdef"[byte >> 4]);
+        text.push_back("0123456789abcdef"[byte & 15]);
+    }
+    return text;
+}
+
+bool IsGap(int32_t status) {
+    return status == kErrorFrameHole || status == kErrorFrameErased;
+}
+
+// Calls `visit` for every frame from the first to the end of the file or of the count, gaps
+// included (their status tells). Returns how many positions were seen. Any other failure of a frame
+// is thrown.
+template <typename Visit>
+uint32_t ForEachFrame(CZemClient& client, uint64_t token, const FrameOptions& options,
+                      Visit visit) {
+    uint32_t seen = 0;
+    for (; seen < options.count && options.from + seen >= options.from; ++seen) {
+        if (StopRequested()) throw CZemError(ErrorKind::kInterrupted, "stopped");
+        const uint32_t position = options.from + seen;
+        const StreamFrame& frame = ReadOneFrame(client, token, position);
+        if (frame.status == kHrEndOfMedia) break;
+        if (frame.status < 0 && !IsGap(frame.status)) {
+            throw CZemError(ErrorKind::kRefused,
+                            Printable(options.name) + ": frame " + std::to_string(position) +
+                                " cannot be read: " + HresultText(frame.status),
+                            frame.status);
+        }
+        visit(position, frame);
+    }
+    return seen;
+}
+
+int FrameMd5(const CommandLine& line, const FrameOptions& options) {
+    CSession session(line);
+    COpenFile file(*session, session->Open(FileNamed(options.name, options.aux)));
+    CJson json;
+    if (options.json) {
+        json.Open('{').Text("name", options.name).Open('[', "frames");
+    } else {
+        // The column layout of the usual per-frame checksum lists, so that files can be compared
+        // with a text tool.
+        PrintLine(
+            "#format: frame checksums\n#version: 2\n#hash: MD5\n"
+            "#stream#, dts,        pts, duration,     size, hash");
+    }
+    CProgress progress("framemd5", !line.quiet && !StdoutIsTerminal());
+    const uint32_t seen = ForEachFrame(
+        *session, file.Token(), options, [&](uint32_t position, const StreamFrame& frame) {
+            progress.Show(position, 0, std::to_string(position) + " frames");
+            if (options.json) {
+                json.Open('{').Unsigned("frame", position);
+                if (IsGap(frame.status)) {
+                    json.Null("size").Null("md5").Close();
+                } else {
+                    json.Unsigned("size", frame.data.size()).Text("md5", Md5Of(frame.data)).Close();
+                }
+            } else if (IsGap(frame.status)) {
+                std::printf("# %u: %s\n", position, HresultText(frame.status).c_str());
+            } else {
+                std::printf("0, %10u, %10u, %8d, %8zu, %s\n", position, position, 1,
+                            frame.data.size(), Md5Of(frame.data).c_str());
+            }
+        });
+    if (options.json) PrintLine(json.Close().Unsigned("count", seen).Close().Str());
+    file.Close();
+    return kExitOk;
+}
+
+int Read(const CommandLine& line, const FrameOptions& options) {
+    if (options.json && options.output == "-") {
+        throw CZemError(ErrorKind::kUsage, "--json needs -o FILE: the frames go to stdout");
+    }
+    COutputFile output(options.output, options.force);
+    CSession session(line);
+    COpenFile file(*session, session->Open(FileNamed(options.name, options.aux)));
+    CProgress progress("read", !line.quiet);
+    uint64_t total_bytes = 0;
+    uint32_t gaps = 0;
+    const uint32_t seen =
+        ForEachFrame(*session, file.Token(), options, [&](uint32_t, const StreamFrame& frame) {
+            if (IsGap(frame.status)) {
+                ++gaps;
+                return;
+            }
+            output.Write(frame.data);
+            total_bytes += frame.data.size();
+            progress.Show(0, 0, HumanBytes(total_bytes));
+        });
+    file.Close();
+    if (seen == 0) {
+        throw CZemError(ErrorKind::kRefused, Printable(options.name) + ": no frame at position " +
+                                                 std::to_string(options.from));
+    }
+    output.Finish();
+    if (gaps > 0) std::fprintf(stderr, "zem: %u missing frame(s) were left out\n", gaps);
+    if (options.json) {
+        CJson json;
+        json.Open('{').Text("name", options.name).Text("output", options.output);
+        json.Unsigned("frames", seen - gaps).Unsigned("gaps", gaps).Unsigned("bytes", total_bytes);
+        PrintLine(json.Close().Str());
+    }
+    return kExitOk;
+}
+
+std::string FlagsText(uint32_t flags) {
+    std::string text;
+    text += (flags & kFrameFlagKey) != 0 ? 'K' : '-';
+    text += (flags & kFrameFlagPresent) != 0 ? 'P' : '-';
+    text += (flags & kFrameFlagErased) != 0 ? 'E' : '-';
+    text += (flags & kFrameFlagCorrupt) != 0 ? 'C' : '-';
+    return text;
+}
+
+int Frames(const CommandLine& line, const FrameOptions& options) {
+    constexpr uint32_t kChunk = 1024;
+    CSession session(line);
+    const FileRef ref = FileNamed(options.name, options.aux);
+    COpenFile file(*session, options.byName ? 0 : session->Open(ref));
+    const ZemEsDesc info =
+        options.byName ? session->FileInfo(ref) : session->FileInfo(file.Token());
+    const uint32_t total = info.frameCount > options.from ? info.frameCount - options.from : 0;
+    const uint32_t count = options.count < total ? options.count : total;
+    CJson json;
+    if (options.json) {
+        json.Open('{').Text("name", options.name).Unsigned("frame_count", info.frameCount);
+        json.Open('[', "frames");
+    } else {
+        PrintLine("     frame       size  flags  timecode");
+    }
+    for (uint32_t done = 0; done < count && !StopRequested();) {
+        const uint32_t from = options.from + done;
+        const uint32_t some = count - done < kChunk ? count - done : kChunk;
+        const std::vector<FrameDescEntry> descs =
+            options.byName ? session->FrameDescs(ref, from, some)
+                           : session->FrameDescs(file.Token(), from, some, options.rate);
+        for (uint32_t i = 0; i < some; ++i) {
+            const FrameDescEntry& desc = descs[i];
+            if (!options.json) {
+                std::printf("%10u %10u  %s   %s\n", from + i, desc.dataSize,
+                            FlagsText(desc.flags).c_str(), TimecodeText(desc.timecode).c_str());
+                continue;
+            }
+            json.Open('{').Unsigned("frame", from + i).Unsigned("size", desc.dataSize);
+            json.Bool("key", (desc.flags & kFrameFlagKey) != 0);
+            json.Bool("present", (desc.flags & kFrameFlagPresent) != 0);
+            json.Bool("erased", (desc.flags & kFrameFlagErased) != 0);
+            json.Bool("corrupt", (desc.flags & kFrameFlagCorrupt) != 0);
+            json.Text("timecode", TimecodeText(desc.timecode)).Close();
+        }
+        done += some;
+    }
+    if (options.json) PrintLine(json.Close().Close().Str());
+    file.Close();
+    return kExitOk;
+}
+
+CLI::App* AddVerb(CLI::App& app, CommandLine& line, const char* name, const char* help,
+                  const OptionsPtr& options, int (*run)(const CommandLine&, const FrameOptions&)) {
+    CLI::App* verb = app.add_subcommand(name, help);
+    verb->add_option("NAME", options->name, "File on the server")->required();
+    verb->add_option("--stream", options->aux, "Stream of a file with several: v0, a1, tc");
+    verb->add_option("--from", options->from, "First frame")->capture_default_str();
+    verb->add_option("--count", options->count, "How many frames (default: to the end)");
+    verb->add_flag("--json", options->json, "Output as JSON");
+    verb->callback([options, &line, run] {
+        line.verb = [options, &line, run] { return run(line, *options); };
+    });
+    return verb;
+}
+
+}  // namespace
+
+void AddFrameVerbs(CLI::App& app, CommandLine& line) {
+    AddVerb(app, line, "framemd5", "Read frames back and print size and MD5 of each",
+            std::make_shared<FrameOptions>(), &FrameMd5);
+
+    auto read = std::make_shared<FrameOptions>();
+    CLI::App* verb = AddVerb(app, line, "read",
+                             "Write the frames' data, one after another, to a "
+                             "file or a pipe",
+                             read, &Read);
+    verb->add_option("-o,--output", read->output, "File; - is stdout")->capture_default_str();
+    verb->add_flag("--force", read->force, "Replace the file if it exists");
+
+    auto frames = std::make_shared<FrameOptions>();
+    verb = AddVerb(app, line, "frames",
+                   "List the frames: size, flags (Key, Present, Erased, "
+                   "Corrupt), timecode",
+                   frames, &Frames);
+    CLI::Option* by_name =
+        verb->add_flag("--by-name", frames->byName, "Ask without opening the file");
+    verb->add_option("--rate", frames->rate,
+                     "Count positions in this rate: 0 the file's own, 1 23.976, 2 24, 3 25, "
+                     "4 29.97, 5 30, 6 50, 7 59.94, 8 60")
+        ->check(CLI::Range(0, 8))
+        ->excludes(by_name)
+        ->capture_default_str();
+}
+
+}  // namespace zem

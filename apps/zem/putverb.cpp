@@ -1,0 +1,281 @@
+// zem put: a clip goes in packet by packet, one media file per stream. The protocol answers S_OK to
+// every write, so the verb remembers size and checksum of what it sent and compares them with what
+// the server has afterwards.
+#include <CLI/CLI.hpp>
+
+extern "C" {
+#include <libavutil/crc.h>
+}
+
+#include <cstdio>
+
+#include "apps/zem/client/text.h"
+#include "apps/zem/client/zemerror.h"
+#include "apps/zem/demux.h"
+#include "apps/zem/output.h"
+#include "apps/zem/verbs.h"
+
+namespace zem {
+namespace {
+
+// So much may be under way unconfirmed: a third of the smaller of the two frame memories that
+// servers have. A server whose disk falls behind drops frames without telling; waiting for its disk
+// now and then keeps it from that.
+constexpr uint64_t kFlushEvery_bytes = 40u << 20;
+
+struct PutOptions {
+    std::string clip;
+    std::string name;
+    std::string verify = "quick";
+    bool force = false;
+    bool json = false;
+};
+
+struct SentFrame {
+    uint32_t size_bytes;
+    uint32_t crc;
+};
+
+struct PutFile {
+    std::string name;
+    const ClipStream* stream = nullptr;
+    uint64_t token = 0;
+    uint64_t total_bytes = 0;
+    std::vector<SentFrame> frames;
+};
+
+uint32_t CrcOf(std::span<const uint8_t> data) {
+    return av_crc(av_crc_get_table(AV_CRC_32_IEEE_LE), 0xFFFFFFFFu, data.data(), data.size());
+}
+
+// True when the server did what was asked; false when it does not know the command (an older or
+// smaller server).
+template <typename Call>
+bool IfImplemented(Call call) {
+    try {
+        call();
+        return true;
+    } catch (const CZemError& error) {
+        if (error.Kind() == ErrorKind::kRefused && error.Hr() == kHrNotImplemented) return false;
+        throw;
+    }
+}
+
+class CPut {
+public:
+    CPut(const CommandLine& line, const PutOptions& options)
+        : m_line(line), m_options(options), m_clip(options.clip), m_session(line) {}
+
+    int Run() {
+        CreateFiles();
+        SendAll();
+        for (PutFile& file : m_files) {
+            Flush(file);
+            m_session->Close(file.token);
+            file.token = 0;
+        }
+        // Opened anew: what is compared is what the next client will see.
+        for (const PutFile& file : m_files)
+            Verify(file);
+        Summary();
+        return kExitOk;
+    }
+
+private:
+    void CreateFiles();
+    void SendAll();
+    void Send(const ClipPacket& packet);
+    void Flush(const PutFile& file);
+    void Verify(const PutFile& file);
+    void VerifyDescs(const PutFile& file, uint64_t token, bool& implemented);
+    void VerifyFrame(const PutFile& file, uint64_t token, uint32_t position);
+    void Summary() const;
+
+    const CommandLine& m_line;
+    const PutOptions& m_options;
+    CDemuxer m_clip;
+    CSession m_session;
+    std::vector<PutFile> m_files;
+    uint64_t m_unconfirmed_bytes = 0;
+    bool m_canFlush = true;
+};
+
+[[noreturn]] void ThrowLost(const PutFile& file, uint32_t position, const std::string& what) {
+    throw CZemError(ErrorKind::kRefused,
+                    Printable(file.name) + ": frame " + std::to_string(position) + " " + what +
+                        "; the server answered its write with success, its log has the reason");
+}
+
+void CPut::CreateFiles() {
+    const uint32_t flags =
+        kFileRead | kFileWrite | (m_options.force ? kFileTruncate : kFileCreateNew);
+    for (const ClipStream& stream : m_clip.Streams()) {
+        PutFile file;
+        file.name = m_options.name + "." + stream.suffix;
+        file.stream = &stream;
+        try {
+            file.token = m_session->Create(FileNamed(file.name).name, u"", stream.desc, flags);
+        } catch (const CZemError& error) {
+            if (error.Kind() != ErrorKind::kRefused) throw;
+            throw CZemError(
+                error.Kind(),
+                std::string(error.what()) +
+                    (m_options.force ? "; is its directory there, and may the server write it?"
+                                     : "; if it exists, --force replaces it; else see whether its "
+                                       "directory is there"),
+                error.Hr());
+        }
+        m_files.push_back(std::move(file));
+    }
+}
+
+void CPut::SendAll() {
+    CProgress progress("put " + Printable(m_options.name), !m_line.quiet);
+    const uint64_t clip_bytes = m_clip.Size_bytes();
+    uint64_t sent_bytes = 0;
+    uint64_t packets = 0;
+    ClipPacket packet;
+    while (m_clip.Next(packet)) {
+        if (StopRequested()) {
+            throw CZemError(ErrorKind::kInterrupted, "stopped after " + std::to_string(packets) +
+                                                         " frames; the files are incomplete");
+        }
+        Send(packet);
+        sent_bytes += packet.data.size();
+        ++packets;
+        const double seconds = progress.Seconds();
+        const auto rate =
+            static_cast<uint64_t>(static_cast<double>(sent_bytes) / (seconds > 0 ? seconds : 1));
+        progress.Show(m_clip.Position_bytes(), clip_bytes,
+                      std::to_string(packets) + " frames, " + HumanBytes(rate) + "/s");
+    }
+    if (packets == 0) {
+        throw CZemError(ErrorKind::kLocalFile, Printable(m_options.clip) + ": no frame in it");
+    }
+}
+
+void CPut::Send(const ClipPacket& packet) {
+    PutFile& file = m_files[packet.stream];
+    const auto position = static_cast<uint32_t>(file.frames.size());
+    if (packet.data.size() > kMaxFrame_bytes) {
+        throw CZemError(ErrorKind::kLocalFile, Printable(m_options.clip) + ": frame " +
+                                                   std::to_string(position) + " has " +
+                                                   HumanBytes(packet.data.size()) +
+                                                   ", more than a server can take");
+    }
+    if (m_unconfirmed_bytes + packet.data.size() > kFlushEvery_bytes) {
+        for (const PutFile& each : m_files)
+            Flush(each);
+        m_unconfirmed_bytes = 0;
+    }
+    WriteEntry entry;
+    entry.token = file.token;
+    entry.position = position;
+    entry.streamFlags = packet.isKey ? kFrameFlagKey : 0;
+    entry.bufferLengths_bytes = {static_cast<uint32_t>(packet.data.size())};
+    m_session->WriteFrames({&entry, 1}, packet.data);
+    file.frames.push_back({static_cast<uint32_t>(packet.data.size()), CrcOf(packet.data)});
+    file.total_bytes += packet.data.size();
+    m_unconfirmed_bytes += packet.data.size();
+}
+
+void CPut::Flush(const PutFile& file) {
+    // Without the command closing has to do: it returns after the data are on the device, too.
+    if (m_canFlush) m_canFlush = IfImplemented([&] { m_session->Flush(file.token); });
+}
+
+void CPut::Verify(const PutFile& file) {
+    if (file.frames.empty()) return;
+    COpenFile open(*m_session, m_session->Open(FileNamed(file.name)));
+    const auto count = static_cast<uint32_t>(file.frames.size());
+    bool described = m_options.verify != "all";
+    if (described) VerifyDescs(file, open.Token(), described);
+    if (!described) {
+        for (uint32_t position = 0; position + 1 < count; ++position) {
+            VerifyFrame(file, open.Token(), position);
+        }
+    }
+    VerifyFrame(file, open.Token(), count - 1);
+    open.Close();
+}
+
+void CPut::VerifyDescs(const PutFile& file, uint64_t token, bool& implemented) {
+    std::vector<FrameDescEntry> descs;
+    implemented = IfImplemented([&] {
+        descs = m_session->FrameDescs(token, 0, static_cast<uint32_t>(file.frames.size()));
+    });
+    for (size_t i = 0; i < descs.size(); ++i) {
+        const auto position = static_cast<uint32_t>(i);
+        if ((descs[i].flags & kFrameFlagPresent) == 0) ThrowLost(file, position, "is missing");
+        if ((descs[i].flags & kFrameFlagCorrupt) != 0) ThrowLost(file, position, "is damaged");
+        if (descs[i].dataSize != file.frames[i].size_bytes) {
+            ThrowLost(file, position,
+                      "has " + std::to_string(descs[i].dataSize) + " bytes there, " +
+                          std::to_string(file.frames[i].size_bytes) + " here");
+        }
+    }
+}
+
+void CPut::VerifyFrame(const PutFile& file, uint64_t token, uint32_t position) {
+    if (StopRequested()) throw CZemError(ErrorKind::kInterrupted, "stopped while verifying");
+    const StreamFrame& frame = ReadOneFrame(*m_session, token, position);
+    if (frame.status < 0) {
+        ThrowLost(file, position, "cannot be read back: " + HresultText(frame.status));
+    }
+    const SentFrame& sent = file.frames[position];
+    if (frame.data.size() != sent.size_bytes || CrcOf(frame.data) != sent.crc) {
+        ThrowLost(file, position, "reads back with other contents");
+    }
+}
+
+void CPut::Summary() const {
+    if (m_options.json) {
+        CJson json;
+        json.Open('{').Text("clip", m_options.clip).Open('[', "files");
+        for (const PutFile& file : m_files) {
+            json.Open('{').Text("name", file.name);
+            json.Text("type", MediaTypeText(file.stream->desc.mediaType));
+            json.Text("codec", file.stream->codecName);
+            json.Unsigned("frames", file.frames.size()).Unsigned("bytes", file.total_bytes).Close();
+        }
+        json.Close().Number("skipped_streams", m_clip.SkippedStreams()).Close();
+        PrintLine(json.Str());
+        return;
+    }
+    if (m_line.quiet || !StdoutIsTerminal()) return;
+    for (const PutFile& file : m_files) {
+        std::printf("%s: %s %s, %zu frames, %s\n", Printable(file.name).c_str(),
+                    MediaTypeText(file.stream->desc.mediaType), file.stream->codecName.c_str(),
+                    file.frames.size(), HumanBytes(file.total_bytes).c_str());
+    }
+    if (m_clip.SkippedStreams() > 0) {
+        std::printf("%d stream(s) that are neither video nor audio were left out\n",
+                    m_clip.SkippedStreams());
+    }
+}
+
+}  // namespace
+
+void AddPutVerb(CLI::App& app, CommandLine& line) {
+    auto options = std::make_shared<PutOptions>();
+    CLI::App* verb = app.add_subcommand(
+        "put",
+        "Write every coded video and audio frame of a clip into files of the server: "
+        "NAME.v0, NAME.v1, NAME.a0 ...");
+    verb->add_option("CLIP", options->clip,
+                     "MOV, MP4, MXF or other clip of this machine; - is stdin")
+        ->required();
+    verb->add_option("NAME", options->name, "Name on the server, without the stream's ending")
+        ->required();
+    verb->add_flag("--force", options->force, "Replace files that exist");
+    verb->add_option("--verify", options->verify,
+                     "quick: compare the size of every frame and the contents of the last; "
+                     "all: read every frame back")
+        ->check(CLI::IsMember({"quick", "all"}))
+        ->capture_default_str();
+    verb->add_flag("--json", options->json, "Print a summary as JSON");
+    verb->callback(
+        [options, &line] { line.verb = [options, &line] { return CPut(line, *options).Run(); }; });
+}
+
+}  // namespace zem

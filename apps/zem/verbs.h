@@ -1,0 +1,113 @@
+// The verbs of the program zem. Each Add… function puts one group of verbs into the command line
+// and tells Run what to call. A verb talks to people on stdout and stderr and reports failure by
+// CZemError or its exit code. Main thread only.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "apps/zem/client/zemclient.h"
+
+namespace CLI {
+class App;
+}
+
+namespace zem {
+
+enum ExitCode : int {
+    kExitOk = 0,
+    kExitFailed = 1,
+    kExitUsage = 2,
+    kExitUnreachable = 3,
+    kExitBadReply = 4,
+    kExitLocalFile = 5,
+    kExitInterrupted = 130,
+};
+
+// What stands before the verb, and the verb that was chosen.
+struct CommandLine {
+    std::string server = "http://127.0.0.1:8080";
+    std::string clientId;  // empty: one is made up
+    uint32_t channel = 0;
+    int timeout_s = 60;
+    bool stay = false;
+    bool quiet = false;
+    std::function<int()> verb;
+
+    ConnectionOptions Connection() const;
+    // For verbs that change or end what a client has on the server: they are pointless under a
+    // made-up ID.
+    void RequireId(const char* verb_name) const;
+};
+
+// A client that joined. It leaves at the end unless it is to stay; a failed leave is no failure of
+// the verb.
+class CSession {
+public:
+    explicit CSession(const CommandLine& line, bool stay = false);
+    ~CSession();
+    CSession(const CSession&) = delete;
+    CSession& operator=(const CSession&) = delete;
+
+    CZemClient* operator->() { return &m_client; }
+    CZemClient& operator*() { return m_client; }
+
+private:
+    CZemClient m_client;
+    bool m_stay;
+};
+
+// Closes its file when it goes out of scope; a file that was closed by then is left alone.
+class COpenFile {
+public:
+    COpenFile(CZemClient& client, uint64_t token) : m_client(client), m_token(token) {}
+    ~COpenFile();
+    COpenFile(const COpenFile&) = delete;
+    COpenFile& operator=(const COpenFile&) = delete;
+    uint64_t Token() const { return m_token; }
+    void Close();
+
+private:
+    CZemClient& m_client;
+    uint64_t m_token;
+};
+
+// Reads one frame; a server that is short of memory for a moment is asked again. The data stay
+// valid until the next call.
+const StreamFrame& ReadOneFrame(CZemClient& client, uint64_t token, uint32_t position);
+
+// A file of this machine that appears under its name only when it is complete.
+class COutputFile {
+public:
+    // "-" is stdout. Throws CZemError(kLocalFile) when the file exists and `force` is not set.
+    COutputFile(const std::string& path, bool force);
+    ~COutputFile();  // removes what is incomplete
+    COutputFile(const COutputFile&) = delete;
+    COutputFile& operator=(const COutputFile&) = delete;
+    void Write(std::span<const uint8_t> bytes);
+    void Finish();
+
+private:
+    struct State;
+    std::unique_ptr<State> m_state;
+};
+
+FileRef FileNamed(const std::string& name, const std::string& aux = {});
+const char* MediaTypeText(int32_t media_type);
+std::string RateText(uint32_t numerator, uint32_t denominator);
+void PrintLine(const std::string& text);
+
+void AddPutVerb(CLI::App& app, CommandLine& line);
+void AddFrameVerbs(CLI::App& app, CommandLine& line);  // framemd5 read frames
+void AddFileVerbs(CLI::App& app,
+                  CommandLine& line);  // info marks df stat rm mv mkdir stripe erase flush
+void AddPageVerbs(CLI::App& app, CommandLine& line);    // status clients get
+void AddClientVerbs(CLI::App& app, CommandLine& line);  // join leave keepalive realtime config
+
+// The whole program but for its main: parses, runs, turns every failure into a line on stderr and
+// an exit code.
+int RunZem(int argc, const char* const* argv);
+
+}  // namespace zem
