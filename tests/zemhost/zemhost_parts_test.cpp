@@ -1,0 +1,258 @@
+// The parts of zemhost: its command line, the settings that it lays over the registry, what it
+// checks, and how it waits for a stop signal.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+
+#include "apps/zemhost/checks.h"
+#include "apps/zemhost/hostsystem.h"
+#include "apps/zemhost/options.h"
+#include "apps/zemhost/settings.h"
+#include "platform/platform.h"
+
+namespace {
+
+class CTempFolder {
+public:
+    CTempFolder() {
+        std::string name = (std::filesystem::temp_directory_path() / "zemhostXXXXXX").string();
+        if (!mkdtemp(name.data())) throw std::runtime_error("mkdtemp");
+        m_path = name;
+    }
+    ~CTempFolder() { std::filesystem::remove_all(m_path); }
+    std::string Path(const std::string& name) const { return (m_path / name).string(); }
+    std::string Write(const std::string& name, const std::string& text) const {
+        std::ofstream(Path(name), std::ios::binary) << text;
+        return Path(name);
+    }
+
+private:
+    std::filesystem::path m_path;
+};
+
+std::string Parse(const std::vector<std::string>& arguments, HostOptions& options) {
+    options = {};
+    return ParseOptions(arguments, options);
+}
+
+// Reads the settings that the options give, and takes the overrides away again.
+HostSettings SettingsOf(const HostOptions& options) {
+    ApplyOptions(options);
+    const HostSettings settings = ReadSettings(options);
+    for (const auto& [key, value] :
+         {std::pair(TEXT("HKEY_LOCAL_MACHINE\\Software\\Quorvane Group\\ZEM"), TEXT("HttpPort")),
+          std::pair(TEXT("HKEY_LOCAL_MACHINE\\Software\\Quorvane Group\\RUD\\vfs"), TEXT("0")),
+          std::pair(
+              TEXT("HKEY_LOCAL_MACHINE\\System\\CurrentControlSet\\Services\\HTTP\\Parameters"),
+              TEXT("ListenOnlyList"))})
+        OverrideRegistryValue(key, value, 0, nullptr, 0);
+    return settings;
+}
+
+constexpr char kTitle[] = "Windows Registry Editor Version 5.00\r\n\r\n";
+
+TEST(ZemhostOptions, TakeBothForms) {
+    HostOptions options;
+    EXPECT_EQ(Parse({"--port", "8080", "--listen=127.0.0.1,::1", "--volume", "/a b", "--registry=r",
+                     "--log", "l"},
+                    options),
+              "");
+    EXPECT_EQ(options.port, 8080);
+    EXPECT_EQ(options.listen, "127.0.0.1,::1");
+    EXPECT_EQ(options.volume, "/a b");
+    EXPECT_EQ(options.registry, "r");
+    EXPECT_EQ(options.log, "l");
+    EXPECT_FALSE(options.help || options.version || options.settings);
+}
+
+TEST(ZemhostOptions, AreEmptyWithoutArguments) {
+    HostOptions options;
+    EXPECT_EQ(Parse({}, options), "");
+    EXPECT_FALSE(options.port || options.listen || options.volume);
+}
+
+TEST(ZemhostOptions, RefuseWhatTheyDoNotKnow) {
+    HostOptions options;
+    EXPECT_EQ(Parse({"--verbose"}, options), "there is no option '--verbose'; see zemhost --help");
+    EXPECT_EQ(Parse({"8080"}, options), "there is no option '8080'; see zemhost --help");
+    EXPECT_EQ(Parse({"--help=yes"}, options), "--help takes no value; see zemhost --help");
+    EXPECT_EQ(Parse({"--volume"}, options), "--volume needs a value; see zemhost --help");
+    EXPECT_EQ(Parse({"--volume="}, options), "--volume needs a value; see zemhost --help");
+}
+
+TEST(ZemhostOptions, RefuseWhatIsNoPort) {
+    for (const char* const text : {"0", "65536", "-1", "80x", "x", " 80", "1e3"}) {
+        HostOptions options;
+        EXPECT_EQ(
+            Parse({"--port", text}, options),
+            "'" + std::string(text) + "' is not a port; give a number from 1 to 65535 with --port");
+    }
+}
+
+TEST(ZemhostSettings, AreTheDefaultsWithoutARegistryFile) {
+    const CTempFolder folder;
+    HostOptions options;
+    options.registry = folder.Path("none");
+    const HostSettings settings = SettingsOf(options);
+    EXPECT_EQ(settings.port, 80u);
+    EXPECT_TRUE(settings.addresses.empty());
+    EXPECT_EQ(settings.volume, "");
+    EXPECT_EQ(
+        SettingsText(settings),
+        "port 80 default\nlisten all default\nvolume none default\naddress http://127.0.0.1:80\n");
+}
+
+TEST(ZemhostSettings, ComeFromTheRegistryFile) {
+    const CTempFolder folder;
+    HostOptions options;
+    options.registry = folder.Write(
+        "r",
+        std::string(kTitle) +
+            "[HKEY_LOCAL_MACHINE\\Software\\Quorvane Group\\ZEM]\r\n\"HttpPort\"=dword:00002328\r\n"
+            "[HKEY_LOCAL_MACHINE\\Software\\Quorvane "
+            "Group\\RUD\\vfs]\r\n\"0\"=\"/media/m\xC3\xBC\"\r\n"
+            "[HKEY_LOCAL_MACHINE\\System\\CurrentControlSet\\Services\\HTTP\\Parameters]\r\n"
+            "\"ListenOnlyList\"=hex(7):3a,00,3a,00,31,00,00,00,30,00,00,00,00,00\r\n");
+    const HostSettings settings = SettingsOf(options);
+    EXPECT_EQ(SettingsText(settings),
+              "port 9000 registry\nlisten ::1,0 registry\nvolume /media/m\xC3\xBC registry\n"
+              "address http://[::1]:9000\n");
+}
+
+TEST(ZemhostSettings, OptionsComeBeforeTheRegistryFile) {
+    const CTempFolder folder;
+    HostOptions options;
+    options.registry = folder.Write("r", std::string(kTitle) +
+                                             "[HKEY_LOCAL_MACHINE\\Software\\Quorvane "
+                                             "Group\\ZEM]\r\n\"HttpPort\"=dword:00002328\r\n");
+    options.port = uint16_t{8081};
+    options.listen = "127.0.0.2,127.0.0.3";
+    options.volume = "/media/\xE2\x82\xAC";
+    EXPECT_EQ(
+        SettingsText(SettingsOf(options)),
+        "port 8081 option\nlisten 127.0.0.2,127.0.0.3 option\nvolume /media/\xE2\x82\xAC option\n"
+        "address http://127.0.0.2:8081\n");
+}
+
+TEST(ZemhostSettings, EveryAddressIsReachedThroughTheLoopback) {
+    HostSettings settings;
+    settings.port = 1;
+    EXPECT_EQ(LocalUrl(settings), "http://127.0.0.1:1");
+    settings.addresses = {"0.0.0.0"};
+    EXPECT_EQ(LocalUrl(settings), "http://127.0.0.1:1");
+    settings.addresses = {"::"};
+    EXPECT_EQ(LocalUrl(settings), "http://[::1]:1");
+}
+
+TEST(ZemhostPackage, RegistryFileHasTheSettingsAndThisVersion) {
+    HostOptions options;
+    options.registry = PACKAGED_REGISTRY_FILE;
+    EXPECT_EQ(CheckRegistryFile(options.registry), "");
+    EXPECT_EQ(SettingsText(SettingsOf(options)),
+              "port 8080 registry\nlisten 127.0.0.1 registry\nvolume /var/lib/zemhttpd registry\n"
+              "address http://127.0.0.1:8080\n");
+
+    HKEY key = nullptr;
+    ASSERT_EQ(
+        RegOpenKeyExW(HKEY_LOCAL_MACHINE, TEXT("Software\\Quorvane Group"), 0, KEY_READ, &key),
+        ERROR_SUCCESS);
+    char version[64] = {};
+    DWORD size = sizeof version;
+    EXPECT_EQ(RegQueryValueExA(key, "version", nullptr, nullptr, reinterpret_cast<LPBYTE>(version),
+                               &size),
+              ERROR_SUCCESS);
+    RegCloseKey(key);
+    EXPECT_STREQ(version, PROJECT_VERSION_TEXT);
+}
+
+TEST(ZemhostPackage, RegistryFileHasTheTraceSwitchInBothViews) {
+    SetRegistryFile(PACKAGED_REGISTRY_FILE);
+    for (const REGSAM view : {KEY_WOW64_64KEY, KEY_WOW64_32KEY}) {
+        HKEY key = nullptr;
+        ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, TEXT("Software\\Quorvane Group\\ZEM"), 0,
+                                KEY_READ | view, &key),
+                  ERROR_SUCCESS);
+        DWORD type = 0;
+        DWORD value = 1;
+        DWORD size = sizeof value;
+        EXPECT_EQ(RegQueryValueExW(key, TEXT("RsDbg"), nullptr, &type,
+                                   reinterpret_cast<LPBYTE>(&value), &size),
+                  ERROR_SUCCESS);
+        EXPECT_EQ(type, REG_DWORD);
+        EXPECT_EQ(value, 0u);
+        RegCloseKey(key);
+    }
+}
+
+TEST(ZemhostPackage, RegistryFileKnowsTheUsualContentTypes) {
+    SetRegistryFile(PACKAGED_REGISTRY_FILE);
+    const std::pair<const WCHAR*, const char*> types[] = {
+        {TEXT(".mxf"), "application/mxf"}, {TEXT(".MOV"), "video/quicktime"},
+        {TEXT(".mp4"), "video/mp4"},       {TEXT(".wav"), "audio/wav"},
+        {TEXT(".jpg"), "image/jpeg"},      {TEXT(".txt"), "text/plain"},
+        {TEXT(".html"), "text/html"}};
+    for (const auto& [extension, type] : types) {
+        HKEY key = nullptr;
+        ASSERT_EQ(RegOpenKeyExW(HKEY_CLASSES_ROOT, extension, 0, 0x2001F, &key), ERROR_SUCCESS)
+            << type;
+        char text[260] = {};
+        DWORD size = sizeof text;
+        EXPECT_EQ(RegQueryValueExA(key, "Content Type", nullptr, nullptr,
+                                   reinterpret_cast<LPBYTE>(text), &size),
+                  ERROR_SUCCESS);
+        EXPECT_STREQ(text, type);
+        RegCloseKey(key);
+    }
+}
+
+TEST(ZemhostChecks, TakeARegistryExportInAnyEncoding) {
+    const CTempFolder folder;
+    const std::string title = kTitle;
+    std::string wide = "\xFF\xFE";
+    for (const char c : title)
+        wide += {c, '\0'};
+    EXPECT_EQ(CheckRegistryFile(folder.Write("plain", title)), "");
+    EXPECT_EQ(CheckRegistryFile(folder.Write("marked", "\xEF\xBB\xBF" + title)), "");
+    EXPECT_EQ(CheckRegistryFile(folder.Write("wide", wide)), "");
+    EXPECT_EQ(CheckRegistryFile(folder.Write("old", "REGEDIT4\n")), "");
+}
+
+TEST(ZemhostChecks, RefuseOtherFiles) {
+    const CTempFolder folder;
+    for (const char* const text :
+         {"", "Windows Registry Editor", "port=8080\n", "\n[HKEY_LOCAL_MACHINE]\n"})
+        EXPECT_NE(CheckRegistryFile(folder.Write("file", text)), "") << text;
+    EXPECT_EQ(CheckRegistryFile(folder.Path("")),
+              "the registry file '" + folder.Path("") +
+                  "' is not a file; give a file with --registry FILE");
+}
+
+TEST(ZemhostChecks, PortThatTheRegistryHasWrong) {
+    HostSettings settings;
+    settings.port = 70000;
+    EXPECT_EQ(ExplainStartFailure(settings, E_FAIL),
+              "70000 is not a port; give a number from 1 to 65535 with --port N");
+}
+
+TEST(ZemhostSignals, StopSignalIsTakenAndTheNextOneEndsTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    for (const auto& [number, name] : {std::pair(SIGINT, "SIGINT"), std::pair(SIGTERM, "SIGTERM"),
+                                       std::pair(SIGHUP, "SIGHUP")}) {
+        EXPECT_EXIT(
+            {
+                PrepareProcess();
+                kill(getpid(), number);
+                if (WaitForStopSignal() != name) std::exit(1);
+                kill(getpid(), SIGTERM);
+                std::exit(2);
+            },
+            testing::KilledBySignal(SIGTERM), "");
+    }
+}
+
+}  // namespace
