@@ -3,7 +3,7 @@
 
 # To build everything, tests included.
 packages_build=(
-    g++ cmake ninja-build pkg-config ccache
+    g++ cmake ninja-build pkg-config ccache python3
     libpugixml-dev liburing-dev
     libavformat-dev libavcodec-dev libavutil-dev
     libcurl4-openssl-dev libcli11-dev
