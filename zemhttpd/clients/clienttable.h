@@ -1,6 +1,7 @@
-// The joined clients: one record each, found by client ID, and the references that keep a record alive while it is in
-// use. Workers join, leave and look up; the sniffer unlinks the silent. The table's lock guards the map alone; a record
-// is never freed while linked, and after a leave or a purge not before the last reference to it has gone.
+// The joined clients: one record each, found by client ID, and the references that keep a record
+// alive while it is in use. Workers join, leave and look up; the sniffer unlinks the silent. The
+// table's lock guards the map alone; a record is never freed while linked, and after a leave or a
+// purge not before the last reference to it has gone.
 #pragma once
 
 #include "mediaio/zemchannelio.h"
@@ -11,8 +12,8 @@
 #include <cstddef>
 #include <utility>
 
-// One joined client. Created with one reference, which belongs to the table and, once the record is unlinked, to
-// whoever unlinked it (DeleteZemClient gives it up).
+// One joined client. Created with one reference, which belongs to the table and, once the record is
+// unlinked, to whoever unlinked it (DeleteZemClient gives it up).
 struct ZemClient {
     ZemClient(WString display, CZemChannelIo* channelIo, LONGLONG now_seconds);
     ZemClient(const ZemClient&) = delete;
@@ -21,15 +22,16 @@ struct ZemClient {
     WString displayString;                  // User-Agent from its first "(" on; may be empty
     std::atomic<LONGLONG> lastRequestTime;  // seconds since 1970, wall clock
     std::atomic<ULONGLONG> requestCount;
-    CZemChannelIo* channel;                 // owned; null only in tests
-    CRITICAL_SECTION recordLock;            // held through a whole frame write
+    CZemChannelIo* channel;       // owned; null only in tests
+    CRITICAL_SECTION recordLock;  // held through a whole frame write
 
     void Touch(LONGLONG now_seconds) {
         lastRequestTime.store(now_seconds, std::memory_order_relaxed);
         requestCount.fetch_add(1, std::memory_order_relaxed);
     }
     void AddRef() { m_references.fetch_add(1, std::memory_order_relaxed); }
-    // The last release detaches the channel's read allocator and destroys channel, lock and record, on this thread.
+    // The last release detaches the channel's read allocator and destroys channel, lock and record,
+    // on this thread.
     void Release();
 
 private:
@@ -38,9 +40,10 @@ private:
     std::atomic<LONG> m_references{1};
 };
 
-// A counted reference: record, record lock and channel stay while it lives. Hold it on the stack for the length of the
-// calls into the channel. Never let the last one go inside a completion routine of that channel: destroying a channel
-// waits for its completion routines. An asynchronous frame needs no reference of its own, for the same reason.
+// A counted reference: record, record lock and channel stay while it lives. Hold it on the stack
+// for the length of the calls into the channel. Never let the last one go inside a completion
+// routine of that channel: destroying a channel waits for its completion routines. An asynchronous
+// frame needs no reference of its own, for the same reason.
 class CZemClientRef {
 public:
     CZemClientRef() = default;
@@ -96,15 +99,14 @@ public:
 
     // --- REQUIRES: the caller holds a CLock ---
     size_t Count() const { return m_clients.Count(); }
-    // Throws HRESULT E_OUTOFMEMORY at kMaxClients or without memory; the record then still is the caller's.
+    // Throws HRESULT E_OUTOFMEMORY at kMaxClients or without memory; the record then still is the
+    // caller's.
     void Insert(const WString& clientId, ZemClient* record) {
         if (m_clients.Count() >= kMaxClients) throw static_cast<HRESULT>(E_OUTOFMEMORY);
         m_clients.Set(clientId, record);
     }
     // The unlinked record with the table's reference, or null for an unknown client.
     ZemClient* Unlink(WStringView clientId);
-    // Unlinks any record (the first of the walk); null when the table is empty or the entry had none.
-    ZemClient* UnlinkFirst();
     // Visits in the order of the client page: visit(const WString& clientId, ZemClient* record).
     template <class Visit>
     void ForEach(Visit visit) {

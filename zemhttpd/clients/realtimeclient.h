@@ -1,5 +1,6 @@
-// Who has real-time I/O: the ID of at most one client. Joins, CMD_SET_IO_REAL_TIME, leaves and the sniffer read and write
-// it on their own threads; a small private lock keeps the text whole, while the order of events is theirs.
+// Who has real-time I/O: the ID of at most one client. Joins, CMD_SET_IO_REAL_TIME, leaves and the
+// sniffer read and write it on their own threads; a small private lock keeps the text whole, while
+// the order of events is theirs.
 #pragma once
 
 #include "platform/platform.h"

@@ -1,13 +1,14 @@
-// The logging scope: an object on the stack of every function that can fail. It holds the function's result, remembers
-// where an error was raised and writes to the error log. CEntryPoint is exported: other modules of the host use the same
-// class, so the fields, their order and the order of the virtual operations are binary interface.
+// The logging scope: an object on the stack of every function that can fail. It holds the
+// function's result, remembers where an error was raised and writes to the error log. CEntryPoint
+// is exported: other modules of the host use the same class, so the fields, their order and the
+// order of the virtual operations are binary interface.
 //
 // The error convention, everywhere in the library:
 //     HRESULT CThing::Do() {
 //         CZemEntry scope(TEXT("CThing::Do"));
 //         try {
-//             scope = Callee();                                  // throws the HRESULT when it is negative
-//             ThrowError(scope, hr, kSource, 42, TEXT("%s: no"), name);
+//             scope = Callee();                                  // throws the HRESULT when it is
+//             negative ThrowError(scope, hr, kSource, 42, TEXT("%s: no"), name);
 //         } catch (...) {
 //             LogCaught(scope, kSource, kCatchLine);
 //         }
@@ -17,13 +18,26 @@
 
 #include "platform/platform.h"
 
+class CEntryPoint;
+
+// Formats the message once, logs it through the scope and throws the scope's result (the chain id)
+// as an HRESULT.
+[[noreturn]] void ThrowError(CEntryPoint& scope, HRESULT hr, const WCHAR* file, LONG line,
+                             const WCHAR* format, ...);
+
 #pragma GCC visibility push(default)
+// These classes have no virtual destructor: it would take a slot in the table that other modules
+// know. They live on the stack and are never deleted through a base.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
 
 class CEntryPointException {
 public:
     virtual HRESULT LogEntryPoint() = 0;
-    virtual HRESULT LogError(HRESULT hr, const WCHAR* file, LONG line, const WCHAR* format, ...) = 0;
-    // Reports an event to the system's event log; type 1 (EVENTLOG_ERROR_TYPE) adds the place and the code.
+    virtual HRESULT LogError(HRESULT hr, const WCHAR* file, LONG line, const WCHAR* format,
+                             ...) = 0;
+    // Reports an event to the system's event log; type 1 (EVENTLOG_ERROR_TYPE) adds the place and
+    // the code.
     virtual HRESULT WriteEventLog(const WCHAR* source, WORD type, HRESULT hr, const WCHAR* file,
                                   LONG line, const WCHAR* format, ...);
 
@@ -50,17 +64,19 @@ protected:
     BOOL m_logged;
     HRESULT m_result;
 
-    friend void ThrowError(class CEntryPoint& scope, HRESULT hr, const WCHAR* file, LONG line,
+    friend void ThrowError(CEntryPoint& scope, HRESULT hr, const WCHAR* file, LONG line,
                            const WCHAR* format, ...);
 };
 
 class CEntryPoint : public CEntryPointException {
 public:
     CEntryPoint();
-    explicit CEntryPoint(const WCHAR* format, ...);  // formats the function name, at most 127 characters
+    explicit CEntryPoint(const WCHAR* format,
+                         ...);  // formats the function name, at most 127 characters
     CEntryPoint(const CEntryPoint& other);
     CEntryPoint& operator=(const CEntryPoint& other);
-    // Checks a callee's result: stores it and, when it is negative, writes an entry-point record and throws it.
+    // Checks a callee's result: stores it and, when it is negative, writes an entry-point record
+    // and throws it.
     CEntryPoint& operator=(HRESULT hr);
 
     HRESULT LogEntryPoint() override;
@@ -68,12 +84,12 @@ public:
     HRESULT LogError(HRESULT hr, const WCHAR* file, LONG line, const WCHAR* format, ...) override;
     virtual int LogMsg(const WCHAR* format, ...);
     virtual int LogWarning(const WCHAR* format, ...);
-    virtual int LogOwnerInfo(LONG id, const WCHAR* a, const WCHAR* b, const WCHAR* c, const WCHAR* d,
-                             LONG e);
+    virtual int LogOwnerInfo(LONG id, const WCHAR* a, const WCHAR* b, const WCHAR* c,
+                             const WCHAR* d, LONG e);
     virtual int Trace(const WCHAR* format, ...);
 
 protected:
-    DWORD m_category;  // not set by this class
+    DWORD m_category;  // 0 here: derived classes set theirs
     DWORD m_chainId;
 };
 
@@ -87,18 +103,18 @@ public:
 
     virtual int LogSlowOperation(DWORD elapsed_ms, const WCHAR* format, ...);
 };
+#pragma GCC diagnostic pop
 
-// Formats the message once, logs it through the scope and throws the scope's result (the chain id) as an HRESULT.
-[[noreturn]] void ThrowError(CEntryPoint& scope, HRESULT hr, const WCHAR* file, LONG line,
-                             const WCHAR* format, ...);
-
-// Turns the exception in flight into the scope's result: an HRESULT is logged unless it was, a _com_error and anything
-// else always. `file` and `line` name the catch of the calling function. REQUIRES: called inside a catch clause.
+// Turns the exception in flight into the scope's result: an HRESULT is logged unless it was, a
+// _com_error and anything else always. `file` and `line` name the catch of the calling function.
+// REQUIRES: called inside a catch clause.
 void LogCaught(CEntryPoint& scope, const WCHAR* file, LONG line);
 
-// A positive Win32 or HTTP error e becomes 0x80070000 | (e & 0xFFFF); zero and negative values pass unchanged.
+// A positive Win32 or HTTP error e becomes 0x80070000 | (e & 0xFFFF); zero and negative values pass
+// unchanged.
 inline constexpr HRESULT HresultFromError(LONG error) {
-    return error <= 0 ? error : static_cast<HRESULT>(0x80070000u | (static_cast<DWORD>(error) & 0xFFFFu));
+    return error <= 0 ? error
+                      : static_cast<HRESULT>(0x80070000u | (static_cast<DWORD>(error) & 0xFFFFu));
 }
 
 // Source names that are part of a log record.

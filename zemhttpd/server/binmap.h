@@ -1,7 +1,8 @@
-// A hash map whose walking order is part of what users see: an entry's bin is its hash modulo the number of bins, a new
-// entry goes in front of its bin, and a walk visits the bins from 0. The client table and the frame pool's map use it.
-// Not thread-safe: the owner's lock guards it. Nodes come in blocks of ten and are reused, so that a map which has been
-// as full before allocates nothing.
+// A hash map whose walking order is part of what users see: an entry's bin is its hash modulo the
+// number of bins, a new entry goes in front of its bin, and a walk visits the bins from 0. The
+// client table and the frame pool's map use it. Not thread-safe: the owner's lock guards it. Nodes
+// come in blocks of ten and are reused, so that a map which has been as full before allocates
+// nothing.
 #pragma once
 
 #include "platform/platform.h"
@@ -18,7 +19,8 @@
 struct CWideKeyTraits {
     static uint32_t Hash(WStringView key) {
         uint32_t hash = 0;
-        for (const WCHAR unit : key) hash = hash * 33u + unit;
+        for (const WCHAR unit : key)
+            hash = hash * 33u + unit;
         return hash;
     }
     static bool Equal(WStringView a, WStringView b) { return a == b; }
@@ -42,7 +44,7 @@ public:
     CBinMap& operator=(const CBinMap&) = delete;
 
     size_t Count() const { return m_count; }
-    size_t Bins() const { return m_bins.size(); }
+    size_t BinCount() const { return m_bins.size(); }
 
     // The entry's value, valid until the entry is removed; null when there is none.
     template <class LookupKey>
@@ -81,10 +83,12 @@ public:
     template <class Visit>
     void ForEach(Visit visit) {
         for (Node* node : m_bins)
-            for (; node; node = node->next) visit(std::as_const(node->key), node->value);
+            for (; node; node = node->next)
+                visit(std::as_const(node->key), node->value);
     }
 
-    // Takes out every entry for which take(const Key&, Value&) is true. No entry moves during the walk.
+    // Takes out every entry for which take(const Key&, Value&) is true. No entry moves during the
+    // walk.
     template <class Take>
     void RemoveIf(Take take) {
         for (Node*& bin : m_bins) {
@@ -139,7 +143,8 @@ private:
         if (!m_freeSlots) {
             m_blocks.reserve(m_blocks.size() + 1);
             m_blocks.push_back(std::make_unique<Slot[]>(kNodesPerBlock));
-            for (size_t i = 0; i < kNodesPerBlock; ++i) FreeSlot(&m_blocks.back()[i]);
+            for (size_t i = 0; i < kNodesPerBlock; ++i)
+                FreeSlot(&m_blocks.back()[i]);
         }
         Slot* slot = m_freeSlots;
         Slot* rest = slot->free;
@@ -171,7 +176,8 @@ private:
         if (m_count * 4 < m_bins.size() && m_bins.size() > kFirstBins) Rehash();  // below 0.25
     }
 
-    // Aims at 0.75 entries per bin with a prime number of bins. Without memory the old bins stay: slower, not wrong.
+    // Aims at 0.75 entries per bin with a prime number of bins. Without memory the old bins stay:
+    // slower, not wrong.
     void Rehash() {
         const size_t wanted = PrimeFrom(std::max(kFirstBins, (m_count * 4 + 2) / 3));
         if (wanted == m_bins.size()) return;
@@ -197,7 +203,8 @@ private:
                 if (n % d == 0) return false;
             return true;
         };
-        while (!isPrime(number)) ++number;
+        while (!isPrime(number))
+            ++number;
         return number;
     }
 

@@ -1,7 +1,8 @@
-// CHttpCommandHandler: the server object. It owns the request queue, the completion port, the threads and the parts that
-// the rooms bring (client table, pools, real-time client, capacity cache), and has the handlers of all commands as
-// members, so that On_CMD_X and DoCmdX are found by name. Start and stop run on the host's thread, handlers on the
-// workers, completions on the media library's threads.
+// CHttpCommandHandler: the server object. It owns the request queue, the completion port, the
+// threads and the parts that the rooms bring (client table, pools, real-time client, capacity
+// cache), and has the handlers of all commands as members, so that On_CMD_X and DoCmdX are found by
+// name. Start and stop run on the host's thread, handlers on the workers, completions on the media
+// library's threads.
 #pragma once
 
 #include "mediaio/zemchannelio.h"
@@ -16,9 +17,12 @@
 #include <list>
 #include <string>
 
+class CZemEntry;
+struct CommandRow;
+
 class CHttpCommandHandler {
 public:
-    CHttpCommandHandler();   // throws HRESULT E_OUTOFMEMORY when the frame pool cannot be had
+    CHttpCommandHandler();  // throws HRESULT E_OUTOFMEMORY when the frame pool cannot be had
     ~CHttpCommandHandler();
     CHttpCommandHandler(const CHttpCommandHandler&) = delete;
     CHttpCommandHandler& operator=(const CHttpCommandHandler&) = delete;
@@ -40,16 +44,20 @@ public:
     HRESULT GetCompleteRequest(ZemCommand& command);
 
     // --- replies (server/reply.cpp), worker and completion threads ---
-    HRESULT GetZemReplyMsg(CHttpXaction& xaction, DWORD bodySize_bytes, DWORD replyCode, BYTE** body);
+    HRESULT GetZemReplyMsg(CHttpXaction& xaction, DWORD bodySize_bytes, DWORD replyCode,
+                           BYTE** body);
     HRESULT SendZemHttpResponse(CHttpXaction& xaction, HRESULT hr, ULONGLONG contentLength_bytes,
                                 const WCHAR* clientId);
     HRESULT SendGenericZemFailureResponse(HRESULT hr, const WCHAR* clientId, CHttpXaction& xaction);
+    HRESULT SendStatusOnlyError(HRESULT hr, const WCHAR* clientId,
+                                CHttpXaction& xaction);  // 500 "Error 0x..."
     HRESULT SendHttpResponse(const WCHAR* clientId, CHttpXaction& xaction, USHORT status,
                              const char* reason);
 
     // --- clients (clients/*.cpp) ---
-    // Finds a joined client; with `touch` its last request time and request count advance. The reference keeps record,
-    // record lock and channel alive until it goes. Empty for an unknown client.
+    // Finds a joined client; with `touch` its last request time and request count advance. The
+    // reference keeps record, record lock and channel alive until it goes. Empty for an unknown
+    // client.
     CZemClientRef LookupClient(const WCHAR* clientId, bool touch);
     HRESULT DoCmdJoin(const ZemCommand& command, DWORD channelId);
     HRESULT On_CMD_JOIN(const ZemCommand& command);
@@ -80,7 +88,8 @@ public:
     HRESULT On_CMD_GET_FRAME_DESC(const ZemCommand& command);
     HRESULT DoCmdGetFrameDesc2(const ZemCommand& command, LONG count, ZemFrameDesc* descs);
     HRESULT On_CMD_GET_FRAME_DESC2(const ZemCommand& command);
-    HRESULT DoCmdGetFileMarks(const ZemCommand& command, ULONGLONG token, DWORD& first, DWORD& second);
+    HRESULT DoCmdGetFileMarks(const ZemCommand& command, ULONGLONG token, DWORD& first,
+                              DWORD& second);
     HRESULT On_CMD_GET_FILE_MARKS(const ZemCommand& command);
     HRESULT DoCmdGetFileMarks2(const ZemCommand& command, DWORD& first, DWORD& second);
     HRESULT On_CMD_GET_FILE_MARKS2(const ZemCommand& command);
@@ -138,25 +147,51 @@ public:
 private:
     friend struct ServerTestAccess;  // tests build a server piece by piece
 
+    // Steps of Initialize and Shutdown; the former throw through Initialize's scope.
+    void CreateRequestQueue(CZemEntry& scope);
+    void ReadMode();
+    void CreatePortAndAllocator(CZemEntry& scope);
+    void RegisterUrls(CZemEntry& scope);
+    void ReadIdentity();
+    void StartThreads(CZemEntry& scope);
+    void StopLongThreads();
+    void CloseHttp();
+    void DeleteRemainingClients();
+    DWORD ConcurrentWorkers() const;
+    LONGLONG ServiceRequests();  // a worker's loop; the number of requests when told to stop,
+                                 // throws on a failed receive
+
+    // Steps of ProcessRequest, which throw through its scope.
+    HRESULT ProcessCommand(CZemEntry& scope, WCHAR (&clientId)[kNameUnits], CHttpXaction& xaction);
+    void CheckSize(CZemEntry& scope, const CommandRow& row, ZemCommand& command);
+    bool FitsInPlace(CZemEntry& scope, const ZemCommand& command) const;  // else traces why not
+    static constexpr int kStatusUnits = 640;  // of the real-time words in a join's trace
+    void DecideRealTime(CZemEntry& scope, const WCHAR* clientId, CZemChannelIo& channel,
+                        WCHAR (&status)[kStatusUnits]);
+    ULONG SendResponse(CHttpXaction& xaction);
+    ULONG SendCommandReply(CHttpXaction& xaction, ULONGLONG contentLength_bytes,
+                           DWORD zemHeader_bytes);
+
     HANDLE m_issuerThread = nullptr;
     HANDLE m_snifferThread = nullptr;
     HANDLE* m_workerThreads = nullptr;
     int m_workerCount = 0;
+    bool m_httpInitialized = false;
     HANDLE m_requestQueue = nullptr;
     HANDLE m_completionPort = nullptr;
     CHttpXactionPool* m_xactionPool = nullptr;
-    char m_serverName[kNameUnits] = {};     // value of the Server header
-    WCHAR m_version[kNameUnits] = {};       // ours, compared with a joining client's
+    char m_serverName[kNameUnits] = {};  // value of the Server header
+    WCHAR m_version[kNameUnits] = {};    // ours, compared with a joining client's
     IZemMemAllocator* m_allocator = nullptr;
     CFrameIoXactionPool* m_framePool = nullptr;
     CClientTable m_clients;
-    std::atomic<DWORD> m_rsDbg{0};          // the trace flag: registry "RsDbg", re-read at every join
+    std::atomic<DWORD> m_rsDbg{0};  // the trace flag: registry "RsDbg", re-read at every join
     DWORD m_fileServerMode = 0;
     std::list<std::basic_string<WCHAR>> m_urlWords;
-    DWORD m_versionLength = 0;              // in and out of the registry read
-    WCHAR m_volumeRoot[kNameUnits] = {};    // ends in one backslash; empty: none
-    char m_computerName[kNameUnits] = {};   // value of X-ServerName
+    DWORD m_versionLength = 0;             // in and out of the registry read
+    WCHAR m_volumeRoot[kNameUnits] = {};   // ends in one backslash; empty: none
+    char m_computerName[kNameUnits] = {};  // value of X-ServerName
     CCapacityCache m_capacity;
     CRealTimeClient m_realTimeClient;
-    std::atomic<bool> m_dropping{false};    // reads and writes share it
+    std::atomic<bool> m_dropping{false};  // reads and writes share it
 };

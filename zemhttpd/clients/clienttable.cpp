@@ -1,0 +1,43 @@
+// Client records and their table. The last reference destroys a record on whatever thread drops it.
+#include "zemhttpd/clients/clienttable.h"
+
+ZemClient::ZemClient(WString display, CZemChannelIo* channelIo, LONGLONG now_seconds)
+    : displayString(std::move(display)),
+      lastRequestTime(now_seconds),
+      requestCount(1),
+      channel(channelIo) {
+    constexpr DWORD kSpinCount = 4000;
+    InitializeCriticalSectionAndSpinCount(&recordLock, kSpinCount);
+}
+
+ZemClient::~ZemClient() {
+    if (channel) {
+        channel->SetReadAllocator(nullptr);
+        delete channel;
+    }
+    DeleteCriticalSection(&recordLock);
+}
+
+void ZemClient::Release() {
+    if (m_references.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+}
+
+CClientTable::CClientTable() {
+    InitializeCriticalSectionAndSpinCount(&m_section, kSpinCount);
+}
+
+CClientTable::~CClientTable() {
+    DeleteCriticalSection(&m_section);
+}
+
+CZemClientRef CClientTable::Find(WStringView clientId) {
+    const CLock lock(*this);
+    ZemClient** record = m_clients.Find(clientId);
+    return CZemClientRef(record ? *record : nullptr);
+}
+
+ZemClient* CClientTable::Unlink(WStringView clientId) {
+    ZemClient* record = nullptr;
+    m_clients.Remove(clientId, &record);
+    return record;
+}

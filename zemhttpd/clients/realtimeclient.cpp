@@ -1,0 +1,20 @@
+// The real-time client's ID under its private lock; workers and the sniffer.
+#include "zemhttpd/clients/realtimeclient.h"
+
+#include <algorithm>
+
+void CRealTimeClient::Set(const WCHAR* clientId) {
+    const std::lock_guard lock(m_lock);
+    wcsncpy_s(m_clientId, kNameUnits, clientId, _TRUNCATE);
+}
+
+bool CRealTimeClient::Get(WCHAR (&clientId)[kNameUnits]) const {
+    const std::lock_guard lock(m_lock);
+    std::copy_n(m_clientId, kNameUnits, clientId);
+    return m_clientId[0] != 0;
+}
+
+bool CRealTimeClient::Is(const WCHAR* clientId) const {
+    const std::lock_guard lock(m_lock);
+    return m_clientId[0] != 0 && _wcsicmp(m_clientId, clientId) == 0;
+}

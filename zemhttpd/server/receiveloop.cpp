@@ -1,0 +1,151 @@
+// The receive loop: one issuer thread keeps a receive outstanding for every free transaction block,
+// and a fixed number of workers take the completed ones off the port and process them where they
+// are.
+#include "zemhttpd/entry/entrypoint.h"
+#include "zemhttpd/server/httpcmdhdlr.h"
+
+#include <new>
+
+namespace {
+
+constexpr LONG kLineWorkerThread = 234;
+constexpr LONG kCatchLineInitPool = 242;
+constexpr LONG kCatchLineClosePool = 268;
+constexpr LONG kCatchLineIssuer = 302;
+constexpr LONG kCatchLineHandler = 355;
+constexpr LONG kLineIssueReceive = 373;
+constexpr LONG kCatchLineIssue = 377;
+
+constexpr int kFileServerWorkers = 12;
+constexpr int kOrdinaryWorkers = 4;
+static_assert(kFileServerWorkers <= MAXIMUM_WAIT_OBJECTS);
+
+// ProcessRequest's word that the request went on asynchronously and gives its block back itself.
+constexpr HRESULT kKeepsBlock = S_FALSE;
+
+}  // namespace
+
+DWORD CHttpCommandHandler::ConcurrentWorkers() const {
+    return FileServerMode() ? kFileServerWorkers : kOrdinaryWorkers;
+}
+
+HRESULT CHttpCommandHandler::InitRequestThreadPool() {
+    CZemEntry scope(TEXT("CHttpCommandHandler::InitRequestThreadPool"));
+    try {
+        const int wanted = static_cast<int>(ConcurrentWorkers());
+        m_workerThreads = new (std::nothrow) HANDLE[static_cast<size_t>(wanted)];
+        if (!m_workerThreads) scope = E_OUTOFMEMORY;
+        // The count is of threads that run, so that closing after a failed start waits for exactly
+        // these.
+        for (m_workerCount = 0; m_workerCount < wanted; ++m_workerCount) {
+            unsigned threadId = 0;
+            const HANDLE thread = reinterpret_cast<HANDLE>(
+                _beginthreadex(nullptr, 0, HttpRequestHandler, this, 0, &threadId));
+            if (!thread)
+                ThrowError(scope, HresultFromError(static_cast<LONG>(GetLastError())),
+                           kSourceCmdHdlr, kLineWorkerThread,
+                           TEXT("Unable to create completion-port thread-pool thread #%d."),
+                           m_workerCount);
+            m_workerThreads[m_workerCount] = thread;
+        }
+    } catch (...) {
+        LogCaught(scope, kSourceCmdHdlr, kCatchLineInitPool);
+    }
+    return scope.GetResult();
+}
+
+HRESULT CHttpCommandHandler::CloseRequestThreadPool() {
+    CZemEntry scope(TEXT("CHttpCommandHandler::CloseRequestThreadPool"));
+    try {
+        if (m_workerCount != 0) {
+            for (int i = 0; i < m_workerCount; ++i)
+                PostQueuedCompletionStatus(m_completionPort, 0, 0, nullptr);
+            WaitForMultipleObjects(static_cast<DWORD>(m_workerCount), m_workerThreads, TRUE,
+                                   INFINITE);
+            for (int i = 0; i < m_workerCount; ++i)
+                CloseHandle(m_workerThreads[i]);
+        }
+        delete[] m_workerThreads;
+        m_workerThreads = nullptr;
+        m_workerCount = 0;
+    } catch (...) {
+        LogCaught(scope, kSourceCmdHdlr, kCatchLineClosePool);
+    }
+    return scope.GetResult();
+}
+
+HRESULT CHttpCommandHandler::IssueHttpRequest(CHttpXaction& xaction) {
+    CZemEntry scope(TEXT("CHttpCommandHandler::IssueHttpRequest"));
+    try {
+        const ULONG error = HttpReceiveHttpRequest(
+            m_requestQueue, xaction.RequestId(), HTTP_RECEIVE_REQUEST_FLAG_COPY_BODY,
+            xaction.Request(), CHttpXaction::RequestBufferSize(), nullptr, xaction.Overlapped());
+        if (error != NO_ERROR && error != ERROR_IO_PENDING)
+            ThrowError(scope, HresultFromError(static_cast<LONG>(error)), kSourceCmdHdlr,
+                       kLineIssueReceive, TEXT("Error issuing HTTP receive request"));
+        m_xactionPool->ReceivePosted();
+    } catch (...) {
+        LogCaught(scope, kSourceCmdHdlr, kCatchLineIssue);
+    }
+    return scope.GetResult();
+}
+
+unsigned WINAPI CHttpCommandHandler::HttpRequestIssuer(void* server) {
+    CZemEntry scope(TEXT("CHttpCommandHandler::HttpRequestIssuer"));
+    try {
+        CHttpCommandHandler& self = *static_cast<CHttpCommandHandler*>(server);
+        CHttpXaction* xaction = nullptr;
+        // The stop APC ends the wait inside; a block whose receive failed is not given back.
+        while (self.m_xactionPool->Acquire(xaction) == S_OK)
+            scope = self.IssueHttpRequest(*xaction);
+    } catch (...) {
+        LogCaught(scope, kSourceCmdHdlr, kCatchLineIssuer);
+    }
+    return static_cast<unsigned>(scope.GetResult());
+}
+
+unsigned WINAPI CHttpCommandHandler::HttpRequestHandler(void* server) {
+    CZemEntry scope(TEXT("CHttpCommandHandler::HttpRequestHandler"));
+    bool inApartment = false;
+    try {
+        CHttpCommandHandler& self = *static_cast<CHttpCommandHandler*>(server);
+        scope = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+        inApartment = true;
+        const LONGLONG serviced = self.ServiceRequests();
+        if (self.Tracing())
+            scope.Trace(TEXT("%I64d HTTP requests serviced on ZEM HTTP command handler thread ID "
+                             "0x%x"),
+                        serviced, GetCurrentThreadId());
+    } catch (...) {
+        LogCaught(scope, kSourceCmdHdlr, kCatchLineHandler);
+    }
+    if (inApartment) CoUninitialize();
+    return static_cast<unsigned>(scope.GetResult());
+}
+
+LONGLONG CHttpCommandHandler::ServiceRequests() {
+    LONGLONG serviced = 0;
+    for (;;) {
+        DWORD moved_bytes = 0;
+        ULONG_PTR key = 0;
+        OVERLAPPED* overlapped = nullptr;
+        const BOOL ok =
+            GetQueuedCompletionStatus(m_completionPort, &moved_bytes, &key, &overlapped, INFINITE);
+        const DWORD error = ok ? NO_ERROR : GetLastError();
+        if (ok && key == 0) return serviced;
+        CHttpXaction* xaction = nullptr;
+        if (overlapped) {
+            // Calls that were made without an OVERLAPPED of ours may leave packets too: not ours,
+            // whatever they say.
+            xaction = m_xactionPool->Owns(overlapped);
+            if (!xaction) continue;
+            m_xactionPool->ReceivePickedUp();
+        }
+        // Thrown without an entry-point record, so that the worker's catch writes the error record.
+        if (!ok) throw HresultFromError(static_cast<LONG>(error));
+        if (!xaction) continue;
+        ++serviced;
+        xaction->SetStartTick(GetTickCount());
+        if (ProcessRequest(*xaction) != kKeepsBlock) m_xactionPool->Release(xaction);
+    }
+}
