@@ -236,7 +236,8 @@ int RunZem(int argc, const char* const* argv) {
     AddClientVerbs(app, line);
     try {
         app.parse(argc, argv);
-        // Asked for here, not of the parser: an unknown word is then named instead of "a verb is missing".
+        // Asked for here, not of the parser: an unknown word is then named instead of "a verb is
+        // missing".
         if (!line.verb) throw CLI::RequiredError("a verb");
     } catch (const CLI::ParseError& error) {
         return Report(app, error);

@@ -245,8 +245,8 @@ namespace {
 [[noreturn]] void ThrowCurl(CURLcode code, const std::string& server, const std::string& detail) {
     switch (code) {
         case CURLE_URL_MALFORMAT:
-        case CURLE_UNSUPPORTED_PROTOCOL:
             throw CZemError(ErrorKind::kUsage, "'" + Printable(server) + "': " + detail);
+        case CURLE_UNSUPPORTED_PROTOCOL:  // an answer without a status line
         case CURLE_PARTIAL_FILE:
         case CURLE_WEIRD_SERVER_REPLY:
         case CURLE_BAD_CONTENT_ENCODING:

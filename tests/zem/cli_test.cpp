@@ -1,0 +1,396 @@
+// The program zem from outside: exit codes, outputs, and what it does when the server loses frames
+// without saying so.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "tests/zem/fakemedia.h"
+#include "tests/zem/scriptserver.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Outcome {
+    int code;
+    std::string out;
+    std::string err;
+};
+
+class ZemCli : public testing::Test {
+protected:
+    ZemCli() : m_server(std::ref(m_media)) {
+        std::string pattern = (fs::temp_directory_path() / "zemcli-XXXXXX").string();
+        m_dir = mkdtemp(pattern.data());
+    }
+    ~ZemCli() override { fs::remove_all(m_dir); }
+
+    static std::string Quoted(const std::string& text) {
+        std::string out = "'";
+        for (const char c : text)
+            out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+        return out + "'";
+    }
+    static std::string Contents(const fs::path& path) {
+        std::ifstream in(path, std::ios::binary);
+        std::ostringstream text;
+        text << in.rdbuf();
+        return text.str();
+    }
+    int Shell(const std::string& command) const {
+        const int status = std::system(("cd " + Quoted(m_dir.string()) + " && " + command).c_str());
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 1000;
+    }
+    Outcome RunOn(const std::string& server, const std::vector<std::string>& arguments) const {
+        std::string command = Quoted(ZEM_PROGRAM) + " --server " + Quoted(server);
+        for (const std::string& argument : arguments)
+            command += " " + Quoted(argument);
+        const int code = Shell(command + " >out 2>err");
+        return {code, Contents(m_dir / "out"), Contents(m_dir / "err")};
+    }
+    Outcome Run(const std::vector<std::string>& arguments) const {
+        return RunOn(m_server.Url(), arguments);
+    }
+    // A second of moving picture and two channels of sound.
+    void MakeClip() const {
+        ASSERT_EQ(Shell("ffmpeg -v error -nostdin -f lavfi -i testsrc2=size=64x48:rate=25 "
+                        "-f lavfi -i sine=frequency=440:sample_rate=48000 -t 1 -c:v mjpeg "
+                        "-c:a pcm_s16le -ac 2 -timecode 01:02:03:04 clip.mov"),
+                  0);
+    }
+    // The size and hash columns of ffmpeg's list of the clip's packets.
+    std::string Reference(const std::string& map) const {
+        Shell("ffmpeg -v error -nostdin -i clip.mov -map " + map +
+              " -c copy -f framemd5 - | grep -v '^#' | cut -d, -f5,6 >reference");
+        return Contents(m_dir / "reference");
+    }
+    std::string Columns(const std::string& list) const {
+        std::ofstream(m_dir / "list") << list;
+        Shell("grep -v '^#' list | cut -d, -f5,6 >columns");
+        return Contents(m_dir / "columns");
+    }
+
+    fs::path m_dir;
+    CFakeMedia m_media;
+    CScriptServer m_server;
+};
+
+bool Has(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+TEST_F(ZemCli, HelpAndVersionGoToStdoutWithCode0) {
+    const Outcome help = Run({"--help"});
+    EXPECT_EQ(help.code, 0);
+    EXPECT_TRUE(Has(help.out, "Exit codes:"));
+    EXPECT_EQ(help.err, "");
+    const Outcome version = Run({"--version"});
+    EXPECT_EQ(version.code, 0);
+    EXPECT_EQ(version.out.rfind("zem ", 0), 0u);
+}
+
+TEST_F(ZemCli, EveryVerbHasHelp) {
+    for (const char* verb :
+         {"put", "framemd5", "read",  "frames",    "info",     "marks", "df",     "stat",
+          "rm",  "mv",       "mkdir", "stripe",    "erase",    "flush", "status", "clients",
+          "get", "join",     "leave", "keepalive", "realtime", "config"}) {
+        const Outcome help = Run({verb, "--help"});
+        EXPECT_EQ(help.code, 0) << verb;
+        EXPECT_TRUE(Has(help.out, std::string("zem ") + verb)) << verb << help.out;
+        EXPECT_TRUE(Has(help.out, "--json") || std::string(verb) == "config") << verb;
+    }
+}
+
+TEST_F(ZemCli, WrongUsageIs2AndSendsNothing) {
+    const std::vector<std::vector<std::string>> wrong = {
+        {},
+        {"nix"},
+        {"put"},
+        {"put", "a"},
+        {"status", "x"},
+        {"erase", "f", "--from", "0"},
+        {"erase", "f", "--from", "0", "--count", "0"},
+        {"frames", "f", "--rate", "9"},
+        {"leave"},
+        {"realtime"},
+        {"config"},
+        {"config", "set", "a"},
+        {"config", "set", "a", "b"},
+        {"--timeout", "0", "status"},
+        {"--id", "", "leave"},
+        {"info", "\xFF"},
+        {"read", "f", "--json"}};
+    for (const auto& arguments : wrong) {
+        const Outcome outcome = Run(arguments);
+        EXPECT_EQ(outcome.code, 2) << (arguments.empty() ? "" : arguments[0]) << outcome.err;
+        EXPECT_EQ(outcome.err.rfind("zem: ", 0), 0u);
+    }
+    for (const ScriptRequest& request : m_server.Requests()) {
+        // The ill-formed name is found after the join.
+        EXPECT_EQ(request.Header("Zem-Id").rfind("zem-", 0), 0u);
+    }
+    EXPECT_LE(m_server.Requests().size(), 2u);
+}
+
+TEST_F(ZemCli, UnreachableServerIs3) {
+    const std::string nowhere = "http://127.0.0.1:" + std::to_string(UnusedPort());
+    EXPECT_EQ(RunOn(nowhere, {"status"}).code, 3);
+    EXPECT_EQ(RunOn(nowhere, {"framemd5", "media/x"}).code, 3);
+}
+
+TEST_F(ZemCli, AnotherKindOfServerIs4) {
+    CScriptServer other([](const ScriptRequest&) {
+        return ScriptAnswer{PageReplyBytes(200, "OK", "<html>welcome</html>"), false};
+    });
+    EXPECT_EQ(RunOn(other.Url(), {"status"}).code, 4);
+    EXPECT_EQ(RunOn(other.Url(), {"info", "media/x"}).code, 4);
+}
+
+TEST_F(ZemCli, StatusAndClients) {
+    EXPECT_TRUE(Has(Run({"status"}).out, "1.0 TiB of 4.0 TiB (25 %)"));
+    EXPECT_EQ(Run({"status", "--json"}).out,
+              "{\"server\":\"studio7\",\"error\":0,\"free_bytes\":1099511627776,"
+              "\"total_bytes\":4398046511104}\n");
+    EXPECT_EQ(Run({"clients"}).out, "No clients\n");
+    EXPECT_EQ(Run({"--id", "desk 1", "join"}).code, 0);
+    EXPECT_EQ(Run({"--id", "desk 2", "join"}).code, 0);
+    EXPECT_EQ(Run({"clients"}).out, "desk 1\ndesk 2\n");
+    EXPECT_EQ(Run({"clients", "--json"}).out,
+              "{\"server\":\"studio7\",\"clients\":[\"desk 1\",\"desk 2\"]}\n");
+    EXPECT_EQ(Run({"--id", "desk 1", "leave"}).code, 0);
+    EXPECT_EQ(Run({"clients"}).out, "desk 2\n");
+}
+
+TEST_F(ZemCli, StatusOfAServerWithoutAVolumeIs1) {
+    CScriptServer server([](const ScriptRequest&) {
+        return ScriptAnswer{PageReplyBytes(200, "OK", "80070003 0 0"), false};
+    });
+    const Outcome outcome = RunOn(server.Url(), {"status"});
+    EXPECT_EQ(outcome.code, 1);
+    EXPECT_TRUE(Has(outcome.err, "0x80070003 (path not found)"));
+}
+
+TEST_F(ZemCli, PutAndFramemd5EqualTheClip) {
+    MakeClip();
+    const Outcome put = Run({"put", "clip.mov", "media/clip"});
+    EXPECT_EQ(put.code, 0) << put.err;
+    EXPECT_EQ(put.out, "");
+    EXPECT_EQ(put.err, "");
+    ASSERT_EQ(m_media.files.at("media/clip.v0").frames.size(), 25u);
+    const std::string& desc = m_media.files.at("media/clip.v0").desc;
+    EXPECT_EQ(desc.substr(0, 28),
+              Le32(0x10038) + Le32(1) + "jpeg" + Le32(25) + Le32(1) + Le32(64) + Le32(48));
+    EXPECT_EQ(desc.substr(40, 4), "\x04\x03\x02\x01");
+    const std::string& audio = m_media.files.at("media/clip.a0").desc;
+    EXPECT_EQ(audio.substr(4, 8), Le32(2) + "sowt");
+    EXPECT_EQ(audio.substr(28, 8), Le32(48000) + Le16(2) + Le16(16));
+    EXPECT_TRUE(m_media.clients.empty()) << "the client left";
+
+    const std::string video = Reference("0:v");
+    EXPECT_EQ(std::count(video.begin(), video.end(), '\n'), 25);
+    EXPECT_EQ(Columns(Run({"framemd5", "media/clip.v0"}).out), video);
+    EXPECT_EQ(Columns(Run({"framemd5", "media/clip.a0"}).out), Reference("0:a"));
+}
+
+TEST_F(ZemCli, PutWorksOnAServerWithoutFlushAndDescriptors) {
+    MakeClip();
+    m_media.notImplemented = {8, 10};
+    EXPECT_EQ(Run({"put", "clip.mov", "media/clip"}).code, 0);
+    m_media.corruptWrites = {{"media/c2.v0", 3}};
+    EXPECT_EQ(Run({"put", "clip.mov", "media/c2"}).code, 1) << "all frames are read back instead";
+}
+
+TEST_F(ZemCli, PutDoesNotReplaceWithoutForce) {
+    MakeClip();
+    m_media.files["media/clip.v0"].frames[0] = "precious";
+    const Outcome refused = Run({"put", "clip.mov", "media/clip"});
+    EXPECT_EQ(refused.code, 1);
+    EXPECT_TRUE(Has(refused.err, "--force")) << refused.err;
+    EXPECT_EQ(m_media.files["media/clip.v0"].frames[0], "precious");
+    const Outcome forced = Run({"put", "--force", "--json", "clip.mov", "media/clip"});
+    EXPECT_EQ(forced.code, 0) << forced.err;
+    EXPECT_TRUE(Has(forced.out,
+                    "\"name\":\"media/clip.v0\",\"type\":\"video\",\"codec\":\"mjpeg\","
+                    "\"frames\":25,"))
+        << forced.out;
+}
+
+TEST_F(ZemCli, PutNoticesEveryLostFrame) {
+    MakeClip();
+    for (const uint32_t lost : {0u, 12u, 24u}) {
+        m_media.dropWrites = {{"media/clip.v0", lost}};
+        const Outcome outcome = Run({"put", "--force", "clip.mov", "media/clip"});
+        EXPECT_EQ(outcome.code, 1) << lost;
+        EXPECT_TRUE(Has(outcome.err, "media/clip.v0: frame " + std::to_string(lost)))
+            << outcome.err;
+    }
+}
+
+TEST_F(ZemCli, PutNoticesADamagedFrame) {
+    MakeClip();
+    m_media.corruptWrites = {{"media/clip.v0", 24}};
+    EXPECT_EQ(Run({"put", "--force", "clip.mov", "media/clip"}).code, 1) << "the last is compared";
+    m_media.corruptWrites = {{"media/clip.v0", 7}};
+    EXPECT_EQ(Run({"put", "--force", "--verify", "all", "clip.mov", "media/clip"}).code, 1);
+    m_media.corruptWrites.clear();
+    EXPECT_EQ(Run({"put", "--force", "--verify", "all", "clip.mov", "media/clip"}).code, 0);
+}
+
+TEST_F(ZemCli, PutOfWhatIsNoClipIs5AndTouchesNoServer) {
+    EXPECT_EQ(Run({"put", "missing.mov", "media/clip"}).code, 5);
+    std::ofstream(m_dir / "text.mov") << "this is no clip";
+    EXPECT_EQ(Run({"put", "text.mov", "media/clip"}).code, 5);
+    EXPECT_TRUE(m_server.Requests().empty());
+}
+
+TEST_F(ZemCli, Framemd5OfAMissingFileIs1) {
+    const Outcome outcome = Run({"framemd5", "media/none"});
+    EXPECT_EQ(outcome.code, 1);
+    EXPECT_TRUE(Has(outcome.err, "could not open 'media/none'")) << outcome.err;
+    EXPECT_TRUE(m_media.clients.empty());
+}
+
+class ZemCliFiles : public ZemCli {
+protected:
+    ZemCliFiles() {
+        CFakeMedia::File& file = m_media.files["media/v"];
+        file.desc = Le32(0x10038) + Le32(1) + "jpeg" + Le32(25) + Le32(1) + std::string(36, '\0');
+        file.frames = {{0, "first"}, {1, "second"}, {3, "fourth"}};
+    }
+};
+
+TEST_F(ZemCliFiles, Framemd5HasTheUsualColumnsAndTellsHoles) {
+    const Outcome outcome = Run({"framemd5", "media/v"});
+    EXPECT_EQ(outcome.code, 0);
+    EXPECT_TRUE(
+        Has(outcome.out,
+            "\n0,          0,          0,        1,        5, 8b04d5e3775d298e78455efc5ca404d5\n"
+            "0,          1,          1,        1,        6, a9f0e61a137d86aa9db53465e0801612\n"
+            "# 2: 0x80040201"))
+        << outcome.out;
+    EXPECT_TRUE(
+        Has(Run({"framemd5", "media/v", "--from", "3", "--json"}).out,
+            "{\"frame\":3,\"size\":6,\"md5\":\"c0759f2416498708841e7975566360ce\"}],\"count\":1}"));
+}
+
+TEST_F(ZemCliFiles, AServerShortOfMemoryIsAskedAgain) {
+    m_media.shortOfMemory = 3;
+    EXPECT_EQ(Run({"framemd5", "media/v"}).code, 0);
+}
+
+TEST_F(ZemCliFiles, ReadWritesFramesToAPipeOrAFile) {
+    const Outcome pipe = Run({"read", "media/v", "--count", "2"});
+    EXPECT_EQ(pipe.code, 0);
+    EXPECT_EQ(pipe.out, "firstsecond");
+    EXPECT_EQ(Run({"read", "media/v", "-o", "frames.bin"}).code, 0);
+    EXPECT_EQ(Contents(m_dir / "frames.bin"), "firstsecondfourth");
+    EXPECT_EQ(Run({"read", "media/v", "-o", "frames.bin"}).code, 5) << "it exists";
+    EXPECT_EQ(Run({"read", "media/v", "-o", "frames.bin", "--from", "3", "--force"}).code, 0);
+    EXPECT_EQ(Contents(m_dir / "frames.bin"), "fourth");
+    EXPECT_EQ(Run({"read", "media/v", "--from", "9", "-o", "none.bin"}).code, 1);
+    EXPECT_FALSE(fs::exists(m_dir / "none.bin"));
+    EXPECT_FALSE(fs::exists(m_dir / "none.bin.part"));
+}
+
+TEST_F(ZemCliFiles, InfoFramesAndMarksInBothForms) {
+    for (const char* form : {"", "--by-name"}) {
+        std::vector<std::string> more = {"--json"};
+        if (*form != '\0') more.emplace_back(form);
+        const auto run = [&](const char* verb) {
+            std::vector<std::string> arguments = {verb, "media/v"};
+            arguments.insert(arguments.end(), more.begin(), more.end());
+            return Run(arguments).out;
+        };
+        EXPECT_TRUE(Has(run("info"), "\"type\":\"video\",\"codec\":\"jpeg\",\"frames\":4"));
+        EXPECT_TRUE(Has(run("frames"), "{\"frame\":1,\"size\":6,\"key\":true,\"present\":true"));
+        EXPECT_EQ(run("marks"), "{\"name\":\"media/v\",\"first\":3,\"second\":7}\n");
+    }
+    EXPECT_TRUE(Has(Run({"info", "media/v"}).out, "rate      25\n"));
+    EXPECT_TRUE(Has(Run({"frames", "media/v"}).out, "         2          0  ----"));
+    EXPECT_EQ(Run({"info", "media/none"}).code, 1);
+    EXPECT_EQ(Run({"info", "media/none", "--by-name"}).code, 1);
+}
+
+TEST_F(ZemCliFiles, SpaceAndStat) {
+    EXPECT_EQ(Run({"df", "--json"}).out,
+              "{\"volume\":\"\",\"total_bytes\":4000,\"free_bytes\":1000}\n");
+    EXPECT_EQ(Run({"stat", "media/v", "--json"}).out,
+              "{\"name\":\"media/v\",\"attributes\":128,\"directory\":false,\"size_bytes\":17}\n");
+    EXPECT_TRUE(Has(Run({"stat", "media/v"}).out, "0x80 (normal)"));
+    EXPECT_EQ(Run({"stat", "media/none"}).code, 1);
+}
+
+TEST_F(ZemCliFiles, RemoveMoveAndMakeDirectory) {
+    EXPECT_EQ(Run({"mkdir", "media/d"}).code, 0);
+    EXPECT_EQ(Run({"mkdir", "media/d"}).code, 1) << "it exists";
+    EXPECT_EQ(Run({"mv", "media/v", "media/d/v"}).code, 0);
+    EXPECT_EQ(Run({"mv", "media/v", "media/w"}).code, 1) << "it is gone";
+    m_media.files["media/w"];
+    EXPECT_EQ(Run({"mv", "media/w", "media/d/v"}).code, 1) << "the target exists";
+    EXPECT_EQ(Run({"rm", "media/d/v"}).code, 0);
+    EXPECT_EQ(Run({"rm", "media/d/v"}).code, 1);
+    EXPECT_EQ(Run({"rm", "--http", "media/w"}).code, 0);
+    EXPECT_EQ(Run({"rm", "--http", "media/w"}).code, 1);
+}
+
+TEST_F(ZemCliFiles, WhatTheServerDidNotDoIs1) {
+    m_media.ignored = {13, 21, 23, 24, 25};
+    EXPECT_EQ(Run({"mkdir", "media/d"}).code, 1);
+    EXPECT_EQ(Run({"mv", "media/v", "media/w"}).code, 1);
+    EXPECT_EQ(Run({"rm", "media/v"}).code, 1);
+    EXPECT_EQ(Run({"stripe", "media/v", "10:00:00:00"}).code, 1);
+    EXPECT_EQ(Run({"erase", "media/v", "--from", "0", "--count", "1"}).code, 1);
+}
+
+TEST_F(ZemCliFiles, StripeEraseAndFlush) {
+    EXPECT_EQ(Run({"stripe", "media/v", "10:11:12:13"}).code, 0);
+    EXPECT_EQ(m_media.files["media/v"].desc.substr(40, 4), "\x13\x12\x11\x10");
+    EXPECT_EQ(Run({"stripe", "media/v", "10:11:12:99"}).code, 2);
+    EXPECT_EQ(Run({"erase", "media/v", "--from", "0", "--count", "2"}).code, 0);
+    EXPECT_EQ(m_media.files["media/v"].frames.size(), 1u);
+    EXPECT_EQ(Run({"erase", "media/v", "--from", "3", "--count", "2"}).code, 2);
+    EXPECT_EQ(Run({"flush", "media/v"}).code, 0);
+}
+
+TEST_F(ZemCliFiles, GetDownloadsWholeFilesOnly) {
+    EXPECT_EQ(Run({"get", "media/v"}).code, 0);
+    EXPECT_EQ(Contents(m_dir / "v"), "firstsecondfourth");
+    EXPECT_EQ(Run({"get", "media/v"}).code, 5) << "it exists";
+    EXPECT_EQ(Run({"get", "media/v", "-o", "-"}).out, "firstsecondfourth");
+    EXPECT_TRUE(Has(Run({"get", "media/v", "--force", "--json"}).out, "\"bytes\":17"));
+    EXPECT_EQ(Run({"get", "media/none"}).code, 1);
+    EXPECT_FALSE(fs::exists(m_dir / "none"));
+    EXPECT_FALSE(fs::exists(m_dir / "none.part"));
+    CScriptServer cut([](const ScriptRequest&) {
+        return ScriptAnswer{"HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\nhalf of it", true};
+    });
+    EXPECT_EQ(RunOn(cut.Url(), {"get", "media/half"}).code, 4);
+    EXPECT_FALSE(fs::exists(m_dir / "half"));
+    EXPECT_FALSE(fs::exists(m_dir / "half.part"));
+}
+
+TEST_F(ZemCliFiles, ClientVerbsStayJoined) {
+    std::ofstream(m_dir / "config.xml")
+        << "\xEF\xBB\xBF<?xml version=\"1.0\" encoding=\"UTF-8\"?><c a=\"\xC3\xA9\"/>";
+    EXPECT_EQ(Run({"--id", "d", "config", "push", "config.xml"}).code, 0);
+    EXPECT_EQ(m_server.Requests().back().body.substr(12),
+              std::string("<\0c\0 \0a\0=\0\"\0\xE9\0\"\0/\0>\0\0\0", 22));
+    EXPECT_EQ(Run({"--id", "d", "config", "set", "readAhead", "4"}).code, 0);
+    EXPECT_EQ(Run({"--id", "d", "realtime"}).code, 0);
+    EXPECT_EQ(Run({"--id", "d", "keepalive"}).code, 0);
+    EXPECT_EQ(m_media.clients, std::set<std::string>{"d"});
+    EXPECT_EQ(Run({"--id", "d", "leave", "--json"}).out, "{\"client\":\"d\",\"done\":\"leave\"}\n");
+    EXPECT_TRUE(m_media.clients.empty());
+    EXPECT_EQ(Run({"--id", "d", "config", "push", "missing.xml"}).code, 5);
+}
+
+TEST_F(ZemCliFiles, StayKeepsTheClientJoined) {
+    EXPECT_EQ(Run({"--id", "d", "--stay", "info", "media/v"}).code, 0);
+    EXPECT_EQ(m_media.clients, std::set<std::string>{"d"});
+}
+
+}  // namespace

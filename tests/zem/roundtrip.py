@@ -1,0 +1,119 @@
+#!/usr/bin/env python3
+"""The main job on real input: a clip goes in with zem put and comes out the same, frame by frame, and is still there
+after the service was killed.
+
+usage: roundtrip.py --zemhost PROGRAM --zem PROGRAM [unittest arguments]
+"""
+
+import argparse
+import os
+import subprocess
+import sys
+import tempfile
+import unittest
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', 'e2e'))
+from wire import Server  # noqa: E402
+
+PROGRAMS = None
+PICTURE = ['-f', 'lavfi', '-i', 'testsrc2=size=1280x720:rate=25']
+SOUND = ['-f', 'lavfi', '-i', 'sine=frequency=440:sample_rate=48000']
+
+
+def columns(listing):
+    """The size and hash columns of a per-frame checksum list."""
+    rows = [line.split(',') for line in listing.splitlines() if line and not line.startswith('#')]
+    return [(row[4].strip(), row[5].strip()) for row in rows]
+
+
+class RoundTrip(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.folder = tempfile.TemporaryDirectory(prefix='zem-roundtrip-')
+        cls.clip = cls.make('clip.mov', PICTURE + SOUND + ['-t', '10', '-c:v', 'mjpeg', '-c:a', 'pcm_s16le'])
+        cls.video = cls.reference(cls.clip, '0:v')
+        cls.audio = cls.reference(cls.clip, '0:a')
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.folder.cleanup()
+
+    @classmethod
+    def make(cls, name, arguments):
+        path = os.path.join(cls.folder.name, name)
+        subprocess.run(['ffmpeg', '-v', 'error', '-nostdin', *arguments, path], check=True)
+        return path
+
+    @staticmethod
+    def reference(clip, stream):
+        done = subprocess.run(['ffmpeg', '-v', 'error', '-nostdin', '-i', clip, '-map', stream, '-c', 'copy',
+                               '-f', 'framemd5', '-'], check=True, capture_output=True, text=True)
+        return columns(done.stdout)
+
+    def setUp(self):
+        self.server = Server(PROGRAMS.zemhost)
+        self.addCleanup(self.server.remove)
+        os.mkdir(os.path.join(self.server.volume, 'media'))
+
+    def zem(self, *arguments, code=0):
+        """Runs zem, checks its exit code, returns what it wrote to stdout."""
+        done = subprocess.run([PROGRAMS.zem, '--server', 'http://127.0.0.1:%d' % self.server.port, *arguments],
+                              capture_output=True, text=True, timeout=120)
+        self.assertEqual(done.returncode, code, ' '.join(arguments) + ': ' + done.stderr)
+        return done.stdout
+
+    def assert_same(self, name, expected):
+        self.assertEqual(columns(self.zem('framemd5', name)), expected)
+
+    def test_clip_comes_back_as_it_went_in(self):
+        self.assertEqual(len(self.video), 250)
+        self.assertEqual(self.zem('put', self.clip, 'media/clip'), '')
+        self.assert_same('media/clip.v0', self.video)
+        self.assert_same('media/clip.a0', self.audio)
+        self.assertEqual(self.zem('clients'), 'No clients\n')
+        self.assertIn(' of ', self.zem('status'))
+
+    def test_frames_survive_a_kill(self):
+        self.zem('put', self.clip, 'media/clip')
+        self.server.kill()
+        self.server.start()
+        self.assert_same('media/clip.v0', self.video)
+        self.assert_same('media/clip.a0', self.audio)
+
+    def test_put_again_is_refused_and_force_replaces(self):
+        self.zem('put', self.clip, 'media/clip')
+        self.zem('put', self.clip, 'media/clip', code=1)
+        self.assert_same('media/clip.v0', self.video)
+        other = self.make('other.mov', PICTURE + ['-t', '1', '-c:v', 'mjpeg'])
+        self.zem('put', '--force', other, 'media/clip')
+        self.assert_same('media/clip.v0', self.reference(other, '0:v'))
+
+    def test_mxf_mp4_and_several_streams(self):
+        mxf = self.make('clip.mxf', PICTURE + SOUND + SOUND + ['-map', '0:v', '-map', '1:a', '-map', '2:a', '-t', '2',
+                                                           '-c:v', 'mpeg2video', '-c:a', 'pcm_s16le'])
+        mp4 = self.make('clip.mp4', PICTURE + SOUND + ['-t', '2', '-c:v', 'mpeg4', '-c:a', 'aac'])
+        for name, clip, streams in (('mxf', mxf, ('v:0', 'a:0', 'a:1')), ('mp4', mp4, ('v:0', 'a:0'))):
+            self.zem('put', '--verify', 'all', clip, 'media/' + name)
+            for stream in streams:
+                kind, number = stream.split(':')
+                expected = self.reference(clip, '0:' + stream)
+                self.assertGreater(len(expected), 10)
+                self.assert_same('media/%s.%s%s' % (name, kind, number), expected)
+
+    def test_read_gives_the_frames_one_after_another(self):
+        self.zem('put', self.clip, 'media/clip')
+        target = os.path.join(self.folder.name, 'frames.bin')
+        self.zem('read', 'media/clip.v0', '--from', '10', '--count', '5', '-o', target)
+        self.assertEqual(os.path.getsize(target), sum(int(size) for size, _ in self.video[10:15]))
+        os.remove(target)
+
+    def test_missing_file_fails(self):
+        self.zem('framemd5', 'media/none', code=1)
+
+
+if __name__ == '__main__':
+    parser = argparse.ArgumentParser(add_help=False)
+    parser.add_argument('--zemhost', required=True)
+    parser.add_argument('--zem', required=True)
+    PROGRAMS, rest = parser.parse_known_args()
+    unittest.main(argv=[sys.argv[0], *rest])
