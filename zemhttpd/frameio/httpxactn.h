@@ -7,6 +7,7 @@
 
 #include "mediaio/zemiotypes.h"
 #include "platform/platform.h"
+#include "zemhttpd/commands/command.h"
 #include "zemhttpd/server/binmap.h"
 
 #include <atomic>
@@ -57,10 +58,12 @@ public:
     const WCHAR* Name() const { return m_name; }
 
 protected:
+    const WCHAR* StageName(DWORD stage) const;
+
     ULONGLONG m_stages[kMaxStages];  // low half: tick in ms, high half: stage
     std::atomic<LONG> m_count{0};    // may run past kMaxStages
     DWORD m_threshold_ms = 0xFFFFFFFFu;
-    WCHAR m_name[260] = {};
+    WCHAR m_name[kNameUnits] = {};
     const WCHAR* const* m_stageNames = nullptr;
 };
 
@@ -84,7 +87,7 @@ public:
     OVERLAPPED* Overlapped() { return &m_overlapped; }
     CHttpCommandHandler* Owner() const { return m_owner; }
     HTTP_REQUEST* Request() const { return m_request; }
-    HTTP_REQUEST_ID RequestId() const { return m_request->RequestId; }
+    HTTP_REQUEST_ID RequestId() const { return m_request ? m_request->RequestId : HTTP_NULL_ID; }
     BYTE* RequestBuffer() { return m_requestBuffer; }
     static constexpr ULONG RequestBufferSize() { return kRequestBuffer_bytes; }
     HTTP_RESPONSE& Response() { return m_response; }
@@ -154,6 +157,9 @@ public:
     int FreeCount();
 
 private:
+    bool PlentyPosted(int posted) const;
+    void HandOver(int more);  // to the semaphore: what is withheld, and `more`
+
     std::unique_ptr<CHttpXaction[]> m_blocks;
     int m_count = 0;
     std::unique_ptr<CHttpXaction*[]> m_free;  // ring of m_count places
@@ -192,10 +198,10 @@ public:
     // Once, before any other call; reads "ReclaimFrameBlocks" from the registry.
     void Initialize(CHttpCommandHandler* handler);
 
-    CFrameIoXaction* AcquireBlock();             // null when all are out
+    CFrameIoXaction* AcquireBlock();  // null when all are out
     // Under the request id of its HTTP transaction. Throws HRESULT E_OUTOFMEMORY.
     void RegisterBlock(CFrameIoXaction* block);
-    void ReleaseBlock(CFrameIoXaction* block);   // null only removes nothing
+    void ReleaseBlock(CFrameIoXaction* block);  // null is ignored
     // The block of a failed write request: it stays out of the pool and is counted, unless the
     // registry asks for it back.
     void KeepBlock(CFrameIoXaction* block);
