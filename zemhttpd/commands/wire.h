@@ -145,12 +145,10 @@ struct WireFrameEntry {
             WireBufferSlot buffers[kMaxBuffersPerEntry];
         };
         BYTE special[24];  // special tokens: a description, copied as it stands
-        BYTE dataArea[52];
     };
-    BYTE unread3[4];
     ULONGLONG userData64;
     DWORD userData32;
-    DWORD unread4;
+    DWORD unread3;
     static constexpr size_t kRead_bytes = 96;
 };
 static_assert(sizeof(WireFrameEntry) == 96 && offsetof(WireFrameEntry, token) == 8);

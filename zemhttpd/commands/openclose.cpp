@@ -1,0 +1,142 @@
+// Open, create and close: the commands that bring a media file into use and release it. The token
+// is the media library's; the server hands it on and takes it back as it is. Worker threads.
+#include "zemhttpd/commands/filecommand.h"
+
+namespace {
+
+constexpr FileCommandText kOpenFile = {
+    2,
+    TEXT("CHttpCommandHandler::On_CMD_OPEN_FILE"),
+    TEXT("OPEN_FILE"),
+    TEXT("%s %s"),
+    TEXT("%s: handling CMD_OPEN_FILE, file '%s', transId %u"),
+    TEXT("%s: CMD_OPEN_FILE OK, token 0x%I64x, transId %u"),
+    TEXT("%s: error CMD_OPEN_FILE, transId %u"),
+};
+constexpr const WCHAR* kOpenAfterSend =
+    TEXT("%s: Open after sending response token 0x%I64x hr 0x%x, transId %u");
+
+constexpr FileCommandText kCreateFile = {
+    1,
+    TEXT("CHttpCommandHandler::On_CMD_CREATE_FILE"),
+    TEXT("CREATE_FILE"),
+    TEXT("%s %s"),
+    TEXT("%s: handling CMD_CREATE_FILE, file '%s', transId %u"),
+    TEXT("%s: CMD_CREATE_FILE OK, token 0x%I64x, transId %u"),
+    TEXT("%s: error CMD_CREATE_FILE, transId %u"),
+};
+constexpr const WCHAR* kCreateAfterSend =
+    TEXT("%s: Create after sending response token 0x%I64x hr 0x%x, transId %u");
+
+constexpr FileCommandText kCloseFile = {
+    5,
+    TEXT("CHttpCommandHandler::On_CMD_CLOSE_FILE"),
+    TEXT("CLOSE_FILE"),
+    TEXT("%s token 0x%I64x"),
+    TEXT("%s: handling CMD_CLOSE_FILE, token %I64x, transId %u"),
+    TEXT("%s: CMD_CLOSE_FILE OK, token %I64x, transId %u"),
+    TEXT("%s: error CMD_CLOSE_FILE, token 0x%I64x, transId %u"),
+};
+
+constexpr DWORD kTokenReply_bytes = 16;  // status, four bytes that stay, token
+constexpr size_t kReplyToken = 8;
+constexpr DWORD kStatusReply_bytes = 4;
+
+}  // namespace
+
+HRESULT CHttpCommandHandler::DoCmdOpenFile(const ZemCommand& command, ULONGLONG& token) {
+    return CallChannel(*this, TEXT("CHttpCommandHandler::DoCmdOpenFile"), command,
+                       [&](CZemChannelIo& channel) -> HRESULT {
+                           WireOpenFile request;
+                           if (!CopyFromBody(command, 0, request)) return E_INVALIDARG;
+                           return channel.OpenFile(
+                               request.block.names.fileName, request.block.names.auxName,
+                               static_cast<MediaFileType>(request.block.mediaFileType),
+                               request.block.openFlags, request.openBool != 0, token);
+                       });
+}
+
+HRESULT CHttpCommandHandler::On_CMD_OPEN_FILE(const ZemCommand& command) {
+    CFileCommand run(*this, command, kOpenFile);
+    ULONGLONG token = 0;
+    try {
+        WireOpenFile request;
+        run.Read(request);
+        run.RequireName(request.block.names);
+        run.Begin(static_cast<const WCHAR*>(request.block.names.fileName));
+        run.MarkIssuing();
+        DoCmdOpenFile(command, token);
+        run.MarkPreparing();
+        BYTE* reply = run.BuildReply(kTokenReply_bytes);
+        run.PutStatus(reply);
+        PutReply(reply, kReplyToken, token);
+        run.TraceOk(token);
+        run.Send();
+        GetReply(reply, kReplyToken, token);
+        run.Trace(kOpenAfterSend, command.clientId, token, run.GetResult(), command.transId);
+    } catch (...) {
+        run.Caught(__LINE__);
+    }
+    run.TraceError();
+    return run.GetResult();
+}
+
+HRESULT CHttpCommandHandler::DoCmdCreateFile(const ZemCommand& command, ULONGLONG& token) {
+    return CallChannel(*this, TEXT("CHttpCommandHandler::DoCmdCreateFile"), command,
+                       [&](CZemChannelIo& channel) -> HRESULT {
+                           WireCreateFile request;
+                           if (!CopyFromBody(command, 0, request)) return E_INVALIDARG;
+                           return channel.CreateFileW(request.names.fileName, request.names.auxName,
+                                                      request.esDesc, request.createFlags, nullptr,
+                                                      token, true);
+                       });
+}
+
+HRESULT CHttpCommandHandler::On_CMD_CREATE_FILE(const ZemCommand& command) {
+    CFileCommand run(*this, command, kCreateFile);
+    ULONGLONG token = 0;
+    try {
+        WireCreateFile request;
+        run.Read(request);
+        run.RequireName(request.names);
+        run.Begin(static_cast<const WCHAR*>(request.names.fileName));
+        run.MarkIssuing();
+        DoCmdCreateFile(command, token);
+        run.MarkPreparing();
+        BYTE* reply = run.BuildReply(kTokenReply_bytes);
+        run.PutStatus(reply);
+        PutReply(reply, kReplyToken, token);
+        run.TraceOk(token);
+        run.Send();
+        run.Trace(kCreateAfterSend, command.clientId, token, run.GetResult(), command.transId);
+    } catch (...) {
+        run.Caught(__LINE__);
+    }
+    run.TraceError();
+    return run.GetResult();
+}
+
+HRESULT CHttpCommandHandler::DoCmdCloseFile(const ZemCommand& command, ULONGLONG token) {
+    return CallChannel(*this, TEXT("CHttpCommandHandler::DoCmdCloseFile"), command,
+                       [&](CZemChannelIo& channel) { return channel.CloseFile(token); });
+}
+
+HRESULT CHttpCommandHandler::On_CMD_CLOSE_FILE(const ZemCommand& command) {
+    CFileCommand run(*this, command, kCloseFile);
+    WireToken request = {};
+    try {
+        run.Read(request);
+        run.Begin(request.token);
+        run.MarkIssuing();
+        DoCmdCloseFile(command, request.token);
+        run.MarkPreparing();
+        BYTE* reply = run.BuildReply(kStatusReply_bytes);
+        run.PutStatus(reply);
+        run.TraceOk(request.token);
+        run.Send();
+    } catch (...) {
+        run.Caught(__LINE__);
+    }
+    run.TraceError(request.token);
+    return run.GetResult();
+}
