@@ -1,0 +1,316 @@
+// CMD_READ_FRAME: one frame, every stream of it. A worker hands the request to the media library;
+// the completion, on the library's thread or at once on the worker, sends the reply header and
+// stream table from the stack and the frame data straight from the library's buffers.
+#include <algorithm>
+#include <cstring>
+
+#include "zemhttpd/commands/commandtable.h"
+#include "zemhttpd/commands/filecommand.h"
+#include "zemhttpd/frameio/framecommon.h"
+
+namespace {
+
+constexpr DWORD kReadReplyCode = 3;
+constexpr DWORD kStatusReply_bytes = 4;
+constexpr int kMaxChunks = 132;  // the reply table and 131 data buffers
+constexpr DWORD kSlowRead_ms = 500;
+
+// The size rule counts 144 bytes an entry although entries of the table are 96 apart: fixed by the
+// protocol.
+constexpr DWORD TableBody_bytes(DWORD entries) {
+    return (entries - 1) * 144 + 104;
+}
+static_assert(TableBody_bytes(1) == 104 && TableBody_bytes(2) == 248);
+
+// Reply header and stream table of the largest read.
+struct ReadReply {
+    BYTE bytes[kZemHeader_bytes + TableBody_bytes(kMaxStreamEntries)];
+    BYTE* Entry(DWORD index) {
+        return bytes + kZemHeader_bytes + kFirstReplyEntryOffset + index * sizeof(WireFrameEntry);
+    }
+};
+
+constexpr size_t kDataArea = 24;  // of a reply entry: 13 words
+
+// The word at `offset` of a reply entry.
+void PutWord(BYTE* entry, size_t offset, DWORD value) {
+    PutReply(entry, offset, value);
+}
+void AddWord(BYTE* entry, size_t offset, DWORD value) {
+    DWORD sum;
+    GetReply(entry, offset, sum);
+    PutReply(entry, offset, sum + value);
+}
+
+// Header and table head. Only what is sent is cleared.
+void BuildHead(ReadReply& reply, const CHttpXaction& xaction, DWORD entries) {
+    const DWORD body_bytes = TableBody_bytes(entries);
+    std::memset(reply.bytes, 0, kZemHeader_bytes + body_bytes);
+    const HTTP_REQUEST& request = *xaction.Request();
+    if (request.EntityChunkCount > 0) {
+        // One byte more than the header goes along: byte 12 is the first of the request body.
+        const auto& received = request.pEntityChunks[0].FromMemory;
+        std::memcpy(reply.bytes, received.pBuffer,
+                    std::min<ULONG>(kZemHeader_bytes + 1, received.BufferLength));
+    }
+    PutWord(reply.bytes, 4, kReadReplyCode);
+    PutWord(reply.bytes, 8, body_bytes);
+    PutWord(reply.bytes + kZemHeader_bytes, 4, entries);
+}
+
+void FillEntry(BYTE* out, const ElemStrmEntry& entry) {
+    if (IsSpecialToken(entry.token)) {
+        std::memcpy(out + kDataArea, entry.special, sizeof(entry.special));
+    } else {
+        PutWord(out, 24, 1);
+        PutWord(out, 28, static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(entry.buffers[0].data)));
+        PutWord(out, 32, static_cast<DWORD>(entry.buffers[0].length_bytes));
+    }
+    PutReply(out, offsetof(WireFrameEntry, status), entry.status);
+    PutReply(out, offsetof(WireFrameEntry, token), entry.token);
+    PutReply(out, offsetof(WireFrameEntry, position), entry.position);
+    PutReply(out, offsetof(WireFrameEntry, streamFlags), entry.streamFlags);
+    PutReply(out, offsetof(WireFrameEntry, userData64), entry.userData64);
+    PutReply(out, offsetof(WireFrameEntry, userData32), entry.userData32);
+}
+
+// The data chunks of one reply; each is written before it counts.
+struct ChunkList {
+    HTTP_DATA_CHUNK chunks[kMaxChunks];
+    int count = 0;
+    bool Add(void* data, ULONGLONG length_bytes) {
+        if (count == kMaxChunks) return false;
+        HTTP_DATA_CHUNK& chunk = chunks[count++];
+        std::memset(static_cast<void*>(&chunk), 0, sizeof(chunk));
+        chunk.DataChunkType = HttpDataChunkFromMemory;
+        chunk.FromMemory.pBuffer = data;
+        chunk.FromMemory.BufferLength = static_cast<ULONG>(length_bytes);
+        return true;
+    }
+};
+
+// Adds the stream's data buffers and their sizes. False when there is no chunk left.
+bool AddData(BYTE* out, const ElemStrmEntry& entry, ChunkList& list, ULONGLONG& total_bytes) {
+    if (entry.streamFlags & kStreamFlagNoData) {
+        std::memset(out + kDataArea, 0, 16);
+        return true;
+    }
+    const int buffers = std::min(entry.bufferCount, kMaxBuffersPerEntry);
+    for (int k = 0; k < buffers; ++k) {
+        const ZemIoBuffer& buffer = entry.buffers[k];
+        total_bytes += buffer.length_bytes;
+        if (!list.Add(buffer.data, buffer.length_bytes)) return false;
+        if (k == 0) continue;
+        const size_t slot = static_cast<size_t>(k) * 8;
+        PutWord(out, 24, 1);
+        PutWord(out, 28 + slot, 0);
+        PutWord(out, 32 + slot, 0);
+        AddWord(out, 32, static_cast<DWORD>(buffer.length_bytes));
+    }
+    return true;
+}
+
+void FillReadBlock(CFrameIoXaction& frame, const ZemCommand& command, const FrameRequest& request,
+                   CZemChannelIo& channel) {
+    frame.httpXaction = command.xaction;
+    frame.ioDesc.inUse = 1;
+    frame.ioDesc.status = S_OK;
+    frame.channel = &channel;
+    frame.streamData.entryCount = 0;
+    for (DWORD i = 0; i < request.head.entryCount; ++i) {
+        WireFrameEntry from;
+        CopyFromBody(command, kFirstEntryOffset + i * sizeof(WireFrameEntry), from);
+        ElemStrmEntry& entry = frame.entries[i];
+        entry.token = from.token;
+        entry.position = from.position;
+        entry.streamFlags = from.streamFlags;
+        entry.userData64 = from.userData64;
+        ++frame.streamData.entryCount;
+    }
+    frame.ioDesc.requestWord = request.head.requestWord;
+    frame.ioDesc.completionRoutine = &CHttpCommandHandler::ReadFrameDoneApc;
+    frame.ioDesc.completionContext = &frame;
+}
+
+// Nobody is left to be told when the connection went away.
+bool ClientGone(HRESULT hr) {
+    return hr == HRESULT_FROM_WIN32(ERROR_CONNECTION_INVALID) ||
+           hr == HRESULT_FROM_WIN32(ERROR_NETNAME_DELETED);
+}
+
+}  // namespace
+
+HRESULT CHttpCommandHandler::On_CMD_READ_FRAME(const ZemCommand& command) {
+    CZemEntry scope(TEXT("CHttpCommandHandler::On_CMD_READ_FRAME"));
+    FrameRequest request;
+    try {
+        if (!request.ReadFrom(command)) scope = E_INVALIDARG;
+        if (Tracing()) {
+            scope.Trace(TEXT("%s: handling CMD_READ_FRAME, token 0x%I64x pos %u, transId %u"),
+                        command.clientId, request.token, request.position, command.transId);
+        }
+        const HRESULT hr = DoCmdReadFrame(command);
+        if (FAILED(hr)) {
+            // The reply tells of itself, not of the read: clients rely on it.
+            BYTE* reply = nullptr;
+            scope = GetZemReplyMsg(*command.xaction, kStatusReply_bytes, kReadReplyCode, &reply);
+            PutReply(reply, 0, scope.GetResult());
+            SendZemHttpResponse(*command.xaction, scope.GetResult(),
+                                kZemHeader_bytes + kStatusReply_bytes, command.clientId);
+        } else {
+            // From here on the transaction is the completion's; only locals are read.
+            scope.SetResult(hr);
+            if (Tracing()) {
+                scope.Trace(
+                    TEXT("%s: CMD_READ_FRAME request issued OK, token 0x%I64x pos %u, transId %u"),
+                    command.clientId, request.token, request.position, command.transId);
+            }
+        }
+    } catch (...) {
+        LogCaught(scope, kSourceCmdHdlr, __LINE__);
+    }
+    if (scope.Failed()) {
+        const CZemClientRef client = LookupClient(command.clientId, true);
+        if (client && scope.GetResult() != kEndOfMedia) client.Channel()->BumpDroppedReadFrames();
+        if (Tracing()) {
+            scope.Trace(TEXT("%s: error CMD_READ_FRAME, pos %u, transId %u"), command.clientId,
+                        request.position, command.transId);
+        }
+    }
+    return scope.GetResult();
+}
+
+HRESULT CHttpCommandHandler::DoCmdReadFrame(const ZemCommand& command) {
+    CZemEntry scope(TEXT("CHttpCommandHandler::DoCmdReadFrame"));
+    try {
+        FrameRequest request;
+        if (!request.ReadFrom(command)) scope = E_INVALIDARG;
+        CHttpXaction& xaction = *command.xaction;
+        WCHAR description[kNameUnits];
+        _snwprintf_s(description, kNameUnits, _TRUNCATE, TEXT("%s token 0x%I64x pos %u"),
+                     TEXT("READ_FRAME"), request.token, request.position);
+        xaction.Timer().StartXaction(command.clientId, description, command.transId);
+        const CZemClientRef client = LookupClient(command.clientId, true);
+        if (!client) {
+            ThrowError(scope, E_INVALIDARG, kSourceCmdHdlr, __LINE__, kUnknownClient,
+                       command.clientId, command.transId);
+        }
+        if (!request.CountAllowed()) scope = E_INVALIDARG;
+        CZemChannelIo& channel = *client.Channel();
+
+        xaction.Timer().MarkStage(kStageAcquiringIoContext);
+        CFrameIoXaction* frame = m_framePool->AcquireBlock();
+        CFrameBlockGuard guard(*m_framePool);
+        guard.Guard(frame);
+        if (!frame) {
+            channel.BumpDroppedReadFrames();
+            if (!m_dropping.exchange(true, std::memory_order_relaxed)) {
+                ThrowError(scope, kNoResources, kSourceCmdHdlr, __LINE__,
+                           TEXT("%s: Dropping FrameRead, request pos %u; All frame IO transaction "
+                                "blocks in use, transId %u"),
+                           command.clientId, request.position, command.transId);
+            }
+            throw static_cast<HRESULT>(E_FAIL);  // reported once only
+        }
+        if (m_dropping.load(std::memory_order_relaxed)) {
+            m_dropping.store(false, std::memory_order_relaxed);
+            scope.LogMsg(TEXT("%s: FrameRead enabled, request pos %u; Frame IO transaction blocks "
+                              "now available, transId %u"),
+                         command.clientId, request.position, command.transId);
+        }
+        FillReadBlock(*frame, command, request, channel);
+        m_framePool->RegisterBlock(frame);
+        xaction.Timer().MarkStage(kStageIssuingZemRequest);
+        xaction.SetStartTick(GetTickCount());
+        guard.Dismiss();
+        const HRESULT hr = channel.ReadFrame(frame->ioDesc);
+        // A pending read may be answered and its blocks reused by now: neither is touched again.
+        if (hr != kIoPending) {
+            ReadFrameDoneApc(frame);
+            if (FAILED(hr) && hr != kEndOfMedia) channel.BumpFailedRealTimeIoMsgs();
+        }
+        scope.SetResult(S_FALSE);
+    } catch (...) {
+        LogCaught(scope, kSourceCmdHdlr, __LINE__);
+    }
+    return scope.GetResult();
+}
+
+void CHttpCommandHandler::ReadFrameDoneApc(void* frameXaction) {
+    CZemEntry scope(TEXT("CHttpCommandHandler::ReadFrameDoneApc"));
+    CFrameIoXaction* frame = static_cast<CFrameIoXaction*>(frameXaction);
+    try {
+        if (!frame) scope = E_INVALIDARG;
+        CHttpCommandHandler& handler = *frame->owner;
+        CZemChannelIo& channel = *frame->channel;
+        CHttpXaction& xaction = *frame->httpXaction;
+        CZemHttpdXactionTimer& timer = xaction.Timer();
+        timer.MarkStage(kStageBeginIoCompletion);
+        if (handler.Tracing()) {
+            scope.Trace(TEXT("%s: handling read-frame complete, transId %u"), channel.GetClientId(),
+                        xaction.TransId());
+        }
+        const HRESULT sent = handler.SendReadFrameReply(*frame);
+        if (FAILED(sent) && !ClientGone(sent)) {
+            handler.SendGenericZemFailureResponse(sent, channel.GetClientId(), xaction);
+            xaction.SetReplySent();
+        }
+        timer.MarkStage(kStageIssuingZemIoCompletion);
+        channel.ReadFrameComplete(frame->streamData);
+        timer.MarkStage(kStageZemIoCompletionEnd);
+        if (frame->ioDesc.status == kNoResources) channel.BumpDroppedReadFrames();
+        frame->ioDesc.inUse = 0;
+        handler.m_framePool->ReleaseBlock(frame);
+        timer.MarkStage(kStageIoContextReleased);
+        handler.m_xactionPool->Release(&xaction);
+        handler.m_framePool->EndIo();  // the last use of the server by this I/O
+    } catch (...) {
+        LogCaught(scope, kSourceCmdHdlr, __LINE__);
+    }
+}
+
+HRESULT CHttpCommandHandler::SendReadFrameReply(CFrameIoXaction& frame) {
+    CZemEntry scope(TEXT("CHttpCommandHandler::SendReadFrameReply"));
+    try {
+        CHttpXaction& xaction = *frame.httpXaction;
+        const WCHAR* clientId = frame.channel->GetClientId();
+        const DWORD transId = xaction.TransId();
+        const DWORD entries = frame.streamData.entryCount;
+        ReadReply reply;
+        ChunkList list;
+        ULONGLONG total_bytes = kZemHeader_bytes + TableBody_bytes(entries);
+        BuildHead(reply, xaction, entries);
+        list.Add(reply.bytes, total_bytes);
+        for (DWORD i = 0; i < entries; ++i) {
+            const ElemStrmEntry& entry = frame.entries[i];
+            BYTE* out = reply.Entry(i);
+            FillEntry(out, entry);
+            if (entry.status >= 0 && !IsSpecialToken(entry.token)) {
+                if (!AddData(out, entry, list, total_bytes)) {
+                    ThrowError(scope, E_OUTOFMEMORY, kSourceCmdHdlr, __LINE__,
+                               TEXT("%s: Too many read-frame scatter-gather entries (max entries "
+                                    "%d); transId %u"),
+                               clientId, kMaxChunks, transId);
+                }
+            } else if (entry.status < 0 && entry.status != kEndOfMedia && Tracing()) {
+                scope.Trace(TEXT("%s: Failed read status 0x%x on token 0x%I64x idx %d/%d pos %u, "
+                                 "transId %u"),
+                            clientId, entry.status, entry.token, i, entries, entry.position,
+                            transId);
+            }
+        }
+        HTTP_RESPONSE& response = xaction.Response();
+        response.EntityChunkCount = static_cast<USHORT>(list.count);
+        response.pEntityChunks = list.chunks;
+        const DWORD elapsed_ms = GetTickCount() - xaction.StartTick();
+        if (elapsed_ms > kSlowRead_ms) {
+            scope.LogSlowOperation(
+                elapsed_ms, TEXT("%s: Slow ZEM HTTP server processing for ReadFrame, transId %u"),
+                clientId, transId);
+        }
+        scope.SetResult(SendZemHttpResponse(xaction, frame.ioDesc.status, total_bytes, clientId));
+    } catch (...) {
+        LogCaught(scope, kSourceCmdHdlr, __LINE__);
+    }
+    return scope.GetResult();
+}

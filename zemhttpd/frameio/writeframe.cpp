@@ -1,0 +1,330 @@
+// CMD_WRITE_FRAME: one frame to be written. A worker takes write buffers from the client's channel,
+// receives the frame data straight into them, answers, and only then hands the descriptor to the
+// media library; the completion, on the library's thread or at once on the worker, sends nothing.
+// The client's record lock is held from the look-up until the write was issued, so that the writes
+// of one client run one after another.
+#include <algorithm>
+#include <cstring>
+
+#include "zemhttpd/commands/filecommand.h"
+#include "zemhttpd/frameio/framecommon.h"
+
+namespace {
+
+constexpr DWORD kWriteReplyCode = 4;
+constexpr DWORD kStatusReply_bytes = 4;
+constexpr DWORD kSlowReceive_ms = 251;
+constexpr ULONGLONG kMaxReceive_bytes = 0x40000000;  // asked for in one call
+
+class CRecordLock {
+public:
+    explicit CRecordLock(CRITICAL_SECTION* section) : m_section(section) {
+        EnterCriticalSection(m_section);
+    }
+    ~CRecordLock() { LeaveCriticalSection(m_section); }
+    CRecordLock(const CRecordLock&) = delete;
+    CRecordLock& operator=(const CRecordLock&) = delete;
+
+private:
+    CRITICAL_SECTION* m_section;
+};
+
+// True when no ordinary entry names more buffers than a block entry holds.
+bool BufferCountsAllowed(const ZemCommand& command, const FrameRequest& request) {
+    for (DWORD i = 0; i < request.head.entryCount; ++i) {
+        WireFrameEntry from;
+        CopyFromBody(command, kFirstEntryOffset + i * sizeof(WireFrameEntry), from);
+        if (IsSpecialToken(from.token)) continue;
+        if (from.bufferCount < 0 || from.bufferCount > kMaxBuffersPerEntry) return false;
+    }
+    return true;
+}
+
+// Copies the request into the block; the sum of the ordinary entries' buffer lengths.
+ULONGLONG FillWriteBlock(CFrameIoXaction& frame, const ZemCommand& command,
+                         const FrameRequest& request, CZemChannelIo& channel) {
+    frame.ioDesc.requestWord = request.head.requestWord;
+    frame.ioDesc.status = S_OK;
+    frame.httpXaction = command.xaction;
+    frame.ioDesc.inUse = 1;
+    frame.channel = &channel;
+    frame.streamData.entryCount = 0;
+    ULONGLONG total_bytes = 0;
+    for (DWORD i = 0; i < request.head.entryCount; ++i) {
+        WireFrameEntry from;
+        CopyFromBody(command, kFirstEntryOffset + i * sizeof(WireFrameEntry), from);
+        ElemStrmEntry& entry = frame.entries[i];
+        entry.status = S_OK;
+        entry.token = from.token;
+        entry.position = from.position;
+        entry.streamFlags = from.streamFlags;
+        if (IsSpecialToken(from.token)) {
+            std::memcpy(entry.special, from.special, sizeof(entry.special));
+        } else {
+            entry.bufferCount = from.bufferCount;
+            for (int k = 0; k < from.bufferCount; ++k) {
+                entry.buffers[k] = {nullptr, from.buffers[k].length_bytes};
+                total_bytes += from.buffers[k].length_bytes;
+            }
+        }
+        entry.userData64 = from.userData64;
+        entry.userData32 = from.userData32;
+        ++frame.streamData.entryCount;
+    }
+    return total_bytes;
+}
+
+// The immediate reply: it tells of itself, not of the write. Throws when it cannot be built.
+void SendWriteReply(CHttpCommandHandler& handler, CZemEntry& scope, const ZemCommand& command) {
+    BYTE* reply = nullptr;
+    scope = handler.GetZemReplyMsg(*command.xaction, kStatusReply_bytes, kWriteReplyCode, &reply);
+    PutReply(reply, 0, scope.GetResult());
+    handler.SendZemHttpResponse(*command.xaction, scope.GetResult(),
+                                kZemHeader_bytes + kStatusReply_bytes, command.clientId);
+}
+
+// Takes write buffers and receives the frame data into them; they go back when it fails.
+HRESULT ReceiveWriteData(CHttpCommandHandler& handler, CZemEntry& scope, const ZemCommand& command,
+                         CFrameIoXaction& frame, ULONGLONG total_bytes, DWORD position) {
+    BYTE* firstBuffer = nullptr;
+    ULONGLONG allocated_bytes = 0;
+    HRESULT hr =
+        handler.GetWriteFrameBuffer(*frame.channel, frame.ioDesc, firstBuffer, allocated_bytes);
+    if (FAILED(hr)) return hr;
+    if (total_bytes == allocated_bytes && (firstBuffer || total_bytes == 0)) {
+        hr = handler.ReadFrameDataIntoBuffer(command, firstBuffer);
+    } else {
+        scope.LogError(E_UNEXPECTED, kSourceCmdHdlr, __LINE__,
+                       TEXT("%s: Unable to allocate expected WriteFrame data size %d bytes, "
+                            "allocated %d bytes, pos %u, transId %u"),
+                       command.clientId, static_cast<int>(total_bytes),
+                       static_cast<int>(allocated_bytes), position, command.transId);
+        hr = scope.GetResult();
+    }
+    if (FAILED(hr)) frame.channel->ReleaseWriteFrameBuffers(frame.ioDesc);
+    return hr;
+}
+
+}  // namespace
+
+HRESULT CHttpCommandHandler::On_CMD_WRITE_FRAME(const ZemCommand& command) {
+    CZemEntry scope(TEXT("CHttpCommandHandler::On_CMD_WRITE_FRAME"));
+    bool release = true;
+    try {
+        FrameRequest request;
+        if (!request.ReadFrom(command)) scope = E_INVALIDARG;
+        command.xaction->Timer().StartXaction(command.clientId, TEXT("WRITE_FRAME"),
+                                              command.transId);
+        if (Tracing()) {
+            scope.Trace(TEXT("%s: handling CMD_WRITE_FRAME, transId %u"), command.clientId,
+                        command.transId);
+        }
+        const HRESULT hr = DoCmdWriteFrame(command, release);
+        if (FAILED(hr)) {
+            const CZemClientRef client = LookupClient(command.clientId, true);
+            if (client) client.Channel()->BumpDroppedWriteFrames();
+            if (Tracing()) {
+                scope.Trace(TEXT("%s: error CMD_WRITE_FRAME, transId %u"), command.clientId,
+                            command.transId);
+            }
+            // Only a write whose client is unknown comes here without its reply.
+            if (release && !command.xaction->ReplySent()) SendWriteReply(*this, scope, command);
+        }
+        scope.SetResult(release ? S_OK : S_FALSE);  // a failure is not returned: the reply has gone
+    } catch (...) {
+        LogCaught(scope, kSourceCmdHdlr, __LINE__);
+    }
+    return scope.GetResult();
+}
+
+HRESULT CHttpCommandHandler::DoCmdWriteFrame(const ZemCommand& command, bool& release) {
+    CZemEntry scope(TEXT("CHttpCommandHandler::DoCmdWriteFrame"));
+    release = true;
+    try {
+        const CZemClientRef client = LookupClient(command.clientId, true);
+        if (!client) {
+            ThrowError(scope, E_INVALIDARG, kSourceCmdHdlr, __LINE__, kUnknownClient,
+                       command.clientId, command.transId);
+        }
+        const CRecordLock lock(client.RecordLock());
+        CZemChannelIo& channel = *client.Channel();
+        CFrameIoXaction* frame = nullptr;
+        const HRESULT hrGet = GetZemWriteFrameRequestFromHttp(command, channel, frame);
+        CFrameBlockGuard guard(*m_framePool);
+        if (hrGet == S_OK) guard.Guard(frame, &channel);
+        SendWriteReply(*this, scope, command);
+        if (hrGet == S_OK) {
+            frame->ioDesc.completionRoutine = &CHttpCommandHandler::WriteFrameDoneApc;
+            frame->ioDesc.completionContext = frame;
+            m_framePool->RegisterBlock(frame);
+            command.xaction->Timer().MarkStage(kStageIssuingZemRequest);
+            guard.Dismiss();
+            release = false;
+            const HRESULT hr = channel.WriteFrame(frame->ioDesc);
+            // A pending write may be finished and its blocks reused by now: neither is touched
+            // again.
+            if (hr != kIoPending) {
+                WriteFrameDoneApc(frame);
+                if (FAILED(hr) && hr != kEndOfMedia) channel.BumpFailedRealTimeIoMsgs();
+            }
+            scope.SetResult(S_FALSE);
+        } else {
+            scope.SetResult(hrGet);
+        }
+    } catch (...) {
+        LogCaught(scope, kSourceCmdHdlr, __LINE__);
+    }
+    return scope.GetResult();
+}
+
+HRESULT CHttpCommandHandler::GetZemWriteFrameRequestFromHttp(const ZemCommand& command,
+                                                             CZemChannelIo& channel,
+                                                             CFrameIoXaction*& frame) {
+    CZemEntry scope(TEXT("CHttpCommandHandler::GetZemWriteFrameRequestFromHttp"));
+    frame = nullptr;
+    try {
+        FrameRequest request;
+        if (!request.ReadFrom(command)) scope = E_INVALIDARG;
+        CZemHttpdXactionTimer& timer = command.xaction->Timer();
+        WCHAR description[kNameUnits];
+        _snwprintf_s(description, kNameUnits, _TRUNCATE, TEXT("%s token 0x%I64x pos %u"),
+                     TEXT("WRITE_FRAME"), request.token, request.position);
+        timer.StartXaction(command.clientId, description, command.transId);
+        timer.MarkStage(kStageAcquiringIoContext);
+        if (!request.CountAllowed() || !BufferCountsAllowed(command, request)) scope = E_INVALIDARG;
+
+        frame = m_framePool->AcquireBlock();
+        if (!frame) {
+            channel.BumpDroppedWriteFrames();
+            if (m_dropping.exchange(true, std::memory_order_relaxed)) {
+                scope.SetResult(kNoResources);  // reported once only
+                return scope.GetResult();
+            }
+            ThrowError(scope, kNoResources, kSourceCmdHdlr, __LINE__,
+                       TEXT("%s: Dropping WriteFrame, request pos %u; All frame IO transaction "
+                            "blocks in use, transId %u"),
+                       command.clientId, request.position, command.transId);
+        }
+        if (m_dropping.load(std::memory_order_relaxed)) {
+            m_dropping.store(false, std::memory_order_relaxed);
+            scope.LogMsg(TEXT("%s: WriteFrame enabled, request pos %u; Frame IO transaction blocks "
+                              "now available, transId %u"),
+                         command.clientId, request.position, command.transId);
+        }
+        const ULONGLONG total_bytes = FillWriteBlock(*frame, command, request, channel);
+        if (command.payload_bytes < 0 ||
+            total_bytes != static_cast<ULONGLONG>(command.payload_bytes)) {
+            ThrowError(scope, E_UNEXPECTED, kSourceCmdHdlr, __LINE__,
+                       TEXT("%s: WriteFrame data size in header (%d bytes) and payload (%d bytes) "
+                            "mismatch, pos %u, transId %u"),
+                       command.clientId, static_cast<int>(total_bytes),
+                       static_cast<int>(command.payload_bytes), request.position, command.transId);
+        }
+        scope.SetResult(
+            ReceiveWriteData(*this, scope, command, *frame, total_bytes, request.position));
+    } catch (...) {
+        LogCaught(scope, kSourceCmdHdlr, __LINE__);
+    }
+    if (scope.Failed() && frame) {
+        m_framePool->KeepBlock(frame);
+        m_framePool->EndIo();
+        frame = nullptr;
+    }
+    return scope.GetResult();
+}
+
+HRESULT CHttpCommandHandler::GetWriteFrameBuffer(CZemChannelIo& channel, ZemIoDesc& desc,
+                                                 BYTE*& firstBuffer, ULONGLONG& allocated_bytes) {
+    CZemEntry scope(TEXT("CHttpCommandHandler::GetWriteFrameBuffer"));
+    firstBuffer = nullptr;
+    allocated_bytes = 0;
+    try {
+        scope.SetResult(channel.GetWriteFrameBuffers(desc));
+        if (scope.Failed()) return scope.GetResult();
+        for (DWORD i = 0; i < desc.streamData->entryCount; ++i) {
+            ElemStrmEntry& entry = desc.streamData->entries[i];
+            if (IsSpecialToken(entry.token) || entry.status != S_OK) continue;
+            for (int k = 0; k < std::min(entry.bufferCount, kMaxBuffersPerEntry); ++k) {
+                ZemIoBuffer& buffer = entry.buffers[k];
+                if (!firstBuffer && buffer.data) firstBuffer = static_cast<BYTE*>(buffer.data);
+                if (buffer.length_bytes == 0) buffer.data = nullptr;
+                allocated_bytes += buffer.length_bytes;
+            }
+        }
+    } catch (...) {
+        LogCaught(scope, kSourceCmdHdlr, __LINE__);
+    }
+    return scope.GetResult();
+}
+
+HRESULT CHttpCommandHandler::ReadFrameDataIntoBuffer(const ZemCommand& command, BYTE* destination) {
+    CZemEntry scope(TEXT("CHttpCommandHandler::ReadFrameDataIntoBuffer"));
+    try {
+        CHttpXaction& xaction = *command.xaction;
+        const ULONGLONG payload_bytes = static_cast<ULONGLONG>(command.payload_bytes);
+        if (payload_bytes < command.frameData_bytes) {
+            ThrowError(scope, E_UNEXPECTED, kSourceCmdHdlr, __LINE__,
+                       TEXT("%s: Partial frame data write size %u > true frame data size %u"),
+                       command.clientId, static_cast<DWORD>(command.frameData_bytes),
+                       static_cast<DWORD>(payload_bytes));
+        }
+        if (command.frameData_bytes > 0) {
+            std::memcpy(destination, command.frameData, command.frameData_bytes);
+        }
+        ULONGLONG offset_bytes = command.frameData_bytes;
+        while (offset_bytes < payload_bytes) {
+            const ULONG wanted_bytes =
+                static_cast<ULONG>(std::min(payload_bytes - offset_bytes, kMaxReceive_bytes));
+            ULONG read_bytes = 0;
+            ULONG error = HttpReceiveRequestEntityBody(m_requestQueue, xaction.RequestId(), 0,
+                                                       destination + offset_bytes, wanted_bytes,
+                                                       &read_bytes, nullptr);
+            if (error == NO_ERROR && read_bytes == 0) error = ERROR_HANDLE_EOF;
+            if (error != NO_ERROR) {
+                ThrowError(scope, HRESULT_FROM_WIN32(error), kSourceCmdHdlr, __LINE__,
+                           TEXT("%s: Error receving remaining framewrite data. Total framedata sz "
+                                "%d bytes, received %d bytes"),
+                           command.clientId, static_cast<int>(payload_bytes),
+                           static_cast<int>(offset_bytes));
+            }
+            xaction.BumpReceiveCount();
+            offset_bytes += read_bytes;
+        }
+        const DWORD elapsed_ms = GetTickCount() - xaction.StartTick();
+        if (elapsed_ms >= kSlowReceive_ms) {
+            scope.LogSlowOperation(elapsed_ms,
+                                   TEXT("%s: Slow ZEM HTTP server WriteFrame data (%d bytes) "
+                                        "network reads (%d), transId %u"),
+                                   command.clientId, static_cast<int>(payload_bytes),
+                                   xaction.ReceiveCount(), command.transId);
+        }
+    } catch (...) {
+        LogCaught(scope, kSourceCmdHdlr, __LINE__);
+    }
+    return scope.GetResult();
+}
+
+void CHttpCommandHandler::WriteFrameDoneApc(void* frameXaction) {
+    CZemEntry scope(TEXT("CHttpCommandHandler::WriteFrameDoneApc"));
+    CFrameIoXaction* frame = static_cast<CFrameIoXaction*>(frameXaction);
+    try {
+        if (!frame) scope = E_INVALIDARG;
+        CHttpCommandHandler& handler = *frame->owner;
+        CHttpXaction& xaction = *frame->httpXaction;
+        CZemHttpdXactionTimer& timer = xaction.Timer();
+        timer.MarkStage(kStageBeginIoCompletion);
+        if (handler.Tracing()) {
+            scope.Trace(TEXT("%s: handling write-frame complete apc, transId %u"),
+                        frame->channel->GetClientId(), xaction.TransId());
+        }
+        timer.MarkStage(kStageZemIoCompletionEnd);
+        if (frame->ioDesc.status == kNoResources) frame->channel->BumpDroppedWriteFrames();
+        frame->ioDesc.inUse = 0;
+        handler.m_framePool->ReleaseBlock(frame);
+        timer.MarkStage(kStageIoContextReleased);
+        handler.m_xactionPool->Release(&xaction);
+        handler.m_framePool->EndIo();  // the last use of the server by this I/O
+    } catch (...) {
+        LogCaught(scope, kSourceCmdHdlr, __LINE__);
+    }
+}
