@@ -1,0 +1,61 @@
+// The two text pages, /media/status and /media/clients. Worker threads.
+#include <cstring>
+
+#include "zemhttpd/entry/entrypoint.h"
+#include "zemhttpd/server/httpcmdhdlr.h"
+
+void CHttpCommandHandler::GetCapacityString(const WCHAR* label, char* out, int size_bytes) {
+    CZemEntry scope(TEXT("CHttpCommandHandler::GetCapacityString"));
+    try {
+        if (!out) scope = E_INVALIDARG;
+        const DWORD now_ms = GetTickCount();
+        HRESULT error = S_OK;
+        ULONGLONG free_bytes = m_capacity.Free_bytes();
+        ULONGLONG total_bytes = m_capacity.Total_bytes();
+        if (m_capacity.Due(now_ms)) {
+            ULARGE_INTEGER available = {};
+            ULARGE_INTEGER total = {};
+            if (!GetDiskFreeSpaceExW(m_volumeRoot, &available, &total, nullptr)) {
+                error = HRESULT_FROM_WIN32(GetLastError());
+                available = {};
+                total = {};
+                if (Tracing()) {
+                    scope.Trace(TEXT("%s: error 0x%x querying disk capacity on status check"),
+                                label, error);
+                }
+            }
+            free_bytes = available.QuadPart;
+            total_bytes = total.QuadPart;
+            m_capacity.Store(now_ms, free_bytes, total_bytes);
+        }
+        // The error shows only in the answer of the call that met it.
+        sprintf_s(out, static_cast<size_t>(size_bytes), "%x %I64u %I64u", error, free_bytes,
+                  total_bytes);
+    } catch (...) {
+        LogCaught(scope, kSourceCmdHdlr, __LINE__);
+    }
+}
+
+void CHttpCommandHandler::GetClientsInfo(const WCHAR*, char* out, int size_bytes) {
+    CZemEntry scope(TEXT("CHttpCommandHandler::GetClientsInfo"));
+    try {
+        const size_t size = static_cast<size_t>(size_bytes);
+        size_t used = std::strlen(out);
+        bool full = false;
+        const CClientTable::CLock lock(m_clients);
+        m_clients.ForEach([&](const WString& clientId, ZemClient*) {
+            if (full) return;
+            char line[4 * kNameUnits];  // 259 units are at most 777 bytes of UTF-8
+            sprintf_s(line, sizeof(line), "%S\r\n", clientId.c_str());
+            const size_t length = std::strlen(line);
+            // The page ends at the last whole line that fits.
+            full = used + length >= size;
+            if (full) return;
+            std::memcpy(out + used, line, length + 1);
+            used += length;
+        });
+        if (used == 0) strcpy_s(out, size, "No Clients\r\n");
+    } catch (...) {
+        LogCaught(scope, kSourceCmdHdlr, __LINE__);
+    }
+}

@@ -1,0 +1,83 @@
+// Compares where the system says a file is with where it says the root is: both names come from
+// handles, so links and relative parts are resolved the same way on both sides.
+#include "zemhttpd/webfiles/volumepath.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace {
+
+constexpr DWORD kFinalUnits = 4096;
+constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+
+bool IsSeparator(WCHAR unit) {
+    return unit == TEXT('/') || unit == TEXT('\\');
+}
+
+struct FinalPath {
+    WCHAR text[kFinalUnits];
+    DWORD length = 0;  // without separators at the end; 0: unknown, or the top of the file system
+
+    explicit FinalPath(HANDLE file) {
+        if (file == INVALID_HANDLE_VALUE) return;
+        length = GetFinalPathNameByHandleW(file, text, kFinalUnits, FILE_NAME_NORMALIZED);
+        if (length >= kFinalUnits) length = 0;
+        while (length > 0 && IsSeparator(text[length - 1]))
+            --length;
+    }
+    bool Contains(const FinalPath& other) const {
+        return length > 0 && other.length >= length &&
+               std::memcmp(text, other.text, length * sizeof(WCHAR)) == 0 &&
+               (other.length == length || IsSeparator(other.text[length]));
+    }
+};
+
+HANDLE OpenFolder(const WCHAR* name) {
+    return CreateFileW(name, GENERIC_READ, kShareAll, nullptr, OPEN_EXISTING,
+                       FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+}
+
+}  // namespace
+
+UrlText::UrlText(const WCHAR* start, USHORT length_bytes) {
+    if (!start) return;
+    const size_t units = length_bytes / sizeof(WCHAR);
+    const size_t kept = std::min<size_t>(units, kNameUnits - 1);
+    std::memcpy(text, start, kept * sizeof(WCHAR));
+    cut = kept < units;
+}
+
+CVolumePath::CVolumePath(const WCHAR* volumeRoot, const WCHAR* separator, const UrlText& path)
+    : m_volumeRoot(volumeRoot) {
+    m_cut = _snwprintf_s(m_fullPath, kNameUnits, _TRUNCATE, TEXT("%s%s%s"), volumeRoot, separator,
+                         path.text) < 0 ||
+            path.cut;
+}
+
+bool CVolumePath::HasRoot() const {
+    for (const WCHAR* unit = m_volumeRoot; *unit; ++unit) {
+        if (!IsSeparator(*unit)) return true;
+    }
+    return false;
+}
+
+bool CVolumePath::IsPlainFile() const {
+    if (!HasRoot() || m_cut) return false;
+    WCHAR folder[kNameUnits];
+    std::memcpy(folder, m_fullPath, sizeof(folder));
+    size_t end = wcslen(folder);
+    while (end > 0 && !IsSeparator(folder[end - 1]))
+        --end;
+    folder[end] = 0;
+    const CFileHandle folderHandle(OpenFolder(folder));
+    if (!folderHandle || !Holds(folderHandle.Get())) return false;
+    const DWORD attributes = GetFileAttributesW(m_fullPath);
+    constexpr DWORD kNotPlain =
+        FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_DEVICE | FILE_ATTRIBUTE_REPARSE_POINT;
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & kNotPlain) == 0;
+}
+
+bool CVolumePath::Holds(HANDLE file) const {
+    const CFileHandle root(OpenFolder(m_volumeRoot));
+    return FinalPath(root.Get()).Contains(FinalPath(file));
+}

@@ -1,0 +1,56 @@
+// Which file below the volume root a request names, and whether it really lies there. Nothing
+// outside the root is ever opened for a client: no `..`, symbolic link, mount trick or missing root
+// leads out of it. Worker threads.
+#pragma once
+
+#include "platform/platform.h"
+#include "zemhttpd/commands/command.h"
+
+// A handle that closes itself; empty for INVALID_HANDLE_VALUE.
+class CFileHandle {
+public:
+    explicit CFileHandle(HANDLE handle = INVALID_HANDLE_VALUE) : m_handle(handle) {}
+    CFileHandle(const CFileHandle&) = delete;
+    CFileHandle& operator=(const CFileHandle&) = delete;
+    ~CFileHandle() { Close(); }
+    void Reset(HANDLE handle) {
+        Close();
+        m_handle = handle;
+    }
+    HANDLE Get() const { return m_handle; }
+    explicit operator bool() const { return m_handle != INVALID_HANDLE_VALUE; }
+
+private:
+    void Close() {
+        if (*this) CloseHandle(m_handle);
+    }
+    HANDLE m_handle;
+};
+
+// A text of the cooked URL, which is counted, as a C string; cut at 259 characters.
+struct UrlText {
+    WCHAR text[kNameUnits] = {};
+    bool cut = false;
+    UrlText(const WCHAR* start, USHORT length_bytes);
+};
+
+class CVolumePath {
+public:
+    // `separator` stands between root and path: the two ways of naming a file differ in it.
+    // `volumeRoot` ends in a backslash, or is empty.
+    CVolumePath(const WCHAR* volumeRoot, const WCHAR* separator, const UrlText& path);
+
+    const WCHAR* FullPath() const { return m_fullPath; }  // cut at 259 characters
+    // Whether the name stands for a plain file in a folder at or below the root: no folder, no
+    // link, nothing when there is no root or the name is too long.
+    bool IsPlainFile() const;
+    // Whether an open file lies below the root, all links resolved.
+    bool Holds(HANDLE file) const;
+
+private:
+    bool HasRoot() const;
+
+    const WCHAR* m_volumeRoot;
+    WCHAR m_fullPath[kNameUnits];
+    bool m_cut;
+};
