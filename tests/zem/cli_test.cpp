@@ -49,7 +49,9 @@ protected:
         std::string command = Quoted(ZEM_PROGRAM) + " --server " + Quoted(server);
         for (const std::string& argument : arguments)
             command += " " + Quoted(argument);
+        m_server.Settle();
         const int code = Shell(command + " >out 2>err");
+        m_server.Settle();
         return {code, Contents(m_dir / "out"), Contents(m_dir / "err")};
     }
     Outcome Run(const std::vector<std::string>& arguments) const {

@@ -35,6 +35,9 @@ public:
     std::string Url() const;
     std::vector<ScriptRequest> Requests() const;
     int Connections() const;
+    // Orders what the caller did before with what the script does after, and the other way round: a
+    // program that the test ran in between gives no such order by itself.
+    void Settle() const { const std::lock_guard<std::mutex> guard(m_lock); }
 
 private:
     void Accept();
