@@ -68,7 +68,13 @@ public:
 
     int Run() {
         CreateFiles();
-        SendAll();
+        try {
+            SendAll();
+        } catch (const CZemError& error) {
+            throw CZemError(error.Kind(),
+                            std::string(error.what()) + "; the files on the server are incomplete",
+                            error.Hr());
+        }
         for (PutFile& file : m_files) {
             Flush(file);
             m_session->Close(file.token);
@@ -137,8 +143,8 @@ void CPut::SendAll() {
     ClipPacket packet;
     while (m_clip.Next(packet)) {
         if (StopRequested()) {
-            throw CZemError(ErrorKind::kInterrupted, "stopped after " + std::to_string(packets) +
-                                                         " frames; the files are incomplete");
+            throw CZemError(ErrorKind::kInterrupted,
+                            "stopped after " + std::to_string(packets) + " frames");
         }
         Send(packet);
         sent_bytes += packet.data.size();
