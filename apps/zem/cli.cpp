@@ -64,18 +64,48 @@ void CommandLine::RequireId(const char* verb_name) const {
     }
 }
 
-CSession::CSession(const CommandLine& line, bool stay)
-    : m_client(line.Connection()), m_stay(stay || line.stay) {
+CKeepAlive::CKeepAlive(const ConnectionOptions& options, int period_s)
+    : m_client(options), m_period(period_s), m_thread([this] { Run(); }) {}
+
+CKeepAlive::~CKeepAlive() {
+    {
+        const std::lock_guard<std::mutex> guard(m_lock);
+        m_stop = true;
+    }
+    m_wake.notify_one();
+    m_thread.join();
+}
+
+void CKeepAlive::Run() {
+    m_client.Http().SetStopCheck([this] { return m_stop.load(); });
+    std::unique_lock<std::mutex> hold(m_lock);
+    while (!m_wake.wait_for(hold, m_period, [this] { return m_stop.load(); })) {
+        hold.unlock();
+        try {
+            m_client.KeepAlive();
+        } catch (const std::exception&) {
+            // The verb's own requests tell the user what is wrong.
+        }
+        hold.lock();
+    }
+}
+
+CSession::CSession(const CommandLine& line, bool stay) : CSession(line, line.Connection(), stay) {}
+
+CSession::CSession(const CommandLine& line, const ConnectionOptions& options, bool stay)
+    : m_client(options), m_stay(stay || line.stay) {
     m_client.Http().SetStopCheck(&StopRequested);
     m_client.Join(line.channel);
+    m_keepAlive = std::make_unique<CKeepAlive>(options, line.keepAlive_s);
 }
 
 CSession::~CSession() {
+    m_keepAlive.reset();
     if (m_stay) return;
     try {
         m_client.Http().SetStopCheck({});
         m_client.Leave();
-    } catch (...) {
+    } catch (const std::exception&) {
         // The server drops a silent client by itself; the verb's own outcome is what counts.
     }
 }
@@ -205,6 +235,10 @@ void AddGlobalOptions(CLI::App& app, CommandLine& line) {
     app.add_option("--timeout", line.timeout_s,
                    "Seconds without a byte after which a transfer is given up")
         ->check(CLI::Range(1, 86400))
+        ->capture_default_str();
+    app.add_option("--keep-alive", line.keepAlive_s,
+                   "Seconds between signs of life while a verb waits, for a pipe for example")
+        ->check(CLI::Range(1, 40))
         ->capture_default_str();
     app.add_flag("--stay", line.stay,
                  "Do not leave at the end: the client stays joined until zem leave, or until it "

@@ -1,12 +1,17 @@
 // The verbs of the program zem. Each Add… function puts one group of verbs into the command line
 // and tells Run what to call. A verb talks to people on stdout and stderr and reports failure by
-// CZemError or its exit code. Main thread only.
+// CZemError or its exit code. Main thread, but for the keep-alives.
 #pragma once
 
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 
 #include "apps/zem/client/zemclient.h"
 
@@ -32,6 +37,7 @@ struct CommandLine {
     std::string clientId;  // empty: one is made up
     uint32_t channel = 0;
     int timeout_s = 60;
+    int keepAlive_s = 15;
     bool stay = false;
     bool quiet = false;
     std::function<int()> verb;
@@ -40,6 +46,26 @@ struct CommandLine {
     // For verbs that change or end what a client has on the server: they are pointless under a
     // made-up ID.
     void RequireId(const char* verb_name) const;
+};
+
+// Tells the server from time to time that the client is alive, on a connection and thread of its
+// own: a verb that waits for a pipe sends nothing for a while, and a server drops a client that was
+// silent for 50 seconds.
+class CKeepAlive {
+public:
+    CKeepAlive(const ConnectionOptions& options, int period_s);
+    ~CKeepAlive();
+    CKeepAlive(const CKeepAlive&) = delete;
+    CKeepAlive& operator=(const CKeepAlive&) = delete;
+
+private:
+    void Run();
+    CZemClient m_client;
+    const std::chrono::seconds m_period;
+    std::atomic<bool> m_stop{false};
+    std::mutex m_lock;
+    std::condition_variable m_wake;
+    std::thread m_thread;  // last: it uses all the others
 };
 
 // A client that joined. It leaves at the end unless it is to stay; a failed leave is no failure of
@@ -55,8 +81,10 @@ public:
     CZemClient& operator*() { return m_client; }
 
 private:
+    CSession(const CommandLine& line, const ConnectionOptions& options, bool stay);
     CZemClient m_client;
     bool m_stay;
+    std::unique_ptr<CKeepAlive> m_keepAlive;
 };
 
 // Closes its file when it goes out of scope; a file that was closed by then is left alone.

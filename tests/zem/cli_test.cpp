@@ -325,6 +325,22 @@ TEST_F(ZemCliFiles, ReadWritesFramesToAPipeOrAFile) {
     EXPECT_FALSE(fs::exists(m_dir / "none.bin.part"));
 }
 
+TEST_F(ZemCliFiles, AVerbThatWaitsForAPipeKeepsItsClientAlive) {
+    m_media.files["media/v"].frames = {{0, std::string(1 << 20, 'x')}, {1, "end"}};
+    // The reader of the pipe starts to read only when the server has seen a sign of life.
+    CScriptServer server([&](const ScriptRequest& request) {
+        if (request.body.substr(4, 4) == Le32(17)) std::ofstream(m_dir / "go");
+        return m_media(request);
+    });
+    ASSERT_EQ(Shell("mkfifo go"), 0);
+    EXPECT_EQ(Shell("{ timeout 60 " + Quoted(ZEM_PROGRAM) + " --keep-alive 1 --server " +
+                    server.Url() + " read media/v; echo $? >code; } | { cat go; wc -c >count; }"),
+              0);
+    server.Settle();
+    EXPECT_EQ(Contents(m_dir / "code"), "0\n");
+    EXPECT_EQ(Contents(m_dir / "count"), "1048579\n");
+}
+
 TEST_F(ZemCliFiles, InfoFramesAndMarksInBothForms) {
     for (const char* form : {"", "--by-name"}) {
         std::vector<std::string> more = {"--json"};
