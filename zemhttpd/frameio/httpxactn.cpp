@@ -9,6 +9,7 @@
 #include <new>
 
 #include "zemhttpd/entry/entrypoint.h"
+#include "zemhttpd/server/registrykey.h"
 
 namespace {
 
@@ -26,16 +27,9 @@ private:
 };
 
 bool ReclaimWanted() {
-    HKEY key;
-    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, TEXT("Software\\Quorvane Group\\ZEM"), 0, KEY_READ,
-                      &key) != ERROR_SUCCESS) {
-        return false;
-    }
-    DWORD value = 0, type = 0, size = sizeof(value);
-    const LONG error = RegQueryValueExW(key, TEXT("ReclaimFrameBlocks"), nullptr, &type,
-                                        reinterpret_cast<BYTE*>(&value), &size);
-    RegCloseKey(key);
-    return error == ERROR_SUCCESS && type == REG_DWORD && value != 0;
+    DWORD value = 0;
+    CRegistryKey(kZemKeyPath).ReadDword(TEXT("ReclaimFrameBlocks"), value);
+    return value != 0;
 }
 
 }  // namespace
