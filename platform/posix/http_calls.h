@@ -38,7 +38,8 @@ ULONG HttpReceiveHttpRequest(HANDLE ReqQueueHandle, HTTP_REQUEST_ID RequestId, U
 // The next bytes of the request's entity body, at most BufferLength and usually as many as have
 // arrived. ERROR_HANDLE_EOF after the last byte, ERROR_CONNECTION_INVALID for an id that is not a
 // request in hand, ERROR_NETNAME_DELETED when the client is gone or stalled. One call at a time for
-// a request (else ERROR_BUSY). Flags: 0 or HTTP_RECEIVE_REQUEST_ENTITY_BODY_FLAG_FILL_BUFFER.
+// a request (else ERROR_BUSY). Flags: 0 or, in a call without OVERLAPPED,
+// HTTP_RECEIVE_REQUEST_ENTITY_BODY_FLAG_FILL_BUFFER.
 ULONG HttpReceiveRequestEntityBody(HANDLE ReqQueueHandle, HTTP_REQUEST_ID RequestId, ULONG Flags,
                                    PVOID pBuffer, ULONG BufferLength, PULONG pBytesReceived,
                                    LPOVERLAPPED pOverlapped) noexcept;

@@ -23,6 +23,7 @@ inline constexpr size_t kReserveBytes = 128;
 // receiver reads it into place.
 inline constexpr size_t kReadBytes = 8192;
 inline constexpr size_t kBigBufferBytes = kMaxHeadBytes + 4096;
+inline constexpr size_t kChunkRoomBytes = 1024;  // for the framing of a chunked body
 
 // A large body is delivered when this much of it, or all, has arrived.
 inline constexpr uint32_t kLowWaterBytes = 1u << 20;

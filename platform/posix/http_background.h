@@ -1,0 +1,43 @@
+// The rest of a response whose client takes it too slowly: a copy of the memory, descriptors of the
+// files. The connection that owns it sends it on as the socket takes more. All copies of the
+// process together are bounded. Used by the thread that owns the connection.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "platform/posix/http_pieces.h"
+
+namespace posix {
+
+class CBackgroundSend {
+public:
+    // Null when the bound, memory or descriptors do not allow it; the cursor is as before then.
+    static std::unique_ptr<CBackgroundSend> Make(const CSendCursor& rest);
+    ~CBackgroundSend();
+    CBackgroundSend(const CBackgroundSend&) = delete;
+    CBackgroundSend& operator=(const CBackgroundSend&) = delete;
+
+    ESent Advance(int socket) { return m_cursor->Advance(socket, &m_sent); }
+
+    // Whether the client took enough since this was last asked.
+    bool KeepsRate(int socket);
+    void StartRate(int socket);
+
+    static uint64_t BytesHeld();
+
+private:
+    CBackgroundSend() = default;
+    bool Copy(const CSendCursor& rest);
+    bool AddFile(int fd, uint64_t offset, uint64_t bytes);
+
+    std::vector<CSendPiece> m_pieces;
+    std::vector<int> m_files;
+    std::unique_ptr<char[]> m_memory;
+    uint64_t m_reserved = 0;
+    uint64_t m_sent = 0;
+    int64_t m_delivered = 0;
+    std::unique_ptr<CSendCursor> m_cursor;
+};
+
+}  // namespace posix

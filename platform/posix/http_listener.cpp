@@ -1,0 +1,220 @@
+// Listening sockets: binding, accepting, and the list of addresses to listen on.
+#include "platform/posix/http_listener.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <netinet/tcp.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <deque>
+#include <new>
+#include <string>
+
+#include "platform/posix/filesinternal.h"
+#include "platform/posix/http_background.h"
+#include "platform/posix/http_connection.h"
+#include "platform/posix/registry.h"
+
+namespace posix {
+namespace {
+
+constexpr int kAcceptTurn = 64;
+
+// A stopped listener is not used again: it may still be queued as ready in its port.
+struct CListenerStore {
+    std::mutex lock;  // guards the list
+    std::deque<CListener> all;
+};
+
+CListenerStore& Store() {
+    static auto* store = new CListenerStore();
+    return *store;
+}
+
+bool ParseAddress(std::string text, CSocketAddress& address) {
+    if (text.size() > 2 && text.front() == '[' && text.back() == ']')
+        text = text.substr(1, text.size() - 2);
+    address = {};
+    if (inet_pton(AF_INET, text.c_str(), &address.v4.sin_addr) == 1) {
+        address.v4.sin_family = AF_INET;
+        return true;
+    }
+    if (inet_pton(AF_INET6, text.c_str(), &address.v6.sin6_addr) != 1) return false;
+    address.v6.sin6_family = AF_INET6;
+    return true;
+}
+
+std::vector<BYTE> ReadListenOnlyList() {
+    HKEY key;
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE,
+                      TEXT("System\\CurrentControlSet\\Services\\HTTP\\Parameters"), 0, KEY_READ,
+                      &key) != ERROR_SUCCESS)
+        return {};
+    std::vector<BYTE> value;
+    DWORD type = 0, size = 0;
+    if (RegQueryValueExA(key, "ListenOnlyList", nullptr, &type, nullptr, &size) == ERROR_SUCCESS &&
+        type == REG_MULTI_SZ) {
+        value.resize(size);
+        if (RegQueryValueExA(key, "ListenOnlyList", nullptr, &type, value.data(), &size) !=
+            ERROR_SUCCESS)
+            size = 0;
+        value.resize(size);
+    }
+    RegCloseKey(key);
+    return value;
+}
+
+ULONG ErrorOfBind(int error) {
+    if (error == EADDRINUSE) return ERROR_SHARING_VIOLATION;
+    if (error == EACCES || error == EPERM) return ERROR_ACCESS_DENIED;
+    return ErrorFromErrno(error);
+}
+
+// An address that cannot be read is left out: listening on fewer addresses than asked is safer
+// than on all.
+std::vector<CSocketAddress> ParseList(const std::vector<BYTE>& list, bool* given) {
+    std::vector<CSocketAddress> addresses;
+    for (size_t at = 0; at < list.size() && list[at] != 0;) {
+        std::string text;
+        while (at < list.size() && list[at] != 0)
+            text.push_back(static_cast<char>(list[at++]));
+        ++at;
+        *given = true;
+        CSocketAddress address;
+        if (ParseAddress(text, address)) addresses.push_back(address);
+    }
+    return addresses;
+}
+
+}  // namespace
+
+std::vector<CSocketAddress> ListenAddresses() {
+    bool given = false;
+    std::vector<CSocketAddress> addresses = ParseList(ReadListenOnlyList(), &given);
+    if (given) return addresses;
+    CSocketAddress any{};
+    any.v6.sin6_family = AF_INET6;  // and, dual-stack, every IPv4 address
+    return {any};
+}
+
+CListener* CListener::Start(int fd, CRequestQueue* queue, CCompletionPort* port) try {
+    CListener* listener;
+    {
+        CListenerStore& store = Store();
+        const std::lock_guard lock(store.lock);
+        listener = &store.all.emplace_back();
+    }
+    const std::lock_guard lock(listener->m_lock);
+    listener->m_fd = fd;
+    listener->m_queue = queue;
+    listener->m_port = port;
+    listener->m_paused = false;
+    port->Add(fd, EPOLLIN | EPOLLONESHOT, listener);
+    return listener;
+} catch (const std::bad_alloc&) {
+    close(fd);
+    return nullptr;
+}
+
+void CListener::Stop() {
+    const std::lock_guard lock(m_lock);
+    if (m_fd >= 0) close(m_fd);
+    m_fd = -1;
+    m_queue = nullptr;
+    m_port = nullptr;
+}
+
+void CListener::Arm() {
+    m_port->Modify(m_fd, EPOLLIN | EPOLLONESHOT, this);
+}
+
+bool CListener::Run(CPacket&) {
+    const std::lock_guard lock(m_lock);
+    if (m_fd < 0) return false;
+    for (int i = 0; i < kAcceptTurn; ++i) {
+        CSocketAddress remote{};
+        socklen_t length = sizeof remote;
+        const int fd = accept4(m_fd, &remote.any, &length, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd >= 0) {
+            CHttpConnection::Open(fd, m_queue, remote);
+            continue;
+        }
+        if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+            // The clients wait in the backlog until the next tick.
+            m_paused = true;
+            m_port->EnsureTick(CCompletionPort::ETick::Quick);
+            return false;
+        }
+        if (errno == EAGAIN) break;
+    }
+    Arm();
+    return false;
+}
+
+void CListener::Resume(CCompletionPort* port) {
+    CListenerStore& store = Store();
+    const std::lock_guard all(store.lock);
+    for (CListener& listener : store.all) {
+        const std::lock_guard lock(listener.m_lock);
+        if (listener.m_port != port || !listener.m_paused) continue;
+        listener.m_paused = false;
+        listener.Arm();
+    }
+}
+
+ULONG CListenPort::Start(uint16_t port, CRequestQueue* queue, CCompletionPort* completion_port) {
+    m_asked = m_bound = port;
+    const std::vector<CSocketAddress> addresses = ListenAddresses();
+    if (addresses.empty()) return ERROR_INVALID_PARAMETER;
+    for (const CSocketAddress& address : addresses) {
+        const ULONG error = Bind(address, queue, completion_port);
+        if (error == NO_ERROR) continue;
+        Stop();
+        return error;
+    }
+    return NO_ERROR;
+}
+
+ULONG CListenPort::Bind(const CSocketAddress& where, CRequestQueue* queue, CCompletionPort* port) {
+    CSocketAddress address = where;
+    const bool any =
+        address.any.sa_family == AF_INET6 && IN6_IS_ADDR_UNSPECIFIED(&address.v6.sin6_addr);
+    int fd = socket(address.any.sa_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd < 0 && any && errno == EAFNOSUPPORT) {
+        address = {};
+        address.v4.sin_family = AF_INET;
+        fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    }
+    if (fd < 0) return ErrorFromErrno(errno);
+    const int on = 1, six_only = any ? 0 : 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);  // accepted sockets inherit it
+    if (address.any.sa_family == AF_INET6) {
+        setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &six_only, sizeof six_only);
+        address.v6.sin6_port = htons(m_bound);
+    } else {
+        address.v4.sin_port = htons(m_bound);
+    }
+    socklen_t length = static_cast<socklen_t>(address.Size());
+    if (bind(fd, &address.any, length) != 0 || listen(fd, SOMAXCONN) != 0 ||
+        getsockname(fd, &address.any, &length) != 0) {
+        const ULONG error = ErrorOfBind(errno);
+        close(fd);
+        return error;
+    }
+    m_bound = address.Port();
+    CListener* listener = CListener::Start(fd, queue, port);
+    if (!listener) return ERROR_NOT_ENOUGH_MEMORY;
+    m_listeners.push_back(listener);
+    return NO_ERROR;
+}
+
+void CListenPort::Stop() {
+    for (CListener* listener : m_listeners)
+        listener->Stop();
+    m_listeners.clear();
+}
+
+}  // namespace posix

@@ -1,0 +1,64 @@
+// Waiting for a client in the middle of a call, and the rule that no client owns a thread: while
+// requests wait for one, a client that moves too little in a window is stalled. Run by any thread
+// that answers or reads a body.
+#include <poll.h>
+
+#include <algorithm>
+#include <atomic>
+
+#include "platform/posix/http_background.h"
+#include "platform/posix/http_clock.h"
+#include "platform/posix/http_connection.h"
+#include "platform/posix/http_queue.h"
+#include "platform/posix/http_tuning.h"
+
+namespace posix {
+namespace {
+
+constexpr int kSliceMs = 50;
+
+std::atomic<uint32_t> g_blocked{0};
+
+struct CBlocked {
+    CBlocked() { g_blocked.fetch_add(1); }
+    ~CBlocked() { g_blocked.fetch_sub(1); }
+};
+
+}  // namespace
+
+// The window runs over all of the request's calls, so that a client cannot begin anew with every
+// byte.
+bool CHttpConnection::IsStalled(uint64_t now) {
+    const HttpTuning& tune = *HttpTune();
+    if (!m_window_open) {
+        m_window_open = true;
+        m_slow = false;
+        m_window_start = now;
+        m_window_bytes = 0;
+    } else if (now - m_window_start >= tune.stall_ms) {
+        m_slow = m_window_bytes < tune.stall_bytes;
+        m_window_start = now;
+        m_window_bytes = 0;
+    }
+    return m_slow && m_queue->RequestsWait();
+}
+
+// False: the client is stalled, its time is up, or the queue is closing.
+bool CHttpConnection::WaitSocket(short events, uint64_t until_ms) {
+    const CBlocked blocked;
+    for (;;) {
+        const uint64_t now = ClockMs();
+        if (m_queue->Closing() || IsStalled(now) || now >= until_ms) return false;
+        pollfd fd{m_fd, events, 0};
+        const int slice = std::max(1, std::min(kSliceMs, static_cast<int>(HttpTune()->stall_ms)));
+        if (poll(&fd, 1, slice) > 0) return true;
+        // Below a low-water mark there may be bytes although nothing is announced.
+        if (events == POLLIN && m_low_water > 1) return true;
+    }
+}
+
+}  // namespace posix
+
+uint32_t HttpTuneBlockedThreads() noexcept {
+    return posix::g_blocked.load();
+}
