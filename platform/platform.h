@@ -13,6 +13,11 @@
 #ifndef NOMINMAX
 #define NOMINMAX
 #endif
+// The order matters: the later ones need the types of the first two.
+#include <winsock2.h>
+
+#include <windows.h>
+
 #include <comdef.h>
 #include <http.h>
 #include <msxml2.h>
@@ -23,24 +28,18 @@
 #include <stdlib.h>
 #include <string.h>
 #include <wchar.h>
-#include <windows.h>
-#include <winsock2.h>
 #else
 #include "platform/posix/com.h"
 #include "platform/posix/errors.h"
 #include "platform/posix/eventlog.h"
 #include "platform/posix/files.h"
+#include "platform/posix/http.h"
+#include "platform/posix/port.h"
 #include "platform/posix/registry.h"
 #include "platform/posix/sync.h"
 #include "platform/posix/text.h"
 #include "platform/posix/time.h"
 #include "platform/posix/types.h"
-#if __has_include("platform/posix/http.h")
-#include "platform/posix/http.h"
-#endif
-#if __has_include("platform/posix/port.h")
-#include "platform/posix/port.h"
-#endif
 #endif
 
 #include <string>

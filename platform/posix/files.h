@@ -1,13 +1,17 @@
 // Files by name and handle. Names are UTF-16; `/` and `\` both separate, repeated separators count
 // as one; there are no drives, streams or device names, and every character but NUL and the
-// separators may occur in a name. Failures: INVALID_HANDLE_VALUE, FALSE or INVALID_FILE_ATTRIBUTES
-// with the last error set: ERROR_FILE_NOT_FOUND (the last part is missing), ERROR_PATH_NOT_FOUND (a
-// folder is, or the name is empty or null), ERROR_ACCESS_DENIED, ERROR_FILENAME_EXCED_RANGE (over
-// 4095 bytes of UTF-8, or a part over 255), ERROR_INVALID_NAME (unpaired surrogates), and what
-// errno says otherwise (filesinternal.h has the one table). Any thread. Differences: share modes
-// are checked but not enforced; names are case-sensitive; a symbolic link reads as a reparse point
-// in GetFileAttributesW and is followed by CreateFileW unless FILE_FLAG_OPEN_REPARSE_POINT is
-// given, which refuses it (ERROR_ACCESS_DENIED) instead of opening the link itself.
+// separators may occur in a name. Any thread.
+//
+// Failures: INVALID_HANDLE_VALUE, FALSE or INVALID_FILE_ATTRIBUTES with the last error set:
+// ERROR_FILE_NOT_FOUND (the last part is missing), ERROR_PATH_NOT_FOUND (a folder is, or the name
+// is empty or null), ERROR_ACCESS_DENIED, ERROR_FILENAME_EXCED_RANGE (over 4095 bytes of UTF-8, or
+// a part over 255), ERROR_INVALID_NAME (unpaired surrogates), and what errno says otherwise
+// (ErrorFromErrno in filesinternal.h is the one table).
+//
+// Differences: share modes are checked but not enforced; names are case-sensitive; a symbolic link
+// reads as a reparse point in GetFileAttributesW and is followed by CreateFileW unless
+// FILE_FLAG_OPEN_REPARSE_POINT is given, which refuses it (ERROR_ACCESS_DENIED) instead of opening
+// the link itself.
 #pragma once
 
 #include "platform/posix/errors.h"

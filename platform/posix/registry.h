@@ -1,9 +1,11 @@
-// The registry, read-only, from a text file in the registry editor's export format (see docs in the
-// header of registryfile.h). Names of keys and values compare without regard to ASCII case. A key
-// is the state of the file at the moment it was opened; a changed file (time, size or inode) is
-// seen when the next key is opened, which costs one stat when nothing changed. A missing file is an
-// empty registry; a malformed line is skipped and reported once per file state to stderr and the
-// system log. Any thread. Differences: only HKEY_LOCAL_MACHINE and HKEY_CLASSES_ROOT (=
+// The registry, read-only, from a text file in the registry editor's export format (described in
+// registryfile.h). Names of keys and values compare without regard to ASCII case. A key is the
+// state of the file at the moment it was opened; a changed file (time, size or inode) is seen when
+// the next key is opened, which costs one stat when nothing changed. A missing file is an empty
+// registry; a malformed line is skipped and reported once per file state to stderr and the system
+// log. Any thread.
+//
+// Differences: only HKEY_LOCAL_MACHINE and HKEY_CLASSES_ROOT (=
 // HKEY_LOCAL_MACHINE\Software\Classes) exist; write rights may be asked for but nothing can be
 // written; there are no links, classes or security.
 #pragma once

@@ -1,9 +1,8 @@
 // Locks, semaphores, events, threads and asynchronous procedure calls, in Windows terms.
 // Differences from Windows, all deliberate:
 // - nothing is named or inherited: a name or security attributes give ERROR_NOT_SUPPORTED;
-// - a thread starts at once (initflag must be 0) and an APC queued to it before its first alertable
-// wait stays queued
-//   until that wait; APCs of a thread that has ended are dropped;
+// - a thread starts at once (initflag must be 0), and an APC queued to it before its first
+//   alertable wait stays queued until that wait; APCs of a thread that has ended are dropped;
 // - handles of threads that this layer did not start do not exist;
 // - waiters are not served in order of arrival.
 // A signalled object wins over a queued APC: an alertable wait that can be satisfied at once

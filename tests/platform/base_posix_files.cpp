@@ -1,0 +1,146 @@
+// What only this layer promises of files: nothing but regular files, links as reparse points, bad
+// names. Linux only.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+
+#include "platform/platform.h"
+#include "tests/platform/tempfolder.h"
+
+namespace {
+
+HANDLE Open(const WString& path, DWORD access = GENERIC_READ, DWORD flags = FILE_ATTRIBUTE_NORMAL,
+            DWORD disposition = OPEN_EXISTING) {
+    SetLastError(0);
+    return CreateFileW(path.c_str(), access, FILE_SHARE_READ, nullptr, disposition, flags, nullptr);
+}
+
+TEST(PosixFiles, RefusesFifosDevicesAndSocketsAtOnce) {
+    const CTempFolder folder;
+    ASSERT_EQ(mkfifo(folder.File("fifo").c_str(), 0600), 0);
+    const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, folder.File("socket").c_str(), sizeof(address.sun_path) - 1);
+    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    for (const WString& path : {folder.Wide() + TEXT("/fifo"), folder.Wide() + TEXT("/socket"),
+                                WString(TEXT("/dev/null"))}) {
+        for (const DWORD access : {GENERIC_READ, GENERIC_WRITE, GENERIC_READ | GENERIC_WRITE}) {
+            EXPECT_EQ(Open(path, access), INVALID_HANDLE_VALUE);
+            EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+        }
+        EXPECT_EQ(GetFileAttributesW(path.c_str()), FILE_ATTRIBUTE_DEVICE);
+    }
+    EXPECT_FALSE(DeleteFileW((folder.Wide() + TEXT("/fifo")).c_str()));
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    close(listener);
+}
+
+TEST(PosixFiles, LinksAreReparsePoints) {
+    const CTempFolder folder;
+    std::ofstream(folder.File("file")) << "x";
+    std::filesystem::create_symlink("file", folder.Path() / "link");
+    std::filesystem::create_symlink(".", folder.Path() / "folder");
+    std::filesystem::create_symlink("nothing", folder.Path() / "broken");
+    std::filesystem::create_symlink("circle", folder.Path() / "circle");
+    const auto path = [&](const WCHAR* name) { return folder.Wide() + TEXT("\\") + name; };
+    EXPECT_EQ(GetFileAttributesW(path(TEXT("file")).c_str()), FILE_ATTRIBUTE_NORMAL);
+    EXPECT_EQ(GetFileAttributesW(path(TEXT("link")).c_str()), FILE_ATTRIBUTE_REPARSE_POINT);
+    EXPECT_EQ(GetFileAttributesW(path(TEXT("folder")).c_str()),
+              FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY);
+    EXPECT_EQ(GetFileAttributesW(path(TEXT("broken")).c_str()), FILE_ATTRIBUTE_REPARSE_POINT);
+    EXPECT_EQ(Open(path(TEXT("link")), GENERIC_READ, FILE_FLAG_OPEN_REPARSE_POINT),
+              INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    EXPECT_EQ(Open(path(TEXT("broken"))), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(Open(path(TEXT("circle"))), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_CANT_RESOLVE_FILENAME);
+    const HANDLE file = Open(path(TEXT("link")));
+    ASSERT_NE(file, INVALID_HANDLE_VALUE);
+    WCHAR name[1024];
+    const DWORD length = GetFinalPathNameByHandleW(file, name, 1024, VOLUME_NAME_NONE);
+    EXPECT_EQ(WString(name, length),
+              std::filesystem::canonical(folder.Path() / "file").u16string());
+    // Deleting the link leaves the file; a deleted file has no name.
+    EXPECT_TRUE(DeleteFileW(path(TEXT("link")).c_str()));
+    EXPECT_TRUE(DeleteFileW(path(TEXT("file")).c_str()));
+    EXPECT_EQ(GetFinalPathNameByHandleW(file, name, 1024, 0), 0u);
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    char byte = 0;
+    DWORD moved = 0;
+    EXPECT_TRUE(ReadFile(file, &byte, 1, &moved, nullptr));
+    EXPECT_EQ(byte, 'x');
+    EXPECT_TRUE(CloseHandle(file));
+}
+
+TEST(PosixFiles, BadNames) {
+    const CTempFolder folder;
+    const WString lone = folder.Wide() + TEXT("/") + WCHAR{0xDC00};
+    EXPECT_EQ(Open(lone), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_NAME);
+    EXPECT_EQ(GetFileAttributesW(lone.c_str()), INVALID_FILE_ATTRIBUTES);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_NAME);
+    const WString last = folder.Wide() + TEXT("/") + WCHAR{0xD800};
+    EXPECT_FALSE(DeleteFileW(last.c_str()));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_NAME);
+    for (const size_t length : {size_t{256}, size_t{5000}, size_t{100000}}) {
+        EXPECT_EQ(Open(folder.Wide() + TEXT("/") + WString(length, u'x')), INVALID_HANDLE_VALUE);
+        EXPECT_EQ(GetLastError(), ERROR_FILENAME_EXCED_RANGE);
+    }
+    // Every length around the buffer's end, in a character of three bytes.
+    for (size_t count = 1360; count < 1370; ++count)
+        EXPECT_EQ(GetFileAttributesW(WString(count, u'\u20AC').c_str()), INVALID_FILE_ATTRIBUTES);
+    EXPECT_EQ(CreateFileW(nullptr, GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr),
+              INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
+}
+
+TEST(PosixFiles, RefusesFlagsAndAttributes) {
+    const CTempFolder folder;
+    std::ofstream(folder.File("file")) << "x";
+    const WString path = folder.Wide() + TEXT("/file");
+    for (const DWORD flag :
+         {0x40000000u /* overlapped */, 0x20000000u /* no buffering */, 0x04000000u, 0x1u}) {
+        EXPECT_EQ(Open(path, GENERIC_READ, flag), INVALID_HANDLE_VALUE);
+        EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    }
+    EXPECT_EQ(Open(path, 0x00010000u), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(CreateFileW(path.c_str(), GENERIC_READ, 0x8, nullptr, OPEN_EXISTING, 0, nullptr),
+              INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    SECURITY_ATTRIBUTES attributes{};
+    EXPECT_EQ(CreateFileW(path.c_str(), GENERIC_READ, 0, &attributes, OPEN_EXISTING, 0, nullptr),
+              INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_NOT_SUPPORTED);
+    EXPECT_FALSE(CreateDirectoryW((folder.Wide() + TEXT("/d")).c_str(), &attributes));
+    EXPECT_EQ(GetLastError(), ERROR_NOT_SUPPORTED);
+    const HANDLE file = Open(path);
+    OVERLAPPED overlapped{};
+    overlapped.hEvent = file;
+    char byte;
+    EXPECT_FALSE(ReadFile(file, &byte, 1, nullptr, &overlapped));
+    EXPECT_EQ(GetLastError(), ERROR_NOT_SUPPORTED);
+    EXPECT_FALSE(ReadFile(file, &byte, 1, nullptr, nullptr));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    EXPECT_TRUE(CloseHandle(file));
+}
+
+TEST(PosixFiles, ReadOnlyFilesStay) {
+    const CTempFolder folder;
+    std::ofstream(folder.File("file")) << "x";
+    ASSERT_EQ(chmod(folder.File("file").c_str(), 0444), 0);
+    const WString path = folder.Wide() + TEXT("/file");
+    EXPECT_EQ(GetFileAttributesW(path.c_str()), FILE_ATTRIBUTE_READONLY);
+    EXPECT_FALSE(DeleteFileW(path.c_str()));
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+}
+
+}  // namespace
