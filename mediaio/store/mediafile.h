@@ -1,0 +1,239 @@
+// mediafile.h: one native media file, shared by every channel of the process that has it open: its
+// frame index, its one writer's queue, its checkpoints, and the views of its pages that readers
+// hand out. format.h says what is on disk. Any thread; one short lock per file, never held across
+// a system call of the read path. Writes go to the end of the file in the order of the queue, one
+// batch at a time, on the library's I/O thread (or, for a file opened without one, on the caller).
+#pragma once
+
+#include "mediaio/store/asyncio.h"
+#include "mediaio/store/fileio.h"
+#include "mediaio/store/format.h"
+#include "mediaio/store/frameindex.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#pragma GCC visibility push(default)
+
+namespace zemstore {
+
+class CMediaFile;
+
+// One record on its way to the end of the file. The caller keeps it, and the data, until
+// `completed`, which runs on an I/O thread (or inside Append) without any lock of the file.
+struct WriteItem {
+    RecordKind kind = RecordKind::kFrame;
+    bool realTime = false;
+    uint32_t position = 0;
+    uint32_t count = 0;
+    uint32_t flags = 0;
+    const void* data = nullptr;
+    uint32_t dataSize = 0;
+    uint32_t dataCrc = 0;
+    bool hasDescription = false;
+    uint8_t description[kDescriptionSize] = {};
+    Settings settings{};
+    void (*completed)(WriteItem& item) = nullptr;
+    void* context = nullptr;
+    HRESULT result = S_OK;
+
+    WriteItem* next = nullptr;  // from here on the file's
+    uint64_t slotOffset = 0;
+    uint64_t sequence = 0;
+};
+
+// A frame version that a reader holds: its pages stay in the file until Unpin.
+struct PinnedFrame {
+    uint32_t position;
+    uint64_t slotOffset;
+    uint64_t sequence;
+    uint32_t dataSize;
+    uint32_t dataCrc;
+    bool verified;
+    uint32_t cachedStamp;
+    const void* view;  // its bytes, to be sent and never touched; null when there is no view
+    unsigned epoch;
+};
+
+class CMediaFile {
+public:
+    // Makes `file` an empty media file: header and first root, on the device.
+    static HRESULT Format(IStoreFile& file, const ZemEsDesc& esDesc);
+    // `async` null: writes and checkpoints run on the thread that asks for them.
+    CMediaFile(std::unique_ptr<IStoreFile> file, std::shared_ptr<IAsyncIo> async);
+    // Reads header and index and recovers the log's tail. ERROR_BAD_FORMAT: not a native file.
+    // REQUIRES: before anything else.
+    HRESULT Load();
+
+    // The last Release deletes the object. TryAddRef fails when that has begun.
+    void AddRef() { m_refs.fetch_add(1, std::memory_order_relaxed); }
+    bool TryAddRef();
+    void Release();
+
+    // One writer at a time, in this process or another: ERROR_SHARING_VIOLATION.
+    HRESULT BeginWriting();
+    HRESULT EndWriting();  // everything on the device, index included; the writer is gone anyway
+    bool HasWriter() const;
+
+    // Queues a record. REQUIRES: BeginWriting, or AppendNow's guard.
+    void Append(WriteItem& item);
+    // Appends and waits for a record that is not a frame, then puts it on the device. Works without
+    // a writer.
+    HRESULT AppendSettings(const Settings& settings);
+    HRESULT Erase(uint32_t first, uint64_t end);
+    // Returns when everything appended before is on the device.
+    HRESULT Flush();
+    // Puts the index on the device and ends the tail. REQUIRES: writer.
+    HRESULT Checkpoint();
+
+    // Looks a frame up. S_OK: `frame` is filled and pinned (unless `pin` is false: only looked up).
+    // kErrorFrameHole, kErrorFrameErased, ERROR_END_OF_MEDIA, ERROR_CRC.
+    HRESULT Pin(uint32_t position, bool pin, PinnedFrame& frame);
+    void Unpin(unsigned epoch);
+    // What reading a pinned frame's bytes showed.
+    void ReportVerified(const PinnedFrame& frame, bool good);
+    void ReportCached(const PinnedFrame& frame, uint32_t stamp);
+    HRESULT Description(uint32_t position, uint8_t (&description)[kDescriptionSize]);
+    bool Cached(const PinnedFrame& frame) {
+        return m_file->Cached(frame.slotOffset, frame.dataSize);
+    }
+
+    const ZemEsDesc& EsDescAtCreation() const { return m_header.esDesc; }
+    ZemEsDesc EsDescNow() const;
+    Settings CurrentSettings() const;
+    uint32_t FrameCount() const;
+    void FrameDesc(uint32_t position, ZemFrameDesc& desc) const;
+    vdrTimecode_s StartTimecode(bool& dropFrame) const;
+
+    IStoreFile& File() { return *m_file; }
+    const FileIdentity& Identity() const { return m_identity; }
+    struct Report {  // what opening found; for tests and the log
+        uint64_t tailBytes = 0;
+        uint32_t tailRecords = 0;
+        uint32_t tornRecords = 0;
+        bool otherRoot = false;
+        bool rebuilt = false;
+    };
+    const Report& OpenReport() const { return m_report; }
+    uint64_t LogEnd() const;
+    size_t IndexNodes() const;
+
+    // Called with the object when its last reference is gone, before it is deleted.
+    void (*m_forget)(CMediaFile& file) = nullptr;
+
+private:
+    ~CMediaFile();
+
+    static constexpr size_t kBatchItems = 16;
+    static constexpr uint64_t kBatchBytes = uint64_t{8} << 20;
+    // A slot's end: at most a page less one byte of data rest and padding, and the record's page.
+    static constexpr size_t kTailRoom = kPageSize + sizeof(LogRecord);
+    static constexpr uint64_t kCheckpointBytes = uint64_t{64} << 20;
+    static constexpr uint32_t kCheckpointRecords = 1024;
+    static constexpr uint64_t kTailLimit = uint64_t{1} << 30;
+    static constexpr uint64_t kWindow = uint64_t{1}
+                                        << 30;  // a view's step; it is longer by a frame
+    static constexpr uint64_t kWindowOverlap = uint64_t{256} << 20;
+    enum class Phase { kIdle, kNodes, kNodesSync, kRoot, kRootSync, kPunch };
+
+    // mediafile_load.cpp
+    HRESULT ReadHeader();
+    bool ReadRoot(int which, Root& root);
+    HRESULT LoadIndex(const Root& root);
+    HRESULT ScanTail(uint64_t start, uint64_t limit);
+    class CTailReader;
+    bool RecordIsValid(const LogRecord& record, uint64_t pageOffset, uint64_t scanned) const;
+    HRESULT TakeRecord(CTailReader& reader, const LogRecord& record);
+    void Apply(RecordKind kind, uint32_t position, uint32_t count, const IndexEntry& entry,
+               const uint8_t* description, const Settings& settings);
+
+    // mediafile_write.cpp
+    void Pump(std::unique_lock<std::mutex>& hold);
+    bool BuildBatch();
+    void FillRecord(WriteItem& item, uint8_t* tail, size_t tailSize);
+    void BatchDone();
+    void Start(IoRequest& request, std::unique_lock<std::mutex>& hold);
+    static void OnBatch(IoRequest& request);
+    HRESULT Guard();
+    void Unguard();
+    HRESULT AppendDurably(WriteItem& item);
+    HRESULT SyncNow();
+
+    // mediafile_checkpoint.cpp
+    enum class Wanted { kNothing, kCheckpoint, kCompaction };
+    HRESULT WaitForCheckpoint(Wanted wanted);
+    bool CheckpointDue() const;
+    bool BeginCheckpoint();
+    void PrepareRoot(uint64_t nodesOffset, uint64_t nodesSize, bool compact);
+    void ContinueCheckpoint(std::unique_lock<std::mutex>& hold);
+    void BeginPunching();
+    bool NextPunch();
+    void EndCheckpoint(HRESULT hr);
+    static void OnCheckpoint(IoRequest& request);
+
+    std::unique_ptr<IStoreFile> m_file;
+    std::shared_ptr<IAsyncIo> m_async;
+    FileIdentity m_identity;
+    FileHeader m_header{};
+    bool m_readOnly = false;
+    Report m_report;
+    std::atomic<uint32_t> m_refs{1};
+
+    mutable std::mutex m_lock;  // guards what follows
+    std::condition_variable m_changed;
+    CFrameIndex m_index;
+    uint32_t m_frameCount = 0;
+    Settings m_settings{kMarkUnset, kMarkUnset, {}, 0};
+    std::vector<void*> m_views;
+    uint64_t m_pins[2] = {0, 0};
+    unsigned m_epoch = 0;
+
+    bool m_writer = false;
+    unsigned m_guards = 0;  // writers and record appenders that hold the process lock
+    WriteItem* m_queue = nullptr;
+    WriteItem** m_queueEnd = &m_queue;
+    uint64_t m_appended = 0;
+    uint64_t m_finished = 0;
+    bool m_batchRunning = false;
+    uint64_t m_logEnd = kLogOffset;
+    uint64_t m_sequence = 1;
+    HRESULT m_failure = S_OK;       // a sync failed: nothing can be promised any more
+    std::vector<DeadRange> m_dead;  // superseded since the last checkpoint
+
+    // The running batch; touched by the thread that runs it.
+    WriteItem* m_batch[kBatchItems];
+    size_t m_batchCount = 0;
+    uint64_t m_batchOffset = 0;
+    IoSpan m_spans[kBatchItems * 2];
+    std::vector<uint8_t> m_tails;
+    IoRequest m_batchRequest;
+
+    // The running checkpoint.
+    Phase m_phase = Phase::kIdle;
+    Wanted m_wanted = Wanted::kNothing;
+    HRESULT m_checkpointResult = S_OK;
+    uint64_t m_generation = 0;
+    uint64_t m_logStart = kLogOffset;
+    uint64_t m_tailRecords = 0;
+    uint64_t m_retryAt = 0;  // after a failure: not before the log has grown to here
+    uint64_t m_compactOffset = 0;
+    uint64_t m_compactEnd = 0;
+    size_t m_scattered = 0;  // nodes written since the index was last compacted
+    Root m_nextRoot{};
+    std::vector<uint8_t> m_nodePages;
+    alignas(8) uint8_t m_rootPage[kPageSize];
+    IoSpan m_checkpointSpan{};
+    IoRequest m_checkpointRequest;
+    std::vector<DeadRange> m_dying;     // dead once the running checkpoint is durable
+    std::vector<DeadRange> m_punching;  // durable dead, waiting for readers of an older epoch
+    size_t m_punched = 0;
+    unsigned m_punchEpoch = 0;
+};
+
+}  // namespace zemstore
+
+#pragma GCC visibility pop

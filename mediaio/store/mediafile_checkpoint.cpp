@@ -1,0 +1,227 @@
+// Checkpoints: the changed index nodes go to the end of the log, then to the device, then the next
+// root, then that to the device; only then is the space given back that nothing refers to any more.
+// Frames are written meanwhile. Each step runs where the one before it completed.
+#include "mediaio/store/mediafile.h"
+
+#include "mediaio/store/crc32c.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+namespace zemstore {
+
+HRESULT CMediaFile::Checkpoint() {
+    return WaitForCheckpoint(Wanted::kCheckpoint);
+}
+
+HRESULT CMediaFile::WaitForCheckpoint(Wanted wanted) {
+    std::unique_lock hold(m_lock);
+    const auto resting = [&] { return m_phase == Phase::kIdle || m_phase == Phase::kPunch; };
+    m_changed.wait(hold, [&] { return m_finished == m_appended && !m_batchRunning && resting(); });
+    if (FAILED(m_failure)) return m_failure;
+    // With nothing behind the newest root there is nothing to say.
+    const bool nothingNew =
+        m_logEnd == m_logStart && m_tailRecords == 0 && m_index.ChangedNodes() == 0;
+    if (nothingNew && (wanted != Wanted::kCompaction || m_scattered < 64)) return S_OK;
+    m_changed.wait(hold, [&] { return m_phase == Phase::kIdle; });
+    m_checkpointResult = S_OK;
+    m_wanted = wanted;
+    Pump(hold);
+    m_changed.wait(hold, [&] { return m_wanted == Wanted::kNothing && resting(); });
+    return m_checkpointResult;
+}
+
+bool CMediaFile::CheckpointDue() const {
+    if (m_phase != Phase::kIdle || FAILED(m_failure)) return false;
+    if (m_wanted != Wanted::kNothing) return true;
+    return m_writer && m_logEnd >= m_retryAt &&
+           (m_logEnd - m_logStart >= kCheckpointBytes || m_tailRecords >= kCheckpointRecords);
+}
+
+// Takes the picture that the next root will show. Called with the lock and no batch running, so
+// every record below the log's end is in it. False when there is no memory for it.
+bool CMediaFile::BeginCheckpoint() {
+    const bool compact = m_wanted == Wanted::kCompaction && 4 * m_scattered >= m_index.Nodes();
+    m_wanted = Wanted::kNothing;
+    const uint64_t offset = m_logEnd;
+    try {
+        m_index.Serialize(offset, m_generation + 1, m_header.fileId, compact, m_nodePages, m_dead);
+    } catch (const std::bad_alloc&) {
+        EndCheckpoint(E_OUTOFMEMORY);
+        return false;
+    }
+    PrepareRoot(offset, m_nodePages.size(), compact);
+    m_dying.swap(m_dead);
+    m_phase = m_nodePages.empty() ? Phase::kNodesSync : Phase::kNodes;
+    m_batchRunning = m_phase == Phase::kNodes;
+    m_checkpointSpan = {m_nodePages.data(), m_nodePages.size()};
+    AddRef();  // until EndCheckpoint
+    return true;
+}
+
+void CMediaFile::PrepareRoot(uint64_t nodesOffset, uint64_t nodesSize, bool compact) {
+    if (compact) {
+        m_compactOffset = nodesOffset;
+        m_compactEnd = nodesOffset + nodesSize;
+        m_scattered = 0;
+    } else {
+        m_scattered += static_cast<size_t>(nodesSize / kPageSize);
+    }
+    m_nextRoot = {};
+    m_nextRoot.magic = kRootMagic;
+    m_nextRoot.fileId = m_header.fileId;
+    m_nextRoot.generation = m_generation + 1;
+    m_nextRoot.logStart = nodesOffset + nodesSize;
+    m_nextRoot.nextSequence = m_sequence;
+    m_nextRoot.indexOffset = m_index.TopOffset();
+    m_nextRoot.indexCrc = m_index.TopCrc();
+    m_nextRoot.frameCount = m_frameCount;
+    m_nextRoot.settings = m_settings;
+    m_nextRoot.compactOffset = m_compactOffset;
+    m_nextRoot.compactEnd = m_compactEnd;
+    m_nextRoot.crc = Crc32c(0, &m_nextRoot, offsetof(Root, crc));
+    memset(m_rootPage, 0, sizeof m_rootPage);
+    memcpy(m_rootPage, &m_nextRoot, sizeof m_nextRoot);
+    m_tailRecords = 0;
+}
+
+// Asks for the I/O of the present phase. Called with the lock, which is given up meanwhile.
+void CMediaFile::ContinueCheckpoint(std::unique_lock<std::mutex>& hold) {
+    IoRequest& request = m_checkpointRequest;
+    request = {};
+    request.file = m_file.get();
+    request.completed = OnCheckpoint;
+    request.context = this;
+    switch (m_phase) {
+        case Phase::kNodes:
+            request.op = IoOp::kWrite;
+            request.offset_bytes = m_logEnd;
+            request.spans = &m_checkpointSpan;
+            request.spanCount = 1;
+            break;
+        case Phase::kNodesSync:
+        case Phase::kRootSync:
+            request.op = IoOp::kSync;
+            break;
+        case Phase::kRoot:
+            m_checkpointSpan = {m_rootPage, sizeof m_rootPage};
+            request.op = IoOp::kWrite;
+            request.offset_bytes = kRootOffset[m_nextRoot.generation & 1];
+            request.spans = &m_checkpointSpan;
+            request.spanCount = 1;
+            break;
+        case Phase::kPunch:
+            request.op = IoOp::kPunch;
+            request.offset_bytes = m_punching[m_punched].offset_bytes;
+            request.size_bytes = static_cast<size_t>(m_punching[m_punched].size_bytes);
+            break;
+        case Phase::kIdle:
+            return;
+    }
+    Start(request, hold);
+}
+
+void CMediaFile::OnCheckpoint(IoRequest& request) {
+    auto* file = static_cast<CMediaFile*>(request.context);
+    const HRESULT hr = request.result;
+    file->AddRef();  // the step that this one starts may be the last one and done at once
+    bool ended = false;
+    {
+        std::unique_lock hold(file->m_lock);
+        const Phase phase = file->m_phase;
+        if (phase == Phase::kNodes) file->m_batchRunning = false;
+        const bool sync = phase == Phase::kNodesSync || phase == Phase::kRootSync;
+        if (FAILED(hr) && sync && SUCCEEDED(file->m_failure)) file->m_failure = hr;
+        if (FAILED(hr) && phase != Phase::kPunch) {
+            if (phase == Phase::kNodes) file->m_file->SetSize(file->m_logEnd);
+            file->EndCheckpoint(hr);
+        } else {
+            switch (phase) {
+                case Phase::kNodes:
+                    file->m_logEnd += file->m_nodePages.size();
+                    file->m_phase = Phase::kNodesSync;
+                    break;
+                case Phase::kNodesSync:
+                    file->m_phase = Phase::kRoot;
+                    break;
+                case Phase::kRoot:
+                    file->m_phase = Phase::kRootSync;
+                    break;
+                case Phase::kRootSync:
+                    file->EndCheckpoint(S_OK);
+                    break;
+                case Phase::kPunch:
+                    ++file->m_punched;
+                    if (!file->NextPunch()) file->m_phase = Phase::kIdle;
+                    break;
+                case Phase::kIdle:
+                    break;
+            }
+        }
+        ended = file->m_phase == Phase::kIdle;
+        if (!ended) file->ContinueCheckpoint(hold);
+        file->Pump(hold);
+        file->m_changed.notify_all();
+    }
+    if (ended) file->Release();  // the checkpoint's own
+    file->Release();
+}
+
+// Called with the lock when the root is durable, or when there will be none this time.
+void CMediaFile::EndCheckpoint(HRESULT hr) {
+    m_nodePages.clear();
+    m_nodePages.shrink_to_fit();
+    m_checkpointResult = hr;
+    m_phase = Phase::kIdle;
+    if (FAILED(hr)) {
+        // The picture never became the truth: everything is still to be written, and what it
+        // replaced is still in use.
+        m_index.MarkAllChanged();
+        m_dead.insert(m_dead.end(), m_dying.begin(), m_dying.end());
+        m_dying.clear();
+        m_retryAt = m_logEnd + kCheckpointBytes;
+        m_compactOffset = m_compactEnd = 0;
+        m_scattered = m_index.Nodes();
+        m_tailRecords += 1;
+        return;
+    }
+    m_generation = m_nextRoot.generation;
+    m_logStart = m_nextRoot.logStart;
+    BeginPunching();
+    if (NextPunch()) m_phase = Phase::kPunch;
+}
+
+// Hands the dead space on to be punched, unless the last lot still waits for readers: it is known
+// only of two epochs of readers whether they are over.
+void CMediaFile::BeginPunching() {
+    if (m_punched < m_punching.size()) {
+        m_dead.insert(m_dead.end(), m_dying.begin(), m_dying.end());
+        m_dying.clear();
+        return;
+    }
+    m_punching.clear();
+    m_punched = 0;
+    std::sort(m_dying.begin(), m_dying.end(), [](const DeadRange& a, const DeadRange& b) {
+        return a.offset_bytes < b.offset_bytes;
+    });
+    for (const DeadRange& range : m_dying) {
+        if (!m_punching.empty() &&
+            m_punching.back().offset_bytes + m_punching.back().size_bytes == range.offset_bytes) {
+            m_punching.back().size_bytes += range.size_bytes;
+        } else {
+            m_punching.push_back(range);
+        }
+    }
+    m_dying.clear();
+    if (m_punching.empty()) return;
+    m_punchEpoch = m_epoch;
+    m_epoch ^= 1;
+}
+
+// True when there is a range to punch and no reader from before it died.
+bool CMediaFile::NextPunch() {
+    return m_punched < m_punching.size() && m_pins[m_punchEpoch] == 0;
+}
+
+}  // namespace zemstore
