@@ -273,8 +273,7 @@ int Erase(const CommandLine& line, const FileOptions& options) {
         throw CZemError(ErrorKind::kUsage, Printable(options.name) + " has " +
                                                std::to_string(info.frameCount) + " frames only");
     }
-    session->EraseSegment(file.Token(), options.from, options.from + options.count - 1,
-                          info.mediaType);
+    session->EraseSegment(file.Token(), options.from, options.from + options.count, info.mediaType);
     session->Flush(file.Token());
     const std::vector<FrameDescEntry> descs =
         session->FrameDescs(file.Token(), options.from, options.count);

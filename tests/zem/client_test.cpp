@@ -277,7 +277,7 @@ TEST(ZemClientCommands, AllOthersReachTheServerAndDecode) {
     EXPECT_EQ(client.Marks(token).second, 7u);
     EXPECT_EQ(client.Marks(ref).first, 3u);
     client.Flush(token);
-    client.EraseSegment(token, 0, 9, kMediaFileVideo);
+    client.EraseSegment(token, 0, 10, kMediaFileVideo);
     EXPECT_EQ(media.files["media/v"].frames.size(), 140u);
     client.StripeTimecode(ref, {0x01, 0x02, 0x03, 0x04}, 0);
     EXPECT_EQ(client.FileInfo(ref).startTimecode.hours, 4);

@@ -141,9 +141,8 @@ void CZemClient::StripeTimecode(const FileRef& file, const vdrTimecode_s& start,
     Exchange(MakeStripe(NextTransId(), file, start, flags));
 }
 
-void CZemClient::EraseSegment(uint64_t token, uint32_t segment_a, uint32_t segment_b,
-                              int32_t media_type) {
-    Exchange(MakeErase(NextTransId(), token, segment_a, segment_b, media_type));
+void CZemClient::EraseSegment(uint64_t token, uint32_t first, uint32_t end, int32_t media_type) {
+    Exchange(MakeErase(NextTransId(), token, first, end, media_type));
 }
 
 VolumeSpace CZemClient::Space(std::u16string_view volume) {

@@ -49,7 +49,8 @@ public:
     // Maintenance.
     void Flush(uint64_t token);
     void StripeTimecode(const FileRef& file, const vdrTimecode_s& start, uint32_t flags);
-    void EraseSegment(uint64_t token, uint32_t segment_a, uint32_t segment_b, int32_t media_type);
+    // Erases the frames from the first up to, but not including, the end.
+    void EraseSegment(uint64_t token, uint32_t first, uint32_t end, int32_t media_type);
 
     // File system. The answers are what the server's library left in its outputs, success or not.
     VolumeSpace Space(std::u16string_view volume);
