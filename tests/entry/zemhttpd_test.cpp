@@ -1,0 +1,111 @@
+// The two exported functions against a system without a network.
+#include "zemhttpd/entry/zemhttpd.h"
+
+#include "tests/fakes/allocfault.h"
+#include "tests/fakes/fakesystem.h"
+#include "tests/fakes/serverfixture.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+class Exported : public ::testing::Test {
+protected:
+    Exported() : log(FakeErrorLog()), media(FakeMedia()) {
+        log.Reset();
+        media.Reset();
+    }
+    ~Exported() override { EXPECT_EQ(media.LiveAllocators(), 0); }
+    CFakeErrorLog& log;
+    CFakeMedia& media;
+    CFakeSystem system;
+    CHttpCommandHandler* const kStale = reinterpret_cast<CHttpCommandHandler*>(uintptr_t{1});
+};
+
+TEST_F(Exported, CreateStartsAServerAndDestroyStopsIt) {
+    CHttpCommandHandler* server = kStale;
+    ASSERT_EQ(CreateZemHttpSvr(&server), S_OK);
+    ASSERT_NE(server, nullptr);
+    ASSERT_NE(server, kStale);
+    EXPECT_TRUE(system.Happened("start sniffer"));
+    EXPECT_EQ(DestroyZemHttpSvr(server), S_OK);
+    EXPECT_TRUE(system.Happened("HttpTerminate"));
+    EXPECT_TRUE(log.Empty()) << Utf8(log.Messages().empty() ? TEXT("") : log.Messages()[0].text);
+}
+
+TEST_F(Exported, CreateWithoutAPlaceIsInvalid) {
+    EXPECT_EQ(CreateZemHttpSvr(nullptr), E_INVALIDARG);
+    EXPECT_EQ(log.EntryPoints(TEXT("CreateZemHttpSvr")), 1u);
+    EXPECT_TRUE(log.Messages().empty()) << "a checked argument writes an entry-point record only";
+    EXPECT_TRUE(system.Events().empty());
+}
+
+TEST_F(Exported, DestroyOfNothingIsInvalid) {
+    EXPECT_EQ(DestroyZemHttpSvr(nullptr), E_INVALIDARG);
+    EXPECT_EQ(log.EntryPoints(TEXT("DestroyZemHttpSvr")), 1u);
+}
+
+TEST_F(Exported, FailedStartHandsNothingOutAndFreesEverything) {
+    system.errors["HttpAddUrl http://*:80/media/"] = ERROR_ACCESS_DENIED;
+    CHttpCommandHandler* server = kStale;
+    EXPECT_EQ(CreateZemHttpSvr(&server), E_ACCESSDENIED);
+    EXPECT_EQ(server, nullptr);
+    EXPECT_TRUE(system.Happened("CloseHandle queue"));
+    EXPECT_TRUE(system.Happened("HttpTerminate"));
+    EXPECT_EQ(log.EntryPoints(TEXT("CreateZemHttpSvr")), 1u);
+}
+
+TEST_F(Exported, TheResultIsTheChainId) {
+    log.chainId = [](HRESULT) { return 0x80CC0007u; };
+    system.errors["HttpInitialize"] = ERROR_ACCESS_DENIED;
+    CHttpCommandHandler* server = kStale;
+    EXPECT_EQ(CreateZemHttpSvr(&server), static_cast<HRESULT>(0x80CC0007u));
+    EXPECT_EQ(server, nullptr);
+}
+
+TEST_F(Exported, PositiveResultNeitherHandsOutNorFrees) {
+    // An error log whose chain ids are positive makes a failed start look like this.
+    log.chainId = [](HRESULT) { return 5u; };
+    system.errors["HttpInitialize"] = ERROR_ACCESS_DENIED;
+    CHttpCommandHandler* server = kStale;
+    const uint64_t before = AllocationsOfThisThread();
+    EXPECT_EQ(CreateZemHttpSvr(&server), 5);
+    EXPECT_GT(AllocationsOfThisThread(), before);
+    EXPECT_EQ(server, nullptr);
+    EXPECT_FALSE(system.Happened("HttpTerminate")) << "the object is left alone";
+}
+
+TEST_F(Exported, ServerObjectThatCannotBeAllocatedIsOutOfMemory) {
+    FailNextNothrowAllocation(1);
+    CHttpCommandHandler* server = kStale;
+    EXPECT_EQ(CreateZemHttpSvr(&server), E_OUTOFMEMORY);
+    EXPECT_TRUE(NothrowAllocationFailed());
+    EXPECT_EQ(server, nullptr);
+    EXPECT_TRUE(log.Messages().empty());
+    EXPECT_EQ(log.EntryPoints(TEXT("CreateZemHttpSvr")), 1u);
+}
+
+TEST_F(Exported, FramePoolThatCannotBeAllocatedIsLoggedAtTheCatchOfCreate) {
+    FailNextNothrowAllocation(16u << 20);
+    CHttpCommandHandler* server = kStale;
+    EXPECT_EQ(CreateZemHttpSvr(&server), E_OUTOFMEMORY);
+    EXPECT_TRUE(NothrowAllocationFailed());
+    EXPECT_EQ(server, nullptr);
+    const LogRecord error = log.Error(TEXT("Unknown error"));
+    EXPECT_EQ(error.file, TEXT("zemhttpd.cpp"));
+    EXPECT_EQ(error.line, 47);
+    EXPECT_EQ(error.hr, E_OUTOFMEMORY);
+}
+
+TEST_F(Exported, SeveralServersMayRunInOneProcess) {
+    CHttpCommandHandler* first = nullptr;
+    ASSERT_EQ(CreateZemHttpSvr(&first), S_OK);
+    const CRegistryValue port(kTestZemKey, TEXT("HttpPort"), 8080u);
+    system.errors["HttpAddUrl http://*:8080/zem/"] = ERROR_ALREADY_EXISTS;
+    CHttpCommandHandler* second = kStale;
+    EXPECT_NE(CreateZemHttpSvr(&second), S_OK);
+    EXPECT_EQ(second, nullptr);
+    EXPECT_EQ(DestroyZemHttpSvr(first), S_OK);
+}
+
+}  // namespace

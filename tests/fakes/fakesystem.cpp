@@ -1,0 +1,220 @@
+// The wrapped calls; without a CFakeSystem they reach the platform.
+#include "tests/fakes/fakesystem.h"
+
+#include "tests/fakes/fakeerrorlog.h"
+#include "zemhttpd/server/httpcmdhdlr.h"
+
+#include <algorithm>
+#include <atomic>
+
+namespace {
+
+std::atomic<CFakeSystem*> g_system{nullptr};
+const HANDLE kQueue = reinterpret_cast<HANDLE>(static_cast<uintptr_t>(0x7171));
+const HANDLE kPort = reinterpret_cast<HANDLE>(static_cast<uintptr_t>(0x7272));
+
+}  // namespace
+
+extern "C" {
+
+ULONG __real_HttpInitialize(HTTPAPI_VERSION, ULONG, PVOID);
+ULONG __wrap_HttpInitialize(HTTPAPI_VERSION version, ULONG flags, PVOID reserved) {
+    CFakeSystem* system = g_system;
+    if (!system) return __real_HttpInitialize(version, flags, reserved);
+    const bool usual = version.HttpApiMajorVersion == 1 && version.HttpApiMinorVersion == 0 &&
+                       flags == HTTP_INITIALIZE_SERVER && !reserved;
+    return system->Note(usual ? "HttpInitialize" : "HttpInitialize otherwise");
+}
+
+ULONG __real_HttpTerminate(ULONG, PVOID);
+ULONG __wrap_HttpTerminate(ULONG flags, PVOID reserved) {
+    CFakeSystem* system = g_system;
+    if (!system) return __real_HttpTerminate(flags, reserved);
+    return system->Note("HttpTerminate");
+}
+
+ULONG __real_HttpCreateHttpHandle(PHANDLE, ULONG);
+ULONG __wrap_HttpCreateHttpHandle(PHANDLE queue, ULONG options) {
+    CFakeSystem* system = g_system;
+    if (!system) return __real_HttpCreateHttpHandle(queue, options);
+    const ULONG error = system->Note("HttpCreateHttpHandle");
+    if (error == NO_ERROR) *queue = kQueue;
+    return error;
+}
+
+ULONG __real_HttpAddUrl(HANDLE, PCWSTR, PVOID);
+ULONG __wrap_HttpAddUrl(HANDLE queue, PCWSTR url, PVOID reserved) {
+    CFakeSystem* system = g_system;
+    if (!system) return __real_HttpAddUrl(queue, url, reserved);
+    return system->Note("HttpAddUrl " + Utf8(url));
+}
+
+ULONG __real_HttpRemoveUrl(HANDLE, PCWSTR);
+ULONG __wrap_HttpRemoveUrl(HANDLE queue, PCWSTR url) {
+    CFakeSystem* system = g_system;
+    if (!system) return __real_HttpRemoveUrl(queue, url);
+    return system->Note("HttpRemoveUrl " + Utf8(url));
+}
+
+ULONG __real_HttpReceiveHttpRequest(HANDLE, HTTP_REQUEST_ID, ULONG, PHTTP_REQUEST, ULONG, PULONG,
+                                    LPOVERLAPPED);
+ULONG __wrap_HttpReceiveHttpRequest(HANDLE queue, HTTP_REQUEST_ID requestId, ULONG flags,
+                                    PHTTP_REQUEST buffer, ULONG size, PULONG received,
+                                    LPOVERLAPPED overlapped) {
+    CFakeSystem* system = g_system;
+    if (!system)
+        return __real_HttpReceiveHttpRequest(queue, requestId, flags, buffer, size, received,
+                                             overlapped);
+    const auto error = system->errors.find("HttpReceiveHttpRequest");
+    if (error != system->errors.end() && error->second != ERROR_IO_PENDING) {
+        system->Note("HttpReceiveHttpRequest");
+        return error->second;
+    }
+    system->AddReceive({requestId, flags, buffer, size, overlapped});
+    return ERROR_IO_PENDING;
+}
+
+HANDLE __real_CreateIoCompletionPort(HANDLE, HANDLE, ULONG_PTR, DWORD);
+HANDLE __wrap_CreateIoCompletionPort(HANDLE file, HANDLE existing, ULONG_PTR key,
+                                     DWORD concurrency) {
+    CFakeSystem* system = g_system;
+    if (!system) return __real_CreateIoCompletionPort(file, existing, key, concurrency);
+    if (const ULONG error = system->Note("CreateIoCompletionPort")) {
+        SetLastError(error);
+        return nullptr;
+    }
+    system->concurrency = concurrency;
+    system->portKey = key;
+    return kPort;
+}
+
+BOOL __real_GetQueuedCompletionStatus(HANDLE, LPDWORD, PULONG_PTR, LPOVERLAPPED*, DWORD);
+BOOL __wrap_GetQueuedCompletionStatus(HANDLE port, LPDWORD bytes, PULONG_PTR key,
+                                      LPOVERLAPPED* overlapped, DWORD timeout_ms) {
+    CFakeSystem* system = g_system;
+    if (!system) return __real_GetQueuedCompletionStatus(port, bytes, key, overlapped, timeout_ms);
+    const CFakeSystem::Packet packet = system->Take();
+    *bytes = 0;
+    *key = packet.key;
+    *overlapped = packet.overlapped;
+    if (packet.error == NO_ERROR) return TRUE;
+    SetLastError(packet.error);
+    return FALSE;
+}
+
+BOOL __real_PostQueuedCompletionStatus(HANDLE, DWORD, ULONG_PTR, LPOVERLAPPED);
+BOOL __wrap_PostQueuedCompletionStatus(HANDLE port, DWORD bytes, ULONG_PTR key,
+                                       LPOVERLAPPED overlapped) {
+    CFakeSystem* system = g_system;
+    if (!system) return __real_PostQueuedCompletionStatus(port, bytes, key, overlapped);
+    system->Note("Post key " + std::to_string(key));
+    system->Complete(overlapped, key);
+    return TRUE;
+}
+
+BOOL __real_CloseHandle(HANDLE);
+BOOL __wrap_CloseHandle(HANDLE handle) {
+    CFakeSystem* system = g_system;
+    if (!system) return __real_CloseHandle(handle);
+    if (handle == kQueue || handle == kPort) {
+        system->Note(handle == kQueue ? "CloseHandle queue" : "CloseHandle port");
+        return TRUE;
+    }
+    system->Note("CloseHandle");
+    return __real_CloseHandle(handle);
+}
+
+uintptr_t __real__beginthreadex(void*, unsigned, ThreadStart, void*, unsigned, unsigned*);
+uintptr_t __wrap__beginthreadex(void* security, unsigned stack, ThreadStart start, void* argument,
+                                unsigned flags, unsigned* id) {
+    CFakeSystem* system = g_system;
+    if (system) {
+        std::string event = "start sniffer";
+        if (start == &CHttpCommandHandler::HttpRequestIssuer)
+            event = "start issuer";
+        else if (start == &CHttpCommandHandler::HttpRequestHandler)
+            event = "start worker " + std::to_string(system->workersStarted++);
+        if (const ULONG error = system->Note(event)) {
+            SetLastError(error);
+            return 0;
+        }
+    }
+    return __real__beginthreadex(security, stack, start, argument, flags, id);
+}
+
+HRESULT __real_CoInitializeEx(LPVOID, DWORD);
+HRESULT __wrap_CoInitializeEx(LPVOID reserved, DWORD model) {
+    CFakeSystem* system = g_system;
+    if (system && system->coInitialize.count("")) return system->coInitialize[""];
+    return __real_CoInitializeEx(reserved, model);
+}
+
+}  // extern "C"
+
+CFakeSystem::CFakeSystem() {
+    g_system = this;
+}
+CFakeSystem::~CFakeSystem() {
+    g_system = nullptr;
+}
+
+ULONG CFakeSystem::Note(const std::string& event) {
+    const std::lock_guard lock(m_lock);
+    m_events.push_back(event);
+    const auto error = errors.find(event);
+    return error == errors.end() ? static_cast<ULONG>(NO_ERROR) : error->second;
+}
+
+std::vector<std::string> CFakeSystem::Events() const {
+    const std::lock_guard lock(m_lock);
+    return m_events;
+}
+
+size_t CFakeSystem::IndexOf(const std::string& event) const {
+    const auto events = Events();
+    return static_cast<size_t>(std::find(events.begin(), events.end(), event) - events.begin());
+}
+
+bool CFakeSystem::Happened(const std::string& event) const {
+    return IndexOf(event) < Events().size();
+}
+
+void CFakeSystem::AddReceive(const Receive& receive) {
+    const std::lock_guard lock(m_lock);
+    m_receives.push_back(receive);
+    m_changed.notify_all();
+}
+
+std::vector<CFakeSystem::Receive> CFakeSystem::WaitForReceives(size_t count) {
+    std::unique_lock lock(m_lock);
+    m_changed.wait(lock, [&] { return m_receives.size() >= count; });
+    return m_receives;
+}
+
+size_t CFakeSystem::ReceiveCount() const {
+    const std::lock_guard lock(m_lock);
+    return m_receives.size();
+}
+
+void CFakeSystem::Complete(OVERLAPPED* overlapped, ULONG_PTR key, DWORD error) {
+    const std::lock_guard lock(m_lock);
+    m_packets.push_back({overlapped, key, error});
+    m_changed.notify_all();
+}
+
+CFakeSystem::Packet CFakeSystem::Take() {
+    std::unique_lock lock(m_lock);
+    ++m_waiting;
+    m_changed.notify_all();
+    m_changed.wait(lock, [&] { return !m_packets.empty(); });
+    --m_waiting;
+    const Packet packet = m_packets.front();
+    m_packets.pop_front();
+    m_changed.notify_all();
+    return packet;
+}
+
+void CFakeSystem::WaitUntilIdle(int workers) {
+    std::unique_lock lock(m_lock);
+    m_changed.wait(lock, [&] { return m_packets.empty() && m_waiting == workers; });
+}
