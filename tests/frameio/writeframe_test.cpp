@@ -1,0 +1,471 @@
+// CMD_WRITE_FRAME: where the bytes of the frame go, the immediate reply, drops, failures, blocks
+// that are kept.
+#include <thread>
+
+#include "tests/frameio/frametest.h"
+
+namespace {
+
+constexpr HRESULT kNoResources = static_cast<HRESULT>(0x800705AA);
+constexpr HRESULT kEndOfMedia = static_cast<HRESULT>(0x8007044C);
+constexpr ULONGLONG kVideo = 0x0000000101000042ull;
+
+class WriteFrame : public CFrameTest {
+protected:
+    FrameEntrySpec Entry(std::vector<DWORD> lengths, DWORD position = 5) {
+        FrameEntrySpec entry;
+        entry.token = kVideo;
+        entry.position = position;
+        entry.lengths = std::move(lengths);
+        return entry;
+    }
+    // A write whose payload came with the request as far as `with`, of `payload` bytes in all.
+    RequestSpec Spec(const std::vector<FrameEntrySpec>& entries, const std::string& with,
+                     size_t payload_bytes) {
+        RequestSpec spec;
+        const std::string command = Command(kTransId, 4, FrameBody(entries));
+        spec.entity = command + with;
+        spec.contentLength = std::to_string(command.size() + payload_bytes);
+        return spec;
+    }
+    HRESULT Write(const std::vector<FrameEntrySpec>& entries, const std::string& payload) {
+        return Run(Spec(entries, payload, payload.size()));
+    }
+    void ExpectImmediateReply() {
+        ASSERT_GE(http.SentCount(), 2u);
+        EXPECT_EQ(http.Last().status, 200);
+        EXPECT_EQ(http.Last().Body(), Bytes(kTransId, DWORD{4}, DWORD{4}, LONG{0}));
+        EXPECT_EQ(http.Last().Header(HttpHeaderContentLength), "16");
+    }
+    std::string Written() const { return {media.writeBuffer.begin(), media.writeBuffer.end()}; }
+    // Before the test ends: its blocks went out of the pool, as they must.
+    void ExpectKept(int count) {
+        EXPECT_EQ(FramePool().KeptCount(), count);
+        EXPECT_EQ(FramePool().FreeCount(), CFrameIoXactionPool::kBlocks - count);
+        EXPECT_EQ(FramePool().ActiveCount(), 0);
+    }
+};
+
+TEST_F(WriteFrame, APayloadThatCameWholeIsCopiedIntoTheBuffer) {
+    EXPECT_EQ(Write({Entry({4, 3})}, "abcdefg"), S_FALSE);
+    EXPECT_EQ(Written(), "abcdefg");
+    EXPECT_TRUE(http.BodyReads().empty());
+    EXPECT_EQ(media.Count("WriteFrame"), 1u);
+    ExpectImmediateReply();
+    EXPECT_EQ(Pool().FreeCount(), kBlocks);
+    EXPECT_EQ(FramePool().FreeCount(), CFrameIoXactionPool::kBlocks);
+    EXPECT_EQ(Stages(), (std::vector<DWORD>{0, 1, 6, 8, 3, 4, 13, 14}));
+    EXPECT_EQ(TimerName(),
+              "ZemHttpdXaction client: WRITE_FRAME token 0x101000042 pos 5, transId 4711");
+}
+
+TEST_F(WriteFrame, HandsEveryFieldOfTheRequestToTheLibrary) {
+    FrameEntrySpec ordinary = Entry({2, 0, 3}, 8);
+    ordinary.streamFlags = 0x11;
+    ordinary.userData64 = 0x2122232425262728;
+    ordinary.userData32 = 0x31323334;
+    FrameEntrySpec special;
+    special.token = 0x0000000118000001ull;
+    for (int i = 0; i < 24; ++i)
+        special.special.push_back(static_cast<char>(0x40 + i));
+    bool seen = false;
+    media.onWriteFrame = [&](CZemChannelIo& channel, ZemIoDesc& desc) {
+        seen = true;
+        const auto* block = static_cast<CFrameIoXaction*>(desc.completionContext);
+        EXPECT_EQ(&block->ioDesc, &desc);
+        EXPECT_EQ(block->channel, &channel);
+        EXPECT_EQ(FramePool().FindBlock(last->RequestId()), block);
+        EXPECT_EQ(desc.completionRoutine, &CHttpCommandHandler::WriteFrameDoneApc);
+        EXPECT_EQ(desc.requestWord, 0x77u);
+        EXPECT_EQ(desc.inUse, 1);
+        EXPECT_EQ(desc.streamData->entryCount, 2u);
+        const ElemStrmEntry& a = desc.streamData->entries[0];
+        EXPECT_EQ(a.status, S_OK);
+        EXPECT_EQ(a.token, kVideo);
+        EXPECT_EQ(a.position, 8u);
+        EXPECT_EQ(a.streamFlags, 0x11u);
+        EXPECT_EQ(a.bufferCount, 3);
+        EXPECT_EQ(a.buffers[0].length_bytes, 2u);
+        EXPECT_EQ(a.buffers[0].data, media.writeBuffer.data());
+        EXPECT_EQ(a.buffers[1].length_bytes, 0u);
+        EXPECT_EQ(a.buffers[1].data, nullptr) << "an empty buffer has no address";
+        EXPECT_EQ(a.buffers[2].length_bytes, 3u);
+        EXPECT_EQ(a.userData64, 0x2122232425262728u);
+        EXPECT_EQ(a.userData32, 0x31323334u);
+        const ElemStrmEntry& b = desc.streamData->entries[1];
+        EXPECT_EQ(std::memcmp(b.special, special.special.data(), 24), 0);
+        desc.status = S_OK;
+        return S_OK;
+    };
+    EXPECT_EQ(Write({ordinary, special}, "12345"), S_FALSE);
+    EXPECT_TRUE(seen);
+    EXPECT_EQ(Written(), "12345");
+}
+
+TEST_F(WriteFrame, TheRestOfThePayloadIsReadIntoPlace) {
+    http.FeedBody("def");
+    http.FeedBody("ghij");
+    LONG receives = -1;
+    media.onWriteFrame = [&](CZemChannelIo&, ZemIoDesc& desc) {
+        receives = last->ReceiveCount();
+        return desc.status = S_OK;
+    };
+    EXPECT_EQ(Run(Spec({Entry({10})}, "abc", 10)), S_FALSE);
+    EXPECT_EQ(Written(), "abcdefghij");
+    EXPECT_EQ(receives, 2);
+    const auto reads = http.BodyReads();
+    ASSERT_EQ(reads.size(), 2u);
+    EXPECT_EQ(reads[0].destination, media.writeBuffer.data() + 3);
+    EXPECT_EQ(reads[0].asked_bytes, 7u);
+    EXPECT_EQ(reads[0].flags, 0u);
+    EXPECT_EQ(reads[1].destination, media.writeBuffer.data() + 6);
+    EXPECT_EQ(reads[1].asked_bytes, 4u);
+}
+
+TEST_F(WriteFrame, APayloadThatComesLaterIsReadWhole) {
+    http.FeedBody("abcdef");
+    EXPECT_EQ(Run(Spec({Entry({6})}, "", 6)), S_FALSE);
+    EXPECT_EQ(Written(), "abcdef");
+}
+
+TEST_F(WriteFrame, AnEmptyPayloadReadsNothing) {
+    EXPECT_EQ(Write({Entry({})}, ""), S_FALSE);
+    EXPECT_TRUE(http.BodyReads().empty());
+    EXPECT_EQ(media.Count("WriteFrame"), 1u);
+    ExpectImmediateReply();
+}
+
+TEST_F(WriteFrame, TheReplyGoesOutBeforeTheWriteIsIssued) {
+    size_t sentAtIssue = 0;
+    media.onWriteFrame = [&](CZemChannelIo&, ZemIoDesc& desc) {
+        sentAtIssue = http.SentCount();
+        return desc.status = S_OK;
+    };
+    Write({Entry({1})}, "x");
+    EXPECT_EQ(sentAtIssue, 2u);
+}
+
+TEST_F(WriteFrame, APendingWriteKeepsItsBlocksUntilItsCompletion) {
+    SetTracing(true);
+    media.pendWrites = true;
+    EXPECT_EQ(Write({Entry({1})}, "x"), S_FALSE);
+    ExpectImmediateReply();
+    EXPECT_EQ(Pool().FreeCount(), kBlocks - 1);
+    EXPECT_EQ(FramePool().ActiveCount(), 1);
+    std::thread library([&] { media.CompletePending(); });
+    FramePool().WaitUntilIdle();
+    library.join();
+    EXPECT_EQ(http.SentCount(), 2u) << "the completion sends nothing";
+    EXPECT_EQ(Pool().FreeCount(), kBlocks);
+    EXPECT_EQ(FramePool().FreeCount(), CFrameIoXactionPool::kBlocks);
+    EXPECT_EQ(Traces(), (std::vector<std::string>{
+                            "client: handling CMD_WRITE_FRAME, transId 4711",
+                            "client: handling write-frame complete apc, transId 4711"}));
+}
+
+TEST_F(WriteFrame, TheRecordLockIsHeldUntilTheWriteWasIssued) {
+    CRITICAL_SECTION* lock = server.LookupClient(TEXT("client"), false).RecordLock();
+    int tries = 0;
+    const auto expectHeld = [&] {
+        ++tries;
+        std::thread other([&] {
+            const BOOL entered = TryEnterCriticalSection(lock);
+            EXPECT_FALSE(entered);
+            if (entered) LeaveCriticalSection(lock);
+        });
+        other.join();
+    };
+    http.onSend = [&](const SentResponse&) { expectHeld(); };
+    media.onCall = [&](const MediaCall& call) {
+        if (call.op == "GetWriteFrameBuffers" || call.op == "WriteFrame") expectHeld();
+    };
+    Write({Entry({1})}, "x");
+    http.onSend = nullptr;
+    EXPECT_EQ(tries, 3);
+    EXPECT_TRUE(TryEnterCriticalSection(lock));
+    LeaveCriticalSection(lock);
+}
+
+TEST_F(WriteFrame, AnUnknownClientGetsTheOrdinaryReply) {
+    SetTracing(true);
+    RequestSpec spec = Spec({Entry({1})}, "x", 1);
+    spec.clientId = "ghost";
+    EXPECT_EQ(Run(spec), S_OK);
+    ExpectImmediateReply();
+    EXPECT_EQ(http.SentCount(), 2u);
+    EXPECT_EQ(log.Error(TEXT("ghost: Unknown client; transId 4711!")).hr, E_INVALIDARG);
+    EXPECT_EQ(Traces(), (std::vector<std::string>{"ghost: handling CMD_WRITE_FRAME, transId 4711",
+                                                  "ghost: error CMD_WRITE_FRAME, transId 4711"}));
+    ExpectKept(0);
+}
+
+TEST_F(WriteFrame, DropsShareTheFlagOfReads) {
+    TakeAllBlocks();
+    EXPECT_EQ(Run(3, FrameBody({Entry({}, 30)})), S_OK);  // a dropped read sets it
+    EXPECT_TRUE(access.Dropping());
+    EXPECT_EQ(Write({Entry({1}, 31)}, "x"), S_OK);
+    ExpectImmediateReply();
+    const WString dropping = TEXT(
+        "client: Dropping WriteFrame, request pos 31; All frame IO transaction blocks in use, "
+        "transId 4711");
+    EXPECT_EQ(log.Count(kErrorLogLevelError, dropping), 0u) << "the read told of it";
+    GiveBlocksBack();
+    EXPECT_EQ(Write({Entry({1}, 32)}, "x"), S_FALSE);
+    EXPECT_TRUE(log.Has(kErrorLogLevelMessage,
+                        TEXT("client: WriteFrame enabled, request pos 32; Frame IO transaction "
+                             "blocks now available, transId 4711")));
+    EXPECT_FALSE(access.Dropping());
+}
+
+TEST_F(WriteFrame, TheFirstDropIsReportedAndEachIsCounted) {
+    SetTracing(true);
+    TakeAllBlocks();
+    Write({Entry({1}, 31)}, "x");
+    ExpectImmediateReply();
+    EXPECT_EQ(log.Error(TEXT("client: Dropping WriteFrame, request pos 31; All frame IO "
+                             "transaction blocks in use, transId 4711"))
+                  .hr,
+              kNoResources);
+    EXPECT_EQ(Traces().back(), "client: error CMD_WRITE_FRAME, transId 4711");
+    EXPECT_EQ(Counters().droppedWriteFrames, 2u) << "by the drop and by the failed command";
+    const size_t records = log.Records(LogRecord::CreateChain).size();
+    Write({Entry({1}, 31)}, "x");
+    ExpectImmediateReply();
+    EXPECT_EQ(log.Records(LogRecord::CreateChain).size(), records) << "no second report";
+    EXPECT_EQ(Counters().droppedWriteFrames, 4u);
+    EXPECT_EQ(media.Count("GetWriteFrameBuffers"), 0u);
+}
+
+TEST_F(WriteFrame, AMismatchOfLengthsAndPayloadFailsBeforeABufferIsAskedFor) {
+    EXPECT_EQ(Run(Spec({Entry({4, 4})}, "abcd", 7)), S_OK);
+    ExpectImmediateReply();
+    EXPECT_EQ(log.Error(TEXT("client: WriteFrame data size in header (8 bytes) and payload (7 "
+                             "bytes) mismatch, pos 5, transId 4711"))
+                  .hr,
+              E_UNEXPECTED);
+    EXPECT_EQ(media.Count("GetWriteFrameBuffers"), 0u);
+    EXPECT_EQ(media.Count("ReleaseWriteFrameBuffers"), 0u);
+    EXPECT_EQ(Counters().droppedWriteFrames, 1u);
+    ExpectKept(1);
+}
+
+TEST_F(WriteFrame, LengthsAreSummedIn64Bits) {
+    // 0x80000000 twice is 0 in 32 bits.
+    EXPECT_EQ(Run(Spec({Entry({0x80000000, 0x80000000})}, "", 0)), S_OK);
+    ExpectImmediateReply();
+    EXPECT_EQ(media.Count("GetWriteFrameBuffers"), 0u);
+    ExpectKept(1);
+}
+
+TEST_F(WriteFrame, AMissingContentLengthIsAMismatch) {
+    RequestSpec spec = Spec({Entry({1})}, "x", 1);
+    spec.contentLength.reset();
+    EXPECT_EQ(Run(spec), S_OK);
+    ExpectImmediateReply();
+    ExpectKept(1);
+}
+
+TEST_F(WriteFrame, ALibraryWithoutBuffersFailsTheRequest) {
+    media.results["GetWriteFrameBuffers"] = kNoResources;
+    EXPECT_EQ(Write({Entry({4})}, "abcd"), S_OK);
+    ExpectImmediateReply();
+    EXPECT_EQ(media.Count("ReleaseWriteFrameBuffers"), 0u);
+    EXPECT_EQ(media.Count("WriteFrame"), 0u);
+    EXPECT_EQ(Counters().droppedWriteFrames, 1u);
+    ExpectKept(1);
+}
+
+TEST_F(WriteFrame, FewerBufferBytesThanAskedForFailTheRequest) {
+    media.onGetWriteFrameBuffers = [&](CZemChannelIo&, ZemIoDesc& desc) {
+        media.writeBuffer.assign(4, 0);
+        desc.streamData->entries[0].buffers[0] = {media.writeBuffer.data(), 3};
+        return S_OK;
+    };
+    EXPECT_EQ(Write({Entry({4})}, "abcd"), S_OK);
+    ExpectImmediateReply();
+    EXPECT_EQ(log.Error(TEXT("client: Unable to allocate expected WriteFrame data size 4 bytes, "
+                             "allocated 3 bytes, pos 5, transId 4711"))
+                  .hr,
+              E_UNEXPECTED);
+    EXPECT_EQ(media.Count("ReleaseWriteFrameBuffers"), 1u);
+    ExpectKept(1);
+}
+
+TEST_F(WriteFrame, AnEntryThatTheLibraryFailedCountsNoBytes) {
+    media.onGetWriteFrameBuffers = [&](CZemChannelIo&, ZemIoDesc& desc) {
+        desc.streamData->entries[0].status = E_FAIL;
+        return S_OK;
+    };
+    EXPECT_EQ(Write({Entry({4})}, "abcd"), S_OK);
+    EXPECT_EQ(log.Error(TEXT("client: Unable to allocate expected WriteFrame data size 4 bytes, "
+                             "allocated 0 bytes, pos 5, transId 4711"))
+                  .hr,
+              E_UNEXPECTED);
+    ExpectKept(1);
+}
+
+TEST_F(WriteFrame, ALibraryThatGivesNoAddressIsNotWrittenTo) {
+    media.onGetWriteFrameBuffers = [](CZemChannelIo&, ZemIoDesc&) { return S_OK; };
+    EXPECT_EQ(Write({Entry({4})}, "abcd"), S_OK);
+    ExpectImmediateReply();
+    ExpectKept(1);
+}
+
+TEST_F(WriteFrame, MoreDataThanThePayloadFails) {
+    // Only ReadFrameDataIntoBuffer itself can see it: lengths and payload agree.
+    EXPECT_EQ(Run(Spec({Entry({2})}, "abcd", 2)), S_OK);
+    EXPECT_EQ(
+        log.Error(TEXT("client: Partial frame data write size 4 > true frame data size 2")).hr,
+        E_UNEXPECTED);
+    EXPECT_EQ(media.Count("ReleaseWriteFrameBuffers"), 1u);
+    ExpectImmediateReply();
+    ExpectKept(1);
+}
+
+TEST_F(WriteFrame, AClientThatDisconnectsInMidBodyFailsTheRequest) {
+    http.FeedBody("c");
+    http.FeedBodyError(ERROR_NETNAME_DELETED);
+    EXPECT_EQ(Run(Spec({Entry({10})}, "ab", 10)), S_OK);
+    EXPECT_EQ(log.Error(TEXT("client: Error receving remaining framewrite data. Total framedata sz "
+                             "10 bytes, received 3 bytes"))
+                  .hr,
+              HRESULT_FROM_WIN32(ERROR_NETNAME_DELETED));
+    EXPECT_EQ(media.Count("ReleaseWriteFrameBuffers"), 1u);
+    EXPECT_EQ(media.Count("WriteFrame"), 0u);
+    EXPECT_EQ(Counters().droppedWriteFrames, 1u);
+    ExpectKept(1);
+}
+
+TEST_F(WriteFrame, AReadThatBringsNothingDoesNotRepeatForEver) {
+    http.FeedBodyError(NO_ERROR);
+    EXPECT_EQ(Run(Spec({Entry({10})}, "ab", 10)), S_OK);
+    EXPECT_EQ(log.Error(TEXT("client: Error receving remaining framewrite data. Total framedata sz "
+                             "10 bytes, received 2 bytes"))
+                  .hr,
+              HRESULT_FROM_WIN32(ERROR_HANDLE_EOF));
+    ExpectKept(1);
+}
+
+TEST_F(WriteFrame, ASlowReceiveIsReportedFrom251Milliseconds) {
+    clock.SetTick(10000);
+    const auto slowBy = [&](DWORD elapsed_ms) {
+        media.onCall = [&, elapsed_ms](const MediaCall& call) {
+            if (call.op == "GetWriteFrameBuffers") clock.AdvanceTick(elapsed_ms);
+        };
+        http.FeedBody("b");
+        Run(Spec({Entry({2})}, "a", 2));
+    };
+    slowBy(250);
+    EXPECT_TRUE(log.Texts(kErrorLogLevelSlowOperation).empty());
+    slowBy(251);
+    EXPECT_TRUE(log.Has(kErrorLogLevelSlowOperation,
+                        TEXT("client: Slow ZEM HTTP server WriteFrame data (2 bytes) network reads "
+                             "(1), transId 4711")));
+}
+
+TEST_F(WriteFrame, CountsOutOfRangeAreRefusedBeforeABlockIsTaken) {
+    TakeAllBlocks();
+    const std::string payload = "x";
+    for (const DWORD count : {0u, 23u, 0xFFFFFFFFu}) {
+        RequestSpec spec = Spec({Entry({1})}, payload, 1);
+        std::memcpy(spec.entity.data() + 16, &count, 4);
+        EXPECT_EQ(Run(spec), S_OK) << count;
+        ExpectImmediateReply();
+    }
+    for (const LONG buffers : {-1, 7, 0x7FFFFFFF}) {
+        RequestSpec spec = Spec({Entry({1})}, payload, 1);
+        std::memcpy(spec.entity.data() + 12 + 16 + 24, &buffers, 4);
+        EXPECT_EQ(Run(spec), S_OK) << buffers;
+        ExpectImmediateReply();
+    }
+    EXPECT_FALSE(access.Dropping()) << "no block was asked for";
+    EXPECT_EQ(log.EntryPoints(TEXT("CHttpCommandHandler::GetZemWriteFrameRequestFromHttp")), 6u);
+    for (const LogRecord& record : log.Records(LogRecord::EntryPoint))
+        EXPECT_EQ(static_cast<HRESULT>(record.chainId), E_INVALIDARG);
+    EXPECT_EQ(Counters().droppedWriteFrames, 6u);
+    GiveBlocksBack();
+    ExpectKept(0);
+}
+
+TEST_F(WriteFrame, SixBuffersAreAllowedAndASpecialEntryMayHoldAnything) {
+    FrameEntrySpec special;
+    special.token = 0x0000000107000001ull;
+    special.special = std::string(24, '\xFF');
+    EXPECT_EQ(Write({Entry({1, 1, 1, 1, 1, 1}), special}, "123456"), S_FALSE);
+    EXPECT_EQ(Written(), "123456");
+}
+
+TEST_F(WriteFrame, AFailureThatComesAtOnceIsCounted) {
+    media.results["WriteFrame"] = E_HANDLE;
+    EXPECT_EQ(Write({Entry({1})}, "x"), S_FALSE);
+    ExpectImmediateReply();
+    EXPECT_EQ(Counters().failedRealTimeIoMsgs, 1u);
+    EXPECT_EQ(Counters().droppedWriteFrames, 0u);
+    ExpectKept(0);
+}
+
+TEST_F(WriteFrame, TheEndOfTheMediaIsNotCounted) {
+    media.results["WriteFrame"] = kEndOfMedia;
+    Write({Entry({1})}, "x");
+    EXPECT_EQ(Counters().failedRealTimeIoMsgs, 0u);
+}
+
+TEST_F(WriteFrame, ALibraryWithoutResourcesCountsADroppedFrame) {
+    media.pendWrites = true;
+    Write({Entry({1})}, "x");
+    media.CompletePending(kNoResources);
+    EXPECT_EQ(Counters().droppedWriteFrames, 1u);
+    EXPECT_EQ(Counters().failedRealTimeIoMsgs, 0u);
+}
+
+TEST_F(WriteFrame, AReplyThatCannotBeBuiltGivesBuffersAndBlockBack) {
+    media.onCall = [&](const MediaCall& call) {
+        if (call.op == "GetWriteFrameBuffers") last->Request()->EntityChunkCount = 0;
+    };
+    EXPECT_LT(Write({Entry({4})}, "abcd"), 0);
+    EXPECT_EQ(media.Count("WriteFrame"), 0u);
+    EXPECT_EQ(media.Count("ReleaseWriteFrameBuffers"), 1u);
+    EXPECT_EQ(http.Last().status, 500) << "answered once all the same";
+    EXPECT_EQ(http.SentCount(), 2u);
+    ExpectKept(0);
+}
+
+TEST_F(WriteFrame, FieldsBeyondThePostedBufferAreAGenericFailure) {
+    RequestSpec spec;
+    spec.entity = Command(kTransId, 4, FrameBody({}, 1, 3) + std::string(96, '\0'));
+    spec.entityOffset = CHttpXaction::RequestBufferSize() - spec.entity.size();
+    spec.contentLength = std::to_string(spec.entity.size());
+    EXPECT_EQ(Run(spec), E_INVALIDARG);
+    ExpectGenericFailure(4, E_INVALIDARG);
+    EXPECT_EQ(media.Count("GetWriteFrameBuffers"), 0u);
+}
+
+TEST_F(WriteFrame, TheCompletionRoutineIgnoresNull) {
+    CHttpCommandHandler::WriteFrameDoneApc(nullptr);
+    EXPECT_EQ(log.EntryPoints(TEXT("CHttpCommandHandler::WriteFrameDoneApc")), 1u);
+}
+
+TEST_F(WriteFrame, ALeaveDuringTheLibraryCallKeepsChannelAndLock) {
+    media.onWriteFrame = [&](CZemChannelIo&, ZemIoDesc& desc) {
+        media.onWriteFrame = nullptr;
+        std::thread leaver([&] { Post(Command(1, 16)); });
+        leaver.join();
+        EXPECT_EQ(media.Count("~CZemChannelIo"), 0u);
+        return desc.status = S_OK;
+    };
+    EXPECT_EQ(Write({Entry({1})}, "x"), S_FALSE);
+    EXPECT_EQ(media.Count("~CZemChannelIo"), 1u);
+    Join();
+}
+
+TEST_F(WriteFrame, TheRegistryGetsTheBlocksOfFailedRequestsBack) {
+    const CRegistryValue reclaim(kTestZemKey, TEXT("ReclaimFrameBlocks"), DWORD{1});
+    delete access.FramePool();
+    access.FramePool() = new CFrameIoXactionPool;
+    FramePool().Initialize(&server);
+    EXPECT_EQ(Run(Spec({Entry({4, 4})}, "abcd", 7)), S_OK);
+    ExpectImmediateReply();
+    ExpectKept(0);
+}
+
+}  // namespace
