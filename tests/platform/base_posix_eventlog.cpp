@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
+#include <utility>
 
 #include "platform/platform.h"
 #include "tests/platform/sysloglines.h"
@@ -31,14 +32,15 @@ extern "C" [[gnu::visibility("default")]] void syslog(int priority, const char* 
     va_end(args);
 }
 
-std::vector<std::string> SyslogLines() {
+std::vector<std::string> TakeSyslogLines() {
     const std::lock_guard guard(g_lock);
-    return g_lines;
+    return std::exchange(g_lines, {});
 }
 
 namespace {
 
 TEST(EventLog, ReportsToSyslog) {
+    TakeSyslogLines();
     const HANDLE log = RegisterEventSourceW(nullptr, TEXT("Source \u00E4"));
     ASSERT_NE(log, nullptr);
     LPCWSTR text[] = {TEXT("message\r\n  ->Scope\r\nfile(7) : 100% %s\x1B[0m"), TEXT("second")};
@@ -46,7 +48,7 @@ TEST(EventLog, ReportsToSyslog) {
     EXPECT_TRUE(ReportEventW(log, EVENTLOG_WARNING_TYPE, 0, 0, nullptr, 2, 0, text, nullptr));
     EXPECT_TRUE(
         ReportEventW(log, EVENTLOG_INFORMATION_TYPE, 0, 0, nullptr, 0, 0, nullptr, nullptr));
-    const auto lines = SyslogLines();
+    const auto lines = TakeSyslogLines();
     ASSERT_EQ(lines.size(), 3u);
     EXPECT_EQ(lines[0], "<3> Source \xC3\xA4: message    ->Scope  file(7) : 100% %s [0m");
     EXPECT_EQ(lines[1], "<4> Source \xC3\xA4: message    ->Scope  file(7) : 100% %s [0m second");
@@ -63,6 +65,7 @@ TEST(EventLog, RefusesWhatItCannotCarry) {
     EXPECT_EQ(GetLastError(), ERROR_NOT_SUPPORTED);
     EXPECT_EQ(RegisterEventSourceW(nullptr, nullptr), nullptr);
     EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    TakeSyslogLines();
     const HANDLE log = RegisterEventSourceW(nullptr, TEXT("Source"));
     LPCWSTR text[] = {TEXT("x"), nullptr};
     int raw = 0;
@@ -74,7 +77,7 @@ TEST(EventLog, RefusesWhatItCannotCarry) {
     EXPECT_EQ(GetLastError(), ERROR_NOT_SUPPORTED);
     EXPECT_FALSE(ReportEventW(log, 1, 0, 0, &raw, 1, 0, text, nullptr));
     EXPECT_EQ(GetLastError(), ERROR_NOT_SUPPORTED);
-    EXPECT_TRUE(SyslogLines().empty());
+    EXPECT_TRUE(TakeSyslogLines().empty());
     EXPECT_TRUE(DeregisterEventSource(log));
 }
 

@@ -4,44 +4,43 @@
 #include <stdlib.h>
 #include <time.h>
 
+#include <cstdint>
+#include <string>
+#include <thread>
+
 #include "platform/platform.h"
 
 namespace {
 
+uint64_t Units(const FILETIME& time) {
+    return (uint64_t{time.dwHighDateTime} << 32) | time.dwLowDateTime;
+}
+
 TEST(PosixTime, ZoneOfTheEnvironment) {
-    // Half an hour beside the hour, west of Greenwich; set before the layer reads the zone in this
-    // process.
+    // Half an hour beside the hour, west of Greenwich. A new thread has not looked the zone up yet.
+    const char* before = getenv("TZ");
+    const std::string saved = before ? before : "";
     setenv("TZ", "XST3:30", 1);
     tzset();
-    unsigned id = 0;
-    SYSTEMTIME result{};
-    const auto thread = reinterpret_cast<HANDLE>(_beginthreadex(
-        nullptr, 0,
-        [](void* out) -> unsigned {
-            FILETIME utc, local;
-            GetSystemTimeAsFileTime(&utc);
-            if (!FileTimeToLocalFileTime(&utc, &local)) return 1;
-            const uint64_t a = (uint64_t{utc.dwHighDateTime} << 32) | utc.dwLowDateTime;
-            const uint64_t b = (uint64_t{local.dwHighDateTime} << 32) | local.dwLowDateTime;
-            FileTimeToSystemTime(&local, static_cast<SYSTEMTIME*>(out));
-            return static_cast<unsigned>((a - b) / 10'000'000);
-        },
-        &result, 0, &id));
-    ASSERT_NE(thread, nullptr);
-    ASSERT_EQ(WaitForSingleObject(thread, INFINITE), WAIT_OBJECT_0);
-    DWORD seconds = 0;
-    ASSERT_TRUE(GetExitCodeThread(thread, &seconds));
-    EXPECT_EQ(seconds, 12600u);
-    EXPECT_TRUE(CloseHandle(thread));
-    const time_t now = time(nullptr);
-    tm expected{};
-    localtime_r(&now, &expected);
-    SYSTEMTIME local;
-    GetLocalTime(&local);
-    // The minute may have changed in between.
-    EXPECT_LE(
-        (local.wHour * 60 + local.wMinute - expected.tm_hour * 60 - expected.tm_min + 1440) % 1440,
-        1);
+    std::thread([] {
+        FILETIME first, local, last;
+        SYSTEMTIME now;
+        GetSystemTimeAsFileTime(&first);
+        ASSERT_TRUE(FileTimeToLocalFileTime(&first, &local));
+        constexpr uint64_t kWest = 12600ull * 10'000'000;
+        EXPECT_EQ(Units(first) - Units(local), kWest);
+        GetLocalTime(&now);
+        GetSystemTimeAsFileTime(&last);
+        ASSERT_TRUE(SystemTimeToFileTime(&now, &local));
+        EXPECT_GE(Units(local) + kWest + 10'000, Units(first));
+        EXPECT_LE(Units(local) + kWest, Units(last));
+    }).join();
+    if (before) {
+        setenv("TZ", saved.c_str(), 1);
+    } else {
+        unsetenv("TZ");
+    }
+    tzset();
 }
 
 }  // namespace
