@@ -24,6 +24,8 @@ ULONG __wrap_HttpSendHttpResponse(HANDLE queue, HTTP_REQUEST_ID requestId, ULONG
                                   PHTTP_RESPONSE response, PVOID reserved1, PULONG sent_bytes,
                                   PVOID reserved2, ULONG reserved3, LPOVERLAPPED overlapped,
                                   PVOID reserved4) {
+    if (CFakeHttp* fake = CFakeHttp::Installed(); fake && fake->rawSend)
+        return fake->rawSend(*response);
     if (CFakeHttp* fake = CFakeHttp::Installed())
         return fake->Send(queue, requestId, flags, *response, sent_bytes);
     return __real_HttpSendHttpResponse(queue, requestId, flags, response, reserved1, sent_bytes,
@@ -71,11 +73,9 @@ void CFakeClock::SetTime(LONGLONG seconds) {
     g_timeSet = true;
 }
 
-CFakeHttp::CFakeHttp() {
-    g_installed = this;
-}
+CFakeHttp::CFakeHttp() : m_outer(g_installed.exchange(this)) {}
 CFakeHttp::~CFakeHttp() {
-    g_installed = nullptr;
+    g_installed = m_outer;
 }
 CFakeHttp* CFakeHttp::Installed() {
     return g_installed;

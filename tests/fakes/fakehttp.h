@@ -37,7 +37,7 @@ struct SentResponse {
 
 class CFakeHttp {
 public:
-    CFakeHttp();  // installs itself
+    CFakeHttp();  // installs itself; until it goes, the one before hears nothing
     ~CFakeHttp();
     CFakeHttp(const CFakeHttp&) = delete;
     CFakeHttp& operator=(const CFakeHttp&) = delete;
@@ -48,6 +48,7 @@ public:
     size_t SentCount() const { return Sent().size(); }
     ULONG sendError = NO_ERROR;
     std::function<void(const SentResponse&)> onSend;  // on the sending thread, before the result
+    std::function<ULONG(HTTP_RESPONSE&)> rawSend;     // instead of all this: nothing is kept
 
     // --- request bodies: pieces of what the network brings, then ERROR_HANDLE_EOF ---
     void FeedBody(std::string bytes);  // one or more reads take it
@@ -72,6 +73,7 @@ private:
         ULONG error;
         std::string bytes;
     };
+    CFakeHttp* const m_outer;
     mutable std::mutex m_lock;
     std::vector<SentResponse> m_sent;
     std::deque<Piece> m_body;

@@ -1,0 +1,252 @@
+// The issuer and the workers: what they post, take, ignore and give back, and how they end.
+#include "tests/fakes/fakesystem.h"
+#include "tests/fakes/serverfixture.h"
+#include "zemhttpd/entry/entrypoint.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+class ReceiveLoop : public CServerFixture {
+protected:
+    ReceiveLoop() { access.CompletionPort() = reinterpret_cast<HANDLE>(uintptr_t{0x7272}); }
+    ~ReceiveLoop() override {
+        StopIssuer();
+        server.CloseRequestThreadPool();
+        access.CompletionPort() = nullptr;
+    }
+    void StartIssuer() {
+        unsigned id = 0;
+        access.IssuerThread() = reinterpret_cast<HANDLE>(
+            _beginthreadex(nullptr, 0, CHttpCommandHandler::HttpRequestIssuer, &server, 0, &id));
+    }
+    // Ends the issuer as shut-down does and returns what its thread returned.
+    HRESULT StopIssuer() {
+        if (!access.IssuerThread()) return S_OK;
+        QueueUserAPC([](ULONG_PTR) {}, access.IssuerThread(), 0);
+        return JoinIssuer();
+    }
+    HRESULT JoinIssuer() {
+        WaitForSingleObject(access.IssuerThread(), INFINITE);
+        DWORD code = 0;
+        GetExitCodeThread(access.IssuerThread(), &code);
+        CloseHandle(access.IssuerThread());
+        access.IssuerThread() = nullptr;
+        return static_cast<HRESULT>(code);
+    }
+    // Fills the block of a posted receive and completes it.
+    void Deliver(const CFakeSystem::Receive& receive, const RequestSpec& spec) {
+        CHttpXaction* xaction = Pool().Owns(receive.overlapped);
+        ASSERT_NE(xaction, nullptr);
+        Lay(*xaction, spec);
+        system.Complete(receive.overlapped, kKey);
+    }
+    static RequestSpec Put() {
+        RequestSpec spec;
+        spec.verb = HttpVerbPUT;
+        return spec;
+    }
+    static constexpr ULONG_PTR kKey = 77;
+    CFakeSystem system;
+};
+
+TEST_F(ReceiveLoop, IssuerPostsAReceiveForEveryBlock) {
+    StartIssuer();
+    const auto receives = system.WaitForReceives(kBlocks);
+    ASSERT_EQ(receives.size(), static_cast<size_t>(kBlocks));
+    for (const auto& receive : receives) {
+        CHttpXaction* xaction = Pool().Owns(receive.overlapped);
+        ASSERT_NE(xaction, nullptr);
+        EXPECT_EQ(static_cast<void*>(xaction), receive.overlapped);
+        EXPECT_EQ(receive.requestId, HTTP_NULL_ID);
+        EXPECT_EQ(receive.flags, static_cast<ULONG>(HTTP_RECEIVE_REQUEST_FLAG_COPY_BODY));
+        EXPECT_EQ(receive.buffer, xaction->Request());
+        EXPECT_EQ(receive.size, 4096u);
+    }
+    EXPECT_EQ(StopIssuer(), S_OK);
+    EXPECT_TRUE(log.Empty());
+}
+
+TEST_F(ReceiveLoop, StopEndsAnIssuerThatWaitsOnAnEmptyPool) {
+    StartIssuer();
+    system.WaitForReceives(kBlocks);
+    EXPECT_EQ(StopIssuer(), S_OK);
+    EXPECT_EQ(Pool().FreeCount(), 0);
+}
+
+TEST_F(ReceiveLoop, IssuerTakesBlocksAgainWhenTheyComeBack) {
+    StartIssuer();
+    const auto receives = system.WaitForReceives(kBlocks);
+    for (const auto& receive : receives) {
+        Pool().ReceivePickedUp();
+        Pool().Release(Pool().Owns(receive.overlapped));
+    }
+    // While half of the pool's receives are posted the issuer may be left asleep.
+    system.WaitForReceives(kBlocks + kBlocks / 2);
+    StopIssuer();
+    EXPECT_EQ(system.ReceiveCount() + static_cast<size_t>(Pool().FreeCount()), 2u * kBlocks);
+}
+
+TEST_F(ReceiveLoop, ReceiveThatCannotBePostedEndsTheIssuer) {
+    system.errors["HttpReceiveHttpRequest"] = ERROR_INVALID_HANDLE;
+    StartIssuer();
+    EXPECT_EQ(JoinIssuer(), HresultFromError(ERROR_INVALID_HANDLE));
+    const LogRecord error = log.Error(TEXT("Error issuing HTTP receive request"));
+    EXPECT_EQ(error.hr, HresultFromError(ERROR_INVALID_HANDLE));
+    EXPECT_EQ(error.file, TEXT("httpcmdhdlr.cpp"));
+    EXPECT_EQ(error.line, 373);
+    EXPECT_EQ(log.EntryPoints(TEXT("CHttpCommandHandler::HttpRequestIssuer")), 1u);
+    EXPECT_EQ(Pool().FreeCount(), kBlocks - 1) << "the block is not given back";
+}
+
+TEST_F(ReceiveLoop, RequestIdOfTheBlockIsAskedFor) {
+    CHttpXaction& xaction = Take();
+    xaction.Request()->RequestId = 4711;
+    EXPECT_EQ(server.IssueHttpRequest(xaction), S_OK);
+    EXPECT_EQ(system.WaitForReceives(1)[0].requestId, 4711u);
+    Pool().ReceivePickedUp();
+    Pool().Release(&xaction);
+}
+
+TEST_F(ReceiveLoop, WorkersAreFourOrTwelve) {
+    EXPECT_EQ(server.InitRequestThreadPool(), S_OK);
+    EXPECT_EQ(access.WorkerCount(), 4);
+    server.CloseRequestThreadPool();
+    access.FileServerMode() = 1;
+    EXPECT_EQ(server.InitRequestThreadPool(), S_OK);
+    EXPECT_EQ(access.WorkerCount(), 12);
+    server.CloseRequestThreadPool();
+    EXPECT_EQ(access.WorkerCount(), 0);
+    access.FileServerMode() = 0;
+}
+
+TEST_F(ReceiveLoop, ClosingWithoutWorkersReturnsAtOnce) {
+    EXPECT_EQ(server.CloseRequestThreadPool(), S_OK);
+    EXPECT_TRUE(system.Events().empty());
+}
+
+TEST_F(ReceiveLoop, WorkerAnswersAndGivesTheBlockBack) {
+    clock.SetTick(5000);
+    ASSERT_EQ(server.InitRequestThreadPool(), S_OK);
+    StartIssuer();
+    const auto receives = system.WaitForReceives(kBlocks);
+    for (const auto& receive : receives)
+        Deliver(receive, Put());
+    system.WaitUntilIdle(4);
+    EXPECT_EQ(http.SentCount(), static_cast<size_t>(kBlocks));
+    EXPECT_EQ(http.Last().status, 405);
+    system.WaitForReceives(kBlocks + kBlocks / 2);
+}
+
+TEST_F(ReceiveLoop, WorkerStampsThePickUpTick) {
+    clock.SetTick(123456);
+    DWORD tick = 0;
+    CHttpXaction& xaction = Take();
+    Lay(xaction, Put());
+    http.onSend = [&](const SentResponse&) { tick = xaction.StartTick(); };
+    ASSERT_EQ(server.InitRequestThreadPool(), S_OK);
+    system.Complete(xaction.Overlapped(), kKey);
+    system.WaitUntilIdle(4);
+    EXPECT_EQ(tick, 123456u);
+    EXPECT_EQ(Pool().FreeCount(), kBlocks);
+}
+
+TEST_F(ReceiveLoop, RequestThatWentAsynchronousKeepsItsBlock) {
+    Join();
+    media.pendReads = true;
+    ASSERT_EQ(server.InitRequestThreadPool(), S_OK);
+    CHttpXaction& xaction = Take();
+    RequestSpec read;
+    read.entity = Command(9, 3, Bytes(DWORD{0}, DWORD{1}, ULONGLONG{0}) + std::string(96, '\0'));
+    Lay(xaction, read);
+    system.Complete(xaction.Overlapped(), kKey);
+    system.WaitUntilIdle(4);
+    EXPECT_EQ(media.PendingCount(), 1u);
+    EXPECT_EQ(Pool().FreeCount(), kBlocks - 1);
+    EXPECT_TRUE(xaction.InUse());
+    media.CompletePending();
+    EXPECT_EQ(Pool().FreeCount(), kBlocks);
+}
+
+TEST_F(ReceiveLoop, PacketOfAStrangerIsIgnoredWhateverItSays) {
+    ASSERT_EQ(server.InitRequestThreadPool(), S_OK);
+    OVERLAPPED stranger{};
+    CHttpXaction& xaction = Take();
+    auto* const inside = reinterpret_cast<OVERLAPPED*>(xaction.RequestBuffer());
+    for (int i = 0; i < 8; ++i) {
+        system.Complete(&stranger, kKey);
+        system.Complete(&stranger, kKey, ERROR_OPERATION_ABORTED);
+        system.Complete(inside, kKey);
+        system.Complete(nullptr, kKey);
+    }
+    system.WaitUntilIdle(4);
+    EXPECT_TRUE(log.Empty());
+    EXPECT_EQ(http.SentCount(), 0u);
+    Pool().Release(&xaction);
+}
+
+TEST_F(ReceiveLoop, FailedReceiveEndsThatWorker) {
+    ASSERT_EQ(server.InitRequestThreadPool(), S_OK);
+    system.WaitUntilIdle(4);
+    CHttpXaction& xaction = Take();
+    system.Complete(xaction.Overlapped(), kKey, ERROR_OPERATION_ABORTED);
+    system.WaitUntilIdle(3);
+    server.CloseRequestThreadPool();
+    const LogRecord error = log.Error(TEXT("Unknown error"));
+    EXPECT_EQ(error.kind, LogRecord::Ex);
+    EXPECT_EQ(error.hr, HresultFromError(ERROR_OPERATION_ABORTED));
+    EXPECT_EQ(error.file, TEXT("httpcmdhdlr.cpp"));
+    EXPECT_EQ(log.EntryPoints(TEXT("CHttpCommandHandler::HttpRequestHandler")), 1u);
+    EXPECT_EQ(log.Messages().size(), 1u) << "the others go on";
+    Pool().Release(&xaction);
+}
+
+TEST_F(ReceiveLoop, PortThatGoesAwayEndsTheWorkers) {
+    ASSERT_EQ(server.InitRequestThreadPool(), S_OK);
+    for (int i = 0; i < 4; ++i)
+        system.Complete(nullptr, 0, ERROR_ABANDONED_WAIT_0);
+    server.CloseRequestThreadPool();
+    EXPECT_EQ(log.Messages().size(), 4u);
+    EXPECT_EQ(log.Messages()[0].hr, HresultFromError(ERROR_ABANDONED_WAIT_0));
+}
+
+TEST_F(ReceiveLoop, WorkerWithoutAnApartmentEnds) {
+    system.coInitialize[""] = RPC_E_CHANGED_MODE;
+    ASSERT_EQ(server.InitRequestThreadPool(), S_OK);
+    server.CloseRequestThreadPool();
+    EXPECT_EQ(log.EntryPoints(TEXT("CHttpCommandHandler::HttpRequestHandler")), 4u);
+    EXPECT_EQ(log.Records(LogRecord::EntryPoint)[0].chainId,
+              static_cast<DWORD>(RPC_E_CHANGED_MODE));
+}
+
+TEST_F(ReceiveLoop, EndedWorkerTracesItsCount) {
+    ASSERT_EQ(server.InitRequestThreadPool(), S_OK);
+    CHttpXaction& xaction = Take();
+    Lay(xaction, Put());
+    system.Complete(xaction.Overlapped(), kKey);
+    system.WaitUntilIdle(4);
+    SetTracing(true);
+    server.CloseRequestThreadPool();
+    const auto traces = log.Messages();
+    ASSERT_EQ(traces.size(), 4u);
+    LONGLONG serviced = 0;
+    for (const LogRecord& trace : traces) {
+        WCHAR expected[160];
+        const LONGLONG count = trace.text[0] - u'0';
+        _snwprintf_s(expected, 160, _TRUNCATE,
+                     TEXT("%I64d HTTP requests serviced on ZEM HTTP command handler thread ID "
+                          "0x%x"),
+                     count, trace.threadId);
+        EXPECT_EQ(trace.text, expected);
+        serviced += count;
+    }
+    EXPECT_EQ(serviced, 1);
+}
+
+TEST_F(ReceiveLoop, EndedWorkerIsSilentWithoutTheTraceFlag) {
+    ASSERT_EQ(server.InitRequestThreadPool(), S_OK);
+    server.CloseRequestThreadPool();
+    EXPECT_TRUE(log.Empty());
+}
+
+}  // namespace
