@@ -245,6 +245,7 @@ class Files(ServerCase):
         owner, other = self.client('owner'), self.client('other')
         token = owner.create('own/file')
         owner.write(token, 0, b'mine')
+        owner.flush(token)
         reply = other.read(token, 0)
         self.assertEqual(stream_status(reply), E_HANDLE)
         self.assertEqual(frame_of(owner.read(token, 0)), b'mine')
@@ -258,6 +259,7 @@ class Frames(ServerCase):
         frames = [rng.randbytes(rng.choice((1, 17, 4096, 70000, 300001))) for _ in range(30)]
         for position, data in enumerate(frames):
             self.assert_status(client.write(token, position, data), 4)
+        self.assert_status(client.flush(token), 8)
         for position, data in enumerate(frames):
             reply = client.read(token, position, user=0x1122334455667788)
             self.assert_head(reply, 3, 104)
@@ -274,6 +276,7 @@ class Frames(ServerCase):
         client = self.client()
         token = client.create('frames/end')
         client.write(token, 0, b'only')
+        client.flush(token)
         self.assertEqual(stream_status(client.read(token, 1)), END_OF_MEDIA)
 
     def test_two_streams(self):
@@ -282,6 +285,8 @@ class Frames(ServerCase):
         first, second = b'A' * 1000, b'B' * 2000
         reply = client.post(WRITE, write_body([(a, 0, [400, 600]), (b, 0, [2000])]), first + second)
         self.assert_status(reply, 4)
+        client.flush(a)
+        client.flush(b)
         reply = client.post(READ, read_body([(a, 0, 0, 1), (b, 0, 0, 2)]))
         self.assert_head(reply, 3, 248)
         self.assertEqual(frame_of(reply, 2), first + second)
@@ -290,6 +295,7 @@ class Frames(ServerCase):
         client = self.client()
         token = client.create('frames/nodata')
         client.write(token, 0, b'x' * 500)
+        client.flush(token)
         reply = client.read(token, 0, flags=0x80000000)
         self.assertEqual((stream_status(reply), frame_of(reply)), (0, b''))
 
@@ -327,6 +333,7 @@ class Frames(ServerCase):
         for start in range(0, len(whole), 100001):
             client.connection.send(whole[start:start + 100001])
         self.assert_status(client.connection.receive(), 4)
+        client.flush(token)
         self.assertEqual(frame_of(client.read(token, 0)), data)
 
     def test_reader_follows_writer(self):
@@ -357,7 +364,7 @@ class Frames(ServerCase):
                 frames = [rng.randbytes(rng.randrange(1, 200000)) for _ in range(20)]
                 for position, data in enumerate(frames):
                     client.write(token, position, data)
-                client.post(FLUSH, struct.pack('<Q', token))
+                client.flush(token)
                 for position, data in enumerate(frames):
                     if frame_of(client.read(token, position)) != data:
                         raise AssertionError('frame %d of client %d differs' % (position, number))
@@ -429,7 +436,7 @@ class Durability(unittest.TestCase):
             data = random.Random(position).randbytes(50000 + position)
             digests.append(hashlib.md5(data).hexdigest())
             client.write(token, position, data)
-        client.post(FLUSH, struct.pack('<Q', token))
+        client.flush(token)
         client.close()
         server.kill()
         server.start()

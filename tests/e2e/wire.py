@@ -2,6 +2,7 @@
 with the server. Sizes and offsets are literal on purpose: this file is the second opinion."""
 
 import os
+import re
 import shutil
 import signal
 import socket
@@ -170,6 +171,10 @@ class Client:
     def write(self, token, position, data):
         return self.post(WRITE, write_body([(token, position, [len(data)])]), data)
 
+    def flush(self, token):
+        """A write is answered before it is done; after the flush it is."""
+        return self.post(FLUSH, struct.pack('<Q', token))
+
     def read(self, token, position, flags=0, user=0):
         return self.post(READ, read_body([(token, position, flags, user)]))
 
@@ -257,8 +262,18 @@ class Server:
         shutil.rmtree(self.folder)
 
     def lines(self):
+        """The log's records; the further pieces of a long message ("... ") are put back to the first."""
+        records, last = [], {}
         with open(self.log, encoding='utf-8') as text:
-            return text.read().splitlines()
+            for line in text.read().splitlines():
+                match = re.match(r'.{23} \S+ +(\[\d+\]) (\S+\(\d+\) 0x[0-9a-f]+: )?(\.\.\. )?(.*)', line)
+                if match and match[3] and match[1] in last:
+                    records[last[match[1]]] += match[4]
+                    continue
+                if match:
+                    last[match[1]] = len(records)
+                records.append(line)
+        return records
 
     def wait_for_line(self, part, timeout_s=20):
         """The log is written by a thread of its own: read until the line is there."""
