@@ -5,6 +5,7 @@ extern "C" {
 #include <libavutil/md5.h>
 }
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 
@@ -150,6 +151,12 @@ std::string FlagsText(uint32_t flags) {
     return text;
 }
 
+bool AllEmpty(const std::vector<FrameDescEntry>& descs) {
+    return std::all_of(descs.begin(), descs.end(), [](const FrameDescEntry& desc) {
+        return desc.dataSize == 0 && desc.flags == 0;
+    });
+}
+
 int Frames(const CommandLine& line, const FrameOptions& options) {
     constexpr uint32_t kChunk = 1024;
     CSession session(line);
@@ -172,6 +179,12 @@ int Frames(const CommandLine& line, const FrameOptions& options) {
         const std::vector<FrameDescEntry> descs =
             options.byName ? session->FrameDescs(ref, from, some)
                            : session->FrameDescs(file.Token(), from, some, options.rate);
+        if (options.byName && AllEmpty(descs)) {
+            throw CZemError(ErrorKind::kRefused,
+                            "no frame found by name: the server puts the number of frames into the "
+                            "name before it looks, so most names are not found; ask without "
+                            "--by-name");
+        }
         for (uint32_t i = 0; i < some; ++i) {
             const FrameDescEntry& desc = descs[i];
             if (!options.json) {
@@ -227,7 +240,9 @@ void AddFrameVerbs(CLI::App& app, CommandLine& line) {
                    "Corrupt), timecode",
                    frames, &Frames);
     CLI::Option* by_name =
-        verb->add_flag("--by-name", frames->byName, "Ask without opening the file");
+        verb->add_flag("--by-name", frames->byName,
+                       "Ask without opening the file; few names survive what the "
+                       "protocol does to them");
     verb->add_option("--rate", frames->rate,
                      "Count positions in this rate: 0 the file's own, 1 23.976, 2 24, 3 25, "
                      "4 29.97, 5 30, 6 50, 7 59.94, 8 60")

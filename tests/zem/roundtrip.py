@@ -6,6 +6,7 @@ usage: roundtrip.py --zemhost PROGRAM --zem PROGRAM [unittest arguments]
 """
 
 import argparse
+import json
 import os
 import subprocess
 import sys
@@ -106,6 +107,71 @@ class RoundTrip(unittest.TestCase):
         self.zem('read', 'media/clip.v0', '--from', '10', '--count', '5', '-o', target)
         self.assertEqual(os.path.getsize(target), sum(int(size) for size, _ in self.video[10:15]))
         os.remove(target)
+
+    def test_queries_and_maintenance(self):
+        self.zem('put', self.clip, 'media/clip')
+        name = 'media/clip.v0'
+        for form in ([], ['--by-name']):
+            info = json.loads(self.zem('info', name, '--json', *form))
+            self.assertEqual((info['type'], info['codec'], info['frames']), ('video', 'jpeg', 250))
+            self.assertEqual((info['width'], info['height'], info['rate_numerator']), (1280, 720, 25))
+            marks = json.loads(self.zem('marks', name, '--json', *form))
+            self.assertEqual((marks['first'], marks['second']), (0, 250))
+        audio = json.loads(self.zem('info', 'media/clip.a0', '--json'))
+        self.assertEqual((audio['sample_rate'], audio['channels'], audio['bits_per_sample']), (48000, 1, 16))
+        frames = json.loads(self.zem('frames', name, '--json'))['frames']
+        self.assertEqual([frame['size'] for frame in frames], [int(size) for size, _ in self.video])
+        self.assertTrue(all(frame['key'] and frame['present'] for frame in frames))
+        self.zem('frames', name, '--by-name', code=1)  # the count has replaced two characters of the name
+        self.zem('stripe', name, '10:00:59:24')
+        frames = json.loads(self.zem('frames', name, '--json', '--count', '2'))['frames']
+        self.assertEqual([frame['timecode'] for frame in frames], ['10:00:59:24', '10:01:00:00'])
+        self.zem('stripe', name, '10:00:59:25', code=1)  # no such address at 25 frames per second
+        self.zem('erase', name, '--from', '10', '--count', '5')
+        listing = self.zem('framemd5', name)
+        self.assertEqual(columns(listing), self.video[:10] + self.video[15:])
+        self.assertEqual(listing.count('0x80040202'), 5)
+        self.zem('flush', name)
+
+    def test_file_system(self):
+        self.zem('put', self.clip, 'media/clip')
+        space = json.loads(self.zem('df', '--json'))
+        self.assertGreaterEqual(space['total_bytes'], space['free_bytes'])
+        self.assertGreater(space['free_bytes'], 0)
+        self.zem('mkdir', 'media/new')
+        self.assertTrue(json.loads(self.zem('stat', 'media/new', '--json'))['directory'])
+        self.zem('mv', 'media/clip.v0', 'media/new/v')
+        self.assert_same('media/new/v', self.video)
+        self.zem('stat', 'media/clip.v0', code=1)
+        self.zem('mv', 'media/clip.a0', 'media/new/v', code=1)
+        size = json.loads(self.zem('stat', 'media/new/v', '--json'))['size_bytes']
+        target = os.path.join(self.folder.name, 'whole')
+        self.zem('get', 'media/new/v', '-o', target)
+        self.assertEqual(os.path.getsize(target), size)
+        with open(target, 'rb') as here, open(os.path.join(self.server.volume, 'media/new/v'), 'rb') as there:
+            self.assertEqual(here.read(), there.read())
+        os.remove(target)
+        self.zem('rm', 'media/new/v')
+        self.zem('rm', 'media/new/v', code=1)
+        self.zem('rm', '--http', 'media/clip.a0')
+        self.zem('get', 'media/clip.a0', '-o', target, code=1)
+        self.assertFalse(os.path.exists(target))
+
+    def test_client_verbs(self):
+        client = ['--id', 'desk 1']
+        self.zem(*client, 'join')
+        self.assertEqual(json.loads(self.zem('clients', '--json'))['clients'], ['desk 1'])
+        self.zem(*client, 'realtime')
+        self.zem(*client, 'keepalive')
+        self.zem(*client, 'config', 'set', 'readAhead', '4')
+        document = os.path.join(self.folder.name, 'config.xml')
+        for text, code in (('<channelConfig readAhead="8"><frameRate>25</frameRate></channelConfig>', 0),
+                           ('<channelConfig colour="red"/>', 1)):
+            with open(document, 'w', encoding='utf-8') as out:
+                out.write('<?xml version="1.0" encoding="UTF-8"?>' + text)
+            self.zem(*client, 'config', 'push', document, code=code)
+        self.zem(*client, 'leave')
+        self.assertEqual(self.zem('clients'), 'No clients\n')
 
     def test_missing_file_fails(self):
         self.zem('framemd5', 'media/none', code=1)
