@@ -435,7 +435,9 @@ TEST_P(FileCommand, LeavesAReplyThatCannotBeBuiltToDispatch) {
     command.bodyRoom_bytes = static_cast<size_t>(xaction.RequestBuffer() + 4096 - command.body);
     command.xaction = &xaction;
     request.EntityChunkCount = 0;  // nothing to lay the reply over
-    const HRESULT hr = (server.*FindCommand(row.code)->handler)(command);
+    const auto handler = FindCommand(row.code)->handler;
+    CHttpCommandHandler* const target = &server;
+    const HRESULT hr = (target->*handler)(command);
     EXPECT_EQ(hr, E_INVALIDARG);
     EXPECT_FALSE(xaction.ReplySent());
     EXPECT_EQ(http.SentCount(), 1u) << "the join's only";
