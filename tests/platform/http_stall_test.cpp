@@ -1,0 +1,163 @@
+// No client owns a thread: stalled sends and body reads, on a clock that the tests move.
+#include <gtest/gtest.h>
+
+#include "http_support.h"
+
+namespace httptest {
+namespace {
+
+constexpr size_t kBig = 20u << 20;  // more than any socket buffers take
+
+// A client that asked and does not read, and a thread that blocks in the answer.
+struct CSlowReader {
+    explicit CSlowReader(CServer& s) : server(s), client(s.TcpPort(), 4096) {
+        client.Send(Get("/zem/"));
+        block = server.Take();
+        EXPECT_NE(block, nullptr);
+        sender = std::thread([this] {
+            std::string body(kBig, 's');
+            error = server.Reply(block->Id(), body, 200, 0, &sent);
+            body.assign(kBig, '#');  // the application uses its memory again
+        });
+        EXPECT_TRUE(Eventually([] { return HttpTuneBlockedThreads() == 1; }));
+    }
+    CServer& server;
+    CClient client;
+    CBlock* block = nullptr;
+    std::thread sender;
+    ULONG error = ~0u, sent = 0;
+};
+
+TEST(Stall, SendIsFinishedInTheBackgroundWhileARequestWaits) {
+    CServer server;
+    CSlowReader slow(server);
+    CClient other(server.TcpPort());
+    other.Send(Get("/zem/other"));
+    HttpTuneAdvanceClock(300);
+    slow.sender.join();
+    EXPECT_EQ(slow.error, NO_ERROR);
+    EXPECT_GT(slow.sent, kBig);
+    EXPECT_GT(HttpTuneBackgroundBytes(), 0u);
+    CBlock* block = server.Take();
+    ASSERT_NE(block, nullptr);
+    EXPECT_STREQ(block->Request()->pRawUrl, "/zem/other");
+    server.Reply(block->Id(), "quick");
+    EXPECT_EQ(other.Read().body, "quick");
+    server.StartWorkers(1);
+    EXPECT_EQ(slow.client.Read().body, std::string(kBig, 's'));
+    EXPECT_TRUE(Eventually([] { return HttpTuneBackgroundBytes() == 0; }));
+    slow.client.Send(Get("/zem/"));  // and the connection lives on
+    EXPECT_EQ(slow.client.Read().status, 200);
+}
+
+TEST(Stall, NothingHappensWhileNobodyWaits) {
+    CServer server;
+    CSlowReader slow(server);
+    HttpTuneAdvanceClock(300);
+    HttpTuneAdvanceClock(300);
+    EXPECT_EQ(HttpTuneBlockedThreads(), 1u);
+    EXPECT_EQ(HttpTuneBackgroundBytes(), 0u);
+    EXPECT_EQ(slow.client.Read().body.size(), kBig);  // it was only slow
+    slow.sender.join();
+    EXPECT_EQ(slow.error, NO_ERROR);
+    EXPECT_EQ(HttpTuneBackgroundBytes(), 0u);
+}
+
+TEST(Stall, ThreadThatWaitsInThePortIsEnough) {
+    CServer server;
+    CSlowReader slow(server);
+    server.StartWorkers(1);
+    CClient other(server.TcpPort());
+    other.Send(Get("/zem/other"));
+    EXPECT_EQ(other.Read().status, 200);
+    HttpTuneAdvanceClock(300);
+    other.Send(Get("/zem/other"));
+    EXPECT_EQ(other.Read().status, 200);
+    EXPECT_EQ(slow.client.Read().body.size(), kBig);
+    slow.sender.join();
+    EXPECT_EQ(slow.error, NO_ERROR);
+}
+
+TEST(Stall, WithoutRoomForACopyTheConnectionIsGivenUp) {
+    CTuned<uint64_t> none(HttpTune()->background_bytes, 0);
+    CServer server;
+    CSlowReader slow(server);
+    CClient other(server.TcpPort());
+    other.Send(Get("/zem/other"));
+    HttpTuneAdvanceClock(300);
+    slow.sender.join();
+    EXPECT_EQ(slow.error, ERROR_NETNAME_DELETED);
+    EXPECT_EQ(server.Reply(slow.block->Id(), ""), ERROR_CONNECTION_INVALID);
+    CBlock* block = server.Take();
+    ASSERT_NE(block, nullptr);
+    server.Reply(block->Id(), "");
+    EXPECT_EQ(slow.client.Read().status, 0);
+}
+
+TEST(Stall, SmallRestIsNeverWaitedFor) {
+    CServer server;
+    CClient client(server.TcpPort(), 4096);
+    CBlock* block = nullptr;
+    // Answers until one does not fit into the socket any more; none of them blocks.
+    const std::string body(50000, 'r');
+    int answers = 0;
+    while (HttpTuneBackgroundBytes() == 0 && answers < 2000) {
+        client.Send(Get("/zem/"));
+        block = server.Take();
+        ASSERT_NE(block, nullptr);
+        EXPECT_EQ(server.Reply(block->Id(), body), NO_ERROR);
+        server.Repost(block);
+        ++answers;
+    }
+    EXPECT_GT(HttpTuneBackgroundBytes(), 0u);
+    server.StartWorkers(1);
+    for (int i = 0; i < answers; ++i)
+        ASSERT_EQ(client.Read().body.size(), body.size()) << i;
+}
+
+TEST(Stall, BodyReadFailsAsALastResortAndCanStillBeAnswered) {
+    CServer server;
+    CTuned<uint32_t> at_once(HttpTune()->short_body_ms, 0);
+    CClient slow(server.TcpPort());
+    slow.Send(PostHead(1000) + "x");
+    CBlock* block = server.Take();
+    ASSERT_NE(block, nullptr);
+    ULONG error = 0;
+    std::thread reader([&] {
+        std::string body;
+        while ((error = server.ReadBody(block->Id(), body)) == NO_ERROR) {
+        }
+        server.Reply(block->Id(), "stalled", 500);
+    });
+    ASSERT_TRUE(Eventually([] { return HttpTuneBlockedThreads() == 1; }));
+    HttpTuneAdvanceClock(200);
+    slow.Send("y");  // a byte now and then does not help
+    CClient other(server.TcpPort());
+    other.Send(Get("/zem/other"));
+    HttpTuneAdvanceClock(100);
+    HttpTuneAdvanceClock(300);
+    reader.join();
+    EXPECT_EQ(error, ERROR_NETNAME_DELETED);
+    CBlock* next = server.Take();
+    ASSERT_NE(next, nullptr);
+    server.Reply(next->Id(), "");
+    EXPECT_EQ(slow.Read().body, "stalled");
+}
+
+TEST(Stall, RequestThatWaitsForAReceiveCounts) {
+    CServer server(1);
+    CSlowReader slow(server);
+    CClient other(server.TcpPort());
+    other.Send(Get("/zem/other"));
+    ASSERT_TRUE(Eventually([&] {
+        server.Settle();
+        return HttpTuneWaitingRequests(server.Queue()) == 1;
+    }));
+    HttpTuneAdvanceClock(300);
+    slow.sender.join();
+    EXPECT_EQ(slow.error, NO_ERROR);
+    EXPECT_GT(HttpTuneBackgroundBytes(), 0u);
+}
+
+}  // namespace
+}  // namespace httptest
