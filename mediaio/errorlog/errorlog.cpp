@@ -13,7 +13,7 @@ constexpr size_t kPieceChars = 127;
 // What this thread wrote last: a full piece may be followed by the rest of the same message. A
 // surrogate pair that the cut split is put together again, its first half waits here.
 struct PieceEnd {
-    bool full = false;
+    unsigned pieces = 0;  // of a message that may go on; 0: it has ended
     SYSTEMTIME time{};
     DWORD level = 0;
     LONG line = 0;
@@ -34,7 +34,8 @@ void StartRecord(ErrorRecord& record, ErrorRecordKind kind, const SYSTEMTIME* ti
     else
         GetLocalTime(&record.time);
     record.kind = kind;
-    record.continues = false;
+    record.mayContinue = false;
+    record.piece = 0;
     record.level = 0;
     record.threadId = ThreadId();
     record.hr = 0;
@@ -49,19 +50,22 @@ bool IsHighSurrogate(WCHAR unit) {
     return (static_cast<unsigned>(unit) & 0xFC00u) == 0xD800u;
 }
 
-// Puts the piece into the record, joined to what the thread wrote before.
+// Puts the piece into the record, as the next one of what the thread wrote before or as a first
+// one.
 void SetPiece(ErrorRecord& record, const WCHAR* text) {
     PieceEnd& end = t_pieceEnd;
-    record.continues = end.full && end.level == record.level && end.line == record.line &&
-                       end.chainId == record.chainId &&
-                       std::memcmp(&end.time, &record.time, sizeof end.time) == 0;
+    const bool continues = end.pieces != 0 && end.level == record.level &&
+                           end.line == record.line && end.chainId == record.chainId &&
+                           std::memcmp(&end.time, &record.time, sizeof end.time) == 0;
     size_t carried = 0;
-    if (record.continues && end.highSurrogate != 0) record.text[carried++] = end.highSurrogate;
+    if (continues && end.highSurrogate != 0) record.text[carried++] = end.highSurrogate;
     const size_t count = CopyText(record.text + carried, ErrorRecord::kTextChars - carried, text);
     record.text_chars = carried + count;
-    end.full = count == kPieceChars;
+    record.piece = static_cast<uint16_t>(continues ? end.pieces : 0);
+    record.mayContinue = count == kPieceChars;
     end.highSurrogate = 0;
-    if (!end.full) return;
+    end.pieces = record.mayContinue ? record.piece + 1u : 0;
+    if (!record.mayContinue) return;
     end.time = record.time;
     end.level = record.level;
     end.line = record.line;
@@ -93,7 +97,7 @@ BOOL ErrorLogWriteEntryPointW(DWORD chainIdOrResult, const SYSTEMTIME* time,
     StartRecord(record, ErrorRecordKind::kScope, time);
     record.hr = static_cast<HRESULT>(chainIdOrResult);
     record.text_chars = CopyText(record.text, ErrorRecord::kTextChars, functionName);
-    t_pieceEnd.full = false;
+    t_pieceEnd.pieces = 0;
     sink.Put(record);
     return TRUE;
 }
@@ -127,7 +131,7 @@ BOOL ErrorLogWriteOwnerInfoW(LONG id, const SYSTEMTIME* time, const WCHAR* a, co
     record.line = e;
     for (const WCHAR* text : {a, b, c, d})
         AppendOwnerText(record, text);
-    t_pieceEnd.full = false;
+    t_pieceEnd.pieces = 0;
     sink.Put(record);
     return TRUE;
 }

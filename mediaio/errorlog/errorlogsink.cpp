@@ -70,41 +70,60 @@ void CErrorLogSink::StartWriter() {
     }
 }
 
-size_t CErrorLogSink::TakeBatch(ErrorRecord* batch, uint64_t& dropped) {
+void CErrorLogSink::TakeBatch(Batch& batch,
+                              std::optional<CLineAssembler::Clock::time_point> overdue) {
     std::unique_lock lock(m_lock);
-    m_done = m_taken;
-    m_progress.notify_all();
-    while (m_taken == m_put && !m_stop) {
-        m_writerWaits = true;
-        m_wakeWriter.wait(lock);
-    }
-    size_t count = 0;
-    for (; count < kBatchRecords && m_taken < m_put; ++count, ++m_taken)
-        CopyRecord(batch[count], m_ring[m_taken % kErrorLogQueueRecords]);
-    dropped = m_dropped;
-    m_dropped = 0;
-    if (count == 0) {
-        m_writerEnded = true;
+    // A line that still waits for its next piece is not written: then nothing is done yet.
+    if (!overdue) {
+        m_done = m_taken;
         m_progress.notify_all();
     }
-    return count;
+    while (m_taken == m_put && !m_stop) {
+        m_writerWaits = true;
+        if (!overdue)
+            m_wakeWriter.wait(lock);
+        else if (m_wakeWriter.wait_until(lock, *overdue) == std::cv_status::timeout)
+            break;
+    }
+    batch.count = 0;
+    for (; batch.count < kBatchRecords && m_taken < m_put; ++batch.count, ++m_taken)
+        CopyRecord(batch.records[batch.count], m_ring[m_taken % kErrorLogQueueRecords]);
+    batch.dropped = m_dropped;
+    m_dropped = 0;
+    batch.last = batch.count == 0 && m_stop;
+}
+
+void CErrorLogSink::EndWriter() {
+    std::scoped_lock lock(m_lock);
+    m_done = m_taken;
+    m_writerEnded = true;
+    m_progress.notify_all();
 }
 
 void CErrorLogSink::RunWriter() {
-    const auto batch = std::make_unique<ErrorRecord[]>(kBatchRecords);
+    Batch batch;
+    CLineAssembler assembler;
     std::string lines;
     uint64_t unwritten = 0;
-    uint64_t dropped = 0;
-    while (const size_t count = TakeBatch(batch.get(), dropped)) {
+    while (!batch.last) {
+        TakeBatch(batch, assembler.NextDeadline());
         lines.clear();
         // What was dropped is older than this batch, and younger than the one before.
-        dropped += unwritten;
-        if (dropped != 0) AppendDroppedLine(batch[0].time, dropped, lines);
-        for (size_t i = 0; i < count; ++i)
-            AppendRecordLine(batch[i], lines);
+        const uint64_t dropped = batch.dropped + unwritten;
+        if (dropped != 0 && batch.count != 0)
+            AppendDroppedLine(batch.records[0].time, dropped, lines);
+        const auto now = CLineAssembler::Clock::now();
+        for (size_t i = 0; i < batch.count; ++i)
+            assembler.Add(batch.records[i], now, lines);
+        if (batch.last)
+            assembler.EndAll(lines);
+        else
+            assembler.EndOverdue(now, lines);
+        if (lines.empty()) continue;
         std::scoped_lock lock(m_outputLock);
-        unwritten = m_output.Write(lines) ? 0 : dropped + count;
+        unwritten = m_output.Write(lines) ? 0 : dropped + batch.count;
     }
+    EndWriter();
 }
 
 bool CErrorLogSink::Configure(const ErrorLogSettings& settings, std::string* problem) {

@@ -9,9 +9,11 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
+#include "mediaio/errorlog/lineassembler.h"
 #include "mediaio/errorlog/output.h"
 #include "mediaio/errorlog/record.h"
 #include "mediaio/errorlog/sink.h"
@@ -38,7 +40,17 @@ private:
     CErrorLogSink();
     void StartWriter();
     void RunWriter();
-    size_t TakeBatch(ErrorRecord* batch, uint64_t& dropped);
+
+    // What the writer took from the ring: nothing when a line became overdue, or when all is
+    // written and the log ends.
+    struct Batch {
+        std::unique_ptr<ErrorRecord[]> records = std::make_unique<ErrorRecord[]>(kBatchRecords);
+        size_t count = 0;
+        uint64_t dropped = 0;
+        bool last = false;
+    };
+    void TakeBatch(Batch& batch, std::optional<CLineAssembler::Clock::time_point> overdue);
+    void EndWriter();
 
     std::atomic<ErrorLogVerbosity> m_verbosity{ErrorLogVerbosity::kTraces};
 

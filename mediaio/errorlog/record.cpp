@@ -34,7 +34,7 @@ void AppendStart(const SYSTEMTIME& time, const char* word, DWORD threadId, std::
                  static_cast<unsigned>(threadId));
 }
 
-void AppendRecordStart(const ErrorRecord& record, std::string& out) {
+void AppendWhenAndWho(const ErrorRecord& record, std::string& out) {
     char number[24];
     std::snprintf(number, sizeof number, "level%u", static_cast<unsigned>(record.level));
     const char* word = number;
@@ -131,12 +131,11 @@ size_t CopyText(WCHAR* target, size_t capacity, const WCHAR* source) {
     return count;
 }
 
-void AppendRecordLine(const ErrorRecord& record, std::string& out) {
-    AppendRecordStart(record, out);
+void AppendRecordStart(const ErrorRecord& record, std::string& out) {
+    AppendWhenAndWho(record, out);
     switch (record.kind) {
         case ErrorRecordKind::kText:
             AppendPosition(record, out);
-            if (record.continues) out += "... ";
             break;
         case ErrorRecordKind::kScope:
             AppendFormat(out, "0x%08x in ", static_cast<unsigned>(record.hr));
@@ -145,10 +144,12 @@ void AppendRecordLine(const ErrorRecord& record, std::string& out) {
             AppendFormat(out, "%d: ", static_cast<int>(record.hr));
             break;
     }
+}
+
+void AppendRecordText(const ErrorRecord& record, std::string& out) {
     AppendText(record.text, record.text_chars, out);
     if (record.kind == ErrorRecordKind::kOwner)
         AppendFormat(out, ", %d", static_cast<int>(record.line));
-    out += '\n';
 }
 
 void AppendDroppedLine(const SYSTEMTIME& time, uint64_t dropped, std::string& out) {

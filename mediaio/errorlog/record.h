@@ -16,7 +16,8 @@ struct ErrorRecord {
 
     SYSTEMTIME time;
     ErrorRecordKind kind;
-    bool continues;  // the text goes on where the thread's previous record ended
+    bool mayContinue;  // the text is a full piece: the thread's next record may go on with it
+    uint16_t piece;    // 0, or the number of full pieces of the same message before this one
     DWORD level;
     DWORD threadId;
     HRESULT hr;
@@ -32,9 +33,11 @@ struct ErrorRecord {
 // were copied.
 size_t CopyText(WCHAR* target, size_t capacity, const WCHAR* source);
 
-// Appends the record's line, with its line feed, as UTF-8. Control characters, and characters that
-// change the direction or the line of what follows, are escaped; ill-formed UTF-16 becomes U+FFFD.
-void AppendRecordLine(const ErrorRecord& record, std::string& out);
+// Append a record's line in two parts, as UTF-8 and without a line feed: when, what kind, which
+// thread and where; and the text. Control characters, and characters that change the direction or
+// the line of what follows, are escaped; ill-formed UTF-16 becomes U+FFFD.
+void AppendRecordStart(const ErrorRecord& record, std::string& out);
+void AppendRecordText(const ErrorRecord& record, std::string& out);
 
-// Appends the line that tells that records were dropped at the given local time.
+// Appends the whole line that tells that records were dropped at the given local time.
 void AppendDroppedLine(const SYSTEMTIME& time, uint64_t dropped, std::string& out);

@@ -4,6 +4,7 @@
 #include <stdlib.h>
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <cstdlib>
 #include <filesystem>
@@ -124,9 +125,21 @@ BOOL WriteMessage(DWORD level, const WCHAR* text) {
     return ErrorLogWriteExW(0, &kTime, 7, level, TEXT(""), -1, 0, text, 0);
 }
 
-void WriteInPieces(const WString& text) {
+// A time that no other message of this process has: pieces of one message share theirs.
+SYSTEMTIME NewTime() {
+    static std::atomic<unsigned> last{0};
+    SYSTEMTIME time = kTime;
+    time.wYear = static_cast<WORD>(3000 + ++last);
+    return time;
+}
+
+void WriteInPieces(const WString& text, const SYSTEMTIME& time) {
     for (size_t i = 0; i < text.size(); i += 127)
-        EXPECT_TRUE(WriteMessage(kErrorLogLevelMessage, text.substr(i, 127).c_str()));
+        EXPECT_TRUE(ErrorLogWriteExW(0, &time, 7, kErrorLogLevelMessage, TEXT(""), -1, 0,
+                                     text.substr(i, 127).c_str(), 0));
+}
+void WriteInPieces(const WString& text) {
+    WriteInPieces(text, NewTime());
 }
 
 // The text of every line: what follows the thread.
@@ -230,30 +243,67 @@ TEST(ErrorLogText, IllFormedUtf16BecomesReplacementCharacters) {
               "c\xEF\xBF\xBD");
 }
 
-TEST(ErrorLogPieces, ContinuationsAreMarked) {
+TEST(ErrorLogPieces, BecomeOneLine) {
     CCapture capture;
     WriteInPieces(WString(127, u'a') + WString(127, u'b') + WString(46, u'c'));
     WriteMessage(kErrorLogLevelMessage, TEXT("next"));
     EXPECT_EQ(TextsOf(capture),
-              (std::vector<std::string>{std::string(127, 'a'), "... " + std::string(127, 'b'),
-                                        "... " + std::string(46, 'c'), "next"}));
+              (std::vector<std::string>{
+                  std::string(127, 'a') + std::string(127, 'b') + std::string(46, 'c'), "next"}));
 }
 
-TEST(ErrorLogPieces, ScopeRecordEndsAMessage) {
+TEST(ErrorLogPieces, MessageOfFullPiecesIsNotHeldBack) {
     CCapture capture;
-    WriteInPieces(WString(127, u'a'));
-    ErrorLogWriteEntryPointW(1, &kTime, TEXT("f"));
-    WriteInPieces(WString(3, u'b'));
-    EXPECT_EQ(TextsOf(capture),
-              (std::vector<std::string>{std::string(127, 'a'), "0x00000001 in f", "bbb"}));
+    WriteInPieces(WString(254, u'a'));
+    EXPECT_EQ(TextsOf(capture), (std::vector<std::string>{std::string(254, 'a')}));
+}
+
+TEST(ErrorLogPieces, AnotherRecordEndsTheMessage) {
+    CCapture capture;
+    const SYSTEMTIME time = NewTime();
+    WriteInPieces(WString(127, u'a'), time);
+    ErrorLogWriteEntryPointW(1, &time, TEXT("f"));
+    WriteInPieces(WString(127, u'b'), time);
+    ErrorLogWriteExW(0, &time, 7, kErrorLogLevelWarning, TEXT(""), -1, 0, TEXT("another level"), 0);
+    EXPECT_EQ(TextsOf(capture), (std::vector<std::string>{std::string(127, 'a'), "0x00000001 in f",
+                                                          std::string(127, 'b'), "another level"}));
+}
+
+TEST(ErrorLogPieces, OfTwoThreadsDoNotMix) {
+    CCapture capture;
+    capture.Hold();
+    WriteMessage(kErrorLogLevelMessage, TEXT("first"));
+    capture.WaitUntilHeld();
+    const SYSTEMTIME time = NewTime();
+    WriteInPieces(WString(127, u'a'), time);
+    std::thread([] { WriteInPieces(WString(127, u'x') + WString(5, u'y')); }).join();
+    WriteInPieces(WString(5, u'b'), time);
+    capture.Release();
+    EXPECT_EQ(TextsOf(capture), (std::vector<std::string>{"first", std::string(127, 'x') + "yyyyy",
+                                                          std::string(127, 'a') + "bbbbb"}));
+}
+
+TEST(ErrorLogPieces, RestOfADroppedPieceIsMarked) {
+    CCapture capture;
+    capture.Hold();
+    WriteMessage(kErrorLogLevelMessage, TEXT("first"));
+    capture.WaitUntilHeld();
+    WriteInPieces(WString(127, u'a') + WString(5, u'b'));
+    for (size_t i = 0; i + 1 < kErrorLogQueueRecords; ++i)
+        WriteMessage(kErrorLogLevelMessage, TEXT("x"));
+    capture.Release();
+    const std::vector<std::string> texts = TextsOf(capture);
+    ASSERT_EQ(texts.size(), 2 + kErrorLogQueueRecords);
+    EXPECT_EQ(texts[1],
+              "error log: 1 older record was dropped, the log could not be written as fast");
+    EXPECT_EQ(texts[2], "... bbbbb");
 }
 
 TEST(ErrorLogPieces, PairSplitByTheCutIsWholeAgain) {
     CCapture capture;
     WriteInPieces(WString(126, u'a') + TEXT("\U0001F3AC") + WString(4, u'b'));
-    EXPECT_EQ(TextsOf(capture), (std::vector<std::string>{std::string(126, 'a'),
-                                                          "... \xF0\x9F\x8E\xAC"
-                                                          "bbbb"}));
+    EXPECT_EQ(TextsOf(capture), (std::vector<std::string>{std::string(126, 'a') + "\xF0\x9F\x8E\xAC"
+                                                                                  "bbbb"}));
 }
 
 TEST(ErrorLogQueue, FullQueueDropsTheOldestAndSaysHowMany) {
