@@ -61,3 +61,9 @@ void operator delete[](void* block) noexcept {
 void operator delete[](void* block, size_t) noexcept {
     std::free(block);
 }
+void operator delete(void* block, const std::nothrow_t&) noexcept {
+    std::free(block);
+}
+void operator delete[](void* block, const std::nothrow_t&) noexcept {
+    std::free(block);
+}
