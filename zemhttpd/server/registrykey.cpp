@@ -28,7 +28,7 @@ bool CRegistryKey::ReadString(const WCHAR* name, WCHAR* text, DWORD& length_unit
         ERROR_SUCCESS)
         return false;
     if (type != REG_SZ && type != REG_EXPAND_SZ) return false;
-    const DWORD units = size / sizeof(WCHAR);
+    const DWORD units = size / DWORD{sizeof(WCHAR)};
     if (size % sizeof(WCHAR) != 0 || (units > 0 && read[units - 1] != 0)) return false;
     std::copy_n(read, units, text);
     if (units == 0) text[0] = 0;
