@@ -20,7 +20,7 @@ class CText {
 public:
     explicit CText(char* to) : m_to(to) {}
     CText& operator<<(std::string_view text) {
-        memcpy(m_to, text.data(), text.size());
+        if (!text.empty()) memcpy(m_to, text.data(), text.size());
         m_to += text.size();
         return *this;
     }

@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -65,7 +66,9 @@ std::string Narrow(PCWSTR text, size_t bytes) {
 CServer::CServer(int receives, ULONG size) {
     ListenOnLoopback();
     EXPECT_EQ(HttpInitialize(HTTPAPI_VERSION_1, HTTP_INITIALIZE_SERVER, nullptr), NO_ERROR);
-    EXPECT_EQ(HttpCreateHttpHandle(&m_queue, 0), NO_ERROR);
+    HANDLE queue = nullptr;
+    EXPECT_EQ(HttpCreateHttpHandle(&queue, 0), NO_ERROR);
+    m_queue = queue;
     m_port = CreateIoCompletionPort(m_queue, nullptr, kKey, 4);
     EXPECT_NE(m_port, nullptr);
     EXPECT_EQ(HttpAddUrl(m_queue, Prefix(0, "/zem/").c_str(), nullptr), NO_ERROR);
@@ -197,6 +200,8 @@ CClient::CClient(uint16_t port, int receive_buffer_bytes) {
     const timeval patience{kPatience_ms / 1000, 0};
     setsockopt(m_socket, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     setsockopt(m_socket, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+    const int on = 1;
+    setsockopt(m_socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     if (receive_buffer_bytes > 0)
         setsockopt(m_socket, SOL_SOCKET, SO_RCVBUF, &receive_buffer_bytes,
                    sizeof receive_buffer_bytes);

@@ -3,6 +3,7 @@
 // time.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
@@ -63,7 +64,7 @@ public:
     void CloseQueue();
 
 private:
-    HANDLE m_queue = nullptr;
+    std::atomic<HANDLE> m_queue{nullptr};  // a test may close it under its workers
     HANDLE m_port = nullptr;
     uint16_t m_tcp_port = 0;
     std::vector<std::unique_ptr<CBlock>> m_blocks;
