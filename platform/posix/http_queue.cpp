@@ -2,6 +2,7 @@
 #include "platform/posix/http_queue.h"
 
 #include <cstring>
+#include <deque>
 #include <new>
 
 #include "platform/posix/http_background.h"
@@ -9,6 +10,17 @@
 #include "platform/posix/http_tuning.h"
 
 namespace posix {
+namespace {
+
+// A mark for each queue there ever was: a byte that can be read when the queue may be gone.
+std::atomic<bool>* NewMark() {
+    static auto* lock = new std::mutex();
+    static auto* marks = new std::deque<std::atomic<bool>>();
+    const std::lock_guard guard(*lock);
+    return &marks->emplace_back(false);
+}
+
+}  // namespace
 
 CRequestQueue* CRequestQueue::Create() {
     auto* queue = new (std::nothrow) CRequestQueue();
@@ -17,13 +29,12 @@ CRequestQueue* CRequestQueue::Create() {
         // A queue that is never bound waits on a port of its own, for synchronous receives.
         queue->m_port = CRef<CCompletionPort>::Adopt(port);
         port->SetTick(&CHttpConnection::Sweep);
-        queue->m_closing = new (std::nothrow) std::atomic<bool>(false);
         try {
             queue->SetRoutes({});
+            queue->m_closing = NewMark();
+            return queue;
         } catch (const std::bad_alloc&) {
-            queue->m_closing = nullptr;
         }
-        if (queue->m_closing) return queue;
     }
     const DWORD error = queue && !port ? GetLastError() : ERROR_NOT_ENOUGH_MEMORY;
     if (queue) queue->Release();
