@@ -54,6 +54,7 @@ class RoundTrip(unittest.TestCase):
     def setUp(self):
         self.server = Server(PROGRAMS.zemhost)
         self.addCleanup(self.server.remove)
+        self.addCleanup(lambda: self.assertEqual(self.server.stop(), 0))
         os.mkdir(os.path.join(self.server.volume, 'media'))
 
     def zem(self, *arguments, code=0):
