@@ -8,7 +8,7 @@ namespace {
 
 struct Table {
     std::mutex lock;
-    std::condition_variable loaded;
+    std::condition_variable changed;
     std::map<FileIdentity, CMediaFile*> files;
 };
 
@@ -22,6 +22,7 @@ void Forget(CMediaFile& file) {
     std::lock_guard hold(table.lock);
     const auto found = table.files.find(file.Identity());
     if (found != table.files.end() && found->second == &file) table.files.erase(found);
+    table.changed.notify_all();
 }
 
 }  // namespace
@@ -41,7 +42,7 @@ HRESULT ShareMediaFile(std::unique_ptr<IStoreFile> file, const std::shared_ptr<I
                 shared = found->second;
                 return S_OK;
             }
-            table.loaded.wait(hold);
+            table.changed.wait(hold);
         }
         table.files[identity] = nullptr;
     }
@@ -60,7 +61,7 @@ HRESULT ShareMediaFile(std::unique_ptr<IStoreFile> file, const std::shared_ptr<I
             table.files.erase(identity);
         }
     }
-    table.loaded.notify_all();
+    table.changed.notify_all();
     if (FAILED(hr)) {
         loading->Release();
         return hr;
@@ -69,10 +70,10 @@ HRESULT ShareMediaFile(std::unique_ptr<IStoreFile> file, const std::shared_ptr<I
     return S_OK;
 }
 
-size_t SharedMediaFiles() {
+void AwaitNoMediaFiles() {
     Table& table = TheTable();
-    std::lock_guard hold(table.lock);
-    return table.files.size();
+    std::unique_lock hold(table.lock);
+    table.changed.wait(hold, [&] { return table.files.empty(); });
 }
 
 }  // namespace zemstore

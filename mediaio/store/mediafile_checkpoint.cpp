@@ -20,10 +20,13 @@ HRESULT CMediaFile::WaitForCheckpoint(Wanted wanted) {
     const auto resting = [&] { return m_phase == Phase::kIdle || m_phase == Phase::kPunch; };
     m_changed.wait(hold, [&] { return m_finished == m_appended && !m_batchRunning && resting(); });
     if (FAILED(m_failure)) return m_failure;
-    // With nothing behind the newest root there is nothing to say.
     const bool nothingNew =
         m_logEnd == m_logStart && m_tailRecords == 0 && m_index.ChangedNodes() == 0;
-    if (nothingNew && (wanted != Wanted::kCompaction || m_scattered < 64)) return S_OK;
+    if (nothingNew && (wanted != Wanted::kCompaction || m_scattered < 64)) {
+        // The newest root says everything; it may be a killed process's and not on the device yet.
+        hold.unlock();
+        return SyncNow();
+    }
     m_changed.wait(hold, [&] { return m_phase == Phase::kIdle; });
     m_checkpointResult = S_OK;
     m_wanted = wanted;

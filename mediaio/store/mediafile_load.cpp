@@ -188,8 +188,8 @@ HRESULT CMediaFile::Load() {
         hr = LoadIndex(roots[which]);
         if (SUCCEEDED(hr)) hr = ScanTail(m_logStart, size);
         if (SUCCEEDED(hr)) {
-            // Generations never repeat, not even after falling back.
-            m_generation = std::max(m_generation, roots[newest].generation);
+            // After falling back the next root replaces the bad one, not the one that was good.
+            if (which != newest) m_generation = roots[newest].generation + 1;
             return S_OK;
         }
         if (hr != HRESULT_FROM_WIN32(ERROR_INVALID_DATA)) return hr;

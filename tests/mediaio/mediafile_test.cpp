@@ -1,0 +1,221 @@
+// One media file: frames, versions, index, space, settings.
+#include "simfile.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+namespace {
+
+using namespace simfile;
+using namespace zemstore;
+
+class MediaFile : public testing::Test {
+protected:
+    void SetUp() override { FormatVideo(m_device); }
+    Device m_device;
+};
+
+TEST_F(MediaFile, StartsEmpty) {
+    Opened file(m_device);
+    ASSERT_EQ(file.hr, S_OK);
+    EXPECT_EQ(file->FrameCount(), 0u);
+    std::vector<uint8_t> bytes;
+    EXPECT_EQ(ReadFrame(*file.file, 0, bytes), HRESULT_FROM_WIN32(ERROR_END_OF_MEDIA));
+    EXPECT_EQ(m_device.content.size(), kLogOffset);
+}
+
+TEST_F(MediaFile, AnyPositionInAnyOrderWithHoles) {
+    Opened file(m_device);
+    ASSERT_EQ(file->BeginWriting(), S_OK);
+    for (uint32_t position : {7u, 3u, 100000u, 3u, 0u})
+        ASSERT_EQ(WriteFrame(*file.file, position, FrameBytes(position, 1, 5000)), S_OK);
+    EXPECT_EQ(file->FrameCount(), 100001u);
+    std::vector<uint8_t> bytes;
+    EXPECT_EQ(ReadFrame(*file.file, 100000, bytes), S_OK);
+    EXPECT_EQ(bytes, FrameBytes(100000, 1, 5000));
+    EXPECT_EQ(ReadFrame(*file.file, 5, bytes), kErrorFrameHole);
+    EXPECT_EQ(ReadFrame(*file.file, 50000, bytes), kErrorFrameHole);
+    EXPECT_EQ(ReadFrame(*file.file, 100001, bytes), HRESULT_FROM_WIN32(ERROR_END_OF_MEDIA));
+    EXPECT_EQ(file->EndWriting(), S_OK);
+    Opened again(m_device);
+    ASSERT_EQ(again.hr, S_OK);
+    EXPECT_EQ(again->OpenReport().tailRecords, 0u) << "a closed file has no tail";
+    EXPECT_EQ(ReadFrame(*again.file, 100000, bytes), S_OK);
+    EXPECT_EQ(bytes, FrameBytes(100000, 1, 5000));
+    EXPECT_EQ(ReadFrame(*again.file, 50000, bytes), kErrorFrameHole);
+}
+
+TEST_F(MediaFile, FarApartPositions) {
+    Opened file(m_device);
+    ASSERT_EQ(file->BeginWriting(), S_OK);
+    for (uint32_t position : {kLastPosition, 0u, 0x80000000u, 0x07FFFFFFu, 0x08000000u})
+        ASSERT_EQ(WriteFrame(*file.file, position, FrameBytes(position, 9, 64)), S_OK);
+    EXPECT_EQ(file->FrameCount(), kLastPosition + 1);
+    ASSERT_EQ(file->EndWriting(), S_OK);
+    Opened again(m_device);
+    ASSERT_EQ(again.hr, S_OK);
+    std::vector<uint8_t> bytes;
+    for (uint32_t position : {kLastPosition, 0u, 0x80000000u, 0x07FFFFFFu, 0x08000000u}) {
+        ASSERT_EQ(ReadFrame(*again.file, position, bytes), S_OK) << position;
+        EXPECT_EQ(bytes, FrameBytes(position, 9, 64));
+    }
+    EXPECT_LT(m_device.content.size(), size_t{1} << 20);
+}
+
+TEST_F(MediaFile, ADamagedFrameIsNotReturned) {
+    {
+        Opened file(m_device);
+        ASSERT_EQ(file->BeginWriting(), S_OK);
+        for (uint32_t i = 0; i < 3; ++i)
+            ASSERT_EQ(WriteFrame(*file.file, i, FrameBytes(i, 1, 5000)), S_OK);
+        ASSERT_EQ(file->EndWriting(), S_OK);
+    }
+    m_device.content[kLogOffset + SlotSize(5000) + 4999] ^= 1;
+    Opened file(m_device);
+    std::vector<uint8_t> bytes;
+    EXPECT_EQ(ReadFrame(*file.file, 0, bytes), S_OK);
+    EXPECT_EQ(ReadFrame(*file.file, 1, bytes), HRESULT_FROM_WIN32(ERROR_CRC));
+    EXPECT_EQ(ReadFrame(*file.file, 1, bytes), HRESULT_FROM_WIN32(ERROR_CRC)) << "remembered";
+    EXPECT_EQ(ReadFrame(*file.file, 2, bytes), S_OK);
+    ZemFrameDesc desc;
+    file->FrameDesc(1, desc);
+    EXPECT_EQ(desc.flags, kFrameFlagPresent | kFrameFlagCorrupt);
+    // A new version is a new chance.
+    ASSERT_EQ(file->BeginWriting(), S_OK);
+    ASSERT_EQ(WriteFrame(*file.file, 1, FrameBytes(1, 2, 100)), S_OK);
+    EXPECT_EQ(ReadFrame(*file.file, 1, bytes), S_OK);
+    EXPECT_EQ(bytes, FrameBytes(1, 2, 100));
+}
+
+TEST_F(MediaFile, OverwritesGoToNewSpaceAndGiveTheOldBack) {
+    Opened file(m_device);
+    ASSERT_EQ(file->BeginWriting(), S_OK);
+    ASSERT_EQ(WriteFrame(*file.file, 0, FrameBytes(0, 1, 50000)), S_OK);
+    PinnedFrame old{};
+    ASSERT_EQ(file->Pin(0, true, old), S_OK);
+    ASSERT_EQ(WriteFrame(*file.file, 0, FrameBytes(0, 2, 50000)), S_OK);
+    ASSERT_EQ(file->Checkpoint(), S_OK);
+    const auto at = m_device.content.begin() + static_cast<std::ptrdiff_t>(old.slotOffset);
+    const auto oldBytes = FrameBytes(0, 1, 50000);
+    EXPECT_TRUE(std::equal(oldBytes.begin(), oldBytes.end(), at)) << "a reader still has it";
+    file->Unpin(old.epoch);
+    ASSERT_EQ(WriteFrame(*file.file, 1, FrameBytes(1, 1, 10)), S_OK);
+    ASSERT_EQ(file->Checkpoint(), S_OK);
+    const auto dead = m_device.content.begin() + static_cast<std::ptrdiff_t>(old.slotOffset);
+    EXPECT_TRUE(std::all_of(dead, dead + 50000, [](uint8_t b) { return b == 0; }));
+    std::vector<uint8_t> bytes;
+    EXPECT_EQ(ReadFrame(*file.file, 0, bytes), S_OK);
+    EXPECT_EQ(bytes, FrameBytes(0, 2, 50000));
+}
+
+TEST_F(MediaFile, ErasedFramesSaySoAndComeBackWhenWritten) {
+    {
+        Opened file(m_device);
+        ASSERT_EQ(file->BeginWriting(), S_OK);
+        for (uint32_t i = 0; i < 10; ++i)
+            if (i != 4) {
+                ASSERT_EQ(WriteFrame(*file.file, i, FrameBytes(i, 1, 3000)), S_OK);
+            }
+        ASSERT_EQ(file->Erase(3, 6), S_OK);
+        std::vector<uint8_t> bytes;
+        EXPECT_EQ(ReadFrame(*file.file, 2, bytes), S_OK);
+        EXPECT_EQ(ReadFrame(*file.file, 3, bytes), kErrorFrameErased);
+        EXPECT_EQ(ReadFrame(*file.file, 4, bytes), kErrorFrameHole);
+        EXPECT_EQ(ReadFrame(*file.file, 6, bytes), S_OK);
+        EXPECT_EQ(file->FrameCount(), 10u);
+        ASSERT_EQ(WriteFrame(*file.file, 5, FrameBytes(5, 2, 10)), S_OK);
+    }
+    Opened killed(m_device);
+    ASSERT_EQ(killed.hr, S_OK);
+    EXPECT_EQ(killed->OpenReport().tailRecords, 11u);
+    std::vector<uint8_t> bytes;
+    EXPECT_EQ(ReadFrame(*killed.file, 3, bytes), kErrorFrameErased);
+    EXPECT_EQ(ReadFrame(*killed.file, 5, bytes), S_OK);
+    ASSERT_EQ(killed->BeginWriting(), S_OK);
+    ASSERT_EQ(killed->EndWriting(), S_OK);
+    Opened again(m_device);
+    EXPECT_EQ(ReadFrame(*again.file, 3, bytes), kErrorFrameErased);
+    EXPECT_EQ(bytes.size(), 10u);
+}
+
+TEST_F(MediaFile, OneWriterAtATime) {
+    Opened file(m_device);
+    ASSERT_EQ(file->BeginWriting(), S_OK);
+    EXPECT_TRUE(file->HasWriter());
+    EXPECT_EQ(file->BeginWriting(), HRESULT_FROM_WIN32(ERROR_SHARING_VIOLATION));
+    ASSERT_EQ(file->EndWriting(), S_OK);
+    EXPECT_FALSE(file->HasWriter());
+    EXPECT_EQ(file->BeginWriting(), S_OK);
+    EXPECT_EQ(file->EndWriting(), S_OK);
+}
+
+TEST_F(MediaFile, SettingsLast) {
+    {
+        Opened file(m_device);
+        ASSERT_EQ(file->AppendSettings({2, 5, {0, 0, 0, 0x10}, kSettingStriped}), S_OK);
+    }
+    m_device.LosePower(0);
+    {
+        Opened file(m_device);
+        EXPECT_EQ(file->CurrentSettings().firstMark, 2u);
+        EXPECT_EQ(file->EsDescNow().flags, kEsFlagStriped);
+        ASSERT_EQ(file->BeginWriting(), S_OK);
+        ASSERT_EQ(file->EndWriting(), S_OK);
+    }
+    Opened file(m_device);
+    EXPECT_EQ(file->OpenReport().tailRecords, 0u);
+    EXPECT_EQ(file->CurrentSettings().secondMark, 5u);
+    bool drop = true;
+    EXPECT_EQ(file->StartTimecode(drop).hours, 0x10);
+    EXPECT_FALSE(drop);
+}
+
+TEST_F(MediaFile, ManyFramesThroughManyCheckpoints) {
+    {
+        Opened file(m_device);
+        ASSERT_EQ(file->BeginWriting(), S_OK);
+        for (uint32_t i = 0; i < 3000; ++i) {
+            ASSERT_EQ(WriteFrame(*file.file, i, FrameBytes(i, 1, i % 300)), S_OK);
+            if (i % 100 == 99) {
+                ASSERT_EQ(file->Checkpoint(), S_OK);
+            }
+        }
+        for (uint32_t i = 0; i < 3000; i += 7)
+            ASSERT_EQ(WriteFrame(*file.file, i, FrameBytes(i, 2, 40)), S_OK);
+        ASSERT_EQ(file->EndWriting(), S_OK);
+    }
+    Opened file(m_device);
+    ASSERT_EQ(file.hr, S_OK);
+    ASSERT_EQ(file->FrameCount(), 3000u);
+    std::vector<uint8_t> bytes;
+    for (uint32_t i = 0; i < 3000; ++i) {
+        ASSERT_EQ(ReadFrame(*file.file, i, bytes), S_OK);
+        ASSERT_EQ(bytes, i % 7 == 0 ? FrameBytes(i, 2, 40) : FrameBytes(i, 1, i % 300));
+    }
+}
+
+TEST_F(MediaFile, FrameDescriptions) {
+    Opened file(m_device);
+    ASSERT_EQ(file->BeginWriting(), S_OK);
+    ASSERT_EQ(WriteFrame(*file.file, 0, FrameBytes(0, 1, 77)), S_OK);
+    ASSERT_EQ(WriteFrame(*file.file, 26, FrameBytes(26, 1, 0)), S_OK);
+    ZemFrameDesc desc;
+    file->FrameDesc(0, desc);
+    EXPECT_EQ(desc.dataSize, 77u);
+    EXPECT_EQ(desc.flags, kFrameFlagPresent);
+    file->FrameDesc(26, desc);
+    EXPECT_EQ(desc.position, 26u);
+    EXPECT_EQ(desc.flags, kFrameFlagPresent);
+    EXPECT_EQ(desc.timecode.seconds, 1);
+    EXPECT_EQ(desc.timecode.frames, 1);
+    EXPECT_EQ(desc.presentationTimeLow, 10400000u);
+    file->FrameDesc(5, desc);
+    EXPECT_EQ(desc.flags, 0u);
+    EXPECT_EQ(desc.position, 5u);
+    file->FrameDesc(27, desc);
+    const ZemFrameDesc none{};
+    EXPECT_EQ(memcmp(&desc, &none, sizeof desc), 0);
+}
+
+}  // namespace
