@@ -98,10 +98,10 @@ TEST_F(Exported, FramePoolThatCannotBeAllocatedIsLoggedAtTheCatchOfCreate) {
 }
 
 TEST_F(Exported, SeveralServersMayRunInOneProcess) {
+    system.errors["HttpAddUrl http://*:8080/zem/"] = ERROR_ALREADY_EXISTS;
     CHttpCommandHandler* first = nullptr;
     ASSERT_EQ(CreateZemHttpSvr(&first), S_OK);
     const CRegistryValue port(kTestZemKey, TEXT("HttpPort"), 8080u);
-    system.errors["HttpAddUrl http://*:8080/zem/"] = ERROR_ALREADY_EXISTS;
     CHttpCommandHandler* second = kStale;
     EXPECT_NE(CreateZemHttpSvr(&second), S_OK);
     EXPECT_EQ(second, nullptr);

@@ -18,7 +18,9 @@
 
 #include "platform/platform.h"
 
-class CEntryPoint;
+#pragma GCC visibility push(default)
+class CEntryPoint;  // here, because a type's first declaration decides what is exported of it
+#pragma GCC visibility pop
 
 // Formats the message once, logs it through the scope and throws the scope's result (the chain id)
 // as an HRESULT.
