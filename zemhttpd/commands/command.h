@@ -1,4 +1,5 @@
-// One command on its way through dispatch and handler: what every On_CMD_X is given. Lives on the worker's stack.
+// One command on its way through dispatch and handler: what every On_CMD_X is given. Lives on the
+// worker's stack.
 #pragma once
 
 #include "platform/platform.h"
@@ -7,20 +8,21 @@
 
 class CHttpXaction;
 
-inline constexpr DWORD kZemHeader_bytes = 12;       // ZemRequestHdr and ZemReplyHdr
-inline constexpr DWORD kNoTransId = 0xFFFFFFFFu;    // the request header was not read yet
-inline constexpr int kNameUnits = 260;              // UTF-16 units of a name field, a client ID, a path
+inline constexpr DWORD kZemHeader_bytes = 12;     // ZemRequestHdr and ZemReplyHdr
+inline constexpr DWORD kNoTransId = 0xFFFFFFFFu;  // the request header was not read yet
+inline constexpr int kNameUnits = 260;  // UTF-16 units of a name field, a client ID, a path
 
 struct ZemCommand {
-    const WCHAR* clientId;       // NUL-terminated, at most 259 units
+    const WCHAR* clientId;  // NUL-terminated, at most 259 units
     DWORD transId;
     DWORD code;
-    BYTE* body;                  // behind the request header, inside the block's receive buffer
-    size_t bodyRoom_bytes;       // from `body` to the end of that buffer; what was not received there is zero
-    ULONGLONG received_bytes;    // of header and body, in memory
-    DWORD expected_bytes;        // data size + 12, in 32-bit arithmetic
-    const BYTE* frameData;       // CMD_WRITE_FRAME: payload bytes that came with the request, or null
+    BYTE* body;             // behind the request header, inside the block's receive buffer
+    size_t bodyRoom_bytes;  // from `body` to the end of that buffer; what was not received there is
+                            // zero
+    ULONGLONG received_bytes;  // of header and body, in memory
+    DWORD expected_bytes;      // data size + 12, in 32-bit arithmetic
+    const BYTE* frameData;     // CMD_WRITE_FRAME: payload bytes that came with the request, or null
     ULONGLONG frameData_bytes;
-    LONGLONG payload_bytes;      // CMD_WRITE_FRAME: Content-Length less expected_bytes
+    LONGLONG payload_bytes;  // CMD_WRITE_FRAME: Content-Length less expected_bytes
     CHttpXaction* xaction;
 };
