@@ -7,37 +7,40 @@
 
 namespace {
 
-constexpr DWORD kFinalUnits = 4096;
 constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
 bool IsSeparator(WCHAR unit) {
     return unit == TEXT('/') || unit == TEXT('\\');
 }
 
-struct FinalPath {
-    WCHAR text[kFinalUnits];
-    DWORD length = 0;  // without separators at the end; 0: unknown, or the top of the file system
-
-    explicit FinalPath(HANDLE file) {
-        if (file == INVALID_HANDLE_VALUE) return;
-        length = GetFinalPathNameByHandleW(file, text, kFinalUnits, FILE_NAME_NORMALIZED);
-        if (length >= kFinalUnits) length = 0;
-        while (length > 0 && IsSeparator(text[length - 1]))
-            --length;
-    }
-    bool Contains(const FinalPath& other) const {
-        return length > 0 && other.length >= length &&
-               std::memcmp(text, other.text, length * sizeof(WCHAR)) == 0 &&
-               (other.length == length || IsSeparator(other.text[length]));
-    }
-};
-
 HANDLE OpenFolder(const WCHAR* name) {
     return CreateFileW(name, GENERIC_READ, kShareAll, nullptr, OPEN_EXISTING,
                        FILE_FLAG_BACKUP_SEMANTICS, nullptr);
 }
 
+// A volume root that is only separators would be the machine's own.
+HANDLE OpenRoot(const WCHAR* volumeRoot) {
+    for (const WCHAR* unit = volumeRoot; *unit; ++unit) {
+        if (!IsSeparator(*unit)) return OpenFolder(volumeRoot);
+    }
+    return INVALID_HANDLE_VALUE;
+}
+
 }  // namespace
+
+FinalPath::FinalPath(HANDLE file) {
+    if (file == INVALID_HANDLE_VALUE) return;
+    length = GetFinalPathNameByHandleW(file, text, kUnits, FILE_NAME_NORMALIZED);
+    if (length >= kUnits) length = 0;
+    while (length > 0 && IsSeparator(text[length - 1]))
+        --length;
+}
+
+bool FinalPath::Contains(const FinalPath& other) const {
+    return length > 0 && other.length >= length &&
+           std::memcmp(text, other.text, length * sizeof(WCHAR)) == 0 &&
+           (other.length == length || IsSeparator(other.text[length]));
+}
 
 UrlText::UrlText(const WCHAR* start, USHORT length_bytes) {
     if (!start) return;
@@ -48,21 +51,14 @@ UrlText::UrlText(const WCHAR* start, USHORT length_bytes) {
 }
 
 CVolumePath::CVolumePath(const WCHAR* volumeRoot, const WCHAR* separator, const UrlText& path)
-    : m_volumeRoot(volumeRoot) {
+    : m_root(CFileHandle(OpenRoot(volumeRoot)).Get()) {
     m_cut = _snwprintf_s(m_fullPath, kNameUnits, _TRUNCATE, TEXT("%s%s%s"), volumeRoot, separator,
                          path.text) < 0 ||
             path.cut;
 }
 
-bool CVolumePath::HasRoot() const {
-    for (const WCHAR* unit = m_volumeRoot; *unit; ++unit) {
-        if (!IsSeparator(*unit)) return true;
-    }
-    return false;
-}
-
 bool CVolumePath::IsPlainFile() const {
-    if (!HasRoot() || m_cut) return false;
+    if (m_root.length == 0 || m_cut) return false;
     WCHAR folder[kNameUnits];
     std::memcpy(folder, m_fullPath, sizeof(folder));
     size_t end = wcslen(folder);
@@ -78,6 +74,5 @@ bool CVolumePath::IsPlainFile() const {
 }
 
 bool CVolumePath::Holds(HANDLE file) const {
-    const CFileHandle root(OpenFolder(m_volumeRoot));
-    return FinalPath(root.Get()).Contains(FinalPath(file));
+    return m_root.Contains(FinalPath(file));
 }

@@ -34,6 +34,16 @@ struct UrlText {
     UrlText(const WCHAR* start, USHORT length_bytes);
 };
 
+// Where the system says that an open file or folder is, links and relative parts resolved.
+struct FinalPath {
+    static constexpr DWORD kUnits = 4096;
+    WCHAR text[kUnits];
+    DWORD length = 0;  // without separators at the end; 0: unknown, or the top of the file system
+
+    explicit FinalPath(HANDLE file);
+    bool Contains(const FinalPath& other) const;
+};
+
 class CVolumePath {
 public:
     // `separator` stands between root and path: the two ways of naming a file differ in it.
@@ -48,9 +58,7 @@ public:
     bool Holds(HANDLE file) const;
 
 private:
-    bool HasRoot() const;
-
-    const WCHAR* m_volumeRoot;
+    const FinalPath m_root;
     WCHAR m_fullPath[kNameUnits];
     bool m_cut;
 };
