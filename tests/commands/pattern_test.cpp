@@ -1,6 +1,8 @@
 // What all file commands have in common, run over every one of them: the reply tells of its own
 // building, the log of the operation; traces, stages, and what happens when client, library or
 // reply fail.
+#include <ostream>
+
 #include "tests/commands/commandtest.h"
 
 namespace {
@@ -21,6 +23,11 @@ struct Row {
     bool countsFailure = false;
     bool replyFirst = false;  // the reply is built before the library is called
 };
+
+// For the names of the tests.
+void PrintTo(const Row& row, std::ostream* out) {
+    *out << row.name;
+}
 
 constexpr ULONGLONG kToken = 0xABCDEF0112345678ull;
 const std::vector<DWORD> kPlain = {0, 3, 5, 6, 8};
