@@ -68,11 +68,14 @@ TEST_F(Exported, PositiveResultNeitherHandsOutNorFrees) {
     log.chainId = [](HRESULT) { return 5u; };
     system.errors["HttpInitialize"] = ERROR_ACCESS_DENIED;
     CHttpCommandHandler* server = kStale;
-    const uint64_t before = AllocationsOfThisThread();
+    WatchNothrowAllocation(sizeof(CHttpCommandHandler));
     EXPECT_EQ(CreateZemHttpSvr(&server), 5);
-    EXPECT_GT(AllocationsOfThisThread(), before);
     EXPECT_EQ(server, nullptr);
-    EXPECT_FALSE(system.Happened("HttpTerminate")) << "the object is left alone";
+    auto* const left = static_cast<CHttpCommandHandler*>(WatchedAllocation());
+    ASSERT_NE(left, nullptr);
+    WString url;
+    EXPECT_EQ(left->GetBaseUrl(TEXT("zem"), url), S_OK) << "the object is left alone";
+    delete left;
 }
 
 TEST_F(Exported, ServerObjectThatCannotBeAllocatedIsOutOfMemory) {

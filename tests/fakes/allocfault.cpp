@@ -10,6 +10,8 @@ constexpr size_t kNone = static_cast<size_t>(-1);
 thread_local size_t t_failFrom = kNone;
 thread_local bool t_failed = false;
 thread_local uint64_t t_allocations = 0;
+thread_local size_t t_watchedSize = kNone;
+thread_local void* t_watched = nullptr;
 
 void* Allocate(size_t bytes) {
     ++t_allocations;
@@ -32,6 +34,13 @@ bool NothrowAllocationFailed() {
     t_failFrom = kNone;
     return t_failed;
 }
+void WatchNothrowAllocation(size_t size) {
+    t_watchedSize = size;
+    t_watched = nullptr;
+}
+void* WatchedAllocation() {
+    return t_watched;
+}
 uint64_t AllocationsOfThisThread() {
     return t_allocations;
 }
@@ -44,7 +53,13 @@ void* operator new[](size_t bytes) {
     return operator new(bytes);
 }
 void* operator new(size_t bytes, const std::nothrow_t&) noexcept {
-    return FailsNow(bytes) ? nullptr : Allocate(bytes);
+    if (FailsNow(bytes)) return nullptr;
+    void* const block = Allocate(bytes);
+    if (bytes == t_watchedSize) {
+        t_watched = block;
+        t_watchedSize = kNone;
+    }
+    return block;
 }
 void* operator new[](size_t bytes, const std::nothrow_t& tag) noexcept {
     return operator new(bytes, tag);
