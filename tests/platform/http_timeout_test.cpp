@@ -203,7 +203,8 @@ TEST(Timeout, ClientThatTakesLessThanTheLeastRate) {
     CloseHandle(file);
     server.Settle();
     char piece[1000];
-    for (int i = 0; i < 200; ++i) ASSERT_GT(recv(client.Socket(), piece, sizeof piece, 0), 0);
+    for (int i = 0; i < 200; ++i)
+        ASSERT_GT(recv(client.Socket(), piece, sizeof piece, 0), 0);
     HttpTuneAdvanceClock(20001);
     EXPECT_EQ(HttpTuneConnections(), 1u);
     server.Settle();
