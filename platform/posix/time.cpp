@@ -87,7 +87,8 @@ int64_t ZoneOffsetSeconds(time_t utc) {
 extern "C" {
 
 ULONGLONG GetTickCount64() {
-    const timespec now = Now(CLOCK_BOOTTIME);
+    // Read several times for every request: the coarse clock costs a tenth of the exact one.
+    const timespec now = Now(CLOCK_MONOTONIC_COARSE);
     return static_cast<ULONGLONG>(now.tv_sec) * 1000 +
            static_cast<ULONGLONG>(now.tv_nsec) / 1'000'000;
 }

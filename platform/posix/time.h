@@ -9,7 +9,9 @@
 #pragma GCC visibility push(default)
 extern "C" {
 
-// Milliseconds since the system started, sleep included; the 32-bit form wraps after 49.7 days.
+// Milliseconds since the system started, in steps of the kernel's tick (at most 10 ms; Windows
+// steps by 10 to 16). Unlike there, a machine's sleep is not counted. The 32-bit form wraps after
+// 49.7 days.
 DWORD GetTickCount();
 ULONGLONG GetTickCount64();
 

@@ -30,10 +30,10 @@ TEST(Ticks, PerformanceCounterRunsWithThem) {
     EXPECT_GT(frequency.QuadPart, 0);
     const ULONGLONG start = GetTickCount64();
     ASSERT_TRUE(QueryPerformanceCounter(&first));
-    while (GetTickCount64() - start < 5) {
+    while (GetTickCount64() - start < 40) {  // ticks come in steps of up to 16 ms
     }
     ASSERT_TRUE(QueryPerformanceCounter(&second));
-    EXPECT_GE((second.QuadPart - first.QuadPart) * 1000 / frequency.QuadPart, 3);
+    EXPECT_GE((second.QuadPart - first.QuadPart) * 1000 / frequency.QuadPart, 20);
 }
 
 TEST(Calendar, KnownMoments) {
