@@ -140,7 +140,10 @@ bool CHttpConnection::Claim(uint32_t events) {
     for (;;) {
         if (owner == kFree || owner == kOwnedEvent) return false;
         const uint32_t next = owner == kIdle ? kOwned : kOwnedEvent;
-        if (m_owner.compare_exchange_weak(owner, next)) return next == kOwned;
+        if (!m_owner.compare_exchange_weak(owner, next)) continue;
+        if (next != kOwned) return false;
+        m_drained = false;
+        return true;
     }
 }
 
@@ -161,7 +164,6 @@ bool CHttpConnection::Release() {
 // Gives the connection back when there is nothing more to read.
 CHttpConnection::EStep CHttpConnection::Rest() {
     if (!m_drained) return EStep::Again;
-    m_drained = false;
     return Release() ? EStep::Gone : EStep::Again;
 }
 
@@ -170,7 +172,6 @@ bool CHttpConnection::Dying() const {
 }
 
 bool CHttpConnection::Run(CPacket& packet) {
-    m_drained = false;
     for (;;) {
         if (m_queue->Closing()) {
             Dispose();

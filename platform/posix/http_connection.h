@@ -159,7 +159,7 @@ private:
     CRequestQueue* m_queue = nullptr;
     EPhase m_phase = EPhase::Reading;
     bool m_unparsed = false;   // the raw bytes were not looked at since the last request
-    bool m_drained = false;    // the last read emptied the socket
+    bool m_drained = false;    // the last read emptied the socket, and no event came since
     bool m_close = false;      // after this response
     bool m_head_only = false;  // the request is a HEAD
     bool m_broken = false;     // the connection failed in mid-body

@@ -153,7 +153,9 @@ CHttpConnection::EStep CHttpConnection::NextRequest() {
     }
     m_buffer.Free();
     m_raw_begin = m_raw_end = 0;
-    if (m_hangup.load()) return EStep::Again;
+    // Who read no further than the body may have left the next request in the socket, and its event
+    // is long gone.
+    if (m_hangup.load() || !m_drained) return EStep::Again;
     return Release() ? EStep::Gone : EStep::Again;
 }
 

@@ -160,6 +160,24 @@ TEST(Receive, MoreBodyThanRoomFillsTheBufferAndTheRestIsRead) {
     EXPECT_EQ(client.Read().body, "done");
 }
 
+TEST(Receive, NextRequestMayLieRightBehindABodyThatIsReadExactly) {
+    CServer server;
+    CClient client(server.TcpPort());
+    const std::string sent(20000, 'e');
+    client.Send(PostHead(sent.size()) + sent + Get("/zem/next"));
+    CBlock* block = server.Take();
+    ASSERT_NE(block, nullptr);
+    std::string body = block->Body();
+    while (body.size() < sent.size())
+        ASSERT_EQ(server.ReadBody(block->Id(), body, static_cast<ULONG>(sent.size() - body.size())),
+                  NO_ERROR);
+    server.Reply(block->Id(), "");
+    block = server.Take();
+    ASSERT_NE(block, nullptr);
+    EXPECT_STREQ(block->Request()->pRawUrl, "/zem/next");
+    server.Reply(block->Id(), "");
+}
+
 TEST(Receive, FillFlagWaitsForTheWholeBuffer) {
     CServer server;
     CClient client(server.TcpPort());
