@@ -16,7 +16,6 @@ using namespace zemstore;
 namespace {
 
 constexpr DWORD kOpenFlags = kFileRead | kFileWrite | kFileShare;
-constexpr DWORD kStripeDropFrame = 0x1;
 
 // A file opened for the time of one call, by name.
 class CBriefStream {

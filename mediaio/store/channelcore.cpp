@@ -360,6 +360,10 @@ void CChannelCore::WriteJob::Finish() {
         if (files[i] != nullptr) {
             entry.status = items[i].result;
             files[i]->Release();
+            if (FAILED(entry.status))
+                LogStore(kErrorLogLevelError, entry.status, kSource,
+                         "the device did not take the frame at position " +
+                             std::to_string(entry.position));
         }
         if (IsSpecialToken(entry.token)) continue;
         for (int32_t k = 0; k < entry.bufferCount; ++k)
@@ -367,8 +371,6 @@ void CChannelCore::WriteJob::Finish() {
     }
     core->ReleaseRun(*desc);
     desc->status = FirstFailure(streams);
-    if (FAILED(desc->status))
-        LogStore(kErrorLogLevelError, desc->status, kSource, "a frame was not written");
 }
 
 void CChannelCore::WriteJob::OnItem(WriteItem& item) {
@@ -414,7 +416,7 @@ HRESULT CChannelCore::PrepareWrite(CIoState& io, ElemStrmEntry& entry, char*& cu
     item.kind = RecordKind::kFrame;
     item.realTime = io.realTime.load();
     item.position = entry.position;
-    item.flags = entry.streamFlags & kFrameFlagKey;
+    item.flags = (entry.streamFlags & kStreamFlagKeyFrame) != 0 ? kFrameFlagKey : 0;
     file = stream->file;
     file->AddRef();
     // The token's user is counted until the record is queued: closing then waits for the record.

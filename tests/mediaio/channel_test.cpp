@@ -7,6 +7,12 @@
 #include <random>
 #include <thread>
 
+// One test makes a second process and uses threads in it; no thread of the first one is running.
+extern "C" __attribute__((visibility("default"))) const char* __tsan_default_options();
+extern "C" const char* __tsan_default_options() {
+    return "die_after_fork=0";
+}
+
 namespace {
 
 using namespace mediatest;

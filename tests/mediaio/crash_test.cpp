@@ -187,9 +187,15 @@ uint32_t FromEnvironment(const char* name, uint32_t otherwise) {
     return value == nullptr ? otherwise : static_cast<uint32_t>(strtoul(value, nullptr, 10));
 }
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr uint32_t kSeeds = 200;
+#else
+constexpr uint32_t kSeeds = 3000;
+#endif
+
 TEST(Crash, EveryFlushedFrameSurvivesAndNoneIsTorn) {
     const uint32_t first = FromEnvironment("ZEM_CRASH_FIRST", std::random_device{}() >> 1);
-    const uint32_t count = FromEnvironment("ZEM_CRASH_SEEDS", 3000);
+    const uint32_t count = FromEnvironment("ZEM_CRASH_SEEDS", kSeeds);
     for (uint32_t i = 0; i < count; ++i) {
         SCOPED_TRACE(testing::Message() << "ZEM_CRASH_FIRST=" << first + i);
         CCrashRun(first + i).Run();

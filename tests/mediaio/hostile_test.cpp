@@ -97,7 +97,7 @@ TEST(Hostile, AnyBytesAnywhere) {
     const unsigned seed = std::random_device{}();
     SCOPED_TRACE(testing::Message() << "seed " << seed);
     CRandom random(seed);
-    for (int round = 0; round < 1500; ++round) {
+    for (int round = 0; round < 500; ++round) {
         Device device = original;
         const uint32_t flips = random() % 6 + 1;
         for (uint32_t i = 0; i < flips; ++i) {
@@ -128,7 +128,7 @@ TEST(Hostile, ForgedNodes) {
     const unsigned seed = std::random_device{}();
     SCOPED_TRACE(testing::Message() << "seed " << seed);
     CRandom random(seed);
-    for (int round = 0; round < 1000; ++round) {
+    for (int round = 0; round < 400; ++round) {
         Device device = original;
         const uint64_t generation0 =
             reinterpret_cast<Root*>(device.content.data() + kRootOffset[0])->generation;
