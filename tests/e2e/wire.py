@@ -197,12 +197,20 @@ def free_port():
 class Server:
     """A zemhost of its own: temporary volume, registry file and log."""
 
-    def __init__(self, program, file_server=False, trace=False, settings=(), environment=None):
+    def __init__(self, program, file_server=False, trace=False, settings=(), environment=None, volume='volume',
+                 user=None):
+        """`volume`: a folder inside the temporary one, made if it is 'volume'; '' for an empty value, None for no
+        key. `user`: the number of the one who runs it."""
         self.program = program
         self.folder = tempfile.mkdtemp(prefix='zem-e2e-')
-        self.volume = os.path.join(self.folder, 'volume')
-        os.mkdir(self.volume)
+        self.volume = os.path.join(self.folder, volume) if volume else volume
+        if volume == 'volume':
+            os.mkdir(self.volume)
         self.log = os.path.join(self.folder, 'log')
+        self.user = user
+        if user is not None:
+            os.chown(self.folder, user, -1)
+            os.chown(self.volume, user, -1)
         self.registry = os.path.join(self.folder, 'zem.reg')
         self.file_server, self.trace, self.settings = file_server, trace, list(settings)
         self.environment = dict(os.environ, **(environment or {}))
@@ -211,14 +219,15 @@ class Server:
         self.start()
 
     def write_registry(self):
-        quoted = self.volume.replace('\\', '\\\\')
+        quoted = (self.volume or '').replace('\\', '\\\\')
         values = ['"HttpPort"=dword:%08x' % self.port, '"HttpFileServer"=dword:%08x' % self.file_server]
         values += self.settings
         text = ['Windows Registry Editor Version 5.00', '',
                 '[HKEY_LOCAL_MACHINE\\Software\\Quorvane Group\\ZEM]', *values, '',
                 '[HKEY_LOCAL_MACHINE\\Software\\WOW6432Node\\Quorvane Group\\ZEM]',
-                '"RsDbg"=dword:%08x' % self.trace, '',
-                '[HKEY_LOCAL_MACHINE\\Software\\Quorvane Group\\RUD\\vfs]', '"0"="%s"' % quoted, '',
+                *([] if self.trace is None else ['"RsDbg"=dword:%08x' % self.trace]), '',
+                *([] if self.volume is None else
+                  ['[HKEY_LOCAL_MACHINE\\Software\\Quorvane Group\\RUD\\vfs]', '"0"="%s"' % quoted, '']),
                 '[HKEY_CLASSES_ROOT\\.txt]', '"Content Type"="text/plain"', '']
         temporary = self.registry + '.new'
         with open(temporary, 'w', encoding='utf-8') as out:
@@ -231,7 +240,7 @@ class Server:
             self.write_registry()
             self.process = subprocess.Popen(
                 [self.program, '--registry', self.registry, '--listen', '127.0.0.1', '--log', self.log],
-                stdout=subprocess.PIPE, stderr=subprocess.STDOUT, env=self.environment)
+                stdout=subprocess.PIPE, stderr=subprocess.STDOUT, env=self.environment, user=self.user)
             line = self.process.stdout.readline().decode()
             if 'ready' in line:
                 self.drain = threading.Thread(target=self.process.stdout.read, daemon=True)
@@ -239,7 +248,9 @@ class Server:
                 return
             rest = self.process.stdout.read().decode()
             self.process.wait()
+            self.process.stdout.close()
             if 'port' not in line + rest:
+                shutil.rmtree(self.folder)
                 raise RuntimeError('zemhost did not start: ' + line + rest)
         raise RuntimeError('no free port')
 
