@@ -1,4 +1,5 @@
 // The dead-client sniffer, with a wait and a clock that the test turns.
+#include "tests/fakes/allocfault.h"
 #include "tests/fakes/serverfixture.h"
 #include "zemhttpd/entry/entrypoint.h"
 
@@ -168,18 +169,58 @@ TEST_F(Sniffer, PurgeLeavesAChannelInUseAlive) {
 }
 
 TEST_F(Sniffer, FindTellsWhetherThereAreAny) {
-    std::list<ZemClient*> dead;
+    CDeadClients dead;
     EXPECT_EQ(server.FindDeadClients(dead), S_FALSE);
     Join();
     EXPECT_EQ(server.FindDeadClients(dead), S_FALSE);
     clock.SetTime(1051);
     EXPECT_EQ(server.FindDeadClients(dead), S_OK);
-    EXPECT_EQ(dead.size(), 1u);
+    EXPECT_EQ(dead.Count(), 1);
     EXPECT_EQ(Clients(), 0u) << "unlinked";
     EXPECT_EQ(media.LiveChannels(), 1) << "not deleted yet";
     EXPECT_EQ(server.PurgeDeadClients(dead), S_OK);
-    EXPECT_TRUE(dead.empty());
+    EXPECT_TRUE(dead.Empty());
     EXPECT_EQ(media.LiveChannels(), 0);
+}
+
+TEST_F(Sniffer, WalkWithoutMemoryLosesNobody) {
+    constexpr int kClients = 60;
+    for (int i = 0; i < kClients; ++i)
+        Join("c" + std::to_string(i));
+    clock.SetTime(1100);
+    log.Reset();
+    CDeadClients dead;
+    FailAllAllocations(true);
+    const HRESULT hr = server.FindDeadClients(dead);
+    FailAllAllocations(false);
+    EXPECT_EQ(hr, S_OK);
+    EXPECT_TRUE(AllocationFailed()) << "the table would have shrunk";
+    EXPECT_TRUE(log.Empty());
+    EXPECT_EQ(Clients(), 0u);
+    EXPECT_EQ(dead.Count(), kClients);
+    EXPECT_EQ(media.LiveChannels(), kClients);
+    server.PurgeDeadClients(dead);
+    EXPECT_EQ(media.LiveChannels(), 0);
+}
+
+TEST_F(Sniffer, DeadListIsFirstInFirstOut) {
+    CDeadClients dead;
+    ZemClient* records[3];
+    for (ZemClient*& record : records) {
+        record = new ZemClient(TEXT(""), nullptr, 0);
+        dead.Append(record);
+    }
+    EXPECT_EQ(dead.Count(), 3);
+    EXPECT_EQ(dead.TakeFirst(), records[0]);
+    EXPECT_EQ(dead.TakeFirst(), records[1]);
+    dead.Append(records[0]);
+    EXPECT_EQ(dead.TakeFirst(), records[2]);
+    EXPECT_EQ(dead.TakeFirst(), records[0]);
+    EXPECT_TRUE(dead.Empty());
+    dead.Append(records[1]);
+    EXPECT_EQ(dead.TakeFirst(), records[1]);
+    for (ZemClient* record : records)
+        record->Release();
 }
 
 TEST_F(Sniffer, DeletionHappensOutsideTheClientLock) {

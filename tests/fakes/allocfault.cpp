@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 namespace {
 
@@ -12,27 +13,56 @@ thread_local bool t_failed = false;
 thread_local uint64_t t_allocations = 0;
 thread_local size_t t_watchedSize = kNone;
 thread_local void* t_watched = nullptr;
+constexpr uint64_t kNever = static_cast<uint64_t>(-1);
+thread_local uint64_t t_failAt = kNever;  // a value of t_allocations
+thread_local size_t t_failFromAnyForm = kNone;
+thread_local bool t_failAll = false;
+thread_local bool t_anyFormFailed = false;
+
+bool FailsInTurn(size_t bytes) {
+    const bool inTurn = t_allocations++ == t_failAt;
+    if (!inTurn && bytes < t_failFromAnyForm && !t_failAll) return false;
+    t_failAt = kNever;
+    t_failFromAnyForm = kNone;
+    return t_anyFormFailed = true;
+}
 
 void* Allocate(size_t bytes) {
-    ++t_allocations;
+    if (!CAllocationFaultPause::Active() && FailsInTurn(bytes)) return nullptr;
     return std::malloc(bytes ? bytes : 1);
 }
 
 bool FailsNow(size_t bytes) {
-    if (bytes < t_failFrom) return false;
+    if (CAllocationFaultPause::Active() || bytes < t_failFrom) return false;
     t_failFrom = kNone;
     return t_failed = true;
 }
 
 }  // namespace
 
+void FailAllocationAfter(uint64_t skipped) {
+    t_failAt = t_allocations + skipped;
+    t_anyFormFailed = false;
+}
+void FailNextAllocation(size_t size) {
+    t_failFromAnyForm = size;
+    t_anyFormFailed = false;
+}
+void FailAllAllocations(bool fail) {
+    t_failAll = fail;
+}
+bool AllocationFailed() {
+    t_failAt = kNever;
+    t_failFromAnyForm = kNone;
+    return std::exchange(t_anyFormFailed, false);
+}
 void FailNextNothrowAllocation(size_t size) {
     t_failFrom = size;
     t_failed = false;
 }
 bool NothrowAllocationFailed() {
     t_failFrom = kNone;
-    return t_failed;
+    return std::exchange(t_failed, false);
 }
 void WatchNothrowAllocation(size_t size) {
     t_watchedSize = size;

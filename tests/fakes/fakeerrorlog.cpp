@@ -1,6 +1,8 @@
 // Keeps every record under one lock.
 #include "tests/fakes/fakeerrorlog.h"
 
+#include "tests/fakes/allocfault.h"
+
 CFakeErrorLog& FakeErrorLog() {
     static CFakeErrorLog log;
     return log;
@@ -97,6 +99,7 @@ std::string Utf8(WStringView text) {
 }
 
 DWORD ErrorLogCreateChainId(HRESULT hr) {
+    const CAllocationFaultPause pause;
     LogRecord record;
     record.kind = LogRecord::CreateChain;
     record.hr = hr;
@@ -106,6 +109,7 @@ DWORD ErrorLogCreateChainId(HRESULT hr) {
 
 BOOL ErrorLogWriteEntryPointW(DWORD chainIdOrResult, const SYSTEMTIME* time,
                               const WCHAR* functionName) {
+    const CAllocationFaultPause pause;
     LogRecord record;
     record.kind = LogRecord::EntryPoint;
     record.chainId = chainIdOrResult;
@@ -118,6 +122,7 @@ BOOL ErrorLogWriteEntryPointW(DWORD chainIdOrResult, const SYSTEMTIME* time,
 BOOL ErrorLogWriteExW(HRESULT hr, const SYSTEMTIME* time, DWORD category, DWORD level,
                       const WCHAR* file, LONG line, DWORD elapsed_ms, const WCHAR* text,
                       DWORD chainId) {
+    const CAllocationFaultPause pause;
     LogRecord record;
     record.kind = LogRecord::Ex;
     record.hr = hr;
@@ -135,6 +140,7 @@ BOOL ErrorLogWriteExW(HRESULT hr, const SYSTEMTIME* time, DWORD category, DWORD 
 
 BOOL ErrorLogWriteOwnerInfoW(LONG id, const SYSTEMTIME* time, const WCHAR* a, const WCHAR* b,
                              const WCHAR* c, const WCHAR* d, LONG e) {
+    const CAllocationFaultPause pause;
     LogRecord record;
     record.kind = LogRecord::OwnerInfo;
     record.id = id;

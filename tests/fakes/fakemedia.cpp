@@ -1,9 +1,12 @@
 // The recording media library. Output arguments are written on success only, as the interface says.
 #include "tests/fakes/fakemedia.h"
 
+#include "tests/fakes/allocfault.h"
+
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <memory>
 
 struct CZemIo::State {
     WString clientId;
@@ -102,6 +105,7 @@ void CFakeMedia::Reset() {
 
 HRESULT CFakeMedia::Record(MediaCall call) {
     if (onCall) onCall(call);
+    const CAllocationFaultPause pause;
     const std::lock_guard lock(m_lock);
     const auto result = results.find(call.op);
     m_calls.push_back(std::move(call));
@@ -351,11 +355,13 @@ HRESULT CZemIo::MoveFileW(const WCHAR* fromName, const WCHAR* toName) {
     return FakeMedia().Record(NameCall("MoveFile", this, fromName, toName, 0, 0));
 }
 
-CZemChannelIo::CZemChannelIo(DWORD channelNumber) : m_channel(new ChannelState) {
-    m_channel->number = channelNumber;
+CZemChannelIo::CZemChannelIo(DWORD channelNumber) : m_channel(nullptr) {
+    auto channel = std::make_unique<ChannelState>();
+    channel->number = channelNumber;
     MediaCall call = Call("CZemChannelIo", static_cast<CZemIo*>(this));
     call.size = channelNumber;
-    FakeMedia().Record(call);
+    FakeMedia().Record(call);  // may throw what the test says
+    m_channel = channel.release();
     FakeMedia().CountLive(1, 0);
 }
 

@@ -1,6 +1,7 @@
 // The wrapped calls; without a CFakeSystem they reach the platform.
 #include "tests/fakes/fakesystem.h"
 
+#include "tests/fakes/allocfault.h"
 #include "tests/fakes/fakeerrorlog.h"
 #include "zemhttpd/server/httpcmdhdlr.h"
 
@@ -19,6 +20,7 @@ extern "C" {
 
 ULONG __real_HttpInitialize(HTTPAPI_VERSION, ULONG, PVOID);
 ULONG __wrap_HttpInitialize(HTTPAPI_VERSION version, ULONG flags, PVOID reserved) {
+    const CAllocationFaultPause pause;
     CFakeSystem* system = g_system;
     if (!system) return __real_HttpInitialize(version, flags, reserved);
     const bool usual = version.HttpApiMajorVersion == 1 && version.HttpApiMinorVersion == 0 &&
@@ -28,6 +30,7 @@ ULONG __wrap_HttpInitialize(HTTPAPI_VERSION version, ULONG flags, PVOID reserved
 
 ULONG __real_HttpTerminate(ULONG, PVOID);
 ULONG __wrap_HttpTerminate(ULONG flags, PVOID reserved) {
+    const CAllocationFaultPause pause;
     CFakeSystem* system = g_system;
     if (!system) return __real_HttpTerminate(flags, reserved);
     return system->Note("HttpTerminate");
@@ -35,6 +38,7 @@ ULONG __wrap_HttpTerminate(ULONG flags, PVOID reserved) {
 
 ULONG __real_HttpCreateHttpHandle(PHANDLE, ULONG);
 ULONG __wrap_HttpCreateHttpHandle(PHANDLE queue, ULONG options) {
+    const CAllocationFaultPause pause;
     CFakeSystem* system = g_system;
     if (!system) return __real_HttpCreateHttpHandle(queue, options);
     const ULONG error = system->Note("HttpCreateHttpHandle");
@@ -44,6 +48,7 @@ ULONG __wrap_HttpCreateHttpHandle(PHANDLE queue, ULONG options) {
 
 ULONG __real_HttpAddUrl(HANDLE, PCWSTR, PVOID);
 ULONG __wrap_HttpAddUrl(HANDLE queue, PCWSTR url, PVOID reserved) {
+    const CAllocationFaultPause pause;
     CFakeSystem* system = g_system;
     if (!system) return __real_HttpAddUrl(queue, url, reserved);
     return system->Note("HttpAddUrl " + Utf8(url));
@@ -51,6 +56,7 @@ ULONG __wrap_HttpAddUrl(HANDLE queue, PCWSTR url, PVOID reserved) {
 
 ULONG __real_HttpRemoveUrl(HANDLE, PCWSTR);
 ULONG __wrap_HttpRemoveUrl(HANDLE queue, PCWSTR url) {
+    const CAllocationFaultPause pause;
     CFakeSystem* system = g_system;
     if (!system) return __real_HttpRemoveUrl(queue, url);
     return system->Note("HttpRemoveUrl " + Utf8(url));
@@ -61,6 +67,7 @@ ULONG __real_HttpReceiveHttpRequest(HANDLE, HTTP_REQUEST_ID, ULONG, PHTTP_REQUES
 ULONG __wrap_HttpReceiveHttpRequest(HANDLE queue, HTTP_REQUEST_ID requestId, ULONG flags,
                                     PHTTP_REQUEST buffer, ULONG size, PULONG received,
                                     LPOVERLAPPED overlapped) {
+    const CAllocationFaultPause pause;
     CFakeSystem* system = g_system;
     if (!system)
         return __real_HttpReceiveHttpRequest(queue, requestId, flags, buffer, size, received,
@@ -78,6 +85,7 @@ HANDLE __real_CreateIoCompletionPort(HANDLE, HANDLE, ULONG_PTR, DWORD);
 HANDLE __wrap_CreateIoCompletionPort(HANDLE file, HANDLE existing, ULONG_PTR key,
                                      DWORD concurrency) {
     CFakeSystem* system = g_system;
+    const CAllocationFaultPause pause;
     if (!system) return __real_CreateIoCompletionPort(file, existing, key, concurrency);
     if (const ULONG error = system->Note("CreateIoCompletionPort")) {
         SetLastError(error);
@@ -92,6 +100,7 @@ BOOL __real_GetQueuedCompletionStatus(HANDLE, LPDWORD, PULONG_PTR, LPOVERLAPPED*
 BOOL __wrap_GetQueuedCompletionStatus(HANDLE port, LPDWORD bytes, PULONG_PTR key,
                                       LPOVERLAPPED* overlapped, DWORD timeout_ms) {
     CFakeSystem* system = g_system;
+    const CAllocationFaultPause pause;
     if (!system) return __real_GetQueuedCompletionStatus(port, bytes, key, overlapped, timeout_ms);
     const CFakeSystem::Packet packet = system->Take();
     *bytes = 0;
@@ -106,6 +115,7 @@ BOOL __real_PostQueuedCompletionStatus(HANDLE, DWORD, ULONG_PTR, LPOVERLAPPED);
 BOOL __wrap_PostQueuedCompletionStatus(HANDLE port, DWORD bytes, ULONG_PTR key,
                                        LPOVERLAPPED overlapped) {
     CFakeSystem* system = g_system;
+    const CAllocationFaultPause pause;
     if (!system) return __real_PostQueuedCompletionStatus(port, bytes, key, overlapped);
     system->Note("Post key " + std::to_string(key));
     system->Complete(overlapped, key);
@@ -115,6 +125,7 @@ BOOL __wrap_PostQueuedCompletionStatus(HANDLE port, DWORD bytes, ULONG_PTR key,
 BOOL __real_CloseHandle(HANDLE);
 BOOL __wrap_CloseHandle(HANDLE handle) {
     CFakeSystem* system = g_system;
+    const CAllocationFaultPause pause;
     if (!system) return __real_CloseHandle(handle);
     if (handle == kQueue || handle == kPort) {
         system->Note(handle == kQueue ? "CloseHandle queue" : "CloseHandle port");
@@ -128,6 +139,7 @@ uintptr_t __real__beginthreadex(void*, unsigned, ThreadStart, void*, unsigned, u
 uintptr_t __wrap__beginthreadex(void* security, unsigned stack, ThreadStart start, void* argument,
                                 unsigned flags, unsigned* id) {
     CFakeSystem* system = g_system;
+    const CAllocationFaultPause pause;
     if (system) {
         std::string event = "start sniffer";
         if (start == &CHttpCommandHandler::HttpRequestIssuer)
@@ -145,6 +157,7 @@ uintptr_t __wrap__beginthreadex(void* security, unsigned stack, ThreadStart star
 HRESULT __real_CoInitializeEx(LPVOID, DWORD);
 HRESULT __wrap_CoInitializeEx(LPVOID reserved, DWORD model) {
     CFakeSystem* system = g_system;
+    const CAllocationFaultPause pause;
     if (system && system->coInitialize.count("")) return system->coInitialize[""];
     return __real_CoInitializeEx(reserved, model);
 }

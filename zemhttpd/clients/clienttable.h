@@ -22,8 +22,9 @@ struct ZemClient {
     WString displayString;                  // User-Agent from its first "(" on; may be empty
     std::atomic<LONGLONG> lastRequestTime;  // seconds since 1970, wall clock
     std::atomic<ULONGLONG> requestCount;
-    CZemChannelIo* channel;       // owned; null only in tests
-    CRITICAL_SECTION recordLock;  // held through a whole frame write
+    CZemChannelIo* channel;         // owned; null only in tests
+    CRITICAL_SECTION recordLock;    // held through a whole frame write
+    ZemClient* nextDead = nullptr;  // the sniffer's link, once it has unlinked the record
 
     void Touch(LONGLONG now_seconds) {
         lastRequestTime.store(now_seconds, std::memory_order_relaxed);
@@ -72,6 +73,36 @@ private:
 };
 
 class CClientTable {
+// The sniffer's list of unlinked records, first in, first out. The link is in the record: between
+// leaving the table and standing here nothing can fail and lose it. One thread.
+class CDeadClients {
+public:
+    CDeadClients() = default;
+    CDeadClients(const CDeadClients&) = delete;
+    CDeadClients& operator=(const CDeadClients&) = delete;
+
+    bool Empty() const { return m_count == 0; }
+    int Count() const { return m_count; }
+    void Append(ZemClient* record) {
+        record->nextDead = nullptr;
+        *m_end = record;
+        m_end = &record->nextDead;
+        ++m_count;
+    }
+    // The oldest; the caller then holds the table's reference. REQUIRES: not empty.
+    ZemClient* TakeFirst() {
+        ZemClient* const record = m_first;
+        m_first = record->nextDead;
+        if (--m_count == 0) m_end = &m_first;
+        return record;
+    }
+
+private:
+    ZemClient* m_first = nullptr;
+    ZemClient** m_end = &m_first;
+    int m_count = 0;
+};
+
 public:
     static constexpr size_t kMaxClients = 65536;
 

@@ -173,7 +173,7 @@ void CHttpCommandHandler::DecideRealTime(CZemEntry& scope, const WCHAR* clientId
                                          CZemChannelIo& channel, WCHAR (&status)[kStatusUnits]) {
     bool realTime = false;
     WCHAR current[kNameUnits];
-    if (m_realTimeClient.Get(current)) {
+    if (GetRealTimeIoClient(current)) {
         if (Tracing())
             scope.Trace(TEXT("%s: Could not set real-time client status; existing client %s"),
                         clientId, current);

@@ -16,6 +16,10 @@ constexpr DWORD kReplySetIoRealTime = 15;
 constexpr DWORD kStatusBody_bytes = 4;
 constexpr ULONGLONG kStatusReply_bytes = kZemHeader_bytes + kStatusBody_bytes;
 
+bool CHttpCommandHandler::GetRealTimeIoClient(WCHAR (&clientId)[kNameUnits]) const {
+    return m_realTimeClient.Get(clientId);
+}
+
 }  // namespace
 
 HRESULT CHttpCommandHandler::SetRealTimeIoClient(const WCHAR* clientId) {
@@ -67,7 +71,7 @@ HRESULT CHttpCommandHandler::DoCmdSetIoRealTime(const ZemCommand& command) {
             ThrowError(scope, E_INVALIDARG, kSourceCmdHdlr, kLineUnknownClient,
                        TEXT("%s: Unknown client; transId %u!"), clientId, command.transId);
         WCHAR old[kNameUnits];
-        if (m_realTimeClient.Get(old) && _wcsicmp(old, clientId) != 0) {
+        if (GetRealTimeIoClient(old) && _wcsicmp(old, clientId) != 0) {
             scope.Trace(TEXT("%s: Disabling real-time IO for %s..."), clientId, old);
             const CZemClientRef oldClient = LookupClient(old, true);
             if (!oldClient)

@@ -21,8 +21,10 @@ unsigned WINAPI CHttpCommandHandler::SniffDeadClients(void* server) {
     try {
         CHttpCommandHandler& self = *static_cast<CHttpCommandHandler*>(server);
         while (WaitForSingleObject(self.m_issuerThread, kPass_ms) == WAIT_TIMEOUT) {
-            std::list<ZemClient*> dead;
-            if (self.FindDeadClients(dead) == S_OK) self.PurgeDeadClients(dead);
+            CDeadClients dead;
+            self.FindDeadClients(dead);
+            // What was unlinked is deleted, whatever became of the walk.
+            if (!dead.Empty()) self.PurgeDeadClients(dead);
         }
     } catch (...) {
         LogCaught(scope, kSourceCmdHdlr, kCatchLineSniff);
@@ -30,7 +32,7 @@ unsigned WINAPI CHttpCommandHandler::SniffDeadClients(void* server) {
     return static_cast<unsigned>(scope.GetResult());
 }
 
-HRESULT CHttpCommandHandler::FindDeadClients(std::list<ZemClient*>& dead) {
+HRESULT CHttpCommandHandler::FindDeadClients(CDeadClients& dead) {
     CZemEntry scope(TEXT("CHttpCommandHandler::FindDeadClients"));
     try {
         const LONGLONG now_seconds = static_cast<LONGLONG>(std::time(nullptr));
@@ -40,23 +42,22 @@ HRESULT CHttpCommandHandler::FindDeadClients(std::list<ZemClient*>& dead) {
             const LONGLONG silence_seconds =
                 now_seconds - client->lastRequestTime.load(std::memory_order_relaxed);
             if (silence_seconds <= kMaxSilence_seconds) return false;
-            dead.push_back(client);
+            dead.Append(client);
             return true;
         });
     } catch (...) {
         LogCaught(scope, kSourceCmdHdlr, kCatchLineFind);
     }
     if (scope.Failed()) return scope.GetResult();
-    return dead.empty() ? S_FALSE : S_OK;
+    return dead.Empty() ? S_FALSE : S_OK;
 }
 
-HRESULT CHttpCommandHandler::PurgeDeadClients(std::list<ZemClient*>& dead) {
+HRESULT CHttpCommandHandler::PurgeDeadClients(CDeadClients& dead) {
     CZemEntry scope(TEXT("CHttpCommandHandler::PurgeDeadClients"));
     try {
-        scope.Trace(TEXT("Purging %d inactive client(s)..."), static_cast<int>(dead.size()));
-        while (!dead.empty()) {
-            ZemClient* const client = dead.front();
-            dead.pop_front();
+        scope.Trace(TEXT("Purging %d inactive client(s)..."), dead.Count());
+        while (!dead.Empty()) {
+            ZemClient* const client = dead.TakeFirst();
             const LONGLONG silence_seconds =
                 static_cast<LONGLONG>(std::time(nullptr)) -
                 client->lastRequestTime.load(std::memory_order_relaxed);

@@ -66,9 +66,11 @@ public:
     HRESULT On_CMD_KEEP_ALIVE(const ZemCommand& command);
     HRESULT DeleteZemClient(ZemClient* client);  // a record already taken out of the table
     static unsigned WINAPI SniffDeadClients(void* server);
-    HRESULT FindDeadClients(std::list<ZemClient*>& dead);
-    HRESULT PurgeDeadClients(std::list<ZemClient*>& dead);
-    HRESULT SetRealTimeIoClient(const WCHAR* clientId);
+    HRESULT FindDeadClients(CDeadClients& dead);
+    HRESULT PurgeDeadClients(CDeadClients& dead);
+    // Copies the real-time client's ID out; false, and an empty text, when there is none.
+    bool GetRealTimeIoClient(WCHAR (&clientId)[kNameUnits]) const;
+    HRESULT SetRealTimeIoClient(const WCHAR* clientId);  // empty: none
     HRESULT DoCmdSetIoRealTime(const ZemCommand& command);
     HRESULT On_CMD_SET_IO_REAL_TIME(const ZemCommand& command);
 
