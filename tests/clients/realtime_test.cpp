@@ -112,6 +112,75 @@ TEST_F(RealTime, SenderIsRecordedEvenWhenItsChannelRefuses) {
     EXPECT_TRUE(log.Texts(kErrorLogLevelError).empty());
 }
 
+TEST_F(RealTime, OldClientThatRefusesToGiveItUpLosesItAllTheSame) {
+    Join("first");
+    Join("second");
+    media.onCall = [this](const MediaCall& call) {
+        if (call.op == "SetIoRealTime") media.results[call.op] = call.boolean ? S_OK : E_FAIL;
+    };
+    log.Reset();
+    EXPECT_EQ(Switch("second"), S_OK);
+    EXPECT_EQ(log.Texts(kTrace),
+              (std::vector<WString>{TEXT("second: Disabling real-time IO for first..."),
+                                    TEXT("second: Real-time IO disabled for first"),
+                                    TEXT("second: Enabling real-time IO for second..."),
+                                    TEXT("second: Real-time IO enabled for second")}));
+    EXPECT_TRUE(log.Texts(kErrorLogLevelError).empty());
+    EXPECT_EQ(Id(), TEXT("second"));
+    EXPECT_EQ(Switches(), (std::vector<bool>{true, false, true}));
+}
+
+TEST_F(RealTime, SenderThatLeavesDuringTheSwitchIsNotRecorded) {
+    Join("first");
+    Join("second");
+    bool left = false;
+    media.onCall = [&](const MediaCall& call) {
+        if (call.op != "SetIoRealTime" || !call.boolean || left) return;
+        left = true;
+        Post(Command(9, 16), "second");
+        EXPECT_EQ(Channel(TEXT("second")), nullptr);
+    };
+    Switch("second");
+    EXPECT_TRUE(left);
+    EXPECT_EQ(Id(), TEXT("")) << "a departed client would keep the status for ever";
+    EXPECT_EQ(media.LiveChannels(), 1);
+    media.onCall = nullptr;
+    Join("third");
+    EXPECT_EQ(Id(), TEXT("third"));
+}
+
+TEST_F(RealTime, SenderThatLeavesAndRejoinsDuringTheSwitchIsRecorded) {
+    Join("first");
+    Join("second");
+    bool left = false;
+    media.onCall = [&](const MediaCall& call) {
+        if (call.op != "SetIoRealTime" || !call.boolean || left) return;
+        left = true;
+        Post(Command(9, 16), "second");
+        Join("second");
+    };
+    Switch("second");
+    EXPECT_EQ(Id(), TEXT("second"));
+}
+
+TEST_F(RealTime, IdIsClearedOnlyWhileItIsThatOne) {
+    CRealTimeClient& client = access.RealTimeClient();
+    client.Set(TEXT("Abc"));
+    client.ClearIf(TEXT("abcd"));
+    EXPECT_EQ(Id(), TEXT("Abc"));
+    client.ClearIf(TEXT("aBC"));
+    EXPECT_EQ(Id(), TEXT(""));
+}
+
+TEST_F(RealTime, IdIsCopiedIntoTheCallersBuffer) {
+    WCHAR id[kNameUnits] = {u'x'};
+    EXPECT_FALSE(server.GetRealTimeIoClient(id));
+    EXPECT_EQ(id[0], 0);
+    Join("first");
+    EXPECT_TRUE(server.GetRealTimeIoClient(id));
+    EXPECT_EQ(WString(id), TEXT("first"));
+}
+
 TEST_F(RealTime, WithoutARealTimeClientTheSenderTakesIt) {
     Join("first");
     server.SetRealTimeIoClient(TEXT(""));

@@ -18,3 +18,8 @@ bool CRealTimeClient::Is(const WCHAR* clientId) const {
     const std::lock_guard lock(m_lock);
     return m_clientId[0] != 0 && _wcsicmp(m_clientId, clientId) == 0;
 }
+void CRealTimeClient::ClearIf(const WCHAR* clientId) {
+    const std::lock_guard lock(m_lock);
+    if (_wcsicmp(m_clientId, clientId) == 0) m_clientId[0] = 0;
+}
+

@@ -15,6 +15,8 @@ public:
     // Copies the ID out; false, and an empty text, when there is no real-time client.
     bool Get(WCHAR (&clientId)[kNameUnits]) const;
     // Whether there is a real-time client and it is this one, letter case aside.
+    // Clears the ID if it still is this one.
+    void ClearIf(const WCHAR* clientId);
     bool Is(const WCHAR* clientId) const;
 
 private:

@@ -84,6 +84,9 @@ HRESULT CHttpCommandHandler::DoCmdSetIoRealTime(const ZemCommand& command) {
             scope.Trace(TEXT("%s: Real-time IO disabled for %s"), clientId, old);
         }
         scope.Trace(TEXT("%s: Enabling real-time IO for %s..."), clientId, clientId);
+        // A leave or a purge that came in between found nothing to give up, and a recorded ID of
+        // nobody would keep everyone else from the status.
+        if (!LookupClient(clientId, false)) m_realTimeClient.ClearIf(clientId);
         scope.SetResult(sender.Channel()->SetIoRealTime(TRUE));
         SetRealTimeIoClient(clientId);
         if (!scope.Failed())
