@@ -73,19 +73,20 @@ ULONG __wrap_HttpReceiveHttpRequest(HANDLE queue, HTTP_REQUEST_ID requestId, ULO
         return __real_HttpReceiveHttpRequest(queue, requestId, flags, buffer, size, received,
                                              overlapped);
     const auto error = system->errors.find("HttpReceiveHttpRequest");
-    if (error != system->errors.end() && error->second != ERROR_IO_PENDING) {
+    const ULONG answer = error == system->errors.end() ? ULONG{ERROR_IO_PENDING} : error->second;
+    if (answer != ERROR_IO_PENDING && answer != NO_ERROR) {
         system->Note("HttpReceiveHttpRequest");
-        return error->second;
+        return answer;
     }
     system->AddReceive({requestId, flags, buffer, size, overlapped});
-    return ERROR_IO_PENDING;
+    return answer;
 }
 
 HANDLE __real_CreateIoCompletionPort(HANDLE, HANDLE, ULONG_PTR, DWORD);
 HANDLE __wrap_CreateIoCompletionPort(HANDLE file, HANDLE existing, ULONG_PTR key,
                                      DWORD concurrency) {
-    CFakeSystem* system = g_system;
     const CAllocationFaultPause pause;
+    CFakeSystem* system = g_system;
     if (!system) return __real_CreateIoCompletionPort(file, existing, key, concurrency);
     if (const ULONG error = system->Note("CreateIoCompletionPort")) {
         SetLastError(error);
@@ -99,8 +100,8 @@ HANDLE __wrap_CreateIoCompletionPort(HANDLE file, HANDLE existing, ULONG_PTR key
 BOOL __real_GetQueuedCompletionStatus(HANDLE, LPDWORD, PULONG_PTR, LPOVERLAPPED*, DWORD);
 BOOL __wrap_GetQueuedCompletionStatus(HANDLE port, LPDWORD bytes, PULONG_PTR key,
                                       LPOVERLAPPED* overlapped, DWORD timeout_ms) {
-    CFakeSystem* system = g_system;
     const CAllocationFaultPause pause;
+    CFakeSystem* system = g_system;
     if (!system) return __real_GetQueuedCompletionStatus(port, bytes, key, overlapped, timeout_ms);
     const CFakeSystem::Packet packet = system->Take();
     *bytes = 0;
@@ -114,8 +115,8 @@ BOOL __wrap_GetQueuedCompletionStatus(HANDLE port, LPDWORD bytes, PULONG_PTR key
 BOOL __real_PostQueuedCompletionStatus(HANDLE, DWORD, ULONG_PTR, LPOVERLAPPED);
 BOOL __wrap_PostQueuedCompletionStatus(HANDLE port, DWORD bytes, ULONG_PTR key,
                                        LPOVERLAPPED overlapped) {
-    CFakeSystem* system = g_system;
     const CAllocationFaultPause pause;
+    CFakeSystem* system = g_system;
     if (!system) return __real_PostQueuedCompletionStatus(port, bytes, key, overlapped);
     system->Note("Post key " + std::to_string(key));
     system->Complete(overlapped, key);
@@ -124,8 +125,8 @@ BOOL __wrap_PostQueuedCompletionStatus(HANDLE port, DWORD bytes, ULONG_PTR key,
 
 BOOL __real_CloseHandle(HANDLE);
 BOOL __wrap_CloseHandle(HANDLE handle) {
-    CFakeSystem* system = g_system;
     const CAllocationFaultPause pause;
+    CFakeSystem* system = g_system;
     if (!system) return __real_CloseHandle(handle);
     if (handle == kQueue || handle == kPort) {
         system->Note(handle == kQueue ? "CloseHandle queue" : "CloseHandle port");
@@ -138,8 +139,8 @@ BOOL __wrap_CloseHandle(HANDLE handle) {
 uintptr_t __real__beginthreadex(void*, unsigned, ThreadStart, void*, unsigned, unsigned*);
 uintptr_t __wrap__beginthreadex(void* security, unsigned stack, ThreadStart start, void* argument,
                                 unsigned flags, unsigned* id) {
-    CFakeSystem* system = g_system;
     const CAllocationFaultPause pause;
+    CFakeSystem* system = g_system;
     if (system) {
         std::string event = "start sniffer";
         if (start == &CHttpCommandHandler::HttpRequestIssuer)
@@ -156,8 +157,8 @@ uintptr_t __wrap__beginthreadex(void* security, unsigned stack, ThreadStart star
 
 HRESULT __real_CoInitializeEx(LPVOID, DWORD);
 HRESULT __wrap_CoInitializeEx(LPVOID reserved, DWORD model) {
-    CFakeSystem* system = g_system;
     const CAllocationFaultPause pause;
+    CFakeSystem* system = g_system;
     if (system && system->coInitialize.count("")) return system->coInitialize[""];
     return __real_CoInitializeEx(reserved, model);
 }

@@ -284,6 +284,74 @@ TEST_F(Dispatch, FailureOfTheReservedTransIdGetsTheStatusOnlyAnswer) {
     ExpectStatusOnly(E_NOTIMPL);
 }
 
+// An error log may give any number as the chain id of a failure: none of them is the word for a
+// kept block, or for success.
+
+TEST_F(Dispatch, FailureIsAnsweredWhateverItsChainId) {
+    for (const DWORD chainId : {0u, 1u, 2u, 0x12345u, 0x80CC0001u}) {
+        SCOPED_TRACE(chainId);
+        log.chainId = [chainId](HRESULT) { return chainId; };
+        {
+            CFakeHttp own;
+            EXPECT_NE(Post(Command(7, 99)), S_FALSE);
+            ASSERT_EQ(own.SentCount(), 1u);
+            EXPECT_EQ(own.Last().status, 500);
+            EXPECT_EQ(own.Last().Body(), Bytes(DWORD{7}, DWORD{99}, DWORD{4}, chainId));
+        }
+        CFakeHttp own;
+        RequestSpec spec;
+        spec.withClientId = false;
+        EXPECT_NE(Process(spec), S_FALSE);
+        ASSERT_EQ(own.SentCount(), 1u);
+        char reason[40];
+        snprintf(reason, sizeof(reason), "Error 0x%x", chainId);
+        EXPECT_EQ(own.Last().reason, reason);
+    }
+    EXPECT_EQ(Pool().FreeCount(), kBlocks);
+}
+
+TEST_F(Dispatch, HandlerThatFailsWithAPositiveChainIdIsAnsweredAndKeepsNoBlock) {
+    SetTracing(true);
+    for (const DWORD chainId : {0u, 1u, 2u}) {
+        SCOPED_TRACE(chainId);
+        CFakeHttp own;
+        log.chainId = [chainId](HRESULT) { return chainId; };
+        log.written = [](const LogRecord& record) -> BOOL {
+            if (record.text.starts_with(TEXT("client: handling CMD_KEEP_ALIVE"))) throw E_FAIL;
+            return TRUE;
+        };
+        EXPECT_NE(Post(Command(7, kKeepAlive)), S_FALSE);
+        ASSERT_EQ(own.SentCount(), 1u);
+        EXPECT_EQ(own.Last().status, 500);
+        EXPECT_EQ(own.Last().Body(), Bytes(DWORD{7}, kKeepAlive, DWORD{4}, chainId));
+    }
+    EXPECT_EQ(Pool().FreeCount(), kBlocks);
+}
+
+TEST_F(Dispatch, CommandThatCouldNotBeCompletedIsNotRunWhateverTheChainId) {
+    log.chainId = [](HRESULT) { return 0u; };
+    http.FeedBodyError(ERROR_NETNAME_DELETED);
+    Post(Command(6, kJoin, "", 4));
+    ASSERT_EQ(http.SentCount(), 1u);
+    EXPECT_EQ(http.Last().status, 500);
+    EXPECT_EQ(http.Last().Word(4), 15);
+    EXPECT_EQ(Channel(), nullptr);
+}
+
+TEST_F(Dispatch, EmptyClientIdIsAnIdLikeAnother) {
+    EXPECT_EQ(Join(""), S_OK);
+    ASSERT_NE(Channel(TEXT("")), nullptr);
+    WCHAR id[kNameUnits];
+    EXPECT_FALSE(server.GetRealTimeIoClient(id)) << "recorded, it says that there is none";
+    EXPECT_EQ(Post(Command(2, kKeepAlive), ""), S_OK);
+    EXPECT_EQ(server.LookupClient(TEXT(""), false).Record()->requestCount, 2u);
+    EXPECT_EQ(Post(Command(3, kSetRealTime), ""), S_OK);
+    EXPECT_FALSE(server.GetRealTimeIoClient(id));
+    EXPECT_EQ(Post(Command(4, kLeave), ""), S_OK);
+    EXPECT_EQ(Channel(TEXT("")), nullptr);
+    EXPECT_EQ(http.SentCount(), 4u);
+}
+
 TEST_F(Dispatch, TransIdIsKeptInTheBlock) {
     CHttpXaction& xaction = Take();
     RequestSpec spec;
@@ -566,6 +634,37 @@ TEST_F(WriteSizes, FrameDataBehindTheBodyDoesNotCountAsBody) {
     spec.contentLength = std::to_string(spec.entity.size());
     Write(spec);
     EXPECT_TRUE(http.BodyReads().empty());
+}
+
+TEST_F(WriteSizes, ContentLengthsOutOfRangeAreMismatches) {
+    Join();
+    const std::string body = Bytes(DWORD{0}, DWORD{1}, ULONGLONG{0}) + std::string(96, '\0');
+    const int expected = static_cast<int>(12 + body.size());
+    struct Row {
+        const char* text;
+        int payload;  // the low half, as the record prints it
+    };
+    for (const Row& row :
+         {Row{"99999999999999999999999", -1 - expected}, Row{"9223372036854775808", -1 - expected},
+          Row{"9223372036854775807", -1 - expected}, Row{"-9223372036854775808", -expected},
+          Row{"-1", -expected}}) {
+        SCOPED_TRACE(row.text);
+        CFakeHttp own;
+        log.Reset();
+        RequestSpec spec;
+        spec.entity = Command(2, 4, body);
+        spec.contentLength = row.text;
+        EXPECT_EQ(Process(spec), S_OK);
+        EXPECT_EQ(own.SentCount(), 1u);
+        EXPECT_TRUE(own.BodyReads().empty());
+        WCHAR text[200];
+        _snwprintf_s(text, 200, _TRUNCATE,
+                     TEXT("client: WriteFrame data size in header (0 bytes) and payload (%d bytes) "
+                          "mismatch, pos 0, transId 2"),
+                     row.payload);
+        ExpectError(E_UNEXPECTED, text);
+    }
+    EXPECT_EQ(media.Count("WriteFrame"), 0u);
 }
 
 TEST_F(WriteSizes, BodyIsCompletedBeforeTheHandler) {

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <thread>
+
 namespace {
 
 class ReceiveLoop : public CServerFixture {
@@ -99,10 +101,37 @@ TEST_F(ReceiveLoop, ReceiveThatCannotBePostedEndsTheIssuer) {
     EXPECT_EQ(Pool().FreeCount(), kBlocks - 1) << "the block is not given back";
 }
 
+TEST_F(ReceiveLoop, ReceiveThatCannotBePostedEndsTheIssuerWhateverTheChainId) {
+    system.errors["HttpReceiveHttpRequest"] = ERROR_INVALID_HANDLE;
+    for (const DWORD chainId : {0u, 1u, 5u}) {
+        log.chainId = [chainId](HRESULT) { return chainId; };
+        const int before = Pool().FreeCount();
+        StartIssuer();
+        EXPECT_EQ(JoinIssuer(), static_cast<HRESULT>(chainId));
+        EXPECT_EQ(Pool().FreeCount(), before - 1) << "one block, not all of them";
+    }
+}
+
+TEST_F(ReceiveLoop, ReceiveThatIsTakenAtOnceCompletesThroughThePortLikeAnother) {
+    system.errors["HttpReceiveHttpRequest"] = NO_ERROR;
+    StartIssuer();
+    const auto receives = system.WaitForReceives(kBlocks);
+    ASSERT_EQ(server.InitRequestThreadPool(), S_OK);
+    for (const auto& receive : receives)
+        Deliver(receive, Put());
+    system.WaitUntilIdle(4);
+    EXPECT_EQ(http.SentCount(), static_cast<size_t>(kBlocks));
+    system.WaitForReceives(kBlocks + kBlocks / 2);
+    EXPECT_EQ(StopIssuer(), S_OK);
+    EXPECT_TRUE(log.Empty());
+}
+
 TEST_F(ReceiveLoop, RequestIdOfTheBlockIsAskedFor) {
     CHttpXaction& xaction = Take();
     xaction.Request()->RequestId = 4711;
-    EXPECT_EQ(server.IssueHttpRequest(xaction), S_OK);
+    bool posted = false;
+    EXPECT_EQ(server.IssueHttpRequest(xaction, posted), S_OK);
+    EXPECT_TRUE(posted);
     EXPECT_EQ(system.WaitForReceives(1)[0].requestId, 4711u);
     Pool().ReceivePickedUp();
     Pool().Release(&xaction);
@@ -166,6 +195,51 @@ TEST_F(ReceiveLoop, RequestThatWentAsynchronousKeepsItsBlock) {
     EXPECT_TRUE(xaction.InUse());
     media.CompletePending();
     EXPECT_EQ(Pool().FreeCount(), kBlocks);
+}
+
+TEST_F(ReceiveLoop, FailedRequestGivesItsBlockBackWhateverTheChainId) {
+    log.chainId = [](HRESULT) { return 1u; };
+    ASSERT_EQ(server.InitRequestThreadPool(), S_OK);
+    CHttpXaction& xaction = Take();
+    RequestSpec spec;
+    spec.withClientId = false;
+    Lay(xaction, spec);
+    system.Complete(xaction.Overlapped(), kKey);
+    system.WaitUntilIdle(4);
+    EXPECT_EQ(http.SentCount(), 1u);
+    EXPECT_EQ(http.Last().status, 500);
+    EXPECT_EQ(Pool().FreeCount(), kBlocks);
+}
+
+// The read of a joined client is with the library when the server stops, and completes once the
+// workers have ended.
+TEST_F(ReceiveLoop, ShutdownWaitsForThePendingReadOfAClient) {
+    Join();
+    media.pendReads = true;
+    ASSERT_EQ(server.InitRequestThreadPool(), S_OK);
+    StartIssuer();
+    RequestSpec read;
+    read.entity = Command(9, 3, Bytes(DWORD{0}, DWORD{1}, ULONGLONG{0}) + std::string(96, '\0'));
+    Deliver(system.WaitForReceives(kBlocks)[0], read);
+    system.WaitUntilIdle(4);
+    ASSERT_EQ(media.PendingCount(), 1u);
+    const size_t answered = http.SentCount();
+    access.RequestQueue() = nullptr;  // the fixture's own, not opened here
+    std::thread completion([&] {
+        system.WaitUntilIdle(0);
+        EXPECT_EQ(media.CompletePending(), 1u);
+    });
+    server.Shutdown();
+    completion.join();
+    ASSERT_EQ(http.SentCount(), answered + 1);
+    EXPECT_EQ(http.Last().status, 200);
+    EXPECT_EQ(http.Last().Word(0), 9);
+    EXPECT_EQ(server.FramePool().ActiveCount(), 0);
+    EXPECT_EQ(server.FramePool().FreeCount(), CFrameIoXactionPool::kBlocks);
+    EXPECT_EQ(server.XactionPool(), nullptr);
+    EXPECT_EQ(media.LiveChannels(), 0);
+    EXPECT_EQ(media.LiveAllocators(), 0);
+    EXPECT_EQ(media.Calls().back().op, "~CZemMemAllocator");
 }
 
 TEST_F(ReceiveLoop, PacketOfAStrangerIsIgnoredWhateverItSays) {

@@ -43,8 +43,8 @@ LONGLONG ContentLength(const HTTP_REQUEST& request) {
     LONGLONG length = 0;
     const auto parsed =
         std::from_chars(header.pRawValue, header.pRawValue + header.RawValueLength, length);
-    return parsed.ec == std::errc::result_out_of_range ? std::numeric_limits<LONGLONG>::max()
-                                                       : length;
+    if (parsed.ec == std::errc::result_out_of_range) length = std::numeric_limits<LONGLONG>::max();
+    return std::max(length, LONGLONG{0});  // so that taking the command's size off stays in range
 }
 
 // Addresses appear in the traces with their low half.
@@ -57,10 +57,11 @@ unsigned LowHalf(const void* address) {
 HRESULT CHttpCommandHandler::ProcessRequest(CHttpXaction& xaction) {
     CZemEntry scope(TEXT("CHttpCommandHandler::ProcessRequest"));
     WCHAR clientId[kNameUnits] = {};
+    bool keepsBlock = false;
     try {
         switch (xaction.Request()->Verb) {
             case HttpVerbPOST:
-                scope.SetResult(ProcessCommand(scope, clientId, xaction));
+                scope.SetResult(ProcessCommand(scope, clientId, xaction, keepsBlock));
                 break;
             case HttpVerbGET:
                 scope.SetResult(SendHttpGetResponse(xaction, 200, "OK"));
@@ -75,20 +76,22 @@ HRESULT CHttpCommandHandler::ProcessRequest(CHttpXaction& xaction) {
     } catch (...) {
         LogCaught(scope, kSourceCmdHdlr, kCatchLineProcess);
     }
-    // Only a failure may look at the block again: after S_FALSE it belongs to an asynchronous
-    // completion.
-    if (scope.Failed() && !xaction.ReplySent()) {
+    // The block belongs to an asynchronous completion now and is not looked at again.
+    if (keepsBlock) return S_FALSE;
+    // A failure that was logged left a chain id, which may be any number: only what was sent tells
+    // whether an answer is due.
+    if (!xaction.ReplySent()) {
         if (xaction.TransId() == kNoTransId)
             SendStatusOnlyError(scope.GetResult(), clientId, xaction);
         else
             SendGenericZemFailureResponse(scope.GetResult(), clientId, xaction);
         xaction.SetReplySent();
     }
-    return scope.GetResult();
+    return scope.GetResult() == S_FALSE ? E_FAIL : scope.GetResult();
 }
 
 HRESULT CHttpCommandHandler::ProcessCommand(CZemEntry& scope, WCHAR (&clientId)[kNameUnits],
-                                            CHttpXaction& xaction) {
+                                            CHttpXaction& xaction, bool& keepsBlock) {
     HTTP_REQUEST& request = *xaction.Request();
     const HTTP_UNKNOWN_HEADER* zemId = ZemIdHeader(request);
     if (!zemId)
@@ -136,13 +139,19 @@ HRESULT CHttpCommandHandler::ProcessCommand(CZemEntry& scope, WCHAR (&clientId)[
             command.frameData_bytes = command.received_bytes - command.expected_bytes;
         }
     }
-    return (this->*row->handler)(command);
+    const HRESULT hr = (this->*row->handler)(command);
+    // From another handler a 1 is the chain id of a failure.
+    keepsBlock = hr == S_FALSE && (row->handler == &CHttpCommandHandler::On_CMD_READ_FRAME ||
+                                   row->handler == &CHttpCommandHandler::On_CMD_WRITE_FRAME);
+    return hr;
 }
 
 void CHttpCommandHandler::CheckSize(CZemEntry& scope, const CommandRow& row, ZemCommand& command) {
     if (row.sizeRule == SizeRule::None || command.received_bytes >= command.expected_bytes) return;
-    const bool fetch = row.sizeRule != SizeRule::Strict;
-    if (fetch && GetCompleteRequest(command) == S_OK) return;
+    if (row.sizeRule != SizeRule::Strict) {
+        GetCompleteRequest(command);
+        if (command.received_bytes >= command.expected_bytes) return;
+    }
     const unsigned received_bytes = static_cast<unsigned>(command.received_bytes);
     if (row.sizeRule == SizeRule::Completion)
         ThrowError(scope, E_INVALIDARG, kSourceCmdHdlr, kLineShortBody,

@@ -35,7 +35,7 @@ public:
     // --- receive loop (server/receiveloop.cpp) ---
     HRESULT InitRequestThreadPool();
     HRESULT CloseRequestThreadPool();
-    HRESULT IssueHttpRequest(CHttpXaction& xaction);
+    HRESULT IssueHttpRequest(CHttpXaction& xaction, bool& posted);
     static unsigned WINAPI HttpRequestIssuer(void* server);
     static unsigned WINAPI HttpRequestHandler(void* server);
 
@@ -48,6 +48,7 @@ public:
                            BYTE** body);
     HRESULT SendZemHttpResponse(CHttpXaction& xaction, HRESULT hr, ULONGLONG contentLength_bytes,
                                 const WCHAR* clientId);
+    // S_FALSE exactly when the handler went asynchronous: the block is its completion's then.
     HRESULT SendGenericZemFailureResponse(HRESULT hr, const WCHAR* clientId, CHttpXaction& xaction);
     HRESULT SendStatusOnlyError(HRESULT hr, const WCHAR* clientId,
                                 CHttpXaction& xaction);  // 500 "Error 0x..."
@@ -164,7 +165,8 @@ private:
                                  // throws on a failed receive
 
     // Steps of ProcessRequest, which throw through its scope.
-    HRESULT ProcessCommand(CZemEntry& scope, WCHAR (&clientId)[kNameUnits], CHttpXaction& xaction);
+    HRESULT ProcessCommand(CZemEntry& scope, WCHAR (&clientId)[kNameUnits], CHttpXaction& xaction,
+                           bool& keepsBlock);
     void CheckSize(CZemEntry& scope, const CommandRow& row, ZemCommand& command);
     bool FitsInPlace(CZemEntry& scope, const ZemCommand& command) const;  // else traces why not
     static constexpr int kStatusUnits = 640;  // of the real-time words in a join's trace

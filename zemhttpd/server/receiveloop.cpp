@@ -74,8 +74,11 @@ HRESULT CHttpCommandHandler::CloseRequestThreadPool() {
     return scope.GetResult();
 }
 
-HRESULT CHttpCommandHandler::IssueHttpRequest(CHttpXaction& xaction) {
+// `posted` tells what became of it; the result of a failure is whatever chain id the error log
+// gave.
+HRESULT CHttpCommandHandler::IssueHttpRequest(CHttpXaction& xaction, bool& posted) {
     CZemEntry scope(TEXT("CHttpCommandHandler::IssueHttpRequest"));
+    posted = false;
     try {
         const ULONG error = HttpReceiveHttpRequest(
             m_requestQueue, xaction.RequestId(), HTTP_RECEIVE_REQUEST_FLAG_COPY_BODY,
@@ -84,6 +87,7 @@ HRESULT CHttpCommandHandler::IssueHttpRequest(CHttpXaction& xaction) {
             ThrowError(scope, HresultFromError(static_cast<LONG>(error)), kSourceCmdHdlr,
                        kLineIssueReceive, TEXT("Error issuing HTTP receive request"));
         m_xactionPool->ReceivePosted();
+        posted = true;
     } catch (...) {
         LogCaught(scope, kSourceCmdHdlr, kCatchLineIssue);
     }
@@ -95,9 +99,10 @@ unsigned WINAPI CHttpCommandHandler::HttpRequestIssuer(void* server) {
     try {
         CHttpCommandHandler& self = *static_cast<CHttpCommandHandler*>(server);
         CHttpXaction* xaction = nullptr;
+        bool posted = true;
         // The stop APC ends the wait inside; a block whose receive failed is not given back.
-        while (self.m_xactionPool->Acquire(xaction) == S_OK)
-            scope = self.IssueHttpRequest(*xaction);
+        while (posted && self.m_xactionPool->Acquire(xaction) == S_OK)
+            scope = self.IssueHttpRequest(*xaction, posted);
     } catch (...) {
         LogCaught(scope, kSourceCmdHdlr, kCatchLineIssuer);
     }
