@@ -252,6 +252,9 @@ TEST_F(ReceiveLoop, PacketOfAStrangerIsIgnoredWhateverItSays) {
         system.Complete(&stranger, kKey, ERROR_OPERATION_ABORTED);
         system.Complete(inside, kKey);
         system.Complete(nullptr, kKey);
+        system.Complete(&stranger, 0);
+        system.Complete(&stranger, 0, ERROR_OPERATION_ABORTED);
+        system.Complete(inside, 0);
     }
     system.WaitUntilIdle(4);
     EXPECT_TRUE(log.Empty());

@@ -137,7 +137,6 @@ LONGLONG CHttpCommandHandler::ServiceRequests() {
         const BOOL ok =
             GetQueuedCompletionStatus(m_completionPort, &moved_bytes, &key, &overlapped, INFINITE);
         const DWORD error = ok ? NO_ERROR : GetLastError();
-        if (ok && key == 0) return serviced;
         CHttpXaction* xaction = nullptr;
         if (overlapped) {
             // Calls that were made without an OVERLAPPED of ours may leave packets too: not ours,
@@ -146,9 +145,14 @@ LONGLONG CHttpCommandHandler::ServiceRequests() {
             if (!xaction) continue;
             m_xactionPool->ReceivePickedUp();
         }
-        // Thrown without an entry-point record, so that the worker's catch writes the error record.
+        // Any error ends the worker, a request head that did not fit (ERROR_MORE_DATA) like a queue
+        // that was closed. Thrown without an entry-point record, so that the worker's catch writes
+        // the one record of it, "Unknown error" with the code.
         if (!ok) throw HresultFromError(static_cast<LONG>(error));
-        if (!xaction) continue;
+        if (!xaction) {
+            if (key == 0) return serviced;
+            continue;
+        }
         ++serviced;
         xaction->SetStartTick(GetTickCount());
         if (ProcessRequest(*xaction) != kKeepsBlock) m_xactionPool->Release(xaction);
