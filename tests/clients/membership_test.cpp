@@ -36,6 +36,8 @@ protected:
         access.RealTimeClient().Get(id);
         return id;
     }
+    static constexpr const WCHAR* kNoChannelMessage =
+        TEXT("me: Error associating IO memory allocator with a new ZEM instance");
     // The stages that the last command marked, read when its reply goes out.
     void CatchStages(CHttpXaction& xaction, std::vector<DWORD>& stages) {
         http.onSend = [&](const SentResponse&) {
@@ -240,14 +242,48 @@ TEST_F(Membership, PercentSignsOfAUserAgentAreText) {
 }
 
 TEST_F(Membership, ChannelThatCannotBeAllocatedEndsTheJoinButNotTheReply) {
-    FailNextNothrowAllocation(1);
+    bool failed = false;
+    media.onCall = [&](const MediaCall& call) {
+        if (call.op != "CZemChannelIo") return;
+        failed = true;
+        throw std::bad_alloc();
+    };
     EXPECT_EQ(JoinAs("me", "x (S/1.2.3.4)"), S_OK);
-    EXPECT_TRUE(NothrowAllocationFailed());
+    EXPECT_TRUE(failed);
     ExpectReply(1, 12);
-    EXPECT_EQ(
-        log.Error(TEXT("me: Error associating IO memory allocator with a new ZEM instance")).hr,
-        E_OUTOFMEMORY);
+    EXPECT_EQ(log.Error(kNoChannelMessage).hr, E_OUTOFMEMORY);
     EXPECT_EQ(Clients(), 0u);
+}
+
+TEST_F(Membership, JoinThatRunsOutOfMemoryAnywhereLeavesNothing) {
+    CHttpXaction& xaction = Take();
+    RequestSpec spec;
+    spec.userAgent = "x (a description that needs memory/1.2.3.4)";
+    Lay(xaction, spec);
+    ZemCommand command{};
+    command.clientId = TEXT("me");
+    command.xaction = &xaction;
+    uint64_t skipped = 0;
+    for (;; ++skipped) {
+        SCOPED_TRACE("after " + std::to_string(skipped) + " allocations");
+        log.Reset();
+        FailAllocationAfter(skipped);
+        const HRESULT hr = server.DoCmdJoin(command, 7);
+        if (!AllocationFailed()) {
+            EXPECT_EQ(hr, S_OK);
+            break;
+        }
+        EXPECT_LT(hr, 0);
+        if (skipped == 0) {
+            EXPECT_EQ(log.Error(kNoChannelMessage).hr, E_OUTOFMEMORY);
+        }
+        EXPECT_EQ(Clients(), 0u);
+        EXPECT_EQ(media.LiveChannels(), 0);
+        EXPECT_EQ(RealTime(), TEXT(""));
+    }
+    EXPECT_GT(skipped, 4u) << "channel, its parts, description, record, entry";
+    EXPECT_EQ(Clients(), 1u);
+    Pool().Release(&xaction);
 }
 
 TEST_F(Membership, AllocatorThatIsRefusedDoesNotMatter) {

@@ -89,10 +89,10 @@ TEST_F(Exported, ServerObjectThatCannotBeAllocatedIsOutOfMemory) {
 }
 
 TEST_F(Exported, FramePoolThatCannotBeAllocatedIsLoggedAtTheCatchOfCreate) {
-    FailNextNothrowAllocation(16u << 20);
+    FailNextAllocation(16u << 20);
     CHttpCommandHandler* server = kStale;
     EXPECT_EQ(CreateZemHttpSvr(&server), E_OUTOFMEMORY);
-    EXPECT_TRUE(NothrowAllocationFailed());
+    EXPECT_TRUE(AllocationFailed());
     EXPECT_EQ(server, nullptr);
     const LogRecord error = log.Error(TEXT("Unknown error"));
     EXPECT_EQ(error.file, TEXT("zemhttpd.cpp"));
@@ -100,14 +100,31 @@ TEST_F(Exported, FramePoolThatCannotBeAllocatedIsLoggedAtTheCatchOfCreate) {
     EXPECT_EQ(error.hr, E_OUTOFMEMORY);
 }
 
-TEST_F(Exported, SeveralServersMayRunInOneProcess) {
-    system.errors["HttpAddUrl http://*:8080/zem/"] = ERROR_ALREADY_EXISTS;
+TEST_F(Exported, AllocationThatFailsDuringConstructionIsOutOfMemory) {
+    const uint64_t before = AllocationsOfThisThread();
+    auto probe = std::make_unique<CHttpCommandHandler>();
+    const uint64_t allocations = AllocationsOfThisThread() - before;
+    probe.reset();
+    EXPECT_GE(allocations, 6u) << "object, bins, frame pool, its bins, two words";
+    for (uint64_t skipped = 0; skipped < allocations; ++skipped) {
+        SCOPED_TRACE("after " + std::to_string(skipped) + " allocations");
+        CHttpCommandHandler* server = kStale;
+        FailAllocationAfter(skipped);
+        EXPECT_EQ(CreateZemHttpSvr(&server), E_OUTOFMEMORY);
+        EXPECT_TRUE(AllocationFailed());
+        EXPECT_EQ(server, nullptr);
+    }
+    EXPECT_TRUE(system.Events().empty()) << "nothing was started";
+}
+
+TEST_F(Exported, SecondServerOnTheSameRegistryFailsAtItsUrlAndLeavesTheFirstAlone) {
     CHttpCommandHandler* first = nullptr;
     ASSERT_EQ(CreateZemHttpSvr(&first), S_OK);
-    const CRegistryValue port(kTestZemKey, TEXT("HttpPort"), 8080u);
+    system.errors["HttpAddUrl http://*:80/zem/"] = ERROR_ALREADY_EXISTS;
     CHttpCommandHandler* second = kStale;
-    EXPECT_NE(CreateZemHttpSvr(&second), S_OK);
+    EXPECT_EQ(CreateZemHttpSvr(&second), HRESULT_FROM_WIN32(ERROR_ALREADY_EXISTS));
     EXPECT_EQ(second, nullptr);
+    EXPECT_NE(first->XactionPool(), nullptr);
     EXPECT_EQ(DestroyZemHttpSvr(first), S_OK);
 }
 

@@ -31,7 +31,7 @@ struct ServerTestAccess {
     WCHAR* Version() { return server.m_version; }
     DWORD& VersionLength() { return server.m_versionLength; }
     IZemMemAllocator*& Allocator() { return server.m_allocator; }
-    CFrameIoXactionPool*& FramePool() { return server.m_framePool; }
+    std::unique_ptr<CFrameIoXactionPool>& FramePool() { return server.m_framePool; }
     CClientTable& Clients() { return server.m_clients; }
     std::atomic<DWORD>& RsDbg() { return server.m_rsDbg; }
     DWORD& FileServerMode() { return server.m_fileServerMode; }

@@ -460,8 +460,7 @@ TEST_F(WriteFrame, ALeaveDuringTheLibraryCallKeepsChannelAndLock) {
 
 TEST_F(WriteFrame, TheRegistryGetsTheBlocksOfFailedRequestsBack) {
     const CRegistryValue reclaim(kTestZemKey, TEXT("ReclaimFrameBlocks"), DWORD{1});
-    delete access.FramePool();
-    access.FramePool() = new CFrameIoXactionPool;
+    access.FramePool() = std::make_unique<CFrameIoXactionPool>();
     FramePool().Initialize(&server);
     EXPECT_EQ(Run(Spec({Entry({4, 4})}, "abcd", 7)), S_OK);
     ExpectImmediateReply();

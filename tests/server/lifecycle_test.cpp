@@ -375,16 +375,33 @@ TEST_F(Lifecycle, ShutdownOfANewServerDoesNothing) {
 }
 
 TEST_F(Lifecycle, ShutdownFromEveryFailedStartReleasesWhatThereIs) {
-    for (const char* failing : {"HttpInitialize", "HttpCreateHttpHandle", "CreateIoCompletionPort",
-                                "HttpAddUrl http://*:80/zem/", "HttpAddUrl http://*:80/media/",
-                                "start worker 3", "start issuer", "start sniffer"}) {
+    const std::string kAllocator = "allocator object", kReservation = "reservation",
+                      kPool = "transaction pool", kPoolObject = "transaction pool object";
+    for (const std::string& failing :
+         {std::string("HttpInitialize"), std::string("HttpCreateHttpHandle"),
+          std::string("CreateIoCompletionPort"), kAllocator, kReservation,
+          std::string("HttpAddUrl http://*:80/zem/"), std::string("HttpAddUrl http://*:80/media/"),
+          kPoolObject, kPool, std::string("start worker 3"), std::string("start issuer"),
+          std::string("start sniffer")}) {
         SCOPED_TRACE(failing);
         CFakeSystem own;
-        own.errors[failing] = ERROR_GEN_FAILURE;
+        media.results.clear();
+        if (failing == kReservation)
+            media.results["Initialize"] = E_OUTOFMEMORY;
+        else
+            own.errors[failing] = ERROR_GEN_FAILURE;
+        const bool memory = failing == kAllocator || failing == kPool || failing == kPoolObject;
         const size_t handles = OpenHandles();
         {
-            CHttpCommandHandler failed;
-            failed.Initialize();
+            const auto failed = std::make_unique<CHttpCommandHandler>();
+            if (failing == kAllocator) FailNextNothrowAllocation(1);
+            if (failing == kPoolObject) FailNextNothrowAllocation(sizeof(CHttpXactionPool));
+            if (failing == kPool) FailNextNothrowAllocation(300 * 4096);
+            const HRESULT hr = failed->Initialize();
+            EXPECT_EQ(NothrowAllocationFailed(), memory);
+            if (memory) {
+                EXPECT_EQ(hr, E_OUTOFMEMORY);
+            }
         }
         EXPECT_EQ(OpenHandles(), handles);
         EXPECT_EQ(media.LiveAllocators(), 0);

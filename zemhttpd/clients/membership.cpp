@@ -76,6 +76,15 @@ void WarnOfVersion(CZemEntry& scope, const WCHAR* clientId, const CDescription& 
     scope.LogMsg(TEXT("%s: WARNING: Client version %s mismatches HTTP server version %s - ensure "
                       "both run same software!"),
                  clientId, clientVersion, serverVersion);
+// Null without memory, for the object or for what its constructor makes.
+std::unique_ptr<CZemChannelIo> NewChannel(DWORD number) {
+    try {
+        return std::make_unique<CZemChannelIo>(number);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
 }
 
 LONGLONG Now_seconds() {
@@ -137,8 +146,7 @@ HRESULT CHttpCommandHandler::DoCmdJoin(const ZemCommand& command, DWORD channelI
         const size_t clientsBefore = m_clients.Count();
         if (clientsBefore >= CClientTable::kMaxClients) scope = E_OUTOFMEMORY;
 
-        std::unique_ptr<CZemChannelIo> channel(new (std::nothrow)
-                                                   CZemChannelIo(channelId + kChannelNumberBase));
+        std::unique_ptr<CZemChannelIo> channel = NewChannel(channelId + kChannelNumberBase);
         if (!channel)
             ThrowError(scope, E_OUTOFMEMORY, kSourceCmdHdlr, kLineNoChannel,
                        TEXT("%s: Error associating IO memory allocator with a new ZEM instance"),

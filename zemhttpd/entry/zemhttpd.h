@@ -1,5 +1,6 @@
 // What a host program needs of the library: start and stop one HTTP command server. Called on the
-// host's thread; the library keeps no global server, several may run if their ports differ.
+// host's thread. Port and URLs come from the registry, so a second server on the same registry
+// fails at its URLs.
 #pragma once
 
 #include "platform/platform.h"

@@ -15,6 +15,7 @@
 
 #include <atomic>
 #include <list>
+#include <memory>
 #include <string>
 
 class CZemEntry;
@@ -22,7 +23,7 @@ struct CommandRow;
 
 class CHttpCommandHandler {
 public:
-    CHttpCommandHandler();  // throws HRESULT E_OUTOFMEMORY when the frame pool cannot be had
+    CHttpCommandHandler();  // throws HRESULT E_OUTOFMEMORY
     ~CHttpCommandHandler();
     CHttpCommandHandler(const CHttpCommandHandler&) = delete;
     CHttpCommandHandler& operator=(const CHttpCommandHandler&) = delete;
@@ -187,7 +188,7 @@ private:
     char m_serverName[kNameUnits] = {};  // value of the Server header
     WCHAR m_version[kNameUnits] = {};    // ours, compared with a joining client's
     IZemMemAllocator* m_allocator = nullptr;
-    CFrameIoXactionPool* m_framePool = nullptr;
+    std::unique_ptr<CFrameIoXactionPool> m_framePool;
     CClientTable m_clients;
     std::atomic<DWORD> m_rsDbg{0};  // the trace flag: registry "RsDbg", re-read at every join
     DWORD m_fileServerMode = 0;

@@ -39,17 +39,18 @@ void NTAPI EndAlertableWait(ULONG_PTR) {}
 
 }  // namespace
 
-CHttpCommandHandler::CHttpCommandHandler() {
-    m_framePool = new (std::nothrow) CFrameIoXactionPool;
-    if (!m_framePool) throw static_cast<HRESULT>(E_OUTOFMEMORY);
-    m_urlWords = {TEXT("zem"), TEXT("media")};
+// There is no scope yet that could log: whatever member cannot be had, the caller gets the HRESULT.
+CHttpCommandHandler::CHttpCommandHandler() try
+    : m_framePool(std::make_unique<CFrameIoXactionPool>()), m_urlWords{TEXT("zem"), TEXT("media")} {
+} catch (const std::bad_alloc&) {
+    throw static_cast<HRESULT>(E_OUTOFMEMORY);
 }
 
 CHttpCommandHandler::~CHttpCommandHandler() {
     CZemEntry scope(TEXT("CHttpCommandHandler::~CHttpCommandHandler"));
     try {
         Shutdown();
-        delete m_framePool;
+        m_framePool.reset();
     } catch (...) {
         LogCaught(scope, kSourceCmdHdlr, kCatchLineDestructor);
     }
