@@ -99,6 +99,31 @@ TEST_F(Reply, CommandReplyIsExactlyThis) {
     EXPECT_TRUE(log.Empty());
 }
 
+TEST_F(Reply, NothingOfASentReplyStaysInTheResponse) {
+    for (const ULONG error : {ULONG{NO_ERROR}, ULONG{ERROR_NETNAME_DELETED}}) {
+        http.sendError = error;
+        const auto expectCleared = [this] {
+            const HTTP_RESPONSE& response = xaction.Response();
+            EXPECT_EQ(response.pReason, nullptr);
+            EXPECT_EQ(response.ReasonLength, 0);
+            EXPECT_EQ(response.EntityChunkCount, 0);
+            EXPECT_EQ(response.pEntityChunks, nullptr);
+            EXPECT_EQ(response.Headers.UnknownHeaderCount, 0);
+            EXPECT_EQ(response.Headers.pUnknownHeaders, nullptr);
+        };
+        BYTE* body = nullptr;
+        server.GetZemReplyMsg(xaction, 4, 12, &body);
+        server.SendZemHttpResponse(xaction, E_FAIL, 16, TEXT("client"));
+        expectCleared();
+        EXPECT_EQ(xaction.Response().Headers.KnownHeaders[HttpHeaderContentLength].pRawValue,
+                  nullptr);
+        server.SendGenericZemFailureResponse(E_FAIL, TEXT("client"), xaction);
+        expectCleared();
+        server.SendStatusOnlyError(E_FAIL, TEXT("client"), xaction);
+        expectCleared();
+    }
+}
+
 TEST_F(Reply, HeaderLengthFollowsTheReplyHeaderAndContentLengthTheHandler) {
     BYTE* body = nullptr;
     server.GetZemReplyMsg(xaction, 104, 3, &body);

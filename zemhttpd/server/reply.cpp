@@ -77,15 +77,23 @@ HRESULT CHttpCommandHandler::GetZemReplyMsg(CHttpXaction& xaction, DWORD bodySiz
     *body = reply + kZemHeader_bytes;
     return S_OK;
 }
+// The call is synchronous. Afterwards the response holds neither the reason nor the entity: both
+// may live on a stack.
 
+    HTTP_RESPONSE& response = xaction.Response();
 ULONG CHttpCommandHandler::SendResponse(CHttpXaction& xaction) {
     ULONG sent_bytes = 0;
-    return HttpSendHttpResponse(m_requestQueue, xaction.RequestId(), 0, &xaction.Response(),
-                                nullptr, &sent_bytes, nullptr, 0, nullptr, nullptr);
+    const ULONG error = HttpSendHttpResponse(m_requestQueue, xaction.RequestId(), 0, &response,
+                                             nullptr, &sent_bytes, nullptr, 0, nullptr, nullptr);
+    response.ReasonLength = 0;
+    response.pReason = nullptr;
+    response.EntityChunkCount = 0;
+    response.pEntityChunks = nullptr;
+    return error;
 }
 
-// Sends the entity that the response holds, with the headers of a command reply. They live on the
-// stack: the call is synchronous, and the response does not point at them afterwards.
+// Sends the entity that the response holds, with the headers of a command reply. Those that live
+// here on the stack are taken out of the response again.
 ULONG CHttpCommandHandler::SendCommandReply(CHttpXaction& xaction, ULONGLONG contentLength_bytes,
                                             DWORD zemHeader_bytes) {
     static constexpr char kContentType[] = "application/octet-string";
