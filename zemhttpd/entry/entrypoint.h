@@ -7,8 +7,9 @@
 //     HRESULT CThing::Do() {
 //         CZemEntry scope(TEXT("CThing::Do"));
 //         try {
-//             scope = Callee();                                  // throws the HRESULT when it is
-//             negative ThrowError(scope, hr, kSource, 42, TEXT("%s: no"), name);
+//             scope = Callee();  // throws the HRESULT when it is negative
+//             if (!Fits(name))
+//                 ThrowError(scope, E_INVALIDARG, kSource, 42, TEXT("%s: no"), name);
 //         } catch (...) {
 //             LogCaught(scope, kSource, kCatchLine);
 //         }

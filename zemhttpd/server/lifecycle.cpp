@@ -59,13 +59,9 @@ CHttpCommandHandler::~CHttpCommandHandler() {
 HRESULT CHttpCommandHandler::GetBaseUrl(const WString& word, WString& url) {
     DWORD port = kDefaultPort;
     CRegistryKey(kZemKeyPath).ReadDword(TEXT("HttpPort"), port);
-    WCHAR digits[16];
-    _snwprintf_s(digits, 16, _TRUNCATE, TEXT("%u"), port);
-    url = TEXT("http://*:");
-    url += digits;
-    url += u'/';
-    url += word;
-    url += u'/';
+    WCHAR text[kNameUnits];
+    _snwprintf_s(text, kNameUnits, _TRUNCATE, TEXT("http://*:%u/%s/"), port, word.c_str());
+    url = text;
     return S_OK;
 }
 
@@ -151,10 +147,7 @@ void CHttpCommandHandler::ReadIdentity() {
     std::copy_n(kDefaultVersion, std::size(kDefaultVersion), m_version);
     m_versionLength = kNameUnits;
     CRegistryKey(kProductKeyPath).ReadString(TEXT("version"), m_version, m_versionLength);
-    constexpr char kProduct[] = "Quorvane ZEM /";
-    std::copy_n(kProduct, sizeof(kProduct), m_serverName);
-    NarrowText(m_version, m_serverName + sizeof(kProduct) - 1,
-               sizeof(m_serverName) - (sizeof(kProduct) - 1));
+    _snprintf_s(m_serverName, sizeof(m_serverName), _TRUNCATE, "Quorvane ZEM /%S", m_version);
 
     m_volumeRoot[0] = 0;
     const CRegistryKey volume(kVolumeKeyPath);
