@@ -130,12 +130,9 @@ public:
 
     // --- REQUIRES: the caller holds a CLock ---
     size_t Count() const { return m_clients.Count(); }
-    // Throws HRESULT E_OUTOFMEMORY at kMaxClients or without memory; the record then still is the
-    // caller's.
-    void Insert(const WString& clientId, ZemClient* record) {
-        if (m_clients.Count() >= kMaxClients) throw static_cast<HRESULT>(E_OUTOFMEMORY);
-        m_clients.Set(clientId, record);
-    }
+    bool Full() const { return m_clients.Count() >= kMaxClients; }  // a join asks first
+    // Throws HRESULT E_OUTOFMEMORY without memory; the record then still is the caller's.
+    void Insert(const WString& clientId, ZemClient* record) { m_clients.Set(clientId, record); }
     // The unlinked record with the table's reference, or null for an unknown client.
     ZemClient* Unlink(WStringView clientId);
     // Visits in the order of the client page: visit(const WString& clientId, ZemClient* record).

@@ -144,7 +144,7 @@ HRESULT CHttpCommandHandler::DoCmdJoin(const ZemCommand& command, DWORD channelI
             return scope.GetResult();
         }
         const size_t clientsBefore = m_clients.Count();
-        if (clientsBefore >= CClientTable::kMaxClients) scope = E_OUTOFMEMORY;
+        if (m_clients.Full()) scope = E_OUTOFMEMORY;
 
         std::unique_ptr<CZemChannelIo> channel = NewChannel(channelId + kChannelNumberBase);
         if (!channel)

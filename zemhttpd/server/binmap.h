@@ -141,7 +141,6 @@ private:
 
     Node* TakeNode(const Key& key, Value value) try {
         if (!m_freeSlots) {
-            m_blocks.reserve(m_blocks.size() + 1);
             m_blocks.push_back(std::make_unique<Slot[]>(kNodesPerBlock));
             for (size_t i = 0; i < kNodesPerBlock; ++i)
                 FreeSlot(&m_blocks.back()[i]);

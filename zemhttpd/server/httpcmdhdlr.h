@@ -193,7 +193,8 @@ private:
     std::atomic<DWORD> m_rsDbg{0};  // the trace flag: registry "RsDbg", re-read at every join
     DWORD m_fileServerMode = 0;
     std::list<std::basic_string<WCHAR>> m_urlWords;
-    DWORD m_versionLength = 0;             // in and out of the registry read
+    DWORD m_versionLength = 0;  // of m_version with its NUL, as read: tells a dump's reader whether
+                                // the registry gave it
     WCHAR m_volumeRoot[kNameUnits] = {};   // ends in one backslash; empty: none
     char m_computerName[kNameUnits] = {};  // value of X-ServerName
     CCapacityCache m_capacity;
