@@ -33,6 +33,33 @@ class Membership(ExactCase):
     def test_channel_all_ones(self):
         self.join(channel=0xFFFFFFFF)
 
+    def test_join_without_a_body_reads_channel_0(self):
+        client = self.join('holder')
+        client = self.client('bare')
+        self.ask(client, JOIN, b'', 12, OK, [
+            Trace('{c}: handling CMD_JOIN, chanId 0, transId {t}')] + ([] if self.file_server else [
+            Trace('{c}: Could not set real-time client status; existing client holder')]) + [
+            Always("'(test/x.x.x.x)': Joining %s, chanid 0x0..., total clients 1, transId {t}" % (
+                '' if self.file_server else "as 'non-real-time' client (current real-time client 'holder')")),
+            Trace('{c}: CMD_JOIN OK, transId {t}')])
+        self.members.append(client.id)
+
+    def test_ids_in_utf_8(self):
+        name = '\u00e4\u20ac \U0001f3ac'
+        client = self.join(name)
+        page = client.connection.request('GET', '/media/clients')
+        self.assertEqual(page.body, (name + '\r\n').encode())
+        self.assertEqual(len(self.ledger.take(1 if self.tracing else 0)), 1 if self.tracing else 0)
+
+    def test_id_of_ill_formed_utf_8(self):
+        connection = Connection(self.server.port)
+        self.addCleanup(connection.close)
+        connection.send(b'POST /zem/ HTTP/1.1\r\nHost: a\r\nZem-Id: a\xffb\xc0\xaf\r\nContent-Length: 12\r\n\r\n' +
+                        struct.pack('<III', 8, 99, 0))
+        self.assert_generic(connection.receive(), 8, 99, E_NOTIMPL)
+        lines = self.ledger.take(2)
+        self.assertRegex(lines[0], ': a\ufffdb\ufffd{1,2}: ZEM command 99 not implemented, transId 8\\.$')
+
     def test_ids_that_differ_in_case_are_two_clients(self):
         self.join('Mixed')
         self.join('mixed')
@@ -427,6 +454,28 @@ class Configuration(ExactCase):
                  [Trace(self.HANDLING), self.BEGUN,
                   Error(E_INVALIDARG, 'DoCmdUpdateCfg', '{c}: Failed to update channel config, transId {t}'),
                   Trace(self.DONE), Trace('{c}: error CMD_UPDATE_CFG, transId {t}')], hr=E_INVALIDARG, declared=declared)
+
+    def test_the_frame_rate_takes_effect(self):
+        client = self.join()
+        token = self.create(client, 'rates')  # 25 frames a second
+        for position in range(3):
+            self.write(client, token, position, b'%d' % position)
+        self.flush(client, token)
+
+        def shown(position):
+            reply = self.post(client, READ, read_body([(token, position, 0, 0)]))
+            self.ledger.take(3 if self.tracing else 0)
+            return frame_of(reply)
+
+        self.assertEqual([shown(n) for n in range(3)], [b'0', b'1', b'2'])
+        self.accepted(client, '<channelConfig frameRate="50"/>')
+        self.assertEqual([shown(n) for n in range(6)], [b'0', b'0', b'1', b'1', b'2', b'2'])
+        self.rejected(client, '<channelConfig frameRate="25" other="1"/>')  # all of it or nothing
+        self.assertEqual(shown(3), b'1')
+        self.attribute(client, 'frameRate', '26', E_INVALIDARG)
+        self.assertEqual(shown(3), b'1')
+        self.attribute(client, 'frameRate', 'file')
+        self.assertEqual([shown(n) for n in range(3)], [b'0', b'1', b'2'])
 
     def test_unknown_client(self):
         client = self.client()

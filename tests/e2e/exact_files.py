@@ -4,6 +4,9 @@
 usage: exact_files.py --zemhost PROGRAM [--file-server] [--trace] [unittest arguments]
 """
 
+import select
+import socket
+
 from exact import *
 
 OK = struct.pack('<I', 0)
@@ -671,6 +674,47 @@ class Frames(FilesCase):
                          Error(E_UNEXPECTED, 'GetZemWriteFrameRequestFromHttp', '{c}: WriteFrame data size in header (4 '
                                'bytes) and payload (%d bytes) mismatch, pos 6, transId {t}' % -(12 + len(body))),
                          self.FAILED], {'c': client.id, 't': self.next_trans_id})
+
+    def begin(self, client, code, body, sent, length):
+        """A request of which the client sends a part and no more."""
+        self.next_trans_id += 1
+        type(self).next_trans_id = self.next_trans_id
+        entity = struct.pack('<III', self.next_trans_id, code, len(body)) + body
+        connection = Connection(self.server.port)
+        self.addCleanup(connection.close)
+        connection.send(('POST /zem/ HTTP/1.1\r\nHost: a\r\nZem-Id: %s\r\nContent-Length: %d\r\n\r\n'
+                         % (client.id, len(entity) + length)).encode() + (entity + sent))
+        return connection, {'c': client.id, 't': self.next_trans_id}
+
+    def test_frame_larger_than_all_memory(self):
+        # It is answered before its data is read; what the server has no room for it does not take.
+        client = self.join()
+        token = self.create(client, 'frames/huge')
+        size = 300 << 20
+        connection, names = self.begin(client, WRITE, write_body([(token, 0, [size])]), b'', size)
+        connection.socket.setblocking(False)
+        block, sent = bytes(1 << 20), 0
+        while sent < size and not select.select([connection.socket], [], [], 0)[0]:
+            if select.select([connection.socket], [connection.socket], [], 30)[1]:
+                sent += connection.socket.send(block)
+        connection.socket.settimeout(30)
+        self.assertLess(sent, size)
+        self.assert_reply(connection.receive(), names['t'], 4, OK)
+        self.assert_log([self.HANDLING, self.FAILED], names)
+
+    def test_client_that_goes_away_in_mid_frame(self):
+        client = self.join()
+        token = self.create(client, 'frames/away')
+        # More than sockets buffer: the write has begun by then.
+        size, sent = 100 << 20, 16 << 20
+        connection, names = self.begin(client, WRITE, write_body([(token, 0, [size])]), bytes(sent), size)
+        connection.socket.shutdown(socket.SHUT_WR)
+        gone = win32(64)
+        self.assert_log([self.HANDLING, Error(
+            gone, 'ReadFrameDataIntoBuffer', '{c}: Error receving remaining framewrite data. Total framedata sz %d bytes, '
+            'received %d bytes' % (size, sent)), self.FAILED], names)
+        self.flush(client, token)
+        self.read(client, [(token, 0, 0, 0)], [(END_OF_MEDIA, self.EMPTY)])
 
     def test_writes_that_the_library_fails(self):
         client = self.join()
