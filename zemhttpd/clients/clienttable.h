@@ -72,7 +72,6 @@ private:
     ZemClient* m_record = nullptr;
 };
 
-class CClientTable {
 // The sniffer's list of unlinked records, first in, first out. The link is in the record: between
 // leaving the table and standing here nothing can fail and lose it. One thread.
 class CDeadClients {
@@ -103,6 +102,7 @@ private:
     int m_count = 0;
 };
 
+class CClientTable {
 public:
     static constexpr size_t kMaxClients = 65536;
 

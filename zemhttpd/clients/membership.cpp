@@ -76,6 +76,8 @@ void WarnOfVersion(CZemEntry& scope, const WCHAR* clientId, const CDescription& 
     scope.LogMsg(TEXT("%s: WARNING: Client version %s mismatches HTTP server version %s - ensure "
                       "both run same software!"),
                  clientId, clientVersion, serverVersion);
+}
+
 // Null without memory, for the object or for what its constructor makes.
 std::unique_ptr<CZemChannelIo> NewChannel(DWORD number) {
     try {
@@ -83,8 +85,6 @@ std::unique_ptr<CZemChannelIo> NewChannel(DWORD number) {
     } catch (const std::bad_alloc&) {
         return nullptr;
     }
-}
-
 }
 
 LONGLONG Now_seconds() {

@@ -8,6 +8,11 @@ void CRealTimeClient::Set(const WCHAR* clientId) {
     wcsncpy_s(m_clientId, kNameUnits, clientId, _TRUNCATE);
 }
 
+void CRealTimeClient::ClearIf(const WCHAR* clientId) {
+    const std::lock_guard lock(m_lock);
+    if (_wcsicmp(m_clientId, clientId) == 0) m_clientId[0] = 0;
+}
+
 bool CRealTimeClient::Get(WCHAR (&clientId)[kNameUnits]) const {
     const std::lock_guard lock(m_lock);
     std::copy_n(m_clientId, kNameUnits, clientId);
@@ -18,8 +23,3 @@ bool CRealTimeClient::Is(const WCHAR* clientId) const {
     const std::lock_guard lock(m_lock);
     return m_clientId[0] != 0 && _wcsicmp(m_clientId, clientId) == 0;
 }
-void CRealTimeClient::ClearIf(const WCHAR* clientId) {
-    const std::lock_guard lock(m_lock);
-    if (_wcsicmp(m_clientId, clientId) == 0) m_clientId[0] = 0;
-}
-

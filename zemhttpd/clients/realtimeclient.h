@@ -12,11 +12,11 @@ class CRealTimeClient {
 public:
     // At most 259 characters are kept; an empty ID means that there is no real-time client.
     void Set(const WCHAR* clientId);
+    // Clears the ID if it still is this one.
+    void ClearIf(const WCHAR* clientId);
     // Copies the ID out; false, and an empty text, when there is no real-time client.
     bool Get(WCHAR (&clientId)[kNameUnits]) const;
     // Whether there is a real-time client and it is this one, letter case aside.
-    // Clears the ID if it still is this one.
-    void ClearIf(const WCHAR* clientId);
     bool Is(const WCHAR* clientId) const;
 
 private:

@@ -16,11 +16,11 @@ constexpr DWORD kReplySetIoRealTime = 15;
 constexpr DWORD kStatusBody_bytes = 4;
 constexpr ULONGLONG kStatusReply_bytes = kZemHeader_bytes + kStatusBody_bytes;
 
+}  // namespace
+
 bool CHttpCommandHandler::GetRealTimeIoClient(WCHAR (&clientId)[kNameUnits]) const {
     return m_realTimeClient.Get(clientId);
 }
-
-}  // namespace
 
 HRESULT CHttpCommandHandler::SetRealTimeIoClient(const WCHAR* clientId) {
     CZemEntry scope(TEXT("CHttpCommandHandler::SetRealTimeIoClient"));
@@ -84,11 +84,11 @@ HRESULT CHttpCommandHandler::DoCmdSetIoRealTime(const ZemCommand& command) {
             scope.Trace(TEXT("%s: Real-time IO disabled for %s"), clientId, old);
         }
         scope.Trace(TEXT("%s: Enabling real-time IO for %s..."), clientId, clientId);
+        scope.SetResult(sender.Channel()->SetIoRealTime(TRUE));
+        SetRealTimeIoClient(clientId);
         // A leave or a purge that came in between found nothing to give up, and a recorded ID of
         // nobody would keep everyone else from the status.
         if (!LookupClient(clientId, false)) m_realTimeClient.ClearIf(clientId);
-        scope.SetResult(sender.Channel()->SetIoRealTime(TRUE));
-        SetRealTimeIoClient(clientId);
         if (!scope.Failed())
             scope.Trace(TEXT("%s: Real-time IO enabled for %s"), clientId, clientId);
     } catch (...) {

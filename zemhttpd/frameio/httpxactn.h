@@ -167,8 +167,10 @@ private:
     int m_freeCount = 0;
     CRITICAL_SECTION m_lock;  // guards the ring
     HANDLE m_semaphore = nullptr;
-    std::atomic<int> m_posted{
-        0};  // receives with the interface; below 0 for a moment when a worker is faster
+    // Receives that no worker has picked up yet; below 0 for a moment when a worker is faster.
+    // Where completions queue up in the port (Windows), those count as posted too, so that the
+    // issuer may sleep longer than it should; the next pick-ups put that right.
+    std::atomic<int> m_posted{0};
     std::atomic<int> m_withheld{0};  // blocks in the ring that the semaphore does not count yet
 };
 

@@ -41,6 +41,7 @@ public:
     static unsigned WINAPI HttpRequestHandler(void* server);
 
     // --- request assembly and dispatch (server/dispatch.cpp), worker threads ---
+    // S_FALSE exactly when the handler went asynchronous: the block is its completion's then.
     HRESULT ProcessRequest(CHttpXaction& xaction);
     HRESULT GetCompleteRequest(ZemCommand& command);
 
@@ -49,7 +50,6 @@ public:
                            BYTE** body);
     HRESULT SendZemHttpResponse(CHttpXaction& xaction, HRESULT hr, ULONGLONG contentLength_bytes,
                                 const WCHAR* clientId);
-    // S_FALSE exactly when the handler went asynchronous: the block is its completion's then.
     HRESULT SendGenericZemFailureResponse(HRESULT hr, const WCHAR* clientId, CHttpXaction& xaction);
     HRESULT SendStatusOnlyError(HRESULT hr, const WCHAR* clientId,
                                 CHttpXaction& xaction);  // 500 "Error 0x..."

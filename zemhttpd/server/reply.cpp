@@ -77,11 +77,11 @@ HRESULT CHttpCommandHandler::GetZemReplyMsg(CHttpXaction& xaction, DWORD bodySiz
     *body = reply + kZemHeader_bytes;
     return S_OK;
 }
+
 // The call is synchronous. Afterwards the response holds neither the reason nor the entity: both
 // may live on a stack.
-
-    HTTP_RESPONSE& response = xaction.Response();
 ULONG CHttpCommandHandler::SendResponse(CHttpXaction& xaction) {
+    HTTP_RESPONSE& response = xaction.Response();
     ULONG sent_bytes = 0;
     const ULONG error = HttpSendHttpResponse(m_requestQueue, xaction.RequestId(), 0, &response,
                                              nullptr, &sent_bytes, nullptr, 0, nullptr, nullptr);
