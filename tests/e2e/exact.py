@@ -348,12 +348,23 @@ class ExactCase(unittest.TestCase):
         self.assertEqual(token == 0, library is not None)
         return token
 
+    def settle(self, client):
+        """A write is answered before it is issued. The writes of a client run one after another: when a second one, which
+        is refused, has been answered, the first has been issued, and a flush waits for it."""
+        if client.id in self.members:
+            self.ask(client, WRITE, struct.pack('<II8x', 0, 0), 4, struct.pack('<I', 0),
+                     [Trace('{c}: handling CMD_WRITE_FRAME, transId {t}'),
+                      Scope(E_INVALIDARG, 'GetZemWriteFrameRequestFromHttp'),
+                      Trace('{c}: error CMD_WRITE_FRAME, transId {t}')])
+
     def flush(self, client, token, library=None):
+        self.settle(client)
         self.simple(client, FLUSH, struct.pack('<Q', token), 8, 'DoCmdFlushBuffers', library,
                     '{c}: handling CMD_FLUSH_BUFFERS, token %x, transId {t}' % token,
                     '{c}: CMD_FLUSH_BUFFERS OK, token %x, transId {t}' % token)
 
     def close_file(self, client, token, library=None):
+        self.settle(client)
         self.simple(client, CLOSE, struct.pack('<Q', token), 5, 'DoCmdCloseFile', library,
                     '{c}: handling CMD_CLOSE_FILE, token %x, transId {t}' % token,
                     '{c}: CMD_CLOSE_FILE OK, token %x, transId {t}' % token)

@@ -312,6 +312,7 @@ class Metadata(FilesCase):
             self.ask(client, WRITE, struct.pack('<II8x', 9, 1) + entry.ljust(96, b'\0'), 4, OK,
                      [Trace('{c}: handling CMD_WRITE_FRAME, transId {t}')],
                      beside=[Trace('{c}: handling write-frame complete apc, transId {t}')])
+        self.settle(client)
         self.marks(client, token, 2, 5)
         self.marks2(client, 'marked', struct.pack('<II', 2, 5))
         self.marks2(client, 'unmarked', name_field('unmarked')[4:12], library=NOT_FOUND)

@@ -172,7 +172,10 @@ class Client:
         return self.post(WRITE, write_body([(token, position, [len(data)])]), data)
 
     def flush(self, token):
-        """A write is answered before it is done; after the flush it is."""
+        """A write is answered before it is issued. A client's writes run one after another: when this one, which is
+        refused, has been answered, the earlier ones are issued, and the flush waits until they are done."""
+        entity = struct.pack('<III', 0, WRITE, 16) + bytes(16)
+        self.connection.request('POST', '/zem/', self.headers(len(entity)), entity)
         return self.post(FLUSH, struct.pack('<Q', token))
 
     def read(self, token, position, flags=0, user=0):
