@@ -19,9 +19,9 @@ public:
     CZemIo(const CZemIo&) = delete;
     CZemIo& operator=(const CZemIo&) = delete;
 
-    // Creates a file for writing (and reading); missing directories are made on the way. Without kFileCreateNew or
-    // kFileTruncate an existing file of the same media type keeps its frames. ERROR_SHARING_VIOLATION: it has a writer.
-    // The token is never 0 on success. `security` is null.
+    // Creates a file for writing (and reading); missing directories are made on the way. Without
+    // kFileCreateNew or kFileTruncate an existing file of the same media type keeps its frames.
+    // ERROR_SHARING_VIOLATION: it has a writer. The token is never 0 on success. `security` is
     // null.
     virtual HRESULT CreateFileW(const WCHAR* fileName, const WCHAR* auxName,
                                 const ZemEsDesc& esDesc, DWORD createFlags, void* security,
@@ -56,12 +56,13 @@ public:
                                  VioFrameRate_t rate);
     virtual HRESULT FlushBuffers(
         ULONGLONG token);  // returns after data and index are on the device
-    // Marks that were never set are 0 and the frame count. They are set by writing frames 0 and 1 of stream `mk`: the
-    // description's position is the mark.
+    // Marks that were never set are 0 and the frame count. They are set by writing frames 0 and 1
+    // of stream `mk`: the description's position is the mark.
     virtual HRESULT GetFileMarks(ULONGLONG token, DWORD& firstMark, DWORD& secondMark);
     virtual HRESULT GetFileMarks(const WCHAR* fileName, const WCHAR* auxName, MediaFileType type,
                                  DWORD openFlags, DWORD& firstMark, DWORD& secondMark);
-    // Gives every frame, those still to come included, a running timecode from `start`: all or nothing, durable.
+    // Gives every frame, those still to come included, a running timecode from `start`: all or
+    // nothing, durable.
     virtual HRESULT StripeTimecode(const WCHAR* fileName, const WCHAR* auxName, MediaFileType type,
                                    DWORD openFlags, const vdrTimecode_s& start, DWORD stripeFlags);
     virtual const WCHAR* GetClientId() const;  // valid until SetClientId or destruction
@@ -69,7 +70,8 @@ public:
     virtual HRESULT Disconnect();
     virtual HRESULT SetRemoteIoRealTime(BOOL on);
     virtual HRESULT SetIoRealTime(BOOL on);
-    // Erases the frames from segmentA to before segmentB (0xFFFFFFFF: to the end), durably; holes stay holes.
+    // Erases the frames from segmentA to before segmentB (0xFFFFFFFF: to the end), durably; holes
+    // stay holes.
     virtual HRESULT EraseSegment(ULONGLONG token, DWORD segmentA, DWORD segmentB,
                                  MediaFileType type);
     virtual HRESULT QueryFileSystemSpace(const WCHAR* volumeName, ULARGE_INTEGER& total,

@@ -108,12 +108,13 @@ inline constexpr bool IsSpecialToken(uint64_t token) {
     return kind == kTokenKindTimecode || kind == kTokenKindData || kind == kTokenKindMarker;
 }
 
-// An entry's stream flags. Reads: bit 31, the client wants status and length of the frame, no data. Writes: bit 0, the
-// frame is a key frame (kFrameFlagKey). Others are ignored.
+// An entry's stream flags. Reads: bit 31, the client wants status and length of the frame, no data.
+// Writes: bit 0, the frame is a key frame (kFrameFlagKey). Others are ignored.
 inline constexpr uint32_t kStreamFlagNoData = 0x80000000u;
 inline constexpr uint32_t kStreamFlagKeyFrame = 0x1;
 
-// CMD_STRIPE_TIMECODE flags: count in drop-frame (as does a start address with its drop-frame bit set).
+// CMD_STRIPE_TIMECODE flags: count in drop-frame (as does a start address with its drop-frame bit
+// set).
 inline constexpr uint32_t kStripeDropFrame = 0x1;
 
 // Results of the media library that have no system error of their own (severity error, interface
@@ -131,9 +132,9 @@ struct ZemIoBuffer {
 inline constexpr int kMaxStreamEntries = 22;   // entries of one frame I/O
 inline constexpr int kMaxBuffersPerEntry = 6;  // buffers of one entry
 
-// One elementary stream of a frame I/O. A frame that is read arrives in one buffer; the last buffer slot is the library's
-// own until ReadFrameComplete. `special` aliases the words from bufferCount on for special
-// tokens.
+// One elementary stream of a frame I/O. A frame that is read arrives in one buffer; the last buffer
+// slot is the library's own until ReadFrameComplete. `special` aliases the words from bufferCount
+// on for special tokens.
 struct ElemStrmEntry {
     int32_t status;  // HRESULT of this stream, set by the library
     uint64_t token;
