@@ -11,7 +11,8 @@ import unittest
 from wire import *
 
 MARK_CODE = 0x7F000000  # no such command: a request for it is certain to be logged
-RECORD = re.compile(r'.{23} (\S+) +\[\d+\] (.*)')
+RECORD = re.compile(r'.{23} (\S+) +(\[\d+\]) (.*)')
+REST = re.compile(r'(?:\S+\.cpp\(-?\d+\) 0x[0-9a-f]{8}(?: \d+ ms)?: )?\.\.\. (.*)')
 PLACE = re.compile(r'(\S+\.cpp)\((-?\d+)\) (0x[0-9a-f]{8})(?: \d+ ms)?: (.*)')
 SCOPE = re.compile(r'(0x[0-9a-f]{8}) in (\S+)')
 DATE = re.compile(r'(Mon|Tue|Wed|Thu|Fri|Sat|Sun), \d\d (Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) '
@@ -86,12 +87,8 @@ def unknown_client(name):
     return Error(E_INVALIDARG, name, '{c}: Unknown client; transId {t}!')
 
 
-def normal(line):
-    """A record without time, thread, elapsed time; None for what depends on the machine's speed."""
-    match = RECORD.fullmatch(line)
-    if not match:
-        return line
-    word, text = match.groups()
+def normal(word, text):
+    """A record without time, thread and elapsed time; None for what depends on the machine's speed."""
     if word == 'slow' or word.startswith('level'):
         return None
     place = PLACE.fullmatch(text)
@@ -114,6 +111,7 @@ class Ledger:
 
     def __init__(self, server):
         self.server, self.offset, self.kept, self.marks = server, 0, [], 0
+        self.last = {}  # of each thread: the index of its last record in `kept`
         self.connection = None
 
     def close(self):
@@ -138,29 +136,38 @@ class Ledger:
             text = log.read()
         whole = text[:text.rfind(b'\n') + 1]
         self.offset += len(whole)
-        self.kept += [line for line in map(normal, whole.decode('utf-8').splitlines()) if line is not None]
+        for line in whole.decode('utf-8').splitlines():
+            match = RECORD.fullmatch(line)
+            word, thread, text = match.groups() if match else ('', '', line)
+            rest = REST.fullmatch(text)
+            if rest and thread in self.last:  # a busy machine: the rest of a message came late
+                self.kept[self.last[thread]] += rest[1]
+                continue
+            record = normal(word, text)
+            if record is not None:
+                self.last[thread] = len(self.kept)
+                self.kept.append(record)
 
-    def take(self, count, timeout_s=20):
-        """All lines since the last call: at least `count` are waited for, and the mark that follows them."""
+    def take(self, count, good=None, timeout_s=20):
+        """All lines since the last call but the mark that is set now. At least `count` are waited for, and until they are
+        `good`; what a worker writes after its reply may come later than the mark, but not much."""
         mark = self.mark()
         end = time.monotonic() + timeout_s
         marked = False
         while True:
             self.more()
-            at = [i for i, line in enumerate(self.kept) if same(mark[0], line)]
-            if at and mark[1] in self.kept[at[0]:]:
-                if len(self.kept) >= count + 2:
+            taken = list(self.kept)
+            at = next((i for i, line in enumerate(taken) if same(mark[0], line)), None)
+            if at is not None and mark[1] in taken[at:]:
+                del taken[taken.index(mark[1], at)], taken[at]
+                if len(taken) >= count and (good is None or good(taken)):
                     break
-                if not marked:  # what a worker writes after its reply may come later, but not much
+                if not marked:
                     marked, end = True, time.monotonic() + 2
             if time.monotonic() > end:
                 break
             time.sleep(0.002)  # the log has a thread of its own
-        taken, self.kept = self.kept, []
-        if at:
-            del taken[at[0]]
-            if mark[1] in taken[at[0]:]:
-                del taken[taken.index(mark[1], at[0])]
+        self.kept, self.last = [], {}
         return taken
 
 
@@ -217,14 +224,19 @@ class ExactCase(unittest.TestCase):
             return found
 
         main, other = texts(expected), texts(beside)
-        found = self.ledger.take(len(main) + len(other))
-        rest, here = list(found), []
-        for text in other:
-            at = next((i for i, line in enumerate(rest) if same(text, line)), None)
-            if at is not None:
-                here.append(rest.pop(at))
-        good = (len(rest) == len(main) and all(map(same, main, rest)) and len(here) == len(other))
-        self.assertTrue(good, 'the log has\n  %s\nexpected\n  %s' % ('\n  '.join(found), '\n  '.join(main + other)))
+
+        def good(lines):
+            rest = list(lines)
+            for text in other:
+                at = next((i for i, line in enumerate(rest) if same(text, line)), None)
+                if at is None:
+                    return False
+                del rest[at]
+            return len(rest) == len(main) and all(map(same, main, rest))
+
+        found = self.ledger.take(len(main) + len(other), good)
+        self.assertTrue(good(found), 'the log has\n  %s\nexpected\n  %s'
+                        % ('\n  '.join(found), '\n  '.join(main + other)))
 
     # What the reply must be.
 
