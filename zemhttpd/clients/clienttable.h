@@ -7,6 +7,7 @@
 #include "mediaio/zemchannelio.h"
 #include "platform/platform.h"
 #include "zemhttpd/server/binmap.h"
+#include "zemhttpd/server/sectionguard.h"
 
 #include <atomic>
 #include <cstddef>
@@ -114,15 +115,10 @@ public:
     // The lock may be entered again by the thread that holds it.
     class CLock {
     public:
-        explicit CLock(CClientTable& table) : m_section(table.m_section) {
-            EnterCriticalSection(&m_section);
-        }
-        ~CLock() { LeaveCriticalSection(&m_section); }
-        CLock(const CLock&) = delete;
-        CLock& operator=(const CLock&) = delete;
+        explicit CLock(CClientTable& table) : m_guard(table.m_section) {}
 
     private:
-        CRITICAL_SECTION& m_section;
+        CSectionGuard m_guard;
     };
 
     // Takes the lock for the length of the search only; empty when the client is unknown.

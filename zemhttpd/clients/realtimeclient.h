@@ -6,10 +6,13 @@
 #include "platform/platform.h"
 #include "zemhttpd/commands/command.h"
 
-#include <mutex>
-
 class CRealTimeClient {
 public:
+    CRealTimeClient();
+    ~CRealTimeClient();
+    CRealTimeClient(const CRealTimeClient&) = delete;
+    CRealTimeClient& operator=(const CRealTimeClient&) = delete;
+
     // At most 259 characters are kept; an empty ID means that there is no real-time client.
     void Set(const WCHAR* clientId);
     // Clears the ID if it still is this one.
@@ -20,6 +23,6 @@ public:
     bool Is(const WCHAR* clientId) const;
 
 private:
-    mutable std::mutex m_lock;
+    mutable CRITICAL_SECTION m_lock;  // guards the text
     WCHAR m_clientId[kNameUnits] = {};
 };

@@ -10,21 +10,13 @@
 
 #include "zemhttpd/entry/entrypoint.h"
 #include "zemhttpd/server/registrykey.h"
+#include "zemhttpd/server/sectionguard.h"
 
 namespace {
 
-class CSectionGuard {
-public:
-    explicit CSectionGuard(CRITICAL_SECTION& section) : m_section(section) {
-        EnterCriticalSection(&m_section);
-    }
-    ~CSectionGuard() { LeaveCriticalSection(&m_section); }
-    CSectionGuard(const CSectionGuard&) = delete;
-    CSectionGuard& operator=(const CSectionGuard&) = delete;
-
-private:
-    CRITICAL_SECTION& m_section;
-};
+constexpr LONG kLineAllocate = 71;
+constexpr LONG kLineSemaphore = 85;
+constexpr LONG kCatchLineInit = 93;
 
 bool ReclaimWanted() {
     DWORD value = 0;
