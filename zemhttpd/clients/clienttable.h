@@ -136,6 +136,11 @@ public:
     void ForEach(Visit visit) {
         m_clients.ForEach(visit);
     }
+    // The same until visit returns false.
+    template <class Visit>
+    void ForEachWhile(Visit visit) {
+        m_clients.ForEachWhile(visit);
+    }
     // Unlinks every entry for which take(const WString& clientId, ZemClient* record) is true.
     template <class Take>
     void UnlinkIf(Take take) {

@@ -82,9 +82,17 @@ public:
     // Visits every entry in walking order: visit(const Key&, Value&).
     template <class Visit>
     void ForEach(Visit visit) {
+        ForEachWhile([&](const Key& key, Value& value) {
+            visit(key, value);
+            return true;
+        });
+    }
+    // The same until visit returns false.
+    template <class Visit>
+    void ForEachWhile(Visit visit) {
         for (Node* node : m_bins)
             for (; node; node = node->next)
-                visit(std::as_const(node->key), node->value);
+                if (!visit(std::as_const(node->key), node->value)) return;
     }
 
     // Takes out every entry for which take(const Key&, Value&) is true. No entry moves during the

@@ -4,6 +4,13 @@
 #include "zemhttpd/entry/entrypoint.h"
 #include "zemhttpd/server/httpcmdhdlr.h"
 
+namespace {
+
+constexpr LONG kCatchLineCapacity = 3380;
+constexpr LONG kCatchLineClients = 3412;
+
+}  // namespace
+
 void CHttpCommandHandler::GetCapacityString(const WCHAR* label, char* out, int size_bytes) {
     CZemEntry scope(TEXT("CHttpCommandHandler::GetCapacityString"));
     try {
@@ -32,7 +39,7 @@ void CHttpCommandHandler::GetCapacityString(const WCHAR* label, char* out, int s
         sprintf_s(out, static_cast<size_t>(size_bytes), "%x %I64u %I64u", error, free_bytes,
                   total_bytes);
     } catch (...) {
-        LogCaught(scope, kSourceCmdHdlr, __LINE__);
+        LogCaught(scope, kSourceCmdHdlr, kCatchLineCapacity);
     }
 }
 
@@ -41,21 +48,19 @@ void CHttpCommandHandler::GetClientsInfo(const WCHAR*, char* out, int size_bytes
     try {
         const size_t size = static_cast<size_t>(size_bytes);
         size_t used = std::strlen(out);
-        bool full = false;
         const CClientTable::CLock lock(m_clients);
-        m_clients.ForEach([&](const WString& clientId, ZemClient*) {
-            if (full) return;
+        m_clients.ForEachWhile([&](const WString& clientId, ZemClient*) {
             char line[4 * kNameUnits];  // 259 units are at most 777 bytes of UTF-8
             sprintf_s(line, sizeof(line), "%S\r\n", clientId.c_str());
             const size_t length = std::strlen(line);
             // The page ends at the last whole line that fits.
-            full = used + length >= size;
-            if (full) return;
+            if (used + length >= size) return false;
             std::memcpy(out + used, line, length + 1);
             used += length;
+            return true;
         });
         if (used == 0) strcpy_s(out, size, "No Clients\r\n");
     } catch (...) {
-        LogCaught(scope, kSourceCmdHdlr, __LINE__);
+        LogCaught(scope, kSourceCmdHdlr, kCatchLineClients);
     }
 }
