@@ -17,9 +17,15 @@ protected:
         log.Reset();
     }
     ~CCommandTest() override {
+        ReleaseTaken();
+        FakeMedia().onCall = nullptr;
+    }
+
+    // Gives back the blocks of the requests so far: the pool has few.
+    void ReleaseTaken() {
         for (CHttpXaction* xaction : m_taken)
             Pool().Release(xaction);
-        FakeMedia().onCall = nullptr;
+        m_taken.clear();
     }
 
     // Runs the request in a block that is taken for the rest of the test, unless an asynchronous

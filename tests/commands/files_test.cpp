@@ -216,10 +216,13 @@ TEST_F(Files, FrameDescriptorsWithoutScratchMemoryAreAGenericFailure) {
     FailNextNothrowAllocation(40 * sizeof(ZemFrameDesc));
     EXPECT_EQ(Run(8, Bytes(kToken, DWORD{0}, LONG{40}, LONG{0})), E_OUTOFMEMORY);
     EXPECT_TRUE(NothrowAllocationFailed());
-    EXPECT_EQ(http.Last().status, 500);
-    EXPECT_EQ(http.Last().Word(12), E_OUTOFMEMORY);
-    EXPECT_EQ(media.Count("GetFrameDesc/token"), 0u);
-    EXPECT_EQ(Channel()->Counters().failedRealTimeIoMsgs, 1u);
+    ExpectGenericFailure(8, E_OUTOFMEMORY);
+    FailNextNothrowAllocation(40 * sizeof(ZemFrameDesc));
+    EXPECT_EQ(Run(9, NameBlock(TEXT("f")) + Bytes(DWORD{0}, LONG{40})), E_OUTOFMEMORY);
+    EXPECT_TRUE(NothrowAllocationFailed());
+    ExpectGenericFailure(9, E_OUTOFMEMORY);
+    EXPECT_EQ(media.Count("GetFrameDesc/token") + media.Count("GetFrameDesc/name"), 0u);
+    EXPECT_EQ(Channel()->Counters().failedRealTimeIoMsgs, 2u);
 }
 
 TEST_F(Files, MarksAreReturnedByTokenAndByName) {
@@ -352,6 +355,46 @@ TEST_F(Files, ALeaveDuringTheCallKeepsTheChannelUntilItReturns) {
     EXPECT_EQ(Run(10, Bytes(kToken)), S_OK);
     EXPECT_EQ(media.Count("~CZemChannelIo"), 1u);
     EXPECT_EQ(Channel(), nullptr);
+}
+
+TEST_F(Files, TheCountOf88EndsWithTheEntryThatLiesOverIt) {
+    media.frameDescs.resize(90);
+    for (DWORD i = 0; i < 90; ++i)
+        media.frameDescs[i].dataSize = 0x1000 + i;
+    EXPECT_EQ(Run(9, NameBlock(TEXT("f")) + Bytes(DWORD{7}, LONG{88})), S_OK);
+    EXPECT_EQ(media.Calls("GetFrameDesc/name").at(0).count, 88);
+    media.frameDescs.clear();
+    const std::string body = Body().substr(12);
+    ASSERT_EQ(body.size(), 24u * 88 - 4);
+    for (DWORD i = 0; i < 83; ++i)  // from position 7 on the library knows 83 frames
+        EXPECT_EQ(body.substr(8 + 12 * i, 4), Bytes(DWORD{0x1000 + 7 + i})) << i;
+    EXPECT_EQ(body.substr(8 + 12 * 87, 12), std::string(12, '\0')) << "over the count";
+    EXPECT_EQ(body.substr(8 + 12 * 88), std::string(body.size() - 8 - 12 * 88, '\0'));
+}
+
+TEST_F(Files, TheUnwrittenTailHoldsNothingOfEarlierRequests) {
+    // Every block of the pool has seen other bytes where the tail will lie.
+    for (int i = 0; i < kBlocks; ++i)
+        Post(Command(1, 5, std::string(3000, '\x77')));
+    const std::string request =
+        NameBlock(TEXT("clip"), TEXT("v0"), 1, 5) + Bytes(DWORD{0}, LONG{80});
+    EXPECT_EQ(Run(9, request), S_OK);
+    const std::string body = Body().substr(12);
+    ASSERT_EQ(body.size(), 24u * 80 - 4);
+    const size_t written = 8 + 12 * 80;
+    EXPECT_EQ(body.substr(written, request.size() - written), request.substr(written));
+    EXPECT_EQ(body.substr(request.size()), std::string(body.size() - request.size(), '\0'));
+}
+
+TEST_F(Files, TheLastPositionOfAllIsPassedAndPrinted) {
+    SetTracing(true);
+    EXPECT_EQ(Run(8, Bytes(kToken, DWORD{0xFFFFFFFF}, LONG{1}, LONG{0})), S_OK);
+    EXPECT_EQ(media.Calls("GetFrameDesc/token").at(0).position, 0xFFFFFFFFu);
+    EXPECT_EQ(Traces()[0],
+              "client: handling GET_FRAME_DESC, token 0xabcdef0112345678, pos 4294967295, transId "
+              "4711");
+    EXPECT_EQ(Run(9, NameBlock(TEXT("f")) + Bytes(DWORD{0xFFFFFFFE}, LONG{1})), S_OK);
+    EXPECT_EQ(media.Calls("GetFrameDesc/name").at(0).position, 0xFFFFFFFEu);
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 // building, the log of the operation; traces, stages, and what happens when client, library or
 // reply fail.
 #include <ostream>
+#include <set>
+#include <stdexcept>
 
 #include "tests/commands/commandtest.h"
 
@@ -468,6 +470,29 @@ TEST_P(FileCommand, AFailedSendChangesNothing) {
     http.sendError = ERROR_NETNAME_DELETED;
     EXPECT_EQ(Run(row.code, row.body), S_OK);
     EXPECT_EQ(http.SentCount(), 2u) << "no second answer";
+}
+
+class FileCommandLines : public CCommandTest {};
+
+TEST_F(FileCommandLines, ARecordsLineNamesItsCommand) {
+    std::set<LONG> lines;
+    const WString unknown = TEXT("ghost: Unknown client; transId 4711!");
+    for (const Row& row : Rows()) {
+        log.Reset();
+        Run(row.code, row.body, "ghost");
+        EXPECT_TRUE(lines.insert(log.Error(unknown).line).second) << row.name;
+        media.onCall = [&](const MediaCall& call) {
+            if (call.op == row.op) throw std::runtime_error("a host's module");
+        };
+        log.Reset();
+        Run(row.code, row.body);
+        media.onCall = nullptr;
+        const LogRecord inner = log.Error(TEXT("Unknown error"));
+        EXPECT_EQ(inner.hr, E_FAIL);
+        EXPECT_TRUE(lines.insert(inner.line).second) << row.name;
+        ReleaseTaken();
+    }
+    EXPECT_EQ(lines.size(), 2 * Rows().size());
 }
 
 }  // namespace

@@ -309,4 +309,56 @@ TEST_F(UpdateCfg, WithoutAnApartmentTheDocumentCannotBeCreated) {
     CoInitializeEx(nullptr, COINIT_MULTITHREADED);
 }
 
+TEST_F(UpdateCfg, TheUpdateItselfIsTracedWithoutTheFlag) {
+    EXPECT_EQ(Run(14, Text(kXml)), S_OK);
+    EXPECT_EQ(Traces(), (std::vector<std::string>{"client: Updating channel configuration...",
+                                                  "client: Channel configuration updated"}));
+}
+
+TEST_F(UpdateCfg, Exactly16MiBAreTaken) {
+    constexpr size_t kMax_bytes = size_t{16} << 20;
+    const WString xml = TEXT("<c>") + WString(kMax_bytes / 2 - 7, TEXT('x')) + TEXT("</c>");
+    const std::string text = Text(xml);
+    ASSERT_EQ(text.size(), kMax_bytes);
+    size_t length = 0;
+    media.onCall = [&](const MediaCall&) { length = http.BodyReads().at(0).asked_bytes; };
+    RequestSpec spec;
+    spec.entity = Command(kTransId, 14, text.substr(0, 8), static_cast<DWORD>(text.size()));
+    http.FeedBody(text.substr(8));
+    EXPECT_EQ(Run(spec), S_OK);
+    EXPECT_EQ(media.Count("UpdateChannelConfigInt"), 1u);
+    EXPECT_EQ(length, kMax_bytes - 8);
+    ExpectReply(S_OK);
+}
+
+TEST_F(UpdateCfg, AReplyThatCannotBeBuiltLeavesTheChannelAlone) {
+    RequestSpec spec;
+    spec.entity = Command(kTransId, 14, "", 4);  // the header fills the posted buffer's end
+    spec.entityOffset = CHttpXaction::RequestBufferSize() - spec.entity.size();
+    http.FeedBody("abcd");
+    EXPECT_EQ(Run(spec), E_INVALIDARG);
+    EXPECT_EQ(media.Count("UpdateChannelConfigInt"), 0u);
+    EXPECT_EQ(http.SentCount(), 2u);
+    EXPECT_EQ(http.Last().status, 500);
+    EXPECT_EQ(http.Last().reason, "Error 0x80070057");
+}
+
+TEST_F(UpdateCfg, ADocumentThatFindsNoMemoryIsLoggedAndAnswered) {
+    // Fails one allocation after the other until the one comes that the document's text needs.
+    const WString message = TEXT("client: Error loading remote channel config XML, transId 4711");
+    for (uint64_t skipped = 0; skipped < 100 && !log.Has(kErrorLogLevelError, message); ++skipped) {
+        CHttpXaction& xaction = Take();
+        RequestSpec spec;
+        spec.entity = Command(kTransId, 14, Text(kXml));
+        Lay(xaction, spec);
+        FailAllocationAfter(skipped);
+        server.ProcessRequest(xaction);
+        AllocationFailed();
+        Pool().Release(&xaction);
+    }
+    EXPECT_EQ(log.Error(message).hr, E_OUTOFMEMORY);
+    ExpectReply(E_OUTOFMEMORY);
+    EXPECT_EQ(media.Count("UpdateChannelConfigInt"), 0u);
+}
+
 }  // namespace

@@ -26,8 +26,6 @@ constexpr LONG kCatchLineDelete = 1398;
 constexpr DWORD kReplyJoin = 12;
 constexpr DWORD kReplyLeave = 13;
 constexpr DWORD kReplyKeepAlive = 14;
-constexpr DWORD kStatusBody_bytes = 4;
-constexpr ULONGLONG kStatusReply_bytes = kZemHeader_bytes + kStatusBody_bytes;
 
 constexpr DWORD kNoChannel = 255;  // a join that creates nothing
 constexpr DWORD kChannelNumberBase = 0x8000;

@@ -13,8 +13,6 @@ constexpr LONG kLineAmbiguous = 1592;
 constexpr LONG kCatchLineDoSetIoRealTime = 1618;
 
 constexpr DWORD kReplySetIoRealTime = 15;
-constexpr DWORD kStatusBody_bytes = 4;
-constexpr ULONGLONG kStatusReply_bytes = kZemHeader_bytes + kStatusBody_bytes;
 
 }  // namespace
 
@@ -68,8 +66,8 @@ HRESULT CHttpCommandHandler::DoCmdSetIoRealTime(const ZemCommand& command) {
         const WCHAR* const clientId = command.clientId;
         const CZemClientRef sender = LookupClient(clientId, true);
         if (!sender)
-            ThrowError(scope, E_INVALIDARG, kSourceCmdHdlr, kLineUnknownClient,
-                       TEXT("%s: Unknown client; transId %u!"), clientId, command.transId);
+            ThrowError(scope, E_INVALIDARG, kSourceCmdHdlr, kLineUnknownClient, kUnknownClient,
+                       clientId, command.transId);
         WCHAR old[kNameUnits];
         if (GetRealTimeIoClient(old) && _wcsicmp(old, clientId) != 0) {
             scope.Trace(TEXT("%s: Disabling real-time IO for %s..."), clientId, old);

@@ -8,9 +8,14 @@
 
 class CHttpXaction;
 
-inline constexpr DWORD kZemHeader_bytes = 12;     // ZemRequestHdr and ZemReplyHdr
+inline constexpr DWORD kZemHeader_bytes = 12;  // ZemRequestHdr and ZemReplyHdr
+inline constexpr DWORD kStatusBody_bytes = 4;  // of most replies: one HRESULT
+inline constexpr DWORD kStatusReply_bytes = kZemHeader_bytes + kStatusBody_bytes;
 inline constexpr DWORD kNoTransId = 0xFFFFFFFFu;  // the request header was not read yet
 inline constexpr int kNameUnits = 260;  // UTF-16 units of a name field, a client ID, a path
+
+// What a command of a client that has not joined is logged with: its ID and the transId.
+inline constexpr const WCHAR* kUnknownClient = TEXT("%s: Unknown client; transId %u!");
 
 struct ZemCommand {
     const WCHAR* clientId;  // NUL-terminated, at most 259 units

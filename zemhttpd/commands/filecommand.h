@@ -11,13 +11,15 @@
 #include "zemhttpd/entry/entrypoint.h"
 #include "zemhttpd/server/httpcmdhdlr.h"
 
-inline constexpr const WCHAR* kUnknownClient = TEXT("%s: Unknown client; transId %u!");
-
-// The words of one command. The formats of description and traces take the arguments of the step;
-// the traces have the client ID before and the transId behind them.
+// The words of one command, and the line numbers by which its log records are told from others'.
+// The formats of description and traces take the arguments of the step; the traces have the client
+// ID before and the transId behind them.
 struct FileCommandText {
-    DWORD code;
-    const WCHAR* scope;
+    const WCHAR* scope;  // of On_CMD_X
+    LONG catchLine;
+    const WCHAR* innerScope;  // of DoCmdX
+    LONG unknownClientLine;
+    LONG innerCatchLine;
     const WCHAR* word;         // first argument of the description
     const WCHAR* description;  // what the stage timer is named after
     const WCHAR* handling;
@@ -58,8 +60,8 @@ public:
     // The reply body, laid over the request body; throws when it cannot be had.
     BYTE* BuildReply(DWORD body_bytes) {
         BYTE* body = nullptr;
-        Check(m_handler.GetZemReplyMsg(*m_command.xaction, body_bytes,
-                                       FindCommand(m_text.code)->replyCode, &body));
+        Check(m_handler.GetZemReplyMsg(*m_command.xaction, body_bytes, ReplyCode(m_command.code),
+                                       &body));
         m_body_bytes = body_bytes;
         return body;
     }
@@ -71,12 +73,12 @@ public:
     }
     void Send() {
         m_handler.SendZemHttpResponse(*m_command.xaction, m_scope.GetResult(),
-                                      static_cast<ULONGLONG>(m_body_bytes) + kZemHeader_bytes,
+                                      ULONGLONG{m_body_bytes} + kZemHeader_bytes,
                                       m_command.clientId);
     }
 
     // REQUIRES: called in a catch clause.
-    void Caught(LONG line) { LogCaught(m_scope, kSourceCmdHdlr, line); }
+    void Caught() { LogCaught(m_scope, kSourceCmdHdlr, m_text.catchLine); }
 
     bool Failed() const { return m_scope.Failed(); }
     HRESULT GetResult() const { return m_scope.GetResult(); }
@@ -108,18 +110,18 @@ private:
 // Finds the client, touching it, and makes one call on its channel; the result is the scope's. The
 // reference keeps the channel alive while call(CZemChannelIo&) runs, no lock is held.
 template <class Call>
-HRESULT CallChannel(CHttpCommandHandler& handler, const WCHAR* scopeName, const ZemCommand& command,
-                    Call call) {
-    CZemEntry scope(scopeName);
+HRESULT CallChannel(CHttpCommandHandler& handler, const FileCommandText& text,
+                    const ZemCommand& command, Call call) {
+    CZemEntry scope(text.innerScope);
     try {
         const CZemClientRef client = handler.LookupClient(command.clientId, true);
         if (!client) {
-            ThrowError(scope, E_INVALIDARG, kSourceCmdHdlr, __LINE__, kUnknownClient,
+            ThrowError(scope, E_INVALIDARG, kSourceCmdHdlr, text.unknownClientLine, kUnknownClient,
                        command.clientId, command.transId);
         }
         scope = call(*client.Channel());
     } catch (...) {
-        LogCaught(scope, kSourceCmdHdlr, __LINE__);
+        LogCaught(scope, kSourceCmdHdlr, text.innerCatchLine);
     }
     return scope.GetResult();
 }

@@ -6,8 +6,11 @@
 namespace {
 
 constexpr FileCommandText kSpace = {
-    19,
     TEXT("CHttpCommandHandler::On_CMD_QUERY_FILESYSTEM_SPACE"),
+    2083,
+    TEXT("CHttpCommandHandler::DoCmdQueryFilesystemSpace"),
+    2089,
+    2096,
     TEXT("QUERY_FILESYSTEM_SPACE"),
     TEXT("%s vol '%s'"),
     TEXT("%s: handling CMD_QUERY_FILESYSTEM_SPACE, vol '%s', transId %u"),
@@ -15,8 +18,11 @@ constexpr FileCommandText kSpace = {
     TEXT("%s: error CMD_QUERY_FILESYSTEM_SPACE, vol '%s', transId %u"),
 };
 constexpr FileCommandText kAttribs = {
-    20,
     TEXT("CHttpCommandHandler::On_CMD_GET_FILE_ATTRIBS"),
+    2103,
+    TEXT("CHttpCommandHandler::DoCmdGetFileAttribs"),
+    2109,
+    2116,
     TEXT("GET_FILE_ATTRIBS"),
     TEXT("%s '%s'"),
     TEXT("%s: handling CMD_GET_FILE_ATTRIBS, file '%s', transId %u"),
@@ -24,8 +30,11 @@ constexpr FileCommandText kAttribs = {
     TEXT("%s: error CMD_GET_FILE_ATTRIBS, file '%s', transId %u"),
 };
 constexpr FileCommandText kDelete = {
-    21,
     TEXT("CHttpCommandHandler::On_CMD_DELETE_FILE"),
+    2123,
+    TEXT("CHttpCommandHandler::DoCmdDeleteFile"),
+    2129,
+    2136,
     TEXT("DELETE_FILE"),
     TEXT("%s '%s'"),
     TEXT("%s: handling CMD_DELETE_FILE, file '%s', transId %u"),
@@ -33,8 +42,11 @@ constexpr FileCommandText kDelete = {
     TEXT("%s: error CMD_DELETE_FILE, file '%s', transId %u"),
 };
 constexpr FileCommandText kFileSize = {
-    22,
     TEXT("CHttpCommandHandler::On_CMD_GET_FILESIZE"),
+    2143,
+    TEXT("CHttpCommandHandler::DoCmdGetFileSize"),
+    2149,
+    2156,
     TEXT("GET_FILESIZE"),
     TEXT("%s '%s'"),
     TEXT("%s: handling CMD_GET_FILESIZE, file '%s', transId %u"),
@@ -42,8 +54,11 @@ constexpr FileCommandText kFileSize = {
     TEXT("%s: error CMD_GET_FILESIZE, file '%s', transId %u"),
 };
 constexpr FileCommandText kCreateDirectory = {
-    23,
     TEXT("CHttpCommandHandler::On_CMD_CREATE_DIRECTORY"),
+    2163,
+    TEXT("CHttpCommandHandler::DoCmdCreateDir"),
+    2169,
+    2176,
     TEXT("CREATE_DIRECTORY"),
     TEXT("%s '%s'"),
     TEXT("%s: handling CMD_CREATE_DIRECTORY, file '%s', transId %u"),
@@ -51,8 +66,11 @@ constexpr FileCommandText kCreateDirectory = {
     TEXT("%s: error CMD_CREATE_DIRECTORY, file '%s', transId %u"),
 };
 constexpr FileCommandText kMove = {
-    24,
     TEXT("CHttpCommandHandler::On_CMD_MOVE_FILE"),
+    2183,
+    TEXT("CHttpCommandHandler::DoCmdMoveFile"),
+    2189,
+    2196,
     TEXT("MOVE_FILE"),
     TEXT("%s '%s'"),
     TEXT("%s: handling CMD_MOVE_FILE, file '%s', transId %u"),
@@ -60,7 +78,6 @@ constexpr FileCommandText kMove = {
     TEXT("%s: error CMD_MOVE_FILE, file '%s', transId %u"),
 };
 
-constexpr DWORD kStatusReply_bytes = 4;
 constexpr DWORD kSpaceReply_bytes = 24;
 constexpr size_t kReplyTotal = 8;
 constexpr size_t kReplyFree = 16;
@@ -89,15 +106,14 @@ HRESULT CHttpCommandHandler::DoCmdQueryFilesystemSpace(const ZemCommand& command
                                                        const WCHAR* volumeName,
                                                        ULONGLONG& totalBytes,
                                                        ULONGLONG& freeBytes) {
-    return CallChannel(*this, TEXT("CHttpCommandHandler::DoCmdQueryFilesystemSpace"), command,
-                       [&](CZemChannelIo& channel) -> HRESULT {
-                           ULARGE_INTEGER total = {};
-                           ULARGE_INTEGER free = {};
-                           channel.QueryFileSystemSpace(volumeName, total, free);
-                           totalBytes = total.QuadPart;
-                           freeBytes = free.QuadPart;
-                           return S_OK;  // what the library said is not used
-                       });
+    return CallChannel(*this, kSpace, command, [&](CZemChannelIo& channel) -> HRESULT {
+        ULARGE_INTEGER total = {};
+        ULARGE_INTEGER free = {};
+        channel.QueryFileSystemSpace(volumeName, total, free);
+        totalBytes = total.QuadPart;
+        freeBytes = free.QuadPart;
+        return S_OK;  // what the library said is not used
+    });
 }
 
 HRESULT CHttpCommandHandler::On_CMD_QUERY_FILESYSTEM_SPACE(const ZemCommand& command) {
@@ -119,20 +135,18 @@ HRESULT CHttpCommandHandler::On_CMD_QUERY_FILESYSTEM_SPACE(const ZemCommand& com
         run.TraceOk(volumeName, total, free);
         run.Send();
     } catch (...) {
-        run.Caught(__LINE__);
+        run.Caught();
     }
     run.TraceError(name.Text());
     return run.GetResult();
 }
 
-HRESULT CHttpCommandHandler::DoCmdGetFileAttribs(const ZemCommand& command, DWORD& attributes) {
-    return CallChannel(*this, TEXT("CHttpCommandHandler::DoCmdGetFileAttribs"), command,
-                       [&](CZemChannelIo& channel) -> HRESULT {
-                           WireOneName request;
-                           if (!CopyFromBody(command, 0, request)) return E_INVALIDARG;
-                           channel.GetFileAttributesW(request.name, attributes);
-                           return S_OK;  // what the library said is not used
-                       });
+HRESULT CHttpCommandHandler::DoCmdGetFileAttribs(const ZemCommand& command, const WCHAR* fileName,
+                                                 DWORD& attributes) {
+    return CallChannel(*this, kAttribs, command, [&](CZemChannelIo& channel) -> HRESULT {
+        channel.GetFileAttributesW(fileName, attributes);
+        return S_OK;  // what the library said is not used
+    });
 }
 
 HRESULT CHttpCommandHandler::On_CMD_GET_FILE_ATTRIBS(const ZemCommand& command) {
@@ -143,7 +157,7 @@ HRESULT CHttpCommandHandler::On_CMD_GET_FILE_ATTRIBS(const ZemCommand& command) 
         run.Begin(fileName);
         run.MarkIssuing();
         DWORD attributes = INVALID_FILE_ATTRIBUTES;
-        DoCmdGetFileAttribs(command, attributes);
+        DoCmdGetFileAttribs(command, fileName, attributes);
         BYTE* reply = run.BuildReply(kAttribsReply_bytes);
         PutReply(reply, kReplyAttributes, attributes);
         run.PutStatus(reply);
@@ -151,19 +165,15 @@ HRESULT CHttpCommandHandler::On_CMD_GET_FILE_ATTRIBS(const ZemCommand& command) 
         run.TraceOk(fileName, attributes);
         run.Send();
     } catch (...) {
-        run.Caught(__LINE__);
+        run.Caught();
     }
     run.TraceError(name.Text());
     return run.GetResult();
 }
 
-HRESULT CHttpCommandHandler::DoCmdDeleteFile(const ZemCommand& command) {
-    return CallChannel(*this, TEXT("CHttpCommandHandler::DoCmdDeleteFile"), command,
-                       [&](CZemChannelIo& channel) -> HRESULT {
-                           WireOneName request;
-                           if (!CopyFromBody(command, 0, request)) return E_INVALIDARG;
-                           return channel.DeleteFileW(request.name);
-                       });
+HRESULT CHttpCommandHandler::DoCmdDeleteFile(const ZemCommand& command, const WCHAR* fileName) {
+    return CallChannel(*this, kDelete, command,
+                       [&](CZemChannelIo& channel) { return channel.DeleteFileW(fileName); });
 }
 
 HRESULT CHttpCommandHandler::On_CMD_DELETE_FILE(const ZemCommand& command) {
@@ -173,26 +183,24 @@ HRESULT CHttpCommandHandler::On_CMD_DELETE_FILE(const ZemCommand& command) {
         const WCHAR* fileName = name.Read(run);
         run.Begin(fileName);
         run.MarkIssuing();
-        DoCmdDeleteFile(command);
-        BYTE* reply = run.BuildReply(kStatusReply_bytes);
+        DoCmdDeleteFile(command, fileName);
+        BYTE* reply = run.BuildReply(kStatusBody_bytes);
         run.PutStatus(reply);
         run.MarkPreparing();
         run.TraceOk(fileName);
         run.Send();
     } catch (...) {
-        run.Caught(__LINE__);
+        run.Caught();
     }
     run.TraceError(name.Text());
     return run.GetResult();
 }
 
-HRESULT CHttpCommandHandler::DoCmdGetFileSize(const ZemCommand& command, ULONGLONG& fileSize) {
-    return CallChannel(*this, TEXT("CHttpCommandHandler::DoCmdGetFileSize"), command,
-                       [&](CZemChannelIo& channel) -> HRESULT {
-                           WireOneName request;
-                           if (!CopyFromBody(command, 0, request)) return E_INVALIDARG;
-                           return channel.GetFileSize(request.name, fileSize);
-                       });
+HRESULT CHttpCommandHandler::DoCmdGetFileSize(const ZemCommand& command, const WCHAR* fileName,
+                                              ULONGLONG& fileSize) {
+    return CallChannel(*this, kFileSize, command, [&](CZemChannelIo& channel) {
+        return channel.GetFileSize(fileName, fileSize);
+    });
 }
 
 HRESULT CHttpCommandHandler::On_CMD_GET_FILESIZE(const ZemCommand& command) {
@@ -203,7 +211,7 @@ HRESULT CHttpCommandHandler::On_CMD_GET_FILESIZE(const ZemCommand& command) {
         run.Begin(fileName);
         run.MarkIssuing();
         ULONGLONG fileSize = 0;
-        DoCmdGetFileSize(command, fileSize);
+        DoCmdGetFileSize(command, fileName, fileSize);
         BYTE* reply = run.BuildReply(kSizeReply_bytes);
         PutReply(reply, kReplySize, fileSize);
         run.PutStatus(reply);
@@ -211,19 +219,16 @@ HRESULT CHttpCommandHandler::On_CMD_GET_FILESIZE(const ZemCommand& command) {
         run.TraceOk(fileName, fileSize, fileSize);
         run.Send();
     } catch (...) {
-        run.Caught(__LINE__);
+        run.Caught();
     }
     run.TraceError(name.Text());
     return run.GetResult();
 }
 
-HRESULT CHttpCommandHandler::DoCmdCreateDir(const ZemCommand& command) {
-    return CallChannel(*this, TEXT("CHttpCommandHandler::DoCmdCreateDir"), command,
-                       [&](CZemChannelIo& channel) -> HRESULT {
-                           WireOneName request;
-                           if (!CopyFromBody(command, 0, request)) return E_INVALIDARG;
-                           return channel.CreateDirectoryW(request.name);
-                       });
+HRESULT CHttpCommandHandler::DoCmdCreateDir(const ZemCommand& command, const WCHAR* directoryName) {
+    return CallChannel(*this, kCreateDirectory, command, [&](CZemChannelIo& channel) {
+        return channel.CreateDirectoryW(directoryName);
+    });
 }
 
 HRESULT CHttpCommandHandler::On_CMD_CREATE_DIRECTORY(const ZemCommand& command) {
@@ -233,47 +238,44 @@ HRESULT CHttpCommandHandler::On_CMD_CREATE_DIRECTORY(const ZemCommand& command) 
         const WCHAR* fileName = name.Read(run);
         run.Begin(fileName);
         run.MarkIssuing();
-        DoCmdCreateDir(command);
-        BYTE* reply = run.BuildReply(kStatusReply_bytes);
+        DoCmdCreateDir(command, fileName);
+        BYTE* reply = run.BuildReply(kStatusBody_bytes);
         run.PutStatus(reply);
         run.MarkPreparing();
         run.TraceOk(fileName);
         run.Send();
     } catch (...) {
-        run.Caught(__LINE__);
+        run.Caught();
     }
     run.TraceError(name.Text());
     return run.GetResult();
 }
 
-HRESULT CHttpCommandHandler::DoCmdMoveFile(const ZemCommand& command) {
-    return CallChannel(*this, TEXT("CHttpCommandHandler::DoCmdMoveFile"), command,
-                       [&](CZemChannelIo& channel) -> HRESULT {
-                           WireFileNames request;
-                           if (!CopyFromBody(command, 0, request)) return E_INVALIDARG;
-                           return channel.MoveFileW(request.fileName, request.auxName);
-                       });
+HRESULT CHttpCommandHandler::DoCmdMoveFile(const ZemCommand& command, const WireFileNames& names) {
+    return CallChannel(*this, kMove, command, [&](CZemChannelIo& channel) {
+        return channel.MoveFileW(names.fileName, names.auxName);
+    });
 }
 
 HRESULT CHttpCommandHandler::On_CMD_MOVE_FILE(const ZemCommand& command) {
     CFileCommand run(*this, command, kMove);
-    FirstName name;
+    WireFileNames names = {};
+    const WCHAR* fileName = names.fileName;
     try {
-        const WCHAR* fileName = name.Read(run);
-        WireFileNames names;
         run.Read(names);
         run.RequireName(names);
         run.Begin(fileName);
         run.MarkIssuing();
-        DoCmdMoveFile(command);
-        BYTE* reply = run.BuildReply(kStatusReply_bytes);
+        DoCmdMoveFile(command, names);
+        BYTE* reply = run.BuildReply(kStatusBody_bytes);
         run.PutStatus(reply);
         run.MarkPreparing();
         run.TraceOk(fileName);
         run.Send();
     } catch (...) {
-        run.Caught(__LINE__);
+        run.Caught();
     }
-    run.TraceError(name.Text());
+    names.fileName[kNameUnits - 1] = 0;  // it may be what was refused
+    run.TraceError(fileName);
     return run.GetResult();
 }

@@ -5,8 +5,11 @@
 namespace {
 
 constexpr FileCommandText kStripe = {
-    13,
     TEXT("CHttpCommandHandler::On_CMD_STRIPE_TIMECODE"),
+    1963,
+    TEXT("CHttpCommandHandler::DoCmdStripeTimecode"),
+    1969,
+    1976,
     TEXT("STRIPE_TIMECODE"),
     TEXT("%s file '%s'"),
     TEXT("%s: handling CMD_STRIPE_TIMECODE, file '%s', transId %u"),
@@ -14,8 +17,11 @@ constexpr FileCommandText kStripe = {
     TEXT("%s: error CMD_STRIPE_TIMECODE, file '%s', transId %u"),
 };
 constexpr FileCommandText kErase = {
-    25,
     TEXT("CHttpCommandHandler::On_CMD_ERASE_SEGMENT"),
+    2203,
+    TEXT("CHttpCommandHandler::DoCmdEraseSegment"),
+    2209,
+    2216,
     TEXT("ERASE_SEGMENT"),
     TEXT("%s token 0x%I64x"),
     TEXT("%s: handling ERASE_SEGMENT, token 0x%I64x, transId %u"),
@@ -23,8 +29,11 @@ constexpr FileCommandText kErase = {
     TEXT("%s: error CMD_ERASE_SEGMENT, token 0x%I64x, transId %u"),
 };
 constexpr FileCommandText kFlush = {
-    10,
     TEXT("CHttpCommandHandler::On_CMD_FLUSH_BUFFERS"),
+    1903,
+    TEXT("CHttpCommandHandler::DoCmdFlushBuffers"),
+    1909,
+    1916,
     TEXT("FLUSH_BUFFERS"),
     TEXT("%s token 0x%I64x"),
     TEXT("%s: handling CMD_FLUSH_BUFFERS, token %I64x, transId %u"),
@@ -32,21 +41,16 @@ constexpr FileCommandText kFlush = {
     TEXT("%s: error CMD_FLUSH_BUFFERS, token 0x%I64x, transId %u"),
 };
 
-constexpr DWORD kStatusReply_bytes = 4;
-
 }  // namespace
 
-HRESULT CHttpCommandHandler::DoCmdStripeTimecode(const ZemCommand& command) {
-    return CallChannel(*this, TEXT("CHttpCommandHandler::DoCmdStripeTimecode"), command,
-                       [&](CZemChannelIo& channel) -> HRESULT {
-                           WireStripe request;
-                           if (!CopyFromBody(command, 0, request)) return E_INVALIDARG;
-                           const WireNameBlock& block = request.block;
-                           return channel.StripeTimecode(
-                               block.names.fileName, block.names.auxName,
-                               static_cast<MediaFileType>(block.mediaFileType), block.openFlags,
-                               request.startTimecode, request.stripeFlags);
-                       });
+HRESULT CHttpCommandHandler::DoCmdStripeTimecode(const ZemCommand& command,
+                                                 const WireStripe& request) {
+    return CallChannel(*this, kStripe, command, [&](CZemChannelIo& channel) -> HRESULT {
+        const WireNameBlock& block = request.block;
+        return channel.StripeTimecode(block.names.fileName, block.names.auxName,
+                                      static_cast<MediaFileType>(block.mediaFileType),
+                                      block.openFlags, request.startTimecode, request.stripeFlags);
+    });
 }
 
 HRESULT CHttpCommandHandler::On_CMD_STRIPE_TIMECODE(const ZemCommand& command) {
@@ -58,28 +62,25 @@ HRESULT CHttpCommandHandler::On_CMD_STRIPE_TIMECODE(const ZemCommand& command) {
         run.RequireName(request.block.names);
         run.Begin(fileName);
         run.MarkIssuing();
-        DoCmdStripeTimecode(command);
+        DoCmdStripeTimecode(command, request);
         run.MarkPreparing();
-        run.PutStatus(run.BuildReply(kStatusReply_bytes));
+        run.PutStatus(run.BuildReply(kStatusBody_bytes));
         run.TraceOk(fileName);
         run.Send();
     } catch (...) {
-        run.Caught(__LINE__);
+        run.Caught();
     }
     request.block.names.fileName[kNameUnits - 1] = 0;  // it may be what was refused
     run.TraceError(fileName);
     return run.GetResult();
 }
 
-HRESULT CHttpCommandHandler::DoCmdEraseSegment(const ZemCommand& command) {
-    return CallChannel(*this, TEXT("CHttpCommandHandler::DoCmdEraseSegment"), command,
-                       [&](CZemChannelIo& channel) -> HRESULT {
-                           WireErase request;
-                           if (!CopyFromBody(command, 0, request)) return E_INVALIDARG;
-                           return channel.EraseSegment(
-                               request.token, request.segmentA, request.segmentB,
-                               static_cast<MediaFileType>(request.mediaFileType));
-                       });
+HRESULT CHttpCommandHandler::DoCmdEraseSegment(const ZemCommand& command,
+                                               const WireErase& request) {
+    return CallChannel(*this, kErase, command, [&](CZemChannelIo& channel) -> HRESULT {
+        return channel.EraseSegment(request.token, request.segmentA, request.segmentB,
+                                    static_cast<MediaFileType>(request.mediaFileType));
+    });
 }
 
 HRESULT CHttpCommandHandler::On_CMD_ERASE_SEGMENT(const ZemCommand& command) {
@@ -89,20 +90,20 @@ HRESULT CHttpCommandHandler::On_CMD_ERASE_SEGMENT(const ZemCommand& command) {
         run.Read(request);
         run.Begin(request.token);
         run.MarkIssuing();
-        DoCmdEraseSegment(command);
+        DoCmdEraseSegment(command, request);
         run.MarkPreparing();
-        run.PutStatus(run.BuildReply(kStatusReply_bytes));
+        run.PutStatus(run.BuildReply(kStatusBody_bytes));
         run.TraceOk(request.token);
         run.Send();
     } catch (...) {
-        run.Caught(__LINE__);
+        run.Caught();
     }
     run.TraceError(request.token);
     return run.GetResult();
 }
 
 HRESULT CHttpCommandHandler::DoCmdFlushBuffers(const ZemCommand& command, ULONGLONG token) {
-    return CallChannel(*this, TEXT("CHttpCommandHandler::DoCmdFlushBuffers"), command,
+    return CallChannel(*this, kFlush, command,
                        [&](CZemChannelIo& channel) { return channel.FlushBuffers(token); });
 }
 
@@ -115,11 +116,11 @@ HRESULT CHttpCommandHandler::On_CMD_FLUSH_BUFFERS(const ZemCommand& command) {
         run.MarkIssuing();
         DoCmdFlushBuffers(command, request.token);
         run.MarkPreparing();
-        run.PutStatus(run.BuildReply(kStatusReply_bytes));
+        run.PutStatus(run.BuildReply(kStatusBody_bytes));
         run.TraceOk(request.token);
         run.Send();
     } catch (...) {
-        run.Caught(__LINE__);
+        run.Caught();
     }
     run.CountFailure();
     run.TraceError(request.token);

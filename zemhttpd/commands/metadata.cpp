@@ -11,8 +11,11 @@
 namespace {
 
 constexpr FileCommandText kFileInfo = {
-    6,
     TEXT("CHttpCommandHandler::On_CMD_GET_FILE_INFO"),
+    1823,
+    TEXT("CHttpCommandHandler::DoCmdGetFileInfo"),
+    1829,
+    1836,
     TEXT("GET_FILE_INFO"),
     TEXT("%s token 0x%I64x"),
     TEXT("%s: handling CMD_GET_FILE_INFO, token 0x%I64x, transId %u"),
@@ -20,8 +23,11 @@ constexpr FileCommandText kFileInfo = {
     TEXT("%s: error CMD_GET_FILE_INFO, token 0x%I64x, transId %u"),
 };
 constexpr FileCommandText kFileInfo2 = {
-    7,
     TEXT("CHttpCommandHandler::On_CMD_GET_FILE_INFO2"),
+    1843,
+    TEXT("CHttpCommandHandler::DoCmdGetFileInfo2"),
+    1849,
+    1856,
     TEXT("GET_FILE_INFO2"),
     TEXT("%s file '%s'"),
     TEXT("%s: handling CMD_GET_FILE_INFO2, file '%s', transId %u"),
@@ -29,8 +35,11 @@ constexpr FileCommandText kFileInfo2 = {
     TEXT("%s: error CMD_GET_FILE_INFO2, file %s, transId %u"),
 };
 constexpr FileCommandText kFrameDesc = {
-    8,
     TEXT("CHttpCommandHandler::On_CMD_GET_FRAME_DESC"),
+    1863,
+    TEXT("CHttpCommandHandler::DoCmdGetFrameDesc"),
+    1869,
+    1876,
     TEXT("GET_FRAME_DESC"),
     TEXT("%s token 0x%I64x pos %u"),
     TEXT("%s: handling GET_FRAME_DESC, token 0x%I64x, pos %u, transId %u"),
@@ -38,8 +47,11 @@ constexpr FileCommandText kFrameDesc = {
     TEXT("%s: error GET_FRAME_DESC, token 0x%I64x, pos %u, transId %u"),
 };
 constexpr FileCommandText kFrameDesc2 = {
-    9,
     TEXT("CHttpCommandHandler::On_CMD_GET_FRAME_DESC2"),
+    1883,
+    TEXT("CHttpCommandHandler::DoCmdGetFrameDesc2"),
+    1889,
+    1896,
     TEXT("GET_FRAME_DESC"),  // the token form's word
     TEXT("%s file '%s' pos %u"),
     TEXT("%s: handling GET_FRAME_DESC2, file %s, pos %u, transId %u"),
@@ -47,8 +59,11 @@ constexpr FileCommandText kFrameDesc2 = {
     TEXT("%s: error GET_FRAME_DESC2, file '%s', pos %u, transId %u"),
 };
 constexpr FileCommandText kFileMarks = {
-    11,
     TEXT("CHttpCommandHandler::On_CMD_GET_FILE_MARKS"),
+    1923,
+    TEXT("CHttpCommandHandler::DoCmdGetFileMarks"),
+    1929,
+    1936,
     TEXT("GET_FILE_MARKS"),
     TEXT("%s token 0x%I64x"),
     TEXT("%s: handling GET_FILE_MARKS, token 0x%I64x, transId %u"),
@@ -56,8 +71,11 @@ constexpr FileCommandText kFileMarks = {
     TEXT("%s: error GET_FILE_MARKS, token 0x%I64x, transId %u"),
 };
 constexpr FileCommandText kFileMarks2 = {
-    12,
     TEXT("CHttpCommandHandler::On_CMD_GET_FILE_MARKS2"),
+    1943,
+    TEXT("CHttpCommandHandler::DoCmdGetFileMarks2"),
+    1949,
+    1956,
     TEXT("GET_FILE_MARKS2"),
     TEXT("%s file '%s'"),
     TEXT("%s: handling GET_FILE_MARKS2, file '%s', transId %u"),
@@ -83,11 +101,6 @@ struct NameInBody {
         text[kNameUnits - 1] = 0;
     }
 };
-
-// Reads the names and type with which the name forms begin, as the library is to see them.
-bool ReadNames(const ZemCommand& command, WireNameBlock& block) {
-    return CopyFromBody(command, 0, block);
-}
 
 // Refuses a frame count whose reply cannot be: before the reply is laid out, while the request is
 // whole.
@@ -116,7 +129,7 @@ void PutFrameDesc(BYTE* reply, LONG index, const ZemFrameDesc& desc) {
 
 HRESULT CHttpCommandHandler::DoCmdGetFileInfo(const ZemCommand& command, ULONGLONG token,
                                               ZemEsDesc& esDesc) {
-    return CallChannel(*this, TEXT("CHttpCommandHandler::DoCmdGetFileInfo"), command,
+    return CallChannel(*this, kFileInfo, command,
                        [&](CZemChannelIo& channel) { return channel.GetFileInfo(token, esDesc); });
 }
 
@@ -137,23 +150,20 @@ HRESULT CHttpCommandHandler::On_CMD_GET_FILE_INFO(const ZemCommand& command) {
         run.TraceOk(request.token, esDesc.mediaType);
         run.Send();
     } catch (...) {
-        run.Caught(__LINE__);
+        run.Caught();
     }
     run.CountFailure();
     run.TraceError(request.token);
     return run.GetResult();
 }
 
-HRESULT CHttpCommandHandler::DoCmdGetFileInfo2(const ZemCommand& command, ZemEsDesc& esDesc) {
-    return CallChannel(*this, TEXT("CHttpCommandHandler::DoCmdGetFileInfo2"), command,
-                       [&](CZemChannelIo& channel) -> HRESULT {
-                           WireNameBlock block;
-                           if (!ReadNames(command, block)) return E_INVALIDARG;
-                           return static_cast<CZemIo&>(channel).GetFileInfo(
-                               block.names.fileName, block.names.auxName,
-                               static_cast<MediaFileType>(block.mediaFileType), block.openFlags,
-                               esDesc);
-                       });
+HRESULT CHttpCommandHandler::DoCmdGetFileInfo2(const ZemCommand& command,
+                                               const WireNameBlock& block, ZemEsDesc& esDesc) {
+    return CallChannel(*this, kFileInfo2, command, [&](CZemChannelIo& channel) -> HRESULT {
+        return static_cast<CZemIo&>(channel).GetFileInfo(
+            block.names.fileName, block.names.auxName,
+            static_cast<MediaFileType>(block.mediaFileType), block.openFlags, esDesc);
+    });
 }
 
 HRESULT CHttpCommandHandler::On_CMD_GET_FILE_INFO2(const ZemCommand& command) {
@@ -167,14 +177,14 @@ HRESULT CHttpCommandHandler::On_CMD_GET_FILE_INFO2(const ZemCommand& command) {
         run.MarkIssuing();
         ZemEsDesc esDesc;
         GetReply(reply, kReplyEsDesc, esDesc);
-        DoCmdGetFileInfo2(command, esDesc);
+        DoCmdGetFileInfo2(command, request, esDesc);
         PutReply(reply, kReplyEsDesc, esDesc);
         run.PutStatus(reply);
         run.MarkPreparing();
         run.TraceOk(static_cast<const WCHAR*>(NameInBody(command).text), esDesc.mediaType);
         run.Send();
     } catch (...) {
-        run.Caught(__LINE__);
+        run.Caught();
     }
     run.CountFailure();
     if (run.Failed()) run.TraceError(static_cast<const WCHAR*>(NameInBody(command).text));
@@ -184,10 +194,9 @@ HRESULT CHttpCommandHandler::On_CMD_GET_FILE_INFO2(const ZemCommand& command) {
 HRESULT CHttpCommandHandler::DoCmdGetFrameDesc(const ZemCommand& command, ULONGLONG token,
                                                DWORD position, VioFrameRate_t rate, LONG count,
                                                ZemFrameDesc* descs) {
-    return CallChannel(*this, TEXT("CHttpCommandHandler::DoCmdGetFrameDesc"), command,
-                       [&](CZemChannelIo& channel) {
-                           return channel.GetFrameDesc(token, position, count, descs, rate);
-                       });
+    return CallChannel(*this, kFrameDesc, command, [&](CZemChannelIo& channel) {
+        return channel.GetFrameDesc(token, position, count, descs, rate);
+    });
 }
 
 HRESULT CHttpCommandHandler::On_CMD_GET_FRAME_DESC(const ZemCommand& command) {
@@ -198,10 +207,11 @@ HRESULT CHttpCommandHandler::On_CMD_GET_FRAME_DESC(const ZemCommand& command) {
         run.Begin(request.token, request.position);
         const LONGLONG body_bytes = (LONGLONG{request.count} - 1) * 12 + 20;
         RequireCount(run, command, request.count, body_bytes);
+        // Before the reply: a failure is answered with the request's own command code.
+        const auto descs = AllocateDescs(run, request.count);
         BYTE* reply = run.BuildReply(static_cast<DWORD>(body_bytes));
         PutReply(reply, kReplyCount, request.count);
         run.MarkIssuing();
-        const auto descs = AllocateDescs(run, request.count);
         DoCmdGetFrameDesc(command, request.token, request.position,
                           static_cast<VioFrameRate_t>(request.frameRate), request.count,
                           descs.get());
@@ -212,7 +222,7 @@ HRESULT CHttpCommandHandler::On_CMD_GET_FRAME_DESC(const ZemCommand& command) {
         run.TraceOk(request.token, request.position);
         run.Send();
     } catch (...) {
-        run.Caught(__LINE__);
+        run.Caught();
     }
     run.CountFailure();
     run.TraceError(request.token, request.position);
@@ -221,18 +231,16 @@ HRESULT CHttpCommandHandler::On_CMD_GET_FRAME_DESC(const ZemCommand& command) {
 
 HRESULT CHttpCommandHandler::DoCmdGetFrameDesc2(const ZemCommand& command, LONG count,
                                                 ZemFrameDesc* descs) {
-    return CallChannel(*this, TEXT("CHttpCommandHandler::DoCmdGetFrameDesc2"), command,
-                       [&](CZemChannelIo& channel) -> HRESULT {
-                           // The count of the reply stands in the third and fourth unit of the name
-                           // by now.
-                           WireFrameDescByName request;
-                           if (!CopyFromBody(command, 0, request)) return E_INVALIDARG;
-                           const WireNameBlock& block = request.block;
-                           return channel.GetFrameDesc(
-                               block.names.fileName, block.names.auxName,
-                               static_cast<MediaFileType>(block.mediaFileType), block.openFlags,
-                               request.position, count, descs);
-                       });
+    return CallChannel(*this, kFrameDesc2, command, [&](CZemChannelIo& channel) -> HRESULT {
+        // The count of the reply stands in the third and fourth unit of the name
+        // by now.
+        WireFrameDescByName request;
+        if (!CopyFromBody(command, 0, request)) return E_INVALIDARG;
+        const WireNameBlock& block = request.block;
+        return channel.GetFrameDesc(block.names.fileName, block.names.auxName,
+                                    static_cast<MediaFileType>(block.mediaFileType),
+                                    block.openFlags, request.position, count, descs);
+    });
 }
 
 HRESULT CHttpCommandHandler::On_CMD_GET_FRAME_DESC2(const ZemCommand& command) {
@@ -247,10 +255,11 @@ HRESULT CHttpCommandHandler::On_CMD_GET_FRAME_DESC2(const ZemCommand& command) {
         // The entries are 12 bytes apart all the same: the tail stays as it was.
         const LONGLONG body_bytes = (LONGLONG{request.count} - 1) * 24 + 20;
         RequireCount(run, command, request.count, body_bytes);
+        // Before the reply: a failure is answered with the request's own command code.
+        const auto descs = AllocateDescs(run, request.count);
         BYTE* reply = run.BuildReply(static_cast<DWORD>(body_bytes));
         PutReply(reply, kReplyCount, request.count);
         run.MarkIssuing();
-        const auto descs = AllocateDescs(run, request.count);
         DoCmdGetFrameDesc2(command, request.count, descs.get());
         // The bound is read again from where the request has its count; entry 87 is written over
         // it. It may end the copy early, never prolong it.
@@ -263,7 +272,7 @@ HRESULT CHttpCommandHandler::On_CMD_GET_FRAME_DESC2(const ZemCommand& command) {
         run.TraceOk(static_cast<const WCHAR*>(NameInBody(command).text), position);
         run.Send();
     } catch (...) {
-        run.Caught(__LINE__);
+        run.Caught();
     }
     run.CountFailure();
     if (run.Failed()) run.TraceError(static_cast<const WCHAR*>(NameInBody(command).text), position);
@@ -272,9 +281,9 @@ HRESULT CHttpCommandHandler::On_CMD_GET_FRAME_DESC2(const ZemCommand& command) {
 
 HRESULT CHttpCommandHandler::DoCmdGetFileMarks(const ZemCommand& command, ULONGLONG token,
                                                DWORD& first, DWORD& second) {
-    return CallChannel(
-        *this, TEXT("CHttpCommandHandler::DoCmdGetFileMarks"), command,
-        [&](CZemChannelIo& channel) { return channel.GetFileMarks(token, first, second); });
+    return CallChannel(*this, kFileMarks, command, [&](CZemChannelIo& channel) {
+        return channel.GetFileMarks(token, first, second);
+    });
 }
 
 HRESULT CHttpCommandHandler::On_CMD_GET_FILE_MARKS(const ZemCommand& command) {
@@ -296,23 +305,20 @@ HRESULT CHttpCommandHandler::On_CMD_GET_FILE_MARKS(const ZemCommand& command) {
         run.TraceOk(request.token);
         run.Send();
     } catch (...) {
-        run.Caught(__LINE__);
+        run.Caught();
     }
     run.TraceError(request.token);
     return run.GetResult();
 }
 
-HRESULT CHttpCommandHandler::DoCmdGetFileMarks2(const ZemCommand& command, DWORD& first,
+HRESULT CHttpCommandHandler::DoCmdGetFileMarks2(const ZemCommand& command,
+                                                const WireNameBlock& block, DWORD& first,
                                                 DWORD& second) {
-    return CallChannel(*this, TEXT("CHttpCommandHandler::DoCmdGetFileMarks2"), command,
-                       [&](CZemChannelIo& channel) -> HRESULT {
-                           WireNameBlock block;
-                           if (!ReadNames(command, block)) return E_INVALIDARG;
-                           return channel.GetFileMarks(
-                               block.names.fileName, block.names.auxName,
-                               static_cast<MediaFileType>(block.mediaFileType), block.openFlags,
-                               first, second);
-                       });
+    return CallChannel(*this, kFileMarks2, command, [&](CZemChannelIo& channel) -> HRESULT {
+        return channel.GetFileMarks(block.names.fileName, block.names.auxName,
+                                    static_cast<MediaFileType>(block.mediaFileType),
+                                    block.openFlags, first, second);
+    });
 }
 
 HRESULT CHttpCommandHandler::On_CMD_GET_FILE_MARKS2(const ZemCommand& command) {
@@ -327,7 +333,7 @@ HRESULT CHttpCommandHandler::On_CMD_GET_FILE_MARKS2(const ZemCommand& command) {
         DWORD first = 0, second = 0;
         GetReply(reply, kReplyFirstMark, first);
         GetReply(reply, kReplySecondMark, second);
-        DoCmdGetFileMarks2(command, first, second);
+        DoCmdGetFileMarks2(command, request, first, second);
         PutReply(reply, kReplyFirstMark, first);
         PutReply(reply, kReplySecondMark, second);
         run.PutStatus(reply);
@@ -335,7 +341,7 @@ HRESULT CHttpCommandHandler::On_CMD_GET_FILE_MARKS2(const ZemCommand& command) {
         run.TraceOk(static_cast<const WCHAR*>(NameInBody(command).text));
         run.Send();
     } catch (...) {
-        run.Caught(__LINE__);
+        run.Caught();
     }
     if (run.Failed()) run.TraceError(static_cast<const WCHAR*>(NameInBody(command).text));
     return run.GetResult();

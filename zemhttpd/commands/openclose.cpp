@@ -5,8 +5,11 @@
 namespace {
 
 constexpr FileCommandText kOpenFile = {
-    2,
     TEXT("CHttpCommandHandler::On_CMD_OPEN_FILE"),
+    1743,
+    TEXT("CHttpCommandHandler::DoCmdOpenFile"),
+    1749,
+    1756,
     TEXT("OPEN_FILE"),
     TEXT("%s %s"),
     TEXT("%s: handling CMD_OPEN_FILE, file '%s', transId %u"),
@@ -17,8 +20,11 @@ constexpr const WCHAR* kOpenAfterSend =
     TEXT("%s: Open after sending response token 0x%I64x hr 0x%x, transId %u");
 
 constexpr FileCommandText kCreateFile = {
-    1,
     TEXT("CHttpCommandHandler::On_CMD_CREATE_FILE"),
+    1723,
+    TEXT("CHttpCommandHandler::DoCmdCreateFile"),
+    1729,
+    1736,
     TEXT("CREATE_FILE"),
     TEXT("%s %s"),
     TEXT("%s: handling CMD_CREATE_FILE, file '%s', transId %u"),
@@ -29,8 +35,11 @@ constexpr const WCHAR* kCreateAfterSend =
     TEXT("%s: Create after sending response token 0x%I64x hr 0x%x, transId %u");
 
 constexpr FileCommandText kCloseFile = {
-    5,
     TEXT("CHttpCommandHandler::On_CMD_CLOSE_FILE"),
+    1803,
+    TEXT("CHttpCommandHandler::DoCmdCloseFile"),
+    1809,
+    1816,
     TEXT("CLOSE_FILE"),
     TEXT("%s token 0x%I64x"),
     TEXT("%s: handling CMD_CLOSE_FILE, token %I64x, transId %u"),
@@ -40,20 +49,16 @@ constexpr FileCommandText kCloseFile = {
 
 constexpr DWORD kTokenReply_bytes = 16;  // status, four bytes that stay, token
 constexpr size_t kReplyToken = 8;
-constexpr DWORD kStatusReply_bytes = 4;
 
 }  // namespace
 
-HRESULT CHttpCommandHandler::DoCmdOpenFile(const ZemCommand& command, ULONGLONG& token) {
-    return CallChannel(*this, TEXT("CHttpCommandHandler::DoCmdOpenFile"), command,
-                       [&](CZemChannelIo& channel) -> HRESULT {
-                           WireOpenFile request;
-                           if (!CopyFromBody(command, 0, request)) return E_INVALIDARG;
-                           return channel.OpenFile(
-                               request.block.names.fileName, request.block.names.auxName,
-                               static_cast<MediaFileType>(request.block.mediaFileType),
-                               request.block.openFlags, request.openBool != 0, token);
-                       });
+HRESULT CHttpCommandHandler::DoCmdOpenFile(const ZemCommand& command, const WireOpenFile& request,
+                                           ULONGLONG& token) {
+    return CallChannel(*this, kOpenFile, command, [&](CZemChannelIo& channel) -> HRESULT {
+        return channel.OpenFile(request.block.names.fileName, request.block.names.auxName,
+                                static_cast<MediaFileType>(request.block.mediaFileType),
+                                request.block.openFlags, request.openBool != 0, token);
+    });
 }
 
 HRESULT CHttpCommandHandler::On_CMD_OPEN_FILE(const ZemCommand& command) {
@@ -65,7 +70,7 @@ HRESULT CHttpCommandHandler::On_CMD_OPEN_FILE(const ZemCommand& command) {
         run.RequireName(request.block.names);
         run.Begin(static_cast<const WCHAR*>(request.block.names.fileName));
         run.MarkIssuing();
-        DoCmdOpenFile(command, token);
+        DoCmdOpenFile(command, request, token);
         run.MarkPreparing();
         BYTE* reply = run.BuildReply(kTokenReply_bytes);
         run.PutStatus(reply);
@@ -75,21 +80,18 @@ HRESULT CHttpCommandHandler::On_CMD_OPEN_FILE(const ZemCommand& command) {
         GetReply(reply, kReplyToken, token);
         run.Trace(kOpenAfterSend, command.clientId, token, run.GetResult(), command.transId);
     } catch (...) {
-        run.Caught(__LINE__);
+        run.Caught();
     }
     run.TraceError();
     return run.GetResult();
 }
 
-HRESULT CHttpCommandHandler::DoCmdCreateFile(const ZemCommand& command, ULONGLONG& token) {
-    return CallChannel(*this, TEXT("CHttpCommandHandler::DoCmdCreateFile"), command,
-                       [&](CZemChannelIo& channel) -> HRESULT {
-                           WireCreateFile request;
-                           if (!CopyFromBody(command, 0, request)) return E_INVALIDARG;
-                           return channel.CreateFileW(request.names.fileName, request.names.auxName,
-                                                      request.esDesc, request.createFlags, nullptr,
-                                                      token, true);
-                       });
+HRESULT CHttpCommandHandler::DoCmdCreateFile(const ZemCommand& command,
+                                             const WireCreateFile& request, ULONGLONG& token) {
+    return CallChannel(*this, kCreateFile, command, [&](CZemChannelIo& channel) -> HRESULT {
+        return channel.CreateFileW(request.names.fileName, request.names.auxName, request.esDesc,
+                                   request.createFlags, nullptr, token, true);
+    });
 }
 
 HRESULT CHttpCommandHandler::On_CMD_CREATE_FILE(const ZemCommand& command) {
@@ -101,7 +103,7 @@ HRESULT CHttpCommandHandler::On_CMD_CREATE_FILE(const ZemCommand& command) {
         run.RequireName(request.names);
         run.Begin(static_cast<const WCHAR*>(request.names.fileName));
         run.MarkIssuing();
-        DoCmdCreateFile(command, token);
+        DoCmdCreateFile(command, request, token);
         run.MarkPreparing();
         BYTE* reply = run.BuildReply(kTokenReply_bytes);
         run.PutStatus(reply);
@@ -110,14 +112,14 @@ HRESULT CHttpCommandHandler::On_CMD_CREATE_FILE(const ZemCommand& command) {
         run.Send();
         run.Trace(kCreateAfterSend, command.clientId, token, run.GetResult(), command.transId);
     } catch (...) {
-        run.Caught(__LINE__);
+        run.Caught();
     }
     run.TraceError();
     return run.GetResult();
 }
 
 HRESULT CHttpCommandHandler::DoCmdCloseFile(const ZemCommand& command, ULONGLONG token) {
-    return CallChannel(*this, TEXT("CHttpCommandHandler::DoCmdCloseFile"), command,
+    return CallChannel(*this, kCloseFile, command,
                        [&](CZemChannelIo& channel) { return channel.CloseFile(token); });
 }
 
@@ -130,12 +132,12 @@ HRESULT CHttpCommandHandler::On_CMD_CLOSE_FILE(const ZemCommand& command) {
         run.MarkIssuing();
         DoCmdCloseFile(command, request.token);
         run.MarkPreparing();
-        BYTE* reply = run.BuildReply(kStatusReply_bytes);
+        BYTE* reply = run.BuildReply(kStatusBody_bytes);
         run.PutStatus(reply);
         run.TraceOk(request.token);
         run.Send();
     } catch (...) {
-        run.Caught(__LINE__);
+        run.Caught();
     }
     run.TraceError(request.token);
     return run.GetResult();

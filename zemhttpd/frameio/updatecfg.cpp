@@ -10,8 +10,14 @@
 
 namespace {
 
-constexpr DWORD kUpdateCfgReplyCode = 11;
-constexpr DWORD kStatusReply_bytes = 4;
+constexpr LONG kLineReceive = 2921;
+constexpr LONG kCatchLineOnUpdate = 2950;
+constexpr LONG kLineUnknownClient = 2967;
+constexpr LONG kLineNoDocument = 2975;
+constexpr LONG kLineLoad = 2983;
+constexpr LONG kLineUpdate = 2996;
+constexpr LONG kCatchLineDoUpdate = 3007;
+
 constexpr DWORD kMaxXml_bytes = 16u << 20;
 constexpr DWORD kSlowReceive_ms = 100;
 
@@ -74,8 +80,11 @@ private:
 };
 
 constexpr FileCommandText kUpdateAttr = {
-    26,
     TEXT("CHttpCommandHandler::On_CMD_UPDATE_CFG_ATTR_STR"),
+    2223,
+    TEXT("CHttpCommandHandler::DoCmdUpdateCfgStrAttr"),
+    2229,
+    2236,
     TEXT("UPDATE_CFG_ATTR_STR"),
     TEXT("%s %s"),
     TEXT("%s: handling UPDATE_CFG_ATTR_STR, attr \"%s\", transId %u"),
@@ -135,7 +144,7 @@ HRESULT CHttpCommandHandler::On_CMD_UPDATE_CFG(const ZemCommand& command) {
                 static_cast<ULONG>(size_bytes - have), &read_bytes, nullptr);
             if (error == NO_ERROR && read_bytes == 0) error = ERROR_HANDLE_EOF;
             if (error != NO_ERROR) {
-                ThrowError(scope, HRESULT_FROM_WIN32(error), kSourceCmdHdlr, __LINE__,
+                ThrowError(scope, HRESULT_FROM_WIN32(error), kSourceCmdHdlr, kLineReceive,
                            TEXT("%s: Error receving remaining channel cfg XML data. Total XML sz "
                                 "%d bytes, received %d bytes"),
                            command.clientId, size_bytes, static_cast<int>(have));
@@ -151,7 +160,7 @@ HRESULT CHttpCommandHandler::On_CMD_UPDATE_CFG(const ZemCommand& command) {
                 command.clientId, xaction.ReceiveCount(), command.transId);
         }
         BYTE* reply = nullptr;
-        scope = GetZemReplyMsg(xaction, kStatusReply_bytes, kUpdateCfgReplyCode, &reply);
+        scope = GetZemReplyMsg(xaction, kStatusBody_bytes, ReplyCode(command.code), &reply);
         xaction.Timer().MarkStage(kStageIssuingZemRequest);
         scope.SetResult(DoCmdUpdateCfg(command, xml.get()));
         PutReply(reply, 0, scope.GetResult());
@@ -160,10 +169,9 @@ HRESULT CHttpCommandHandler::On_CMD_UPDATE_CFG(const ZemCommand& command) {
             scope.Trace(TEXT("%s: CMD_UPDATE_CFG OK, transId %u"), command.clientId,
                         command.transId);
         }
-        SendZemHttpResponse(xaction, scope.GetResult(), kZemHeader_bytes + kStatusReply_bytes,
-                            command.clientId);
+        SendZemHttpResponse(xaction, scope.GetResult(), kStatusReply_bytes, command.clientId);
     } catch (...) {
-        LogCaught(scope, kSourceCmdHdlr, __LINE__);
+        LogCaught(scope, kSourceCmdHdlr, kCatchLineOnUpdate);
     }
     if (scope.Failed() && Tracing()) {
         scope.Trace(TEXT("%s: error CMD_UPDATE_CFG, transId %u"), command.clientId,
@@ -177,19 +185,19 @@ HRESULT CHttpCommandHandler::DoCmdUpdateCfg(const ZemCommand& command, const WCH
     try {
         const CZemClientRef client = LookupClient(command.clientId, true);
         if (!client) {
-            ThrowError(scope, E_INVALIDARG, kSourceCmdHdlr, __LINE__, kUnknownClient,
+            ThrowError(scope, E_INVALIDARG, kSourceCmdHdlr, kLineUnknownClient, kUnknownClient,
                        command.clientId, command.transId);
         }
         CDocument document;
         HRESULT hr = document.Create();
         if (FAILED(hr)) {
-            ThrowError(scope, hr, kSourceCmdHdlr, __LINE__,
+            ThrowError(scope, hr, kSourceCmdHdlr, kLineNoDocument,
                        TEXT("%s: Cound not create XMLDOMDocument, transId %u"), command.clientId,
                        command.transId);
         }
         hr = document.Load(xml);
         if (FAILED(hr)) {
-            ThrowError(scope, hr, kSourceCmdHdlr, __LINE__,
+            ThrowError(scope, hr, kSourceCmdHdlr, kLineLoad,
                        TEXT("%s: Error loading remote channel config XML, transId %u"),
                        command.clientId, command.transId);
         }
@@ -199,13 +207,13 @@ HRESULT CHttpCommandHandler::DoCmdUpdateCfg(const ZemCommand& command, const WCH
             hr = client.Channel()->UpdateChannelConfigInt(document.Variant(), 0);
         }
         if (FAILED(hr)) {
-            ThrowError(scope, hr, kSourceCmdHdlr, __LINE__,
+            ThrowError(scope, hr, kSourceCmdHdlr, kLineUpdate,
                        TEXT("%s: Failed to update channel config, transId %u"), command.clientId,
                        command.transId);
         }
         scope.Trace(TEXT("%s: Channel configuration updated"), command.clientId);
     } catch (...) {
-        LogCaught(scope, kSourceCmdHdlr, __LINE__);
+        LogCaught(scope, kSourceCmdHdlr, kCatchLineDoUpdate);
     }
     return scope.GetResult();
 }
@@ -221,26 +229,23 @@ HRESULT CHttpCommandHandler::On_CMD_UPDATE_CFG_ATTR_STR(const ZemCommand& comman
         }
         run.Begin(name);
         run.MarkIssuing();
-        DoCmdUpdateCfgStrAttr(command);
+        DoCmdUpdateCfgStrAttr(command, name, request.value);
         run.MarkPreparing();
-        BYTE* reply = run.BuildReply(kStatusReply_bytes);
+        BYTE* reply = run.BuildReply(kStatusBody_bytes);
         run.PutStatus(reply);
         run.TraceOk(name);
         run.Send();
     } catch (...) {
-        run.Caught(__LINE__);
+        run.Caught();
     }
     run.TraceError(name);
     return run.GetResult();
 }
 
-HRESULT CHttpCommandHandler::DoCmdUpdateCfgStrAttr(const ZemCommand& command) {
-    return CallChannel(*this, TEXT("CHttpCommandHandler::DoCmdUpdateCfgStrAttr"), command,
-                       [&](CZemChannelIo& channel) -> HRESULT {
-                           AttributeRequest request;
-                           if (!request.ReadFrom(command)) return E_INVALIDARG;
-                           const CTextVariant value(request.value);
-                           return channel.UpdateChannelConfigAttr(
-                               request.value, request.attribute.name, value.Get());
-                       });
+HRESULT CHttpCommandHandler::DoCmdUpdateCfgStrAttr(const ZemCommand& command, const WCHAR* name,
+                                                   const WCHAR* value) {
+    return CallChannel(*this, kUpdateAttr, command, [&](CZemChannelIo& channel) -> HRESULT {
+        const CTextVariant variant(value);
+        return channel.UpdateChannelConfigAttr(value, name, variant.Get());
+    });
 }

@@ -20,6 +20,13 @@
 
 class CZemEntry;
 struct CommandRow;
+struct FrameRequest;
+struct WireCreateFile;
+struct WireErase;
+struct WireFileNames;
+struct WireNameBlock;
+struct WireOpenFile;
+struct WireStripe;
 
 class CHttpCommandHandler {
 public:
@@ -77,15 +84,17 @@ public:
     HRESULT On_CMD_SET_IO_REAL_TIME(const ZemCommand& command);
 
     // --- file commands (commands/*.cpp), worker threads ---
-    HRESULT DoCmdOpenFile(const ZemCommand& command, ULONGLONG& token);
+    HRESULT DoCmdOpenFile(const ZemCommand& command, const WireOpenFile& request, ULONGLONG& token);
     HRESULT On_CMD_OPEN_FILE(const ZemCommand& command);
-    HRESULT DoCmdCreateFile(const ZemCommand& command, ULONGLONG& token);
+    HRESULT DoCmdCreateFile(const ZemCommand& command, const WireCreateFile& request,
+                            ULONGLONG& token);
     HRESULT On_CMD_CREATE_FILE(const ZemCommand& command);
     HRESULT DoCmdCloseFile(const ZemCommand& command, ULONGLONG token);
     HRESULT On_CMD_CLOSE_FILE(const ZemCommand& command);
     HRESULT DoCmdGetFileInfo(const ZemCommand& command, ULONGLONG token, ZemEsDesc& esDesc);
     HRESULT On_CMD_GET_FILE_INFO(const ZemCommand& command);
-    HRESULT DoCmdGetFileInfo2(const ZemCommand& command, ZemEsDesc& esDesc);
+    HRESULT DoCmdGetFileInfo2(const ZemCommand& command, const WireNameBlock& block,
+                              ZemEsDesc& esDesc);
     HRESULT On_CMD_GET_FILE_INFO2(const ZemCommand& command);
     HRESULT DoCmdGetFrameDesc(const ZemCommand& command, ULONGLONG token, DWORD position,
                               VioFrameRate_t rate, LONG count, ZemFrameDesc* descs);
@@ -95,26 +104,28 @@ public:
     HRESULT DoCmdGetFileMarks(const ZemCommand& command, ULONGLONG token, DWORD& first,
                               DWORD& second);
     HRESULT On_CMD_GET_FILE_MARKS(const ZemCommand& command);
-    HRESULT DoCmdGetFileMarks2(const ZemCommand& command, DWORD& first, DWORD& second);
+    HRESULT DoCmdGetFileMarks2(const ZemCommand& command, const WireNameBlock& block, DWORD& first,
+                               DWORD& second);
     HRESULT On_CMD_GET_FILE_MARKS2(const ZemCommand& command);
     HRESULT DoCmdFlushBuffers(const ZemCommand& command, ULONGLONG token);
     HRESULT On_CMD_FLUSH_BUFFERS(const ZemCommand& command);
-    HRESULT DoCmdStripeTimecode(const ZemCommand& command);
+    HRESULT DoCmdStripeTimecode(const ZemCommand& command, const WireStripe& request);
     HRESULT On_CMD_STRIPE_TIMECODE(const ZemCommand& command);
-    HRESULT DoCmdEraseSegment(const ZemCommand& command);
+    HRESULT DoCmdEraseSegment(const ZemCommand& command, const WireErase& request);
     HRESULT On_CMD_ERASE_SEGMENT(const ZemCommand& command);
     HRESULT DoCmdQueryFilesystemSpace(const ZemCommand& command, const WCHAR* volumeName,
                                       ULONGLONG& totalBytes, ULONGLONG& freeBytes);
     HRESULT On_CMD_QUERY_FILESYSTEM_SPACE(const ZemCommand& command);
-    HRESULT DoCmdGetFileAttribs(const ZemCommand& command, DWORD& attributes);
+    HRESULT DoCmdGetFileAttribs(const ZemCommand& command, const WCHAR* fileName,
+                                DWORD& attributes);
     HRESULT On_CMD_GET_FILE_ATTRIBS(const ZemCommand& command);
-    HRESULT DoCmdDeleteFile(const ZemCommand& command);
+    HRESULT DoCmdDeleteFile(const ZemCommand& command, const WCHAR* fileName);
     HRESULT On_CMD_DELETE_FILE(const ZemCommand& command);
-    HRESULT DoCmdGetFileSize(const ZemCommand& command, ULONGLONG& fileSize);
+    HRESULT DoCmdGetFileSize(const ZemCommand& command, const WCHAR* fileName, ULONGLONG& fileSize);
     HRESULT On_CMD_GET_FILESIZE(const ZemCommand& command);
-    HRESULT DoCmdCreateDir(const ZemCommand& command);
+    HRESULT DoCmdCreateDir(const ZemCommand& command, const WCHAR* directoryName);
     HRESULT On_CMD_CREATE_DIRECTORY(const ZemCommand& command);
-    HRESULT DoCmdMoveFile(const ZemCommand& command);
+    HRESULT DoCmdMoveFile(const ZemCommand& command, const WireFileNames& names);
     HRESULT On_CMD_MOVE_FILE(const ZemCommand& command);
 
     // --- frame I/O (frameio/*.cpp): workers, completions on the media library's threads ---
@@ -132,7 +143,7 @@ public:
     static void WriteFrameDoneApc(void* frameXaction);
     HRESULT DoCmdUpdateCfg(const ZemCommand& command, const WCHAR* xml);
     HRESULT On_CMD_UPDATE_CFG(const ZemCommand& command);
-    HRESULT DoCmdUpdateCfgStrAttr(const ZemCommand& command);
+    HRESULT DoCmdUpdateCfgStrAttr(const ZemCommand& command, const WCHAR* name, const WCHAR* value);
     HRESULT On_CMD_UPDATE_CFG_ATTR_STR(const ZemCommand& command);
 
     // --- plain HTTP (webfiles/*.cpp), worker threads ---

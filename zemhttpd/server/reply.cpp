@@ -20,7 +20,6 @@ constexpr LONG kLineSendBasic = 1079;
 constexpr LONG kCatchLineSendBasic = 1087;
 
 constexpr DWORD kSlow_ms = 500;
-constexpr DWORD kStatusBody_bytes = 4;  // of most replies: one HRESULT
 constexpr int kReasonSize = 128;
 
 void SetHeader(HTTP_KNOWN_HEADER& header, const char* value, size_t length) {
@@ -182,8 +181,7 @@ HRESULT CHttpCommandHandler::SendGenericZemFailureResponse(HRESULT hr, const WCH
                     "Failed ZEM request code %d (hr = 0x%x), transId %u", code, hr,
                     xaction.TransId());
         SetStatus(xaction.Response(), 500, reason);
-        const ULONG error = SendCommandReply(xaction, kZemHeader_bytes + kStatusBody_bytes,
-                                             kZemHeader_bytes + kStatusBody_bytes);
+        const ULONG error = SendCommandReply(xaction, kStatusReply_bytes, kStatusReply_bytes);
         if (error != NO_ERROR) {
             scope.LogError(
                 HresultFromError(static_cast<LONG>(error)), kSourceCmdHdlr, kLineSendFailure,

@@ -11,9 +11,11 @@ namespace {
 constexpr LONG kLineGetAttributes = 3236;
 constexpr LONG kLineGetOpen = 3263;
 constexpr LONG kLineGetSend = 3285;
+constexpr LONG kCatchLineGet = 3292;
 constexpr LONG kLineDeleteAttributes = 3323;
 constexpr LONG kLineDelete = 3329;
 constexpr LONG kLineDeleteSend = 3338;
+constexpr LONG kCatchLineDelete = 3344;
 
 constexpr const WCHAR* kNoAttributes = TEXT("%s: Unable to get file attributes for '%s'");
 constexpr const WCHAR* kSendFailed = TEXT("%s: HTTP send response failed for '%s'");
@@ -163,7 +165,7 @@ HRESULT CHttpCommandHandler::SendHttpGetResponse(CHttpXaction& xaction, USHORT s
                        host.text, path.text);
         }
     } catch (...) {
-        LogCaught(scope, kSourceCmdHdlr, __LINE__);
+        LogCaught(scope, kSourceCmdHdlr, kCatchLineGet);
     }
     if (!sent) SendBadRequest(*this, xaction, host.text);
     return scope.GetResult();
@@ -205,7 +207,7 @@ HRESULT CHttpCommandHandler::SendHttpDeleteResponse(CHttpXaction& xaction, USHOR
                        kSendFailed, host.text, target.FullPath());
         }
     } catch (...) {
-        LogCaught(scope, kSourceCmdHdlr, __LINE__);
+        LogCaught(scope, kSourceCmdHdlr, kCatchLineDelete);
     }
     if (!sent) SendBadRequest(*this, xaction, host.text);
     return scope.GetResult();
