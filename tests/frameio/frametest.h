@@ -49,6 +49,23 @@ inline std::string FrameBody(const std::vector<FrameEntrySpec>& entries, DWORD r
 
 class CFrameTest : public CCommandTest {
 protected:
+    // A frame command whose last entry keeps only `lastEntry_bytes` bytes and ends with the posted
+    // buffer.
+    RequestSpec CutAtBufferEnd(DWORD code, const std::vector<FrameEntrySpec>& entries,
+                               size_t lastEntry_bytes) {
+        RequestSpec spec;
+        const std::string body = FrameBody(entries);
+        spec.entity = Command(kTransId, code, body.substr(0, body.size() - 96 + lastEntry_bytes));
+        spec.entityOffset = CHttpXaction::RequestBufferSize() - spec.entity.size();
+        spec.contentLength = std::to_string(spec.entity.size());
+        return spec;
+    }
+    // Everything that a frame took is back, and was ended once.
+    void ExpectAllHome() {
+        EXPECT_EQ(FramePool().ActiveCount(), 0);
+        EXPECT_EQ(FramePool().FreeCount(), CFrameIoXactionPool::kBlocks);
+        EXPECT_EQ(Pool().FreeCount(), kBlocks);
+    }
     // Takes every frame block out of the pool, as 7200 frames in work would.
     void TakeAllBlocks() {
         while (CFrameIoXaction* block = FramePool().AcquireBlock())

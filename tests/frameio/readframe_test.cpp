@@ -1,7 +1,9 @@
 // CMD_READ_FRAME: what reaches the library, every byte of the reply, drops, failures, and who owns
 // the blocks when.
+#include <stdexcept>
 #include <thread>
 
+#include "tests/fakes/allocfault.h"
 #include "tests/frameio/frametest.h"
 
 namespace {
@@ -456,6 +458,110 @@ TEST_F(ReadFrame, ALeaveDuringTheLibraryCallKeepsTheChannel) {
     EXPECT_EQ(Read({Entry()}), S_FALSE);
     EXPECT_EQ(media.Count("~CZemChannelIo"), 1u);
     Join();
+}
+
+TEST_F(ReadFrame, TheLastEntryNeedsOnlyTheFieldsThatAreRead) {
+    FrameEntrySpec tail = Entry(kVideo, 9);
+    tail.userData64 = 0x2122232425262728;
+    ULONGLONG seen = 0;
+    Answer([&](DWORD, ElemStrmEntry& entry) { seen = entry.userData64; });
+    for (const auto& entries : {std::vector{tail}, std::vector{Entry(), tail}}) {
+        EXPECT_EQ(Run(CutAtBufferEnd(3, entries, 88)), S_FALSE);
+        EXPECT_EQ(seen, tail.userData64);
+        EXPECT_EQ(http.Last().status, 200);
+        seen = 0;
+        EXPECT_EQ(Run(CutAtBufferEnd(3, entries, 87)), E_INVALIDARG);
+        ExpectGenericFailure(3, E_INVALIDARG);
+    }
+    EXPECT_EQ(media.Count("ReadFrame"), 2u);
+}
+
+TEST_F(ReadFrame, ALibraryThatThrowsFailsTheFrameOnce) {
+    media.onReadFrame = [](CZemChannelIo&, ZemIoDesc&) -> HRESULT {
+        throw std::runtime_error("a host's module");
+    };
+    EXPECT_EQ(Read({Entry(), Entry()}), S_FALSE);
+    EXPECT_EQ(http.SentCount(), 2u);
+    EXPECT_EQ(http.Last().status, 500);
+    EXPECT_EQ(http.Last().reason, "Failed 0x80004005");
+    EXPECT_EQ(Table().substr(12 + 8, 4), Bytes(E_FAIL));
+    EXPECT_EQ(Table().substr(12 + 8 + 96, 4), Bytes(E_FAIL));
+    EXPECT_EQ(http.Last().chunks.size(), 1u) << "nothing of a half-done frame";
+    EXPECT_EQ(log.Error(TEXT("Unknown error")).hr, E_FAIL);
+    EXPECT_EQ(media.Count("ReadFrameComplete"), 1u);
+    EXPECT_EQ(Counters().failedRealTimeIoMsgs, 1u);
+    FramePool().WaitUntilIdle();
+    ExpectAllHome();
+}
+
+TEST_F(ReadFrame, ACompletionThatThrowsGivesEverythingBackOnce) {
+    media.onCall = [](const MediaCall& call) {
+        if (call.op == "ReadFrameComplete") throw std::runtime_error("a host's module");
+    };
+    EXPECT_EQ(Read({Entry()}), S_FALSE);
+    ExpectAllHome();
+    EXPECT_EQ(log.Error(TEXT("Unknown error")).hr, E_FAIL);
+    media.pendReads = true;
+    EXPECT_EQ(Read({Entry()}), S_FALSE);
+    EXPECT_EQ(FramePool().ActiveCount(), 1);
+    std::thread library([&] { media.CompletePending(); });
+    FramePool().WaitUntilIdle();
+    library.join();
+    ExpectAllHome();
+    EXPECT_EQ(http.SentCount(), 3u);
+    server.Shutdown();
+}
+
+TEST_F(ReadFrame, AnErrorLogsOwnNumbersDecideNothing) {
+    for (const DWORD chainId : {7u, 1u, 0u, 0x80070040u}) {
+        log.chainId = [chainId](HRESULT) { return chainId; };
+        size_t sent = http.SentCount();
+        EXPECT_NE(Read({Entry()}, "ghost"), S_FALSE) << chainId;
+        EXPECT_EQ(http.SentCount(), ++sent);
+        ExpectImmediateReply();
+
+        Answer([](DWORD, ElemStrmEntry& entry) { entry.bufferCount = 6; });
+        EXPECT_EQ(Read(std::vector<FrameEntrySpec>(22, Entry())), S_FALSE);
+        EXPECT_EQ(http.SentCount(), ++sent) << "too many buffers: the generic failure";
+        EXPECT_EQ(http.Last().status, 500);
+        EXPECT_LT(http.Last().Word(12), 0);
+
+        Answer([](DWORD, ElemStrmEntry&) {});
+        ULONG error = ERROR_NOT_ENOUGH_MEMORY;  // of the first answer only
+        http.onSend = [&](const SentResponse&) { http.sendError = std::exchange(error, NO_ERROR); };
+        EXPECT_EQ(Read({Entry()}), S_FALSE);
+        http.onSend = nullptr;
+        EXPECT_EQ(http.SentCount(), sent += 2);
+        ExpectGenericFailure(3, HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY));
+
+        http.sendError = ERROR_NETNAME_DELETED;
+        EXPECT_EQ(Read({Entry()}), S_FALSE);
+        http.sendError = NO_ERROR;
+        EXPECT_EQ(http.SentCount(), ++sent) << "nobody is left to be told";
+    }
+}
+
+TEST_F(ReadFrame, ABlockThatCannotBeRegisteredGoesBack) {
+    CHttpXaction& xaction = Take();
+    RequestSpec spec;
+    spec.entity = Command(kTransId, 3, FrameBody({Entry()}));
+    Lay(xaction, spec);
+    FailNextAllocation(300);  // ten nodes of the map
+    EXPECT_EQ(server.ProcessRequest(xaction), S_OK);
+    EXPECT_TRUE(AllocationFailed());
+    Pool().Release(&xaction);
+    EXPECT_EQ(media.Count("ReadFrame"), 0u);
+    EXPECT_EQ(http.SentCount(), 2u);
+    ExpectImmediateReply();
+    ExpectAllHome();
+}
+
+TEST_F(ReadFrame, TheLastPositionOfAllIsPassedAndPrinted) {
+    SetTracing(true);
+    EXPECT_EQ(Read({Entry(kVideo, 0xFFFFFFFF)}), S_FALSE);
+    EXPECT_EQ(Table().substr(12 + 8 + 16, 4), Bytes(DWORD{0xFFFFFFFF}));
+    EXPECT_EQ(Traces()[0],
+              "client: handling CMD_READ_FRAME, token 0x101000042 pos 4294967295, transId 4711");
 }
 
 }  // namespace

@@ -1,7 +1,9 @@
 // CMD_WRITE_FRAME: where the bytes of the frame go, the immediate reply, drops, failures, blocks
 // that are kept.
+#include <stdexcept>
 #include <thread>
 
+#include "tests/fakes/allocfault.h"
 #include "tests/frameio/frametest.h"
 
 namespace {
@@ -464,6 +466,110 @@ TEST_F(WriteFrame, TheRegistryGetsTheBlocksOfFailedRequestsBack) {
     FramePool().Initialize(&server);
     EXPECT_EQ(Run(Spec({Entry({4, 4})}, "abcd", 7)), S_OK);
     ExpectImmediateReply();
+    ExpectKept(0);
+}
+
+TEST_F(WriteFrame, AReclaimedBlockIsAsUnused) {
+    const CRegistryValue reclaim(kTestZemKey, TEXT("ReclaimFrameBlocks"), DWORD{1});
+    access.FramePool() = std::make_unique<CFrameIoXactionPool>();
+    FramePool().Initialize(&server);
+    media.results["GetWriteFrameBuffers"] = E_FAIL;
+    EXPECT_EQ(Write({Entry({4})}, "abcd"), S_OK);
+    const auto* desc =
+        static_cast<const ZemIoDesc*>(media.Calls("GetWriteFrameBuffers")[0].pointer);
+    EXPECT_EQ(desc->inUse, 0);
+    EXPECT_EQ(desc->streamData->entries[0].token, 0u);
+    EXPECT_EQ(desc->streamData->entries[0].buffers[0].length_bytes, 0u);
+    EXPECT_EQ(FramePool().FindBlock(last->RequestId()), nullptr);
+    ExpectKept(0);
+}
+
+TEST_F(WriteFrame, TheLastEntryNeedsOnlyTheFieldsThatAreRead) {
+    FrameEntrySpec tail = Entry({});
+    tail.userData32 = 0x31323334;
+    DWORD seen = 0;
+    media.onWriteFrame = [&](CZemChannelIo&, ZemIoDesc& desc) {
+        seen = desc.streamData->entries[desc.streamData->entryCount - 1].userData32;
+        return desc.status = S_OK;
+    };
+    for (const auto& entries : {std::vector{tail}, std::vector{Entry({}), tail}}) {
+        EXPECT_EQ(Run(CutAtBufferEnd(4, entries, 92)), S_FALSE);
+        EXPECT_EQ(seen, tail.userData32);
+        seen = 0;
+        EXPECT_EQ(Run(CutAtBufferEnd(4, entries, 91)), E_INVALIDARG);
+        ExpectGenericFailure(4, E_INVALIDARG);
+    }
+    EXPECT_EQ(media.Count("WriteFrame"), 2u);
+}
+
+TEST_F(WriteFrame, ALibraryThatThrowsFailsTheFrameOnce) {
+    media.onWriteFrame = [](CZemChannelIo&, ZemIoDesc&) -> HRESULT {
+        throw std::runtime_error("a host's module");
+    };
+    EXPECT_EQ(Write({Entry({4})}, "abcd"), S_FALSE);
+    EXPECT_EQ(http.SentCount(), 2u);
+    ExpectImmediateReply();
+    EXPECT_EQ(log.Error(TEXT("Unknown error")).hr, E_FAIL);
+    EXPECT_EQ(Counters().failedRealTimeIoMsgs, 1u);
+    FramePool().WaitUntilIdle();
+    ExpectAllHome();
+    server.Shutdown();
+}
+
+TEST_F(WriteFrame, ALibraryThatThrowsWhenBuffersGoBackKeepsNoActiveFrame) {
+    media.onCall = [](const MediaCall& call) {
+        if (call.op == "ReleaseWriteFrameBuffers") throw std::runtime_error("a host's module");
+    };
+    http.FeedBodyError(ERROR_NETNAME_DELETED);
+    EXPECT_EQ(Run(Spec({Entry({4})}, "ab", 4)), S_OK);
+    ExpectImmediateReply();
+    ExpectKept(1);
+    // The same while the stack unwinds.
+    http.onSend = [](const SentResponse&) { FailNextAllocation(300); };
+    EXPECT_EQ(Write({Entry({4})}, "abcd"), S_OK);
+    http.onSend = nullptr;
+    EXPECT_TRUE(AllocationFailed());
+    ExpectKept(1);
+}
+
+TEST_F(WriteFrame, AnErrorLogsOwnNumbersDecideNothing) {
+    for (const DWORD chainId : {7u, 1u, 0u}) {
+        log.chainId = [chainId](HRESULT) { return chainId; };
+        size_t sent = http.SentCount();
+        const int kept = FramePool().KeptCount();
+        const size_t released = media.Count("ReleaseWriteFrameBuffers");
+        const ULONGLONG dropped = Counters().droppedWriteFrames;
+        RequestSpec spec = Spec({Entry({1})}, "x", 1);
+        spec.clientId = "ghost";
+        EXPECT_EQ(Run(spec), S_OK);
+        EXPECT_EQ(http.SentCount(), ++sent);
+        ExpectImmediateReply();
+
+        EXPECT_EQ(Run(Spec({Entry({4, 4})}, "abcd", 7)), S_OK) << "lengths and payload differ";
+        EXPECT_EQ(http.SentCount(), ++sent);
+        ExpectKept(kept + 1);
+
+        http.FeedBodyError(ERROR_NETNAME_DELETED);
+        EXPECT_EQ(Run(Spec({Entry({10})}, "ab", 10)), S_OK) << "the client went away";
+        EXPECT_EQ(http.SentCount(), ++sent);
+        EXPECT_EQ(media.Count("ReleaseWriteFrameBuffers"), released + 1);
+        EXPECT_EQ(Counters().droppedWriteFrames, dropped + 2);
+        ExpectKept(kept + 2);
+        ReleaseTaken();
+    }
+    EXPECT_EQ(media.Count("WriteFrame"), 0u);
+}
+
+TEST_F(WriteFrame, ABlockThatCannotBeRegisteredGoesBack) {
+    http.onSend = [](const SentResponse&) { FailNextAllocation(300); };  // ten nodes of the map
+    EXPECT_EQ(Write({Entry({4})}, "abcd"), S_OK);
+    http.onSend = nullptr;
+    EXPECT_TRUE(AllocationFailed());
+    EXPECT_EQ(media.Count("WriteFrame"), 0u);
+    EXPECT_EQ(media.Count("ReleaseWriteFrameBuffers"), 1u);
+    EXPECT_EQ(http.SentCount(), 2u) << "answered once";
+    ExpectImmediateReply();
+    EXPECT_EQ(Counters().droppedWriteFrames, 1u);
     ExpectKept(0);
 }
 

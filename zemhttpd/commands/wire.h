@@ -149,8 +149,10 @@ struct WireFrameEntry {
     ULONGLONG userData64;
     DWORD userData32;
     DWORD unread3;
-    static constexpr size_t kRead_bytes = 96;
 };
+// What the commands read of an entry ends with userData64 in a read, with userData32 in a write.
+inline constexpr size_t kReadEntry_bytes = 88;
+inline constexpr size_t kWriteEntry_bytes = 92;
 static_assert(sizeof(WireFrameEntry) == 96 && offsetof(WireFrameEntry, token) == 8);
 static_assert(offsetof(WireFrameEntry, position) == 16 &&
               offsetof(WireFrameEntry, streamFlags) == 20);

@@ -39,6 +39,7 @@ void CHttpXaction::Reset() {
     m_reserved2 = 0;
     m_sendCount = 0;
     m_receiveCount = 0;
+    m_sendError = NO_ERROR;
 }
 
 CHttpXactionPool::CHttpXactionPool() {
@@ -62,7 +63,7 @@ HRESULT CHttpXactionPool::Init(CHttpCommandHandler* handler, int count) {
             m_free.reset(new (std::nothrow) CHttpXaction*[size]);
         }
         if (!m_blocks || !m_free) {
-            ThrowError(scope, E_OUTOFMEMORY, kSourceXactn, __LINE__,
+            ThrowError(scope, E_OUTOFMEMORY, kSourceXactn, kLineAllocate,
                        TEXT("Unable to allocate transaction pool; %d transactions"), count);
         }
         m_count = count;
@@ -74,11 +75,11 @@ HRESULT CHttpXactionPool::Init(CHttpCommandHandler* handler, int count) {
         m_freeCount = count;
         m_semaphore = CreateSemaphoreW(nullptr, count, count, nullptr);
         if (!m_semaphore) {
-            ThrowError(scope, HRESULT_FROM_WIN32(GetLastError()), kSourceXactn, __LINE__,
+            ThrowError(scope, HRESULT_FROM_WIN32(GetLastError()), kSourceXactn, kLineSemaphore,
                        TEXT("Unable to create HTTP transaction pool semaphore"));
         }
     } catch (...) {
-        LogCaught(scope, kSourceXactn, __LINE__);
+        LogCaught(scope, kSourceXactn, kCatchLineInit);
     }
     return scope.GetResult();
 }
@@ -193,6 +194,7 @@ void CFrameIoXactionPool::RegisterBlock(CFrameIoXaction* block) {
 void CFrameIoXactionPool::ReleaseBlock(CFrameIoXaction* block) {
     if (!block) return;
     std::memset(block->entries, 0, sizeof(block->entries));
+    block->ioDesc.inUse = 0;
     const HTTP_REQUEST_ID requestId =
         block->httpXaction ? block->httpXaction->RequestId() : HTTP_NULL_ID;
     CSectionGuard guard(m_lock);

@@ -101,6 +101,8 @@ public:
     void SetStartTick(DWORD tick) { m_startTick = tick; }
     LONG SendCount() const { return m_sendCount; }
     void BumpSendCount() { ++m_sendCount; }
+    ULONG SendError() const { return m_sendError; }  // of the last command reply that was refused
+    void SetSendError(ULONG error) { m_sendError = error; }
     LONG ReceiveCount() const { return m_receiveCount; }
     void BumpReceiveCount() { ++m_receiveCount; }
     bool InUse() const { return m_inUse != 0; }
@@ -127,6 +129,7 @@ private:
     DWORD m_reserved2;
     LONG m_sendCount;
     LONG m_receiveCount;
+    ULONG m_sendError;
 };
 
 // The HTTP transaction blocks: first in, first out, bounded by a semaphore.

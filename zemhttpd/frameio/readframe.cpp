@@ -5,13 +5,20 @@
 #include <cstring>
 
 #include "zemhttpd/commands/commandtable.h"
-#include "zemhttpd/commands/filecommand.h"
 #include "zemhttpd/frameio/framecommon.h"
 
 namespace {
 
-constexpr DWORD kReadReplyCode = 3;
-constexpr DWORD kStatusReply_bytes = 4;
+constexpr LONG kCatchLineOnRead = 2412;
+constexpr LONG kLineUnknownClient = 2436;
+constexpr LONG kLineDropping = 2455;
+constexpr LONG kCatchLineLibrary = 2474;
+constexpr LONG kCatchLineDoRead = 2478;
+constexpr LONG kCatchLineDone = 2520;
+constexpr LONG kLineTooManyChunks = 2561;
+constexpr LONG kCatchLineSend = 2583;
+
+constexpr DWORD kReadReplyCode = ReplyCode(3);
 constexpr int kMaxChunks = 132;  // the reply table and 131 data buffers
 constexpr DWORD kSlowRead_ms = 500;
 
@@ -118,8 +125,7 @@ void FillReadBlock(CFrameIoXaction& frame, const ZemCommand& command, const Fram
     frame.channel = &channel;
     frame.streamData.entryCount = 0;
     for (DWORD i = 0; i < request.head.entryCount; ++i) {
-        WireFrameEntry from;
-        CopyFromBody(command, kFirstEntryOffset + i * sizeof(WireFrameEntry), from);
+        const WireFrameEntry from = CopyEntry(command, i);
         ElemStrmEntry& entry = frame.entries[i];
         entry.token = from.token;
         entry.position = from.position;
@@ -133,9 +139,8 @@ void FillReadBlock(CFrameIoXaction& frame, const ZemCommand& command, const Fram
 }
 
 // Nobody is left to be told when the connection went away.
-bool ClientGone(HRESULT hr) {
-    return hr == HRESULT_FROM_WIN32(ERROR_CONNECTION_INVALID) ||
-           hr == HRESULT_FROM_WIN32(ERROR_NETNAME_DELETED);
+bool ClientGone(ULONG error) {
+    return error == ERROR_CONNECTION_INVALID || error == ERROR_NETNAME_DELETED;
 }
 
 }  // namespace
@@ -143,23 +148,24 @@ bool ClientGone(HRESULT hr) {
 HRESULT CHttpCommandHandler::On_CMD_READ_FRAME(const ZemCommand& command) {
     CZemEntry scope(TEXT("CHttpCommandHandler::On_CMD_READ_FRAME"));
     FrameRequest request;
+    bool issued = false;
     try {
-        if (!request.ReadFrom(command)) scope = E_INVALIDARG;
+        if (!request.ReadFrom(command, kReadEntry_bytes)) scope = E_INVALIDARG;
         if (Tracing()) {
             scope.Trace(TEXT("%s: handling CMD_READ_FRAME, token 0x%I64x pos %u, transId %u"),
                         command.clientId, request.token, request.position, command.transId);
         }
-        const HRESULT hr = DoCmdReadFrame(command);
-        if (FAILED(hr)) {
+        DoCmdReadFrame(command, request, issued);
+        if (!issued) {
             // The reply tells of itself, not of the read: clients rely on it.
             BYTE* reply = nullptr;
-            scope = GetZemReplyMsg(*command.xaction, kStatusReply_bytes, kReadReplyCode, &reply);
+            scope = GetZemReplyMsg(*command.xaction, kStatusBody_bytes, kReadReplyCode, &reply);
             PutReply(reply, 0, scope.GetResult());
-            SendZemHttpResponse(*command.xaction, scope.GetResult(),
-                                kZemHeader_bytes + kStatusReply_bytes, command.clientId);
+            SendZemHttpResponse(*command.xaction, scope.GetResult(), kStatusReply_bytes,
+                                command.clientId);
         } else {
             // From here on the transaction is the completion's; only locals are read.
-            scope.SetResult(hr);
+            scope.SetResult(S_FALSE);
             if (Tracing()) {
                 scope.Trace(
                     TEXT("%s: CMD_READ_FRAME request issued OK, token 0x%I64x pos %u, transId %u"),
@@ -167,7 +173,7 @@ HRESULT CHttpCommandHandler::On_CMD_READ_FRAME(const ZemCommand& command) {
             }
         }
     } catch (...) {
-        LogCaught(scope, kSourceCmdHdlr, __LINE__);
+        LogCaught(scope, kSourceCmdHdlr, kCatchLineOnRead);
     }
     if (scope.Failed()) {
         const CZemClientRef client = LookupClient(command.clientId, true);
@@ -177,14 +183,16 @@ HRESULT CHttpCommandHandler::On_CMD_READ_FRAME(const ZemCommand& command) {
                         request.position, command.transId);
         }
     }
-    return scope.GetResult();
+    return HandlerResult(scope, issued);
 }
 
-HRESULT CHttpCommandHandler::DoCmdReadFrame(const ZemCommand& command) {
+// `issued` tells the caller, not the result: what an error log returns as a failure's number is its
+// own affair.
+HRESULT CHttpCommandHandler::DoCmdReadFrame(const ZemCommand& command, const FrameRequest& request,
+                                            bool& issued) {
     CZemEntry scope(TEXT("CHttpCommandHandler::DoCmdReadFrame"));
+    issued = false;
     try {
-        FrameRequest request;
-        if (!request.ReadFrom(command)) scope = E_INVALIDARG;
         CHttpXaction& xaction = *command.xaction;
         WCHAR description[kNameUnits];
         _snwprintf_s(description, kNameUnits, _TRUNCATE, TEXT("%s token 0x%I64x pos %u"),
@@ -192,7 +200,7 @@ HRESULT CHttpCommandHandler::DoCmdReadFrame(const ZemCommand& command) {
         xaction.Timer().StartXaction(command.clientId, description, command.transId);
         const CZemClientRef client = LookupClient(command.clientId, true);
         if (!client) {
-            ThrowError(scope, E_INVALIDARG, kSourceCmdHdlr, __LINE__, kUnknownClient,
+            ThrowError(scope, E_INVALIDARG, kSourceCmdHdlr, kLineUnknownClient, kUnknownClient,
                        command.clientId, command.transId);
         }
         if (!request.CountAllowed()) scope = E_INVALIDARG;
@@ -205,7 +213,7 @@ HRESULT CHttpCommandHandler::DoCmdReadFrame(const ZemCommand& command) {
         if (!frame) {
             channel.BumpDroppedReadFrames();
             if (!m_dropping.exchange(true, std::memory_order_relaxed)) {
-                ThrowError(scope, kNoResources, kSourceCmdHdlr, __LINE__,
+                ThrowError(scope, kNoResources, kSourceCmdHdlr, kLineDropping,
                            TEXT("%s: Dropping FrameRead, request pos %u; All frame IO transaction "
                                 "blocks in use, transId %u"),
                            command.clientId, request.position, command.transId);
@@ -223,15 +231,12 @@ HRESULT CHttpCommandHandler::DoCmdReadFrame(const ZemCommand& command) {
         xaction.Timer().MarkStage(kStageIssuingZemRequest);
         xaction.SetStartTick(GetTickCount());
         guard.Dismiss();
-        const HRESULT hr = channel.ReadFrame(frame->ioDesc);
-        // A pending read may be answered and its blocks reused by now: neither is touched again.
-        if (hr != kIoPending) {
-            ReadFrameDoneApc(frame);
-            if (FAILED(hr) && hr != kEndOfMedia) channel.BumpFailedRealTimeIoMsgs();
-        }
+        issued = true;
+        HandOver(scope, kCatchLineLibrary, frame,
+                 [](CZemChannelIo& io, ZemIoDesc& desc) { return io.ReadFrame(desc); });
         scope.SetResult(S_FALSE);
     } catch (...) {
-        LogCaught(scope, kSourceCmdHdlr, __LINE__);
+        LogCaught(scope, kSourceCmdHdlr, kCatchLineDoRead);
     }
     return scope.GetResult();
 }
@@ -242,6 +247,7 @@ void CHttpCommandHandler::ReadFrameDoneApc(void* frameXaction) {
     try {
         if (!frame) scope = E_INVALIDARG;
         CHttpCommandHandler& handler = *frame->owner;
+        const CFrameIoEnd end(*frame, *handler.m_framePool, *handler.m_xactionPool);
         CZemChannelIo& channel = *frame->channel;
         CHttpXaction& xaction = *frame->httpXaction;
         CZemHttpdXactionTimer& timer = xaction.Timer();
@@ -250,22 +256,21 @@ void CHttpCommandHandler::ReadFrameDoneApc(void* frameXaction) {
             scope.Trace(TEXT("%s: handling read-frame complete, transId %u"), channel.GetClientId(),
                         xaction.TransId());
         }
-        const HRESULT sent = handler.SendReadFrameReply(*frame);
-        if (FAILED(sent) && !ClientGone(sent)) {
-            handler.SendGenericZemFailureResponse(sent, channel.GetClientId(), xaction);
+        const HRESULT result = handler.SendReadFrameReply(*frame);
+        // What was sent decides, not the result: that may be a number of the error log's own.
+        const ULONG error = xaction.SendError();
+        if (xaction.SendCount() == 0 && !ClientGone(error)) {
+            const HRESULT hr = error != NO_ERROR ? HRESULT_FROM_WIN32(error) : result;
+            handler.SendGenericZemFailureResponse(FAILED(hr) ? hr : E_FAIL, channel.GetClientId(),
+                                                  xaction);
             xaction.SetReplySent();
         }
         timer.MarkStage(kStageIssuingZemIoCompletion);
         channel.ReadFrameComplete(frame->streamData);
         timer.MarkStage(kStageZemIoCompletionEnd);
         if (frame->ioDesc.status == kNoResources) channel.BumpDroppedReadFrames();
-        frame->ioDesc.inUse = 0;
-        handler.m_framePool->ReleaseBlock(frame);
-        timer.MarkStage(kStageIoContextReleased);
-        handler.m_xactionPool->Release(&xaction);
-        handler.m_framePool->EndIo();  // the last use of the server by this I/O
     } catch (...) {
-        LogCaught(scope, kSourceCmdHdlr, __LINE__);
+        LogCaught(scope, kSourceCmdHdlr, kCatchLineDone);
     }
 }
 
@@ -287,7 +292,7 @@ HRESULT CHttpCommandHandler::SendReadFrameReply(CFrameIoXaction& frame) {
             FillEntry(out, entry);
             if (entry.status >= 0 && !IsSpecialToken(entry.token)) {
                 if (!AddData(out, entry, list, total_bytes)) {
-                    ThrowError(scope, E_OUTOFMEMORY, kSourceCmdHdlr, __LINE__,
+                    ThrowError(scope, E_OUTOFMEMORY, kSourceCmdHdlr, kLineTooManyChunks,
                                TEXT("%s: Too many read-frame scatter-gather entries (max entries "
                                     "%d); transId %u"),
                                clientId, kMaxChunks, transId);
@@ -310,7 +315,7 @@ HRESULT CHttpCommandHandler::SendReadFrameReply(CFrameIoXaction& frame) {
         }
         scope.SetResult(SendZemHttpResponse(xaction, frame.ioDesc.status, total_bytes, clientId));
     } catch (...) {
-        LogCaught(scope, kSourceCmdHdlr, __LINE__);
+        LogCaught(scope, kSourceCmdHdlr, kCatchLineSend);
     }
     return scope.GetResult();
 }

@@ -6,34 +6,34 @@
 #include <algorithm>
 #include <cstring>
 
-#include "zemhttpd/commands/filecommand.h"
+#include "zemhttpd/commands/commandtable.h"
 #include "zemhttpd/frameio/framecommon.h"
+#include "zemhttpd/server/sectionguard.h"
 
 namespace {
 
-constexpr DWORD kWriteReplyCode = 4;
-constexpr DWORD kStatusReply_bytes = 4;
+constexpr LONG kLineAllocated = 2642;
+constexpr LONG kCatchLineOnWrite = 2671;
+constexpr LONG kLineUnknownClient = 2689;
+constexpr LONG kCatchLineLibrary = 2711;
+constexpr LONG kCatchLineDoWrite = 2724;
+constexpr LONG kLineDropping = 2748;
+constexpr LONG kLineMismatch = 2763;
+constexpr LONG kCatchLineGetRequest = 2779;
+constexpr LONG kCatchLineGetBuffer = 2808;
+constexpr LONG kLinePartial = 2820;
+constexpr LONG kLineReceive = 2839;
+constexpr LONG kCatchLineReadData = 2857;
+constexpr LONG kCatchLineDone = 2883;
+
+constexpr DWORD kWriteReplyCode = ReplyCode(4);
 constexpr DWORD kSlowReceive_ms = 251;
 constexpr ULONGLONG kMaxReceive_bytes = 0x40000000;  // asked for in one call
-
-class CRecordLock {
-public:
-    explicit CRecordLock(CRITICAL_SECTION* section) : m_section(section) {
-        EnterCriticalSection(m_section);
-    }
-    ~CRecordLock() { LeaveCriticalSection(m_section); }
-    CRecordLock(const CRecordLock&) = delete;
-    CRecordLock& operator=(const CRecordLock&) = delete;
-
-private:
-    CRITICAL_SECTION* m_section;
-};
 
 // True when no ordinary entry names more buffers than a block entry holds.
 bool BufferCountsAllowed(const ZemCommand& command, const FrameRequest& request) {
     for (DWORD i = 0; i < request.head.entryCount; ++i) {
-        WireFrameEntry from;
-        CopyFromBody(command, kFirstEntryOffset + i * sizeof(WireFrameEntry), from);
+        const WireFrameEntry from = CopyEntry(command, i);
         if (IsSpecialToken(from.token)) continue;
         if (from.bufferCount < 0 || from.bufferCount > kMaxBuffersPerEntry) return false;
     }
@@ -51,8 +51,7 @@ ULONGLONG FillWriteBlock(CFrameIoXaction& frame, const ZemCommand& command,
     frame.streamData.entryCount = 0;
     ULONGLONG total_bytes = 0;
     for (DWORD i = 0; i < request.head.entryCount; ++i) {
-        WireFrameEntry from;
-        CopyFromBody(command, kFirstEntryOffset + i * sizeof(WireFrameEntry), from);
+        const WireFrameEntry from = CopyEntry(command, i);
         ElemStrmEntry& entry = frame.entries[i];
         entry.status = S_OK;
         entry.token = from.token;
@@ -77,32 +76,33 @@ ULONGLONG FillWriteBlock(CFrameIoXaction& frame, const ZemCommand& command,
 // The immediate reply: it tells of itself, not of the write. Throws when it cannot be built.
 void SendWriteReply(CHttpCommandHandler& handler, CZemEntry& scope, const ZemCommand& command) {
     BYTE* reply = nullptr;
-    scope = handler.GetZemReplyMsg(*command.xaction, kStatusReply_bytes, kWriteReplyCode, &reply);
+    scope = handler.GetZemReplyMsg(*command.xaction, kStatusBody_bytes, kWriteReplyCode, &reply);
     PutReply(reply, 0, scope.GetResult());
-    handler.SendZemHttpResponse(*command.xaction, scope.GetResult(),
-                                kZemHeader_bytes + kStatusReply_bytes, command.clientId);
+    handler.SendZemHttpResponse(*command.xaction, scope.GetResult(), kStatusReply_bytes,
+                                command.clientId);
 }
 
-// Takes write buffers and receives the frame data into them; they go back when it fails.
-HRESULT ReceiveWriteData(CHttpCommandHandler& handler, CZemEntry& scope, const ZemCommand& command,
-                         CFrameIoXaction& frame, ULONGLONG total_bytes, DWORD position) {
+// Takes write buffers and receives the frame data into them; they go back when it fails. False, and
+// the scope's result, for a failure.
+bool ReceiveWriteData(CHttpCommandHandler& handler, CZemEntry& scope, const ZemCommand& command,
+                      CFrameIoXaction& frame, ULONGLONG total_bytes, DWORD position) {
     BYTE* firstBuffer = nullptr;
     ULONGLONG allocated_bytes = 0;
-    HRESULT hr =
-        handler.GetWriteFrameBuffer(*frame.channel, frame.ioDesc, firstBuffer, allocated_bytes);
-    if (FAILED(hr)) return hr;
+    scope.SetResult(
+        handler.GetWriteFrameBuffer(*frame.channel, frame.ioDesc, firstBuffer, allocated_bytes));
+    if (scope.Failed()) return false;
+    bool complete = false;
     if (total_bytes == allocated_bytes && (firstBuffer || total_bytes == 0)) {
-        hr = handler.ReadFrameDataIntoBuffer(command, firstBuffer);
+        scope.SetResult(handler.ReadFrameDataIntoBuffer(command, firstBuffer, complete));
     } else {
-        scope.LogError(E_UNEXPECTED, kSourceCmdHdlr, __LINE__,
+        scope.LogError(E_UNEXPECTED, kSourceCmdHdlr, kLineAllocated,
                        TEXT("%s: Unable to allocate expected WriteFrame data size %d bytes, "
                             "allocated %d bytes, pos %u, transId %u"),
                        command.clientId, static_cast<int>(total_bytes),
                        static_cast<int>(allocated_bytes), position, command.transId);
-        hr = scope.GetResult();
     }
-    if (FAILED(hr)) frame.channel->ReleaseWriteFrameBuffers(frame.ioDesc);
-    return hr;
+    if (!complete) frame.channel->ReleaseWriteFrameBuffers(frame.ioDesc);
+    return complete;
 }
 
 }  // namespace
@@ -112,79 +112,79 @@ HRESULT CHttpCommandHandler::On_CMD_WRITE_FRAME(const ZemCommand& command) {
     bool release = true;
     try {
         FrameRequest request;
-        if (!request.ReadFrom(command)) scope = E_INVALIDARG;
+        if (!request.ReadFrom(command, kWriteEntry_bytes)) scope = E_INVALIDARG;
         command.xaction->Timer().StartXaction(command.clientId, TEXT("WRITE_FRAME"),
                                               command.transId);
         if (Tracing()) {
             scope.Trace(TEXT("%s: handling CMD_WRITE_FRAME, transId %u"), command.clientId,
                         command.transId);
         }
-        const HRESULT hr = DoCmdWriteFrame(command, release);
-        if (FAILED(hr)) {
+        DoCmdWriteFrame(command, request, release);
+        if (release) {  // nothing was handed over: it failed
             const CZemClientRef client = LookupClient(command.clientId, true);
             if (client) client.Channel()->BumpDroppedWriteFrames();
             if (Tracing()) {
                 scope.Trace(TEXT("%s: error CMD_WRITE_FRAME, transId %u"), command.clientId,
                             command.transId);
             }
-            // Only a write whose client is unknown comes here without its reply.
-            if (release && !command.xaction->ReplySent()) SendWriteReply(*this, scope, command);
+            // A write comes here without its reply when its client is unknown, or when the reply
+            // could not be built: then it cannot now either, and dispatch answers.
+            if (!command.xaction->ReplySent()) SendWriteReply(*this, scope, command);
         }
-        scope.SetResult(release ? S_OK : S_FALSE);  // a failure is not returned: the reply has gone
+        scope.SetResult(S_OK);  // a failure is not returned: the reply has gone
     } catch (...) {
-        LogCaught(scope, kSourceCmdHdlr, __LINE__);
+        LogCaught(scope, kSourceCmdHdlr, kCatchLineOnWrite);
     }
-    return scope.GetResult();
+    return HandlerResult(scope, !release);
 }
 
-HRESULT CHttpCommandHandler::DoCmdWriteFrame(const ZemCommand& command, bool& release) {
+// `release` tells the caller, not the result: what an error log returns as a failure's number is
+// its own affair.
+HRESULT CHttpCommandHandler::DoCmdWriteFrame(const ZemCommand& command, const FrameRequest& request,
+                                             bool& release) {
     CZemEntry scope(TEXT("CHttpCommandHandler::DoCmdWriteFrame"));
     release = true;
     try {
         const CZemClientRef client = LookupClient(command.clientId, true);
         if (!client) {
-            ThrowError(scope, E_INVALIDARG, kSourceCmdHdlr, __LINE__, kUnknownClient,
+            ThrowError(scope, E_INVALIDARG, kSourceCmdHdlr, kLineUnknownClient, kUnknownClient,
                        command.clientId, command.transId);
         }
-        const CRecordLock lock(client.RecordLock());
+        const CSectionGuard lock(*client.RecordLock());
         CZemChannelIo& channel = *client.Channel();
         CFrameIoXaction* frame = nullptr;
-        const HRESULT hrGet = GetZemWriteFrameRequestFromHttp(command, channel, frame);
+        const HRESULT hrGet = GetZemWriteFrameRequestFromHttp(command, request, channel, frame);
         CFrameBlockGuard guard(*m_framePool);
-        if (hrGet == S_OK) guard.Guard(frame, &channel);
+        guard.Guard(frame, &channel);
         SendWriteReply(*this, scope, command);
-        if (hrGet == S_OK) {
-            frame->ioDesc.completionRoutine = &CHttpCommandHandler::WriteFrameDoneApc;
-            frame->ioDesc.completionContext = frame;
-            m_framePool->RegisterBlock(frame);
-            command.xaction->Timer().MarkStage(kStageIssuingZemRequest);
-            guard.Dismiss();
-            release = false;
-            const HRESULT hr = channel.WriteFrame(frame->ioDesc);
-            // A pending write may be finished and its blocks reused by now: neither is touched
-            // again.
-            if (hr != kIoPending) {
-                WriteFrameDoneApc(frame);
-                if (FAILED(hr) && hr != kEndOfMedia) channel.BumpFailedRealTimeIoMsgs();
-            }
-            scope.SetResult(S_FALSE);
-        } else {
+        if (!frame) {
             scope.SetResult(hrGet);
+            return scope.GetResult();
         }
+        frame->ioDesc.completionRoutine = &CHttpCommandHandler::WriteFrameDoneApc;
+        frame->ioDesc.completionContext = frame;
+        m_framePool->RegisterBlock(frame);
+        command.xaction->Timer().MarkStage(kStageIssuingZemRequest);
+        guard.Dismiss();
+        release = false;
+        HandOver(scope, kCatchLineLibrary, frame,
+                 [](CZemChannelIo& io, ZemIoDesc& desc) { return io.WriteFrame(desc); });
+        scope.SetResult(S_FALSE);
     } catch (...) {
-        LogCaught(scope, kSourceCmdHdlr, __LINE__);
+        LogCaught(scope, kSourceCmdHdlr, kCatchLineDoWrite);
     }
     return scope.GetResult();
 }
 
+// `frame` is the filled block with its write buffers, or null after any failure.
 HRESULT CHttpCommandHandler::GetZemWriteFrameRequestFromHttp(const ZemCommand& command,
+                                                             const FrameRequest& request,
                                                              CZemChannelIo& channel,
                                                              CFrameIoXaction*& frame) {
     CZemEntry scope(TEXT("CHttpCommandHandler::GetZemWriteFrameRequestFromHttp"));
     frame = nullptr;
+    bool filled = false;
     try {
-        FrameRequest request;
-        if (!request.ReadFrom(command)) scope = E_INVALIDARG;
         CZemHttpdXactionTimer& timer = command.xaction->Timer();
         WCHAR description[kNameUnits];
         _snwprintf_s(description, kNameUnits, _TRUNCATE, TEXT("%s token 0x%I64x pos %u"),
@@ -200,7 +200,7 @@ HRESULT CHttpCommandHandler::GetZemWriteFrameRequestFromHttp(const ZemCommand& c
                 scope.SetResult(kNoResources);  // reported once only
                 return scope.GetResult();
             }
-            ThrowError(scope, kNoResources, kSourceCmdHdlr, __LINE__,
+            ThrowError(scope, kNoResources, kSourceCmdHdlr, kLineDropping,
                        TEXT("%s: Dropping WriteFrame, request pos %u; All frame IO transaction "
                             "blocks in use, transId %u"),
                        command.clientId, request.position, command.transId);
@@ -214,18 +214,17 @@ HRESULT CHttpCommandHandler::GetZemWriteFrameRequestFromHttp(const ZemCommand& c
         const ULONGLONG total_bytes = FillWriteBlock(*frame, command, request, channel);
         if (command.payload_bytes < 0 ||
             total_bytes != static_cast<ULONGLONG>(command.payload_bytes)) {
-            ThrowError(scope, E_UNEXPECTED, kSourceCmdHdlr, __LINE__,
+            ThrowError(scope, E_UNEXPECTED, kSourceCmdHdlr, kLineMismatch,
                        TEXT("%s: WriteFrame data size in header (%d bytes) and payload (%d bytes) "
                             "mismatch, pos %u, transId %u"),
                        command.clientId, static_cast<int>(total_bytes),
                        static_cast<int>(command.payload_bytes), request.position, command.transId);
         }
-        scope.SetResult(
-            ReceiveWriteData(*this, scope, command, *frame, total_bytes, request.position));
+        filled = ReceiveWriteData(*this, scope, command, *frame, total_bytes, request.position);
     } catch (...) {
-        LogCaught(scope, kSourceCmdHdlr, __LINE__);
+        LogCaught(scope, kSourceCmdHdlr, kCatchLineGetRequest);
     }
-    if (scope.Failed() && frame) {
+    if (!filled && frame) {
         m_framePool->KeepBlock(frame);
         m_framePool->EndIo();
         frame = nullptr;
@@ -252,18 +251,20 @@ HRESULT CHttpCommandHandler::GetWriteFrameBuffer(CZemChannelIo& channel, ZemIoDe
             }
         }
     } catch (...) {
-        LogCaught(scope, kSourceCmdHdlr, __LINE__);
+        LogCaught(scope, kSourceCmdHdlr, kCatchLineGetBuffer);
     }
     return scope.GetResult();
 }
 
-HRESULT CHttpCommandHandler::ReadFrameDataIntoBuffer(const ZemCommand& command, BYTE* destination) {
+HRESULT CHttpCommandHandler::ReadFrameDataIntoBuffer(const ZemCommand& command, BYTE* destination,
+                                                     bool& complete) {
     CZemEntry scope(TEXT("CHttpCommandHandler::ReadFrameDataIntoBuffer"));
+    complete = false;
     try {
         CHttpXaction& xaction = *command.xaction;
         const ULONGLONG payload_bytes = static_cast<ULONGLONG>(command.payload_bytes);
         if (payload_bytes < command.frameData_bytes) {
-            ThrowError(scope, E_UNEXPECTED, kSourceCmdHdlr, __LINE__,
+            ThrowError(scope, E_UNEXPECTED, kSourceCmdHdlr, kLinePartial,
                        TEXT("%s: Partial frame data write size %u > true frame data size %u"),
                        command.clientId, static_cast<DWORD>(command.frameData_bytes),
                        static_cast<DWORD>(payload_bytes));
@@ -281,7 +282,7 @@ HRESULT CHttpCommandHandler::ReadFrameDataIntoBuffer(const ZemCommand& command, 
                                                        &read_bytes, nullptr);
             if (error == NO_ERROR && read_bytes == 0) error = ERROR_HANDLE_EOF;
             if (error != NO_ERROR) {
-                ThrowError(scope, HRESULT_FROM_WIN32(error), kSourceCmdHdlr, __LINE__,
+                ThrowError(scope, HRESULT_FROM_WIN32(error), kSourceCmdHdlr, kLineReceive,
                            TEXT("%s: Error receving remaining framewrite data. Total framedata sz "
                                 "%d bytes, received %d bytes"),
                            command.clientId, static_cast<int>(payload_bytes),
@@ -290,6 +291,7 @@ HRESULT CHttpCommandHandler::ReadFrameDataIntoBuffer(const ZemCommand& command, 
             xaction.BumpReceiveCount();
             offset_bytes += read_bytes;
         }
+        complete = true;
         const DWORD elapsed_ms = GetTickCount() - xaction.StartTick();
         if (elapsed_ms >= kSlowReceive_ms) {
             scope.LogSlowOperation(elapsed_ms,
@@ -299,7 +301,7 @@ HRESULT CHttpCommandHandler::ReadFrameDataIntoBuffer(const ZemCommand& command, 
                                    xaction.ReceiveCount(), command.transId);
         }
     } catch (...) {
-        LogCaught(scope, kSourceCmdHdlr, __LINE__);
+        LogCaught(scope, kSourceCmdHdlr, kCatchLineReadData);
     }
     return scope.GetResult();
 }
@@ -310,6 +312,7 @@ void CHttpCommandHandler::WriteFrameDoneApc(void* frameXaction) {
     try {
         if (!frame) scope = E_INVALIDARG;
         CHttpCommandHandler& handler = *frame->owner;
+        const CFrameIoEnd end(*frame, *handler.m_framePool, *handler.m_xactionPool);
         CHttpXaction& xaction = *frame->httpXaction;
         CZemHttpdXactionTimer& timer = xaction.Timer();
         timer.MarkStage(kStageBeginIoCompletion);
@@ -319,12 +322,7 @@ void CHttpCommandHandler::WriteFrameDoneApc(void* frameXaction) {
         }
         timer.MarkStage(kStageZemIoCompletionEnd);
         if (frame->ioDesc.status == kNoResources) frame->channel->BumpDroppedWriteFrames();
-        frame->ioDesc.inUse = 0;
-        handler.m_framePool->ReleaseBlock(frame);
-        timer.MarkStage(kStageIoContextReleased);
-        handler.m_xactionPool->Release(&xaction);
-        handler.m_framePool->EndIo();  // the last use of the server by this I/O
     } catch (...) {
-        LogCaught(scope, kSourceCmdHdlr, __LINE__);
+        LogCaught(scope, kSourceCmdHdlr, kCatchLineDone);
     }
 }

@@ -129,17 +129,17 @@ public:
     HRESULT On_CMD_MOVE_FILE(const ZemCommand& command);
 
     // --- frame I/O (frameio/*.cpp): workers, completions on the media library's threads ---
-    HRESULT DoCmdReadFrame(const ZemCommand& command);
+    HRESULT DoCmdReadFrame(const ZemCommand& command, const FrameRequest& request, bool& issued);
     HRESULT On_CMD_READ_FRAME(const ZemCommand& command);
     static void ReadFrameDoneApc(void* frameXaction);
     HRESULT SendReadFrameReply(CFrameIoXaction& frame);
-    HRESULT DoCmdWriteFrame(const ZemCommand& command, bool& release);
+    HRESULT DoCmdWriteFrame(const ZemCommand& command, const FrameRequest& request, bool& release);
     HRESULT On_CMD_WRITE_FRAME(const ZemCommand& command);
-    HRESULT GetZemWriteFrameRequestFromHttp(const ZemCommand& command, CZemChannelIo& channel,
-                                            CFrameIoXaction*& frame);
+    HRESULT GetZemWriteFrameRequestFromHttp(const ZemCommand& command, const FrameRequest& request,
+                                            CZemChannelIo& channel, CFrameIoXaction*& frame);
     HRESULT GetWriteFrameBuffer(CZemChannelIo& channel, ZemIoDesc& desc, BYTE*& firstBuffer,
                                 ULONGLONG& allocated_bytes);
-    HRESULT ReadFrameDataIntoBuffer(const ZemCommand& command, BYTE* destination);
+    HRESULT ReadFrameDataIntoBuffer(const ZemCommand& command, BYTE* destination, bool& complete);
     static void WriteFrameDoneApc(void* frameXaction);
     HRESULT DoCmdUpdateCfg(const ZemCommand& command, const WCHAR* xml);
     HRESULT On_CMD_UPDATE_CFG(const ZemCommand& command);

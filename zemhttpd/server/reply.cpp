@@ -133,6 +133,7 @@ HRESULT CHttpCommandHandler::SendZemHttpResponse(CHttpXaction& xaction, HRESULT 
         const ULONG error = SendCommandReply(xaction, contentLength_bytes,
                                              header.dataSize_bytes + kZemHeader_bytes);
         if (error != NO_ERROR) {
+            xaction.SetSendError(error);
             xaction.Timer().MarkStage(kStageZemReplyHdrSendError);
             scope.LogError(HresultFromError(static_cast<LONG>(error)), kSourceCmdHdlr,
                            kLineSendReply,
