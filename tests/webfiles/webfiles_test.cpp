@@ -424,7 +424,7 @@ INSTANTIATE_TEST_SUITE_P(Verbs, Escape, ::testing::Values(HttpVerbGET, HttpVerbD
                          });
 
 TEST_P(Escape, WithoutAVolumeRootThereAreNoFiles) {
-    for (const WCHAR* root : {TEXT(""), TEXT("\\"), TEXT("/\\")}) {
+    for (const WCHAR* root : {TEXT(""), TEXT("\\"), TEXT("/\\"), TEXT("/.\\")}) {
         wcscpy_s(access.VolumeRoot(), kNameUnits, root);
         const size_t before = http.SentCount();
         EXPECT_EQ(Request(GetParam(), (top / "secret.txt").string()), E_UNEXPECTED);
@@ -528,6 +528,19 @@ TEST_F(WebFiles, OtherMethodsAreNotAllowed) {
         EXPECT_EQ(http.Last().status, 405);
         EXPECT_EQ(http.Last().reason, "HTTP method not allowed");
         EXPECT_TRUE(http.Last().chunks.empty());
+    }
+}
+
+TEST_F(WebFiles, ABlockWithoutARequestIsABadRequest) {
+    for (const auto send : {&CHttpCommandHandler::SendHttpGetResponse,
+                            &CHttpCommandHandler::SendHttpDeleteResponse}) {
+        const auto xaction = std::make_unique<CHttpXaction>();  // of no pool
+        const size_t before = http.SentCount();
+        EXPECT_EQ((server.*send)(*xaction, 200, "OK"), E_UNEXPECTED);
+        ASSERT_EQ(http.SentCount(), before + 1);
+        EXPECT_EQ(http.Last().status, 400);
+        EXPECT_EQ(http.Last().requestId, HTTP_NULL_ID);
+        EXPECT_TRUE(xaction->ReplySent());
     }
 }
 

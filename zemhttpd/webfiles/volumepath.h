@@ -1,6 +1,6 @@
-// Which file below the volume root a request names, and whether it really lies there. Nothing
-// outside the root is ever opened for a client: no `..`, symbolic link, mount trick or missing root
-// leads out of it. Worker threads.
+// Which file below the volume root a request names, and whether it really lies there. To find out
+// where a name leads, files and folders outside the root may be opened; none is ever sent or
+// deleted, whatever `..`, symbolic link or missing root a request makes use of. Worker threads.
 #pragma once
 
 #include "platform/platform.h"
