@@ -42,8 +42,21 @@
 #include "platform/posix/types.h"
 #endif
 
+#include <algorithm>
 #include <string>
 #include <string_view>
 
 using WString = std::basic_string<WCHAR>;
 using WStringView = std::basic_string_view<WCHAR>;
+
+#include "platform/windowsnames.h"
+
+// Whether a path below a folder can mean nothing but a plain file: no device, no stream of a file.
+// Only Windows has names of that kind; elsewhere a colon is a letter like others.
+inline bool NamesPlainFile([[maybe_unused]] WStringView path) {
+#ifdef _WIN32
+    return windowsnames::ArePlain(path);
+#else
+    return true;
+#endif
+}

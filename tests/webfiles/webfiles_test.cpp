@@ -544,4 +544,25 @@ TEST_F(WebFiles, ABlockWithoutARequestIsABadRequest) {
     }
 }
 
+TEST(WindowsNames, StreamsAndDevicesAreNoPlainFiles) {
+    for (const WCHAR* path :
+         {TEXT("/media/a.mxf:stream"), TEXT("/media/a.mxf::$DATA"), TEXT("C:/x"), TEXT("NUL"),
+          TEXT("/media/nul"), TEXT("/media/Con.txt"), TEXT("\\media\\aux \\x"), TEXT("/prn.tar.gz"),
+          TEXT("/COM1"), TEXT("/lpt9.txt"), TEXT("/com\u00b2"), TEXT("/conin$")}) {
+        EXPECT_FALSE(windowsnames::ArePlain(path)) << Utf8(path);
+    }
+    for (const WCHAR* path :
+         {TEXT(""), TEXT("/"), TEXT("/media/clip.mxf"), TEXT("/null"), TEXT("/COM"), TEXT("/com10"),
+          TEXT("/comx"), TEXT("/media/.nul"), TEXT("/a.con"), TEXT("/console/lpt")}) {
+        EXPECT_TRUE(windowsnames::ArePlain(path)) << Utf8(path);
+    }
+}
+
+TEST_F(WebFiles, AColonIsALetterWhereFilesMayHaveIt) {
+    Put("vol/media/10:00:00.mxf", "x");
+    Put("vol/media/nul", "y");
+    EXPECT_EQ(Download("/media/10:00:00.mxf"), "x");
+    EXPECT_EQ(Download("/media/nul"), "y");
+}
+
 }  // namespace

@@ -52,13 +52,13 @@ UrlText::UrlText(const WCHAR* start, USHORT length_bytes) {
 
 CVolumePath::CVolumePath(const WCHAR* volumeRoot, const WCHAR* separator, const UrlText& path)
     : m_root(CFileHandle(OpenRoot(volumeRoot)).Get()) {
-    m_cut = _snwprintf_s(m_fullPath, kNameUnits, _TRUNCATE, TEXT("%s%s%s"), volumeRoot, separator,
-                         path.text) < 0 ||
-            path.cut;
+    m_refused = _snwprintf_s(m_fullPath, kNameUnits, _TRUNCATE, TEXT("%s%s%s"), volumeRoot,
+                             separator, path.text) < 0 ||
+                path.cut || !NamesPlainFile(path.text);
 }
 
 bool CVolumePath::IsPlainFile() const {
-    if (m_root.length == 0 || m_cut) return false;
+    if (m_root.length == 0 || m_refused) return false;
     WCHAR folder[kNameUnits];
     std::memcpy(folder, m_fullPath, sizeof(folder));
     size_t end = wcslen(folder);

@@ -52,7 +52,7 @@ public:
 
     const WCHAR* FullPath() const { return m_fullPath; }  // cut at 259 characters
     // Whether the name stands for a plain file in a folder at or below the root: no folder, no
-    // link, nothing when there is no root or the name is too long.
+    // link, no device, nothing when there is no root or the name is too long.
     bool IsPlainFile() const;
     // Whether an open file lies below the root, all links resolved.
     bool Holds(HANDLE file) const;
@@ -60,5 +60,5 @@ public:
 private:
     const FinalPath m_root;
     WCHAR m_fullPath[kNameUnits];
-    bool m_cut;
+    bool m_refused;  // too long, or a name that Windows gives another meaning
 };
