@@ -5,6 +5,7 @@
 #include "zemhttpd/entry/entrypoint.h"
 #include "zemhttpd/server/entityroom.h"
 #include "zemhttpd/server/httpcmdhdlr.h"
+#include "zemhttpd/server/responsefields.h"
 
 #include <algorithm>
 #include <charconv>
@@ -22,11 +23,6 @@ constexpr LONG kCatchLineSendBasic = 1087;
 constexpr DWORD kSlow_ms = 500;
 constexpr int kReasonSize = 128;
 
-void SetHeader(HTTP_KNOWN_HEADER& header, const char* value, size_t length) {
-    header.pRawValue = value;
-    header.RawValueLength = static_cast<USHORT>(length);
-}
-
 class CDecimal {
 public:
     explicit CDecimal(ULONGLONG number)
@@ -39,12 +35,6 @@ private:
     char m_digits[20];
     size_t m_length;
 };
-
-void SetStatus(HTTP_RESPONSE& response, USHORT status, const char* reason) {
-    response.StatusCode = status;
-    response.pReason = reason;
-    response.ReasonLength = static_cast<USHORT>(std::strlen(reason));
-}
 
 // The reply header as it stands at the start of the first chunk; zero where there is none.
 ZemReplyHdr ReadReplyHeader(const HTTP_RESPONSE& response) {
@@ -106,14 +96,13 @@ ULONG CHttpCommandHandler::SendCommandReply(CHttpXaction& xaction, ULONGLONG con
         {sizeof(kVersionName) - 1, 1, kVersionName, "1"},
     };
     HTTP_RESPONSE& response = xaction.Response();
-    HTTP_KNOWN_HEADER* known = response.Headers.KnownHeaders;
-    SetHeader(known[HttpHeaderContentType], kContentType, sizeof(kContentType) - 1);
-    SetHeader(known[HttpHeaderContentLength], contentLength.Text(), contentLength.Length());
-    SetHeader(known[HttpHeaderServer], m_serverName, std::strlen(m_serverName));
+    SetHeader(response, HttpHeaderContentType, kContentType, sizeof(kContentType) - 1);
+    SetHeader(response, HttpHeaderContentLength, contentLength.Text(), contentLength.Length());
+    SetHeader(response, HttpHeaderServer, m_serverName);
     response.Headers.UnknownHeaderCount = 2;
     response.Headers.pUnknownHeaders = zemHeaders;
     const ULONG error = SendResponse(xaction);
-    SetHeader(known[HttpHeaderContentLength], nullptr, 0);
+    SetHeader(response, HttpHeaderContentLength, nullptr, 0);
     response.Headers.UnknownHeaderCount = 0;
     response.Headers.pUnknownHeaders = nullptr;
     return error;
@@ -212,9 +201,8 @@ HRESULT CHttpCommandHandler::SendHttpResponse(const WCHAR* clientId, CHttpXactio
         HTTP_RESPONSE& response = xaction.Response();
         response = {};  // a handler may have begun to fill it
         SetStatus(response, status, reason);
-        SetHeader(response.Headers.KnownHeaders[HttpHeaderContentLength], "0", 1);
-        SetHeader(response.Headers.KnownHeaders[HttpHeaderServer], m_serverName,
-                  std::strlen(m_serverName));
+        SetHeader(response, HttpHeaderContentLength, "0", 1);
+        SetHeader(response, HttpHeaderServer, m_serverName);
         const ULONG error = SendResponse(xaction);
         if (error != NO_ERROR && Tracing())
             scope.LogError(HresultFromError(static_cast<LONG>(error)), kSourceCmdHdlr,

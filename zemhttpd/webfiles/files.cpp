@@ -4,6 +4,7 @@
 
 #include "zemhttpd/entry/entrypoint.h"
 #include "zemhttpd/server/httpcmdhdlr.h"
+#include "zemhttpd/server/responsefields.h"
 #include "zemhttpd/webfiles/volumepath.h"
 
 namespace {
@@ -33,17 +34,6 @@ bool BeginsWith(const WCHAR* path, const WCHAR (&page)[N]) {
     return _wcsnicmp(path, page, N - 1) == 0;
 }
 
-void SetKnownHeader(HTTP_RESPONSE& response, HTTP_HEADER_ID id, const char* value) {
-    response.Headers.KnownHeaders[id].pRawValue = value;
-    response.Headers.KnownHeaders[id].RawValueLength = static_cast<USHORT>(std::strlen(value));
-}
-
-void SetStatus(HTTP_RESPONSE& response, USHORT status, const char* reason) {
-    response.StatusCode = status;
-    response.pReason = reason;
-    response.ReasonLength = static_cast<USHORT>(std::strlen(reason));
-}
-
 // The type that the registry gives the extension. A path without a registered one is a plain
 // download.
 void FindContentType(const WCHAR* fullPath, char (&type)[kContentType_bytes]) {
@@ -69,8 +59,8 @@ void FindContentType(const WCHAR* fullPath, char (&type)[kContentType_bytes]) {
 void SetPage(CHttpXaction& xaction, char* page, HTTP_UNKNOWN_HEADER& header, const char* serverName,
              const char* computerName) {
     HTTP_RESPONSE& response = xaction.Response();
-    SetKnownHeader(response, HttpHeaderContentType, "text/plain");
-    SetKnownHeader(response, HttpHeaderServer, serverName);
+    SetHeader(response, HttpHeaderContentType, "text/plain");
+    SetHeader(response, HttpHeaderServer, serverName);
     header.pName = "X-ServerName";
     header.NameLength = sizeof("X-ServerName") - 1;
     header.pRawValue = computerName;
@@ -84,7 +74,7 @@ void SetPage(CHttpXaction& xaction, char* page, HTTP_UNKNOWN_HEADER& header, con
 }
 
 void SetFile(CHttpXaction& xaction, HANDLE file, const char* contentType) {
-    SetKnownHeader(xaction.Response(), HttpHeaderContentType, contentType);
+    SetHeader(xaction.Response(), HttpHeaderContentType, contentType);
     HTTP_DATA_CHUNK& chunk = xaction.DataChunk();
     chunk.DataChunkType = HttpDataChunkFromFileHandle;
     chunk.FromFileHandle.ByteRange.StartingOffset.QuadPart = 0;
