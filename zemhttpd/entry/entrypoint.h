@@ -120,7 +120,8 @@ inline constexpr HRESULT HresultFromError(LONG error) {
                       : static_cast<HRESULT>(0x80070000u | (static_cast<DWORD>(error) & 0xFFFFu));
 }
 
-// Source names that are part of a log record.
+// Source names that are part of a log record. The line numbers beside them are identities of
+// records, constants that stay when code moves: not the lines of a file.
 inline constexpr const WCHAR* kSourceCmdHdlr = TEXT("httpcmdhdlr.cpp");
 inline constexpr const WCHAR* kSourceXactn = TEXT("httpxactn.cpp");
 inline constexpr const WCHAR* kSourceEntry = TEXT("zemhttpd.cpp");
