@@ -192,4 +192,16 @@ TEST(BinMap, BehavesAsAMapUnderRandomWork) {
     EXPECT_EQ(visited, model.size());
 }
 
+TEST(BinMap, AWalkEndsWhereItsVisitorSaysSo) {
+    CNumberMap map;
+    for (ULONGLONG key = 0; key < 10; ++key)
+        map.Set(key, 0);
+    std::vector<ULONGLONG> keys;
+    map.ForEachWhile([&](ULONGLONG key, int) {
+        keys.push_back(key);
+        return keys.size() < 3;
+    });
+    EXPECT_EQ(keys, (std::vector<ULONGLONG>{0, 1, 2}));
+}
+
 }  // namespace
