@@ -428,10 +428,10 @@ TEST_F(EntryPoint, AnythingElseCaughtIsEFailAlwaysLogged) {
 }
 
 TEST_F(EntryPoint, ErrorNumbersBecomeHresults) {
-    EXPECT_EQ(HresultFromError(0), 0);
-    EXPECT_EQ(HresultFromError(5), static_cast<HRESULT>(0x80070005));
-    EXPECT_EQ(HresultFromError(0x12345), static_cast<HRESULT>(0x80072345));
-    EXPECT_EQ(HresultFromError(E_FAIL), E_FAIL);
+    EXPECT_EQ(HRESULT_FROM_WIN32(0), 0);
+    EXPECT_EQ(HRESULT_FROM_WIN32(5), static_cast<HRESULT>(0x80070005));
+    EXPECT_EQ(HRESULT_FROM_WIN32(0x12345), static_cast<HRESULT>(0x80072345));
+    EXPECT_EQ(HRESULT_FROM_WIN32(static_cast<DWORD>(E_FAIL)), E_FAIL);
 }
 
 TEST_F(EntryPoint, EventOfTypeErrorNamesPlaceAndCode) {

@@ -194,7 +194,7 @@ TEST_F(Dispatch, EveryShortHeaderReadsZerosBehindWhatWasReceived) {
 TEST_F(Dispatch, ShortHeaderThatIsNeverCompletedIsAGenericFailure) {
     EXPECT_EQ(Post(Command(7, kJoin).substr(0, 8)), E_INVALIDARG);
     ExpectGenericFailure(kJoin, E_INVALIDARG, 7);
-    ExpectError(HresultFromError(ERROR_HANDLE_EOF),
+    ExpectError(HRESULT_FROM_WIN32(ERROR_HANDLE_EOF),
                 TEXT("client: Error receving remaining ZEM request. Total request sz 12 bytes, "
                      "received 8 bytes"));
     ExpectError(E_INVALIDARG,
@@ -490,7 +490,7 @@ TEST_F(Dispatch, NetworkErrorWhileCompletingIsLoggedBeforeTheSizeMessage) {
     http.FeedBody("ab");
     http.FeedBodyError(ERROR_NETNAME_DELETED);
     EXPECT_EQ(Post(Command(6, kJoin, "", 4)), E_INVALIDARG);
-    ExpectError(HresultFromError(ERROR_NETNAME_DELETED),
+    ExpectError(HRESULT_FROM_WIN32(ERROR_NETNAME_DELETED),
                 TEXT("client: Error receving remaining ZEM request. Total request sz 16 bytes, "
                      "received 14 bytes"));
     ExpectError(
@@ -503,7 +503,7 @@ TEST_F(Dispatch, ReadThatSucceedsWithNothingDoesNotSpin) {
     http.FeedBodyError(NO_ERROR);
     EXPECT_EQ(Post(Command(6, kJoin, "", 4)), E_INVALIDARG);
     EXPECT_EQ(http.BodyReads().size(), 1u);
-    ExpectError(HresultFromError(ERROR_HANDLE_EOF),
+    ExpectError(HRESULT_FROM_WIN32(ERROR_HANDLE_EOF),
                 TEXT("client: Error receving remaining ZEM request. Total request sz 16 bytes, "
                      "received 12 bytes"));
 }

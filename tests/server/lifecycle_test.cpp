@@ -229,7 +229,7 @@ TEST_F(Lifecycle, HttpInterfaceFails) {
 
 TEST_F(Lifecycle, QueueFails) {
     system.errors["HttpCreateHttpHandle"] = ERROR_NOT_ENOUGH_MEMORY;
-    ExpectFailure(HresultFromError(ERROR_NOT_ENOUGH_MEMORY), 118,
+    ExpectFailure(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY), 118,
                   TEXT("Unable create HTTP server queue"));
     server->Shutdown();
     EXPECT_TRUE(system.Happened("HttpTerminate"));
@@ -269,7 +269,7 @@ TEST_F(Lifecycle, AllocatorReservationFailsInFileServerMode) {
 
 TEST_F(Lifecycle, SecondUrlFailsAndTheFirstStaysUntilShutdown) {
     system.errors["HttpAddUrl http://*:80/media/"] = ERROR_ALREADY_EXISTS;
-    ExpectFailure(HresultFromError(ERROR_ALREADY_EXISTS), 163,
+    ExpectFailure(HRESULT_FROM_WIN32(ERROR_ALREADY_EXISTS), 163,
                   TEXT("Unable to register base URL 'media' with HTTP server API"));
     EXPECT_TRUE(system.Happened("HttpAddUrl http://*:80/zem/"));
     EXPECT_FALSE(system.Happened("HttpRemoveUrl http://*:80/zem/"));
@@ -279,7 +279,7 @@ TEST_F(Lifecycle, SecondUrlFailsAndTheFirstStaysUntilShutdown) {
 
 TEST_F(Lifecycle, FirstUrlFails) {
     system.errors["HttpAddUrl http://*:80/zem/"] = ERROR_SHARING_VIOLATION;
-    ExpectFailure(HresultFromError(ERROR_SHARING_VIOLATION), 163,
+    ExpectFailure(HRESULT_FROM_WIN32(ERROR_SHARING_VIOLATION), 163,
                   TEXT("Unable to register base URL 'zem' with HTTP server API"));
     EXPECT_FALSE(system.Happened("HttpAddUrl http://*:80/media/"));
 }
@@ -296,7 +296,7 @@ TEST_F(Lifecycle, TransactionPoolFails) {
 
 TEST_F(Lifecycle, ThirdWorkerFailsAndTheOthersAreStopped) {
     system.errors["start worker 2"] = ERROR_NOT_ENOUGH_MEMORY;
-    ExpectFailure(HresultFromError(ERROR_NOT_ENOUGH_MEMORY), 234,
+    ExpectFailure(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY), 234,
                   TEXT("Unable to create completion-port thread-pool thread #2."));
     EXPECT_EQ(access.WorkerCount(), 2) << "these keep running";
     EXPECT_FALSE(system.Happened("start issuer"));
@@ -307,7 +307,7 @@ TEST_F(Lifecycle, ThirdWorkerFailsAndTheOthersAreStopped) {
 
 TEST_F(Lifecycle, FirstWorkerFails) {
     system.errors["start worker 0"] = ERROR_NOT_ENOUGH_MEMORY;
-    ExpectFailure(HresultFromError(ERROR_NOT_ENOUGH_MEMORY), 234,
+    ExpectFailure(HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY), 234,
                   TEXT("Unable to create completion-port thread-pool thread #0."));
 }
 

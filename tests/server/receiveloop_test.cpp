@@ -92,9 +92,9 @@ TEST_F(ReceiveLoop, IssuerTakesBlocksAgainWhenTheyComeBack) {
 TEST_F(ReceiveLoop, ReceiveThatCannotBePostedEndsTheIssuer) {
     system.errors["HttpReceiveHttpRequest"] = ERROR_INVALID_HANDLE;
     StartIssuer();
-    EXPECT_EQ(JoinIssuer(), HresultFromError(ERROR_INVALID_HANDLE));
+    EXPECT_EQ(JoinIssuer(), HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE));
     const LogRecord error = log.Error(TEXT("Error issuing HTTP receive request"));
-    EXPECT_EQ(error.hr, HresultFromError(ERROR_INVALID_HANDLE));
+    EXPECT_EQ(error.hr, HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE));
     EXPECT_EQ(error.file, TEXT("httpcmdhdlr.cpp"));
     EXPECT_EQ(error.line, 373);
     EXPECT_EQ(log.EntryPoints(TEXT("CHttpCommandHandler::HttpRequestIssuer")), 1u);
@@ -271,7 +271,7 @@ TEST_F(ReceiveLoop, FailedReceiveEndsThatWorker) {
     server.CloseRequestThreadPool();
     const LogRecord error = log.Error(TEXT("Unknown error"));
     EXPECT_EQ(error.kind, LogRecord::Ex);
-    EXPECT_EQ(error.hr, HresultFromError(ERROR_OPERATION_ABORTED));
+    EXPECT_EQ(error.hr, HRESULT_FROM_WIN32(ERROR_OPERATION_ABORTED));
     EXPECT_EQ(error.file, TEXT("httpcmdhdlr.cpp"));
     EXPECT_EQ(log.EntryPoints(TEXT("CHttpCommandHandler::HttpRequestHandler")), 1u);
     EXPECT_EQ(log.Messages().size(), 1u) << "the others go on";
@@ -284,7 +284,7 @@ TEST_F(ReceiveLoop, PortThatGoesAwayEndsTheWorkers) {
         system.Complete(nullptr, 0, ERROR_ABANDONED_WAIT_0);
     server.CloseRequestThreadPool();
     EXPECT_EQ(log.Messages().size(), 4u);
-    EXPECT_EQ(log.Messages()[0].hr, HresultFromError(ERROR_ABANDONED_WAIT_0));
+    EXPECT_EQ(log.Messages()[0].hr, HRESULT_FROM_WIN32(ERROR_ABANDONED_WAIT_0));
 }
 
 TEST_F(ReceiveLoop, WorkerWithoutAnApartmentEnds) {

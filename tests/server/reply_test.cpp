@@ -157,7 +157,7 @@ TEST_F(Reply, SendErrorIsMarkedAndLoggedAndTheReplyCountsAsSent) {
     server.SendZemHttpResponse(xaction, S_OK, 16, TEXT("client"));
     const LogRecord error =
         log.Error(TEXT("client: Error sending HTTP reply for cmd 12, transId 168496141"));
-    EXPECT_EQ(error.hr, HresultFromError(ERROR_NETNAME_DELETED));
+    EXPECT_EQ(error.hr, HRESULT_FROM_WIN32(ERROR_NETNAME_DELETED));
     EXPECT_EQ(error.file, TEXT("httpcmdhdlr.cpp"));
     EXPECT_EQ(Stages(), (std::vector<DWORD>{0, 6, 7}));
     EXPECT_EQ(xaction.SendCount(), 0);
@@ -231,7 +231,7 @@ TEST_F(Reply, GenericFailureThatCannotBeSentIsLogged) {
             .Error(TEXT(
                 "client: Error sending HTTP genric failure reply for cmd 15, transId 168496141"))
             .hr,
-        HresultFromError(ERROR_CONNECTION_INVALID));
+        HRESULT_FROM_WIN32(ERROR_CONNECTION_INVALID));
     EXPECT_EQ(xaction.SendCount(), 0);
     EXPECT_EQ(Stages(), (std::vector<DWORD>{0}));
 }
@@ -268,7 +268,7 @@ TEST_F(Reply, BasicResponseThatCannotBeSentIsLoggedOnlyWhenTracing) {
     SetTracing(true);
     server.SendHttpResponse(TEXT("client"), xaction, 400, "Bad Request");
     EXPECT_EQ(log.Error(TEXT("client: Error sending basic HTTP response")).hr,
-              HresultFromError(ERROR_NETNAME_DELETED));
+              HRESULT_FROM_WIN32(ERROR_NETNAME_DELETED));
     log.Reset();
     server.SendHttpResponse(nullptr, xaction, 400, "Bad Request");
     EXPECT_EQ(log.Error(TEXT(": Error sending basic HTTP response")).kind, LogRecord::Ex);

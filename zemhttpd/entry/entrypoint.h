@@ -113,13 +113,6 @@ public:
 // REQUIRES: called inside a catch clause.
 void LogCaught(CEntryPoint& scope, const WCHAR* file, LONG line);
 
-// A positive Win32 or HTTP error e becomes 0x80070000 | (e & 0xFFFF); zero and negative values pass
-// unchanged.
-inline constexpr HRESULT HresultFromError(LONG error) {
-    return error <= 0 ? error
-                      : static_cast<HRESULT>(0x80070000u | (static_cast<DWORD>(error) & 0xFFFFu));
-}
-
 // Source names that are part of a log record. The line numbers beside them are identities of
 // records, constants that stay when code moves: not the lines of a file.
 inline constexpr const WCHAR* kSourceCmdHdlr = TEXT("httpcmdhdlr.cpp");

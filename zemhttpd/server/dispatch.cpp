@@ -207,8 +207,7 @@ HRESULT CHttpCommandHandler::GetCompleteRequest(ZemCommand& command) {
             // A success that brings nothing would repeat for ever.
             if (error == NO_ERROR && read_bytes == 0) error = ERROR_HANDLE_EOF;
             if (error != NO_ERROR)
-                ThrowError(scope, HresultFromError(static_cast<LONG>(error)), kSourceCmdHdlr,
-                           kLineReadRest,
+                ThrowError(scope, HRESULT_FROM_WIN32(error), kSourceCmdHdlr, kLineReadRest,
                            TEXT("%s: Error receving remaining ZEM request. Total request sz %d "
                                 "bytes, received %d bytes"),
                            command.clientId, command.expected_bytes,

@@ -32,7 +32,7 @@ constexpr int kFileServerXactions = 1500;
 constexpr int kOrdinaryXactions = 300;
 
 HRESULT LastErrorAsHresult() {
-    return HresultFromError(static_cast<LONG>(GetLastError()));
+    return HRESULT_FROM_WIN32(GetLastError());
 }
 
 void NTAPI EndAlertableWait(ULONG_PTR) {}
@@ -94,13 +94,13 @@ void CHttpCommandHandler::CreateRequestQueue(CZemEntry& scope) {
     HTTPAPI_VERSION version = HTTPAPI_VERSION_1;
     ULONG error = HttpInitialize(version, HTTP_INITIALIZE_SERVER, nullptr);
     if (error != NO_ERROR)
-        ThrowError(scope, HresultFromError(static_cast<LONG>(error)), kSourceCmdHdlr, kLineHttpInit,
+        ThrowError(scope, HRESULT_FROM_WIN32(error), kSourceCmdHdlr, kLineHttpInit,
                    TEXT("Unable to init HTTP server API"));
     m_httpInitialized = true;
     error = HttpCreateHttpHandle(&m_requestQueue, 0);
     if (error != NO_ERROR)
-        ThrowError(scope, HresultFromError(static_cast<LONG>(error)), kSourceCmdHdlr,
-                   kLineCreateQueue, TEXT("Unable create HTTP server queue"));
+        ThrowError(scope, HRESULT_FROM_WIN32(error), kSourceCmdHdlr, kLineCreateQueue,
+                   TEXT("Unable create HTTP server queue"));
 }
 
 void CHttpCommandHandler::ReadMode() {
@@ -137,9 +137,8 @@ void CHttpCommandHandler::RegisterUrls(CZemEntry& scope) {
         GetBaseUrl(word, url);
         const ULONG error = HttpAddUrl(m_requestQueue, url.c_str(), nullptr);
         if (error != NO_ERROR)
-            ThrowError(scope, HresultFromError(static_cast<LONG>(error)), kSourceCmdHdlr,
-                       kLineAddUrl, TEXT("Unable to register base URL '%s' with HTTP server API"),
-                       word.c_str());
+            ThrowError(scope, HRESULT_FROM_WIN32(error), kSourceCmdHdlr, kLineAddUrl,
+                       TEXT("Unable to register base URL '%s' with HTTP server API"), word.c_str());
     }
 }
 

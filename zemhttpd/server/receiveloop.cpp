@@ -42,8 +42,8 @@ HRESULT CHttpCommandHandler::InitRequestThreadPool() {
             const HANDLE thread = reinterpret_cast<HANDLE>(
                 _beginthreadex(nullptr, 0, HttpRequestHandler, this, 0, &threadId));
             if (!thread)
-                ThrowError(scope, HresultFromError(static_cast<LONG>(GetLastError())),
-                           kSourceCmdHdlr, kLineWorkerThread,
+                ThrowError(scope, HRESULT_FROM_WIN32(GetLastError()), kSourceCmdHdlr,
+                           kLineWorkerThread,
                            TEXT("Unable to create completion-port thread-pool thread #%d."),
                            m_workerCount);
             m_workerThreads[m_workerCount] = thread;
@@ -84,8 +84,8 @@ HRESULT CHttpCommandHandler::IssueHttpRequest(CHttpXaction& xaction, bool& poste
             m_requestQueue, xaction.RequestId(), HTTP_RECEIVE_REQUEST_FLAG_COPY_BODY,
             xaction.Request(), CHttpXaction::RequestBufferSize(), nullptr, xaction.Overlapped());
         if (error != NO_ERROR && error != ERROR_IO_PENDING)
-            ThrowError(scope, HresultFromError(static_cast<LONG>(error)), kSourceCmdHdlr,
-                       kLineIssueReceive, TEXT("Error issuing HTTP receive request"));
+            ThrowError(scope, HRESULT_FROM_WIN32(error), kSourceCmdHdlr, kLineIssueReceive,
+                       TEXT("Error issuing HTTP receive request"));
         m_xactionPool->ReceivePosted();
         posted = true;
     } catch (...) {
@@ -148,7 +148,7 @@ LONGLONG CHttpCommandHandler::ServiceRequests() {
         // Any error ends the worker, a request head that did not fit (ERROR_MORE_DATA) like a queue
         // that was closed. Thrown without an entry-point record, so that the worker's catch writes
         // the one record of it, "Unknown error" with the code.
-        if (!ok) throw HresultFromError(static_cast<LONG>(error));
+        if (!ok) throw HRESULT_FROM_WIN32(error);
         if (!xaction) {
             if (key == 0) return serviced;
             continue;

@@ -124,8 +124,7 @@ HRESULT CHttpCommandHandler::SendZemHttpResponse(CHttpXaction& xaction, HRESULT 
         if (error != NO_ERROR) {
             xaction.SetSendError(error);
             xaction.Timer().MarkStage(kStageZemReplyHdrSendError);
-            scope.LogError(HresultFromError(static_cast<LONG>(error)), kSourceCmdHdlr,
-                           kLineSendReply,
+            scope.LogError(HRESULT_FROM_WIN32(error), kSourceCmdHdlr, kLineSendReply,
                            TEXT("%s: Error sending HTTP reply for cmd %d, transId %u"), clientId,
                            header.replyCode, header.transId);
         } else {
@@ -174,7 +173,7 @@ HRESULT CHttpCommandHandler::SendGenericZemFailureResponse(HRESULT hr, const WCH
         const ULONG error = SendCommandReply(xaction, kStatusReply_bytes, kStatusReply_bytes);
         if (error != NO_ERROR) {
             scope.LogError(
-                HresultFromError(static_cast<LONG>(error)), kSourceCmdHdlr, kLineSendFailure,
+                HRESULT_FROM_WIN32(error), kSourceCmdHdlr, kLineSendFailure,
                 TEXT("%s: Error sending HTTP genric failure reply for cmd %d, transId %u"),
                 clientId, code, xaction.TransId());
         } else {
@@ -205,8 +204,8 @@ HRESULT CHttpCommandHandler::SendHttpResponse(const WCHAR* clientId, CHttpXactio
         SetHeader(response, HttpHeaderServer, m_serverName);
         const ULONG error = SendResponse(xaction);
         if (error != NO_ERROR && Tracing())
-            scope.LogError(HresultFromError(static_cast<LONG>(error)), kSourceCmdHdlr,
-                           kLineSendBasic, TEXT("%s: Error sending basic HTTP response"),
+            scope.LogError(HRESULT_FROM_WIN32(error), kSourceCmdHdlr, kLineSendBasic,
+                           TEXT("%s: Error sending basic HTTP response"),
                            clientId ? clientId : TEXT(""));
         xaction.BumpSendCount();
         xaction.SetReplySent();
