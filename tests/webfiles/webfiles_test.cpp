@@ -536,7 +536,9 @@ TEST_F(WebFiles, ABlockWithoutARequestIsABadRequest) {
                             &CHttpCommandHandler::SendHttpDeleteResponse}) {
         const auto xaction = std::make_unique<CHttpXaction>();  // of no pool
         const size_t before = http.SentCount();
-        EXPECT_EQ((server.*send)(*xaction, 200, "OK"), E_UNEXPECTED);
+        CHttpCommandHandler* const target = &server;
+        const HRESULT hr = (target->*send)(*xaction, 200, "OK");
+        EXPECT_EQ(hr, E_UNEXPECTED);
         ASSERT_EQ(http.SentCount(), before + 1);
         EXPECT_EQ(http.Last().status, 400);
         EXPECT_EQ(http.Last().requestId, HTTP_NULL_ID);
