@@ -1,6 +1,7 @@
 // Looking clients up, join, leave and keep-alive, on the workers; deletion also on the sniffer and,
 // at shut-down, on the host's thread. The replies of join and leave carry the result of building
 // the reply: what happened is only logged.
+#include "zemhttpd/commands/commandtable.h"
 #include "zemhttpd/commands/wire.h"
 #include "zemhttpd/entry/entrypoint.h"
 #include "zemhttpd/server/httpcmdhdlr.h"
@@ -22,10 +23,6 @@ constexpr LONG kLineNoChannel = 1246;
 constexpr LONG kCatchLineDoJoin = 1327;
 constexpr LONG kCatchLineDoLeave = 1364;
 constexpr LONG kCatchLineDelete = 1398;
-
-constexpr DWORD kReplyJoin = 12;
-constexpr DWORD kReplyLeave = 13;
-constexpr DWORD kReplyKeepAlive = 14;
 
 constexpr DWORD kNoChannel = 255;  // a join that creates nothing
 constexpr DWORD kChannelNumberBase = 0x8000;
@@ -117,7 +114,7 @@ HRESULT CHttpCommandHandler::On_CMD_JOIN(const ZemCommand& command) {
         xaction.Timer().MarkStage(kStagePreparingReply);
 
         BYTE* body = nullptr;
-        scope = GetZemReplyMsg(xaction, kStatusBody_bytes, kReplyJoin, &body);
+        scope = GetZemReplyMsg(xaction, kStatusBody_bytes, ReplyCode(command.code), &body);
         PutReply(body, 0, scope.GetResult());
         if (Tracing())
             scope.Trace(TEXT("%s: CMD_JOIN OK, transId %u"), command.clientId, command.transId);
@@ -211,7 +208,7 @@ HRESULT CHttpCommandHandler::On_CMD_LEAVE(const ZemCommand& command) {
         xaction.Timer().MarkStage(kStagePreparingReply);
 
         BYTE* body = nullptr;
-        scope = GetZemReplyMsg(xaction, kStatusBody_bytes, kReplyLeave, &body);
+        scope = GetZemReplyMsg(xaction, kStatusBody_bytes, ReplyCode(command.code), &body);
         PutReply(body, 0, scope.GetResult());
         if (Tracing())
             scope.Trace(TEXT("%s: CMD_LEAVE OK, transId %u"), command.clientId, command.transId);
@@ -255,7 +252,7 @@ HRESULT CHttpCommandHandler::On_CMD_KEEP_ALIVE(const ZemCommand& command) {
             scope.Trace(TEXT("%s: handling CMD_KEEP_ALIVE, transId %u"), command.clientId,
                         command.transId);
         BYTE* body = nullptr;
-        scope = GetZemReplyMsg(xaction, kStatusBody_bytes, kReplyKeepAlive, &body);
+        scope = GetZemReplyMsg(xaction, kStatusBody_bytes, ReplyCode(command.code), &body);
         PutReply(body, 0, LONG{0});
         if (Tracing())
             scope.Trace(TEXT("%s: CMD_KEEP_ALIVE OK, transId %u"), command.clientId,

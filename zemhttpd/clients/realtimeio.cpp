@@ -1,5 +1,6 @@
 // Real-time I/O: CMD_SET_IO_REAL_TIME makes its sender the one client that has it. Workers. The
 // client is always told S_OK; what became of the switch is in the log.
+#include "zemhttpd/commands/commandtable.h"
 #include "zemhttpd/commands/wire.h"
 #include "zemhttpd/entry/entrypoint.h"
 #include "zemhttpd/server/httpcmdhdlr.h"
@@ -11,8 +12,6 @@ constexpr LONG kCatchLineOnSetIoRealTime = 1556;
 constexpr LONG kLineUnknownClient = 1578;
 constexpr LONG kLineAmbiguous = 1592;
 constexpr LONG kCatchLineDoSetIoRealTime = 1618;
-
-constexpr DWORD kReplySetIoRealTime = 15;
 
 }  // namespace
 
@@ -44,7 +43,7 @@ HRESULT CHttpCommandHandler::On_CMD_SET_IO_REAL_TIME(const ZemCommand& command) 
         xaction.Timer().MarkStage(kStagePreparingReply);
 
         BYTE* body = nullptr;
-        scope = GetZemReplyMsg(xaction, kStatusBody_bytes, kReplySetIoRealTime, &body);
+        scope = GetZemReplyMsg(xaction, kStatusBody_bytes, ReplyCode(command.code), &body);
         PutReply(body, 0, scope.GetResult());
         if (Tracing())
             scope.Trace(TEXT("%s: CM_SET_IO_REAL_TIME OK, transId %u"), command.clientId,
