@@ -1,5 +1,6 @@
 // CMD_WRITE_FRAME: where the bytes of the frame go, the immediate reply, drops, failures, blocks
 // that are kept.
+#include <atomic>
 #include <stdexcept>
 #include <thread>
 
@@ -59,6 +60,40 @@ TEST_F(WriteFrame, APayloadThatCameWholeIsCopiedIntoTheBuffer) {
     EXPECT_EQ(Stages(), (std::vector<DWORD>{0, 1, 6, 8, 3, 4, 13, 14}));
     EXPECT_EQ(TimerName(),
               "ZemHttpdXaction client: WRITE_FRAME token 0x101000042 pos 5, transId 4711");
+}
+
+TEST_F(WriteFrame, IsOnItsWayFromItsAnswerUntilTheLibraryHasIt) {
+    int answered = 0, handed = 0;
+    const CZemClientRef client = server.LookupClient(TEXT("client"), false);
+    http.onSend = [&](const SentResponse&) {
+        if (media.Count("WriteFrame") == 0 && client.Record()->HandingOver()) ++answered;
+    };
+    media.onWriteFrame = [&](CZemChannelIo&, ZemIoDesc&) {
+        if (client.Record()->HandingOver()) ++handed;
+        return S_OK;
+    };
+    EXPECT_EQ(Write({Entry({3})}, "abc"), S_FALSE);
+    EXPECT_EQ(answered, 1);
+    EXPECT_EQ(handed, 1);
+    EXPECT_FALSE(client.Record()->HandingOver());
+}
+
+TEST_F(WriteFrame, AFileCommandWaitsForAnAnsweredWrite) {
+    const CZemClientRef client = server.LookupClient(TEXT("client"), false);
+    std::atomic<bool> with_library{false};
+    std::atomic<bool> closed_early{false};
+    media.onCall = [&](const MediaCall& call) {
+        if (call.op == "CloseFile" && !with_library) closed_early = true;
+    };
+    ZemCommand command{};
+    command.clientId = TEXT("client");
+    client.Record()->BeginHandOver();
+    std::thread closer([&] { server.DoCmdCloseFile(command, kVideo); });
+    with_library = true;
+    client.Record()->EndHandOver();
+    closer.join();
+    EXPECT_FALSE(closed_early);
+    EXPECT_EQ(media.Count("CloseFile"), 1u);
 }
 
 TEST_F(WriteFrame, HandsEveryFieldOfTheRequestToTheLibrary) {

@@ -31,6 +31,21 @@ struct ZemClient {
         lastRequestTime.store(now_seconds, std::memory_order_relaxed);
         requestCount.fetch_add(1, std::memory_order_relaxed);
     }
+
+    // A frame write is answered before the media library has it, and the client's next command may
+    // be faster than that last step. Between these two, under the record lock, such a write is on
+    // its way; a file command waits for it, so that a flush or close covers every answered write.
+    void BeginHandOver() { m_handOver.fetch_add(1); }
+    void EndHandOver() {
+        m_handOver.fetch_add(1);
+        m_handOver.notify_all();
+    }
+    bool HandingOver() const { return (m_handOver.load() & 1) != 0; }
+    void AwaitHandOver() const {
+        const DWORD phase = m_handOver.load();
+        if (phase & 1) m_handOver.wait(phase);
+    }
+
     void AddRef() { m_references.fetch_add(1, std::memory_order_relaxed); }
     // The last release detaches the channel's read allocator and destroys channel, lock and record,
     // on this thread.
@@ -40,6 +55,7 @@ private:
     ~ZemClient();
 
     std::atomic<LONG> m_references{1};
+    std::atomic<DWORD> m_handOver{0};  // odd while a write is on its way
 };
 
 // A counted reference: record, record lock and channel stay while it lives. Hold it on the stack

@@ -107,8 +107,9 @@ private:
     DWORD m_body_bytes = 0;
 };
 
-// Finds the client, touching it, and makes one call on its channel; the result is the scope's. The
-// reference keeps the channel alive while call(CZemChannelIo&) runs, no lock is held.
+// Finds the client, touching it, waits until its answered writes are with the channel, and makes
+// one call on that; the result is the scope's. The reference keeps the channel alive while
+// call(CZemChannelIo&) runs, no lock is held.
 template <class Call>
 HRESULT CallChannel(CHttpCommandHandler& handler, const FileCommandText& text,
                     const ZemCommand& command, Call call) {
@@ -119,6 +120,7 @@ HRESULT CallChannel(CHttpCommandHandler& handler, const FileCommandText& text,
             ThrowError(scope, E_INVALIDARG, kSourceCmdHdlr, text.unknownClientLine, kUnknownClient,
                        command.clientId, command.transId);
         }
+        client.Record()->AwaitHandOver();
         scope = call(*client.Channel());
     } catch (...) {
         LogCaught(scope, kSourceCmdHdlr, text.innerCatchLine);

@@ -73,6 +73,22 @@ ULONGLONG FillWriteBlock(CFrameIoXaction& frame, const ZemCommand& command,
     return total_bytes;
 }
 
+// Marks an answered write as on its way to the media library, until that has it.
+class CHandOverMark {
+public:
+    explicit CHandOverMark(ZemClient* client) : m_client(client) {
+        if (m_client) m_client->BeginHandOver();
+    }
+    ~CHandOverMark() {
+        if (m_client) m_client->EndHandOver();
+    }
+    CHandOverMark(const CHandOverMark&) = delete;
+    CHandOverMark& operator=(const CHandOverMark&) = delete;
+
+private:
+    ZemClient* m_client;
+};
+
 // The immediate reply: it tells of itself, not of the write. Throws when it cannot be built.
 void SendWriteReply(CHttpCommandHandler& handler, CZemEntry& scope, const ZemCommand& command) {
     BYTE* reply = nullptr;
@@ -156,6 +172,7 @@ HRESULT CHttpCommandHandler::DoCmdWriteFrame(const ZemCommand& command, const Fr
         const HRESULT hrGet = GetZemWriteFrameRequestFromHttp(command, request, channel, frame);
         CFrameBlockGuard guard(*m_framePool);
         guard.Guard(frame, &channel);
+        const CHandOverMark mark(frame ? client.Record() : nullptr);
         SendWriteReply(*this, scope, command);
         if (!frame) {
             scope.SetResult(hrGet);
