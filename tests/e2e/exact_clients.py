@@ -96,14 +96,6 @@ class Membership(ExactCase):
                              Trace('{c}: CMD_OPEN_FILE OK, token 0x0, transId {t}'),
                              Trace('{c}: Open after sending response token 0x0 hr 0x0, transId {t}')], self.names)
 
-    def test_join_trace_of_127_characters(self):
-        name = 'x'
-        length = len("'': Joining , chanid 0x1..., total clients 0, transId 1001")
-        status = '' if self.file_server else "as 'real-time' client (current real-time client 'x')"
-        filler = 'd' * (127 - length - len(status) - len('(/x.x.x.x)'))
-        text = '(%s/x.x.x.x)' % filler
-        self.join(name, agent='agent ' + text, text=text)
-
     def test_control_characters_in_a_name_stay_on_their_line(self):
         client = self.join()
         name = 'a\r\n2026-01-01 forged\t\x1b[1m'
