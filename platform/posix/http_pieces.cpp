@@ -2,15 +2,14 @@
 #include "platform/posix/http_pieces.h"
 
 #include <errno.h>
-#include <signal.h>
 #include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
-#include <time.h>
 
 #include <algorithm>
 
 #include "platform/posix/http_limits.h"
+#include "platform/posix/pipesignal.h"
 
 namespace posix {
 namespace {
@@ -34,33 +33,10 @@ ESent ResultOfErrno() {
 
 }  // namespace
 
-CPipeGuard::CPipeGuard() {
-    sigset_t pipe, pending, old;
-    sigemptyset(&pipe);
-    sigaddset(&pipe, SIGPIPE);
-    sigpending(&pending);
-    m_was_pending = sigismember(&pending, SIGPIPE) == 1;
-    pthread_sigmask(SIG_BLOCK, &pipe, &old);
-    m_was_blocked = sigismember(&old, SIGPIPE) == 1;
-}
-
-CPipeGuard::~CPipeGuard() {
-    sigset_t pipe, pending;
-    sigemptyset(&pipe);
-    sigaddset(&pipe, SIGPIPE);
-    sigpending(&pending);
-    if (!m_was_pending && sigismember(&pending, SIGPIPE) == 1) {
-        const timespec now{};
-        while (sigtimedwait(&pipe, nullptr, &now) < 0 && errno == EINTR) {
-        }
-    }
-    if (!m_was_blocked) pthread_sigmask(SIG_UNBLOCK, &pipe, nullptr);
-}
-
 uint64_t CSendCursor::MemoryLeft() const {
     uint64_t bytes = 0;
     for (size_t i = 0; i < m_count; ++i)
-        if (m_pieces[i].data) bytes += m_pieces[i].bytes;
+        if (m_pieces[i].data || m_pieces[i].is_view) bytes += m_pieces[i].bytes;
     return bytes;
 }
 
@@ -114,9 +90,10 @@ ESent CSendCursor::SendMemory(int socket, uint64_t* sent) {
 }
 
 ESent CSendCursor::SendFile(int socket, uint64_t* sent, uint64_t* turn) {
-    if (*turn == 0) return ESent::Turn;
+    const bool counts = !m_pieces->is_view;
+    if (counts && *turn == 0) return ESent::Turn;
     const CPipeGuard guard;
-    const uint64_t bytes = std::min(m_pieces->bytes, *turn);
+    const uint64_t bytes = counts ? std::min(m_pieces->bytes, *turn) : m_pieces->bytes;
     auto offset = static_cast<off_t>(m_pieces->offset);
     ssize_t n;
     do
@@ -125,7 +102,7 @@ ESent CSendCursor::SendFile(int socket, uint64_t* sent, uint64_t* turn) {
     if (n < 0) return ResultOfErrno();
     if (n == 0) return ESent::Short;
     *sent += static_cast<uint64_t>(n);
-    *turn -= static_cast<uint64_t>(n);
+    if (counts) *turn -= static_cast<uint64_t>(n);
     Take(static_cast<uint64_t>(n));
     return ESent::Done;
 }

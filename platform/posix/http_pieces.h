@@ -12,6 +12,7 @@ struct CSendPiece {
     uint64_t bytes;
     int fd;
     uint64_t offset;
+    bool is_view = false;  // a file's, but memory of the application to the application
 };
 
 enum class ESent {
@@ -27,13 +28,13 @@ class CSendCursor {
 public:
     CSendCursor(CSendPiece* pieces, size_t count) : m_pieces(pieces), m_count(count) {}
 
-    // Sends until one of the results; *sent grows by what was taken. File bytes count against
-    // kTurnBytes, memory does not.
+    // Sends until one of the results; *sent grows by what was taken. Bytes of file chunks count
+    // against kTurnBytes, memory and views do not.
     ESent Advance(int socket, uint64_t* sent);
 
     CSendPiece* Pieces() const { return m_pieces; }
     size_t Count() const { return m_count; }
-    uint64_t MemoryLeft() const;
+    uint64_t MemoryLeft() const;  // views included
 
 private:
     ESent SendMemory(int socket, uint64_t* sent);
@@ -42,19 +43,6 @@ private:
 
     CSendPiece* m_pieces;  // the first is the current one
     size_t m_count;
-};
-
-// Blocks SIGPIPE for the calling thread while sendfile, which knows no MSG_NOSIGNAL, may raise it.
-class CPipeGuard {
-public:
-    CPipeGuard();
-    ~CPipeGuard();
-    CPipeGuard(const CPipeGuard&) = delete;
-    CPipeGuard& operator=(const CPipeGuard&) = delete;
-
-private:
-    bool m_was_pending;
-    bool m_was_blocked;
 };
 
 }  // namespace posix

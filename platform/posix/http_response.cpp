@@ -91,6 +91,7 @@ ULONG CResponseWire::AddChunk(const HTTP_DATA_CHUNK& chunk) {
         // Before anything is sent the application can still answer otherwise.
         if (!FileHolds(piece.fd, piece.offset, piece.bytes)) return ERROR_HANDLE_EOF;
         piece.data = nullptr;
+        piece.is_view = true;
     }
     m_body_bytes += piece.bytes;
     m_pieces[m_count++] = piece;

@@ -8,6 +8,7 @@
 #include <climits>
 #include <new>
 
+#include "platform/posix/pipesignal.h"
 #include "platform/posix/waitable.h"
 
 namespace posix {
@@ -64,6 +65,7 @@ public:
 private:
     static void* Main(void* context) {
         auto* self = static_cast<CThread*>(context);
+        BlockPipeSignalForGood();
         CThreadState::Adopt(&self->m_state);
         self->m_id.store(GetCurrentThreadId(), std::memory_order_release);
         self->m_id.notify_all();
