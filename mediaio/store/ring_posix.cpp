@@ -64,12 +64,22 @@ private:
     std::thread m_thread;
 };
 
+// The kernel may give a new ring the addresses of one that is gone. The lock puts the end of the
+// one before the start of the other, for tools that cannot see liburing's own mappings come and go.
+std::mutex& RingLock() {
+    static auto* lock = new std::mutex;
+    return *lock;
+}
+
 CRingIo::Core::Core() {
     event = eventfd(0, EFD_CLOEXEC);
     if (event < 0) throw std::bad_alloc();
-    if (io_uring_queue_init(64, &ring, 0) < 0) {
-        close(event);
-        throw std::bad_alloc();
+    {
+        const std::lock_guard hold(RingLock());
+        if (io_uring_queue_init(64, &ring, 0) < 0) {
+            close(event);
+            throw std::bad_alloc();
+        }
     }
     scratch = static_cast<char*>(ReservePages(kSlots * kScratchSize));
     if (scratch == nullptr) {
@@ -82,7 +92,10 @@ CRingIo::Core::Core() {
 }
 
 CRingIo::Core::~Core() {
-    io_uring_queue_exit(&ring);
+    {
+        const std::lock_guard hold(RingLock());
+        io_uring_queue_exit(&ring);
+    }
     close(event);
     ReleaseReservation(scratch, kSlots * kScratchSize);
 }
