@@ -113,6 +113,7 @@ class Ledger:
         self.server, self.offset, self.kept, self.marks = server, 0, [], 0
         self.last = {}  # of each thread: the index of its last record in `kept`
         self.connection = None
+        self.ignored = None  # how records end that belong to requests whose answer came long ago
 
     def close(self):
         if self.connection:
@@ -144,7 +145,7 @@ class Ledger:
                 self.kept[self.last[thread]] += rest[1]
                 continue
             record = normal(word, text)
-            if record is not None:
+            if record is not None and not (self.ignored and record.endswith(self.ignored)):
                 self.last[thread] = len(self.kept)
                 self.kept.append(record)
 
