@@ -262,11 +262,11 @@ void CCompletionPort::StartTick(ETick tick) {
     const std::lock_guard lock(m_tick_lock);
     if (m_tick.load() >= static_cast<int>(tick)) return;
     m_tick.store(static_cast<int>(tick));
-    itimerspec spec{};
-    (tick == ETick::Quick ? spec.it_interval.tv_nsec : spec.it_interval.tv_sec) =
+    itimerspec timing{};
+    (tick == ETick::Quick ? timing.it_interval.tv_nsec : timing.it_interval.tv_sec) =
         tick == ETick::Quick ? 100000000 : 1;
-    spec.it_value = spec.it_interval;
-    timerfd_settime(m_timer, 0, &spec, nullptr);
+    timing.it_value = timing.it_interval;
+    timerfd_settime(m_timer, 0, &timing, nullptr);
 }
 
 // Off is stored before the connections are counted again (by on_tick's next answer), and an accept

@@ -18,11 +18,11 @@ protected:
 
     HRESULT JoinAs(const std::string& clientId, const std::optional<std::string>& userAgent,
                    DWORD channelId = 7, DWORD transId = 1) {
-        RequestSpec spec;
-        spec.clientId = clientId;
-        spec.entity = Command(transId, 15, Bytes(channelId));
-        spec.userAgent = userAgent;
-        return Process(spec);
+        RequestSpec given;
+        given.clientId = clientId;
+        given.entity = Command(transId, 15, Bytes(channelId));
+        given.userAgent = userAgent;
+        return Process(given);
     }
     HRESULT Leave(const std::string& clientId = "client", DWORD transId = 2) {
         return Post(Command(transId, 16), clientId);
@@ -58,9 +58,9 @@ protected:
 // --- golden bytes ---
 
 TEST_F(Membership, JoinInBytes) {
-    RequestSpec spec;
-    spec.entity = std::string("\x2A\0\0\0\x0F\0\0\0\x04\0\0\0\x07\0\0\0", 16);
-    EXPECT_EQ(Process(spec), S_OK);
+    RequestSpec given;
+    given.entity = std::string("\x2A\0\0\0\x0F\0\0\0\x04\0\0\0\x07\0\0\0", 16);
+    EXPECT_EQ(Process(given), S_OK);
     EXPECT_EQ(http.Last().Body(), std::string("\x2A\0\0\0\x0C\0\0\0\x04\0\0\0\0\0\0\0", 16));
     EXPECT_EQ(Channel()->ChannelNumber(), 0x8007u);
 }
@@ -257,9 +257,9 @@ TEST_F(Membership, ChannelThatCannotBeAllocatedEndsTheJoinButNotTheReply) {
 
 TEST_F(Membership, JoinThatRunsOutOfMemoryAnywhereLeavesNothing) {
     CHttpXaction& xaction = Take();
-    RequestSpec spec;
-    spec.userAgent = "x (a description that needs memory/1.2.3.4)";
-    Lay(xaction, spec);
+    RequestSpec given;
+    given.userAgent = "x (a description that needs memory/1.2.3.4)";
+    Lay(xaction, given);
     ZemCommand command{};
     command.clientId = TEXT("me");
     command.xaction = &xaction;
@@ -310,10 +310,10 @@ TEST_F(Membership, JoinBeyondTheCapFailsInside) {
 }
 
 TEST_F(Membership, JoinWithoutRoomForItsChannelIdIsRefused) {
-    RequestSpec spec;
-    spec.entity = Command(1, 15);
-    spec.entityOffset = 4096 - 15;  // the id would end one byte behind the buffer
-    EXPECT_EQ(Process(spec), E_INVALIDARG);
+    RequestSpec given;
+    given.entity = Command(1, 15);
+    given.entityOffset = 4096 - 15;  // the id would end one byte behind the buffer
+    EXPECT_EQ(Process(given), E_INVALIDARG);
     EXPECT_EQ(Clients(), 0u);
     EXPECT_EQ(http.SentCount(), 1u);
 }
@@ -326,9 +326,9 @@ TEST_F(Membership, ChannelIdThatWasNotSentReadsAsZero) {
 
 TEST_F(Membership, JoinMarksItsStagesAndNamesItsTimer) {
     CHttpXaction& xaction = Take();
-    RequestSpec spec;
-    spec.entity = Command(1, 15, Bytes(DWORD{255}));
-    Lay(xaction, spec);
+    RequestSpec given;
+    given.entity = Command(1, 15, Bytes(DWORD{255}));
+    Lay(xaction, given);
     std::vector<DWORD> stages;
     CatchStages(xaction, stages);
     server.ProcessRequest(xaction);
@@ -365,10 +365,10 @@ TEST_F(Membership, JoinIsTracedWhenTheFlagIsSet) {
 
 TEST_F(Membership, FailedJoinIsTracedWhenTheFlagIsSet) {
     SetTracing(true);
-    RequestSpec spec;
-    spec.entity = Command(4, 15);
-    spec.entityOffset = 4096 - 15;
-    Process(spec);
+    RequestSpec given;
+    given.entity = Command(4, 15);
+    given.entityOffset = 4096 - 15;
+    Process(given);
     EXPECT_EQ(log.Texts(kTrace), (std::vector<WString>{TEXT("client: error CMD_JOIN, transId 4")}));
 }
 
@@ -429,19 +429,19 @@ TEST_F(Membership, LeaveIsTracedWhenTheFlagIsSet) {
 
 TEST_F(Membership, LeaveThatCannotBuildItsReplyIsTraced) {
     SetTracing(true);
-    RequestSpec spec;
-    spec.entity = Command(4, 16);
-    spec.entityOffset = 4096 - 12;
-    EXPECT_EQ(Process(spec), E_INVALIDARG);
+    RequestSpec given;
+    given.entity = Command(4, 16);
+    given.entityOffset = 4096 - 12;
+    EXPECT_EQ(Process(given), E_INVALIDARG);
     EXPECT_TRUE(log.Has(kTrace, TEXT("client: error CMD_LEAVE, transId 4")));
     EXPECT_EQ(http.Last().reason, "Error 0x80070057");
 }
 
 TEST_F(Membership, LeaveMarksItsStages) {
     CHttpXaction& xaction = Take();
-    RequestSpec spec;
-    spec.entity = Command(1, 16);
-    Lay(xaction, spec);
+    RequestSpec given;
+    given.entity = Command(1, 16);
+    Lay(xaction, given);
     std::vector<DWORD> stages;
     CatchStages(xaction, stages);
     server.ProcessRequest(xaction);
@@ -491,9 +491,9 @@ TEST_F(Membership, KeepAliveOfAnUnknownClientIsFineAndSilent) {
 
 TEST_F(Membership, KeepAliveMarksNoStagesOfItsOwn) {
     CHttpXaction& xaction = Take();
-    RequestSpec spec;
-    spec.entity = Command(1, 17);
-    Lay(xaction, spec);
+    RequestSpec given;
+    given.entity = Command(1, 17);
+    Lay(xaction, given);
     std::vector<DWORD> stages;
     CatchStages(xaction, stages);
     server.ProcessRequest(xaction);
@@ -510,10 +510,10 @@ TEST_F(Membership, KeepAliveIsTracedWhenTheFlagIsSet) {
               (std::vector<WString>{TEXT("me: handling CMD_KEEP_ALIVE, transId 6"),
                                     TEXT("me: CMD_KEEP_ALIVE OK, transId 6")}));
     log.Reset();
-    RequestSpec spec;
-    spec.entity = Command(4, 17);
-    spec.entityOffset = 4096 - 12;
-    Process(spec);
+    RequestSpec given;
+    given.entity = Command(4, 17);
+    given.entityOffset = 4096 - 12;
+    Process(given);
     EXPECT_TRUE(log.Has(kTrace, TEXT("client: error CMD_KEEP_ALIVE, transId 4")));
 }
 

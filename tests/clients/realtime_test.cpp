@@ -222,19 +222,19 @@ TEST_F(RealTime, CommandIsTracedAsCmWhenTheFlagIsSet) {
               (std::vector<WString>{TEXT("me: handling CM_SET_IO_REAL_TIME, transId 9"),
                                     TEXT("me: CM_SET_IO_REAL_TIME OK, transId 9")}));
     log.Reset();
-    RequestSpec spec;
-    spec.entity = Command(4, 18);
-    spec.entityOffset = 4096 - 12;
-    Process(spec);
+    RequestSpec given;
+    given.entity = Command(4, 18);
+    given.entityOffset = 4096 - 12;
+    Process(given);
     EXPECT_TRUE(log.Has(kTrace, TEXT("client: error CM_SET_IO_REAL_TIME, transId 4")));
     access.FileServerMode() = 0;
 }
 
 TEST_F(RealTime, CommandMarksItsStages) {
     CHttpXaction& xaction = Take();
-    RequestSpec spec;
-    spec.entity = Command(1, 18);
-    Lay(xaction, spec);
+    RequestSpec given;
+    given.entity = Command(1, 18);
+    Lay(xaction, given);
     std::vector<DWORD> stages;
     http.onSend = [&](const SentResponse&) {
         for (LONG i = 0; i < xaction.Timer().Count(); ++i)

@@ -30,26 +30,26 @@ protected:
 
     // Runs the request in a block that is taken for the rest of the test, unless an asynchronous
     // completion has it.
-    HRESULT Run(const RequestSpec& spec) {
+    HRESULT Run(const RequestSpec& given) {
         last = &Take();
-        Lay(*last, spec);
+        Lay(*last, given);
         last->SetStartTick(GetTickCount());
         const HRESULT hr = server.ProcessRequest(*last);
         if (hr != S_FALSE) m_taken.push_back(last);
         return hr;
     }
     HRESULT Run(DWORD code, const std::string& body, const std::string& clientId = "client") {
-        RequestSpec spec;
-        spec.clientId = clientId;
-        spec.entity = Command(kTransId, code, body);
-        return Run(spec);
+        RequestSpec given;
+        given.clientId = clientId;
+        given.entity = Command(kTransId, code, body);
+        return Run(given);
     }
     // The command's body cut off at the end of the posted buffer: only the header fits.
     RequestSpec HeaderAtBufferEnd(DWORD code) {
-        RequestSpec spec;
-        spec.entity = Command(kTransId, code);
-        spec.entityOffset = CHttpXaction::RequestBufferSize() - spec.entity.size();
-        return spec;
+        RequestSpec given;
+        given.entity = Command(kTransId, code);
+        given.entityOffset = CHttpXaction::RequestBufferSize() - given.entity.size();
+        return given;
     }
     void ExpectGenericFailure(DWORD code, HRESULT hr) {
         ASSERT_GT(http.SentCount(), 0u);

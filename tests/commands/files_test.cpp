@@ -152,14 +152,14 @@ TEST_F(Files, AFrameCountWhoseReplyDoesNotFitIsRefused) {
 }
 
 TEST_F(Files, TheLargestFrameCountThatFitsIsAnswered) {
-    RequestSpec spec;
+    RequestSpec given;
     const LONG count = 20;  // 248 bytes of body
-    spec.entity = Command(kTransId, 8, Bytes(kToken, DWORD{0}, count, LONG{0}));
-    spec.entityOffset = CHttpXaction::RequestBufferSize() - 12 - 248;
-    EXPECT_EQ(Run(spec), S_OK);
+    given.entity = Command(kTransId, 8, Bytes(kToken, DWORD{0}, count, LONG{0}));
+    given.entityOffset = CHttpXaction::RequestBufferSize() - 12 - 248;
+    EXPECT_EQ(Run(given), S_OK);
     EXPECT_EQ(Body().size(), 260u);
-    *spec.entityOffset += 1;
-    EXPECT_EQ(Run(spec), E_INVALIDARG);
+    *given.entityOffset += 1;
+    EXPECT_EQ(Run(given), E_INVALIDARG);
 }
 
 TEST_F(Files, FrameDescriptorsByNameAreLongerThanTheirEntries) {

@@ -391,10 +391,10 @@ TEST_P(FileCommand, RefusesABodyBeyondThePostedBuffer) {
 }
 
 TEST_P(FileCommand, RefusesABodyWhoseLastFieldLeavesTheBuffer) {
-    RequestSpec spec;
-    spec.entity = Command(kTransId, row.code, row.body.substr(0, 4));
-    spec.entityOffset = CHttpXaction::RequestBufferSize() - spec.entity.size();
-    EXPECT_EQ(Run(spec), E_INVALIDARG);
+    RequestSpec given;
+    given.entity = Command(kTransId, row.code, row.body.substr(0, 4));
+    given.entityOffset = CHttpXaction::RequestBufferSize() - given.entity.size();
+    EXPECT_EQ(Run(given), E_INVALIDARG);
     EXPECT_EQ(media.Count(row.op), 0u);
     ExpectGenericFailure(row.code, E_INVALIDARG);
 }
@@ -432,9 +432,9 @@ TEST_P(FileCommandWithName, RefusesANameThatFillsItsField) {
 TEST_P(FileCommand, LeavesAReplyThatCannotBeBuiltToDispatch) {
     SetTracing(true);
     CHttpXaction& xaction = Take();
-    RequestSpec spec;
-    spec.entity = Command(kTransId, row.code, row.body);
-    Lay(xaction, spec);
+    RequestSpec given;
+    given.entity = Command(kTransId, row.code, row.body);
+    Lay(xaction, given);
     HTTP_REQUEST& request = *xaction.Request();
     ZemCommand command{};
     command.clientId = TEXT("client");

@@ -42,10 +42,10 @@ void PutKnown(CLayout& layout, HTTP_REQUEST& request, HTTP_HEADER_ID id,
     request.Headers.KnownHeaders[id].RawValueLength = static_cast<USHORT>(value->size());
 }
 
-void PutUnknown(CLayout& layout, HTTP_REQUEST& request, const RequestSpec& spec) {
-    auto headers = spec.headersBefore;
-    if (spec.withClientId) headers.emplace_back(spec.clientIdHeader, spec.clientId);
-    headers.insert(headers.end(), spec.headersAfter.begin(), spec.headersAfter.end());
+void PutUnknown(CLayout& layout, HTTP_REQUEST& request, const RequestSpec& given) {
+    auto headers = given.headersBefore;
+    if (given.withClientId) headers.emplace_back(given.clientIdHeader, given.clientId);
+    headers.insert(headers.end(), given.headersAfter.begin(), given.headersAfter.end());
     if (headers.empty()) return;
     std::vector<HTTP_UNKNOWN_HEADER> table;
     for (const auto& [name, value] : headers) {
@@ -58,17 +58,17 @@ void PutUnknown(CLayout& layout, HTTP_REQUEST& request, const RequestSpec& spec)
         layout.Put(table.data(), table.size() * sizeof(table[0]), 8));
 }
 
-void PutUrl(CLayout& layout, HTTP_REQUEST& request, const RequestSpec& spec) {
+void PutUrl(CLayout& layout, HTTP_REQUEST& request, const RequestSpec& given) {
     const WString prefix = TEXT("http://");
-    const WCHAR* url = layout.PutText(prefix + spec.host + spec.absPath);
+    const WCHAR* url = layout.PutText(prefix + given.host + given.absPath);
     HTTP_COOKED_URL& cooked = request.CookedUrl;
     cooked.pFullUrl = url;
     cooked.FullUrlLength =
-        static_cast<USHORT>((prefix.size() + spec.host.size() + spec.absPath.size()) * 2);
+        static_cast<USHORT>((prefix.size() + given.host.size() + given.absPath.size()) * 2);
     cooked.pHost = url + prefix.size();
-    cooked.HostLength = static_cast<USHORT>(spec.host.size() * 2);
-    cooked.pAbsPath = cooked.pHost + spec.host.size();
-    cooked.AbsPathLength = static_cast<USHORT>(spec.absPath.size() * 2);
+    cooked.HostLength = static_cast<USHORT>(given.host.size() * 2);
+    cooked.pAbsPath = cooked.pHost + given.host.size();
+    cooked.AbsPathLength = static_cast<USHORT>(given.absPath.size() * 2);
 }
 
 }  // namespace
@@ -100,7 +100,7 @@ CServerFixture::~CServerFixture() {
     log.Reset();
 }
 
-void CServerFixture::Lay(CHttpXaction& xaction, const RequestSpec& spec) {
+void CServerFixture::Lay(CHttpXaction& xaction, const RequestSpec& given) {
     CLayout layout(xaction.RequestBuffer(), CHttpXaction::RequestBufferSize());
     const HTTP_REQUEST empty{};
     layout.Put(&empty, sizeof(empty));
@@ -108,32 +108,32 @@ void CServerFixture::Lay(CHttpXaction& xaction, const RequestSpec& spec) {
     request.RequestId = ++m_lastRequestId;
     request.ConnectionId = 1;
     request.Version = {1, 1};
-    request.Verb = spec.verb;
-    PutUrl(layout, request, spec);
-    PutUnknown(layout, request, spec);
-    PutKnown(layout, request, HttpHeaderUserAgent, spec.userAgent);
-    PutKnown(layout, request, HttpHeaderContentLength, spec.contentLength);
-    if (spec.chunkCount > 0) {
+    request.Verb = given.verb;
+    PutUrl(layout, request, given);
+    PutUnknown(layout, request, given);
+    PutKnown(layout, request, HttpHeaderUserAgent, given.userAgent);
+    PutKnown(layout, request, HttpHeaderContentLength, given.contentLength);
+    if (given.chunkCount > 0) {
         HTTP_DATA_CHUNK chunk{};
         chunk.DataChunkType = HttpDataChunkFromMemory;
-        chunk.FromMemory.BufferLength = static_cast<ULONG>(spec.entity.size());
+        chunk.FromMemory.BufferLength = static_cast<ULONG>(given.entity.size());
         BYTE* const place = layout.Put(&chunk, sizeof(chunk), 8);
-        request.EntityChunkCount = spec.chunkCount;
+        request.EntityChunkCount = given.chunkCount;
         request.pEntityChunks = reinterpret_cast<HTTP_DATA_CHUNK*>(place);
-        void* data = spec.entityElsewhere;
+        void* data = given.entityElsewhere;
         if (data) {
-            std::memcpy(data, spec.entity.data(), spec.entity.size());
-        } else if (spec.entityOffset) {
-            EXPECT_GE(*spec.entityOffset, layout.Used());
-            EXPECT_LE(*spec.entityOffset + spec.entity.size(), CHttpXaction::RequestBufferSize());
-            data = xaction.RequestBuffer() + *spec.entityOffset;
-            std::memcpy(data, spec.entity.data(), spec.entity.size());
+            std::memcpy(data, given.entity.data(), given.entity.size());
+        } else if (given.entityOffset) {
+            EXPECT_GE(*given.entityOffset, layout.Used());
+            EXPECT_LE(*given.entityOffset + given.entity.size(), CHttpXaction::RequestBufferSize());
+            data = xaction.RequestBuffer() + *given.entityOffset;
+            std::memcpy(data, given.entity.data(), given.entity.size());
         } else {
-            data = layout.Put(spec.entity.data(), spec.entity.size());
+            data = layout.Put(given.entity.data(), given.entity.size());
         }
         request.pEntityChunks[0].FromMemory.pBuffer = data;
     }
-    request.BytesReceived = spec.received_bytes.value_or(layout.Used());
+    request.BytesReceived = given.received_bytes.value_or(layout.Used());
 }
 
 CHttpXaction& CServerFixture::Take() {
@@ -142,9 +142,9 @@ CHttpXaction& CServerFixture::Take() {
     return *xaction;
 }
 
-HRESULT CServerFixture::Process(const RequestSpec& spec) {
+HRESULT CServerFixture::Process(const RequestSpec& given) {
     CHttpXaction& xaction = Take();
-    Lay(xaction, spec);
+    Lay(xaction, given);
     xaction.SetStartTick(GetTickCount());
     const HRESULT hr = server.ProcessRequest(xaction);
     if (hr != S_FALSE) Pool().Release(&xaction);
@@ -152,18 +152,18 @@ HRESULT CServerFixture::Process(const RequestSpec& spec) {
 }
 
 HRESULT CServerFixture::Post(const std::string& entity, const std::string& clientId) {
-    RequestSpec spec;
-    spec.entity = entity;
-    spec.clientId = clientId;
-    return Process(spec);
+    RequestSpec given;
+    given.entity = entity;
+    given.clientId = clientId;
+    return Process(given);
 }
 
 HRESULT CServerFixture::Join(const std::string& clientId, DWORD channelId) {
-    RequestSpec spec;
-    spec.clientId = clientId;
-    spec.entity = Command(1, 15, Bytes(channelId));
-    spec.userAgent = "Edit (Suite/1.2.3.4)";
-    return Process(spec);
+    RequestSpec given;
+    given.clientId = clientId;
+    given.entity = Command(1, 15, Bytes(channelId));
+    given.userAgent = "Edit (Suite/1.2.3.4)";
+    return Process(given);
 }
 
 CZemChannelIo* CServerFixture::Channel(const WCHAR* clientId) {

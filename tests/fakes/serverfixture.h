@@ -69,10 +69,10 @@ protected:
     ~CServerFixture() override;
 
     // Lays the request into the block, with a request id of its own.
-    void Lay(CHttpXaction& xaction, const RequestSpec& spec);
+    void Lay(CHttpXaction& xaction, const RequestSpec& given);
     // Takes a block, lays the request, runs ProcessRequest and, unless it went asynchronous, gives
     // the block back.
-    HRESULT Process(const RequestSpec& spec);
+    HRESULT Process(const RequestSpec& given);
     // The same with a command's entity.
     HRESULT Post(const std::string& entity, const std::string& clientId = "client");
     HRESULT Join(const std::string& clientId = "client", DWORD channelId = 7);

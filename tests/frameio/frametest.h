@@ -18,23 +18,24 @@ struct FrameEntrySpec {
     LONG bufferCount = -1;  // -1: as many as lengths
 };
 
-inline std::string FrameEntryBytes(const FrameEntrySpec& spec) {
+inline std::string FrameEntryBytes(const FrameEntrySpec& given) {
     std::string entry(96, '\0');
     const auto put = [&](size_t offset, const auto& value) {
         std::memcpy(entry.data() + offset, &value, sizeof(value));
     };
-    put(8, spec.token);
-    put(16, spec.position);
-    put(20, spec.streamFlags);
-    if (!spec.special.empty()) {
-        std::memcpy(entry.data() + 24, spec.special.data(), 24);
+    put(8, given.token);
+    put(16, given.position);
+    put(20, given.streamFlags);
+    if (!given.special.empty()) {
+        std::memcpy(entry.data() + 24, given.special.data(), 24);
     } else {
-        put(24, spec.bufferCount < 0 ? static_cast<LONG>(spec.lengths.size()) : spec.bufferCount);
-        for (size_t k = 0; k < spec.lengths.size(); ++k)
-            put(32 + 8 * k, spec.lengths[k]);
+        put(24,
+            given.bufferCount < 0 ? static_cast<LONG>(given.lengths.size()) : given.bufferCount);
+        for (size_t k = 0; k < given.lengths.size(); ++k)
+            put(32 + 8 * k, given.lengths[k]);
     }
-    put(80, spec.userData64);
-    put(88, spec.userData32);
+    put(80, given.userData64);
+    put(88, given.userData32);
     return entry;
 }
 
@@ -53,12 +54,12 @@ protected:
     // buffer.
     RequestSpec CutAtBufferEnd(DWORD code, const std::vector<FrameEntrySpec>& entries,
                                size_t lastEntry_bytes) {
-        RequestSpec spec;
+        RequestSpec given;
         const std::string body = FrameBody(entries);
-        spec.entity = Command(kTransId, code, body.substr(0, body.size() - 96 + lastEntry_bytes));
-        spec.entityOffset = CHttpXaction::RequestBufferSize() - spec.entity.size();
-        spec.contentLength = std::to_string(spec.entity.size());
-        return spec;
+        given.entity = Command(kTransId, code, body.substr(0, body.size() - 96 + lastEntry_bytes));
+        given.entityOffset = CHttpXaction::RequestBufferSize() - given.entity.size();
+        given.contentLength = std::to_string(given.entity.size());
+        return given;
     }
     // Everything that a frame took is back, and was ended once.
     void ExpectAllHome() {

@@ -117,9 +117,9 @@ TEST_F(ReadFrame, TheReplyOfTwoStreamsHasABodyOf248Bytes) {
 }
 
 TEST_F(ReadFrame, NothingBehindTheFirst13RequestBytesIsEchoed) {
-    RequestSpec spec;
-    spec.entity = Command(kTransId, 3, FrameBody({Entry()}, 0xAABBCCDD));
-    Run(spec);
+    RequestSpec given;
+    given.entity = Command(kTransId, 3, FrameBody({Entry()}, 0xAABBCCDD));
+    Run(given);
     EXPECT_EQ(Table().substr(12, 4), std::string("\xDD\0\0\0", 4));
 }
 
@@ -403,19 +403,19 @@ TEST_F(ReadFrame, AReplyLaterThan500MillisecondsIsReported) {
 TEST_F(ReadFrame, SlownessIsMeasuredFromTheIssue) {
     clock.SetTick(10000);
     CHttpXaction& xaction = Take();
-    RequestSpec spec;
-    spec.entity = Command(kTransId, 3, FrameBody({Entry()}));
-    Lay(xaction, spec);
+    RequestSpec given;
+    given.entity = Command(kTransId, 3, FrameBody({Entry()}));
+    Lay(xaction, given);
     xaction.SetStartTick(1);  // taken up long ago
     EXPECT_EQ(server.ProcessRequest(xaction), S_FALSE);
     EXPECT_TRUE(log.Empty());
 }
 
 TEST_F(ReadFrame, FieldsBeyondThePostedBufferAreAGenericFailure) {
-    RequestSpec spec;
-    spec.entity = Command(kTransId, 3, FrameBody({}, 1, 3) + std::string(96, '\0'));
-    spec.entityOffset = CHttpXaction::RequestBufferSize() - spec.entity.size();
-    EXPECT_EQ(Run(spec), E_INVALIDARG);
+    RequestSpec given;
+    given.entity = Command(kTransId, 3, FrameBody({}, 1, 3) + std::string(96, '\0'));
+    given.entityOffset = CHttpXaction::RequestBufferSize() - given.entity.size();
+    EXPECT_EQ(Run(given), E_INVALIDARG);
     ExpectGenericFailure(3, E_INVALIDARG);
     EXPECT_EQ(media.Count("ReadFrame"), 0u);
     EXPECT_EQ(Counters().droppedReadFrames, 1u) << "the failed command counts";
@@ -543,9 +543,9 @@ TEST_F(ReadFrame, AnErrorLogsOwnNumbersDecideNothing) {
 
 TEST_F(ReadFrame, ABlockThatCannotBeRegisteredGoesBack) {
     CHttpXaction& xaction = Take();
-    RequestSpec spec;
-    spec.entity = Command(kTransId, 3, FrameBody({Entry()}));
-    Lay(xaction, spec);
+    RequestSpec given;
+    given.entity = Command(kTransId, 3, FrameBody({Entry()}));
+    Lay(xaction, given);
     FailNextAllocation(300);  // ten nodes of the map
     EXPECT_EQ(server.ProcessRequest(xaction), S_OK);
     EXPECT_TRUE(AllocationFailed());

@@ -74,11 +74,11 @@ TEST_F(UpdateCfg, ADocumentThatCameWholeIsPassedOn) {
 TEST_F(UpdateCfg, TheRestOfTheTextIsReadFromTheNetwork) {
     WatchDocument();
     const std::string text = Text(kXml) + std::string(2, '\0');
-    RequestSpec spec;
-    spec.entity = Command(kTransId, 14, text.substr(0, 11), static_cast<DWORD>(text.size()));
+    RequestSpec given;
+    given.entity = Command(kTransId, 14, text.substr(0, 11), static_cast<DWORD>(text.size()));
     http.FeedBody(text.substr(11, 7));
     http.FeedBody(text.substr(18));
-    EXPECT_EQ(Run(spec), S_OK);
+    EXPECT_EQ(Run(given), S_OK);
     EXPECT_EQ(rootName, "channel");
     EXPECT_EQ(last->ReceiveCount(), 2);
     EXPECT_EQ(http.BodyReads().at(0).asked_bytes, text.size() - 11);
@@ -91,10 +91,10 @@ TEST_F(UpdateCfg, ATextLongerThanThePostedBufferIsGathered) {
     xml += WString(50000, TEXT('x'));
     xml += TEXT("</c>");
     const std::string text = Text(xml);
-    RequestSpec spec;
-    spec.entity = Command(kTransId, 14, text.substr(0, 2000), static_cast<DWORD>(text.size()));
+    RequestSpec given;
+    given.entity = Command(kTransId, 14, text.substr(0, 2000), static_cast<DWORD>(text.size()));
     http.FeedBody(text.substr(2000));
-    EXPECT_EQ(Run(spec), S_OK);
+    EXPECT_EQ(Run(given), S_OK);
     EXPECT_EQ(rootText, std::string(50000, 'x')) << "the text ends without a NUL of its own";
 }
 
@@ -107,11 +107,11 @@ TEST_F(UpdateCfg, AnOddLengthEndsBehindItsLastByte) {
 
 TEST_F(UpdateCfg, AtMostTheDeclaredBytesAreTaken) {
     WatchDocument();
-    RequestSpec spec;
+    RequestSpec given;
     const std::string text = Text(TEXT("<a>z</a>"));
-    spec.entity =
+    given.entity =
         Command(kTransId, 14, text + Text(TEXT("garbage")), static_cast<DWORD>(text.size()));
-    EXPECT_EQ(Run(spec), S_OK);
+    EXPECT_EQ(Run(given), S_OK);
     EXPECT_EQ(rootText, "z");
 }
 
@@ -178,39 +178,39 @@ TEST_F(UpdateCfg, TheUpdateRunsUnderTheClientLock) {
 }
 
 TEST_F(UpdateCfg, SizesBelowTheHeaderAreRefused) {
-    RequestSpec spec;
-    spec.entity = Command(kTransId, 14, "", 0xFFFFFFF8);  // 4 with the header's 12, in 32 bits
-    EXPECT_EQ(Run(spec), E_INVALIDARG);
+    RequestSpec given;
+    given.entity = Command(kTransId, 14, "", 0xFFFFFFF8);  // 4 with the header's 12, in 32 bits
+    EXPECT_EQ(Run(given), E_INVALIDARG);
     ExpectGenericFailure(14, E_INVALIDARG);
-    spec.entity = Command(kTransId, 14).substr(0, 11);
-    EXPECT_EQ(Run(spec), E_INVALIDARG);
+    given.entity = Command(kTransId, 14).substr(0, 11);
+    EXPECT_EQ(Run(given), E_INVALIDARG);
     EXPECT_EQ(media.Count("UpdateChannelConfigInt"), 0u);
 }
 
 TEST_F(UpdateCfg, MoreThan16MiBAreOutOfMemory) {
-    RequestSpec spec;
-    spec.entity = Command(kTransId, 14, "", (16u << 20) + 1);
-    EXPECT_EQ(Run(spec), E_OUTOFMEMORY);
+    RequestSpec given;
+    given.entity = Command(kTransId, 14, "", (16u << 20) + 1);
+    EXPECT_EQ(Run(given), E_OUTOFMEMORY);
     ExpectGenericFailure(14, E_OUTOFMEMORY);
     EXPECT_TRUE(http.BodyReads().empty());
 }
 
 TEST_F(UpdateCfg, ABufferThatCannotBeHadIsOutOfMemory) {
-    RequestSpec spec;
-    spec.entity = Command(kTransId, 14, "", 5 << 20);
+    RequestSpec given;
+    given.entity = Command(kTransId, 14, "", 5 << 20);
     FailNextNothrowAllocation(5 << 20);
-    EXPECT_EQ(Run(spec), E_OUTOFMEMORY);
+    EXPECT_EQ(Run(given), E_OUTOFMEMORY);
     EXPECT_TRUE(NothrowAllocationFailed());
     ExpectGenericFailure(14, E_OUTOFMEMORY);
 }
 
 TEST_F(UpdateCfg, AReadErrorIsLoggedAndAnsweredByDispatch) {
-    RequestSpec spec;
-    spec.entity = Command(kTransId, 14, "abcd", 10);
+    RequestSpec given;
+    given.entity = Command(kTransId, 14, "abcd", 10);
     http.FeedBody("ef");
     http.FeedBodyError(ERROR_NETNAME_DELETED);
     const HRESULT hr = HRESULT_FROM_WIN32(ERROR_NETNAME_DELETED);
-    EXPECT_EQ(Run(spec), hr);
+    EXPECT_EQ(Run(given), hr);
     EXPECT_EQ(log.Error(TEXT("client: Error receving remaining channel cfg XML data. Total XML sz "
                              "10 bytes, received 6 bytes"))
                   .hr,
@@ -219,19 +219,19 @@ TEST_F(UpdateCfg, AReadErrorIsLoggedAndAnsweredByDispatch) {
 }
 
 TEST_F(UpdateCfg, AReadThatBringsNothingDoesNotRepeatForEver) {
-    RequestSpec spec;
-    spec.entity = Command(kTransId, 14, "abcd", 10);
+    RequestSpec given;
+    given.entity = Command(kTransId, 14, "abcd", 10);
     http.FeedBodyError(NO_ERROR);
-    EXPECT_EQ(Run(spec), HRESULT_FROM_WIN32(ERROR_HANDLE_EOF));
+    EXPECT_EQ(Run(given), HRESULT_FROM_WIN32(ERROR_HANDLE_EOF));
 }
 
 TEST_F(UpdateCfg, ASlowReadIsReportedAbove100Milliseconds) {
     clock.SetTick(5000);
     for (const DWORD late_ms : {100u, 101u}) {
         CHttpXaction& xaction = Take();
-        RequestSpec spec;
-        spec.entity = Command(kTransId, 14, Text(kXml));
-        Lay(xaction, spec);
+        RequestSpec given;
+        given.entity = Command(kTransId, 14, Text(kXml));
+        Lay(xaction, given);
         xaction.SetStartTick(5000 - late_ms);
         EXPECT_EQ(server.ProcessRequest(xaction), S_OK);
         EXPECT_EQ(log.Count(kErrorLogLevelSlowOperation,
@@ -289,14 +289,14 @@ TEST_F(UpdateCfg, AnAttributeNameThatFillsItsFieldIsRefused) {
 }
 
 TEST_F(UpdateCfg, AnAttributeValueThatFillsTheBufferIsRefused) {
-    RequestSpec spec;
-    spec.entity = Command(kTransId, 26, NameField(TEXT("a")) + std::string(200, 'v'));
-    spec.entityOffset = CHttpXaction::RequestBufferSize() - spec.entity.size();
-    EXPECT_EQ(Run(spec), E_INVALIDARG);
+    RequestSpec given;
+    given.entity = Command(kTransId, 26, NameField(TEXT("a")) + std::string(200, 'v'));
+    given.entityOffset = CHttpXaction::RequestBufferSize() - given.entity.size();
+    EXPECT_EQ(Run(given), E_INVALIDARG);
     ExpectGenericFailure(26, E_INVALIDARG);
-    spec.entity[spec.entity.size() - 1] = 0;
-    spec.entity[spec.entity.size() - 2] = 0;
-    EXPECT_EQ(Run(spec), S_OK);
+    given.entity[given.entity.size() - 1] = 0;
+    given.entity[given.entity.size() - 2] = 0;
+    EXPECT_EQ(Run(given), S_OK);
     EXPECT_EQ(media.Calls("UpdateChannelConfigAttr").at(0).name2.size(), 99u);
 }
 
@@ -322,21 +322,21 @@ TEST_F(UpdateCfg, Exactly16MiBAreTaken) {
     ASSERT_EQ(text.size(), kMax_bytes);
     size_t length = 0;
     media.onCall = [&](const MediaCall&) { length = http.BodyReads().at(0).asked_bytes; };
-    RequestSpec spec;
-    spec.entity = Command(kTransId, 14, text.substr(0, 8), static_cast<DWORD>(text.size()));
+    RequestSpec given;
+    given.entity = Command(kTransId, 14, text.substr(0, 8), static_cast<DWORD>(text.size()));
     http.FeedBody(text.substr(8));
-    EXPECT_EQ(Run(spec), S_OK);
+    EXPECT_EQ(Run(given), S_OK);
     EXPECT_EQ(media.Count("UpdateChannelConfigInt"), 1u);
     EXPECT_EQ(length, kMax_bytes - 8);
     ExpectReply(S_OK);
 }
 
 TEST_F(UpdateCfg, AReplyThatCannotBeBuiltLeavesTheChannelAlone) {
-    RequestSpec spec;
-    spec.entity = Command(kTransId, 14, "", 4);  // the header fills the posted buffer's end
-    spec.entityOffset = CHttpXaction::RequestBufferSize() - spec.entity.size();
+    RequestSpec given;
+    given.entity = Command(kTransId, 14, "", 4);  // the header fills the posted buffer's end
+    given.entityOffset = CHttpXaction::RequestBufferSize() - given.entity.size();
     http.FeedBody("abcd");
-    EXPECT_EQ(Run(spec), E_INVALIDARG);
+    EXPECT_EQ(Run(given), E_INVALIDARG);
     EXPECT_EQ(media.Count("UpdateChannelConfigInt"), 0u);
     EXPECT_EQ(http.SentCount(), 2u);
     EXPECT_EQ(http.Last().status, 500);
@@ -348,9 +348,9 @@ TEST_F(UpdateCfg, ADocumentThatFindsNoMemoryIsLoggedAndAnswered) {
     const WString message = TEXT("client: Error loading remote channel config XML, transId 4711");
     for (uint64_t skipped = 0; skipped < 100 && !log.Has(kErrorLogLevelError, message); ++skipped) {
         CHttpXaction& xaction = Take();
-        RequestSpec spec;
-        spec.entity = Command(kTransId, 14, Text(kXml));
-        Lay(xaction, spec);
+        RequestSpec given;
+        given.entity = Command(kTransId, 14, Text(kXml));
+        Lay(xaction, given);
         FailAllocationAfter(skipped);
         server.ProcessRequest(xaction);
         AllocationFailed();

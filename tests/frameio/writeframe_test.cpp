@@ -25,11 +25,11 @@ protected:
     // A write whose payload came with the request as far as `with`, of `payload` bytes in all.
     RequestSpec Spec(const std::vector<FrameEntrySpec>& entries, const std::string& with,
                      size_t payload_bytes) {
-        RequestSpec spec;
+        RequestSpec given;
         const std::string command = Command(kTransId, 4, FrameBody(entries));
-        spec.entity = command + with;
-        spec.contentLength = std::to_string(command.size() + payload_bytes);
-        return spec;
+        given.entity = command + with;
+        given.contentLength = std::to_string(command.size() + payload_bytes);
+        return given;
     }
     HRESULT Write(const std::vector<FrameEntrySpec>& entries, const std::string& payload) {
         return Run(Spec(entries, payload, payload.size()));
@@ -225,9 +225,9 @@ TEST_F(WriteFrame, TheRecordLockIsHeldUntilTheWriteWasIssued) {
 
 TEST_F(WriteFrame, AnUnknownClientGetsTheOrdinaryReply) {
     SetTracing(true);
-    RequestSpec spec = Spec({Entry({1})}, "x", 1);
-    spec.clientId = "ghost";
-    EXPECT_EQ(Run(spec), S_OK);
+    RequestSpec given = Spec({Entry({1})}, "x", 1);
+    given.clientId = "ghost";
+    EXPECT_EQ(Run(given), S_OK);
     ExpectImmediateReply();
     EXPECT_EQ(http.SentCount(), 2u);
     EXPECT_EQ(log.Error(TEXT("ghost: Unknown client; transId 4711!")).hr, E_INVALIDARG);
@@ -295,9 +295,9 @@ TEST_F(WriteFrame, LengthsAreSummedIn64Bits) {
 }
 
 TEST_F(WriteFrame, AMissingContentLengthIsAMismatch) {
-    RequestSpec spec = Spec({Entry({1})}, "x", 1);
-    spec.contentLength.reset();
-    EXPECT_EQ(Run(spec), S_OK);
+    RequestSpec given = Spec({Entry({1})}, "x", 1);
+    given.contentLength.reset();
+    EXPECT_EQ(Run(given), S_OK);
     ExpectImmediateReply();
     ExpectKept(1);
 }
@@ -404,15 +404,15 @@ TEST_F(WriteFrame, CountsOutOfRangeAreRefusedBeforeABlockIsTaken) {
     TakeAllBlocks();
     const std::string payload = "x";
     for (const DWORD count : {0u, 23u, 0xFFFFFFFFu}) {
-        RequestSpec spec = Spec({Entry({1})}, payload, 1);
-        std::memcpy(spec.entity.data() + 16, &count, 4);
-        EXPECT_EQ(Run(spec), S_OK) << count;
+        RequestSpec given = Spec({Entry({1})}, payload, 1);
+        std::memcpy(given.entity.data() + 16, &count, 4);
+        EXPECT_EQ(Run(given), S_OK) << count;
         ExpectImmediateReply();
     }
     for (const LONG buffers : {-1, 7, 0x7FFFFFFF}) {
-        RequestSpec spec = Spec({Entry({1})}, payload, 1);
-        std::memcpy(spec.entity.data() + 12 + 16 + 24, &buffers, 4);
-        EXPECT_EQ(Run(spec), S_OK) << buffers;
+        RequestSpec given = Spec({Entry({1})}, payload, 1);
+        std::memcpy(given.entity.data() + 12 + 16 + 24, &buffers, 4);
+        EXPECT_EQ(Run(given), S_OK) << buffers;
         ExpectImmediateReply();
     }
     EXPECT_FALSE(access.Dropping()) << "no block was asked for";
@@ -468,11 +468,11 @@ TEST_F(WriteFrame, AReplyThatCannotBeBuiltGivesBuffersAndBlockBack) {
 }
 
 TEST_F(WriteFrame, FieldsBeyondThePostedBufferAreAGenericFailure) {
-    RequestSpec spec;
-    spec.entity = Command(kTransId, 4, FrameBody({}, 1, 3) + std::string(96, '\0'));
-    spec.entityOffset = CHttpXaction::RequestBufferSize() - spec.entity.size();
-    spec.contentLength = std::to_string(spec.entity.size());
-    EXPECT_EQ(Run(spec), E_INVALIDARG);
+    RequestSpec given;
+    given.entity = Command(kTransId, 4, FrameBody({}, 1, 3) + std::string(96, '\0'));
+    given.entityOffset = CHttpXaction::RequestBufferSize() - given.entity.size();
+    given.contentLength = std::to_string(given.entity.size());
+    EXPECT_EQ(Run(given), E_INVALIDARG);
     ExpectGenericFailure(4, E_INVALIDARG);
     EXPECT_EQ(media.Count("GetWriteFrameBuffers"), 0u);
 }
@@ -574,9 +574,9 @@ TEST_F(WriteFrame, AnErrorLogsOwnNumbersDecideNothing) {
         const int kept = FramePool().KeptCount();
         const size_t released = media.Count("ReleaseWriteFrameBuffers");
         const ULONGLONG dropped = Counters().droppedWriteFrames;
-        RequestSpec spec = Spec({Entry({1})}, "x", 1);
-        spec.clientId = "ghost";
-        EXPECT_EQ(Run(spec), S_OK);
+        RequestSpec given = Spec({Entry({1})}, "x", 1);
+        given.clientId = "ghost";
+        EXPECT_EQ(Run(given), S_OK);
         EXPECT_EQ(http.SentCount(), ++sent);
         ExpectImmediateReply();
 

@@ -57,9 +57,9 @@ protected:
 TEST_F(Dispatch, OtherMethodsAreNotAllowed) {
     for (const HTTP_VERB verb :
          {HttpVerbPUT, HttpVerbHEAD, HttpVerbOPTIONS, HttpVerbUnknown, HttpVerbMOVE}) {
-        RequestSpec spec;
-        spec.verb = verb;
-        EXPECT_EQ(Process(spec), S_OK);
+        RequestSpec given;
+        given.verb = verb;
+        EXPECT_EQ(Process(given), S_OK);
         EXPECT_EQ(http.Last().status, 405);
         EXPECT_EQ(http.Last().reason, "HTTP method not allowed");
         EXPECT_EQ(http.Last().Header(HttpHeaderContentLength), "0");
@@ -69,19 +69,19 @@ TEST_F(Dispatch, OtherMethodsAreNotAllowed) {
 }
 
 TEST_F(Dispatch, GetIsAnsweredByTheFileService) {
-    RequestSpec spec;
-    spec.verb = HttpVerbGET;
-    spec.absPath = TEXT("/media/clients");
-    EXPECT_EQ(Process(spec), S_OK);
+    RequestSpec given;
+    given.verb = HttpVerbGET;
+    given.absPath = TEXT("/media/clients");
+    EXPECT_EQ(Process(given), S_OK);
     EXPECT_EQ(http.Last().status, 200);
     EXPECT_EQ(http.Last().Body(), "No Clients\r\n");
 }
 
 TEST_F(Dispatch, DeleteIsAnsweredByTheFileService) {
-    RequestSpec spec;
-    spec.verb = HttpVerbDELETE;
-    spec.absPath = TEXT("/media/none");
-    Process(spec);
+    RequestSpec given;
+    given.verb = HttpVerbDELETE;
+    given.absPath = TEXT("/media/none");
+    Process(given);
     ASSERT_EQ(http.SentCount(), 1u);
     EXPECT_EQ(http.Last().status, 400);
 }
@@ -89,44 +89,44 @@ TEST_F(Dispatch, DeleteIsAnsweredByTheFileService) {
 // --- the client ID ---
 
 TEST_F(Dispatch, PostWithoutUnknownHeadersIsRefused) {
-    RequestSpec spec;
-    spec.withClientId = false;
-    spec.entity = Command(1, kKeepAlive);
-    EXPECT_EQ(Process(spec), E_UNEXPECTED);
+    RequestSpec given;
+    given.withClientId = false;
+    given.entity = Command(1, kKeepAlive);
+    EXPECT_EQ(Process(given), E_UNEXPECTED);
     ExpectStatusOnly(E_UNEXPECTED);
     ExpectError(E_UNEXPECTED, kNoId);
 }
 
 TEST_F(Dispatch, ClientIdThatIsNotTheFirstUnknownHeaderIsRefused) {
-    RequestSpec spec;
-    spec.headersBefore = {{"X-Other", "1"}};
-    spec.entity = Command(1, kKeepAlive);
-    EXPECT_EQ(Process(spec), E_UNEXPECTED);
+    RequestSpec given;
+    given.headersBefore = {{"X-Other", "1"}};
+    given.entity = Command(1, kKeepAlive);
+    EXPECT_EQ(Process(given), E_UNEXPECTED);
     ExpectStatusOnly(E_UNEXPECTED);
     ExpectError(E_UNEXPECTED, kNoId);
 }
 
 TEST_F(Dispatch, LaterUnknownHeadersAreNotLookedAt) {
-    RequestSpec spec;
-    spec.headersAfter = {{"X-Other", "1"}, {"Zem-Id", "someone else"}};
-    spec.entity = Command(1, kKeepAlive);
+    RequestSpec given;
+    given.headersAfter = {{"X-Other", "1"}, {"Zem-Id", "someone else"}};
+    given.entity = Command(1, kKeepAlive);
     SetTracing(true);
-    EXPECT_EQ(Process(spec), S_OK);
+    EXPECT_EQ(Process(given), S_OK);
     EXPECT_TRUE(log.Has(kErrorLogLevelTrace, TEXT("client: handling CMD_KEEP_ALIVE, transId 1")));
 }
 
 TEST_F(Dispatch, NameOfTheIdHeaderIsComparedWithoutCase) {
     for (const char* name : {"zem-id", "ZEM-ID", "Zem-Id"}) {
-        RequestSpec spec;
-        spec.clientIdHeader = name;
-        spec.entity = Command(1, kKeepAlive);
-        EXPECT_EQ(Process(spec), S_OK) << name;
+        RequestSpec given;
+        given.clientIdHeader = name;
+        given.entity = Command(1, kKeepAlive);
+        EXPECT_EQ(Process(given), S_OK) << name;
     }
     for (const char* name : {"Zem-I", "Zem-Idx", "Zem_Id"}) {
-        RequestSpec spec;
-        spec.clientIdHeader = name;
-        spec.entity = Command(1, kKeepAlive);
-        EXPECT_EQ(Process(spec), E_UNEXPECTED) << name;
+        RequestSpec given;
+        given.clientIdHeader = name;
+        given.entity = Command(1, kKeepAlive);
+        EXPECT_EQ(Process(given), E_UNEXPECTED) << name;
     }
 }
 
@@ -139,10 +139,10 @@ TEST_F(Dispatch, ClientIdIsConvertedAndCutAt259Characters) {
 
 TEST_F(Dispatch, LengthAsSentBoundsTheClientId) {
     CHttpXaction& xaction = Take();
-    RequestSpec spec;
-    spec.clientId = "abcdef";
-    spec.entity = Command(1, kKeepAlive);
-    Lay(xaction, spec);
+    RequestSpec given;
+    given.clientId = "abcdef";
+    given.entity = Command(1, kKeepAlive);
+    Lay(xaction, given);
     xaction.Request()->Headers.pUnknownHeaders[0].RawValueLength = 3;
     SetTracing(true);
     EXPECT_EQ(server.ProcessRequest(xaction), S_OK);
@@ -206,11 +206,11 @@ TEST_F(Dispatch, EntityMayLieAnywhereInTheBuffer) {
     for (size_t room = 1; room <= 40; ++room) {
         SCOPED_TRACE(room);
         CFakeHttp own;
-        RequestSpec spec;
-        spec.entity = Command(3, kKeepAlive).substr(0, std::min<size_t>(room, 12));
-        spec.entityOffset = 4096 - room;
-        spec.received_bytes = 1000;
-        const HRESULT hr = Process(spec);
+        RequestSpec given;
+        given.entity = Command(3, kKeepAlive).substr(0, std::min<size_t>(room, 12));
+        given.entityOffset = 4096 - room;
+        given.received_bytes = 1000;
+        const HRESULT hr = Process(given);
         ASSERT_EQ(own.SentCount(), 1u) << "exactly one answer";
         if (room >= 16) {
             EXPECT_EQ(hr, S_OK);
@@ -225,20 +225,20 @@ TEST_F(Dispatch, EntityMayLieAnywhereInTheBuffer) {
 
 TEST_F(Dispatch, EntityOutsideTheBufferIsUsedWhereItLies) {
     alignas(8) char elsewhere[64] = {};
-    RequestSpec spec;
-    spec.entity = Command(3, kKeepAlive) + "more";
-    spec.entityElsewhere = elsewhere;
-    EXPECT_EQ(Process(spec), S_OK);
+    RequestSpec given;
+    given.entity = Command(3, kKeepAlive) + "more";
+    given.entityElsewhere = elsewhere;
+    EXPECT_EQ(Process(given), S_OK);
     EXPECT_EQ(http.Last().chunks.at(0).address, elsewhere);
     EXPECT_EQ(http.Last().Body(), Bytes(DWORD{3}, DWORD{14}, DWORD{4}, DWORD{0}));
 }
 
 TEST_F(Dispatch, ShortEntityOutsideTheBufferIsNotReadPastItsEnd) {
     char elsewhere[5];
-    RequestSpec spec;
-    spec.entity = Command(3, kKeepAlive).substr(0, 5);
-    spec.entityElsewhere = elsewhere;
-    EXPECT_EQ(Process(spec), E_INVALIDARG);
+    RequestSpec given;
+    given.entity = Command(3, kKeepAlive).substr(0, 5);
+    given.entityElsewhere = elsewhere;
+    EXPECT_EQ(Process(given), E_INVALIDARG);
     ASSERT_EQ(http.SentCount(), 1u);
     EXPECT_EQ(http.Last().reason, "Error 0x80070057");
 }
@@ -299,9 +299,9 @@ TEST_F(Dispatch, FailureIsAnsweredWhateverItsChainId) {
             EXPECT_EQ(own.Last().Body(), Bytes(DWORD{7}, DWORD{99}, DWORD{4}, chainId));
         }
         CFakeHttp own;
-        RequestSpec spec;
-        spec.withClientId = false;
-        EXPECT_NE(Process(spec), S_FALSE);
+        RequestSpec given;
+        given.withClientId = false;
+        EXPECT_NE(Process(given), S_FALSE);
         ASSERT_EQ(own.SentCount(), 1u);
         char reason[40];
         snprintf(reason, sizeof(reason), "Error 0x%x", chainId);
@@ -354,9 +354,9 @@ TEST_F(Dispatch, EmptyClientIdIsAnIdLikeAnother) {
 
 TEST_F(Dispatch, TransIdIsKeptInTheBlock) {
     CHttpXaction& xaction = Take();
-    RequestSpec spec;
-    spec.entity = Command(4711, kKeepAlive);
-    Lay(xaction, spec);
+    RequestSpec given;
+    given.entity = Command(4711, kKeepAlive);
+    Lay(xaction, given);
     EXPECT_EQ(xaction.TransId(), kNoTransId);
     server.ProcessRequest(xaction);
     EXPECT_EQ(xaction.TransId(), 4711u);
@@ -463,9 +463,9 @@ TEST_F(Dispatch, CompletionIsSilentWithoutTheTraceFlag) {
 
 TEST_F(Dispatch, CompletionCountsItsReadsAndGrowsChunkAndTotal) {
     CHttpXaction& xaction = Take();
-    RequestSpec spec;
-    spec.entity = Command(6, kJoin, "ab", 10);
-    Lay(xaction, spec);
+    RequestSpec given;
+    given.entity = Command(6, kJoin, "ab", 10);
+    Lay(xaction, given);
     http.FeedBody("cdef");
     http.FeedBody("ghij");
     const ULONGLONG before = xaction.Request()->BytesReceived;
@@ -533,12 +533,12 @@ protected:
     Completion() : xaction(Take()) { http.FeedBody(std::string(4096, 'x')); }
     ~Completion() override { Pool().Release(&xaction); }
     // Lays the request out and asks for its completion, which must be refused with this trace.
-    void ExpectRefusal(const RequestSpec& spec, DWORD expected_bytes, const WCHAR* format) {
-        Lay(xaction, spec);
+    void ExpectRefusal(const RequestSpec& given, DWORD expected_bytes, const WCHAR* format) {
+        Lay(xaction, given);
         ZemCommand command{};
         command.clientId = TEXT("client");
         command.xaction = &xaction;
-        command.received_bytes = spec.entity.size();
+        command.received_bytes = given.entity.size();
         command.expected_bytes = expected_bytes;
         EXPECT_EQ(server.GetCompleteRequest(command), S_FALSE);
         EXPECT_TRUE(http.BodyReads().empty());
@@ -552,50 +552,50 @@ protected:
         WCHAR text[300];
         _snwprintf_s(text, 300, _TRUNCATE, format, start, low(buffer), low(buffer + 4096));
         EXPECT_EQ(traces[0], text);
-        EXPECT_EQ(command.received_bytes, spec.entity.size());
+        EXPECT_EQ(command.received_bytes, given.entity.size());
     }
     CHttpXaction& xaction;
 };
 
 TEST_F(Completion, RefusesWhenTheBufferWasFull) {
-    RequestSpec spec;
-    spec.entity = Command(1, kJoin);
-    spec.received_bytes = 4096;
-    ExpectRefusal(spec, 16,
+    RequestSpec given;
+    given.entity = Command(1, kJoin);
+    given.received_bytes = 4096;
+    ExpectRefusal(given, 16,
                   TEXT("client: No space in HTTP request buffer, request bytes 4096, buffer sz "
                        "4096!"));
 }
 
 TEST_F(Completion, AcceptsOneByteLess) {
-    RequestSpec spec;
-    spec.entity = Command(1, kJoin, "", 4);
-    spec.received_bytes = 4095;
-    EXPECT_EQ(Process(spec), S_OK);
+    RequestSpec given;
+    given.entity = Command(1, kJoin, "", 4);
+    given.received_bytes = 4095;
+    EXPECT_EQ(Process(given), S_OK);
 }
 
 TEST_F(Completion, RefusesSeveralChunks) {
-    RequestSpec spec;
-    spec.entity = Command(1, kJoin);
-    spec.chunkCount = 3;
-    ExpectRefusal(spec, 16, TEXT("client: Found 3 entity chunks in HTTP request buffer!"));
+    RequestSpec given;
+    given.entity = Command(1, kJoin);
+    given.chunkCount = 3;
+    ExpectRefusal(given, 16, TEXT("client: Found 3 entity chunks in HTTP request buffer!"));
 }
 
 TEST_F(Completion, RefusesAChunkBelowOrAboveTheBuffer) {
     std::vector<char> elsewhere(64);
-    RequestSpec spec;
-    spec.entity = Command(1, kJoin);
-    spec.entityElsewhere = elsewhere.data();
+    RequestSpec given;
+    given.entity = Command(1, kJoin);
+    given.entityElsewhere = elsewhere.data();
     ExpectRefusal(
-        spec, 16,
+        given, 16,
         TEXT("client: First partial Entity chunk 0x%x beyond request buffer (0x%x 0x%x]!"));
 }
 
 TEST_F(Completion, RefusesWhatDoesNotFitBehindTheStart) {
-    RequestSpec spec;
-    spec.entity = Command(1, kJoin);
-    spec.entityOffset = 4096 - 20;
-    spec.received_bytes = 2000;
-    Lay(xaction, spec);
+    RequestSpec given;
+    given.entity = Command(1, kJoin);
+    given.entityOffset = 4096 - 20;
+    given.received_bytes = 2000;
+    Lay(xaction, given);
     ZemCommand command{};
     command.clientId = TEXT("client");
     command.xaction = &xaction;
@@ -620,8 +620,8 @@ TEST_F(Completion, RefusesWhatDoesNotFitBehindTheStart) {
 class WriteSizes : public Dispatch {
 protected:
     // Runs a frame write of an unknown client: the handler answers S_OK and logs why.
-    void Write(const RequestSpec& spec) {
-        EXPECT_EQ(Process(spec), S_OK);
+    void Write(const RequestSpec& given) {
+        EXPECT_EQ(Process(given), S_OK);
         ASSERT_EQ(http.SentCount(), 1u);
         EXPECT_EQ(http.Last().Word(4), 4);
     }
@@ -629,10 +629,10 @@ protected:
 
 TEST_F(WriteSizes, FrameDataBehindTheBodyDoesNotCountAsBody) {
     const std::string body = Bytes(DWORD{0}, DWORD{1}, ULONGLONG{0}) + std::string(96, '\0');
-    RequestSpec spec;
-    spec.entity = Command(2, 4, body) + "payload";
-    spec.contentLength = std::to_string(spec.entity.size());
-    Write(spec);
+    RequestSpec given;
+    given.entity = Command(2, 4, body) + "payload";
+    given.contentLength = std::to_string(given.entity.size());
+    Write(given);
     EXPECT_TRUE(http.BodyReads().empty());
 }
 
@@ -651,10 +651,10 @@ TEST_F(WriteSizes, ContentLengthsOutOfRangeAreMismatches) {
         SCOPED_TRACE(row.text);
         CFakeHttp own;
         log.Reset();
-        RequestSpec spec;
-        spec.entity = Command(2, 4, body);
-        spec.contentLength = row.text;
-        EXPECT_EQ(Process(spec), S_OK);
+        RequestSpec given;
+        given.entity = Command(2, 4, body);
+        given.contentLength = row.text;
+        EXPECT_EQ(Process(given), S_OK);
         EXPECT_EQ(own.SentCount(), 1u);
         EXPECT_TRUE(own.BodyReads().empty());
         WCHAR text[200];
@@ -669,10 +669,10 @@ TEST_F(WriteSizes, ContentLengthsOutOfRangeAreMismatches) {
 
 TEST_F(WriteSizes, BodyIsCompletedBeforeTheHandler) {
     const std::string body = Bytes(DWORD{0}, DWORD{1}, ULONGLONG{0}) + std::string(96, '\0');
-    RequestSpec spec;
-    spec.entity = Command(2, 4, body).substr(0, 50);
+    RequestSpec given;
+    given.entity = Command(2, 4, body).substr(0, 50);
     http.FeedBody(Command(2, 4, body).substr(50));
-    Write(spec);
+    Write(given);
     EXPECT_EQ(http.BodyReads().at(0).asked_bytes, 12 + body.size() - 50);
 }
 
@@ -721,10 +721,10 @@ TEST_F(Dispatch, RandomRequestsAreAnsweredOnceAndStayInTheirBuffer) {
             entity.replace(0, 12, header);
         }
         if (random() % 2) own.FeedBody(std::string(random() % 4, 'x'));
-        RequestSpec spec;
-        spec.entity = entity;
-        spec.contentLength = std::to_string(random() % 3000);
-        Process(spec);
+        RequestSpec given;
+        given.entity = entity;
+        given.contentLength = std::to_string(random() % 3000);
+        Process(given);
         EXPECT_EQ(own.SentCount(), 1u);
     }
     EXPECT_EQ(Pool().FreeCount(), kBlocks);
@@ -734,9 +734,9 @@ TEST_F(Dispatch, RandomRequestsAreAnsweredOnceAndStayInTheirBuffer) {
 TEST_F(Dispatch, KeepAliveOfAJoinedClientAllocatesNothing) {
     Join();
     CHttpXaction& xaction = Take();
-    RequestSpec spec;
-    spec.entity = Command(2, kKeepAlive);
-    Lay(xaction, spec);
+    RequestSpec given;
+    given.entity = Command(2, kKeepAlive);
+    Lay(xaction, given);
     xaction.SetStartTick(GetTickCount());
     int sends = 0;
     http.rawSend = [&](HTTP_RESPONSE&) {

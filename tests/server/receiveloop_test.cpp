@@ -37,16 +37,16 @@ protected:
         return static_cast<HRESULT>(code);
     }
     // Fills the block of a posted receive and completes it.
-    void Deliver(const CFakeSystem::Receive& receive, const RequestSpec& spec) {
+    void Deliver(const CFakeSystem::Receive& receive, const RequestSpec& given) {
         CHttpXaction* xaction = Pool().Owns(receive.overlapped);
         ASSERT_NE(xaction, nullptr);
-        Lay(*xaction, spec);
+        Lay(*xaction, given);
         system.Complete(receive.overlapped, kKey);
     }
     static RequestSpec Put() {
-        RequestSpec spec;
-        spec.verb = HttpVerbPUT;
-        return spec;
+        RequestSpec given;
+        given.verb = HttpVerbPUT;
+        return given;
     }
     static constexpr ULONG_PTR kKey = 77;
     CFakeSystem system;
@@ -201,9 +201,9 @@ TEST_F(ReceiveLoop, FailedRequestGivesItsBlockBackWhateverTheChainId) {
     log.chainId = [](HRESULT) { return 1u; };
     ASSERT_EQ(server.InitRequestThreadPool(), S_OK);
     CHttpXaction& xaction = Take();
-    RequestSpec spec;
-    spec.withClientId = false;
-    Lay(xaction, spec);
+    RequestSpec given;
+    given.withClientId = false;
+    Lay(xaction, given);
     system.Complete(xaction.Overlapped(), kKey);
     system.WaitUntilIdle(4);
     EXPECT_EQ(http.SentCount(), 1u);

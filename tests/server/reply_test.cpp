@@ -12,10 +12,10 @@ namespace {
 class Reply : public CServerFixture {
 protected:
     Reply() : xaction(Take()) {
-        RequestSpec spec;
-        spec.entity =
+        RequestSpec given;
+        given.entity =
             Command(0x0A0B0C0D, 15, std::string("request body that a reply must not leak"));
-        Lay(xaction, spec);
+        Lay(xaction, given);
         xaction.SetTransId(0x0A0B0C0D);
         clock.SetTick(10000);
         xaction.SetStartTick(10000);

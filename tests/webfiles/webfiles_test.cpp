@@ -71,13 +71,13 @@ protected:
         wcscpy_s(access.VolumeRoot(), kNameUnits, (Wide(root) + TEXT("\\")).c_str());
     }
     HRESULT Request(HTTP_VERB verb, const std::string& path) {
-        RequestSpec spec;
-        spec.verb = verb;
-        spec.withClientId = false;
-        spec.chunkCount = 0;
-        spec.host = TEXT("box:80");
-        spec.absPath = Wide(path);
-        return Process(spec);
+        RequestSpec given;
+        given.verb = verb;
+        given.withClientId = false;
+        given.chunkCount = 0;
+        given.host = TEXT("box:80");
+        given.absPath = Wide(path);
+        return Process(given);
     }
     HRESULT Get(const std::string& path) { return Request(HttpVerbGET, path); }
     HRESULT Delete(const std::string& path) { return Request(HttpVerbDELETE, path); }
@@ -360,10 +360,10 @@ TEST_F(WebFiles, AFailedSendIsLoggedOnlyWithTracing) {
 
 TEST_F(WebFiles, TheSendIsCounted) {
     CHttpXaction& xaction = Take();
-    RequestSpec spec;
-    spec.verb = HttpVerbGET;
-    spec.absPath = TEXT("/media/clip.mxf");
-    Lay(xaction, spec);
+    RequestSpec given;
+    given.verb = HttpVerbGET;
+    given.absPath = TEXT("/media/clip.mxf");
+    Lay(xaction, given);
     EXPECT_EQ(server.ProcessRequest(xaction), S_OK);
     EXPECT_EQ(xaction.SendCount(), 1);
     EXPECT_TRUE(xaction.ReplySent());
