@@ -161,9 +161,10 @@ bool CHttpConnection::Release() {
     return false;
 }
 
-// Gives the connection back when there is nothing more to read.
+// Gives the connection back when there is nothing more to read. The end of what a client sends may
+// have been announced together with its last bytes: no other event tells of it.
 CHttpConnection::EStep CHttpConnection::Rest() {
-    if (!m_drained) return EStep::Again;
+    if (!m_drained || m_hangup.load()) return EStep::Again;
     return Release() ? EStep::Gone : EStep::Again;
 }
 

@@ -239,6 +239,27 @@ TEST(Receive, DisconnectInMidBody) {
     }
 }
 
+// Bytes and end in one event: nothing else will ever be announced of this connection.
+TEST(Receive, ClientThatLeavesRightBehindAnUnfinishedRequestIsLetGoAtOnce) {
+    CServer server;
+    for (const std::string& begun :
+         {std::string("GET /zem/ HTTP/1.1\r\nHo"), PostHead(100), PostHead(100) + "beginning",
+          PostHead(1u << 20), PostHead(1u << 20) + "beginning"}) {
+        CClient client(server.TcpPort());
+        ASSERT_TRUE(Eventually([&] {
+            server.Settle();
+            return HttpTuneConnections() == 1;
+        }));
+        server.Settle();
+        client.Send(begun);
+        client.EndSending();
+        EXPECT_TRUE(Eventually([&] {
+            server.Settle();
+            return HttpTuneConnections() == 0;
+        })) << begun;
+    }
+}
+
 TEST(Receive, PipelinedRequestComesOnlyAfterTheFirstIsAnswered) {
     CServer server;
     CClient client(server.TcpPort());
