@@ -476,8 +476,8 @@ HRESULT CPosixVolume::Space(const std::string& path, uint64_t& total_bytes, uint
 HRESULT OpenVolume(const std::string& root, std::shared_ptr<IVolume>& volume) {
     CDescriptor fd(open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!fd.Valid()) {
-        const HRESULT hr = LastFailure();
-        return hr == E_ACCESSDENIED ? hr : HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND);
+        const bool missing = errno == ENOENT || errno == ENOTDIR || errno == ENAMETOOLONG;
+        return missing ? HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND) : LastFailure();
     }
     volume = std::make_shared<CPosixVolume>(std::move(fd));
     return S_OK;

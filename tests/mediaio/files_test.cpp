@@ -1,6 +1,7 @@
 // Files by name: what may be named, made, moved and removed, and that nothing leaves the volume.
 #include "channelfixture.h"
 
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <fstream>
@@ -218,6 +219,16 @@ TEST_F(Files, WithoutAVolumeNothingIsReachable) {
     EXPECT_EQ(channel->OpenFile(TEXT("/etc/passwd"), TEXT(""), kMediaFileAny, 0, false, token),
               E_ACCESSDENIED);
     EXPECT_EQ(channel->CreateDirectoryW(TEXT("x")), HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND));
+}
+
+TEST_F(Files, AVolumeThatCannotBeOpenedForWantOfDescriptorsIsNotMissing) {
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none{0, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const HRESULT hr = m_channel->CreateDirectoryW(TEXT("x"));
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(hr, HRESULT_FROM_WIN32(ERROR_TOO_MANY_OPEN_FILES));
 }
 
 }  // namespace
