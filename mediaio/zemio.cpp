@@ -2,10 +2,9 @@
 // usually a worker of the server.
 #include "mediaio/zemio.h"
 
-#include "mediaio/errorlog.h"
-#include "mediaio/store/crc32c.h"
+#include "mediaio/foreign/foreign.h"
 #include "mediaio/store/iostate.h"
-#include "mediaio/store/log.h"
+#include "mediaio/store/mediafile.h"
 #include "mediaio/store/timecode.h"
 
 #include <cstring>
@@ -36,12 +35,12 @@ private:
     OpenStream m_stream;
 };
 
-FrameRate RateOfFile(const CMediaFile& file) {
+FrameRate RateOfFile(const CFrameFile& file) {
     return {file.EsDescAtCreation().rateNumerator, file.EsDescAtCreation().rateDenominator};
 }
 
 // A position counted at `rate`, in the file's own frames.
-HRESULT OwnPosition(const CMediaFile& file, VioFrameRate_t rate, uint64_t position, uint32_t& own) {
+HRESULT OwnPosition(const CFrameFile& file, VioFrameRate_t rate, uint64_t position, uint32_t& own) {
     if (position > kLastPosition) return HRESULT_FROM_WIN32(ERROR_END_OF_MEDIA);
     own = static_cast<uint32_t>(position);
     if (rate == kFrameRateFile) return S_OK;
@@ -82,29 +81,28 @@ void MarksOf(const OpenStream& stream, DWORD& first, DWORD& second) {
     second = settings.secondMark == kMarkUnset ? stream.file->FrameCount() : settings.secondMark;
 }
 
-HRESULT ReadWholeFrame(CMediaFile& file, uint32_t position, DWORD& size_bytes, void* buffer) {
+HRESULT ReadWholeFrame(CFrameFile& file, uint32_t position, DWORD& size_bytes, void* buffer) {
     PinnedFrame frame{};
     HRESULT hr = file.Pin(position, true, frame);
     if (FAILED(hr)) return hr;
+    const bool pinned = frame.dataSize != 0 || frame.lookSize != 0;
+    hr = file.LookNow(frame);
     const DWORD room = size_bytes;
-    size_bytes = frame.dataSize;
-    if (frame.dataSize == 0) return S_OK;
-    if (frame.dataSize > room || buffer == nullptr) {
-        hr = HRESULT_FROM_WIN32(ERROR_INSUFFICIENT_BUFFER);
-    } else {
-        size_t done = 0;
-        hr = file.File().ReadAt(buffer, frame.dataSize, frame.slotOffset, done);
-        if (SUCCEEDED(hr) && !frame.verified) {
-            const bool good =
-                done == frame.dataSize && Crc32c(0, buffer, frame.dataSize) == frame.dataCrc;
-            file.ReportVerified(frame, good);
-            if (!good) hr = HRESULT_FROM_WIN32(ERROR_CRC);
-        } else if (SUCCEEDED(hr) && done != frame.dataSize) {
-            hr = HRESULT_FROM_WIN32(ERROR_CRC);
-        }
+    if (SUCCEEDED(hr)) {
+        size_bytes = frame.dataSize;
+        if (frame.dataSize != 0)
+            hr = frame.dataSize > room || buffer == nullptr
+                     ? HRESULT_FROM_WIN32(ERROR_INSUFFICIENT_BUFFER)
+                     : file.ReadNow(frame, buffer);
     }
-    file.Unpin(frame.epoch);
+    if (pinned) file.Unpin(frame.epoch);
     return hr;
+}
+
+// The stream's file as one that is written to, or why it cannot be.
+HRESULT ForWriting(const OpenStream& stream, CMediaFile*& file) {
+    file = stream.file->Native();
+    return file != nullptr ? S_OK : RefuseForeignWrite(stream);
 }
 
 // Runs a body in which memory may run out; nothing ever leaves the library as an exception.
@@ -151,7 +149,9 @@ HRESULT CZemIo::OpenFile(const WCHAR* fileName, const WCHAR* auxName, MediaFileT
         if ((openFlags & kFileWrite) != 0 && stream.kind != kTokenKindMarker) {
             const bool borrowed = stream.kind == kTokenKindTimecode &&
                                   stream.file->EsDescAtCreation().mediaType != kMediaFileTimecode;
-            hr = borrowed ? E_ACCESSDENIED : stream.file->BeginWriting();
+            CMediaFile* file = nullptr;
+            hr = ForWriting(stream, file);
+            if (SUCCEEDED(hr)) hr = borrowed ? E_ACCESSDENIED : file->BeginWriting();
         }
         if (SUCCEEDED(hr)) {
             stream.writer = (openFlags & kFileWrite) != 0 && stream.kind != kTokenKindMarker;
@@ -238,7 +238,9 @@ HRESULT CZemIo::GetFrameDesc(ULONGLONG token, DWORD position, LONG count, ZemFra
 HRESULT CZemIo::FlushBuffers(ULONGLONG token) {
     CTokenTable::CUse stream;
     const HRESULT hr = m_io->tokens.Use(token, stream);
-    return FAILED(hr) ? hr : stream->file->Flush();
+    if (FAILED(hr)) return hr;
+    CMediaFile* const file = stream->file->Native();
+    return file != nullptr ? file->Flush() : S_OK;  // what nobody writes is on the device
 }
 
 HRESULT CZemIo::GetFileMarks(ULONGLONG token, DWORD& firstMark, DWORD& secondMark) {
@@ -264,7 +266,9 @@ HRESULT CZemIo::StripeTimecode(const WCHAR* fileName, const WCHAR* auxName, Medi
     const vdrTimecode_s first = start;
     return Guarded([&] {
         CBriefStream stream;
-        const HRESULT hr = stream.Open(*m_io, fileName, auxName, type, openFlags);
+        HRESULT hr = stream.Open(*m_io, fileName, auxName, type, openFlags);
+        CMediaFile* file = nullptr;
+        if (SUCCEEDED(hr)) hr = ForWriting(*stream, file);
         if (FAILED(hr)) return hr;
         const bool dropFrame =
             (stripeFlags & kStripeDropFrame) != 0 || (first.frames & kTimecodeDropFrameBit) != 0;
@@ -272,25 +276,28 @@ HRESULT CZemIo::StripeTimecode(const WCHAR* fileName, const WCHAR* auxName, Medi
         if (!TimecodeToCount(first, RateOfFile(*stream->file), dropFrame, count))
             return E_INVALIDARG;
         // One record stripes all frames, those to come included: there is no half of it.
-        Settings settings = stream->file->CurrentSettings();
+        Settings settings = file->CurrentSettings();
         settings.stripeStart = first;
         settings.flags = kSettingStriped | (dropFrame ? kSettingDropFrame : 0);
-        return stream->file->AppendSettings(settings);
+        return file->AppendSettings(settings);
     });
 }
 
 HRESULT CZemIo::EraseSegment(ULONGLONG token, DWORD segmentA, DWORD segmentB, MediaFileType type) {
     CTokenTable::CUse stream;
-    const HRESULT hr = m_io->tokens.Use(token, stream);
+    HRESULT hr = m_io->tokens.Use(token, stream);
     if (FAILED(hr)) return hr;
     const int32_t own = stream->file->EsDescAtCreation().mediaType;
     if (type != kMediaFileAny && type != own) return E_INVALIDARG;
+    CMediaFile* file = nullptr;
+    hr = ForWriting(*stream, file);
+    if (FAILED(hr)) return hr;
     if (!stream->writer) return E_ACCESSDENIED;
     const DWORD count = stream->file->FrameCount();
     const DWORD end = segmentB < count ? segmentB : count;
     if (segmentA >= segmentB) return E_INVALIDARG;
     if (segmentA >= end) return HRESULT_FROM_WIN32(ERROR_END_OF_MEDIA);
-    return Guarded([&] { return stream->file->Erase(segmentA, end); });
+    return Guarded([&] { return file->Erase(segmentA, end); });
 }
 
 const WCHAR* CZemIo::GetClientId() const {
@@ -358,7 +365,9 @@ HRESULT CZemIo::DeleteFileW(const WCHAR* fileName) {
         std::unique_ptr<IStoreFile> file;
         hr = named.volume->Open(named.path, OpenFor::kReadIfPossibleWrite, file);
         if (SUCCEEDED(hr)) hr = file->LockForWriting();
-        return FAILED(hr) ? hr : named.volume->Delete(named.path);
+        if (SUCCEEDED(hr)) hr = named.volume->Delete(named.path);
+        if (SUCCEEDED(hr)) DropForeignIndex(*named.volume, named.path);
+        return hr;
     });
 }
 
@@ -387,6 +396,8 @@ HRESULT CZemIo::MoveFileW(const WCHAR* fromName, const WCHAR* toName) {
         NamedFile to;
         HRESULT hr = m_io->FindFile(fromName, from);
         if (SUCCEEDED(hr)) hr = m_io->FindFile(toName, to);
-        return FAILED(hr) ? hr : from.volume->Move(from.path, to.path);
+        if (SUCCEEDED(hr)) hr = from.volume->Move(from.path, to.path);
+        if (SUCCEEDED(hr)) MoveForeignIndex(*from.volume, from.path, to.path);
+        return hr;
     });
 }

@@ -55,7 +55,7 @@ HRESULT FirstFailure(const ZemElemStrmIoData& streams) {
     return S_OK;
 }
 
-HRESULT MapForReading(const CMediaFile& file, VioFrameRate_t code, uint32_t& position) {
+HRESULT MapForReading(const CFrameFile& file, VioFrameRate_t code, uint32_t& position) {
     if (code == kFrameRateFile) return S_OK;
     const ZemEsDesc& desc = file.EsDescAtCreation();
     FrameRate asked;
@@ -90,52 +90,78 @@ struct CChannelCore::ReadJob {
     uint32_t crc = 0;
     char* run = nullptr;  // where the frame goes when there is no view of it
     IZemMemAllocator* allocator = nullptr;
-    CMediaFile* files[kMaxStreamEntries];
+    CFrameFile* files[kMaxStreamEntries];
     PinnedFrame frames[kMaxStreamEntries];
     IoRequest request;
 
     ElemStrmEntry& Entry() { return desc->streamData->entries[current]; }
+    HRESULT Prepare();
     bool NextFrame();
     void ReadPiece();
+    void LookDone();
     void PieceDone();
+    void Step(HRESULT hr);
     void FrameDone(HRESULT hr);
     static void OnPiece(IoRequest& done) { static_cast<ReadJob*>(done.context)->PieceDone(); }
 };
+
+// Makes room for the current frame's bytes; those that have a view are only read once to be known.
+HRESULT CChannelCore::ReadJob::Prepare() {
+    at = crc = 0;
+    run = nullptr;
+    const PinnedFrame& frame = frames[current];
+    if (frame.lookSize != 0 || frame.view != nullptr) return S_OK;
+    allocator = core->reads.load();
+    run = allocator == nullptr ? nullptr : static_cast<char*>(allocator->Allocate(frame.dataSize));
+    if (run != nullptr) return S_OK;
+    return desc->status = HRESULT_FROM_WIN32(ERROR_NO_SYSTEM_RESOURCES);
+}
 
 // Turns to the next frame that has to be read; false when there is none left.
 bool CChannelCore::ReadJob::NextFrame() {
     while (pending != 0) {
         current = static_cast<uint32_t>(std::countr_zero(pending));
-        at = crc = 0;
-        run = nullptr;
-        const PinnedFrame& frame = frames[current];
-        if (frame.view != nullptr) return true;
-        allocator = core->reads.load();
-        run = allocator == nullptr ? nullptr
-                                   : static_cast<char*>(allocator->Allocate(frame.dataSize));
-        if (run != nullptr) return true;
-        desc->status = HRESULT_FROM_WIN32(ERROR_NO_SYSTEM_RESOURCES);
-        FrameDone(desc->status);
+        const HRESULT hr = Prepare();
+        if (SUCCEEDED(hr)) return true;
+        FrameDone(hr);
     }
     return false;
 }
 
 void CChannelCore::ReadJob::ReadPiece() {
     const PinnedFrame& frame = frames[current];
+    const FrameSource source = files[current]->SourceOf(frame);
     request = {};
     request.op = IoOp::kRead;
     request.realTime = realTime;
-    request.file = &files[current]->File();
-    request.offset_bytes = frame.slotOffset + at;
-    request.size_bytes = std::min<size_t>(kScratchSize, frame.dataSize - at);
-    request.data = run == nullptr ? nullptr : run + at;
+    request.file = source.file;
+    if (frame.lookSize != 0) {
+        request.offset_bytes = frame.lookOffset;
+        request.size_bytes = frame.lookSize;
+    } else {
+        uint32_t size = 0;
+        files[current]->PieceOf(frame, at, request.offset_bytes, size);
+        request.size_bytes = std::min<size_t>(kScratchSize, size);
+        request.data = run == nullptr ? nullptr : run + at;
+    }
     request.completed = OnPiece;
     request.context = this;
-    core->async->Submit(request);
+    (source.engine != nullptr ? *source.engine : *core->async).Submit(request);
+}
+
+// The bytes that a container has in place of an index entry are there.
+void CChannelCore::ReadJob::LookDone() {
+    PinnedFrame& frame = frames[current];
+    HRESULT hr = request.result;
+    if (SUCCEEDED(hr)) hr = files[current]->Look(frame, request.data, request.done_bytes);
+    if (SUCCEEDED(hr) && frame.lookSize == 0 && frame.dataSize != 0) hr = Prepare();
+    if (SUCCEEDED(hr) && (frame.lookSize != 0 || frame.dataSize != 0)) return ReadPiece();
+    Step(hr);
 }
 
 void CChannelCore::ReadJob::PieceDone() {
     const PinnedFrame& frame = frames[current];
+    if (frame.lookSize != 0) return LookDone();
     HRESULT hr = request.result;
     // A frame that is no longer whole in the file is as bad as a changed one.
     if (SUCCEEDED(hr) && request.done_bytes != request.size_bytes)
@@ -150,9 +176,14 @@ void CChannelCore::ReadJob::PieceDone() {
             if (!good) hr = HRESULT_FROM_WIN32(ERROR_CRC);
         }
     }
+    Step(hr);
+}
+
+// Ends the current frame and goes on with the next, or completes the read.
+void CChannelCore::ReadJob::Step(HRESULT hr) {
     if (hr == HRESULT_FROM_WIN32(ERROR_CRC))
         LogStore(kErrorLogLevelError, hr, kSource,
-                 "a stored frame is damaged, position " + std::to_string(frame.position));
+                 "a stored frame is damaged, position " + std::to_string(frames[current].position));
     FrameDone(hr);
     if (NextFrame()) return ReadPiece();
     ZemIoDesc& finished = *desc;
@@ -165,8 +196,12 @@ void CChannelCore::ReadJob::FrameDone(HRESULT hr) {
     pending &= pending - 1;
     ElemStrmEntry& entry = Entry();
     const PinnedFrame& frame = frames[current];
-    CMediaFile* file = files[current];
+    CFrameFile* file = files[current];
     entry.status = hr;
+    if (SUCCEEDED(hr) && frame.dataSize == 0) {  // found by looking
+        file->Unpin(frame.epoch);
+        return;
+    }
     if (SUCCEEDED(hr) && run == nullptr) {
         file->ReportCached(frame, Now_ms());
         Deliver(entry, frame, file);
@@ -182,18 +217,21 @@ void CChannelCore::ReadJob::FrameDone(HRESULT hr) {
     file->Unpin(frame.epoch);
 }
 
-void CChannelCore::Deliver(ElemStrmEntry& entry, const PinnedFrame& frame, CMediaFile* file) {
+void CChannelCore::Deliver(ElemStrmEntry& entry, const PinnedFrame& frame, CFrameFile* file) {
     entry.bufferCount = 1;
     entry.buffers[0] = {const_cast<void*>(frame.view), frame.dataSize};
     entry.buffers[kHoldSlot] = {file, kHoldsView | frame.epoch};
 }
 
-void CChannelCore::Prefetch(CMediaFile& file, uint32_t position, uint32_t count) {
+void CChannelCore::Prefetch(CFrameFile& file, uint32_t position, uint32_t count) {
     for (uint32_t i = 1; i <= count && position <= kLastPosition - i; ++i) {
         PinnedFrame frame{};
         if (FAILED(file.Pin(position + i, false, frame)) || frame.dataSize == 0) continue;
         if (Now_ms() - frame.cachedStamp < kCachedFor_ms) continue;
-        file.File().Prefetch(frame.slotOffset, frame.dataSize);
+        uint64_t offset = 0;
+        uint32_t size = 0;
+        file.PieceOf(frame, 0, offset, size);
+        file.SourceOf(frame).file->Prefetch(offset, size);
     }
 }
 
@@ -201,7 +239,7 @@ void CChannelCore::Prefetch(CMediaFile& file, uint32_t position, uint32_t count)
 // be handed out.
 CChannelCore::Found CChannelCore::FindFrame(CIoState& io, const ChannelConfig& config,
                                             ElemStrmEntry& entry, PinnedFrame& frame,
-                                            CMediaFile*& file) {
+                                            CFrameFile*& file) {
     const bool special = IsSpecialToken(entry.token);
     if (special) {
         memset(entry.special, 0, sizeof entry.special);
@@ -221,14 +259,15 @@ CChannelCore::Found CChannelCore::FindFrame(CIoState& io, const ChannelConfig& c
     file = stream->file;
     const bool wantsData = (entry.streamFlags & kStreamFlagNoData) == 0;
     entry.status = file->Pin(position, wantsData, frame);
-    if (FAILED(entry.status) || frame.dataSize == 0) return Found::kDone;
+    if (SUCCEEDED(entry.status) && !wantsData) entry.status = file->LookNow(frame);
+    if (FAILED(entry.status) || (frame.dataSize == 0 && frame.lookSize == 0)) return Found::kDone;
     if (!wantsData) {
         entry.bufferCount = 1;
         entry.buffers[0] = {nullptr, frame.dataSize};
         return Found::kDone;
     }
     if (config.readAhead != 0) Prefetch(*file, position, config.readAhead);
-    if (frame.view == nullptr || !frame.verified) return Found::kMustLoad;
+    if (frame.lookSize != 0 || frame.view == nullptr || !frame.verified) return Found::kMustLoad;
     const uint32_t now = Now_ms();
     if (frame.cachedStamp == 0 || now - frame.cachedStamp >= kCachedFor_ms) {
         if (!file->Cached(frame)) return Found::kMustLoad;
@@ -247,7 +286,7 @@ HRESULT CChannelCore::ReadFrame(const std::shared_ptr<CChannelCore>& self, CIoSt
     std::unique_ptr<ReadJob> job;
     for (uint32_t i = 0; i < streams.entryCount; ++i) {
         PinnedFrame frame;
-        CMediaFile* file = nullptr;
+        CFrameFile* file = nullptr;
         if (FindFrame(io, config, streams.entries[i], frame, file) == Found::kDone) continue;
         if (job == nullptr) job.reset(new (std::nothrow) ReadJob);
         if (job == nullptr || async == nullptr) {
@@ -281,7 +320,7 @@ HRESULT CChannelCore::ReadFrameComplete(ZemElemStrmIoData& streams) {
         void* const run = entry.buffers[0].data;
         ClearBuffers(entry);
         if ((hold.length_bytes & ~uint64_t{1}) == kHoldsView) {
-            static_cast<CMediaFile*>(hold.data)->Unpin(hold.length_bytes & 1);
+            static_cast<CFrameFile*>(hold.data)->Unpin(hold.length_bytes & 1);
         } else if (hold.length_bytes == kHoldsRun) {
             static_cast<IZemMemAllocator*>(hold.data)->Free(run);
         }
@@ -406,6 +445,7 @@ HRESULT CChannelCore::PrepareWrite(CIoState& io, ElemStrmEntry& entry, char*& cu
     if (FAILED(hr)) return hr;
     if (entry.position > kLastPosition) return E_INVALIDARG;
     if (stream->kind == kTokenKindMarker) return WriteMark(*stream, entry.position, entry.special);
+    if (stream->file->Native() == nullptr) return RefuseForeignWrite(*stream);
     if (!stream->writer) return E_ACCESSDENIED;
     if (special) {
         item.hasDescription = true;
@@ -417,7 +457,7 @@ HRESULT CChannelCore::PrepareWrite(CIoState& io, ElemStrmEntry& entry, char*& cu
     item.realTime = io.realTime.load();
     item.position = entry.position;
     item.flags = (entry.streamFlags & kStreamFlagKeyFrame) != 0 ? kFrameFlagKey : 0;
-    file = stream->file;
+    file = stream->file->Native();
     file->AddRef();
     // The token's user is counted until the record is queued: closing then waits for the record.
     item.completed = WriteJob::OnItem;

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "mediaio/store/iostate.h"
+#include "mediaio/store/mediafile.h"
 #include "mediaio/zemmemallocator.h"
 
 #include <atomic>
@@ -45,9 +46,9 @@ private:
     enum class Found { kDone, kMustLoad };
 
     Found FindFrame(CIoState& io, const ChannelConfig& config, ElemStrmEntry& entry,
-                    PinnedFrame& frame, CMediaFile*& file);
-    static void Deliver(ElemStrmEntry& entry, const PinnedFrame& frame, CMediaFile* file);
-    static void Prefetch(CMediaFile& file, uint32_t position, uint32_t count);
+                    PinnedFrame& frame, CFrameFile*& file);
+    static void Deliver(ElemStrmEntry& entry, const PinnedFrame& frame, CFrameFile* file);
+    static void Prefetch(CFrameFile& file, uint32_t position, uint32_t count);
     HRESULT PrepareWrite(CIoState& io, ElemStrmEntry& entry, char*& cursor, WriteItem& item,
                          CMediaFile*& file);
     void ReleaseRun(ZemIoDesc& desc);

@@ -41,6 +41,11 @@ public:
     // Returns when everything written before, the file's length included, is on the device.
     virtual HRESULT Sync() = 0;
     virtual HRESULT Size(uint64_t& size_bytes) = 0;
+    // When it was last changed, in a unit and from a start of the system's own.
+    virtual HRESULT ModifiedTime(uint64_t& time) {
+        time = 0;
+        return E_NOTIMPL;
+    }
     virtual HRESULT SetSize(uint64_t size_bytes) = 0;
     // Gives the range back to the file system; it reads as zeros. Not supported is a success.
     virtual HRESULT PunchHole(uint64_t offset_bytes, uint64_t size_bytes) = 0;

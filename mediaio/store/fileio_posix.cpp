@@ -133,6 +133,14 @@ public:
         return S_OK;
     }
 
+    HRESULT ModifiedTime(uint64_t& time) override {
+        struct stat info;
+        if (fstat(m_fd.Get(), &info) != 0) return LastFailure();
+        time = static_cast<uint64_t>(info.st_mtim.tv_sec) * 1000000000u +
+               static_cast<uint64_t>(info.st_mtim.tv_nsec);
+        return S_OK;
+    }
+
     HRESULT SetSize(uint64_t size_bytes) override {
         return ftruncate(m_fd.Get(), static_cast<off_t>(size_bytes)) == 0 ? S_OK : LastFailure();
     }

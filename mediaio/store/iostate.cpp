@@ -2,6 +2,7 @@
 #include "mediaio/store/iostate.h"
 
 #include "mediaio/errorlog.h"
+#include "mediaio/foreign/foreign.h"
 #include "mediaio/store/filetable.h"
 #include "mediaio/store/log.h"
 
@@ -82,6 +83,22 @@ HRESULT CheckEsDesc(const ZemEsDesc& desc) {
     return desc.reserved[0] == 0 && desc.reserved[1] == 0 ? S_OK : E_INVALIDARG;
 }
 
+// What a file is, its content says, never its name.
+bool IsNative(IStoreFile& file) {
+    uint64_t magic = 0;
+    size_t done = 0;
+    return SUCCEEDED(file.ReadAt(&magic, sizeof magic, 0, done)) && done == sizeof magic &&
+           magic == kHeaderMagic;
+}
+
+HRESULT OpenForeign(const NamedFile& named, std::unique_ptr<IStoreFile> file,
+                    const StreamName& name, MediaFileType type, OpenStream& stream) {
+    const OpenForeignFunction open = ForeignReader();
+    if (open == nullptr) return HRESULT_FROM_WIN32(ERROR_BAD_FORMAT);
+    stream.writer = false;
+    return open({named.volume, named.path, std::move(file)}, name, type, stream.file, stream.kind);
+}
+
 void LogRecovery(const CMediaFile::Report& report, const std::string& path) {
     if (report.tornRecords == 0 && !report.otherRoot && !report.rebuilt) return;
     LogStore(kErrorLogLevelWarning, S_OK, kSource,
@@ -144,8 +161,10 @@ HRESULT CIoState::OpenStreamOf(const WCHAR* fileName, const WCHAR* auxName, Medi
     if (SUCCEEDED(hr)) hr = FindFile(fileName, named);
     std::unique_ptr<IStoreFile> file;
     if (SUCCEEDED(hr)) hr = named.volume->Open(named.path, OpenFor::kReadIfPossibleWrite, file);
+    if (FAILED(hr)) return hr;
+    if (!IsNative(*file)) return OpenForeign(named, std::move(file), streamName, type, stream);
     CMediaFile* shared = nullptr;
-    if (SUCCEEDED(hr)) hr = ShareMediaFile(std::move(file), IAsyncIo::Shared(), shared);
+    hr = ShareMediaFile(std::move(file), IAsyncIo::Shared(), shared);
     if (FAILED(hr)) return hr;
     LogRecovery(shared->OpenReport(), named.path);
     hr = ChooseKind(shared->EsDescAtCreation().mediaType, streamName, type, stream.kind);
@@ -215,7 +234,8 @@ HRESULT CIoState::CreateStream(const WCHAR* fileName, const WCHAR* auxName, cons
             hr = OpenStreamOf(fileName, auxName, static_cast<MediaFileType>(esDesc.mediaType),
                               stream);
             if (FAILED(hr)) return hr == HRESULT_FROM_WIN32(ERROR_NOT_FOUND) ? E_INVALIDARG : hr;
-            hr = stream.file->BeginWriting();
+            CMediaFile* const file = stream.file->Native();
+            hr = file != nullptr ? file->BeginWriting() : RefuseForeignWrite(stream);
             stream.writer = SUCCEEDED(hr);
             if (FAILED(hr)) CloseStream(stream);
             return hr;
@@ -233,9 +253,16 @@ HRESULT CIoState::CreateStream(const WCHAR* fileName, const WCHAR* auxName, cons
 HRESULT CIoState::CloseStream(OpenStream& stream) {
     HRESULT hr = S_OK;
     if (stream.file == nullptr) return hr;
-    if (stream.writer) hr = stream.file->EndWriting();
+    if (stream.writer) hr = stream.file->Native()->EndWriting();
     stream.file->Release();
     stream = {};
+    return hr;
+}
+
+HRESULT RefuseForeignWrite(const OpenStream&) {
+    const HRESULT hr = HRESULT_FROM_WIN32(ERROR_WRITE_PROTECT);
+    LogStore(kErrorLogLevelError, hr, kSource,
+             "a file of a foreign format is only read; import it to change it");
     return hr;
 }
 
@@ -262,11 +289,13 @@ HRESULT ReadDescription(const OpenStream& stream, uint32_t position,
 
 HRESULT WriteMark(const OpenStream& stream, uint32_t index, const uint8_t* description) {
     if (index > 1) return E_INVALIDARG;
+    CMediaFile* const file = stream.file->Native();
+    if (file == nullptr) return RefuseForeignWrite(stream);
     ZemFrameDesc desc;
     memcpy(&desc, description, sizeof desc);
     Settings settings = stream.file->CurrentSettings();
     (index == 0 ? settings.firstMark : settings.secondMark) = desc.position;
-    return stream.file->AppendSettings(settings);
+    return file->AppendSettings(settings);
 }
 
 }  // namespace zemstore

@@ -50,6 +50,9 @@ inline bool IsSpecialKind(uint32_t kind) {
     return kind == kTokenKindTimecode || kind == kTokenKindData || kind == kTokenKindMarker;
 }
 
+// A foreign file is read where it lies and never written: says so in the log.
+HRESULT RefuseForeignWrite(const OpenStream& stream);
+
 // A special stream's frame as it is read: stored descriptions, the running timecode of another
 // file, or its two marks.
 HRESULT ReadDescription(const OpenStream& stream, uint32_t position,

@@ -2,7 +2,6 @@
 #include "mediaio/store/mediafile.h"
 
 #include "mediaio/store/crc32c.h"
-#include "mediaio/store/timecode.h"
 
 #include <chrono>
 #include <cstring>
@@ -17,10 +16,6 @@ uint64_t Now100ns() {
     const auto since = system_clock::now().time_since_epoch();
     return static_cast<uint64_t>(duration_cast<nanoseconds>(since).count()) / 100 +
            kEpochOffset100ns;
-}
-
-FrameRate RateOfFile(const ZemEsDesc& desc) {
-    return {desc.rateNumerator, desc.rateDenominator};
 }
 
 }  // namespace
@@ -61,15 +56,7 @@ CMediaFile::~CMediaFile() {
         if (view != nullptr) m_file->UnmapView(view);
 }
 
-bool CMediaFile::TryAddRef() {
-    uint32_t refs = m_refs.load(std::memory_order_relaxed);
-    while (refs != 0)
-        if (m_refs.compare_exchange_weak(refs, refs + 1, std::memory_order_acquire)) return true;
-    return false;
-}
-
-void CMediaFile::Release() {
-    if (m_refs.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+void CMediaFile::LastRelease() {
     if (m_forget != nullptr) m_forget(*this);
     delete this;
 }
@@ -89,6 +76,7 @@ HRESULT CMediaFile::Pin(uint32_t position, bool pin, PinnedFrame& frame) {
     frame.verified = (entry->flags & kEntryVerified) != 0;
     frame.cachedStamp = entry->cachedStamp;
     frame.view = nullptr;
+    frame.lookSize = 0;
     if (!pin || frame.dataSize == 0) return S_OK;
     // A window is longer than its step by more than any frame: every frame lies whole in the window
     // that its first byte falls into, so no view is ever moved or made again.
@@ -191,14 +179,12 @@ ZemEsDesc CMediaFile::EsDescNow() const {
 
 void CMediaFile::FrameDesc(uint32_t position, ZemFrameDesc& desc) const {
     desc = {};
-    const FrameRate rate = RateOfFile(m_header.esDesc);
     bool dropFrame = false;
     const vdrTimecode_s start = StartTimecode(dropFrame);
     {
         std::lock_guard hold(m_lock);
         if (position >= m_frameCount) return;
         IndexEntry* entry = const_cast<CFrameIndex&>(m_index).Find(position);
-        desc.position = position;
         if (entry != nullptr && entry->sequence != 0) {
             desc.dataSize = entry->dataSize;
             desc.flags = entry->flags & ~kEntryRuntimeBits;
@@ -206,14 +192,7 @@ void CMediaFile::FrameDesc(uint32_t position, ZemFrameDesc& desc) const {
             desc.timecode = entry->timecode;
         }
     }
-    const uint64_t time = PresentationTime(position, rate);
-    desc.presentationTimeLow = static_cast<uint32_t>(time);
-    desc.presentationTimeHigh = static_cast<uint32_t>(time >> 32);
-    const vdrTimecode_s none{};
-    uint32_t first = 0;
-    if (memcmp(&desc.timecode, &none, sizeof none) == 0 &&
-        TimecodeToCount(start, rate, dropFrame, first))
-        desc.timecode = CountToTimecode(uint64_t{first} + position, rate, dropFrame);
+    FillFrameTimes(position, m_header.esDesc, start, dropFrame, desc);
 }
 
 }  // namespace zemstore

@@ -8,6 +8,7 @@
 #include "mediaio/store/asyncio.h"
 #include "mediaio/store/fileio.h"
 #include "mediaio/store/format.h"
+#include "mediaio/store/framefile.h"
 #include "mediaio/store/frameindex.h"
 
 #include <atomic>
@@ -20,8 +21,6 @@
 #pragma GCC visibility push(default)
 
 namespace zemstore {
-
-class CMediaFile;
 
 // One record on its way to the end of the file. The caller keeps it, and the data, until
 // `completed`, which runs on an I/O thread (or inside Append) without any lock of the file.
@@ -46,20 +45,7 @@ struct WriteItem {
     uint64_t sequence = 0;
 };
 
-// A frame version that a reader holds: its pages stay in the file until Unpin.
-struct PinnedFrame {
-    uint32_t position;
-    uint64_t slotOffset;
-    uint64_t sequence;
-    uint32_t dataSize;
-    uint32_t dataCrc;
-    bool verified;
-    uint32_t cachedStamp;
-    const void* view;  // its bytes, to be sent and never touched; null when there is no view
-    unsigned epoch;
-};
-
-class CMediaFile {
+class CMediaFile final : public CFrameFile {
 public:
     // Makes `file` an empty media file: header and first root, on the device.
     static HRESULT Format(IStoreFile& file, const ZemEsDesc& esDesc);
@@ -68,11 +54,6 @@ public:
     // Reads header and index and recovers the log's tail. ERROR_BAD_FORMAT: not a native file.
     // REQUIRES: before anything else.
     HRESULT Load();
-
-    // The last Release deletes the object. TryAddRef fails when that has begun.
-    void AddRef() { m_refs.fetch_add(1, std::memory_order_relaxed); }
-    bool TryAddRef();
-    void Release();
 
     // One writer at a time, in this process or another: ERROR_SHARING_VIOLATION.
     HRESULT BeginWriting();
@@ -90,23 +71,19 @@ public:
     // Puts the index on the device and ends the tail. REQUIRES: writer.
     HRESULT Checkpoint();
 
-    // Looks a frame up. S_OK: `frame` is filled and pinned (unless `pin` is false: only looked up).
-    // kErrorFrameHole, kErrorFrameErased, ERROR_END_OF_MEDIA, ERROR_CRC.
-    HRESULT Pin(uint32_t position, bool pin, PinnedFrame& frame);
-    void Unpin(unsigned epoch);
-    // What reading a pinned frame's bytes showed.
-    void ReportVerified(const PinnedFrame& frame, bool good);
-    void ReportCached(const PinnedFrame& frame, uint32_t stamp);
-    HRESULT Description(uint32_t position, uint8_t (&description)[kDescriptionSize]);
-    bool Cached(const PinnedFrame& frame) {
-        return m_file->Cached(frame.slotOffset, frame.dataSize);
-    }
+    HRESULT Pin(uint32_t position, bool pin, PinnedFrame& frame) override;
+    void Unpin(unsigned epoch) override;
+    FrameSource SourceOf(const PinnedFrame&) override { return {m_file.get(), nullptr}; }
+    void ReportVerified(const PinnedFrame& frame, bool good) override;
+    void ReportCached(const PinnedFrame& frame, uint32_t stamp) override;
+    HRESULT Description(uint32_t position, uint8_t (&description)[kDescriptionSize]) override;
 
-    const ZemEsDesc& EsDescAtCreation() const { return m_header.esDesc; }
-    ZemEsDesc EsDescNow() const;
-    Settings CurrentSettings() const;
-    uint32_t FrameCount() const;
-    void FrameDesc(uint32_t position, ZemFrameDesc& desc) const;
+    const ZemEsDesc& EsDescAtCreation() const override { return m_header.esDesc; }
+    ZemEsDesc EsDescNow() const override;
+    Settings CurrentSettings() const override;
+    uint32_t FrameCount() const override;
+    void FrameDesc(uint32_t position, ZemFrameDesc& desc) const override;
+    CMediaFile* Native() override { return this; }
     vdrTimecode_s StartTimecode(bool& dropFrame) const;
 
     IStoreFile& File() { return *m_file; }
@@ -126,7 +103,8 @@ public:
     void (*m_forget)(CMediaFile& file) = nullptr;
 
 private:
-    ~CMediaFile();
+    ~CMediaFile() override;
+    void LastRelease() override;
 
     static constexpr size_t kBatchItems = 16;
     static constexpr uint64_t kBatchBytes = uint64_t{8} << 20;
@@ -181,7 +159,6 @@ private:
     FileHeader m_header{};
     bool m_readOnly = false;
     Report m_report;
-    std::atomic<uint32_t> m_refs{1};
 
     mutable std::mutex m_lock;  // guards what follows
     std::condition_variable m_changed;

@@ -2,7 +2,7 @@
 // user is counted in its slot, and closing waits until the slot has no user. Any thread.
 #pragma once
 
-#include "mediaio/store/mediafile.h"
+#include "mediaio/store/framefile.h"
 #include "mediaio/zemiotypes.h"
 
 #include <array>
@@ -16,7 +16,7 @@ namespace zemstore {
 
 // What a token stands for.
 struct OpenStream {
-    CMediaFile* file = nullptr;  // one reference
+    CFrameFile* file = nullptr;  // one reference
     uint32_t kind = 0;           // kTokenKind…
     bool writer = false;
 };

@@ -11,8 +11,8 @@ namespace {
 using namespace zemstore;
 
 // The table never looks at the object.
-CMediaFile* Fake(uintptr_t n) {
-    return reinterpret_cast<CMediaFile*>(n);
+CFrameFile* Fake(uintptr_t n) {
+    return reinterpret_cast<CFrameFile*>(n);
 }
 
 TEST(Tokens, CarryTheirKindAndNeverRepeat) {

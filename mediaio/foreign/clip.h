@@ -1,0 +1,60 @@
+// clip.h: one foreign file that is open, shared by all channels that read it: its index, the views
+// of its pages, and the demuxers of the streams that need one. Any thread; one short lock, never
+// held across a system call of the read path.
+#pragma once
+
+#include "mediaio/foreign/clipindex.h"
+#include "mediaio/foreign/demuxfile.h"
+#include "mediaio/foreign/foreign.h"
+#include "mediaio/foreign/indexcache.h"
+#include "mediaio/store/framefile.h"
+
+#include <map>
+#include <memory>
+#include <mutex>
+
+namespace zemstore {
+
+class CForeignClip {
+public:
+    // The clip of an open file: one that is open already, as long as the file has not changed, or
+    // a new one, which may mean to read the file through. Others that open the same file meanwhile
+    // wait.
+    static HRESULT Share(ForeignSource source, std::shared_ptr<CForeignClip>& clip);
+
+    CForeignClip(std::unique_ptr<IStoreFile> file, const SourceStamp& stamp);
+    ~CForeignClip();
+
+    // Which stream a name means; false when there is none. A timecode is lent by the pictures, or
+    // by the first stream where there are none.
+    bool Find(const StreamName& name, MediaFileType type, size_t& stream, uint32_t& kind) const;
+
+    HRESULT Pin(size_t stream, uint32_t position, bool withView, PinnedFrame& frame);
+    HRESULT Look(size_t stream, PinnedFrame& frame, bool withView, const void* bytes, size_t size);
+    FrameSource SourceOf(size_t stream, const PinnedFrame& frame);
+    void PieceOf(size_t stream, const PinnedFrame& frame, uint32_t at, uint64_t& offset,
+                 uint32_t& size_bytes) const;
+    void ReportVerified(size_t stream, const PinnedFrame& frame, bool good);
+    void ReportCached(size_t stream, const PinnedFrame& frame, uint32_t stamp);
+    // Flags of a frame that was looked up.
+    uint32_t FlagsOf(size_t stream, uint32_t position) const;
+    const ZemEsDesc& Desc(size_t stream) const { return m_index.streams[stream].desc; }
+
+private:
+    HRESULT Load(IVolume* volume, const std::string& path);
+    HRESULT PinPcm(const StreamIndex& stream, uint32_t position, bool withView, PinnedFrame& frame);
+    HRESULT Complete(StreamIndex& stream, const FramePlace& place, bool withView,
+                     PinnedFrame& frame);
+    const void* ViewOf(uint64_t offset, uint32_t size_bytes);
+
+    std::unique_ptr<IStoreFile> m_file;
+    const SourceStamp m_stamp;
+    std::shared_ptr<IAsyncIo> m_engine;  // for what a demuxer reads; null when nothing needs one
+    ClipIndex m_index;                   // its tables do not change; its flags and `located` do
+    std::vector<std::unique_ptr<CDemuxFile>> m_demuxed;  // by stream; null where none is needed
+
+    mutable std::mutex m_lock;  // guards the parts of m_index that change, and:
+    std::vector<void*> m_views;
+};
+
+}  // namespace zemstore

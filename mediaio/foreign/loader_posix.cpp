@@ -1,0 +1,31 @@
+// Loads the module with the container readers at its first use. It stays loaded: its threads may
+// still end what the last reader left.
+#include <dlfcn.h>
+
+#include "mediaio/errorlog.h"
+#include "mediaio/foreign/foreign.h"
+#include "mediaio/store/log.h"
+
+namespace zemstore {
+namespace {
+
+OpenForeignFunction Load() {
+    void* const module = dlopen("libzemforeign.so", RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
+    void* const entry = module == nullptr ? nullptr : dlsym(module, "ZemOpenForeign");
+    if (entry == nullptr) {
+        const char* const reason = dlerror();
+        LogStore(kErrorLogLevelWarning, HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND),
+                 TEXT("loader_posix.cpp"),
+                 std::string("foreign files cannot be read: ") + (reason ? reason : "no entry"));
+    }
+    return reinterpret_cast<OpenForeignFunction>(entry);
+}
+
+}  // namespace
+
+OpenForeignFunction ForeignReader() {
+    static const OpenForeignFunction function = Load();
+    return function;
+}
+
+}  // namespace zemstore
