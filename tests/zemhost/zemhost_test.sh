@@ -108,6 +108,21 @@ case_settings_without_registry_file() {
         cmp - "$work/out" || fail 'other settings'
 }
 
+# The script at the root looks at its options before it installs or builds anything.
+case_run_refuses_wrong_options() {
+    zemhost=$source_dir/run
+    expect 0 --help
+    for option in --build --port --listen --volume --registry; do says out " $option"; done
+    for wrong in --port --port= '--listen=' '--volume=' '--registry='; do
+        expect 2 "$wrong"
+        last_line_is "run: ${wrong%=} needs a value; see ./run --help"
+    done
+    expect 2 --volume ''
+    last_line_is 'run: --volume needs a value; see ./run --help'
+    expect 2 --prot 8080
+    last_line_is 'run: there is no option --prot; see ./run --help'
+}
+
 case_registry_file_missing() {
     expect 3 --registry "$work/none" --volume "$work"
     last_line_is "zemhost: the registry file '$work/none' does not exist; give one that does with --registry FILE."
