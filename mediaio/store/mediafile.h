@@ -65,6 +65,7 @@ public:
     // Appends and waits for a record that is not a frame, then puts it on the device. Works without
     // a writer.
     HRESULT AppendSettings(const Settings& settings);
+    // The space of erased frames is given back soon, once no root and no reader needs it.
     HRESULT Erase(uint32_t first, uint64_t end);
     // Returns when everything appended before is on the device.
     HRESULT Flush();
@@ -139,6 +140,7 @@ private:
     HRESULT Guard();
     void Unguard();
     HRESULT AppendDurably(WriteItem& item);
+    void AskForCheckpoint();
     HRESULT SyncNow();
 
     // mediafile_checkpoint.cpp

@@ -123,7 +123,18 @@ HRESULT CMediaFile::Erase(uint32_t first, uint64_t end) {
     item.kind = RecordKind::kErase;
     item.position = first;
     item.count = static_cast<uint32_t>(end - first);
-    return AppendDurably(item);
+    const HRESULT hr = AppendDurably(item);
+    if (SUCCEEDED(hr)) AskForCheckpoint();
+    return hr;
+}
+
+// Space is given back behind a checkpoint only. Who erases often does so because the device is
+// full, and then the next checkpoint may never become due.
+void CMediaFile::AskForCheckpoint() {
+    std::unique_lock hold(m_lock);
+    if (!m_writer || m_wanted != Wanted::kNothing) return;
+    m_wanted = Wanted::kCheckpoint;
+    Pump(hold);
 }
 
 // Starts whatever may run next. Called with the lock, which is given up meanwhile.
