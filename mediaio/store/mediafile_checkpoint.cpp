@@ -17,12 +17,17 @@ HRESULT CMediaFile::Checkpoint() {
 
 HRESULT CMediaFile::WaitForCheckpoint(Wanted wanted) {
     std::unique_lock hold(m_lock);
-    const auto resting = [&] { return m_phase == Phase::kIdle || m_phase == Phase::kPunch; };
+    // Who closes the file waits until its space is given back too: afterwards nobody may be left
+    // who knows of it.
+    const bool closing = wanted == Wanted::kCompaction;
+    const auto resting = [&] {
+        return m_phase == Phase::kIdle || (!closing && m_phase == Phase::kPunch);
+    };
     m_changed.wait(hold, [&] { return m_finished == m_appended && !m_batchRunning && resting(); });
     if (FAILED(m_failure)) return m_failure;
     const bool nothingNew =
         m_logEnd == m_logStart && m_tailRecords == 0 && m_index.ChangedNodes() == 0;
-    if (nothingNew && (wanted != Wanted::kCompaction || m_scattered < 64)) {
+    if (nothingNew && (!closing || m_scattered < 64)) {
         // The newest root says everything; it may be a killed process's and not on the device yet.
         hold.unlock();
         return SyncNow();

@@ -1,7 +1,10 @@
 // Frame I/O through a channel, with the kernel's ring and without.
 #include "channelfixture.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <random>
@@ -380,6 +383,30 @@ TEST_P(ChannelIo, Counters) {
     EXPECT_EQ(counters.droppedReadFrames, 2u);
     EXPECT_EQ(counters.droppedWriteFrames, 1u);
     EXPECT_EQ(m_channel->ChannelNumber(), 0x8001u);
+}
+
+// Bytes that the file takes on the device, or -1 where holes cannot be punched.
+int64_t BytesOnDevice(const std::string& path) {
+    const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+    struct stat info {};
+    const bool holes =
+        fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, int64_t{1} << 40, 4096) == 0;
+    const bool known = fstat(fd, &info) == 0;
+    close(fd);
+    return holes && known ? int64_t{info.st_blocks} * 512 : -1;
+}
+
+TEST_P(ChannelIo, CloseReturnsWhenTheSpaceOfOldVersionsIsGivenBack) {
+    constexpr size_t kFrame = 16 * 1024;
+    constexpr uint32_t kFrames = 100;
+    const ULONGLONG token = Create("clip");
+    // Old and new versions take turns, so that every old one is a hole of its own.
+    for (uint32_t i = 0; i < 2 * kFrames; ++i)
+        ASSERT_EQ(Write(token, i / 2, Bytes(i, kFrame)), S_OK);
+    ASSERT_EQ(m_channel->CloseFile(token), S_OK);
+    const int64_t bytes = BytesOnDevice(Path("clip"));
+    if (bytes < 0) GTEST_SKIP() << "this file system punches no holes";
+    EXPECT_LT(bytes, int64_t{kFrames} * kFrame * 3 / 2);
 }
 
 }  // namespace
