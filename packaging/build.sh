@@ -10,7 +10,8 @@ build_preset() {
     shift
     if [ ! -f "$root/build/$preset/build.ninja" ]; then
         local launcher=()
-        if command -v ccache >/dev/null; then
+        # A cached object would bring the notes of the tree that it was first compiled in.
+        if [ "$preset" != coverage ] && command -v ccache >/dev/null; then
             launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
         fi
         (cd "$root" && cmake --preset "$preset" "${launcher[@]}")

@@ -60,7 +60,7 @@ void CHttpCommandHandler::GetClientsInfo(const WCHAR*, char* out, int size_bytes
             return true;
         });
         if (used == 0) strcpy_s(out, size, "No Clients\r\n");
-    } catch (...) {
+    } catch (...) {  // Not reached in tests: nothing in the walk allocates or throws
         LogCaught(scope, kSourceCmdHdlr, kCatchLineClients);
     }
 }
