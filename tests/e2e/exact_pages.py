@@ -75,7 +75,7 @@ class PagesCase(ExactCase):
         shown = path if shown is None else shown
         self.assert_no_body(reply, 400, 'Bad Request')
         full = (self.full_get(shown))[:259]
-        self.assert_log(self.traced(shown[:259]) + [
+        self.assert_log(self.traced(shown) + [
             Error(error or E_UNEXPECTED, 'SendHttpGetResponse',
                   self.host + (": Unable to get file attributes for '%s'" if line == 3236 else ": Error opening file '%s'")
                   % full, line)])

@@ -320,6 +320,18 @@ TEST_F(WebFiles, DownloadsAreTraced) {
         log.Has(kErrorLogLevelTrace, TEXT("box:80: Generic GET request for '/media/clip.mxf'")));
 }
 
+TEST_F(WebFiles, ALongPathIsTracedAsFarAsAMessageGoes) {
+    SetTracing(true);
+    const std::string path = "/media/" + std::string(600, 'n');
+    Get(path);
+    const std::string message = "box:80: Generic GET request for '" + path;
+    EXPECT_TRUE(log.Has(kErrorLogLevelTrace, Wide(message.substr(0, 511))));
+    const std::string shorter = "/media/" + std::string(300, 'n');
+    Get(shorter);
+    EXPECT_TRUE(
+        log.Has(kErrorLogLevelTrace, Wide("box:80: Generic GET request for '" + shorter + "'")));
+}
+
 TEST_F(WebFiles, AMissingFileIsABadRequest) {
     EXPECT_EQ(Get("/media/none.mxf"), E_UNEXPECTED);
     ExpectBadRequest();

@@ -43,18 +43,16 @@ bool FinalPath::Contains(const FinalPath& other) const {
 }
 
 UrlText::UrlText(const WCHAR* start, USHORT length_bytes) {
-    if (!start) return;
-    const size_t units = length_bytes / sizeof(WCHAR);
-    const size_t kept = std::min<size_t>(units, kNameUnits - 1);
-    std::memcpy(text, start, kept * sizeof(WCHAR));
-    cut = kept < units;
+    const size_t kept = start ? std::min<size_t>(length_bytes / sizeof(WCHAR), kUnits - 1) : 0;
+    std::copy_n(start, kept, text);
+    text[kept] = 0;
 }
 
 CVolumePath::CVolumePath(const WCHAR* volumeRoot, const WCHAR* separator, const UrlText& path)
     : m_root(CFileHandle(OpenRoot(volumeRoot)).Get()) {
     m_refused = _snwprintf_s(m_fullPath, kNameUnits, _TRUNCATE, TEXT("%s%s%s"), volumeRoot,
                              separator, path.text) < 0 ||
-                path.cut || !NamesPlainFile(path.text);
+                !NamesPlainFile(path.text);
 }
 
 bool CVolumePath::IsPlainFile() const {

@@ -27,10 +27,10 @@ private:
     HANDLE m_handle;
 };
 
-// A text of the cooked URL, which is counted, as a C string; cut at 259 characters.
+// A text of the cooked URL, which is counted, as a C string; cut where a log message would be.
 struct UrlText {
-    WCHAR text[kNameUnits] = {};
-    bool cut = false;
+    static constexpr size_t kUnits = 512;
+    WCHAR text[kUnits];
     UrlText(const WCHAR* start, USHORT length_bytes);
 };
 
