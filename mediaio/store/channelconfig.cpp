@@ -43,22 +43,32 @@ private:
     BSTR m_text = nullptr;
 };
 
-HRESULT SetFromNode(IXMLDOMNode& node, ChannelConfig& config) {
+// What a document changes. An attribute may stand in it once: the caller holds a lock meanwhile,
+// and documents may be long.
+struct Update {
+    ChannelConfig config;
+    bool frameRateSeen = false;
+    bool readAheadSeen = false;
+};
+
+HRESULT SetFromNode(IXMLDOMNode& node, Update& update) {
     CText name;
     CText value;
-    if (node.get_nodeName(name.Out()) != S_OK || node.get_text(value.Out()) != S_OK)
-        return E_INVALIDARG;
-    return SetAttribute(name.View(), value.View(), config);
+    if (node.get_nodeName(name.Out()) != S_OK) return E_INVALIDARG;
+    bool& seen = name.View() == TEXT("frameRate") ? update.frameRateSeen : update.readAheadSeen;
+    if (seen || node.get_text(value.Out()) != S_OK) return E_INVALIDARG;
+    seen = true;
+    return SetAttribute(name.View(), value.View(), update.config);
 }
 
-HRESULT SetFromChildren(IXMLDOMElement& root, ChannelConfig& config) {
+HRESULT SetFromChildren(IXMLDOMElement& root, Update& update) {
     CRef<IXMLDOMNode> child;
     HRESULT hr = root.get_firstChild(child.Out());
     while (hr == S_OK) {
         DOMNodeType type = NODE_INVALID;
         hr = child->get_nodeType(&type);
         if (FAILED(hr) || type != NODE_ELEMENT) return E_INVALIDARG;
-        hr = SetFromNode(*child.Get(), config);
+        hr = SetFromNode(*child.Get(), update);
         if (FAILED(hr)) return hr;
         IXMLDOMNode* next = nullptr;
         hr = child->get_nextSibling(&next);
@@ -67,7 +77,7 @@ HRESULT SetFromChildren(IXMLDOMElement& root, ChannelConfig& config) {
     return FAILED(hr) ? hr : S_OK;
 }
 
-HRESULT SetFromRootAttributes(IXMLDOMElement& root, ChannelConfig& config) {
+HRESULT SetFromRootAttributes(IXMLDOMElement& root, Update& update) {
     CRef<IXMLDOMNamedNodeMap> map;
     if (root.get_attributes(map.Out()) != S_OK) return S_OK;
     LONG count = 0;
@@ -75,7 +85,7 @@ HRESULT SetFromRootAttributes(IXMLDOMElement& root, ChannelConfig& config) {
     for (LONG i = 0; i < count; ++i) {
         CRef<IXMLDOMNode> node;
         if (map->get_item(i, node.Out()) != S_OK) return E_INVALIDARG;
-        const HRESULT hr = SetFromNode(*node.Get(), config);
+        const HRESULT hr = SetFromNode(*node.Get(), update);
         if (FAILED(hr)) return hr;
     }
     return S_OK;
@@ -122,10 +132,10 @@ HRESULT SetAttributes(const VARIANT& document, ChannelConfig& config) {
     CText name;
     if (root->get_nodeName(name.Out()) != S_OK || name.View() != TEXT("channelConfig"))
         return E_INVALIDARG;
-    ChannelConfig changed = config;
-    HRESULT hr = SetFromRootAttributes(*root.Get(), changed);
-    if (SUCCEEDED(hr)) hr = SetFromChildren(*root.Get(), changed);
-    if (SUCCEEDED(hr)) config = changed;
+    Update update{config};
+    HRESULT hr = SetFromRootAttributes(*root.Get(), update);
+    if (SUCCEEDED(hr)) hr = SetFromChildren(*root.Get(), update);
+    if (SUCCEEDED(hr)) config = update.config;
     return hr;
 }
 

@@ -13,7 +13,7 @@ namespace zemstore {
 HRESULT SetAttribute(WStringView name, WStringView value, ChannelConfig& config);
 
 // The document's root is <channelConfig>; its XML attributes and its child elements (<name>value
-// </name>) are attributes of the channel. All or none of them are applied.
+// </name>) are attributes of the channel, each at most once. All or none of them are applied.
 HRESULT SetAttributes(const VARIANT& document, ChannelConfig& config);
 
 }  // namespace zemstore

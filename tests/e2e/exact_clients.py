@@ -392,7 +392,8 @@ class Configuration(ExactCase):
         self.accepted(client, '<channelConfig/>'.encode('utf-16-le') + b' ')  # an odd byte is half of a blank
         for text in ('', '<channelConfig>', 'plain', '<other/>', '<channelConfig unknown="1"/>',
                      '<channelConfig frameRate="26"/>', '<channelConfig><readAhead>65</readAhead></channelConfig>',
-                     '<channelConfig><a></channelConfig>'):
+                     '<channelConfig><a></channelConfig>',
+                     '<channelConfig>' + '<readAhead>4</readAhead>' * 2 + '</channelConfig>'):
             self.rejected(client, text)
 
     def test_document_types_and_entities_are_refused(self):
