@@ -552,6 +552,28 @@ TEST_F(Membership, RecordWithoutAChannelIsDeletedToo) {
     EXPECT_TRUE(log.Empty());
 }
 
+TEST_F(Membership, LeaveWhoseTraceThrowsDeletesTheClientAllTheSame) {
+    Join();
+    log.Reset();
+    log.written = ThrowAt(TEXT("client: Leaving"));
+    EXPECT_EQ(Post(Command(3, 16)), S_OK);
+    EXPECT_EQ(http.Last().Body(), Bytes(DWORD{3}, DWORD{13}, DWORD{4}, S_OK));
+    EXPECT_EQ(log.Error(TEXT("Unknown error")).hr, E_FAIL);
+    EXPECT_EQ(log.EntryPoints(TEXT("CHttpCommandHandler::DoCmdLeave")), 1u);
+    EXPECT_EQ(media.LiveChannels(), 0);
+}
+
+TEST_F(Membership, DeletionWhoseTraceThrowsDeletesAllTheSame) {
+    Join();
+    log.Reset();
+    log.written = ThrowAt(TEXT("client: Relinquishing"));
+    EXPECT_EQ(Post(Command(3, 16)), S_OK);
+    EXPECT_EQ(http.Last().Body(), Bytes(DWORD{3}, DWORD{13}, DWORD{4}, S_OK));
+    EXPECT_EQ(log.Error(TEXT("Unknown error")).hr, E_FAIL);
+    EXPECT_EQ(log.EntryPoints(TEXT("CHttpCommandHandler::DeleteZemClient")), 1u);
+    EXPECT_EQ(media.LiveChannels(), 0);
+}
+
 TEST_F(Membership, InFileServerModeNothingIsRelinquished) {
     Join();
     access.FileServerMode() = 1;

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <stdexcept>
 #include <thread>
 
 namespace {
@@ -127,6 +128,26 @@ TEST_F(Sniffer, FailedWaitEndsTheThread) {
     };
     EXPECT_EQ(CHttpCommandHandler::SniffDeadClients(&server), 0u);
     EXPECT_EQ(waits, 1);
+}
+
+TEST_F(Sniffer, WaitThatThrowsEndsTheThread) {
+    g_wait = [](DWORD) -> DWORD { throw std::runtime_error("a wait"); };
+    EXPECT_EQ(static_cast<HRESULT>(CHttpCommandHandler::SniffDeadClients(&server)), E_FAIL);
+    EXPECT_EQ(log.Error(TEXT("Unknown error")).hr, E_FAIL);
+    EXPECT_EQ(log.EntryPoints(TEXT("CHttpCommandHandler::SniffDeadClients")), 1u);
+}
+
+TEST_F(Sniffer, PurgeWhoseTraceThrowsKeepsItsList) {
+    Join();
+    clock.SetTime(1051);
+    CDeadClients dead;
+    EXPECT_EQ(server.FindDeadClients(dead), S_OK);
+    log.written = ThrowAt(TEXT("Purging 1"));
+    EXPECT_EQ(server.PurgeDeadClients(dead), E_FAIL);
+    EXPECT_EQ(log.EntryPoints(TEXT("CHttpCommandHandler::PurgeDeadClients")), 1u);
+    EXPECT_EQ(dead.Count(), 1);
+    EXPECT_EQ(server.PurgeDeadClients(dead), S_OK);
+    EXPECT_EQ(media.LiveChannels(), 0);
 }
 
 TEST_F(Sniffer, ClockSetBackPurgesNobody) {

@@ -3,6 +3,8 @@
 
 #include "tests/fakes/allocfault.h"
 
+#include <stdexcept>
+
 CFakeErrorLog& FakeErrorLog() {
     static CFakeErrorLog log;
     return log;
@@ -85,6 +87,14 @@ size_t CFakeErrorLog::EntryPoints(WStringView function) const {
     for (const LogRecord& record : Records(LogRecord::EntryPoint))
         if (record.text == function) ++count;
     return count;
+}
+
+std::function<BOOL(const LogRecord&)> ThrowAt(WString beginning) {
+    return [beginning, thrown = false](const LogRecord& record) mutable -> BOOL {
+        if (thrown || !record.text.starts_with(beginning)) return TRUE;
+        thrown = true;
+        throw std::runtime_error("a host's error log");
+    };
 }
 
 std::string Utf8(WStringView text) {

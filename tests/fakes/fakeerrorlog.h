@@ -59,5 +59,8 @@ private:
 
 CFakeErrorLog& FakeErrorLog();
 
+// A log that throws once, at the first record whose text begins so: what a host's module may do.
+std::function<BOOL(const LogRecord&)> ThrowAt(WString beginning);
+
 // For readable failures of comparisons.
 std::string Utf8(WStringView text);

@@ -223,8 +223,8 @@ HRESULT CHttpCommandHandler::On_CMD_LEAVE(const ZemCommand& command) {
 
 HRESULT CHttpCommandHandler::DoCmdLeave(const ZemCommand& command) {
     CZemEntry scope(TEXT("CHttpCommandHandler::DoCmdLeave"));
+    ZemClient* record = nullptr;
     try {
-        ZemClient* record = nullptr;
         if (LookupClient(command.clientId, true)) {
             const CClientTable::CLock lock(m_clients);
             record = m_clients.Unlink(command.clientId);
@@ -236,10 +236,10 @@ HRESULT CHttpCommandHandler::DoCmdLeave(const ZemCommand& command) {
         if (Tracing())
             scope.Trace(TEXT("%s: Deleting ZEM client, transId %u..."), command.clientId,
                         command.transId);
-        DeleteZemClient(record);
     } catch (...) {
         LogCaught(scope, kSourceCmdHdlr, kCatchLineDoLeave);
     }
+    DeleteZemClient(record);  // what was unlinked goes, whatever became of the traces
     return scope.GetResult();
 }
 
@@ -269,12 +269,8 @@ HRESULT CHttpCommandHandler::On_CMD_KEEP_ALIVE(const ZemCommand& command) {
 
 HRESULT CHttpCommandHandler::DeleteZemClient(ZemClient* client) {
     CZemEntry scope(TEXT("CHttpCommandHandler::DeleteZemClient"));
+    if (!client) return E_INVALIDARG;  // the leave of an unknown client comes here: nothing to log
     try {
-        if (!client) {
-            scope.SetResult(
-                E_INVALIDARG);  // the leave of an unknown client comes here: nothing to log
-            return scope.GetResult();
-        }
         if (client->channel && !FileServerMode()) {
             const WCHAR* const clientId = client->channel->GetClientId();
             if (m_realTimeClient.Is(clientId)) {
@@ -282,10 +278,10 @@ HRESULT CHttpCommandHandler::DeleteZemClient(ZemClient* client) {
                 SetRealTimeIoClient(TEXT(""));
             }
         }
-        // Channel, lock and record go here, or with the last call that still uses them.
-        client->Release();
     } catch (...) {
         LogCaught(scope, kSourceCmdHdlr, kCatchLineDelete);
     }
+    // Channel, lock and record go here, or with the last call that still uses them.
+    client->Release();
     return scope.GetResult();
 }
