@@ -121,6 +121,7 @@ HRESULT CHttpCommandHandler::SendZemHttpResponse(CHttpXaction& xaction, HRESULT 
         xaction.Timer().MarkStage(kStageSendingZemReplyHdr);
         const ULONG error = SendCommandReply(xaction, contentLength_bytes,
                                              header.dataSize_bytes + kZemHeader_bytes);
+        xaction.SetReplySent();  // sent or refused: there is no second answer
         if (error != NO_ERROR) {
             xaction.SetSendError(error);
             xaction.Timer().MarkStage(kStageZemReplyHdrSendError);
@@ -137,7 +138,6 @@ HRESULT CHttpCommandHandler::SendZemHttpResponse(CHttpXaction& xaction, HRESULT 
                 elapsed_ms,
                 TEXT("%s: Slow ZEM HTTP server processing for reply code %d, transId %u"), clientId,
                 header.replyCode, header.transId);
-        xaction.SetReplySent();
     } catch (...) {
         LogCaught(scope, kSourceCmdHdlr, kCatchLineSendReply);
     }
@@ -203,12 +203,12 @@ HRESULT CHttpCommandHandler::SendHttpResponse(const WCHAR* clientId, CHttpXactio
         SetHeader(response, HttpHeaderContentLength, "0", 1);
         SetHeader(response, HttpHeaderServer, m_serverName);
         const ULONG error = SendResponse(xaction);
+        xaction.BumpSendCount();
+        xaction.SetReplySent();
         if (error != NO_ERROR && Tracing())
             scope.LogError(HRESULT_FROM_WIN32(error), kSourceCmdHdlr, kLineSendBasic,
                            TEXT("%s: Error sending basic HTTP response"),
                            clientId ? clientId : TEXT(""));
-        xaction.BumpSendCount();
-        xaction.SetReplySent();
     } catch (...) {
         LogCaught(scope, kSourceCmdHdlr, kCatchLineSendBasic);
     }
