@@ -107,16 +107,12 @@ void CHttpXactionPool::Release(CHttpXaction* xaction) {
         m_free[tail] = xaction;
         ++m_freeCount;
     }
+    if (!PlentyPosted(m_posted.load())) return HandOver(1);
     // Both sides write their own number before they read the other's: either this thread sees that
     // receives ran low, or the worker that made them low sees what is withheld here. No count is
     // ever left behind.
-    if (PlentyPosted(m_posted.load())) {
-        m_withheld.fetch_add(1);
-        if (PlentyPosted(m_posted.load())) return;
-        HandOver(0);
-        return;
-    }
-    HandOver(1);
+    m_withheld.fetch_add(1);
+    if (!PlentyPosted(m_posted.load())) HandOver(0);
 }
 
 bool CHttpXactionPool::PlentyPosted(int posted) const {
