@@ -476,6 +476,8 @@ void CZemChannelIo::BumpRealTimeIoMsgs() {
     ++m_channel->realTimeIoMsgs;
 }
 void CZemChannelIo::BumpFailedRealTimeIoMsgs() {
+    const auto& onCall = FakeMedia().onCall;  // announced, not recorded
+    if (onCall) onCall(Call("BumpFailedRealTimeIoMsgs", static_cast<CZemIo*>(this)));
     ++m_channel->failedRealTimeIoMsgs;
 }
 void CZemChannelIo::BumpDroppedReadFrames() {

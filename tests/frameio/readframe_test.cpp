@@ -421,6 +421,21 @@ TEST_F(ReadFrame, FieldsBeyondThePostedBufferAreAGenericFailure) {
     EXPECT_EQ(Counters().droppedReadFrames, 1u) << "the failed command counts";
 }
 
+TEST_F(ReadFrame, AFirstEntryBeyondThePostedBufferIsAGenericFailure) {
+    SetTracing(true);
+    for (const size_t body_bytes : {15u, 31u, 35u}) {  // head, token, position of entry 0
+        RequestSpec given;
+        given.entity = Command(kTransId, 3, std::string(body_bytes, '\1'));
+        given.entityOffset = CHttpXaction::RequestBufferSize() - given.entity.size();
+        log.Reset();
+        EXPECT_EQ(Run(given), E_INVALIDARG);
+        ExpectGenericFailure(3, E_INVALIDARG);
+        EXPECT_EQ(Traces().size(), 1u) << "the request is not traced";
+        EXPECT_EQ(Traces().back().substr(0, 34), "client: error CMD_READ_FRAME, pos ");
+    }
+    EXPECT_EQ(media.Count("ReadFrame"), 0u);
+}
+
 TEST_F(ReadFrame, FieldsThatWereNotReceivedReadAsZero) {
     EXPECT_EQ(Run(3, Bytes(DWORD{1}, DWORD{1})), S_FALSE);
     EXPECT_EQ(Table().substr(12 + 8 + 8, 8), std::string(8, '\0'));
@@ -491,6 +506,18 @@ TEST_F(ReadFrame, ALibraryThatThrowsFailsTheFrameOnce) {
     EXPECT_EQ(media.Count("ReadFrameComplete"), 1u);
     EXPECT_EQ(Counters().failedRealTimeIoMsgs, 1u);
     FramePool().WaitUntilIdle();
+    ExpectAllHome();
+}
+
+TEST_F(ReadFrame, ACounterThatThrowsIsLoggedAndNothingElse) {
+    media.results["ReadFrame"] = E_ACCESSDENIED;
+    media.onCall = [](const MediaCall& call) {
+        if (call.op == "BumpFailedRealTimeIoMsgs") throw std::runtime_error("a host's module");
+    };
+    EXPECT_EQ(Read({Entry()}), S_FALSE);
+    EXPECT_EQ(http.SentCount(), 2u);
+    EXPECT_EQ(log.Error(TEXT("Unknown error")).hr, E_FAIL);
+    EXPECT_EQ(log.EntryPoints(TEXT("CHttpCommandHandler::DoCmdReadFrame")), 1u);
     ExpectAllHome();
 }
 

@@ -312,6 +312,18 @@ TEST_F(WriteFrame, ALibraryWithoutBuffersFailsTheRequest) {
     ExpectKept(1);
 }
 
+TEST_F(WriteFrame, ALibraryThatThrowsWhenAskedForBuffersFailsTheRequest) {
+    media.onGetWriteFrameBuffers = [](CZemChannelIo&, ZemIoDesc&) -> HRESULT {
+        throw std::runtime_error("a host's module");
+    };
+    EXPECT_EQ(Write({Entry({4})}, "abcd"), S_OK);
+    ExpectImmediateReply();
+    EXPECT_EQ(log.Error(TEXT("Unknown error")).hr, E_FAIL);
+    EXPECT_EQ(log.EntryPoints(TEXT("CHttpCommandHandler::GetWriteFrameBuffer")), 1u);
+    EXPECT_EQ(media.Count("WriteFrame"), 0u);
+    ExpectKept(1);
+}
+
 TEST_F(WriteFrame, FewerBufferBytesThanAskedForFailTheRequest) {
     media.onGetWriteFrameBuffers = [&](CZemChannelIo&, ZemIoDesc& desc) {
         media.writeBuffer.assign(4, 0);

@@ -131,6 +131,23 @@ TEST(BinMap, AVisitorThatThrowsLeavesTheMapWhole) {
     EXPECT_EQ(Walk(map).size(), 6u);
 }
 
+TEST(BinMap, AKeyThatFindsNoMemoryLeavesTheMapWhole) {
+    CTextMap map;
+    map.Set(TEXT("a"), 1);
+    const WString key(100, TEXT('k'));
+    FailNextAllocation(100 * sizeof(WCHAR));
+    EXPECT_THROW(map.Set(key, 2), HRESULT);
+    EXPECT_TRUE(AllocationFailed());
+    EXPECT_EQ(map.Count(), 1u);
+    const uint64_t before = AllocationsOfThisThread();
+    map.Set(TEXT("b"), 3);
+    EXPECT_EQ(AllocationsOfThisThread(), before) << "its node is free again";
+    map.Set(key, 2);
+    ASSERT_NE(map.Find(key), nullptr);
+    EXPECT_EQ(*map.Find(key), 2);
+    EXPECT_EQ(map.Count(), 3u);
+}
+
 TEST(BinMap, NodesComeInBlocksOfTenAndAreReused) {
     CNumberMap map;
     map.Set(0, 0);

@@ -409,6 +409,22 @@ TEST_F(Lifecycle, ShutdownFromEveryFailedStartReleasesWhatThereIs) {
     }
 }
 
+TEST_F(Lifecycle, ShutdownThatRunsOutOfMemoryIsDoneByTheNext) {
+    system.errors["CreateIoCompletionPort"] = ERROR_ACCESS_DENIED;
+    EXPECT_LT(server->Initialize(), 0);
+    log.Reset();
+    FailAllAllocations(true);
+    server->Shutdown();
+    FailAllAllocations(false);
+    EXPECT_TRUE(AllocationFailed());
+    EXPECT_EQ(log.Error(TEXT("Unknown error")).hr, E_FAIL);
+    EXPECT_EQ(log.EntryPoints(TEXT("CHttpCommandHandler::Shutdown")), 1u);
+    EXPECT_FALSE(system.Happened("CloseHandle queue"));
+    server->Shutdown();
+    EXPECT_TRUE(system.Happened("CloseHandle queue"));
+    EXPECT_TRUE(system.Happened("HttpTerminate"));
+}
+
 TEST_F(Lifecycle, ShutdownDeletesTheRemainingClients) {
     ASSERT_EQ(server->Initialize(), S_OK);
     {
