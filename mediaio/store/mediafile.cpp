@@ -95,8 +95,14 @@ HRESULT CMediaFile::Pin(uint32_t position, bool pin, PinnedFrame& frame) {
 
 void CMediaFile::Unpin(unsigned epoch) {
     {
-        std::lock_guard hold(m_lock);
+        std::unique_lock hold(m_lock);
         --m_pins[epoch & 1];
+        // What was only kept for this reader can go now.
+        if (m_phase == Phase::kIdle && NextPunch()) {
+            m_phase = Phase::kPunch;
+            AddRef();  // until the last range is punched
+            ContinueCheckpoint(hold);
+        }
     }
     Release();
 }

@@ -512,6 +512,25 @@ class Maintenance(FilesCase):
         reader = self.open(client, 'erase')
         self.erase(client, reader, 4, 5, library=E_ACCESSDENIED)
 
+    def test_erase_gives_the_space_back(self):
+        # The file is still open for writing and nothing else is written: the erasing alone does it.
+        client = self.join()
+        token = self.create(client, 'space')
+        for position in range(4):
+            self.write(client, token, position, bytes([position + 1]) * (1 << 20))
+        self.flush(client, token)
+        allocated = lambda: os.stat(self.path('space')).st_blocks * 512
+        self.assertGreaterEqual(allocated(), 4 << 20)
+        self.erase(client, token, 1, 4)
+        end = time.monotonic() + 20
+        while allocated() > 2 << 20 and time.monotonic() < end:  # the store does it behind the answer
+            time.sleep(0.01)
+        self.assertLess(allocated(), 2 << 20)
+        reply = self.post(client, READ, read_body([(token, 0, 0, 0)]))
+        self.assertEqual(frame_of(reply), b'\1' * (1 << 20))
+        self.ledger.take(3 if self.tracing else 0)
+        self.close_file(client, token)
+
     def test_flush(self):
         client = self.join()
         token = self.clip(client, 'flush', 1)

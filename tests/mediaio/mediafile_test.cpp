@@ -99,9 +99,11 @@ TEST_F(MediaFile, OverwritesGoToNewSpaceAndGiveTheOldBack) {
     const auto at = m_device.content.begin() + static_cast<std::ptrdiff_t>(old.slotOffset);
     const auto oldBytes = FrameBytes(0, 1, 50000);
     EXPECT_TRUE(std::equal(oldBytes.begin(), oldBytes.end(), at)) << "a reader still has it";
-    file->Unpin(old.epoch);
     ASSERT_EQ(WriteFrame(*file.file, 1, FrameBytes(1, 1, 10)), S_OK);
     ASSERT_EQ(file->Checkpoint(), S_OK);
+    const auto still = m_device.content.begin() + static_cast<std::ptrdiff_t>(old.slotOffset);
+    EXPECT_TRUE(std::equal(oldBytes.begin(), oldBytes.end(), still)) << "the reader has it yet";
+    file->Unpin(old.epoch);  // and nothing else
     const auto dead = m_device.content.begin() + static_cast<std::ptrdiff_t>(old.slotOffset);
     EXPECT_TRUE(std::all_of(dead, dead + 50000, [](uint8_t b) { return b == 0; }));
     std::vector<uint8_t> bytes;
