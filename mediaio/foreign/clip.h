@@ -13,6 +13,8 @@
 #include <memory>
 #include <mutex>
 
+#pragma GCC visibility push(default)
+
 namespace zemstore {
 
 class CForeignClip {
@@ -58,3 +60,5 @@ private:
 };
 
 }  // namespace zemstore
+
+#pragma GCC visibility pop

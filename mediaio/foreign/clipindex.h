@@ -11,6 +11,8 @@
 #include <unordered_map>
 #include <vector>
 
+#pragma GCC visibility push(default)
+
 namespace zemstore {
 
 // A coded frame. Its bytes are those of the file from `offset` on, unless they only come out of the
@@ -83,3 +85,5 @@ uint32_t FramesOf(uint64_t samples, uint32_t sampleRate, const FrameRate& cut);
 void FinishIndex(ClipIndex& index);
 
 }  // namespace zemstore
+
+#pragma GCC visibility pop

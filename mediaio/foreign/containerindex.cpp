@@ -89,7 +89,8 @@ bool TakeEntries(AVStream& stream, uint64_t shift, StreamIndex& index) {
 }
 
 // The first packets of every stream are where the index says, and nowhere changed on the way.
-bool PacketsAgree(CDemuxer& demuxer, IStoreFile& file, const ClipIndex& index) {
+bool PacketsAgree(CDemuxer& demuxer, IStoreFile& file, uint64_t size_bytes,
+                  const ClipIndex& index) {
     std::vector<uint64_t> seen(index.streams.size());
     for (int count = 0; count < kCheckedPackets; ++count) {
         const AVPacket* packet = demuxer.Next();
@@ -102,6 +103,8 @@ bool PacketsAgree(CDemuxer& demuxer, IStoreFile& file, const ClipIndex& index) {
         const auto size = static_cast<uint32_t>(packet->size);
         if (packet->pos < 0 || packet->size <= 0) return false;
         const auto offset = static_cast<uint64_t>(packet->pos);
+        // A file that was cut off: what is there is read, the rest is damaged.
+        if ((packet->flags & AV_PKT_FLAG_CORRUPT) != 0 && offset + size >= size_bytes) break;
         if (stream.IsPcm()) {
             const auto run = std::upper_bound(
                 stream.runs.begin(), stream.runs.end(), seen[which],
@@ -129,13 +132,26 @@ bool TakeMov(CDemuxer& demuxer, IStoreFile& file, uint64_t size_bytes, ClipIndex
         if (IsReparsed(source.codecpar->codec_id)) return false;
         if (!TakeEntries(source, 0, stream)) return false;
     }
-    return PacketsAgree(demuxer, file, index);
+    return PacketsAgree(demuxer, file, size_bytes, index);
 }
 
 bool IsAviData(const uint8_t* code) {
     if (code[0] < '0' || code[0] > '9') return false;
     return memcmp(code + 2, "dc", 2) == 0 || memcmp(code + 2, "db", 2) == 0 ||
            memcmp(code + 2, "wb", 2) == 0;
+}
+
+// An index that ends before the data do is not the whole of it. Empty chunks, which stand for
+// pictures that are shown twice, do not count.
+bool DataFollow(IStoreFile& file, uint64_t size_bytes, uint64_t at) {
+    uint8_t head[8] = {};
+    size_t done = 0;
+    while (at < size_bytes && SUCCEEDED(file.ReadAt(head, sizeof head, at, done)) &&
+           done == sizeof head && IsAviData(head)) {
+        if (BigEndian32(head + 4) != 0) return true;
+        at += sizeof head;
+    }
+    return false;
 }
 
 bool TakeAvi(CDemuxer& demuxer, IStoreFile& file, uint64_t size_bytes, ClipIndex& index) {
@@ -150,14 +166,8 @@ bool TakeAvi(CDemuxer& demuxer, IStoreFile& file, uint64_t size_bytes, ClipIndex
         end = std::max(
             end, static_cast<uint64_t>(last->pos) + kChunkHead + static_cast<uint64_t>(last->size));
     }
-    // An index that ends before the data do is not the whole of it.
-    uint8_t next[4] = {};
-    size_t done = 0;
-    end += end & 1;
-    if (end < size_bytes && SUCCEEDED(file.ReadAt(next, sizeof next, end, done)) &&
-        done == sizeof next && IsAviData(next))
-        return false;
-    return PacketsAgree(demuxer, file, index);
+    return !DataFollow(file, size_bytes, end + (end & 1)) &&
+           PacketsAgree(demuxer, file, size_bytes, index);
 }
 
 // A header, and then samples to the end of the data.

@@ -6,6 +6,8 @@
 #include "mediaio/foreign/clipindex.h"
 #include "mediaio/foreign/demuxer.h"
 
+#pragma GCC visibility push(default)
+
 namespace zemstore {
 
 // Finds the frames of all streams of `index` (made by DescribeStreams). False when the container
@@ -25,3 +27,5 @@ bool HoldsBytes(IStoreFile& file, uint64_t offset, const uint8_t* bytes, size_t 
 HRESULT BuildIndex(IStoreFile& file, uint64_t size_bytes, ClipIndex& index);
 
 }  // namespace zemstore
+
+#pragma GCC visibility pop

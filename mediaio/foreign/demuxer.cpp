@@ -16,6 +16,9 @@ namespace zemstore {
 namespace {
 
 constexpr size_t kBuffer_bytes = 64 << 10;
+// A damaged count must not make a table that eats the machine; a day at 60 frames per second needs
+// half of this.
+constexpr size_t kLargestTable_bytes = size_t{256} << 20;
 
 // Nothing outside of the file itself is ever opened.
 int RefuseOpen(AVFormatContext*, AVIOContext** io, const char*, int, AVDictionary**) {
@@ -61,8 +64,11 @@ int64_t CDemuxer::OnSeek(void* opaque, int64_t offset, int whence) {
 }
 
 HRESULT CDemuxer::Open(IStoreFile& file, uint64_t size_bytes, std::unique_ptr<CDemuxer>& demuxer) {
-    static std::once_flag quiet;
-    std::call_once(quiet, [] { av_log_set_level(AV_LOG_QUIET); });
+    static std::once_flag once;
+    std::call_once(once, [] {
+        av_log_set_level(AV_LOG_QUIET);
+        av_max_alloc(kLargestTable_bytes);
+    });
     std::unique_ptr<CDemuxer> opening(new CDemuxer(file, size_bytes));
     const HRESULT hr = opening->OpenFormat();
     if (SUCCEEDED(hr)) demuxer = std::move(opening);

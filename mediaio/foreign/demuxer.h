@@ -12,6 +12,8 @@ extern "C" {
 #include <memory>
 #include <string>
 
+#pragma GCC visibility push(default)
+
 namespace zemstore {
 
 class CDemuxer {
@@ -56,3 +58,5 @@ private:
 };
 
 }  // namespace zemstore
+
+#pragma GCC visibility pop

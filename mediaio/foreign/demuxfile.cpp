@@ -65,8 +65,11 @@ bool CDemuxFile::Follows(uint32_t position) {
 }
 
 bool CDemuxFile::FetchFrom(uint32_t anchor, uint32_t position) {
-    if (anchor == 0 || !m_demuxer->SeekToByte(m_places[anchor].offset)) {
-        if (FAILED(m_demuxer->Rewind())) return false;
+    if (anchor != 0 && m_demuxer->SeekToByte(m_places[anchor].offset)) {
+        m_untouched = false;
+    } else {
+        if (!m_untouched && FAILED(m_demuxer->Rewind())) return false;
+        m_untouched = false;
         m_demuxer->DiscardAllBut(m_avIndex);
         anchor = 0;
     }
@@ -99,24 +102,30 @@ bool CDemuxFile::FetchFrom(uint32_t anchor, uint32_t position) {
     return false;
 }
 
+bool CDemuxFile::Search(uint32_t position) {
+    for (const uint32_t back : kStepsBack) {
+        if (FetchFrom(position > back ? position - back : 0, position)) return true;
+        if (position <= back) return false;
+    }
+    return FetchFrom(0, position);
+}
+
 HRESULT CDemuxFile::Fetch(uint32_t position) {
     if (m_demuxer == nullptr) {
         const HRESULT hr = CDemuxer::Open(m_source, m_size, m_demuxer);
         if (FAILED(hr)) return hr;
-        m_demuxer->FindStreamInfo();
-        m_demuxer->DiscardAllBut(m_avIndex);
+        m_untouched = true;
         m_current = false;
     }
-    if (static_cast<unsigned>(m_avIndex) >= m_demuxer->Format().nb_streams)
-        return HRESULT_FROM_WIN32(ERROR_CRC);
     bool found = Follows(position);
     m_current = false;
-    for (const uint32_t back : kStepsBack) {
-        if (found) break;
-        found = FetchFrom(position > back ? position - back : 0, position);
-        if (position <= back) break;
+    found = found || Search(position);
+    if (!found && !m_streamInfo) {
+        // Some streams are cut into frames only after a look into them, which takes its time.
+        m_streamInfo = true;
+        m_demuxer->FindStreamInfo();
+        found = Search(position);
     }
-    if (!found && position > 0) found = FetchFrom(0, position);
     m_current = found;
     return found ? S_OK : HRESULT_FROM_WIN32(ERROR_CRC);
 }

@@ -8,6 +8,8 @@
 
 #include <mutex>
 
+#pragma GCC visibility push(default)
+
 namespace zemstore {
 
 class CDemuxFile final : public IStoreFile {
@@ -36,6 +38,7 @@ public:
 
 private:
     HRESULT Fetch(uint32_t position);
+    bool Search(uint32_t position);
     bool FetchFrom(uint32_t anchor, uint32_t position);
     bool Follows(uint32_t position);
     const AVPacket* NextOfStream();
@@ -48,9 +51,13 @@ private:
 
     std::mutex m_lock;  // guards what follows
     std::unique_ptr<CDemuxer> m_demuxer;
-    bool m_current = false;  // m_bytes is the frame before m_next
-    uint32_t m_next = 0;     // the frame that the demuxer delivers next
+    bool m_untouched = false;  // nothing was read of m_demuxer yet
+    bool m_current = false;    // m_bytes is the frame before m_next
+    bool m_streamInfo = false;
+    uint32_t m_next = 0;  // the frame that the demuxer delivers next
     std::vector<uint8_t> m_bytes;
 };
 
 }  // namespace zemstore
+
+#pragma GCC visibility pop

@@ -138,8 +138,8 @@ FrameRate NearestRate(const AVRational& rate) {
 
 void SetRate(StreamIndex& stream, const AVRational& timeBase, int64_t frameDistance) {
     if (frameDistance <= 0 || timeBase.num <= 0 || timeBase.den <= 0) return;
-    // Coarse ticks (milliseconds) cannot tell a rate.
-    if (timeBase.den / timeBase.num < 2000 && frameDistance != 1) return;
+    // Milliseconds are too coarse to tell a rate.
+    if (timeBase.num == 1 && timeBase.den == 1000) return;
     int num = 0;
     int den = 0;
     if (av_reduce(&num, &den, timeBase.den, timeBase.num * frameDistance, INT32_MAX) == 0) return;

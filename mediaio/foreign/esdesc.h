@@ -7,6 +7,8 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
+#pragma GCC visibility push(default)
+
 namespace zemstore {
 
 // The streams that can be read, in the container's order; their places are still to be found.
@@ -21,3 +23,5 @@ void SetRate(StreamIndex& stream, const AVRational& timeBase, int64_t frameDista
 FrameRate NearestRate(const AVRational& rate);
 
 }  // namespace zemstore
+
+#pragma GCC visibility pop

@@ -8,6 +8,8 @@
 
 #include <string>
 
+#pragma GCC visibility push(default)
+
 namespace zemstore {
 
 // What a file was when its index was made.
@@ -24,3 +26,5 @@ HRESULT SaveIndex(IVolume& volume, const std::string& path, const SourceStamp& s
                   const ClipIndex& index);
 
 }  // namespace zemstore
+
+#pragma GCC visibility pop

@@ -6,6 +6,8 @@
 #include "mediaio/foreign/clipindex.h"
 #include "mediaio/store/fileio.h"
 
+#pragma GCC visibility push(default)
+
 namespace zemstore {
 
 struct Klv {
@@ -58,3 +60,5 @@ private:
 };
 
 }  // namespace zemstore
+
+#pragma GCC visibility pop

@@ -4,6 +4,8 @@
 
 #include "mediaio/foreign/clip.h"
 
+#pragma GCC visibility push(default)
+
 namespace zemstore {
 
 class CForeignStream final : public CFrameFile {
@@ -34,3 +36,5 @@ private:
 };
 
 }  // namespace zemstore
+
+#pragma GCC visibility pop

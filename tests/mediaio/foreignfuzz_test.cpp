@@ -1,0 +1,138 @@
+// Clips with seeded damage: whatever was done to a file, opening and reading it gives results or
+// errors, ends soon, and leaves the channel usable. ZEM_FUZZ_ROUNDS in the environment asks for
+// more.
+#include <cstdio>
+
+#include "tests/mediaio/foreignfixture.h"
+#include "tests/mediaio/seeded.h"
+
+namespace {
+
+using namespace mediatest;
+
+class ForeignFuzz : public CForeignTest {
+protected:
+    static unsigned Rounds() {
+        const char* text = std::getenv("ZEM_FUZZ_ROUNDS");
+        return text == nullptr ? 40 : static_cast<unsigned>(std::atoi(text));
+    }
+
+    // Damages a copy: bytes changed, runs of zeros, pieces cut out or repeated, an end cut off.
+    static std::vector<uint8_t> Damage(std::vector<uint8_t> bytes, CRandom& random) {
+        const uint32_t blows = 1 + random() % 8;
+        for (uint32_t i = 0; i < blows && bytes.size() > 64; ++i) {
+            // Structure lies at both ends.
+            const size_t reach =
+                random() % 2 != 0 ? std::min<size_t>(bytes.size(), 4096) : bytes.size();
+            size_t at = random() % reach;
+            if (random() % 4 == 0) at = bytes.size() - 1 - at;
+            const auto place = bytes.begin() + static_cast<std::ptrdiff_t>(at);
+            const size_t room = bytes.size() - at;
+            const size_t length = std::min<size_t>(room, 1 + random() % 200);
+            const auto end = place + static_cast<std::ptrdiff_t>(length);
+            switch (random() % 8) {
+                case 0:
+                    bytes.resize(at);
+                    break;
+                case 1:
+                    std::fill(place, end, uint8_t{0});
+                    break;
+                case 2:
+                    std::fill(place, end, uint8_t{0xFF});
+                    break;
+                case 3:
+                    bytes.erase(place, end);
+                    break;
+                case 4: {
+                    const std::vector<uint8_t> piece(place, end);
+                    bytes.insert(place, piece.begin(), piece.end());
+                    break;
+                }
+                default:
+                    bytes[at] = static_cast<uint8_t>(random());
+            }
+        }
+        return bytes;
+    }
+
+    // How many frames could be read.
+    uint32_t ReadAll(const char* name) {
+        uint32_t good = 0;
+        for (const WCHAR* aux : {TEXT("v0"), TEXT("a0"), TEXT("tc"), TEXT("d0")}) {
+            ULONGLONG token = 0;
+            if (FAILED(TryOpen(name, kFileRead, aux, token))) continue;
+            const uint32_t count = Info(token).frameCount;
+            std::vector<uint8_t> bytes;
+            std::vector<ZemFrameDesc> descs(8);
+            for (const uint32_t position : {0u, 1u, count / 2, count - 1, count}) {
+                if (IsSpecialToken(token)) {
+                    Io io;
+                    io.entries[0].token = token;
+                    io.entries[0].position = position;
+                    io.Wait(m_channel->ReadFrame(io.desc));
+                } else {
+                    good += SUCCEEDED(Read(token, position, bytes)) ? 1 : 0;
+                }
+                m_channel->GetFrameDesc(token, position, 8, descs.data(), kFrameRateFile);
+            }
+            m_channel->CloseFile(token);
+        }
+        return good;
+    }
+
+    void Run(const std::string& name, const std::string& arguments) {
+        Make(name, arguments);
+        const std::vector<uint8_t> good = LoadFile(Path(name));
+        const std::string index = Path("." + name + ".zemindex");
+        const unsigned seed = std::random_device()();
+        std::printf("seed %u\n", seed);
+        const char* text = std::getenv("ZEM_FUZZ_SEED");
+        CRandom random(text == nullptr ? seed : static_cast<unsigned>(std::atoll(text)));
+        uint32_t frames = 0;
+        for (unsigned round = 0; round < Rounds(); ++round) {
+            const std::string victim = "round." + std::to_string(round);
+            StoreFile(Path(victim), Damage(good, random));
+            frames += ReadAll(victim.c_str());
+            std::filesystem::remove(Path(victim));
+            std::filesystem::remove(Path("." + victim + ".zemindex"));
+        }
+        std::printf("frames read of damaged files: %u\n", frames);
+        EXPECT_GT(frames, 0u) << "damage that nothing survives tests nothing";
+        ULONGLONG token = 0;
+        EXPECT_EQ(TryOpen(name.c_str(), kFileRead, TEXT(""), token), S_OK);
+    }
+};
+
+const std::string kInput = kPicture + "25" + kSound + "-frames:v 8 -t 0.32 -threads 1 ";
+
+TEST_F(ForeignFuzz, Mov) {
+    Run("clip.mov", kInput + "-c:v mjpeg -c:a pcm_s16le -timecode 01:00:00:00");
+}
+TEST_F(ForeignFuzz, Mp4WithItsTableInFront) {
+    Run("clip.mp4", kInput + "-c:v mpeg4 -bf 1 -c:a aac -movflags faststart");
+}
+TEST_F(ForeignFuzz, Fragments) {
+    Run("clip.mp4", kInput + "-c:v mpeg4 -g 3 -c:a aac -movflags frag_keyframe+empty_moov");
+}
+TEST_F(ForeignFuzz, Mxf) {
+    Run("clip.mxf", kInput + "-c:v mpeg2video -c:a pcm_s16le");
+}
+TEST_F(ForeignFuzz, MxfOfOneElement) {
+    Run("clip.mxf",
+        "-f lavfi -i sine=frequency=440:sample_rate=48000 -t 0.2 -c:a pcm_s16le "
+        "-f mxf_opatom");
+}
+TEST_F(ForeignFuzz, Avi) {
+    Run("clip.avi", kInput + "-c:v mjpeg -c:a pcm_s16le");
+}
+TEST_F(ForeignFuzz, Mkv) {
+    Run("clip.mkv", kInput + "-c:v mjpeg -c:a pcm_s16le");
+}
+TEST_F(ForeignFuzz, Ts) {
+    Run("clip.ts", kInput + "-c:v mpeg2video -c:a mp2");
+}
+TEST_F(ForeignFuzz, Wav) {
+    Run("clip.wav", "-f lavfi -i sine=frequency=440:sample_rate=48000 -t 0.1 -c:a pcm_s24le");
+}
+
+}  // namespace
