@@ -263,7 +263,8 @@ int RunZem(int argc, const char* const* argv) {
     app.require_subcommand(0, 1);
     app.fallthrough();
     AddGlobalOptions(app, line);
-    AddPutVerb(app, line);
+    AddPutVerbs(app, line);
+    AddExportVerb(app, line);
     AddFrameVerbs(app, line);
     AddFileVerbs(app, line);
     AddPageVerbs(app, line);

@@ -9,6 +9,7 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 
@@ -53,12 +54,15 @@ uint32_t Positive(int value) {
     return value > 0 ? static_cast<uint32_t>(value) : 0;
 }
 
-void ReadStartTimecode(const AVFormatContext& format, const AVStream& stream, ZemEsDesc& desc) {
+std::string TimecodeOf(const AVFormatContext& format, const AVStream& stream) {
     const AVDictionaryEntry* entry = av_dict_get(stream.metadata, "timecode", nullptr, 0);
     if (entry == nullptr) entry = av_dict_get(format.metadata, "timecode", nullptr, 0);
-    if (entry == nullptr || !ParseTimecode(entry->value, CountsPairs(desc), desc.startTimecode)) {
-        return;
-    }
+    return entry == nullptr ? std::string() : entry->value;
+}
+
+void ReadStartTimecode(const AVFormatContext& format, const AVStream& stream, ZemEsDesc& desc) {
+    const std::string text = TimecodeOf(format, stream);
+    if (text.empty() || !ParseTimecode(text, CountsPairs(desc), desc.startTimecode)) return;
     if (IsDropFrame(desc.startTimecode)) desc.flags |= kEsFlagDropFrame;
 }
 
@@ -130,6 +134,7 @@ CDemuxer::CDemuxer(const std::string& path) : m_path(path), m_context(new Contex
         clip.suffix = video ? "v" + std::to_string(videos++) : "a" + std::to_string(audios++);
         clip.codecName = avcodec_get_name(stream.codecpar->codec_id);
         clip.desc = DescOf(*m_context->format, stream);
+        clip.timecode = TimecodeOf(*m_context->format, stream);
         m_streamOfIndex.push_back(m_streams.size());
         m_streams.push_back(clip);
     }
@@ -152,8 +157,16 @@ bool CDemuxer::Next(ClipPacket& packet) {
         packet.stream = m_streamOfIndex[index];
         packet.data = {raw->data, static_cast<size_t>(raw->size)};
         packet.isKey = (raw->flags & AV_PKT_FLAG_KEY) != 0;
+        packet.dts = raw->dts;
+        packet.pts = raw->pts;
+        packet.duration = raw->duration;
         return true;
     }
+}
+
+const AVStream& CDemuxer::Source(size_t stream) const {
+    const auto index = std::find(m_streamOfIndex.begin(), m_streamOfIndex.end(), stream);
+    return *m_context->format->streams[index - m_streamOfIndex.begin()];
 }
 
 uint64_t CDemuxer::Position_bytes() const {

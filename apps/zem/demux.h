@@ -10,19 +10,26 @@
 
 #include "mediaio/zemiotypes.h"
 
+struct AVStream;
+
 namespace zem {
 
 struct ClipStream {
     std::string suffix;  // v0, v1, a0 ...
     std::string codecName;
     ZemEsDesc desc{};
+    std::string timecode;  // of the first frame, as the clip spells it; empty: none
 };
 
 struct ClipPacket {
     size_t stream = 0;              // index into Streams()
     std::span<const uint8_t> data;  // valid until the next Next
     bool isKey = false;
+    int64_t dts = 0;  // in units of the stream's time base; kNoTime where the clip has none
+    int64_t pts = 0;
+    int64_t duration = 0;  // 0: unknown
 };
+inline constexpr int64_t kNoTime = INT64_MIN;
 
 class CDemuxer {
 public:
@@ -38,6 +45,9 @@ public:
 
     // The next packet of those streams; false at the end of the clip. Throws CZemError(kLocalFile).
     bool Next(ClipPacket& packet);
+
+    // libavformat's own description of a stream of Streams(); valid as long as the demuxer.
+    const AVStream& Source(size_t stream) const;
 
     uint64_t Position_bytes() const;
     uint64_t Size_bytes() const;  // 0 when unknown

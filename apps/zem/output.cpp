@@ -112,6 +112,23 @@ double CProgress::Seconds() const {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - m_start).count();
 }
 
+namespace {
+
+// "0:07", "12:31", "2:03:40".
+std::string TimeLeft(double seconds) {
+    const auto whole = static_cast<long>(seconds + 0.5);
+    std::array<char, 48> text{};
+    if (whole >= 3600) {
+        std::snprintf(text.data(), text.size(), "%ld:%02ld:%02ld", whole / 3600, whole / 60 % 60,
+                      whole % 60);
+    } else {
+        std::snprintf(text.data(), text.size(), "%ld:%02ld", whole / 60, whole % 60);
+    }
+    return text.data();
+}
+
+}  // namespace
+
 void CProgress::Show(uint64_t done, uint64_t total, std::string_view note) {
     constexpr size_t kWidth = 24;
     const auto now = std::chrono::steady_clock::now();
@@ -125,6 +142,7 @@ void CProgress::Show(uint64_t done, uint64_t total, std::string_view note) {
         const auto filled = static_cast<size_t>(part * static_cast<double>(kWidth));
         bar = "[" + std::string(filled, '#') + std::string(kWidth - filled, '.') + "] " +
               std::to_string(static_cast<int>(part * 100)) + " % ";
+        if (part > 0.01) bar += TimeLeft(Seconds() * (1 - part) / part) + " left, ";
     }
     std::fprintf(stderr, "\r\x1b[K%s %s%.*s", m_label.c_str(), bar.c_str(),
                  static_cast<int>(note.size()), note.data());

@@ -1,19 +1,25 @@
-// zem put: a clip goes in packet by packet, one media file per stream. The protocol answers S_OK to
-// every write, so the verb remembers size and checksum of what it sent and compares them with what
-// the server has afterwards.
+// zem put: a clip goes in packet by packet, one media file per stream. zem import: the same, but
+// PCM is cut to the pictures, and what the frames do not say of the clip is kept for zem export.
+// The protocol answers S_OK to every write, so the verb remembers size and checksum of what it sent
+// and compares them with what the server has afterwards.
 #include <CLI/CLI.hpp>
 
 extern "C" {
+#include <libavformat/avformat.h>
 #include <libavutil/crc.h>
+#include <libavutil/mathematics.h>
 }
 
+#include <algorithm>
 #include <cstdio>
 
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
+#include "apps/zem/clipfile.h"
 #include "apps/zem/demux.h"
 #include "apps/zem/output.h"
 #include "apps/zem/verbs.h"
+#include "mediaio/cadence.h"
 
 namespace zem {
 namespace {
@@ -29,6 +35,7 @@ struct PutOptions {
     std::string verify = "quick";
     bool force = false;
     bool json = false;
+    bool import = false;
 };
 
 struct SentFrame {
@@ -38,10 +45,13 @@ struct SentFrame {
 
 struct PutFile {
     std::string name;
-    const ClipStream* stream = nullptr;
+    ZemEsDesc desc{};
+    std::string codecName;
     uint64_t token = 0;
     uint64_t total_bytes = 0;
     std::vector<SentFrame> frames;
+    StreamHead head;            // import: what goes into the clip's description
+    std::vector<uint8_t> rest;  // PCM that does not make a frame yet
 };
 
 uint32_t CrcOf(std::span<const uint8_t> data) {
@@ -70,6 +80,7 @@ public:
         CreateFiles();
         try {
             SendAll();
+            if (m_options.import) Describe();
         } catch (const CZemError& error) {
             throw CZemError(error.Kind(),
                             std::string(error.what()) + "; the files on the server are incomplete",
@@ -89,8 +100,13 @@ public:
 
 private:
     void CreateFiles();
+    void Create(PutFile file);
+    void PrepareHead(size_t stream, PutFile& file);
     void SendAll();
-    void Send(const ClipPacket& packet);
+    void Take(const ClipPacket& packet);
+    void SendCut(PutFile& file, bool all);
+    void Describe();
+    void Send(PutFile& file, std::span<const uint8_t> data, bool isKey);
     void Flush(const PutFile& file);
     void Verify(const PutFile& file);
     void VerifyDescs(const PutFile& file, uint64_t token, bool& implemented);
@@ -113,30 +129,74 @@ private:
 }
 
 void CPut::CreateFiles() {
-    const uint32_t flags =
-        kFileRead | kFileWrite | (m_options.force ? kFileTruncate : kFileCreateNew);
-    for (const ClipStream& stream : m_clip.Streams()) {
+    for (size_t i = 0; i < m_clip.Streams().size(); ++i) {
+        const ClipStream& stream = m_clip.Streams()[i];
         PutFile file;
         file.name = m_options.name + "." + stream.suffix;
-        file.stream = &stream;
-        try {
-            file.token = m_session->Create(FileNamed(file.name).name, u"", stream.desc, flags);
-        } catch (const CZemError& error) {
-            if (error.Kind() != ErrorKind::kRefused) throw;
-            throw CZemError(
-                error.Kind(),
-                std::string(error.what()) +
-                    (m_options.force ? "; is its directory there, and may the server write it?"
-                                     : "; if it exists, --force replaces it; else see whether its "
-                                       "directory is there"),
-                error.Hr());
-        }
-        m_files.push_back(std::move(file));
+        file.desc = stream.desc;
+        file.codecName = stream.codecName;
+        if (m_options.import) PrepareHead(i, file);
+        Create(std::move(file));
+    }
+    if (!m_options.import) return;
+    PutFile file;
+    file.name = ClipFileName(m_options.name);
+    file.desc = ClipFileDesc();
+    file.codecName = "clip description";
+    Create(std::move(file));
+}
+
+void CPut::Create(PutFile file) {
+    const uint32_t flags =
+        kFileRead | kFileWrite | (m_options.force ? kFileTruncate : kFileCreateNew);
+    try {
+        file.token = m_session->Create(FileNamed(file.name).name, u"", file.desc, flags);
+    } catch (const CZemError& error) {
+        if (error.Kind() != ErrorKind::kRefused) throw;
+        throw CZemError(
+            error.Kind(),
+            std::string(error.what()) +
+                (m_options.force ? "; is its directory there, and may the server write it?"
+                                 : "; if it exists, --force replaces it; else see whether its "
+                                   "directory is there"),
+            error.Hr());
+    }
+    m_files.push_back(std::move(file));
+}
+
+void CPut::PrepareHead(size_t stream, PutFile& file) {
+    const AVStream& source = m_clip.Source(stream);
+    StreamHead& head = file.head;
+    head.suffix = m_clip.Streams()[stream].suffix;
+    head.timecode = m_clip.Streams()[stream].timecode;
+    head.timeBase = source.time_base;
+    head.parameters.reset(avcodec_parameters_alloc());
+    if (head.parameters == nullptr ||
+        avcodec_parameters_copy(head.parameters.get(), source.codecpar) < 0)
+        throw std::bad_alloc();
+    if (file.desc.mediaType == kMediaFileVideo && file.desc.rateDenominator != 0) {
+        head.rate = {static_cast<int>(file.desc.rateNumerator),
+                     static_cast<int>(file.desc.rateDenominator)};
+    }
+    head.sampleSize = PcmSampleSize(*source.codecpar);
+    if (head.sampleSize == 0) return;
+    head.timeBase = {1, static_cast<int>(file.desc.sampleRate)};
+    // Frame n of the sound belongs to frame n of the pictures.
+    file.desc.rateNumerator = 25;
+    file.desc.rateDenominator = 1;
+    for (const ClipStream& video : m_clip.Streams()) {
+        if (video.desc.mediaType != kMediaFileVideo || video.desc.rateDenominator == 0) continue;
+        file.desc.rateNumerator = video.desc.rateNumerator;
+        file.desc.rateDenominator = video.desc.rateDenominator;
+        file.desc.startTimecode = video.desc.startTimecode;
+        file.desc.flags = video.desc.flags;
+        break;
     }
 }
 
 void CPut::SendAll() {
-    CProgress progress("put " + Printable(m_options.name), !m_line.quiet);
+    CProgress progress((m_options.import ? "import " : "put ") + Printable(m_options.name),
+                       !m_line.quiet);
     const uint64_t clip_bytes = m_clip.Size_bytes();
     uint64_t sent_bytes = 0;
     uint64_t packets = 0;
@@ -146,7 +206,7 @@ void CPut::SendAll() {
             throw CZemError(ErrorKind::kInterrupted,
                             "stopped after " + std::to_string(packets) + " frames");
         }
-        Send(packet);
+        Take(packet);
         sent_bytes += packet.data.size();
         ++packets;
         const double seconds = progress.Seconds();
@@ -158,18 +218,67 @@ void CPut::SendAll() {
     if (packets == 0) {
         throw CZemError(ErrorKind::kLocalFile, Printable(m_options.clip) + ": no frame in it");
     }
+    for (PutFile& file : m_files)
+        SendCut(file, true);
 }
 
-void CPut::Send(const ClipPacket& packet) {
+void CPut::Take(const ClipPacket& packet) {
     PutFile& file = m_files[packet.stream];
-    const auto position = static_cast<uint32_t>(file.frames.size());
-    if (packet.data.size() > kMaxFrame_bytes) {
-        throw CZemError(ErrorKind::kLocalFile, Printable(m_options.clip) + ": frame " +
-                                                   std::to_string(position) + " has " +
-                                                   HumanBytes(packet.data.size()) +
-                                                   ", more than a server can take");
+    StreamHead& head = file.head;
+    if (head.sampleSize != 0) {
+        if (file.frames.empty() && file.rest.empty())
+            head.firstPts = packet.pts == kNoTime
+                                ? 0
+                                : av_rescale_q(packet.pts, m_clip.Source(packet.stream).time_base,
+                                               head.timeBase);
+        file.rest.insert(file.rest.end(), packet.data.begin(), packet.data.end());
+        return SendCut(file, false);
     }
-    if (m_unconfirmed_bytes + packet.data.size() > kFlushEvery_bytes) {
+    if (m_options.import) {
+        head.times.push_back({packet.dts, packet.pts, static_cast<uint32_t>(packet.duration),
+                              packet.isKey ? kFrameFlagKey : 0});
+    }
+    Send(file, packet.data, packet.isKey);
+}
+
+// Sends the whole frames that the PCM at hand makes; at the end of the clip the last one is short.
+void CPut::SendCut(PutFile& file, bool all) {
+    const ZemEsDesc& desc = file.desc;
+    const auto first = [&](uint64_t frame) {
+        return FirstSampleOfFrame(frame, desc.sampleRate, desc.rateNumerator,
+                                  desc.rateDenominator) *
+               file.head.sampleSize;
+    };
+    size_t sent = 0;
+    while (sent < file.rest.size()) {
+        const uint64_t frame = file.frames.size();
+        const uint64_t wanted = first(frame + 1) - first(frame);
+        const size_t left = file.rest.size() - sent;
+        if (left < wanted && !all) break;
+        const auto size = static_cast<size_t>(std::min<uint64_t>(wanted, left));
+        Send(file, std::span(file.rest).subspan(sent, size), true);
+        sent += size;
+    }
+    file.rest.erase(file.rest.begin(), file.rest.begin() + static_cast<std::ptrdiff_t>(sent));
+}
+
+void CPut::Describe() {
+    PutFile& description = m_files.back();
+    Send(description, WriteClipHead(m_files.size() - 1), true);
+    for (PutFile& file : m_files) {
+        if (file.head.parameters == nullptr) continue;
+        Send(description, WriteStreamHead(file.head), true);
+    }
+}
+
+void CPut::Send(PutFile& file, std::span<const uint8_t> data, bool isKey) {
+    const auto position = static_cast<uint32_t>(file.frames.size());
+    if (data.size() > kMaxFrame_bytes) {
+        throw CZemError(ErrorKind::kLocalFile,
+                        Printable(m_options.clip) + ": frame " + std::to_string(position) +
+                            " has " + HumanBytes(data.size()) + ", more than a server can take");
+    }
+    if (m_unconfirmed_bytes + data.size() > kFlushEvery_bytes) {
         for (const PutFile& each : m_files)
             Flush(each);
         m_unconfirmed_bytes = 0;
@@ -177,12 +286,12 @@ void CPut::Send(const ClipPacket& packet) {
     WriteEntry entry;
     entry.token = file.token;
     entry.position = position;
-    entry.streamFlags = packet.isKey ? kFrameFlagKey : 0;
-    entry.bufferLengths_bytes = {static_cast<uint32_t>(packet.data.size())};
-    m_session->WriteFrames({&entry, 1}, packet.data);
-    file.frames.push_back({static_cast<uint32_t>(packet.data.size()), CrcOf(packet.data)});
-    file.total_bytes += packet.data.size();
-    m_unconfirmed_bytes += packet.data.size();
+    entry.streamFlags = isKey ? kFrameFlagKey : 0;
+    entry.bufferLengths_bytes = {static_cast<uint32_t>(data.size())};
+    m_session->WriteFrames({&entry, 1}, data);
+    file.frames.push_back({static_cast<uint32_t>(data.size()), CrcOf(data)});
+    file.total_bytes += data.size();
+    m_unconfirmed_bytes += data.size();
 }
 
 void CPut::Flush(const PutFile& file) {
@@ -240,8 +349,8 @@ void CPut::Summary() const {
         json.Open('{').Text("clip", m_options.clip).Open('[', "files");
         for (const PutFile& file : m_files) {
             json.Open('{').Text("name", file.name);
-            json.Text("type", MediaTypeText(file.stream->desc.mediaType));
-            json.Text("codec", file.stream->codecName);
+            json.Text("type", MediaTypeText(file.desc.mediaType));
+            json.Text("codec", file.codecName);
             json.Unsigned("frames", file.frames.size()).Unsigned("bytes", file.total_bytes).Close();
         }
         json.Close().Number("skipped_streams", m_clip.SkippedStreams()).Close();
@@ -251,8 +360,8 @@ void CPut::Summary() const {
     if (m_line.quiet || !StdoutIsTerminal()) return;
     for (const PutFile& file : m_files) {
         std::printf("%s: %s %s, %zu frames, %s\n", Printable(file.name).c_str(),
-                    MediaTypeText(file.stream->desc.mediaType), file.stream->codecName.c_str(),
-                    file.frames.size(), HumanBytes(file.total_bytes).c_str());
+                    MediaTypeText(file.desc.mediaType), file.codecName.c_str(), file.frames.size(),
+                    HumanBytes(file.total_bytes).c_str());
     }
     if (m_clip.SkippedStreams() > 0) {
         std::printf("%d stream(s) that are neither video nor audio were left out\n",
@@ -262,26 +371,43 @@ void CPut::Summary() const {
 
 }  // namespace
 
-void AddPutVerb(CLI::App& app, CommandLine& line) {
-    auto options = std::make_shared<PutOptions>();
-    CLI::App* verb = app.add_subcommand(
-        "put",
-        "Write every coded video and audio frame of a clip into files of the server: "
-        "NAME.v0, NAME.v1, NAME.a0 ...");
-    verb->add_option("CLIP", options->clip,
-                     "MOV, MP4, MXF or other clip of this machine; - is stdin")
-        ->required();
-    verb->add_option("NAME", options->name, "Name on the server, without the stream's ending")
-        ->required();
-    verb->add_flag("--force", options->force, "Replace files that exist");
-    verb->add_option("--verify", options->verify,
-                     "quick: compare the size of every frame and the contents of the last; "
-                     "all: read every frame back")
-        ->check(CLI::IsMember({"quick", "all"}))
-        ->capture_default_str();
-    verb->add_flag("--json", options->json, "Print a summary as JSON");
-    verb->callback(
-        [options, &line] { line.verb = [options, &line] { return CPut(line, *options).Run(); }; });
+void AddPutVerbs(CLI::App& app, CommandLine& line) {
+    struct Verb {
+        const char* name;
+        const char* help;
+        bool import;
+    };
+    const Verb verbs[] = {
+        {"put",
+         "Write every coded video and audio frame of a clip into files of the server: NAME.v0, "
+         "NAME.v1, NAME.a0 ...",
+         false},
+        {"import",
+         "Bring a whole clip in: as put, with PCM cut to the pictures and a description, "
+         "NAME.clip, "
+         "from which export makes the clip again",
+         true},
+    };
+    for (const Verb& each : verbs) {
+        auto options = std::make_shared<PutOptions>();
+        options->import = each.import;
+        CLI::App* verb = app.add_subcommand(each.name, each.help);
+        verb->add_option("CLIP", options->clip,
+                         "MOV, MP4, MXF or other clip of this machine; - is stdin")
+            ->required();
+        verb->add_option("NAME", options->name, "Name on the server, without the stream's ending")
+            ->required();
+        verb->add_flag("--force", options->force, "Replace files that exist");
+        verb->add_option("--verify", options->verify,
+                         "quick: compare the size of every frame and the contents of the last; "
+                         "all: read every frame back")
+            ->check(CLI::IsMember({"quick", "all"}))
+            ->capture_default_str();
+        verb->add_flag("--json", options->json, "Print a summary as JSON");
+        verb->callback([options, &line] {
+            line.verb = [options, &line] { return CPut(line, *options).Run(); };
+        });
+    }
 }
 
 }  // namespace zem

@@ -127,7 +127,8 @@ const char* MediaTypeText(int32_t media_type);
 std::string RateText(uint32_t numerator, uint32_t denominator);
 void PrintLine(const std::string& text);
 
-void AddPutVerb(CLI::App& app, CommandLine& line);
+void AddPutVerbs(CLI::App& app, CommandLine& line);    // put import
+void AddExportVerb(CLI::App& app, CommandLine& line);  // export
 void AddFrameVerbs(CLI::App& app, CommandLine& line);  // framemd5 read frames
 void AddFileVerbs(CLI::App& app,
                   CommandLine& line);  // info marks df stat rm mv mkdir stripe erase flush

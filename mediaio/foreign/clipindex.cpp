@@ -1,6 +1,7 @@
 // Cadence and totals of an index.
 #include "mediaio/foreign/clipindex.h"
 
+#include "mediaio/cadence.h"
 #include "mediaio/store/format.h"
 
 #include <algorithm>
@@ -21,8 +22,7 @@ void StreamIndex::AddRun(uint64_t offset, uint64_t size) {
 }
 
 uint64_t FirstSample(uint64_t position, uint32_t sampleRate, const FrameRate& cut) {
-    const Wide twice = Wide{position} * sampleRate * cut.denominator * 2 + cut.numerator;
-    return static_cast<uint64_t>(twice / (Wide{cut.numerator} * 2));
+    return FirstSampleOfFrame(position, sampleRate, cut.numerator, cut.denominator);
 }
 
 uint32_t FramesOf(uint64_t samples, uint32_t sampleRate, const FrameRate& cut) {

@@ -73,8 +73,7 @@ struct ClipIndex {
     bool scanned = false;  // it cost a pass through the file: worth keeping
 };
 
-// The first sample of frame `position` of a stream that is cut: exact, rounded to the nearest, so
-// 48 kHz at 30000/1001 gives frames of 1602, 1601, 1602, 1601, 1602 samples.
+// The first sample of frame `position` of a stream that is cut.
 uint64_t FirstSample(uint64_t position, uint32_t sampleRate, const FrameRate& cut);
 // How many frames `samples` make, the last one perhaps short.
 uint32_t FramesOf(uint64_t samples, uint32_t sampleRate, const FrameRate& cut);

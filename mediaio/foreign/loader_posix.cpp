@@ -9,8 +9,17 @@
 namespace zemstore {
 namespace {
 
+// The module lies beside the one that holds this code.
+std::string ModulePath() {
+    Dl_info own{};
+    std::string path;
+    if (dladdr(reinterpret_cast<void*>(&ForeignReader), &own) != 0 && own.dli_fname != nullptr)
+        path = own.dli_fname;
+    return path.substr(0, path.rfind('/') + 1) + "libzemforeign.so";
+}
+
 OpenForeignFunction Load() {
-    void* const module = dlopen("libzemforeign.so", RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
+    void* const module = dlopen(ModulePath().c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
     void* const entry = module == nullptr ? nullptr : dlsym(module, "ZemOpenForeign");
     if (entry == nullptr) {
         const char* const reason = dlerror();

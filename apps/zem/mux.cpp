@@ -1,0 +1,124 @@
+// libavformat's writing half behind a narrow door.
+#include "apps/zem/mux.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/dict.h>
+#include <libavutil/log.h>
+}
+
+#include <array>
+#include <cstring>
+#include <filesystem>
+#include <vector>
+
+#include "apps/zem/client/text.h"
+#include "apps/zem/client/zemerror.h"
+
+namespace zem {
+namespace {
+
+[[noreturn]] void ThrowAv(const std::string& path, int error, const char* what) {
+    std::array<char, AV_ERROR_MAX_STRING_SIZE> text{};
+    av_strerror(error, text.data(), text.size());
+    throw CZemError(ErrorKind::kLocalFile, Printable(path) + ": " + what + ": " + text.data());
+}
+
+}  // namespace
+
+struct CMuxer::Context {
+    AVFormatContext* format = nullptr;
+    AVPacket* packet = av_packet_alloc();
+    std::vector<AVRational> timeBases;
+    std::string partPath;
+    bool finished = false;
+    ~Context() {
+        av_packet_free(&packet);
+        if (format != nullptr) avio_closep(&format->pb);
+        avformat_free_context(format);
+        std::error_code ignored;
+        if (!finished && !partPath.empty()) std::filesystem::remove(partPath, ignored);
+    }
+};
+
+CMuxer::CMuxer(const std::string& path, bool force) : m_path(path), m_context(new Context) {
+    av_log_set_level(AV_LOG_ERROR);
+    std::error_code error;
+    if (!force && std::filesystem::exists(path, error))
+        throw CZemError(ErrorKind::kLocalFile, path + " exists; --force replaces it");
+    const AVOutputFormat* container = av_guess_format(nullptr, path.c_str(), nullptr);
+    if (container == nullptr || m_context->packet == nullptr)
+        throw CZemError(ErrorKind::kUsage,
+                        Printable(path) + ": its ending names no container; .mov or .mxf do");
+    int result = avformat_alloc_output_context2(&m_context->format, container, nullptr, nullptr);
+    if (result < 0) ThrowAv(path, result, "cannot be written");
+    m_context->partPath = path + ".part";
+    result =
+        avio_open(&m_context->format->pb, ("file:" + m_context->partPath).c_str(), AVIO_FLAG_WRITE);
+    if (result < 0) ThrowAv(m_context->partPath, result, "cannot be written");
+}
+
+CMuxer::~CMuxer() = default;
+
+void CMuxer::AddStream(const StreamHead& head) {
+    AVStream* stream = avformat_new_stream(m_context->format, nullptr);
+    if (stream == nullptr || avcodec_parameters_copy(stream->codecpar, head.parameters.get()) < 0)
+        throw std::bad_alloc();
+    AVCodecParameters& codec = *stream->codecpar;
+    // A four-character code of another container means nothing in this one.
+    const AVCodecTag* const* tables = m_context->format->oformat->codec_tag;
+    if (tables == nullptr || av_codec_get_id(tables, codec.codec_tag) != codec.codec_id)
+        codec.codec_tag = tables == nullptr ? 0 : av_codec_get_tag(tables, codec.codec_id);
+    stream->time_base = head.timeBase;
+    if (head.rate.num > 0 && head.rate.den > 0) {
+        stream->avg_frame_rate = head.rate;
+        stream->r_frame_rate = head.rate;
+    }
+    if (!head.timecode.empty() && codec.codec_type == AVMEDIA_TYPE_VIDEO) {
+        av_dict_set(&stream->metadata, "timecode", head.timecode.c_str(), 0);
+        av_dict_set(&m_context->format->metadata, "timecode", head.timecode.c_str(), 0);
+    }
+    m_context->timeBases.push_back(head.timeBase);
+}
+
+void CMuxer::Begin() {
+    const int result = avformat_write_header(m_context->format, nullptr);
+    if (result < 0) ThrowAv(m_path, result, "this container does not take these streams");
+}
+
+void CMuxer::Write(size_t stream, std::span<const uint8_t> data, int64_t dts, int64_t pts,
+                   int64_t duration, bool isKey) {
+    AVPacket& packet = *m_context->packet;
+    if (av_new_packet(&packet, static_cast<int>(data.size())) < 0) throw std::bad_alloc();
+    if (!data.empty()) memcpy(packet.data, data.data(), data.size());
+    packet.stream_index = static_cast<int>(stream);
+    packet.dts = dts;
+    packet.pts = pts;
+    packet.duration = duration;
+    if (isKey) packet.flags |= AV_PKT_FLAG_KEY;
+    av_packet_rescale_ts(&packet, m_context->timeBases[stream],
+                         m_context->format->streams[stream]->time_base);
+    const int result = av_interleaved_write_frame(m_context->format, &packet);
+    if (result < 0) ThrowAv(m_path, result, "a frame was not taken");
+}
+
+void CMuxer::End() {
+    int result = av_write_trailer(m_context->format);
+    const int closed = avio_closep(&m_context->format->pb);
+    if (result >= 0) result = closed;
+    if (result < 0) ThrowAv(m_path, result, "it could not be completed");
+}
+
+const std::string& CMuxer::WrittenPath() const {
+    return m_context->partPath;
+}
+
+void CMuxer::Finish() {
+    std::error_code error;
+    std::filesystem::rename(m_context->partPath, m_path, error);
+    if (error) throw CZemError(ErrorKind::kLocalFile, m_path + ": " + error.message());
+    m_context->finished = true;
+}
+
+}  // namespace zem
