@@ -13,8 +13,7 @@ namespace zemstore {
 HRESULT ShareMediaFile(std::unique_ptr<IStoreFile> file, const std::shared_ptr<IAsyncIo>& async,
                        CMediaFile*& shared);
 
-// For tear-down checks: returns when no media file is open any more. Closed files may still be
-// giving dead space back.
+// For tear-down checks: returns when no media file is open any more.
 void AwaitNoMediaFiles();
 
 }  // namespace zemstore
