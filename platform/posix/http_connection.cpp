@@ -334,6 +334,10 @@ CCompletionPort::ETick CHttpConnection::Sweep(CCompletionPort* port) {
 CHttpConnection::EStep CHttpConnection::OnDeadline(CPacket& packet) {
     if (m_queue->Closing()) return Die();
     if (m_phase == EPhase::Body && m_body_end > m_body_begin && ClockMs() < m_body_limit_ms) {
+        // It has been waited for already: who reads on holds a thread only while nobody wants one.
+        m_window_open = m_slow = true;
+        m_window_start = ClockMs();
+        m_window_bytes = 0;
         const EStep step = DeliverKept(packet);
         if (step != EStep::Again) return step;
         m_queue->Port()->PushReady(this, EWake::Now);

@@ -145,6 +145,36 @@ TEST(Stall, BodyReadFailsAsALastResortAndCanStillBeAnswered) {
     EXPECT_EQ(slow.Read().body, "stalled");
 }
 
+// Half a second of silence has passed before such a body is delivered at all.
+TEST(Stall, BodyThatWasDeliveredUnfinishedIsNotWaitedForWhileARequestWaits) {
+    CServer server;
+    CTuned<uint32_t> never(HttpTune()->stall_ms, 600000);
+    CClient client(server.TcpPort());
+    client.Send(PostHead(100) + "beginning");
+    ASSERT_TRUE(Eventually([&] {
+        server.Settle();
+        return HttpTuneConnections() == 1;
+    }));
+    server.Settle();
+    HttpTuneAdvanceClock(600);
+    CBlock* block = server.Take();
+    ASSERT_NE(block, nullptr);
+    EXPECT_EQ(block->Body(), "beginning");
+    CClient other(server.TcpPort());
+    other.Send(Get("/zem/other"));
+    std::atomic<bool> done{false};
+    std::thread reader([&] {
+        std::string body;
+        EXPECT_EQ(server.ReadBody(block->Id(), body), ERROR_NETNAME_DELETED);
+        done = true;
+    });
+    EXPECT_TRUE(Eventually([&] { return done.load(); }));
+    HttpTuneAdvanceClock(600001);  // lets the reader out in any case
+    reader.join();
+    server.StartWorkers(1);
+    EXPECT_EQ(other.Read().status, 200);
+}
+
 TEST(Stall, RequestThatWaitsForAReceiveCounts) {
     CServer server(1);
     CSlowReader slow(server);
