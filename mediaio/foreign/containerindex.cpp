@@ -60,7 +60,7 @@ bool HasFragments(IStoreFile& file, uint64_t size_bytes) {
 // Takes a stream's entries as they stand, each `shift` bytes further.
 bool TakeEntries(AVStream& stream, uint64_t shift, StreamIndex& index) {
     const int count = avformat_index_get_entries_count(&stream);
-    if (count <= 0) return false;
+    if (count <= 0 || static_cast<uint64_t>(count) > kMostFrames) return false;
     if (!index.IsPcm()) index.frames.reserve(static_cast<size_t>(count));
     int64_t firstTime = 0;
     int64_t secondTime = 0;
@@ -180,6 +180,7 @@ bool TakePcmFile(CDemuxer& demuxer, IStoreFile& file, ClipIndex& index) {
     if (!HoldsBytes(file, first, packet->data, static_cast<size_t>(packet->size))) return false;
     // The end is where the demuxer's last packet ends, whatever the header says.
     const AVStream& source = *demuxer.Format().streams[stream.avIndex];
+    if (source.duration <= 0) return false;
     const int64_t nearEnd = source.duration - stream.desc.sampleRate;
     if (nearEnd > 0 && !demuxer.SeekToTime(stream.avIndex, nearEnd)) return false;
     uint64_t end = first + static_cast<uint64_t>(packet->size);

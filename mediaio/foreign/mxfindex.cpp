@@ -60,7 +60,7 @@ private:
             if (count == 0 && stream.desc.mediaType == kMediaFileVideo)
                 count = static_cast<uint64_t>(
                     std::max<int64_t>(0, m_demuxer.Format().streams[stream.avIndex]->duration));
-        if (count == 0 || count > kLastPosition || !DurationsAgree(count)) return false;
+        if (count == 0 || count > kMostFrames || !DurationsAgree(count)) return false;
         if (m_map.unitSize != 0 && count > m_size / m_map.unitSize + 1) return false;
         m_index.packages.reserve(count);
         for (uint64_t i = 0; i < count; ++i) {
@@ -178,7 +178,7 @@ private:
     bool ListClipFrames(StreamIndex& stream, uint64_t begin, uint64_t end) {
         const uint64_t count =
             m_map.unitSize != 0 ? (end - begin) / m_map.unitSize : m_map.units.size();
-        if (count == 0 || count > kLastPosition || !DurationsAgree(count)) return false;
+        if (count == 0 || count > kMostFrames || !DurationsAgree(count)) return false;
         stream.frames.reserve(count);
         for (uint64_t i = 0; i < count; ++i) {
             uint64_t from = begin + i * m_map.unitSize;

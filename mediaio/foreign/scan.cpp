@@ -17,7 +17,6 @@ namespace {
 constexpr size_t kHeadRoom = 4096;
 // A stream of which so many packets in a row were not found, and none before, is not looked for.
 constexpr uint32_t kGiveUpAfter = 64;
-constexpr size_t kMostFrames = size_t{1} << 26;
 
 struct StreamScan {
     bool started = false;  // a stream begins with its first key frame
