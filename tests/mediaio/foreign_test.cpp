@@ -174,6 +174,19 @@ TEST_F(Foreign, IsNeverWritten) {
     EXPECT_EQ(LoadFile(Path("clip.mov")), before);
 }
 
+TEST_F(Foreign, GivesWayToANativeFileWhenThatIsAskedFor) {
+    MakeMkv("clip.mkv");
+    const ULONGLONG before = Open("clip.mkv");
+    std::vector<uint8_t> frame;
+    std::vector<uint8_t> again;
+    ASSERT_EQ(Read(before, 5, frame), S_OK);
+    const ULONGLONG token = Create("clip.mkv", kMediaFileVideo, kFileTruncate);
+    EXPECT_EQ(Write(token, 0, Bytes(1, 10)), S_OK);
+    EXPECT_EQ(Info(token).frameCount, 1u);
+    EXPECT_EQ(Read(before, 5, again), S_OK) << "who has the old file open keeps it";
+    EXPECT_EQ(again, frame);
+}
+
 TEST_F(Foreign, IsKnownByItsContentAlone) {
     MakeMov("clip.mov");
     std::filesystem::rename(Path("clip.mov"), Path("clip"));

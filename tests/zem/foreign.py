@@ -6,19 +6,17 @@ usage: foreign.py --zemhost PROGRAM --zem PROGRAM [unittest arguments]
 
 import argparse
 import fractions
-import glob
 import hashlib
 import json
 import os
-import shutil
+import struct
 import subprocess
 import sys
-import tempfile
 import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', 'e2e'))
 import clips  # noqa: E402
-from wire import Server  # noqa: E402
+from wire import Client, Server  # noqa: E402
 
 PROGRAMS = None
 
@@ -89,6 +87,34 @@ class Foreign(unittest.TestCase):
                 for position in (len(expected) - 1, len(expected) // 2):
                     self.assertEqual(self.read(name, stream, '--from', str(position), '--count', '1'),
                                      [expected[position]])
+
+
+    def test_special_streams(self):
+        self.path('mjpeg.mov')
+        client = Client(self.server.port, 'special')
+        self.addCleanup(client.close)
+        client.join()
+        for aux, kind in (('tc', 7), ('d0', 8), ('mk', 24)):
+            token = client.open('media/mjpeg.mov', aux=aux)
+            self.assertEqual(token >> 24 & 0xFF, kind)
+            reply = client.read(token, 0)
+            self.assertEqual(len(reply.body), 12 + 104, 'no data follows the table')
+            status = struct.unpack_from('<I', reply.body, 12 + 8)[0]
+            size, position, flags, _, timecode, _ = struct.unpack_from('<IIII4sI', reply.body, 12 + 8 + 24)
+            if aux == 'mk':
+                self.assertEqual(status, 0x80040201)  # never set
+                continue
+            self.assertEqual((status, position, flags), (0, 0, 3))
+            self.assertEqual(timecode, bytes([0x42, 0, 0, 0x01]))  # 01:00:00;02
+            self.assertEqual(size, clips.framemd5(self.path('mjpeg.mov'), 'v:0')[0][0] if aux == 'tc' else 4)
+
+    def test_writing_is_refused_and_the_log_says_why(self):
+        self.path('mjpeg.mov')
+        client = Client(self.server.port, 'writer')
+        self.addCleanup(client.close)
+        client.join()
+        self.assertEqual(client.open('media/mjpeg.mov', flags=3), 0)
+        self.server.wait_for_line('a file of a foreign format is only read; import it to change it')
 
 
 def add_clip_test(name):
