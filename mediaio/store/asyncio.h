@@ -1,8 +1,9 @@
 // asyncio.h: the store's asynchronous file I/O, one for the process while any channel or writer is
 // alive. Requests wait in two queues; what the real-time client asked for goes first, and while it
 // is active at most one background request is at the device, so it waits for one request at most.
-// The work is done by the kernel's ring where it lets us have one (ring_posix.cpp), else by threads
-// that call the file-I/O seam. Completions run on the library's threads.
+// The work is done by the kernel's ring where it lets us have one (ring_posix.cpp), or by
+// overlapped calls (ring_windows.cpp), else by threads that call the file-I/O seam. Completions run
+// on the library's threads.
 #pragma once
 
 #include "mediaio/store/fileio.h"
@@ -79,7 +80,7 @@ public:
     // Joins the threads after the last request has completed; from one of them, lets it end itself.
     virtual ~IAsyncIo() = default;
     virtual void Submit(IoRequest& request) = 0;
-    virtual const char* Kind() const = 0;  // "io_uring" or "threads"
+    virtual const char* Kind() const = 0;  // "io_uring", "overlapped" or "threads"
 
     // The process's one, made when there is none. Null only when no thread can be started.
     static std::shared_ptr<IAsyncIo> Shared();

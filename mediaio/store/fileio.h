@@ -1,7 +1,7 @@
-// fileio.h: everything the store asks of the operating system's files, as two interfaces. The one
-// implementation for production is fileio_posix.cpp; tests put a device of their own under the
-// store that loses, tears and refuses writes. Any thread, several at once on one file; the store
-// itself keeps writes to one range apart.
+// fileio.h: everything the store asks of the operating system's files, as two interfaces. The
+// implementations for production are fileio_posix.cpp and fileio_windows.cpp; tests put a device of
+// their own under the store that loses, tears and refuses writes. Any thread, several at once on
+// one file; the store itself keeps writes to one range apart.
 #pragma once
 
 #include "platform/platform.h"
@@ -68,8 +68,8 @@ public:
     virtual void* MapView(uint64_t offset_bytes, size_t size_bytes) = 0;
     virtual void UnmapView(void* view) = 0;
 
-    // The system's descriptor for asynchronous I/O, or -1: then the calls above are used.
-    virtual int Descriptor() const { return -1; }
+    // The system's descriptor or handle for asynchronous I/O, or -1: then the calls above are used.
+    virtual intptr_t Descriptor() const { return -1; }
 };
 
 enum class OpenFor { kRead, kReadIfPossibleWrite, kWrite };
@@ -106,9 +106,6 @@ public:
 
 // The directory `root` (UTF-8, absolute) as a volume; ERROR_PATH_NOT_FOUND when there is none.
 HRESULT OpenVolume(const std::string& root, std::shared_ptr<IVolume>& volume);
-
-// A failed system call's number as an HRESULT; 0 is S_OK.
-HRESULT HresultFromErrno(int error);
 
 // Bytes that nobody can guess.
 HRESULT RandomBytes(void* to, size_t size_bytes);

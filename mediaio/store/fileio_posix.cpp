@@ -26,6 +26,43 @@
 namespace zemstore {
 namespace {
 
+// A failed system call's number as an HRESULT; 0 is S_OK.
+HRESULT HresultFromErrno(int error) {
+    struct Row {
+        int error;
+        uint32_t code;
+    };
+    static constexpr Row kRows[] = {
+        {0, ERROR_SUCCESS},
+        {ENOENT, ERROR_FILE_NOT_FOUND},
+        {ENOTDIR, ERROR_DIRECTORY},
+        {EACCES, ERROR_ACCESS_DENIED},
+        {EPERM, ERROR_ACCESS_DENIED},
+        {EISDIR, ERROR_ACCESS_DENIED},
+        {ENXIO, ERROR_ACCESS_DENIED},
+        {ELOOP, ERROR_ACCESS_DENIED},
+        {EXDEV, ERROR_NOT_SAME_DEVICE},
+        {EROFS, ERROR_WRITE_PROTECT},
+        {EEXIST, ERROR_ALREADY_EXISTS},
+        {ENOTEMPTY, ERROR_DIR_NOT_EMPTY},
+        {ENOSPC, ERROR_DISK_FULL},
+        {EDQUOT, ERROR_DISK_FULL},
+        {EFBIG, ERROR_FILE_TOO_LARGE},
+        {EMFILE, ERROR_TOO_MANY_OPEN_FILES},
+        {ENFILE, ERROR_TOO_MANY_OPEN_FILES},
+        {ENOMEM, ERROR_NOT_ENOUGH_MEMORY},
+        {ENAMETOOLONG, ERROR_FILENAME_EXCED_RANGE},
+        {EINVAL, ERROR_INVALID_PARAMETER},
+        {ETXTBSY, ERROR_SHARING_VIOLATION},
+        {EBUSY, ERROR_BUSY},
+        {EIO, ERROR_IO_DEVICE},
+        {ECANCELED, ERROR_OPERATION_ABORTED},
+    };
+    for (const Row& row : kRows)
+        if (row.error == error) return HRESULT_FROM_WIN32(row.code);
+    return HRESULT_FROM_WIN32(ERROR_GEN_FAILURE);
+}
+
 class CDescriptor {
 public:
     explicit CDescriptor(int fd = -1) : m_fd(fd) {}
@@ -178,7 +215,7 @@ public:
         return MapFileView(m_fd.Get(), offset_bytes, size_bytes);
     }
     void UnmapView(void* view) override { UnmapFileView(view); }
-    int Descriptor() const override { return m_fd.Get(); }
+    intptr_t Descriptor() const override { return m_fd.Get(); }
 
 private:
     bool CachedByProbing(uint64_t first, uint64_t end);
@@ -489,42 +526,6 @@ HRESULT OpenVolume(const std::string& root, std::shared_ptr<IVolume>& volume) {
     }
     volume = std::make_shared<CPosixVolume>(std::move(fd));
     return S_OK;
-}
-
-HRESULT HresultFromErrno(int error) {
-    struct Row {
-        int error;
-        uint32_t code;
-    };
-    static constexpr Row kRows[] = {
-        {0, ERROR_SUCCESS},
-        {ENOENT, ERROR_FILE_NOT_FOUND},
-        {ENOTDIR, ERROR_DIRECTORY},
-        {EACCES, ERROR_ACCESS_DENIED},
-        {EPERM, ERROR_ACCESS_DENIED},
-        {EISDIR, ERROR_ACCESS_DENIED},
-        {ENXIO, ERROR_ACCESS_DENIED},
-        {ELOOP, ERROR_ACCESS_DENIED},
-        {EXDEV, ERROR_NOT_SAME_DEVICE},
-        {EROFS, ERROR_WRITE_PROTECT},
-        {EEXIST, ERROR_ALREADY_EXISTS},
-        {ENOTEMPTY, ERROR_DIR_NOT_EMPTY},
-        {ENOSPC, ERROR_DISK_FULL},
-        {EDQUOT, ERROR_DISK_FULL},
-        {EFBIG, ERROR_FILE_TOO_LARGE},
-        {EMFILE, ERROR_TOO_MANY_OPEN_FILES},
-        {ENFILE, ERROR_TOO_MANY_OPEN_FILES},
-        {ENOMEM, ERROR_NOT_ENOUGH_MEMORY},
-        {ENAMETOOLONG, ERROR_FILENAME_EXCED_RANGE},
-        {EINVAL, ERROR_INVALID_PARAMETER},
-        {ETXTBSY, ERROR_SHARING_VIOLATION},
-        {EBUSY, ERROR_BUSY},
-        {EIO, ERROR_IO_DEVICE},
-        {ECANCELED, ERROR_OPERATION_ABORTED},
-    };
-    for (const Row& row : kRows)
-        if (row.error == error) return HRESULT_FROM_WIN32(row.code);
-    return HRESULT_FROM_WIN32(ERROR_GEN_FAILURE);
 }
 
 HRESULT RandomBytes(void* to, size_t size_bytes) {

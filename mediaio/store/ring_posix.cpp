@@ -134,7 +134,7 @@ void CRingIo::Core::ArmWake() {
 // Turns the slot's request into a submission; what has no descriptor is done at once.
 void CRingIo::Core::Start(Slot& slot) {
     IoRequest& request = *slot.request;
-    const int fd = request.file->Descriptor();
+    const auto fd = static_cast<int>(request.file->Descriptor());
     if (request.op == IoOp::kRead && request.data == nullptr) request.data = slot.scratch;
     io_uring_sqe* sqe = fd < 0 ? nullptr : io_uring_get_sqe(&ring);
     if (sqe == nullptr) {
