@@ -56,36 +56,36 @@ std::string CheckRegistryFile(const std::string& path) {
 std::string CheckAddresses(const HostSettings& settings) {
     for (const std::string& address : settings.addresses)
         if (!IsIpAddress(address))
-            return "'" + address +
-                   "' is not an IP address; give one, such as 127.0.0.1, with --listen ADDRESS";
+            return "'" + address + "' is not an IP address; give one, such as 127.0.0.1, with " +
+                   kSettingAdvice.listen;
     return {};
 }
 
 std::string CheckVolume(const HostSettings& settings) {
     if (settings.volume.empty())
-        return "no volume root is set; give the directory that holds the media with --volume DIR";
+        return std::string("no volume root is set; give the directory that holds the media with ") +
+               kSettingAdvice.volume;
     std::error_code error;
     const std::string named = "the volume root '" + settings.volume + "' ";
+    const std::string advice = std::string(" or give another with ") + kSettingAdvice.volume;
     const std::filesystem::file_status status =
         std::filesystem::status(PathOf(settings.volume), error);
     if (status.type() == std::filesystem::file_type::not_found)
-        return named + "does not exist; create it or give another with --volume DIR";
+        return named + "does not exist; create it" + advice;
     if (error)
-        return named + "cannot be reached (" + error.message() +
-               "); change its rights or give another with --volume DIR";
+        return named + "cannot be reached (" + error.message() + "); change its rights" + advice;
     if (status.type() != std::filesystem::file_type::directory)
-        return named + "is not a directory; give one with --volume DIR";
+        return named + "is not a directory; give one with " + kSettingAdvice.volume;
     const std::filesystem::directory_iterator list(PathOf(settings.volume), error);
     if (error)
-        return named + "cannot be listed (" + error.message() +
-               "); change its rights or give another with --volume DIR";
+        return named + "cannot be listed (" + error.message() + "); change its rights" + advice;
     return {};
 }
 
 std::string ExplainStartFailure(const HostSettings& settings, int32_t hr) {
     if (settings.port == 0 || settings.port > 65535)
         return std::to_string(settings.port) +
-               " is not a port; give a number from 1 to 65535 with --port N";
+               " is not a port; give a number from 1 to 65535 with " + kSettingAdvice.port;
     std::vector<std::string> addresses = settings.addresses;
     if (addresses.empty()) addresses = {"0.0.0.0"};
     const std::string port = "port " + std::to_string(settings.port);
@@ -94,15 +94,13 @@ std::string ExplainStartFailure(const HostSettings& settings, int32_t hr) {
         switch (TryListening(address, static_cast<uint16_t>(settings.port))) {
             case ListenTrial::kTaken:
                 return place +
-                       " is taken by another program; stop that, or give another port with --port "
-                       "N";
+                       " is taken by another program; stop that, or give another port with " +
+                       kSettingAdvice.port;
             case ListenTrial::kForbidden:
-                return place +
-                       " may not be opened by this user; give a port above 1023 with --port N, or "
-                       "run zemhost as root";
+                return place + " may not be opened by this user; " + kSettingAdvice.permission;
             case ListenTrial::kNoSuchAddress:
-                return address +
-                       " is not an address of this machine; give one that is with --listen ADDRESS";
+                return address + " is not an address of this machine; give one that is with " +
+                       kSettingAdvice.listen;
             case ListenTrial::kWorks:
                 break;
         }

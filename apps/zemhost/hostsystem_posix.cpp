@@ -63,6 +63,17 @@ private:
 
 }  // namespace
 
+std::vector<std::string> ProgramArguments(int argc, char** argv) {
+    return {argv + 1, argv + argc};
+}
+
+std::optional<int> RunUnderSystem(const HostOptions&, const std::function<int()>&) {
+    return std::nullopt;
+}
+
+void TellReady() {}
+void TellFailure(const std::string&) {}
+
 void PrepareProcess() {
     const sigset_t signals = StopSignals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);

@@ -15,20 +15,13 @@
 
 namespace {
 
-enum ExitCode {
-    kStopped = 0,
-    kWrongCommandLine = 2,
-    kWrongSetting = 3,
-    kStartFailed = 4,
-    kStopFailed = 5,
-};
-
-constexpr uint32_t kLogFlush_ms = 1000;
+constexpr uint32_t kLogFlush_ms = 1000, kLogStop_ms = 2000;
 
 // Last on the terminal, after what the server wrote to its error log.
 int Fail(ExitCode code, const std::string& sentence) {
     ErrorLogFlush(kLogFlush_ms);
     std::fprintf(stderr, "zemhost: %s.\n", sentence.c_str());
+    TellFailure(sentence);
     return code;
 }
 
@@ -58,59 +51,73 @@ bool Listens(const HostSettings& settings) {
 int Serve(const HostSettings& settings) {
     CHttpCommandHandler* server = nullptr;
     const HRESULT hr = CreateZemHttpSvr(&server);
-    if (hr != S_OK || !server) return Fail(kStartFailed, ExplainStartFailure(settings, hr));
+    if (hr != S_OK || !server) return Fail(kExitStartFailed, ExplainStartFailure(settings, hr));
     if (!Listens(settings)) {
         DestroyZemHttpSvr(server);
-        return Fail(kStartFailed, "the server started but nobody answers at " + LocalUrl(settings) +
-                                      "; the error log says why");
+        return Fail(kExitStartFailed, "the server started but nobody answers at " +
+                                          LocalUrl(settings) + "; the error log says why");
     }
     std::printf("zemhost ready: %s/ (volume root %s)\n", LocalUrl(settings).c_str(),
                 settings.volume.c_str());
     std::fflush(stdout);
+    TellReady();
 
     const std::string name = WaitForStopSignal();
     std::printf("zemhost stops: %s\n", name.c_str());
     std::fflush(stdout);
     const HRESULT stopped = DestroyZemHttpSvr(server);
     if (FAILED(stopped))
-        return Fail(kStopFailed, "the server did not stop in order; see the error log");
-    return kStopped;
+        return Fail(kExitStopFailed, "the server did not stop in order; see the error log");
+    return kExitStopped;
 }
 
-int Run(const std::vector<std::string>& arguments) {
-    HostOptions options;
-    std::string problem = ParseOptions(arguments, options);
-    if (!problem.empty()) return Fail(kWrongCommandLine, problem);
-    if (options.help) {
-        std::fputs(HelpText().c_str(), stdout);
-        return kStopped;
-    }
-    if (options.version) {
-        std::printf("zemhost %s\n", kZemVersion);
-        return kStopped;
-    }
-
-    if (!options.registry.empty()) problem = CheckRegistryFile(options.registry);
-    if (!problem.empty()) return Fail(kWrongSetting, problem);
+int ServeAs(const HostOptions& options) {
     PrepareProcess();
     ApplyOptions(options);
     const HostSettings settings = ReadSettings(options);
     if (options.settings) {
         std::fputs(SettingsText(settings).c_str(), stdout);
-        return kStopped;
+        return kExitStopped;
     }
-    problem = CheckSettings(settings);
+    std::string problem = CheckSettings(settings);
     if (problem.empty() && !options.log.empty()) problem = UseLogFile(options.log);
-    if (!problem.empty()) return Fail(kWrongSetting, problem);
+    if (!problem.empty()) return Fail(kExitWrongSetting, problem);
     return Serve(settings);
+}
+
+int Run(const std::vector<std::string>& arguments) {
+    HostOptions options;
+    std::string problem = ParseOptions(arguments, options);
+    if (!problem.empty()) return Fail(kExitWrongCommandLine, problem);
+    if (options.help) {
+        std::fputs(HelpText().c_str(), stdout);
+        return kExitStopped;
+    }
+    if (options.version) {
+        std::printf("zemhost %s\n", kZemVersion);
+        return kExitStopped;
+    }
+    if (!options.registry.empty()) problem = CheckRegistryFile(options.registry);
+    if (!problem.empty()) return Fail(kExitWrongSetting, problem);
+    const auto serve = [&] { return ServeAs(options); };
+    const std::optional<int> code = RunUnderSystem(options, serve);
+    return code ? *code : serve();
+}
+
+// A failure that nobody expected is one to start.
+int RunGuarded(int argc, char** argv) {
+    try {
+        return Run(ProgramArguments(argc, argv));
+    } catch (const std::exception& error) {
+        return Fail(kExitStartFailed, error.what());
+    }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    try {
-        return Run(std::vector<std::string>(argv + 1, argv + argc));
-    } catch (const std::exception& error) {
-        return Fail(kStartFailed, error.what());
-    }
+    const int code = RunGuarded(argc, argv);
+    // Where a process' end ends its threads first, nobody would be left to write the log.
+    ErrorLogStop(kLogStop_ms);
+    return code;
 }

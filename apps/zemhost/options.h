@@ -6,10 +6,14 @@
 #include <string>
 #include <vector>
 
+// What the system's service control is asked for, where there is one.
+enum class ServiceAction { kNone, kInstall, kRemove, kRun };
+
 struct HostOptions {
     bool help = false;
     bool version = false;
     bool settings = false;
+    ServiceAction serviceAction = ServiceAction::kNone;
     std::string registry;
     std::string log;
     std::optional<std::string> volume;

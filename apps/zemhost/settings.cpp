@@ -1,21 +1,9 @@
 // settings.cpp: where each setting stands in the registry.
 #include "apps/zemhost/settings.h"
 
-#include "platform/platform.h"
+#include "apps/zemhost/registryplaces.h"
 
-namespace {
-
-struct RegistryPlace {
-    const WCHAR* key;
-    const WCHAR* value;
-};
-
-constexpr RegistryPlace kPortPlace = {TEXT("Software\\Quorvane Group\\ZEM"), TEXT("HttpPort")};
-constexpr RegistryPlace kVolumePlace = {TEXT("Software\\Quorvane Group\\RUD\\vfs"), TEXT("0")};
-constexpr RegistryPlace kListenPlace = {
-    TEXT("System\\CurrentControlSet\\Services\\HTTP\\Parameters"), TEXT("ListenOnlyList")};
-
-WString Widen(const std::string& text) {
+WString WidenText(const std::string& text) {
     WString wide(text.size(), 0);
     const int length = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
                                            wide.data(), static_cast<int>(wide.size()));
@@ -23,7 +11,7 @@ WString Widen(const std::string& text) {
     return wide;
 }
 
-std::string Narrow(const WString& text) {
+std::string NarrowText(const WString& text) {
     std::string narrow(text.size() * 3, 0);
     const int length =
         WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), narrow.data(),
@@ -32,10 +20,7 @@ std::string Narrow(const WString& text) {
     return narrow;
 }
 
-void Override(const RegistryPlace& place, DWORD type, const void* data, size_t bytes) {
-    const WString key = WString(TEXT("HKEY_LOCAL_MACHINE\\")) + place.key;
-    OverrideRegistryValue(key.c_str(), place.value, type, data, static_cast<DWORD>(bytes));
-}
+namespace {
 
 // The value's bytes when it exists and has one of two types.
 bool ReadValue(const RegistryPlace& place, DWORD type, DWORD otherType, std::string& bytes) {
@@ -68,10 +53,10 @@ std::vector<std::string> Texts(const std::string& bytes) {
             text += unit;
             continue;
         }
-        if (!text.empty()) texts.push_back(Narrow(text));
+        if (!text.empty()) texts.push_back(NarrowText(text));
         text.clear();
     }
-    if (!text.empty()) texts.push_back(Narrow(text));
+    if (!text.empty()) texts.push_back(NarrowText(text));
     return texts;
 }
 
@@ -94,26 +79,6 @@ std::string Joined(const std::vector<std::string>& texts) {
 }
 
 }  // namespace
-
-void ApplyOptions(const HostOptions& options) {
-    SetRegistryFile(options.registry.c_str());
-    if (options.port) {
-        const DWORD port = *options.port;
-        Override(kPortPlace, REG_DWORD, &port, sizeof port);
-    }
-    if (options.volume) {
-        const WString volume = Widen(*options.volume);
-        Override(kVolumePlace, REG_SZ, volume.c_str(), (volume.size() + 1) * sizeof(WCHAR));
-    }
-    if (options.listen) {
-        // A list of texts, each with its NUL, and one NUL more.
-        WString list = Widen(*options.listen);
-        for (WCHAR& unit : list)
-            if (unit == u',') unit = 0;
-        list.append(2, 0);
-        Override(kListenPlace, REG_MULTI_SZ, list.data(), list.size() * sizeof(WCHAR));
-    }
-}
 
 HostSettings ReadSettings(const HostOptions& options) {
     const auto source = [](bool option) {

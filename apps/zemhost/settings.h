@@ -19,6 +19,15 @@ struct HostSettings {
     SettingSource volumeSource = SettingSource::kDefault;
 };
 
+// What the sentences about a wrong setting advise: "give another with ...".
+struct SettingAdvice {
+    const char* port;
+    const char* listen;
+    const char* volume;
+    const char* permission;
+};
+extern const SettingAdvice kSettingAdvice;
+
 // Names the registry file and lays the options over it, for this process.
 void ApplyOptions(const HostOptions& options);
 

@@ -162,3 +162,7 @@ bool ErrorLogConfigure(const ErrorLogSettings& settings, std::string* problem) {
 bool ErrorLogFlush(uint32_t timeout_ms) {
     return CErrorLogSink::Instance().Flush(std::chrono::milliseconds(timeout_ms));
 }
+
+void ErrorLogStop(uint32_t timeout_ms) {
+    CErrorLogSink::Instance().Stop(std::chrono::milliseconds(timeout_ms));
+}

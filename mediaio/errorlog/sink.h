@@ -44,4 +44,9 @@ bool ErrorLogConfigure(const ErrorLogSettings& settings, std::string* problem);
 // time ran out.
 bool ErrorLogFlush(uint32_t timeout_ms);
 
+// Writes what is queued and ends the writer; what is logged afterwards is lost. For the end of a
+// process, where its end would end the writer first. Waits at most that long; calling it twice is
+// harmless.
+void ErrorLogStop(uint32_t timeout_ms);
+
 #pragma GCC visibility pop

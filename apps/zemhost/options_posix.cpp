@@ -1,0 +1,80 @@
+// options_posix.cpp: the options that lay settings over the registry file, where the registry is
+// the platform layer's own.
+#include <charconv>
+
+#include "apps/zemhost/optiontable.h"
+#include "apps/zemhost/registryplaces.h"
+#include "apps/zemhost/settings.h"
+
+namespace {
+
+std::string SetPort(HostOptions& options, const std::string& value) {
+    uint16_t port = 0;
+    const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), port);
+    if (error != std::errc() || end != value.data() + value.size() || port == 0)
+        return "'" + value + "' is not a port; give a number from 1 to 65535 with --port";
+    options.port = port;
+    return {};
+}
+
+constexpr Option kOptions[] = {
+    {"--registry", "FILE", "settings, in the registry editor's export format",
+     [](HostOptions& options, const std::string& value) {
+         options.registry = value;
+         return std::string();
+     }},
+    {"--listen", "ADDRESS", "IP address to listen on, or several with commas between them",
+     [](HostOptions& options, const std::string& value) {
+         options.listen = value;
+         return std::string();
+     }},
+    {"--port", "N", "TCP port", SetPort},
+    {"--volume", "DIR", "directory that holds the media",
+     [](HostOptions& options, const std::string& value) {
+         options.volume = value;
+         return std::string();
+     }},
+};
+
+void Override(const RegistryPlace& place, DWORD type, const void* data, size_t bytes) {
+    const WString key = WString(TEXT("HKEY_LOCAL_MACHINE\\")) + place.key;
+    OverrideRegistryValue(key.c_str(), place.value, type, data, static_cast<DWORD>(bytes));
+}
+
+}  // namespace
+
+std::span<const Option> SystemOptions() {
+    return kOptions;
+}
+
+const SystemHelp kSystemHelp = {
+    "Makes the media of a volume reachable over HTTP, until SIGINT or SIGTERM; a second signal "
+    "ends it at once.\n",
+    "Options come before the registry file. Without --registry the file is the one that the "
+    "environment variable\n"
+    "ZEM_REGISTRY names, else /etc/zemhttpd/zemhttpd.reg. Without any setting the port is "
+    "80 on every address.\n"};
+
+const SettingAdvice kSettingAdvice = {
+    "--port N", "--listen ADDRESS", "--volume DIR",
+    "give a port above 1023 with --port N, or run zemhost as root"};
+
+void ApplyOptions(const HostOptions& options) {
+    SetRegistryFile(options.registry.c_str());
+    if (options.port) {
+        const DWORD port = *options.port;
+        Override(kPortPlace, REG_DWORD, &port, sizeof port);
+    }
+    if (options.volume) {
+        const WString volume = WidenText(*options.volume);
+        Override(kVolumePlace, REG_SZ, volume.c_str(), (volume.size() + 1) * sizeof(WCHAR));
+    }
+    if (options.listen) {
+        // A list of texts, each with its NUL, and one NUL more.
+        WString list = WidenText(*options.listen);
+        for (WCHAR& unit : list)
+            if (unit == u',') unit = 0;
+        list.append(2, 0);
+        Override(kListenPlace, REG_MULTI_SZ, list.data(), list.size() * sizeof(WCHAR));
+    }
+}

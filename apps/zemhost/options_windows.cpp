@@ -1,0 +1,45 @@
+// options_windows.cpp: the options of a program that can be a service. Settings are the registry's
+// own.
+#include "apps/zemhost/optiontable.h"
+#include "apps/zemhost/settings.h"
+
+namespace {
+
+constexpr Option kOptions[] = {
+    {"--install", nullptr,
+     "install the service 'zemhost', started with the system; --log becomes the service's",
+     [](HostOptions& options, const std::string&) {
+         options.serviceAction = ServiceAction::kInstall;
+         return std::string();
+     }},
+    {"--remove", nullptr, "stop and remove the service",
+     [](HostOptions& options, const std::string&) {
+         options.serviceAction = ServiceAction::kRemove;
+         return std::string();
+     }},
+    {"--service", nullptr, "run as the service; only the system's service control does this",
+     [](HostOptions& options, const std::string&) {
+         options.serviceAction = ServiceAction::kRun;
+         return std::string();
+     }},
+};
+
+}  // namespace
+
+std::span<const Option> SystemOptions() {
+    return kOptions;
+}
+
+const SystemHelp kSystemHelp = {
+    "Makes the media of a volume reachable over HTTP, until Ctrl-C; a second one ends it at "
+    "once.\n",
+    "Settings stand in the registry (zemhttpd.reg lists them). Without any setting the port is 80 "
+    "on "
+    "every address.\n"};
+
+const SettingAdvice kSettingAdvice = {
+    "the registry value HttpPort", "the registry value ListenOnlyList",
+    "the registry value 0 of RUD\\vfs",
+    "reserve its URLs for this user with netsh http add urlacl, or run zemhost as administrator"};
+
+void ApplyOptions(const HostOptions&) {}
