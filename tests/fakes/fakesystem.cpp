@@ -103,6 +103,12 @@ BOOL __wrap_GetQueuedCompletionStatus(HANDLE port, LPDWORD bytes, PULONG_PTR key
     const CAllocationFaultPause pause;
     CFakeSystem* system = g_system;
     if (!system) return __real_GetQueuedCompletionStatus(port, bytes, key, overlapped, timeout_ms);
+    // Who does not wait for ever waits for what a closed queue leaves, and that is there already.
+    if (timeout_ms != INFINITE && system->Empty()) {
+        *overlapped = nullptr;
+        SetLastError(WAIT_TIMEOUT);
+        return FALSE;
+    }
     const CFakeSystem::Packet packet = system->Take();
     *bytes = 0;
     *key = packet.key;
@@ -130,6 +136,7 @@ BOOL __wrap_CloseHandle(HANDLE handle) {
     if (!system) return __real_CloseHandle(handle);
     if (handle == kQueue || handle == kPort) {
         system->Note(handle == kQueue ? "CloseHandle queue" : "CloseHandle port");
+        if (handle == kQueue) system->AbortReceives();
         return TRUE;
     }
     system->Note("CloseHandle");
@@ -196,6 +203,15 @@ bool CFakeSystem::Happened(const std::string& event) const {
 void CFakeSystem::AddReceive(const Receive& receive) {
     const std::lock_guard lock(m_lock);
     m_receives.push_back(receive);
+    m_pending.insert(receive.overlapped);
+    m_changed.notify_all();
+}
+
+void CFakeSystem::AbortReceives() {
+    const std::lock_guard lock(m_lock);
+    for (OVERLAPPED* overlapped : m_pending)
+        m_packets.push_back({overlapped, portKey, ERROR_OPERATION_ABORTED});
+    m_pending.clear();
     m_changed.notify_all();
 }
 
@@ -212,6 +228,7 @@ size_t CFakeSystem::ReceiveCount() const {
 
 void CFakeSystem::Complete(OVERLAPPED* overlapped, ULONG_PTR key, DWORD error) {
     const std::lock_guard lock(m_lock);
+    m_pending.erase(overlapped);
     m_packets.push_back({overlapped, key, error});
     m_changed.notify_all();
 }
@@ -226,6 +243,11 @@ CFakeSystem::Packet CFakeSystem::Take() {
     m_packets.pop_front();
     m_changed.notify_all();
     return packet;
+}
+
+bool CFakeSystem::Empty() const {
+    const std::lock_guard lock(m_lock);
+    return m_packets.empty();
 }
 
 void CFakeSystem::WaitUntilIdle(int workers) {

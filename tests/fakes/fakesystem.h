@@ -9,6 +9,7 @@
 #include <deque>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -54,7 +55,9 @@ public:
     };
     ULONG Note(const std::string& event);  // its error
     void AddReceive(const Receive& receive);
+    void AbortReceives();  // what a closed queue does
     Packet Take();
+    bool Empty() const;
     int workersStarted = 0;
 
 private:
@@ -62,6 +65,7 @@ private:
     std::condition_variable m_changed;
     std::vector<std::string> m_events;
     std::vector<Receive> m_receives;
+    std::set<OVERLAPPED*> m_pending;  // receives that have not completed
     std::deque<Packet> m_packets;
     int m_waiting = 0;
 };

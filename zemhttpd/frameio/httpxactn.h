@@ -155,6 +155,7 @@ public:
     CHttpXaction* Owns(const OVERLAPPED* overlapped) const;
     void ReceivePosted();    // issuer, after each receive that was taken
     void ReceivePickedUp();  // worker, for each completed receive
+    bool AnyPosted() const { return m_posted.load() > 0; }
 
     int Count() const { return m_count; }
     int FreeCount();

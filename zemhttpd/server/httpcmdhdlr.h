@@ -171,6 +171,7 @@ private:
     void StartThreads(CZemEntry& scope);
     void StopLongThreads();
     void CloseHttp();
+    bool TakeBackReceives();
     void DeleteRemainingClients();
     DWORD ConcurrentWorkers() const;
     LONGLONG ServiceRequests();  // a worker's loop; the number of requests when told to stop,

@@ -31,6 +31,8 @@ constexpr DWORD kOrdinaryAllocator_bytes = 0x7800000;
 constexpr int kFileServerXactions = 1500;
 constexpr int kOrdinaryXactions = 300;
 
+constexpr DWORD kTakeBack_ms = 5000;  // from one aborted receive to the next
+
 HRESULT LastErrorAsHresult() {
     return HRESULT_FROM_WIN32(GetLastError());
 }
@@ -188,11 +190,12 @@ void CHttpCommandHandler::Shutdown() {
         // their channel.
         m_framePool->WaitUntilIdle();
         CloseHttp();
+        const bool allBack = TakeBackReceives();
         if (m_completionPort) {
             CloseHandle(m_completionPort);
             m_completionPort = nullptr;
         }
-        delete m_xactionPool;
+        if (allBack) delete m_xactionPool;  // else the system may still write into a block
         m_xactionPool = nullptr;
         DeleteRemainingClients();
         delete m_allocator;
@@ -231,6 +234,21 @@ void CHttpCommandHandler::CloseHttp() {
         HttpTerminate(HTTP_INITIALIZE_SERVER, nullptr);
         m_httpInitialized = false;
     }
+}
+
+// The system owns a block until its receive has completed, be it aborted by the closed queue.
+// False: one does not come back.
+bool CHttpCommandHandler::TakeBackReceives() {
+    while (m_completionPort && m_xactionPool && m_xactionPool->AnyPosted()) {
+        DWORD moved_bytes = 0;
+        ULONG_PTR key = 0;
+        OVERLAPPED* overlapped = nullptr;
+        const BOOL ok = GetQueuedCompletionStatus(m_completionPort, &moved_bytes, &key, &overlapped,
+                                                  kTakeBack_ms);
+        if (!ok && !overlapped) return false;
+        if (overlapped && m_xactionPool->Owns(overlapped)) m_xactionPool->ReceivePickedUp();
+    }
+    return true;
 }
 
 void CHttpCommandHandler::DeleteRemainingClients() {
