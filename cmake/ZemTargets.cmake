@@ -4,11 +4,31 @@ add_library(zem_options INTERFACE)
 target_compile_options(zem_options INTERFACE
     -Wall -Wextra -Wconversion -Wshadow -Wnon-virtual-dtor -Wno-unknown-pragmas)
 target_include_directories(zem_options INTERFACE ${CMAKE_SOURCE_DIR})
+if(WIN32)  # whatever a source includes before platform.h
+    target_compile_definitions(zem_options INTERFACE UNICODE _UNICODE WIN32_LEAN_AND_MEAN NOMINMAX)
+endif()
 if(ZEM_SANITIZE)
     target_compile_options(zem_options INTERFACE
         -fsanitize=${ZEM_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
     target_link_options(zem_options INTERFACE -fsanitize=${ZEM_SANITIZE})
 endif()
+
+# Sources that only one system has end in _posix.cpp or _windows.cpp: ${ZEM_SYSTEM} is the one that is built for. The
+# rest of the tree does not ask.
+if(WIN32)
+    set(ZEM_SYSTEM windows)
+else()
+    set(ZEM_SYSTEM posix)
+endif()
+
+# zem_never_unload(TARGET): threads of the module may still run when its last user is gone.
+function(zem_never_unload name)
+    if(WIN32)
+        target_sources(${name} PRIVATE ${CMAKE_SOURCE_DIR}/platform/windows/keeploaded.cpp)
+    else()
+        target_link_options(${name} PRIVATE -Wl,-z,nodelete)
+    endif()
+endfunction()
 
 # zem_library(NAME SHARED|STATIC|OBJECT SOURCES... [LIBS...]): a library of ours.
 function(zem_library name kind)

@@ -39,7 +39,12 @@ breach 'a line over 100 columns:' "$(
 # Nothing falls out of the build.
 if [ -f "$build/compile_commands.json" ]; then
     breach 'a source file that nothing compiles:' "$(
-        find zemhttpd mediaio platform apps tests -name '*.cpp' | while read -r file; do
+        # What only the other system has is compiled, and looked at, in that system's build.
+        other='_windows\.cpp$|^platform/windows/|^tests/windows/'
+        if grep -q '_windows\.cpp"' "$build/compile_commands.json"; then
+            other='posix|^apps/zem/|^tests/'
+        fi
+        find zemhttpd mediaio platform apps tests -name '*.cpp' | grep -vE "$other" | while read -r file; do
             grep -qF "/$file\"" "$build/compile_commands.json" || echo "$file"
         done)"
 fi
