@@ -92,7 +92,7 @@ class OpenCreateClose(FilesCase):
         os.mkfifo(self.path('fifo'))
         for name in ('..', '../outside/a', 'a/../../outside/a', '..\\outside\\a', '/etc/hostname', '\\etc\\hostname',
                      'C:\\a', 'C:a', '\\\\server\\share\\a', 'a:stream', 'CON', 'nul.txt', 'a/LPT1', 'link/a', 'link',
-                     'fifo', self.server.volume + 'x/a', self.server.volume + '/../outside/a'):
+                     'fifo', self.server.root + 'x/a', self.server.root + '/../outside/a'):
             self.create(client, name, library=E_ACCESSDENIED)
             if not name.startswith('link/'):
                 self.open(client, name, library=E_ACCESSDENIED)
@@ -107,7 +107,7 @@ class OpenCreateClose(FilesCase):
         self.create(client, 'n' * 256, library=win32(206))
         self.assertEqual(os.listdir(outside), [])
         # An absolute name below the root is inside.
-        token = self.create(client, self.server.volume + '/absolute')
+        token = self.create(client, self.server.root + '/absolute')
         self.close_file(client, token)
         self.assertTrue(os.path.isfile(self.path('absolute')))
 
@@ -339,7 +339,7 @@ class FileSystem(FilesCase):
     def test_space(self):
         client = self.join()
         os.mkdir(self.path('folder'))
-        for name in ('', 'folder', '.', self.server.volume):
+        for name in ('', 'folder', '.', self.server.root):
             reply = self.space(client, name)
             disk = os.statvfs(self.server.volume)
             self.assertEqual(reply.long(8), disk.f_blocks * disk.f_frsize)

@@ -16,7 +16,7 @@ class PagesCase(ExactCase):
     def setUpClass(cls):
         super().setUpClass()
         cls.connection = Connection(cls.server.port)
-        cls.host = '127.0.0.1:%d' % cls.server.port
+        cls.host = host_of(cls.server.port)
         # The trace flag is read at a join; channel 255 leaves no client.
         client = Client(cls.server.port, 'flag')
         client.join(255)
@@ -55,7 +55,7 @@ class PagesCase(ExactCase):
         if callable(body):
             body = body(reply)
         self.assert_headers(reply, [('Content-Type', 'text/plain'), ('Server', SERVER_NAME),
-                                    ('X-ServerName', socket.gethostname()), ('Content-Length', str(len(body)))])
+                                    ('X-ServerName', computer_name()), ('Content-Length', str(len(body)))])
         self.assertEqual(reply.body, body)
         return reply
 
@@ -81,13 +81,13 @@ class PagesCase(ExactCase):
                   % full, line)])
 
     def full_get(self, shown):
-        return self.server.volume + '\\' + shown if self.server.volume else shown
+        return self.server.root + '\\' + shown if self.server.root else shown
 
     def no_delete(self, path, shown=None):
         reply = self.raw(path, 'DELETE')
         self.assert_no_body(reply, 400, 'Bad Request')
         shown = path if shown is None else shown
-        root = self.server.volume + '\\' if self.server.volume else ''
+        root = self.server.root + '\\' if self.server.root else ''
         self.assert_log([Error(E_UNEXPECTED, 'SendHttpDeleteResponse', self.host +
                                ": Unable to get file attributes for '%s'" % (root + '\\' + shown)[:259], 3323)])
 
@@ -244,7 +244,7 @@ class Download(PagesCase):
         self.assertTrue(os.path.islink(os.path.join(media, 'link')))
 
     def test_paths_of_259_characters_and_more(self):
-        root = len(self.server.volume) + 1
+        root = len(self.server.root) + 1
         for length in (258, 259, 260, 261, 400):
             rest = length - root - len('/media/')
             name = 'p' * 100 + '/' + 'q' * (rest - 101) if rest <= 300 else 'p' * 100 + '/' + 'q' * 200 + '/' + 'r' * (
@@ -269,7 +269,7 @@ class Download(PagesCase):
         reply = self.raw(path, 'DELETE')
         self.assertEqual((reply.status, reply.reason, reply.body), (200, 'OK', b''))
         self.assert_headers(reply, [('Content-Length', '0')])
-        self.assert_log([Trace("%s: Deleting file '%s\\\\%s'..." % (self.host, self.server.volume, shown or path))])
+        self.assert_log([Trace("%s: Deleting file '%s\\\\%s'..." % (self.host, self.server.root, shown or path))])
 
     def test_delete(self):
         path = self.put('old.txt')
@@ -357,7 +357,7 @@ class Permissions(PagesCase):
         os.chmod(folder, 0o555)
         reply = self.raw('/media/kept/file', 'DELETE')
         self.assert_no_body(reply, 400, 'Bad Request')
-        full = '%s\\\\/media/kept/file' % self.server.volume
+        full = '%s\\\\/media/kept/file' % self.server.root
         self.assert_log([Trace("%s: Deleting file '%s'..." % (self.host, full)),
                          Error(E_ACCESSDENIED, 'SendHttpDeleteResponse',
                                "%s: Error deleting file '%s'" % (self.host, full), 3329)])

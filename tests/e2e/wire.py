@@ -95,10 +95,27 @@ class Reply:
         return struct.unpack_from('<Q', self.body, 12 + offset)[0]
 
 
+def frame_bytes(wanted):
+    """The size of a frame that a test wants to write: less where the system does not take as much in one request."""
+    return wanted
+
+
+def host_of(port):
+    """The host as the server's log has it."""
+    return '127.0.0.1:%d' % port
+
+
+def computer_name():
+    return socket.gethostname()
+
+
 class Connection:
     """One HTTP/1.1 connection with the response read by hand."""
 
+    rewrite = None  # what becomes of the bytes of a request: a system may ask for another Host
+
     def __init__(self, port, timeout_s=30):
+        self.port = port
         self.socket = socket.create_connection(('127.0.0.1', port), timeout=timeout_s)
         self.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self.buffer = b''
@@ -107,7 +124,7 @@ class Connection:
         self.socket.close()
 
     def send(self, data):
-        self.socket.sendall(data)
+        self.socket.sendall(self.rewrite(data) if self.rewrite else data)
 
     def _fill(self):
         more = self.socket.recv(1 << 20)
@@ -200,6 +217,8 @@ def free_port():
 class Server:
     """A zemhost of its own: temporary volume, registry file and log."""
 
+    stop_signal = signal.SIGTERM
+
     def __init__(self, program, file_server=False, trace=False, settings=(), environment=None, volume='volume',
                  user=None):
         """`volume`: a folder inside the temporary one, made if it is 'volume'; '' for an empty value, None for no
@@ -207,6 +226,7 @@ class Server:
         self.program = program
         self.folder = tempfile.mkdtemp(prefix='zem-e2e-')
         self.volume = os.path.join(self.folder, volume) if volume else volume
+        self.root = self.named(self.volume)
         if volume == 'volume':
             os.mkdir(self.volume)
         self.log = os.path.join(self.folder, 'log')
@@ -221,8 +241,15 @@ class Server:
         self.process = None
         self.start()
 
+    def named(self, path):
+        """A path as the server names it."""
+        return path
+
+    def command(self):
+        return [self.program, '--registry', self.registry, '--listen', '127.0.0.1', '--log', self.log]
+
     def write_registry(self):
-        quoted = (self.volume or '').replace('\\', '\\\\')
+        quoted = (self.root or '').replace('\\', '\\\\')
         values = ['"HttpPort"=dword:%08x' % self.port, '"HttpFileServer"=dword:%08x' % self.file_server]
         values += self.settings
         text = ['Windows Registry Editor Version 5.00', '',
@@ -242,8 +269,7 @@ class Server:
             self.port = free_port()
             self.write_registry()
             self.process = subprocess.Popen(
-                [self.program, '--registry', self.registry, '--listen', '127.0.0.1', '--log', self.log],
-                stdout=subprocess.PIPE, stderr=subprocess.STDOUT, env=self.environment, user=self.user)
+                self.command(), stdout=subprocess.PIPE, stderr=subprocess.STDOUT, env=self.environment, user=self.user)
             line = self.process.stdout.readline().decode()
             if 'ready' in line:
                 self.drain = threading.Thread(target=self.process.stdout.read, daemon=True)
@@ -264,7 +290,7 @@ class Server:
 
     def stop(self, timeout_s=60):
         if self.process.poll() is None:
-            self.process.terminate()
+            self.process.send_signal(self.stop_signal)
         code = self.process.wait(timeout_s)
         self.drain.join()
         self.process.stdout.close()
