@@ -3,6 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <type_traits>
+
+#include "mediaio/zemchannelio.h"
+#include "tests/fakes/slot.h"
 #include "zemhttpd/commands/commandtable.h"
 
 namespace {
@@ -124,6 +128,59 @@ TEST_F(Wire, ANameNeedsItsNulInsideTheField) {
     EXPECT_TRUE(IsTerminated(names));
     std::fill(std::begin(names.auxName), std::end(names.auxName), TEXT('x'));
     EXPECT_FALSE(IsTerminated(names));
+}
+
+// Modules of a host are called by these slots; a destructor takes two.
+TEST(MediaInterface, OperationsStandInTheirOrder) {
+    using Io = CZemIo;
+    using Text = const WCHAR*;
+    using Type = MediaFileType;
+    size_t slot = 2;
+    EXPECT_EQ(Slot(&Io::CreateFileW), slot++);
+    EXPECT_EQ(Slot(&Io::OpenFile), slot++);
+    EXPECT_EQ(
+        Slot<HRESULT (Io::*)(ULONGLONG, DWORD, VioFrameRate_t, DWORD&, void*)>(&Io::ReadFrame),
+        slot++);
+    EXPECT_EQ(Slot<HRESULT (Io::*)(ZemIoDesc&)>(&Io::ReadFrame), slot++);
+    EXPECT_EQ(Slot(&Io::ReadFrameComplete), slot++);
+    EXPECT_EQ(Slot(&Io::GetWriteFrameBuffers), slot++);
+    EXPECT_EQ(Slot(&Io::WriteFrame), slot++);
+    EXPECT_EQ(Slot(&Io::CloseFile), slot++);
+    EXPECT_EQ(Slot<HRESULT (Io::*)(Text, Text, Type, DWORD, ZemEsDesc&)>(&Io::GetFileInfo), slot++);
+    EXPECT_EQ(Slot<HRESULT (Io::*)(ULONGLONG, ZemEsDesc&)>(&Io::GetFileInfo), slot++);
+    EXPECT_EQ(Slot<HRESULT (Io::*)(Text, Text, Type, DWORD, DWORD, LONG, ZemFrameDesc*)>(
+                  &Io::GetFrameDesc),
+              slot++);
+    EXPECT_EQ(Slot<HRESULT (Io::*)(ULONGLONG, DWORD, LONG, ZemFrameDesc*, VioFrameRate_t)>(
+                  &Io::GetFrameDesc),
+              slot++);
+    EXPECT_EQ(Slot(&Io::FlushBuffers), slot++);
+    EXPECT_EQ(Slot<HRESULT (Io::*)(ULONGLONG, DWORD&, DWORD&)>(&Io::GetFileMarks), slot++);
+    EXPECT_EQ(Slot<HRESULT (Io::*)(Text, Text, Type, DWORD, DWORD&, DWORD&)>(&Io::GetFileMarks),
+              slot++);
+    EXPECT_EQ(Slot(&Io::StripeTimecode), slot++);
+    EXPECT_EQ(Slot(&Io::GetClientId), slot++);
+    EXPECT_EQ(Slot(&Io::Connect), slot++);
+    EXPECT_EQ(Slot(&Io::Disconnect), slot++);
+    EXPECT_EQ(Slot(&Io::SetRemoteIoRealTime), slot++);
+    EXPECT_EQ(Slot(&Io::SetIoRealTime), slot++);
+    EXPECT_EQ(Slot(&Io::EraseSegment), slot++);
+    EXPECT_EQ(Slot(&Io::QueryFileSystemSpace), slot++);
+    EXPECT_EQ(Slot(&Io::GetFileAttributesW), slot++);
+    EXPECT_EQ(Slot(&Io::DeleteFileW), slot++);
+    EXPECT_EQ(Slot(&Io::GetFileSize), slot++);
+    EXPECT_EQ(Slot(&Io::CreateDirectoryW), slot++);
+    EXPECT_EQ(Slot(&Io::MoveFileW), slot++);
+}
+
+TEST(MediaInterface, TheAttributeUpdateIsTheFourthEntryOfTheChannelsOwnTable) {
+    EXPECT_EQ(Slot(&IZemChannel::UpdateChannelConfigInt), 2u);
+    EXPECT_EQ(Slot(&IZemChannel::UpdateChannelConfigAttr), 3u);
+    // The channel's own table comes first in the object, the base I/O class brings its own.
+    EXPECT_FALSE((std::is_base_of_v<CZemIo, IZemChannel>));
+    CZemChannelIo channel(1);
+    EXPECT_EQ(static_cast<void*>(static_cast<IZemChannel*>(&channel)),
+              static_cast<void*>(&channel));
 }
 
 }  // namespace

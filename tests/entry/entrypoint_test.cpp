@@ -4,6 +4,7 @@
 
 #include "tests/fakes/fakeerrorlog.h"
 #include "tests/fakes/fakehttp.h"
+#include "tests/fakes/slot.h"
 
 #include <gtest/gtest.h>
 
@@ -479,15 +480,6 @@ TEST_F(EntryPoint, EventFailuresAreEFail) {
     EXPECT_EQ(scope.WriteEventLog(TEXT("Z"), 4, S_OK, TEXT("a"), 1, TEXT("m")), E_FAIL);
     EXPECT_EQ(events.reported, 1);
     EXPECT_EQ(events.deregistered, 1);
-}
-
-// A pointer to a virtual member function holds its slot; other modules call by it.
-template <class Function>
-size_t Slot(Function function) {
-    uintptr_t words[2];
-    static_assert(sizeof(words) == sizeof(function));
-    std::memcpy(words, &function, sizeof(words));
-    return (words[0] - 1) / sizeof(void*);
 }
 
 TEST_F(EntryPoint, SlotOrderIsFixed) {
