@@ -9,6 +9,7 @@
 #include "platform/posix/http_background.h"
 #include "platform/posix/http_clock.h"
 #include "platform/posix/http_connection.h"
+#include "platform/posix/http_limits.h"
 #include "platform/posix/http_queue.h"
 #include "platform/posix/http_tuning.h"
 
@@ -28,6 +29,7 @@ ULONG CHttpConnection::ReadBody(char* to, ULONG size, bool fill, bool may_wait, 
     char* const end = to + size;
     uint64_t idle_from = ClockMs();
     ULONG error = NO_ERROR;
+    if (size >= kLongBytes && may_wait) m_queue->Port()->Invite();
     while (error == NO_ERROR && to != end) {
         if (const size_t held = m_body_end - m_body_begin) {
             const size_t n = std::min(held, static_cast<size_t>(end - to));

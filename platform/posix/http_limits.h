@@ -30,6 +30,7 @@ inline constexpr uint32_t kLowWaterBytes = 1u << 20;
 
 inline constexpr int kPipelineTurn = 16;               // requests before others get their turn
 inline constexpr size_t kTurnBytes = 1u << 20;         // sent or discarded before others get theirs
+inline constexpr uint64_t kLongBytes = 256 * 1024;     // others need not wait behind this much
 inline constexpr size_t kCopyAtOnceBytes = 64 * 1024;  // a rest this small is never waited for
 
 }  // namespace posix

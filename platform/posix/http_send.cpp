@@ -11,6 +11,7 @@
 #include "platform/posix/http_background.h"
 #include "platform/posix/http_clock.h"
 #include "platform/posix/http_connection.h"
+#include "platform/posix/http_limits.h"
 #include "platform/posix/http_queue.h"
 #include "platform/posix/http_response.h"
 #include "platform/posix/http_tuning.h"
@@ -33,6 +34,7 @@ ULONG CHttpConnection::SendPieces(CSendCursor& cursor, uint64_t* sent) {
     uint64_t whole = 0;
     for (size_t i = 0; i < cursor.Count(); ++i)
         whole += cursor.Pieces()[i].bytes;
+    if (whole >= kLongBytes) m_queue->Port()->Invite();
     for (;;) {
         const uint64_t before = *sent;
         const ESent result = cursor.Advance(m_fd, sent);

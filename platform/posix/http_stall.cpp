@@ -46,6 +46,7 @@ bool CHttpConnection::IsStalled(uint64_t now) {
 // False: the client is stalled, its time is up, or the queue is closing.
 bool CHttpConnection::WaitSocket(short events, uint64_t until_ms) {
     const CBlocked blocked;
+    CWorkerSeats::StandUp();
     for (;;) {
         const uint64_t now = ClockMs();
         if (m_queue->Closing() || IsStalled(now) || now >= until_ms) return false;

@@ -11,8 +11,9 @@ extern "C" {
 // FileHandle INVALID_HANDLE_VALUE and ExistingCompletionPort null: a new port. FileHandle a request
 // queue: binds it under CompletionKey to the given port, or to a new one, which is returned. Null
 // with ERROR_INVALID_HANDLE for other kinds of handle, ERROR_INVALID_PARAMETER for a queue that is
-// bound already or has URLs already. NumberOfConcurrentThreads is not a limit here: every thread
-// that waits may run.
+// bound already or has URLs already. NumberOfConcurrentThreads is not a limit here: of the threads
+// that wait for ever as many run as the work keeps busy, and one more for each that waits
+// elsewhere.
 HANDLE CreateIoCompletionPort(HANDLE FileHandle, HANDLE ExistingCompletionPort,
                               ULONG_PTR CompletionKey, DWORD NumberOfConcurrentThreads) noexcept;
 

@@ -60,6 +60,7 @@ CCompletionPort::~CCompletionPort() {
 
 void CCompletionPort::OnClose() {
     m_closed.store(true);
+    m_seats->Close();
     WakeOne();
 }
 
@@ -69,10 +70,16 @@ bool CCompletionPort::IsWorkerHere() const {
 
 CCompletionPort::EGot CCompletionPort::Get(CPacket& packet, DWORD timeout_ms) {
     t_port = this;
+    // Who will not wait for ever is not counted on.
+    const bool stays = timeout_ms == INFINITE;
+    if (stays) m_seats->Sit(*this);
     const uint64_t deadline = timeout_ms == INFINITE || timeout_ms == 0 ? 0 : NowMs() + timeout_ms;
     bool woken = true;
     for (;;) {
-        if (m_packet_count.load() > 0 && TakePacket(packet)) return EGot::Packet;
+        if (m_packet_count.load() > 0 && TakePacket(packet)) {
+            if (stays) m_seats->NoteWork();
+            return EGot::Packet;
+        }
         if (m_closed.load()) {
             WakeOne();
             return EGot::Closed;
@@ -87,10 +94,15 @@ CCompletionPort::EGot CCompletionPort::Get(CPacket& packet, DWORD timeout_ms) {
                 const uint64_t now = NowMs();
                 if (now >= deadline) return EGot::Timeout;
                 wait = static_cast<int>(std::min<uint64_t>(deadline - now, 1u << 30));
+            } else if (!m_seats->IsLast()) {
+                wait = CWorkerSeats::kIdleMs;
             }
             target = Wait(wait, true, woken);
+            if (!target && !woken && stays) m_seats->Rest(*this);
         }
-        if (target && target->Run(packet)) return EGot::Packet;
+        if (!target) continue;
+        if (stays) m_seats->NoteWork();
+        if (target->Run(packet)) return EGot::Packet;
     }
 }
 
@@ -125,8 +137,10 @@ CPollTarget* CCompletionPort::Wait(int timeout_ms, bool may_sleep, bool& woken) 
 
 CPollTarget* CCompletionPort::ClaimEvents(const epoll_event* events, int count) {
     CPollTarget* first = nullptr;
+    bool woken = false;
     for (int i = 0; i < count; ++i) {
         auto* target = static_cast<CPollTarget*>(events[i].data.ptr);
+        woken |= target == &m_wake_target;
         if (!target->Claim(events[i].events)) continue;
         if (!first) {
             first = target;
@@ -134,6 +148,8 @@ CPollTarget* CCompletionPort::ClaimEvents(const epoll_event* events, int count) 
             PushReady(target, EWake::Now);
         }
     }
+    // Who was woken for what is queued but got something else to do passes the wake on.
+    if (woken && first && Queued() && m_sleepers.load() > 0) WakeOne();
     return first;
 }
 

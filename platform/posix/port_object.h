@@ -11,9 +11,11 @@
 
 #include <atomic>
 #include <deque>
+#include <memory>
 #include <mutex>
 
 #include "platform/posix/object.h"
+#include "platform/posix/port_seats.h"
 
 struct epoll_event;
 
@@ -77,8 +79,14 @@ public:
 
     // Whether work waits while no worker does.
     bool WorkWaits();
+    // Whether a worker is waiting for events now.
+    bool HasSleeper() const { return m_sleepers.load() > 0; }
     // Whether the calling thread's last wait was in this port.
     bool IsWorkerHere() const;
+    // The calling worker will be busy with one thing for long.
+    void Invite() { m_seats->Invite(*this); }
+    // Whether a worker is left that only waits to be called.
+    bool HasParked() const { return m_seats->HasParked(); }
 
     // The tick: `on_tick` runs on a worker at least every second (slow) or tenth of one (quick),
     // and says which it needs further.
@@ -121,6 +129,7 @@ private:
     void StartTick(ETick tick);
     bool Queued() const { return m_packet_count.load() > 0 || m_ready_count.load() > 0; }
 
+    std::shared_ptr<CWorkerSeats> m_seats = CWorkerSeats::Create();
     int m_epoll = -1;
     int m_wake = -1;
     int m_timer = -1;

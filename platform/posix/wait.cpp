@@ -6,6 +6,7 @@
 #include <array>
 
 #include "platform/posix/futex.h"
+#include "platform/posix/port_seats.h"
 #include "platform/posix/waitable.h"
 
 namespace posix {
@@ -34,6 +35,7 @@ bool CDeadline::Passed() const {
 void CParker::Park(const CDeadline& deadline) {
     uint32_t expected = kAwake;
     if (m_word.compare_exchange_strong(expected, kAsleep)) {
+        CWorkerSeats::StandUp();
         const uint64_t until = deadline.Nanoseconds();
         FutexWait(reinterpret_cast<const uint32_t*>(&m_word), kAsleep,
                   deadline.Never() ? nullptr : &until);
