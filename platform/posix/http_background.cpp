@@ -49,7 +49,7 @@ bool CBackgroundSend::AddFile(int fd, uint64_t offset, uint64_t bytes) {
     const int own = fcntl(fd, F_DUPFD_CLOEXEC, 0);
     if (own < 0) return false;
     m_files.push_back(own);
-    m_pieces.push_back({nullptr, bytes, own, offset});
+    m_pieces.push_back({nullptr, bytes, own, offset, false});
     return true;
 }
 
@@ -77,7 +77,7 @@ bool CBackgroundSend::Copy(const CSendCursor& rest) {
             if (!AddFile(fd, offset, piece.bytes)) return false;
         } else {
             memcpy(to, piece.data, static_cast<size_t>(piece.bytes));
-            m_pieces.push_back({to, piece.bytes, -1, 0});
+            m_pieces.push_back({to, piece.bytes, -1, 0, false});
             to += piece.bytes;
         }
     }

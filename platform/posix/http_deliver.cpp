@@ -21,6 +21,7 @@ void CHttpConnection::FillView(CRequestView& view, const RequestHead& head,
     view.local = &m_local;
     view.connection_id = m_connection_id;
     view.body_done = true;
+    view.layout_bytes = LayoutBytes(view);
 }
 
 // Makes the buffer hold the view's head (if wanted), its body from `body_from` on, and the raw
@@ -105,7 +106,7 @@ CHttpConnection::EStep CHttpConnection::Deliver(CRequestView& view, CPacket& pac
 // More: the head is too large for any receive of this kind; the receive was not used.
 CHttpConnection::EStep CHttpConnection::HandOver(CRequestView& view, const CPostedReceive& receive,
                                                  CPacket& packet) {
-    const size_t needed = LayoutBytes(view);
+    const size_t needed = view.layout_bytes;
     if (needed > std::max<size_t>(receive.size, kUsualReceiveBytes) - kReserveBytes)
         return EStep::More;
     view.request_id = NextId();
@@ -161,7 +162,7 @@ ULONG CHttpConnection::FetchById(void* buffer, ULONG size, ULONG flags, ULONG* u
     CRequestView view;
     ViewKept(view, head, target, path);
     view.request_id = m_call.load() & ~kBusy;
-    const size_t needed = LayoutBytes(view);
+    const size_t needed = view.layout_bytes;
     ULONG error = NO_ERROR;
     *used = static_cast<ULONG>(needed);
     if (needed > size) {

@@ -280,7 +280,6 @@ size_t LayOut(const CRequestView& view, ULONG flags, void* buffer, size_t size, 
     if (*copied < view.body_bytes || !view.body_done)
         request.Flags = HTTP_REQUEST_FLAG_MORE_ENTITY_BODY_EXISTS;
     request.BytesReceived = view.head->bytes + view.body_bytes;
-    memset(base + used, 0, size - used);
     return used;
 }
 

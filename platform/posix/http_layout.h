@@ -35,13 +35,14 @@ struct CRequestView {
     size_t raw_bytes;
     uint64_t connection_id;
     uint64_t request_id;
+    size_t layout_bytes;  // LayoutBytes of this
 };
 
 // Bytes that the request takes without its body; the body begins there.
 size_t LayoutBytes(const CRequestView& view);
 
-// Writes the request into buffer (of `size` bytes, LayoutBytes at least) and zeroes what is left.
-// Returns the bytes used; *copied is how much of the body they hold.
+// Writes the request into buffer (of `size` bytes, LayoutBytes at least) and leaves the
+// rest as it is. Returns the bytes used; *copied is how much of the body they hold.
 size_t LayOut(const CRequestView& view, ULONG flags, void* buffer, size_t size, size_t* copied);
 
 // What can be told of a request that does not fit: its ids. `size` must hold an HTTP_REQUEST.

@@ -12,7 +12,7 @@ struct CSendPiece {
     uint64_t bytes;
     int fd;
     uint64_t offset;
-    bool is_view = false;  // a file's, but memory of the application to the application
+    bool is_view;  // a file's, but memory of the application to the application
 };
 
 enum class ESent {

@@ -115,7 +115,7 @@ CHttpConnection::EStep CHttpConnection::RefuseTarget(int status, const RequestHe
 CHttpConnection::EStep CHttpConnection::StartBody(CRequestView& view, char* data, size_t size,
                                                   CPacket& packet) {
     const size_t usual = m_queue->UsualReceiveBytes();
-    const size_t layout = LayoutBytes(view);
+    const size_t layout = view.layout_bytes;
     if (layout > std::max(usual, kUsualReceiveBytes) - kReserveBytes) return Refuse(431);
     const size_t room = std::min(usual > layout ? usual - layout : 0, kGatherBytes);
 

@@ -85,7 +85,7 @@ ULONG CResponseWire::AddChunk(const HTTP_DATA_CHUNK& chunk) {
     const auto& memory = chunk.FromMemory;
     if (memory.BufferLength == 0) return NO_ERROR;
     if (!memory.pBuffer) return ERROR_INVALID_PARAMETER;
-    CSendPiece piece{static_cast<const char*>(memory.pBuffer), memory.BufferLength, -1, 0};
+    CSendPiece piece{static_cast<const char*>(memory.pBuffer), memory.BufferLength, -1, 0, false};
     if (piece.bytes >= HttpTune()->view_send_bytes &&
         FindFileView(piece.data, static_cast<size_t>(piece.bytes), &piece.fd, &piece.offset)) {
         // Before anything is sent the application can still answer otherwise.
@@ -110,7 +110,7 @@ ULONG CResponseWire::AddFile(const HTTP_DATA_CHUNK& chunk) {
     if (bytes > size - offset) return ERROR_HANDLE_EOF;
     if (bytes == 0) return NO_ERROR;
     m_body_bytes += bytes;
-    m_pieces[m_count++] = {nullptr, bytes, fd, offset};
+    m_pieces[m_count++] = {nullptr, bytes, fd, offset, false};
     return NO_ERROR;
 }
 
@@ -162,7 +162,7 @@ void CResponseWire::WriteHeader(const HTTP_RESPONSE& response, char* to) {
     text << "Date: " << DateText() << "\r\n";
     if (m_close && !m_says_close) text << "Connection: close\r\n";
     text << "\r\n";
-    m_pieces[0] = {to, static_cast<uint64_t>(text.End() - to), -1, 0};
+    m_pieces[0] = {to, static_cast<uint64_t>(text.End() - to), -1, 0, false};
 }
 
 size_t WriteOwnAnswer(int status, bool head_only, bool close, char* to, size_t room) {

@@ -18,7 +18,8 @@ constexpr uint32_t kNoSlot = 0xFFFFFFFFu;
 constexpr uint64_t kOpen = 0x80000000u;
 constexpr uint64_t kPinMask = 0x7FFFFFFFu;
 
-struct CSlot {
+// On a cache line of its own: the handles of a port and of its queue are pinned all the time.
+struct alignas(64) CSlot {
     std::atomic<uint64_t> word{uint64_t{1} << 32};
     CObject* object = nullptr;
     uint32_t next_free = kNoSlot;
