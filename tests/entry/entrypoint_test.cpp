@@ -86,7 +86,12 @@ TEST_F(EntryPoint, NameIsKeptUpTo127Characters) {
 TEST_F(EntryPoint, NameIsAFormat) {
     EXPECT_EQ(Name(CEntryPoint(TEXT("pass %d of %s"), 3, TEXT("nine"))), TEXT("pass 3 of nine"));
     EXPECT_EQ(Name(CEntryPoint(TEXT("%s"), WString(300, u'x').c_str())), WString(127, u'x'));
-    EXPECT_EQ(Name(CZemEntry(TEXT("100%%"))), TEXT("100%"));
+    const WCHAR* const percent = TEXT("100%%");
+    EXPECT_EQ(Name(CZemEntry(percent)), TEXT("100%"));
+}
+
+TEST_F(EntryPoint, APlainNameIsTakenAsItStands) {
+    EXPECT_EQ(Name(CZemEntry(TEXT("CThis::That"))), TEXT("CThis::That"));
 }
 
 TEST_F(EntryPoint, FreshScopeHasNoResultNoLineAndNothingLogged) {

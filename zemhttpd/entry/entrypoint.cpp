@@ -13,7 +13,6 @@ constexpr int kMessageUnits = 512;   // of a record's text, NUL included
 constexpr size_t kPieceUnits = 127;  // of the text in one call to the error log
 constexpr int kEventMessageUnits = 1024;
 constexpr int kEventTextUnits = 2600;
-constexpr DWORD kCategoryZem = 7;
 
 void FormatMessageText(WCHAR (&message)[kMessageUnits], const WCHAR* format, va_list args) {
     _vsnwprintf_s(message, kMessageUnits, kMessageUnits - 1, format, args);
@@ -201,10 +200,6 @@ int CEntryPoint::Trace(const WCHAR* format, ...) {
     va_end(args);
     return WritePieces({0, m_category, kErrorLogLevelTrace, m_file, m_line, 0, 0}, m_time, message,
                        true);
-}
-
-CZemEntry::CZemEntry(const WCHAR* function) : CEntryPoint(function) {
-    m_category = kCategoryZem;
 }
 
 CZemEntry::~CZemEntry() = default;

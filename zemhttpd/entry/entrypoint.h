@@ -19,6 +19,11 @@
 
 #include "platform/platform.h"
 
+#include <concepts>
+#include <cstddef>
+#include <cstring>
+#include <type_traits>
+
 #pragma GCC visibility push(default)
 class CEntryPoint;  // here, because a type's first declaration decides what is exported of it
 #pragma GCC visibility pop
@@ -100,9 +105,35 @@ protected:
 
 class CZemEntry : public CEntryPoint {
 public:
-    explicit CZemEntry(const WCHAR* function);
+    // A name without a conversion, given as a literal as nearly all are: it is copied, not
+    // formatted.
+    class CPlainName {
+    public:
+        template <size_t kUnits>
+        consteval CPlainName(const WCHAR (&text)[kUnits]) : m_text(text), m_bytes(sizeof(text)) {
+            static_assert(kUnits <= kNameLength);
+            for (const WCHAR unit : text)
+                if (unit == u'%') throw "a name with a conversion is no plain one";
+        }
+
+    private:
+        friend class CZemEntry;
+        const WCHAR* m_text;
+        size_t m_bytes;
+    };
+
+    explicit CZemEntry(CPlainName function) {
+        m_category = kCategoryZem;
+        std::memcpy(m_function, function.m_text, function.m_bytes);
+    }
+    template <class Pointer>
+    requires std::same_as < std::remove_cvref_t<Pointer>,
+    const WCHAR* > explicit CZemEntry(Pointer&& function) : CEntryPoint(function) {
+        m_category = kCategoryZem;
+    }
     virtual ~CZemEntry();
     using CEntryPoint::operator=;
+    static constexpr DWORD kCategoryZem = 7;
 
     virtual int LogSlowOperation(DWORD elapsed_ms, const WCHAR* format, ...);
 };

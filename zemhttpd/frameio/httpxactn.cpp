@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cassert>
 #include <cstring>
+#include <iterator>
 #include <new>
 
 #include "zemhttpd/entry/entrypoint.h"
@@ -28,7 +29,11 @@ bool ReclaimWanted() {
 
 void CHttpXaction::Reset() {
     std::memset(&m_overlapped, 0, sizeof(m_overlapped));
-    std::memset(m_requestBuffer, 0, sizeof(m_requestBuffer));
+    // A short request and its reply touch a quarter of it.
+    std::memset(m_requestBuffer, 0, m_written_bytes);
+    m_written_bytes = kRequestBuffer_bytes;
+    assert(std::all_of(std::begin(m_requestBuffer), std::end(m_requestBuffer),
+                       [](BYTE byte) { return byte == 0; }));
     std::memset(static_cast<void*>(&m_response), 0, sizeof(m_response));
     m_reserved1 = 0;
     std::memset(static_cast<void*>(&m_dataChunk), 0, sizeof(m_dataChunk));

@@ -10,6 +10,7 @@
 #include "zemhttpd/commands/command.h"
 #include "zemhttpd/server/binmap.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <memory>
@@ -106,12 +107,21 @@ public:
     LONG ReceiveCount() const { return m_receiveCount; }
     void BumpReceiveCount() { ++m_receiveCount; }
     bool InUse() const { return m_inUse != 0; }
+    // How much of the request buffer a reset has to clear: all of it, unless the completion of the
+    // receive told what it wrote; then whoever writes further says so.
+    void NoteReceived(size_t bytes) { m_written_bytes = Bounded(bytes); }
+    void NoteWritten(size_t end_bytes) {
+        m_written_bytes = std::max(m_written_bytes, Bounded(end_bytes));
+    }
 
 private:
     friend class CHttpXactionPool;
     friend struct XactionTestAccess;  // tests look at offsets and build blocks outside a pool
 
     void Reset();  // all but owner, request and timer
+    static ULONG Bounded(size_t bytes) {
+        return static_cast<ULONG>(std::min<size_t>(bytes, kRequestBuffer_bytes));
+    }
 
     OVERLAPPED m_overlapped;
     CHttpCommandHandler* m_owner = nullptr;
@@ -130,6 +140,7 @@ private:
     LONG m_sendCount;
     LONG m_receiveCount;
     ULONG m_sendError;
+    ULONG m_written_bytes = kRequestBuffer_bytes;  // of the request buffer; the rest is zero
 };
 
 // The HTTP transaction blocks: first in, first out, bounded by a semaphore.

@@ -49,6 +49,33 @@ SYSTEMTIME LocalTimeOf(ULONGLONG utc) {
     return time;
 }
 
+// Writes a timer's name piece by piece; what does not fit is cut off.
+class CNameWriter {
+public:
+    explicit CNameWriter(WCHAR (&name)[kNameUnits]) : m_at(name), m_end(name + kNameUnits - 1) {}
+    ~CNameWriter() { *m_at = 0; }
+    CNameWriter(const CNameWriter&) = delete;
+    CNameWriter& operator=(const CNameWriter&) = delete;
+
+    void Text(const WCHAR* text) {
+        while (*text != 0 && m_at != m_end)
+            *m_at++ = *text++;
+    }
+    void Number(DWORD number) {
+        WCHAR digits[11];
+        WCHAR* first = digits + 10;
+        *first = 0;
+        do
+            *--first = static_cast<WCHAR>(u'0' + number % 10);
+        while (number /= 10);
+        Text(first);
+    }
+
+private:
+    WCHAR* m_at;
+    WCHAR* const m_end;
+};
+
 }  // namespace
 
 CZemTimer::~CZemTimer() {
@@ -117,5 +144,12 @@ CZemHttpdXactionTimer::CZemHttpdXactionTimer() {
 void CZemHttpdXactionTimer::StartXaction(const WCHAR* client, const WCHAR* description,
                                          DWORD transId) {
     Start();
-    SetName(TEXT("ZemHttpdXaction %s: %s, transId %u"), client, description, transId);
+    // Every command comes by here, so the printf engine is spared.
+    CNameWriter name(m_name);
+    name.Text(TEXT("ZemHttpdXaction "));
+    name.Text(client);
+    name.Text(TEXT(": "));
+    name.Text(description);
+    name.Text(TEXT(", transId "));
+    name.Number(transId);
 }

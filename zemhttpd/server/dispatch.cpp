@@ -199,6 +199,7 @@ HRESULT CHttpCommandHandler::GetCompleteRequest(ZemCommand& command) {
         HTTP_DATA_CHUNK& chunk = request.pEntityChunks[0];
         BYTE* const entity = static_cast<BYTE*>(chunk.FromMemory.pBuffer);
         ULONGLONG received_bytes = command.received_bytes;
+        NoteEntityWritten(xaction, chunk, command.expected_bytes);
         while (received_bytes < command.expected_bytes) {
             ULONG read_bytes = 0;
             ULONG error = HttpReceiveRequestEntityBody(

@@ -4,6 +4,7 @@
 #include "platform/platform.h"
 #include "zemhttpd/frameio/httpxactn.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 
@@ -21,4 +22,13 @@ inline size_t EntityRoom_bytes(CHttpXaction& xaction, const HTTP_DATA_CHUNK& chu
     return CHttpXaction::RequestBufferSize() -
            static_cast<size_t>(static_cast<const BYTE*>(chunk.FromMemory.pBuffer) -
                                xaction.RequestBuffer());
+}
+
+// The first `bytes` of the chunk's room are written, or about to be.
+inline void NoteEntityWritten(CHttpXaction& xaction, const HTTP_DATA_CHUNK& chunk,
+                              ULONGLONG bytes) {
+    if (!StartsInBuffer(xaction, chunk)) return;
+    const size_t room_bytes = EntityRoom_bytes(xaction, chunk);
+    xaction.NoteWritten(CHttpXaction::RequestBufferSize() - room_bytes +
+                        static_cast<size_t>(std::min<ULONGLONG>(bytes, room_bytes)));
 }

@@ -4,6 +4,7 @@
 #include "zemhttpd/entry/entrypoint.h"
 #include "zemhttpd/server/httpcmdhdlr.h"
 
+#include <algorithm>
 #include <new>
 
 namespace {
@@ -144,6 +145,8 @@ LONGLONG CHttpCommandHandler::ServiceRequests() {
             xaction = m_xactionPool->Owns(overlapped);
             if (!xaction) continue;
             m_xactionPool->ReceivePickedUp();
+            // Even a receive that failed may have left the fixed part.
+            xaction->NoteReceived(std::max<size_t>(moved_bytes, sizeof(HTTP_REQUEST)));
         }
         // Any error ends the worker, a request head that did not fit (ERROR_MORE_DATA) like a queue
         // that was closed. Thrown without an entry-point record, so that the worker's catch writes

@@ -58,6 +58,7 @@ HRESULT CHttpCommandHandler::GetZemReplyMsg(CHttpXaction& xaction, DWORD bodySiz
     const DWORD length_bytes = static_cast<USHORT>(bodySize_bytes) + kZemHeader_bytes;
     if (length_bytes > EntityRoom_bytes(xaction, chunk)) return E_INVALIDARG;
     BYTE* const reply = static_cast<BYTE*>(chunk.FromMemory.pBuffer);
+    NoteEntityWritten(xaction, chunk, ULONGLONG{bodySize_bytes} + kZemHeader_bytes);
     PutReply(reply, offsetof(ZemReplyHdr, replyCode), replyCode);
     PutReply(reply, offsetof(ZemReplyHdr, dataSize_bytes), bodySize_bytes);
     chunk.FromMemory.BufferLength = length_bytes;
