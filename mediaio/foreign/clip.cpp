@@ -94,6 +94,8 @@ HRESULT CForeignClip::Load(IVolume* volume, const std::string& path) {
         }
     }
     m_demuxed.resize(m_index.streams.size());
+    for (StreamIndex& stream : m_index.streams)
+        stream.cachedStamps.resize(stream.desc.frameCount);
     for (size_t i = 0; i < m_index.streams.size(); ++i) {
         const StreamIndex& stream = m_index.streams[i];
         const bool needed =
@@ -176,8 +178,7 @@ HRESULT CForeignClip::Complete(StreamIndex& stream, const FramePlace& place, boo
     frame.slotOffset = place.offset;
     if (place.offset > m_stamp.size_bytes || place.size > m_stamp.size_bytes - place.offset)
         return kDamaged;
-    if (frame.position < stream.cachedStamps.size())
-        frame.cachedStamp = stream.cachedStamps[frame.position];
+    frame.cachedStamp = stream.cachedStamps[frame.position];
     if (withView) frame.view = ViewOf(place.offset, place.size);
     return S_OK;
 }
@@ -189,7 +190,7 @@ HRESULT CForeignClip::PinPcm(const StreamIndex& stream, uint32_t position, bool 
     const uint64_t behind =
         FirstSample(uint64_t{position} + 1, rate, stream.cut) * stream.sampleSize;
     const uint64_t end = std::min(behind, stream.pcmBytes);
-    if (first >= end) return HRESULT_FROM_WIN32(ERROR_END_OF_MEDIA);
+    if (first >= end) return S_OK;  // fewer samples than pictures: some have none
     if (end - first > kMaxFrameSize) return HRESULT_FROM_WIN32(ERROR_NO_SYSTEM_RESOURCES);
     frame.dataSize = static_cast<uint32_t>(end - first);
     frame.verified = true;
@@ -202,7 +203,7 @@ HRESULT CForeignClip::PinPcm(const StreamIndex& stream, uint32_t position, bool 
         if (offset > m_stamp.size_bytes || piece > m_stamp.size_bytes - offset) return kDamaged;
     }
     if (!withView || piece != frame.dataSize) return S_OK;
-    if (position < stream.cachedStamps.size()) frame.cachedStamp = stream.cachedStamps[position];
+    frame.cachedStamp = stream.cachedStamps[position];
     frame.view = ViewOf(frame.slotOffset, frame.dataSize);
     return S_OK;
 }
@@ -287,7 +288,6 @@ void CForeignClip::ReportVerified(size_t which, const PinnedFrame& frame, bool g
 void CForeignClip::ReportCached(size_t which, const PinnedFrame& frame, uint32_t stamp) {
     StreamIndex& stream = m_index.streams[which];
     std::lock_guard hold(m_lock);
-    if (stream.cachedStamps.empty()) stream.cachedStamps.resize(stream.desc.frameCount);
     stream.cachedStamps[frame.position] = stamp;
 }
 

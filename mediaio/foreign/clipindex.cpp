@@ -29,12 +29,12 @@ uint32_t FramesOf(uint64_t samples, uint32_t sampleRate, const FrameRate& cut) {
     if (samples == 0) return 0;
     // Near the quotient; the rounding of the cut decides on which side.
     const Wide quotient = Wide{samples} * cut.numerator / (Wide{sampleRate} * cut.denominator);
-    if (quotient >= kLastPosition) return kLastPosition;
+    if (quotient >= kMostFrames) return kMostFrames;
     auto count = static_cast<uint64_t>(quotient);
     count -= std::min<uint64_t>(count, 2);
     while (FirstSample(count, sampleRate, cut) < samples)
         ++count;
-    return static_cast<uint32_t>(std::min<uint64_t>(count, kLastPosition));
+    return static_cast<uint32_t>(count);
 }
 
 void FinishIndex(ClipIndex& index) {
@@ -64,7 +64,7 @@ void FinishIndex(ClipIndex& index) {
         } else {
             desc.frameCount = static_cast<uint32_t>(
                 std::min<size_t>(stream.inPackages ? index.packages.size() : stream.frames.size(),
-                                 size_t{kLastPosition}));
+                                 size_t{kMostFrames}));
         }
         if (desc.mediaType == kMediaFileData) {
             desc.rateNumerator = picture.numerator;

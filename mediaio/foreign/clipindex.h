@@ -25,7 +25,7 @@ struct FramePlace {
     uint32_t reserved;
 };
 static_assert(sizeof(FramePlace) == 24);
-inline constexpr uint64_t kMostFrames = uint64_t{1} << 24;  // 77 hours at 60 per second
+inline constexpr uint32_t kMostFrames = 1u << 24;  // 77 hours at 60 per second
 inline constexpr uint32_t kPlaceDemux = 0x10000;
 inline constexpr uint32_t kPlaceHasCrc = 0x20000;
 inline constexpr uint32_t kPlaceCorrupt = 0x40000;  // its bytes were read and are not those

@@ -171,7 +171,7 @@ bool TakeAvi(CDemuxer& demuxer, IStoreFile& file, uint64_t size_bytes, ClipIndex
 }
 
 // A header, and then samples to the end of the data.
-bool TakePcmFile(CDemuxer& demuxer, IStoreFile& file, ClipIndex& index) {
+bool TakePcmFile(CDemuxer& demuxer, IStoreFile& file, uint64_t size_bytes, ClipIndex& index) {
     if (index.streams.size() != 1 || !index.streams[0].IsPcm()) return false;
     StreamIndex& stream = index.streams[0];
     const AVPacket* packet = demuxer.Next();
@@ -180,17 +180,23 @@ bool TakePcmFile(CDemuxer& demuxer, IStoreFile& file, ClipIndex& index) {
     if (!HoldsBytes(file, first, packet->data, static_cast<size_t>(packet->size))) return false;
     // The end is where the demuxer's last packet ends, whatever the header says.
     const AVStream& source = *demuxer.Format().streams[stream.avIndex];
-    if (source.duration <= 0) return false;
-    const int64_t nearEnd = source.duration - stream.desc.sampleRate;
-    if (nearEnd > 0 && !demuxer.SeekToTime(stream.avIndex, nearEnd)) return false;
+    uint64_t samples = (size_bytes - first) / stream.sampleSize;
+    if (source.duration > 0) samples = static_cast<uint64_t>(source.duration);
+    const bool jumps = samples > stream.desc.sampleRate;
+    if (jumps &&
+        !demuxer.SeekToTime(stream.avIndex, static_cast<int64_t>(samples - stream.desc.sampleRate)))
+        return false;
     uint64_t end = first + static_cast<uint64_t>(packet->size);
+    bool any = !jumps;
     while ((packet = demuxer.Next()) != nullptr) {
         if (packet->pos < 0 || static_cast<uint64_t>(packet->pos) < first) return false;
+        any = true;
         end = static_cast<uint64_t>(packet->pos) + static_cast<uint64_t>(packet->size);
         if (!HoldsBytes(file, static_cast<uint64_t>(packet->pos), packet->data,
                         static_cast<size_t>(packet->size)))
             return false;
     }
+    if (!any) return false;
     stream.AddRun(first, (end - first) / stream.sampleSize * stream.sampleSize);
     return true;
 }
@@ -210,7 +216,7 @@ bool TakeContainerIndex(CDemuxer& demuxer, IStoreFile& file, uint64_t size_bytes
     if (demuxer.Is("avi")) return TakeAvi(demuxer, file, size_bytes, index);
     if (demuxer.Is("mxf")) return TakeMxfIndex(demuxer, file, size_bytes, index);
     for (const char* name : {"wav", "w64", "aiff", "caf", "au"})
-        if (demuxer.Is(name)) return TakePcmFile(demuxer, file, index);
+        if (demuxer.Is(name)) return TakePcmFile(demuxer, file, size_bytes, index);
     return false;
 }
 

@@ -9,6 +9,7 @@ extern "C" {
 
 #include <cstdio>
 #include <cstring>
+#include <numeric>
 #include <string>
 
 namespace zemstore {
@@ -114,8 +115,10 @@ void DescribeAudio(const AVCodecParameters& codec, ZemEsDesc& desc) {
     desc.channels = static_cast<uint16_t>(channels > 0 && channels <= 0xFFFF ? channels : 0);
     // A coded audio frame holds so many samples.
     if (codec.frame_size > 1 && desc.sampleRate > 0) {
-        desc.rateNumerator = desc.sampleRate;
-        desc.rateDenominator = Positive(codec.frame_size);
+        const uint32_t samples = Positive(codec.frame_size);
+        const uint32_t common = std::gcd(desc.sampleRate, samples);
+        desc.rateNumerator = desc.sampleRate / common;
+        desc.rateDenominator = samples / common;
     }
 }
 

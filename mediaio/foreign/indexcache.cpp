@@ -66,7 +66,7 @@ private:
 bool IsSane(const StreamIndex& stream, uint64_t sourceSize) {
     const bool kind = stream.kind == kTokenKindVideo || stream.kind == kTokenKindAudio ||
                       stream.kind == kTokenKindData;
-    if (!kind || stream.avIndex < 0 || stream.frames.size() > kLastPosition) return false;
+    if (!kind || stream.avIndex < 0 || stream.frames.size() > kMostFrames) return false;
     for (const FramePlace& place : stream.frames)
         if (place.offset > sourceSize) return false;
     if (!stream.IsPcm()) return true;

@@ -5,6 +5,10 @@
 #include "mediaio/foreign/mxf.h"
 #include "mediaio/store/format.h"
 
+extern "C" {
+#include <libavcodec/avcodec.h>
+}
+
 #include <algorithm>
 #include <vector>
 
@@ -54,6 +58,16 @@ private:
         return true;
     }
 
+    bool IntraOnly() const {
+        for (const StreamIndex& stream : m_index.streams) {
+            if (stream.desc.mediaType != kMediaFileVideo) continue;
+            const AVStream& source = *m_demuxer.Format().streams[stream.avIndex];
+            const AVCodecDescriptor* codec = avcodec_descriptor_get(source.codecpar->codec_id);
+            if (codec == nullptr || (codec->props & AV_CODEC_PROP_INTRA_ONLY) == 0) return false;
+        }
+        return true;
+    }
+
     bool ListPackages() {
         uint64_t count = m_map.unitCount;
         for (const StreamIndex& stream : m_index.streams)
@@ -62,12 +76,14 @@ private:
                     std::max<int64_t>(0, m_demuxer.Format().streams[stream.avIndex]->duration));
         if (count == 0 || count > kMostFrames || !DurationsAgree(count)) return false;
         if (m_map.unitSize != 0 && count > m_size / m_map.unitSize + 1) return false;
+        // Not all writers flag the frames of codecs that know no others.
+        const bool allKeys = m_map.unitSize != 0 || IntraOnly();
         m_index.packages.reserve(count);
         for (uint64_t i = 0; i < count; ++i) {
             const uint64_t streamOffset =
                 m_map.unitSize != 0 ? i * m_map.unitSize : m_map.units[i].streamOffset;
             m_index.packages.push_back(
-                {m_map.FileOffset(streamOffset), m_map.unitSize != 0 || m_map.units[i].key});
+                {m_map.FileOffset(streamOffset), allKeys || m_map.units[i].key});
         }
         m_index.packagesEnd = m_map.essenceEnd;
         return true;
