@@ -295,6 +295,33 @@ HRESULT Remove(HANDLE file) {
     return FromStatus(result);
 }
 
+HRESULT TemporaryName(const char* ending, std::string& name) {
+    uint64_t unique = 0;
+    const HRESULT hr = RandomBytes(&unique, sizeof unique);
+    if (FAILED(hr)) return hr;
+    char text[40];
+    snprintf(text, sizeof text, ".zem-%016llx.%s", static_cast<unsigned long long>(unique), ending);
+    name = text;
+    return S_OK;
+}
+
+// Where a file that somebody has open cannot be replaced in one step, it makes room first.
+HRESULT ReplaceOpen(HANDLE file, HANDLE folder, const WString& name) {
+    CHandle old;
+    std::string aside;
+    HRESULT hr = OpenIn(folder, name, DELETE, FILE_OPEN, FILE_NON_DIRECTORY_FILE, old);
+    if (SUCCEEDED(hr)) hr = TemporaryName("old", aside);
+    if (SUCCEEDED(hr)) hr = Rename(old.Get(), folder, Widen(aside), false);
+    if (FAILED(hr)) return hr;
+    hr = Rename(file, folder, name, false);
+    if (FAILED(hr)) {
+        Rename(old.Get(), folder, name, false);
+    } else {
+        Remove(old.Get());
+    }
+    return hr;
+}
+
 class CWindowsVolume final : public IVolume {
 public:
     explicit CWindowsVolume(CHandle root) : m_root(std::move(root)) {}
@@ -388,11 +415,9 @@ HRESULT CWindowsVolume::CreateUnpublished(const std::string& path,
     CHandle parent;
     HRESULT hr = MakeDirectories(ParentOf(path), parent);
     if (FAILED(hr)) return hr;
-    uint64_t unique = 0;
-    hr = RandomBytes(&unique, sizeof unique);
+    std::string leaf;
+    hr = TemporaryName("new", leaf);
     if (FAILED(hr)) return hr;
-    char leaf[40];
-    snprintf(leaf, sizeof leaf, ".zem-%016llx.new", static_cast<unsigned long long>(unique));
     CHandle handle;
     hr = OpenIn(parent.Get(), Widen(leaf), GENERIC_READ | GENERIC_WRITE, FILE_CREATE,
                 FILE_NON_DIRECTORY_FILE, handle);
@@ -427,8 +452,10 @@ HRESULT CWindowsVolume::Publish(const std::string& temporary, const std::string&
     } else if (hr == HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)) {
         hr = S_OK;
     }
+    const bool exists = existing.Get() != nullptr;
     existing = CHandle();
     if (SUCCEEDED(hr)) hr = Rename(file.Get(), parent.Get(), to, replace);
+    if (hr == E_ACCESSDENIED && exists && replace) hr = ReplaceOpen(file.Get(), parent.Get(), to);
     if (FAILED(hr)) Remove(file.Get());
     return hr == HRESULT_FROM_WIN32(ERROR_ALREADY_EXISTS) ? HRESULT_FROM_WIN32(ERROR_FILE_EXISTS)
                                                           : hr;
