@@ -437,10 +437,11 @@ TEST(ErrorLogFile, ThatCannotBeOpenedIsReportedAndChangesNothing) {
     EXPECT_EQ(TextsOf(capture).at(0), "still here");
 }
 
-TEST(ErrorLogExit, WritesWhatIsQueued) {
+// Writes many records in a process of its own, ends that with `end`, and counts the lines.
+void ExpectAllWritten(void (*end)()) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const char* const kPathVariable = "ERRORLOG_EXIT_TEST";
-    // The child runs this function again from its start: it must find the parent's folder.
+    // The child runs the test again from its start: it must find the parent's folder.
     const char* const given = std::getenv(kPathVariable);
     std::unique_ptr<CTempFolder> folder;
     std::string path = given ? given : "";
@@ -458,12 +459,25 @@ TEST(ErrorLogExit, WritesWhatIsQueued) {
             ErrorLogConfigure(settings, nullptr);
             for (int i = 0; i < kRecords; ++i)
                 WriteMessage(kErrorLogLevelMessage, TEXT("last words"));
-            std::exit(0);
+            end();
         },
         testing::ExitedWithCode(0), "");
     unsetenv(kPathVariable);
     const std::string text = ReadAll(path);
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), kRecords);
+}
+
+TEST(ErrorLogExit, WritesWhatIsQueued) {
+    ExpectAllWritten([] { std::exit(0); });
+}
+
+TEST(ErrorLogExit, NeedsNoExitHandlerAfterStop) {
+    ExpectAllWritten([] {
+        ErrorLogStop(2000);
+        ErrorLogStop(2000);
+        WriteMessage(kErrorLogLevelMessage, TEXT("too late, and harmless"));
+        std::_Exit(0);
+    });
 }
 
 }  // namespace
