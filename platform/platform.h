@@ -28,6 +28,8 @@
 #include <stdlib.h>
 #include <string.h>
 #include <wchar.h>
+
+#include "platform/windows/msxml60.h"
 #else
 #include "platform/posix/com.h"
 #include "platform/posix/errors.h"

@@ -1,0 +1,24 @@
+# The zip for Windows: cmake --build --preset windows --target package.
+install(TARGETS zemhttpd zembaseio zemchannelio zemMemAllocator ErrorLog zemhost RUNTIME DESTINATION .)
+
+# The settings file with a volume root that Windows has, and without what holds for every service of the machine.
+file(READ packaging/zemhttpd.reg settings)
+macro(change_setting there here)
+    string(FIND "${settings}" "${there}" place)
+    if(place EQUAL -1)
+        message(FATAL_ERROR "packaging/zemhttpd.reg has no ${there}")
+    endif()
+    string(REPLACE "${there}" "${here}" settings "${settings}")
+endmacro()
+change_setting("\"0\"=\"/var/lib/zemhttpd\"" [["0"="D:\\\\media"]])
+change_setting("\"ListenOnlyList\"=" "; Of every service that uses the system's HTTP interface, so only if that is wanted:\n; \"ListenOnlyList\"=")
+file(WRITE ${CMAKE_BINARY_DIR}/zemhttpd.reg "${settings}")
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/packaging/zemhttpd.reg)
+install(FILES ${CMAKE_BINARY_DIR}/zemhttpd.reg DESTINATION .)
+install(FILES README.md ARCHITECTURE.md DESTINATION .)
+install(DIRECTORY docs/ DESTINATION docs)
+
+set(CPACK_GENERATOR ZIP)
+set(CPACK_PACKAGE_FILE_NAME zemhttpd-${PROJECT_VERSION}-win64)
+set(CPACK_PACKAGE_DIRECTORY ${CMAKE_BINARY_DIR})
+include(CPack)
