@@ -13,5 +13,11 @@ packages_build=(
 # To run the tests: real peers that the server is tried against.
 packages_test=(ffmpeg curl)
 
+# To build for Windows and run the tests under Wine.
+packages_windows=(
+    g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix wine64 clang googletest
+    cmake ninja-build ccache python3
+)
+
 # To run the benchmarks. Debian's nginx is the server that we measure ourselves against.
 packages_bench=(wrk nginx-light curl)

@@ -409,7 +409,15 @@ class Pages(ServerCase):
     def test_status_page(self):
         connection = Connection(self.server.port)
         self.addCleanup(connection.close)
-        for path in ('/media/status', '/MEDIA/STATUS', '/media/statusXYZ'):
+        self.assert_status_page(connection, '/media/status', '/media/statusXYZ', '/media/STATUS')
+
+    def test_status_page_below_a_prefix_in_another_case(self):
+        connection = Connection(self.server.port)
+        self.addCleanup(connection.close)
+        self.assert_status_page(connection, '/MEDIA/STATUS')
+
+    def assert_status_page(self, connection, *paths):
+        for path in paths:
             reply = connection.request('GET', path)
             self.assertEqual((reply.status, reply.reason), (200, 'OK'))
             self.assertEqual(reply.header('Content-Type'), 'text/plain')

@@ -67,7 +67,6 @@ class Membership(ExactCase):
     def test_client_descriptions(self):
         cases = [  # User-Agent, description, version that is warned of
             ('plain', '', None),
-            ('', '', None),
             ('agent (prod/1.2.3)', '(prod/1.2.3)', '1.2.3'),
             ('agent (prod/X.x.x.x)', '(prod/X.x.x.x)', 'X.x.x.x'),
             ('agent (prod/x.x.x.x)', '(prod/x.x.x.x)', None),
@@ -79,6 +78,9 @@ class Membership(ExactCase):
         ]
         for number, (agent, text, version) in enumerate(cases):
             self.join('agent-%d' % number, agent=agent, text=text, warning=version)
+
+    def test_empty_client_description(self):
+        self.join(agent='', text='')
 
     def test_messages_of_127_characters_and_longer(self):
         # The sink gets messages in pieces of 127; one that fills its last piece ends its line all the same.
@@ -191,7 +193,13 @@ class RequestFrame(ExactCase):
                                    'request, discarding...')])
 
     def test_id_in_any_case_behind_known_headers(self):
-        for path in ('/zem/', '/media/', '/ZEM/', '/media/any/thing', '/zem'):
+        self.assert_id_taken('/zem/', '/media/', '/media/any/thing')
+
+    def test_id_below_prefixes_in_other_spellings(self):
+        self.assert_id_taken('/ZEM/', '/zem')
+
+    def assert_id_taken(self, *paths):
+        for path in paths:
             reply = self.raw([('Accept', '*/*'), ('zEM-iD', ' spaced  '), ('Cookie', 'c')],
                              struct.pack('<III', 5, KEEP_ALIVE, 0), path=path)
             self.assert_reply(reply, 5, 14, OK)
@@ -386,7 +394,7 @@ class Configuration(ExactCase):
         client = self.join()
         self.accepted(client, '<channelConfig frameRate="25"><readAhead>8</readAhead></channelConfig>')
         self.accepted(client, '<?xml version="1.0"?>\n<!-- ours --><channelConfig/>')
-        self.accepted(client, '<channelConfig>' + ' ' * 200000 + '<frameRate>file</frameRate></channelConfig>')
+        self.accepted(client, '<channelConfig>' + ' ' * (frame_bytes(400000) // 2) + '<frameRate>file</frameRate></channelConfig>')
         self.accepted(client, '<channelConfig/>'.encode('utf-16-le'))  # no NUL: the end of the body ends it
         self.accepted(client, '<channelConfig/>'.encode('utf-16-le') + b'\0\0' + b'<<<not read')
         self.accepted(client, '<channelConfig/>'.encode('utf-16-le') + b' ')  # an odd byte is half of a blank

@@ -101,10 +101,15 @@ class PagesCase(ExactCase):
 
 class TextPages(PagesCase):
     def test_status(self):
+        self.assert_status('/media/status', '/media/Status', '/media/statusXYZ', '/media/status/deeper', '/media/status?a=b')
+
+    def test_status_by_other_spellings(self):
+        self.assert_status('/MEDIA/Status', '/media/%73tatus')
+
+    def assert_status(self, *paths):
         disk = os.statvfs(self.server.volume)
         first = None
-        for path in ('/media/status', '/MEDIA/Status', '/media/statusXYZ', '/media/status/deeper', '/media/status?a=b',
-                     '/media/%73tatus'):
+        for path in paths:
             shown = path.split('?')[0].replace('%73', 's')
             reply = self.page(path, lambda r: r.body)
             error, free, total = reply.body.decode('ascii').split(' ')
@@ -135,7 +140,7 @@ class TextPages(PagesCase):
         for name in ids:
             self.join(name)
         expected = ''.join(name + '\r\n' for name in self.bins(ids)).encode()
-        for path in ('/media/clients', '/Media/CLIENTSxyz'):
+        for path in ('/media/clients', '/media/CLIENTSxyz'):
             self.page(path, expected)
             self.assert_log(self.traced(path))
         for name in ids[:20]:
@@ -276,11 +281,13 @@ class Download(PagesCase):
         self.deleted('/media/old.txt')
         self.assertFalse(os.path.exists(path))
         self.no_delete('/media/old.txt')
-        self.put('\u00e4 b')
-        self.deleted('/media/%c3%a4%20b', '/media/\u00e4 b')
         path = self.put('status')  # the pages are for GET alone
         self.deleted('/media/status')
         self.assertFalse(os.path.exists(path))
+
+    def test_delete_of_an_encoded_name(self):
+        self.put('\u00e4 b')
+        self.deleted('/media/%c3%a4%20b', '/media/\u00e4 b')
 
     def test_what_a_client_recorded(self):
         client = self.join()

@@ -12,7 +12,8 @@ import time
 import unittest
 
 import windows_server
-from windows_exempt import EXEMPT
+import wire
+from windows_exempt import ALONE, EXEMPT
 
 
 def cases(tests):
@@ -54,33 +55,43 @@ def main():
 
     found = list(cases(unittest.defaultTestLoader.loadTestsFromModule(module)))
     if options.alone:
+        if reason_of(options.suite, options.alone):
+            wire.Connection.patience_s = 3  # that long for an answer that is not expected
         chosen = [test for test in found if name_of(test) == options.alone]
         return 0 if unittest.TextTestRunner().run(unittest.TestSuite(chosen)).wasSuccessful() else 1
     if options.only:
         found = [test for test in found if options.only in name_of(test)]
 
     begun = time.monotonic()
-    exempt = [name_of(test) for test in found if reason_of(options.suite, name_of(test))]
-    rest = unittest.TestSuite(test for test in found if not reason_of(options.suite, name_of(test)))
-    count = rest.countTestCases()
-    result = unittest.TextTestRunner(verbosity=1).run(rest)
-    failed = not result.wasSuccessful()
-    stale = [row for row in EXEMPT if row[0] == options.suite and not options.only
-             and not any(name.startswith(row[1]) for name in exempt)]
-    for row in stale:
-        print('no case begins with %s: take it off the list' % row[1])
-        failed = True
     arguments = [argument for argument in sys.argv[1:] if not argument.startswith('--only')]
+
+    def passes_alone(name):
+        return subprocess.run([sys.executable, '-B', __file__, *arguments, '--alone', name], stdout=subprocess.DEVNULL,
+                              stderr=subprocess.DEVNULL).returncode == 0
+
+    names = [name_of(test) for test in found]
+    exempt = [name for name in names if reason_of(options.suite, name)]
+    alone = [name for name in names if name not in exempt
+             and any(row[0] == options.suite and name.startswith(row[1]) for row in ALONE)]
+    rest = unittest.TestSuite(test for test in found if name_of(test) not in exempt + alone)
+    failed = not unittest.TextTestRunner(verbosity=1).run(rest).wasSuccessful()
+    for name in alone:
+        if not passes_alone(name):
+            print('FAIL: %s, by itself: repeat with --alone %s' % (name, name))
+            failed = True
+    for row in EXEMPT + ALONE:
+        if row[0] == options.suite and not options.only and not any(name.startswith(row[1]) for name in names):
+            print('FAIL: no case begins with %s: take it off the list' % row[1])
+            failed = True
     for name in exempt:
-        alone = subprocess.run([sys.executable, '-B', __file__, *arguments, '--alone', name],
-                               stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        if alone.returncode == 0:
-            print('%s passes by now: take it off the list' % name)
+        if passes_alone(name):
+            print('FAIL: %s passes by now: take it off the list' % name)
             failed = True
         else:
             print('exempt: %s: %s' % (name, reason_of(options.suite, name)))
+        windows_server.stop_wine()  # whatever it left
     print('%s: %d cases under Wine, %d of them exempt, %.0f s'
-          % (options.suite, count + len(exempt), len(exempt), time.monotonic() - begun))
+          % (options.suite, len(names), len(exempt), time.monotonic() - begun))
     return 1 if failed else 0
 
 

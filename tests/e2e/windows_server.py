@@ -3,18 +3,32 @@ Host header is literally the registered prefix's, and settings are those of its 
 
 import os
 import re
+import select
 import signal
 import socket
 import subprocess
+import time
 
 import wire
 
 WINE_SERVER = '/usr/lib/wine/wineserver'
+PREFIX = os.environ.setdefault(
+    'WINEPREFIX', os.path.abspath(os.path.join(os.path.dirname(__file__), '..', '..', 'build', 'windows', 'wine')))
 WINE = os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', '..', 'packaging', 'wine')
 
 
 def rewrite(connection, data):
     return re.sub(rb'\r\nHost: [^\r\n]*', b'\r\nHost: *:%d' % connection.port, data)
+
+
+def wait(connection):
+    """Now and then the driver does not notice a request until something else happens at its sockets."""
+    end = time.monotonic() + (connection.socket.gettimeout() or 0)
+    while time.monotonic() < end and not select.select([connection.socket], [], [], 1)[0]:
+        try:
+            socket.create_connection(('127.0.0.1', connection.port), timeout=1).close()
+        except OSError:
+            pass  # then it is not that
 
 
 class WindowsServer(wire.Server):
@@ -45,8 +59,16 @@ def start_wine():
     subprocess.run([WINE, 'cmd', '/c', 'exit'], check=True, **quiet)
 
 
+def stop_wine():
+    """Ends everything that Wine runs for our tests: a driver that has got stuck as well."""
+    subprocess.run([WINE_SERVER, '-k'], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+
 wire.Connection.rewrite = rewrite
-wire.frame_bytes = lambda wanted: min(wanted, 100000)
+# Its buffer of a connection has 8192 bytes. It grows once, to what has arrived by then; a request that fills it and goes on
+# is taken for the end of the connection. Larger requests get through only if they arrive at once.
+wire.frame_bytes = lambda wanted: min(wanted, 7000)
+wire.Connection.wait = wait
 wire.host_of = lambda port: '*:%d' % port
 wire.computer_name = lambda: socket.gethostname().upper()[:15]
 wire.Server = WindowsServer

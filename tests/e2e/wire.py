@@ -113,10 +113,13 @@ class Connection:
     """One HTTP/1.1 connection with the response read by hand."""
 
     rewrite = None  # what becomes of the bytes of a request: a system may ask for another Host
+    wait = None  # called before each read of a reply
 
-    def __init__(self, port, timeout_s=30):
+    patience_s = 30
+
+    def __init__(self, port, timeout_s=None):
         self.port = port
-        self.socket = socket.create_connection(('127.0.0.1', port), timeout=timeout_s)
+        self.socket = socket.create_connection(('127.0.0.1', port), timeout=timeout_s or self.patience_s)
         self.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self.buffer = b''
 
@@ -127,6 +130,8 @@ class Connection:
         self.socket.sendall(self.rewrite(data) if self.rewrite else data)
 
     def _fill(self):
+        if self.wait:
+            self.wait()
         more = self.socket.recv(1 << 20)
         if not more:
             raise ConnectionError('closed by the server')

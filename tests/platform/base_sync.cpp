@@ -299,7 +299,7 @@ TEST(Wait, MultipleAllNeverDeadlocksOrLosesInOppositeOrders) {
 TEST(Wait, MultipleChecksItsArguments) {
     const CHandle event(NewEvent(false, true));
     std::vector<HANDLE> many(MAXIMUM_WAIT_OBJECTS + 1, event);
-    for (const DWORD count : {0u, static_cast<DWORD>(MAXIMUM_WAIT_OBJECTS + 1)}) {
+    for (const DWORD count : {DWORD{0}, static_cast<DWORD>(MAXIMUM_WAIT_OBJECTS + 1)}) {
         SetLastError(0);
         EXPECT_EQ(WaitForMultipleObjects(count, many.data(), FALSE, 0), WAIT_FAILED);
         EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);

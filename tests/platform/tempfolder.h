@@ -1,8 +1,8 @@
 // A folder that exists as long as the object. One thread.
 #pragma once
 
-#include <cstdlib>
 #include <filesystem>
+#include <random>
 #include <string>
 
 #include "platform/platform.h"
@@ -10,10 +10,11 @@
 class CTempFolder {
 public:
     CTempFolder() {
-        std::string pattern =
-            (std::filesystem::temp_directory_path() / "zem-platform-XXXXXX").string();
-        if (!mkdtemp(pattern.data())) std::abort();
-        m_path = pattern;
+        std::random_device random;
+        do {
+            m_path = std::filesystem::temp_directory_path() /
+                     ("zem-platform-" + std::to_string(random()));
+        } while (!std::filesystem::create_directory(m_path));
     }
     CTempFolder(const CTempFolder&) = delete;
     CTempFolder& operator=(const CTempFolder&) = delete;
@@ -23,7 +24,7 @@ public:
     }
     const std::filesystem::path& Path() const { return m_path; }
     std::string File(const char* name) const { return (m_path / name).string(); }
-    WString Wide() const { return m_path.u16string(); }
+    WString Wide() const { return m_path.string<WCHAR>(); }
 
 private:
     std::filesystem::path m_path;

@@ -42,7 +42,7 @@ if [ -f "$build/compile_commands.json" ]; then
         # What only the other system has is compiled, and looked at, in that system's build.
         other='_windows\.cpp$|^platform/windows/|^tests/windows/'
         if grep -q '_windows\.cpp"' "$build/compile_commands.json"; then
-            other='posix|^apps/zem/|^tests/'
+            other='posix|^apps/zem/|^mediaio/foreign/|^tests/'
         fi
         find zemhttpd mediaio platform apps tests -name '*.cpp' | grep -vE "$other" | while read -r file; do
             grep -qF "/$file\"" "$build/compile_commands.json" || echo "$file"

@@ -1,0 +1,74 @@
+#!/usr/bin/env python3
+"""The export table of zemhttpd.dll against the names that a host imports, as clang++ generates them for the platform's usual
+compiler from the class declaration.
+
+usage: exports_test.py --dll DLL --object OBJECT --objdump PROGRAM --run COMMAND...
+
+OBJECT is hostclass.cpp, compiled by that compiler; COMMAND runs exports_run.exe, which gets the names of the virtual
+operations in the order in which OBJECT's own table has them."""
+
+import argparse
+import re
+import subprocess
+import sys
+
+WANTED_SLOTS = ['LogEntryPoint', 'LogError', 'WriteEventLog', 'LogMsg', 'LogWarning', 'LogOwnerInfo', 'Trace']
+PLAIN = {'CreateZemHttpSvr', 'DestroyZemHttpSvr'}
+
+
+def output_of(*command):
+    return subprocess.run(command, check=True, stdout=subprocess.PIPE).stdout.decode()
+
+
+def exports_of(objdump, dll):
+    table = output_of(objdump, '-p', dll).split('[Ordinal/Name Pointer] Table', 1)[1]
+    return set(re.findall(r'^\s*\[\s*\d+\]\s+(\S+)$', table.split('\n\n', 1)[0], re.M))
+
+
+def imports_of(objdump, obj):
+    """Every name of the class that the object leaves to be found elsewhere."""
+    lines = output_of(objdump, '-t', obj).splitlines()
+    return {line.split()[-1] for line in lines if '(sec  0)' in line and 'CEntryPoint' in line.split()[-1]}
+
+
+def slots_of(objdump, obj):
+    """What the table of the derived class refers to, in order."""
+    dump = output_of(objdump, '-r', obj)
+    for section in dump.split('RELOCATION RECORDS FOR ')[1:]:
+        rows = re.findall(r'^([0-9a-f]{16}) IMAGE_REL_AMD64_ADDR64\s+(\S+)$', section, re.M)
+        if rows and any(name.startswith('?LogEntryPoint@') for _, name in rows):
+            return [name for _, name in sorted(rows)]
+    return []
+
+
+def main():
+    parser = argparse.ArgumentParser(usage=__doc__)
+    parser.add_argument('--dll', required=True)
+    parser.add_argument('--object', required=True)
+    parser.add_argument('--objdump', required=True)
+    parser.add_argument('--run', nargs='+', required=True)
+    options = parser.parse_args()
+    exports = exports_of(options.objdump, options.dll)
+    imports = imports_of(options.objdump, options.object)
+    slots = slots_of(options.objdump, options.object)
+    problems = []
+    for kind, count in (('??0CEntryPoint@@', 3), ('??4CEntryPoint@@', 2)):
+        found = [name for name in imports if name.startswith(kind)]
+        if len(found) != count:
+            problems.append('the host uses %d of %s, not %d' % (len(found), kind, count))
+    problems += ['imported but not exported: ' + name for name in sorted((imports | PLAIN) - exports)]
+    known = imports | PLAIN
+    problems += ['exported but not part of the interface: ' + name for name in sorted(exports - known)
+                 if not re.match(r'_ZT[VI]11CEntryPoint$|_ZN11CEntryPoint|_ZN20CEntryPointException13WriteEventLog', name)]
+    if [re.match(r'\?(\w+)@', name)[1] for name in slots] != WANTED_SLOTS:
+        problems.append('the slots are %s' % slots)
+    if not problems:
+        run = subprocess.run([*options.run, *slots], stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        if run.returncode != 0:
+            problems.append(run.stdout.decode(errors='replace'))
+    print('\n'.join(problems) or '%d imported names are exported; 7 slots, offsets and constructors agree' % len(imports))
+    return 1 if problems else 0
+
+
+if __name__ == '__main__':
+    sys.exit(main())
