@@ -231,6 +231,7 @@ void CExport::WriteAll(CMuxer& muxer) {
                                                 due->head.timeBase) < 0)
                 due = &stream;
         }
+        if (due == nullptr) break;
         const uint64_t before = due->bytes;
         WriteNext(muxer, *due);
         bytes += due->bytes - before;

@@ -9,6 +9,7 @@
 #include "mediaio/foreign/indexcache.h"
 #include "mediaio/store/framefile.h"
 
+#include <chrono>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -20,9 +21,11 @@ namespace zemstore {
 class CForeignClip {
 public:
     // The clip of an open file: one that is open already, as long as the file has not changed, or
-    // a new one, which may mean to read the file through. Others that open the same file meanwhile
-    // wait.
+    // a new one. Where the file has to be read through, that is done by a thread of its own, and
+    // goes on when the callers have been sent away with ERROR_BUSY.
     static HRESULT Share(ForeignSource source, std::shared_ptr<CForeignClip>& clip);
+    static std::atomic<std::chrono::milliseconds> s_patience;  // how long a caller waits: 5 s
+    static void AwaitPasses();  // for tests: until no file is being read through
 
     CForeignClip(std::unique_ptr<IStoreFile> file, const SourceStamp& stamp);
     ~CForeignClip();
@@ -43,7 +46,9 @@ public:
     const ZemEsDesc& Desc(size_t stream) const { return m_index.streams[stream].desc; }
 
 private:
-    HRESULT Load(IVolume* volume, const std::string& path);
+    HRESULT Load(IVolume& volume, const std::string& path);  // S_FALSE: Pass is needed
+    HRESULT Pass(IVolume& volume, const std::string& path);
+    HRESULT Prepare();
     HRESULT PinPcm(const StreamIndex& stream, uint32_t position, bool withView, PinnedFrame& frame);
     HRESULT Complete(StreamIndex& stream, const FramePlace& place, bool withView,
                      PinnedFrame& frame);

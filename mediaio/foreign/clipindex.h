@@ -71,7 +71,6 @@ struct ClipIndex {
     };
     std::vector<Package> packages;  // content packages of an MXF file, one for each frame
     uint64_t packagesEnd = 0;
-    bool scanned = false;  // it cost a pass through the file: worth keeping
 };
 
 // The first sample of frame `position` of a stream that is cut.

@@ -220,24 +220,28 @@ bool TakeContainerIndex(CDemuxer& demuxer, IStoreFile& file, uint64_t size_bytes
     return false;
 }
 
-HRESULT BuildIndex(IStoreFile& file, uint64_t size_bytes, ClipIndex& index) {
+HRESULT BuildFromTables(IStoreFile& file, uint64_t size_bytes, ClipIndex& index) {
+    std::unique_ptr<CDemuxer> demuxer;
+    const HRESULT hr = CDemuxer::Open(file, size_bytes, demuxer);
+    if (FAILED(hr)) return hr;
+    DescribeStreams(demuxer->Format(), index);
+    if (index.streams.empty() || !TakeContainerIndex(*demuxer, file, size_bytes, index))
+        return S_FALSE;
+    FinishIndex(index);
+    return S_OK;
+}
+
+HRESULT BuildByPass(IStoreFile& file, uint64_t size_bytes, ClipIndex& index) {
+    index = {};
     std::unique_ptr<CDemuxer> demuxer;
     HRESULT hr = CDemuxer::Open(file, size_bytes, demuxer);
     if (FAILED(hr)) return hr;
+    demuxer->FindStreamInfo();
     DescribeStreams(demuxer->Format(), index);
-    if (index.streams.empty() || !TakeContainerIndex(*demuxer, file, size_bytes, index)) {
-        hr = demuxer->Rewind();
-        if (FAILED(hr)) return hr;
-        demuxer->FindStreamInfo();
-        index = {};
-        DescribeStreams(demuxer->Format(), index);
-        if (index.streams.empty()) return HRESULT_FROM_WIN32(ERROR_BAD_FORMAT);
-        index.scanned = true;
-        hr = ScanFile(*demuxer, file, size_bytes, index);
-        if (FAILED(hr)) return hr;
-    }
-    FinishIndex(index);
-    return S_OK;
+    if (index.streams.empty()) return HRESULT_FROM_WIN32(ERROR_BAD_FORMAT);
+    hr = ScanFile(*demuxer, file, size_bytes, index);
+    if (SUCCEEDED(hr)) FinishIndex(index);
+    return hr;
 }
 
 }  // namespace zemstore

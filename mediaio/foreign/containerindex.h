@@ -23,8 +23,10 @@ HRESULT ScanFile(CDemuxer& demuxer, IStoreFile& file, uint64_t size_bytes, ClipI
 // True when the file holds exactly these bytes there.
 bool HoldsBytes(IStoreFile& file, uint64_t offset, const uint8_t* bytes, size_t size);
 
-// All of the above in order. ERROR_BAD_FORMAT: no container, or nothing in it.
-HRESULT BuildIndex(IStoreFile& file, uint64_t size_bytes, ClipIndex& index);
+// What can be had without a pass. ERROR_BAD_FORMAT: no container. S_FALSE: BuildByPass is needed.
+HRESULT BuildFromTables(IStoreFile& file, uint64_t size_bytes, ClipIndex& index);
+// Reads the whole file. ERROR_BAD_FORMAT: nothing in it. ERROR_OPERATION_ABORTED: StopAll.
+HRESULT BuildByPass(IStoreFile& file, uint64_t size_bytes, ClipIndex& index);
 
 }  // namespace zemstore
 

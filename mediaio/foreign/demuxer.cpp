@@ -38,12 +38,14 @@ bool IsRefused(const AVInputFormat& format) {
 
 }  // namespace
 
+std::atomic<bool> CDemuxer::s_stopped{false};
+
 int CDemuxer::OnRead(void* opaque, uint8_t* to, int size) {
     auto& self = *static_cast<CDemuxer*>(opaque);
     if (size <= 0 || self.m_at >= self.m_size) return AVERROR_EOF;
     const auto want = static_cast<size_t>(
         std::min<uint64_t>(static_cast<uint64_t>(size), self.m_size - self.m_at));
-    if (want > self.m_budget) return AVERROR_EXIT;
+    if (want > self.m_budget || Stopped()) return AVERROR_EXIT;
     self.m_budget -= want;
     size_t done = 0;
     if (FAILED(self.m_file.ReadAt(to, want, self.m_at, done))) return AVERROR(EIO);

@@ -9,6 +9,7 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
+#include <atomic>
 #include <memory>
 #include <string>
 
@@ -21,6 +22,9 @@ public:
     // `file` outlives the demuxer. ERROR_BAD_FORMAT: no container that libavformat knows, or one
     // that only points at other files.
     static HRESULT Open(IStoreFile& file, uint64_t size_bytes, std::unique_ptr<CDemuxer>& demuxer);
+    // The process ends: nothing more is read. Any thread.
+    static void StopAll() { s_stopped.store(true); }
+    static bool Stopped() { return s_stopped.load(); }
     ~CDemuxer();
     CDemuxer(const CDemuxer&) = delete;
     CDemuxer& operator=(const CDemuxer&) = delete;
@@ -47,6 +51,7 @@ private:
     static int OnRead(void* opaque, uint8_t* to, int size);
     static int64_t OnSeek(void* opaque, int64_t offset, int whence);
 
+    static std::atomic<bool> s_stopped;
     IStoreFile& m_file;
     const uint64_t m_size;
     uint64_t m_at = 0;

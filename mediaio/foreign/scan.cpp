@@ -134,6 +134,7 @@ HRESULT ScanFile(CDemuxer& demuxer, IStoreFile& file, uint64_t size_bytes, ClipI
         if (stream.frames.size() >= kMostFrames) break;
         stream.frames.push_back(place);
     }
+    if (CDemuxer::Stopped()) return HRESULT_FROM_WIN32(ERROR_OPERATION_ABORTED);
     bool any = false;
     for (size_t i = 0; i < states.size(); ++i) {
         StreamIndex& stream = index.streams[i];

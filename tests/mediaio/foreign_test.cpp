@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "mediaio/foreign/clip.h"
 #include "tests/mediaio/foreignfixture.h"
 
 namespace {
@@ -298,6 +299,50 @@ TEST_F(Foreign, KeepsAnIndexThatCostAPass) {
     MakeMkv("clip.mkv", 2);
     EXPECT_EQ(AllFrames(Open("clip.mkv")).size(), 50u);
     EXPECT_NE(std::filesystem::last_write_time(Path(".clip.mkv.zemindex")), time);
+}
+
+// A caller is not held longer than it has patience; what it asked for is done all the same.
+TEST_F(Foreign, APassGoesOnWithoutTheCaller) {
+    using zemstore::CForeignClip;
+    const std::chrono::milliseconds patience = CForeignClip::s_patience.exchange({});
+    bool sentAway = false;
+    for (int attempt = 0; attempt < 20 && !sentAway; ++attempt) {
+        // The pass may be done before anybody looks; another file then.
+        const std::string name = "clip" + std::to_string(attempt) + ".mkv";
+        MakeMkv(name);
+        ULONGLONG token = 0;
+        const HRESULT hr = TryOpen(name.c_str(), kFileRead, TEXT(""), token);
+        sentAway = hr == HRESULT_FROM_WIN32(ERROR_BUSY);
+        EXPECT_EQ(hr, sentAway ? HRESULT_FROM_WIN32(ERROR_BUSY) : S_OK);
+        CForeignClip::AwaitPasses();
+        EXPECT_EQ(AllFrames(Open(name.c_str())).size(), 25u);
+        EXPECT_TRUE(IndexExists(name));
+    }
+    EXPECT_TRUE(sentAway);
+    CForeignClip::s_patience = patience;
+}
+
+TEST_F(Foreign, ManyOpenOneFileAtOnce) {
+    MakeTs("clip.ts");
+    StoreFile(Path("noise.bin"), Bytes(3, 3000));
+    std::vector<std::thread> openers;
+    for (int i = 0; i < 6; ++i) {
+        openers.emplace_back([&] {
+            const std::unique_ptr<CZemChannelIo> channel = NewChannel();
+            std::vector<uint8_t> bytes;
+            for (int k = 0; k < 3; ++k) {
+                const ULONGLONG token = Open("clip.ts", kFileRead, channel.get());
+                EXPECT_EQ(Read(token, 5, bytes, channel.get()), S_OK);
+                EXPECT_EQ(channel->CloseFile(token), S_OK);
+                ULONGLONG none = 0;
+                EXPECT_EQ(channel->OpenFile(TEXT("noise.bin"), TEXT(""), kMediaFileAny, kFileRead,
+                                            false, none),
+                          HRESULT_FROM_WIN32(ERROR_BAD_FORMAT));
+            }
+        });
+    }
+    for (std::thread& opener : openers)
+        opener.join();
 }
 
 TEST_F(Foreign, ADamagedIndexCountsForNothing) {
