@@ -110,7 +110,7 @@ BOOL __wrap_GetQueuedCompletionStatus(HANDLE port, LPDWORD bytes, PULONG_PTR key
         return FALSE;
     }
     const CFakeSystem::Packet packet = system->Take();
-    *bytes = 0;
+    *bytes = packet.overlapped ? kRequestBuffer_bytes : 0;  // a receive that filled its buffer
     *key = packet.key;
     *overlapped = packet.overlapped;
     if (packet.error == NO_ERROR) return TRUE;
