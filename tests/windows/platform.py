@@ -25,7 +25,6 @@ EXEMPT = {
     'Wait.RefusesBadHandles': 'numbers that are no handle of the layer may be one of the system',
     'Wait.MultipleChecksItsArguments': 'Wine takes a handle twice',
     'Apc.MayQueueFurtherCalls': 'Wine runs a queued call in the same wait',
-    'Apc.NoneIsLostAgainstWaits': 'Wine interrupts no wait that can be satisfied',
     'Format.StringsInAWideFormat': NARROW,
     'Format.StringsInANarrowFormat': NARROW,
     'Format.NullStringsAndIllFormedText': NARROW,
@@ -44,6 +43,12 @@ EXEMPT = {
     'ComError.HasTheSystemsMessageWithoutItsLineEnd': 'Wine has fewer messages',
     'XmlDocument.RefusesWhatIsNotWellFormed': 'the document of Wine takes document types',
     'XmlDocument.BoundsTheDepth': STRICT,
+}
+
+
+# Neither certain to pass nor to fail: left out.
+UNDECIDED = {
+    'Apc.NoneIsLostAgainstWaits': 'it wants one wait at least that a queued call interrupts, and Wine often has none',
 }
 
 
@@ -66,11 +71,11 @@ def main():
         elif line.rstrip().endswith('.') or '#' in line:
             suite = line.split('#')[0].strip()
     failed = False
-    for name in EXEMPT:
+    for name in [*EXEMPT, *UNDECIDED]:
         if name not in cases:
             print('FAIL: there is no case %s: take it off the list' % name)
             failed = True
-    code, text = run('--gtest_brief=1', '--gtest_filter=*:-' + ':'.join(EXEMPT))
+    code, text = run('--gtest_brief=1', '--gtest_filter=*:-' + ':'.join([*EXEMPT, *UNDECIDED]))
     if code != 0:
         print(text)
         failed = True
@@ -84,7 +89,9 @@ def main():
             failed = True
         else:
             print('exempt: %s: %s' % (name, reason))
-    print('platform: %d cases under Wine, %d of them exempt' % (len(cases), len(EXEMPT)))
+    for name, reason in UNDECIDED.items():
+        print('not run: %s: %s' % (name, reason))
+    print('platform: %d cases under Wine, %d of them exempt, %d not run' % (len(cases), len(EXEMPT), len(UNDECIDED)))
     return 1 if failed else 0
 
 
