@@ -51,8 +51,13 @@ void CHttpCommandHandler::GetClientsInfo(const WCHAR*, char* out, int size_bytes
         const CClientTable::CLock lock(m_clients);
         m_clients.ForEachWhile([&](const WString& clientId, ZemClient*) {
             char line[4 * kNameUnits];  // 259 units are at most 777 bytes of UTF-8
-            sprintf_s(line, sizeof(line), "%S\r\n", clientId.c_str());
-            const size_t length = std::strlen(line);
+            constexpr char kEnd[] = "\r\n";
+            // Converted by the code page: the runtime's printf would do it by its locale.
+            const int bytes = WideCharToMultiByte(
+                CP_ACP, 0, clientId.c_str(), static_cast<int>(clientId.size()), line,
+                static_cast<int>(sizeof(line) - sizeof(kEnd)), nullptr, nullptr);
+            std::memcpy(line + bytes, kEnd, sizeof(kEnd));
+            const size_t length = static_cast<size_t>(bytes) + sizeof(kEnd) - 1;
             // The page ends at the last whole line that fits.
             if (used + length >= size) return false;
             std::memcpy(out + used, line, length + 1);
