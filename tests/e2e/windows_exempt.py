@@ -11,6 +11,11 @@ ALONE = [
     ('exact_pages', 'WithoutRoot.test_no_root_no_start'),
 ]
 
+# Cases that neither certainly pass nor certainly fail: left out.
+NOT_RUN = [
+    ('blackbox', 'Frames.test_large_frame_in_small_pieces', 'a request in many pieces now and then stops the HTTP driver of Wine'),
+]
+
 LINKS = 'to Wine, the links of a Unix file system are what they lead to'
 
 ENTITIES = 'Wine loses the connection in a large entity'
