@@ -200,7 +200,7 @@ CHANNEL_NONE = 255  # a join with this channel is answered without joining
 MAX_POSITION = 0xFFFFFFFE
 MAX_ENTRIES = 22  # of a frame request
 MAX_CONFIG_BYTES = 16 << 20
-MAX_PAYLOAD_BYTES = 251_658_240  # the most frame memory that a server has
+MAX_PAYLOAD_BYTES = 251_658_240  # the most frame memory that a server has: no frame is larger
 
 _HEADER_BYTES = 12
 _ENTRY_BYTES = 96
@@ -445,7 +445,7 @@ class _Wire:
     def close(self) -> None:
         self._connection.close()
 
-    def _hang_up_if_silent(self) -> None:
+    def _notice_hang_up(self) -> None:
         """An idle connection that has something to read was closed by the server. To see that before sending keeps a
         command from being lost, or from having to be repeated."""
         if self._connection.sock is None:
@@ -462,7 +462,7 @@ class _Wire:
         answer is not read by the end costs the connection."""
         connection = self._connection
         try:
-            self._hang_up_if_silent()
+            self._notice_hang_up()
             connection.putrequest(method, path, skip_accept_encoding=True)
             for name, value in headers:
                 connection.putheader(name, value)
@@ -657,7 +657,8 @@ class ZemClient:
         special = is_special(token)
         if special:
             length = 0
-        elif buffers > 1 or length and (status or entry.flags & EntryFlags.STATUS_ONLY):
+        elif (buffers > 1 or length > MAX_PAYLOAD_BYTES
+              or length and (status or entry.flags & EntryFlags.STATUS_ONLY)):
             raise ZemProtocolError('an entry of the stream table contradicts itself')
         data = entity.read(length)
         if last and entity.left:

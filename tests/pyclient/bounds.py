@@ -169,6 +169,7 @@ class Lies(unittest.TestCase):
         for name, lie in (
                 ('longer data than there is', read_reply(table(length=10), b'12345')),
                 ('huge data', read_reply(table(length=0xFFFFFFFF), b'12345')),
+                ('more than any frame has, announced', read_reply(table(length=0xF0000000), length=0xF0000000 + 116)),
                 ('data of no stream', read_reply(table(length=2), b'12345')),
                 ('another count', read_reply(table(n=2))),
                 ('a count of 0', read_reply(table(n=0, size=104))),
