@@ -69,6 +69,8 @@ CHttpConnection::EBlocked CHttpConnection::WaitToSend(CSendCursor& cursor) {
     if (cursor.MemoryLeft() <= kCopyAtOnceBytes && StartBackground(cursor, true))
         return EBlocked::Background;
     if (WaitSocket(POLLOUT, ClockMs() + HttpTune()->body_ms)) return EBlocked::Goes;
+    // A closing queue ends its connections: nothing would be sent in the background.
+    if (m_queue->Closing()) return EBlocked::Lost;
     return StartBackground(cursor, true) ? EBlocked::Background : EBlocked::Lost;
 }
 
