@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "platform/posix/http_parser.h"
+
 namespace posix {
 
 void CBodyDecoder::TakePlain(uint64_t n) {
@@ -13,6 +15,7 @@ void CBodyDecoder::TakePlain(uint64_t n) {
 }
 
 int CBodyDecoder::Decode(const char*& in, const char* in_end, char*& out, const char* out_end) {
+    if (IsBroken()) return 400;
     while (in != in_end && !Done()) {
         if (const uint64_t plain = Plain()) {
             const size_t n = static_cast<size_t>(std::min(
@@ -23,6 +26,7 @@ int CBodyDecoder::Decode(const char*& in, const char* in_end, char*& out, const 
             out += n;
             TakePlain(n);
         } else if (const int status = DecodeFraming(*in++)) {
+            m_state = EState::Broken;
             return status;
         }
     }
@@ -52,7 +56,9 @@ int CBodyDecoder::EndSize() {
     return 0;
 }
 
-// Lines end with CR LF and nothing else; a control character in an extension or trailer is refused.
+// Lines end with CR LF and nothing else; a control character in an extension or trailer is refused,
+// and so is a trailer line without a field name: it may be the next request, behind an end that
+// somebody else saw.
 int CBodyDecoder::DecodeFraming(char c) {
     const bool text = static_cast<uint8_t>(c) >= 0x20 ? c != 0x7F : c == '\t';
     switch (m_state) {
@@ -60,9 +66,14 @@ int CBodyDecoder::DecodeFraming(char c) {
         case EState::Size:
             if (++m_line > kMaxChunkLineBytes) return 400;
             if (m_state == EState::Size && c == '\r') return m_state = EState::SizeLf, 0;
-            if (m_state == EState::Size && (c == ';' || c == ' ' || c == '\t'))
-                return m_state = EState::Extension, 0;
+            if (m_state == EState::Size && c == ';') return m_state = EState::Extension, 0;
+            if (m_state == EState::Size && (c == ' ' || c == '\t'))
+                return m_state = EState::SizeBlank, 0;
             return AddSizeDigit(c);
+        case EState::SizeBlank:
+            if (++m_line > kMaxChunkLineBytes) return 400;
+            if (c == ';') m_state = EState::Extension;
+            return c == ';' || c == ' ' || c == '\t' ? 0 : 400;
         case EState::Extension:
             if (++m_line > kMaxChunkLineBytes || ++m_overhead > kMaxTrailerBytes) return 400;
             if (c == '\r') return m_state = EState::SizeLf, 0;
@@ -75,8 +86,12 @@ int CBodyDecoder::DecodeFraming(char c) {
             return m_state = EState::SizeFirst, c == '\n' ? 0 : 400;
         case EState::TrailerFirst:
             if (c == '\r') return m_state = EState::EndLf, 0;
-            m_state = EState::Trailer;
-            return text && c != ' ' && c != '\t' && c != ':' ? 0 : 400;
+            m_state = EState::TrailerName;
+            return IsTokenChar(c) ? 0 : 400;
+        case EState::TrailerName:
+            if (++m_overhead > kMaxTrailerBytes) return 431;
+            if (c == ':') return m_state = EState::Trailer, 0;
+            return IsTokenChar(c) ? 0 : 400;
         case EState::Trailer:
             if (++m_overhead > kMaxTrailerBytes) return 431;
             if (c == '\r') return m_state = EState::TrailerLf, 0;

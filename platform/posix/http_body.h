@@ -16,6 +16,8 @@ public:
     void SetChunked() { Reset(EState::SizeFirst, 0); }
 
     bool Done() const { return m_state == EState::Done; }
+    // After a framing error: no byte that follows is the body's, nor surely another request's.
+    bool IsBroken() const { return m_state == EState::Broken; }
     bool IsLength() const { return m_state == EState::Length; }
 
     // Body bytes that come next on the wire without framing between them: the rest of a body of
@@ -27,7 +29,8 @@ public:
     void TakePlain(uint64_t n);
 
     // Reads wire bytes from `in` and moves body bytes to `out` (which may be `in` itself or lie
-    // before it) until the input, the room or the body ends. 0, or the status of a framing error.
+    // before it) until the input, the room or the body ends. 0, or the status of a framing error,
+    // which every later call gives again (as 400) without reading.
     int Decode(const char*& in, const char* in_end, char*& out, const char* out_end);
 
 private:
@@ -36,15 +39,18 @@ private:
         Length,
         SizeFirst,
         Size,
+        SizeBlank,
         Extension,
         SizeLf,
         Data,
         DataCr,
         DataLf,
         TrailerFirst,
+        TrailerName,
         Trailer,
         TrailerLf,
         EndLf,
+        Broken,
     };
     void Reset(EState state, uint64_t left) {
         m_state = state;

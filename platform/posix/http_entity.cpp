@@ -39,7 +39,7 @@ ULONG CHttpConnection::ReadBody(char* to, ULONG size, bool fill, bool may_wait, 
             continue;
         }
         if (m_decoder.Done()) break;
-        if (m_broken) {
+        if (m_broken || m_decoder.IsBroken()) {
             error = ERROR_NETNAME_DELETED;
             break;
         }
@@ -95,7 +95,6 @@ ULONG CHttpConnection::ReadSocketBody(char*& to, char* to_end) {
     if (status == 0) return NO_ERROR;
     // What follows a framing error cannot be told from the next request.
     m_close = true;
-    m_decoder.SetNone();
     m_raw_begin = m_raw_end = 0;
     return ERROR_NETNAME_DELETED;
 }
@@ -142,7 +141,7 @@ CHttpConnection::EStep CHttpConnection::RunDraining() {
         const ULONG error = ReadSocketBody(to, scratch + sizeof scratch);
         turn += static_cast<size_t>(to - scratch) + 1;
         if (error == ERROR_IO_PENDING) return Release() ? EStep::Gone : EStep::Again;
-        if (error != NO_ERROR) return Die();
+        if (error != NO_ERROR) return m_decoder.IsBroken() ? CloseGently(true) : Die();
     }
     m_queue->Port()->PushReady(this, EWake::Now);
     return EStep::Gone;

@@ -1,6 +1,8 @@
 // The scanner of a request head and the rules for the fields that frame a message.
 #include "platform/posix/http_parser.h"
 
+#include <arpa/inet.h>
+
 #include <array>
 #include <bit>
 #include <cstring>
@@ -14,7 +16,7 @@ static_assert(std::endian::native == std::endian::little, "ScanValue takes the l
 
 constexpr uint8_t kToken = 1;   // a method's or a name's character
 constexpr uint8_t kTarget = 2;  // a request target's: visible ASCII but '#'
-constexpr uint8_t kHost = 4;    // a registered name's or an address's
+constexpr uint8_t kHost = 4;    // a registered name's
 
 constexpr std::array<uint8_t, 256> MakeClasses() {
     std::array<uint8_t, 256> classes{};
@@ -68,6 +70,29 @@ const char* ScanValue(const char* p, const char* end) {
     }
 }
 
+bool IsHexDigit(char c) {
+    return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F') || (c >= 'a' && c <= 'f');
+}
+
+// RFC 3986, 3.2.2: an escape has its two digits.
+bool IsRegisteredName(std::string_view name) {
+    for (size_t i = 0; i < name.size(); ++i) {
+        if (!Is(name[i], kHost)) return false;
+        if (name[i] != '%') continue;
+        if (name.size() - i < 3 || !IsHexDigit(name[i + 1]) || !IsHexDigit(name[i + 2]))
+            return false;
+    }
+    return true;
+}
+
+bool IsAddress6(std::string_view text) {
+    char copy[INET6_ADDRSTRLEN]{};
+    in6_addr address;
+    if (text.size() >= sizeof copy) return false;
+    text.copy(copy, text.size());
+    return inet_pton(AF_INET6, copy, &address) == 1;
+}
+
 class CHeadParser {
 public:
     CHeadParser(const char* data, size_t size, RequestHead& head)
@@ -106,7 +131,7 @@ private:
 
 EParse CHeadParser::Parse() {
     m_head.status = 400;
-    m_head.host = {};
+    m_head.method = m_head.host = {};
     m_head.content_length = 0;
     m_head.has_host = m_head.has_length = m_head.chunked = false;
     m_head.close = m_head.expect_continue = false;
@@ -124,9 +149,10 @@ EParse CHeadParser::ParseRequestLine() {
     const char* method = m_pos;
     m_pos = Skip(m_pos, m_end, kToken);
     if (static_cast<size_t>(m_pos - method) > kMaxMethodBytes) return Refuse(400);
-    if (m_pos == m_end) return More(414);
-    if (*m_pos == '\r' && m_pos == method && m_pos + 1 == m_end) return EParse::Incomplete;
-    if (*m_pos != ' ' || m_pos == method) return Refuse(400);
+    const bool blank = m_pos == method;  // nothing yet, or half of an empty line
+    if (m_pos == m_end || (blank && *m_pos == '\r' && m_pos + 1 == m_end))
+        return More(blank ? 400 : 414);
+    if (*m_pos != ' ' || blank) return Refuse(400);
     m_head.method = Text(method, m_pos++);
 
     const char* target = m_pos;
@@ -222,6 +248,7 @@ int CHeadParser::NoteField(int id, std::string_view value) {
         case HttpHeaderContentLength:
             return NoteLength(value);
         case HttpHeaderTransferEncoding:
+            if (value.empty()) return 400;
             if (m_has_coding || !EqualsNoCase(value, "chunked")) return 501;
             m_has_coding = m_head.chunked = true;
             return 0;
@@ -281,19 +308,19 @@ EParse ParseHead(const char* data, size_t size, RequestHead& head) {
     return CHeadParser(data, size, head).Parse();
 }
 
+bool IsTokenChar(char c) {
+    return Is(c, kToken);
+}
+
 bool IsValidHost(std::string_view host) {
     std::string_view port;
     if (!host.empty() && host.front() == '[') {
         const size_t close = host.find(']');
-        if (close == std::string_view::npos || close < 3) return false;
-        for (char c : host.substr(1, close - 1))
-            if (!Is(c, kHost) && c != ':') return false;
+        if (close == std::string_view::npos || !IsAddress6(host.substr(1, close - 1))) return false;
         port = host.substr(close + 1);
     } else {
         const size_t colon = host.find(':');
-        for (char c : host.substr(0, colon))
-            if (!Is(c, kHost)) return false;
-        if (colon == 0) return false;
+        if (colon == 0 || !IsRegisteredName(host.substr(0, colon))) return false;
         if (colon != std::string_view::npos) port = host.substr(colon);
     }
     if (port.empty()) return true;

@@ -24,7 +24,7 @@ struct RequestHead {
     int status;      // of a refused head: the answer that it gets
     uint32_t bytes;  // of the whole head, the empty line included
     HTTP_VERB verb;
-    std::string_view method;
+    std::string_view method;  // of a refused head: empty if it was not read
     std::string_view target;
     std::string_view host;  // value of the Host field
     uint64_t content_length;
@@ -45,6 +45,9 @@ enum class EParse { Incomplete, Done, Refused };
 // Parses the head at the start of [data, data + size). Empty lines before it are skipped. Refused:
 // head.status is the answer, and the connection cannot be used further.
 EParse ParseHead(const char* data, size_t size, RequestHead& head);
+
+// Whether the character may stand in a method or a field name (RFC 9110, 5.6.2).
+bool IsTokenChar(char c);
 
 // Whether the text may stand as a host with an optional port in a Host field or an authority.
 bool IsValidHost(std::string_view host);

@@ -70,7 +70,7 @@ CHttpConnection::EStep CHttpConnection::TakeHead(char* data, size_t size, CPacke
         case EParse::Incomplete:
             return EStep::More;
         case EParse::Refused:
-            m_head_only = false;
+            m_head_only = head.method == "HEAD";
             return Refuse(head.status);
         case EParse::Done:
             break;

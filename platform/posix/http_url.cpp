@@ -114,7 +114,8 @@ bool LiesUnder(std::u16string_view path, std::u16string_view prefix) {
 
 int SplitTarget(HTTP_VERB verb, std::string_view target, TargetParts& parts) {
     parts = {};
-    if (target.empty()) return 400;
+    // CONNECT asks for a tunnel, whatever its target looks like: nobody makes one here.
+    if (target.empty() || verb == HttpVerbCONNECT) return 400;
     if (target == "*") {
         parts.path = target;
         return verb == HttpVerbOPTIONS ? 404 : 400;

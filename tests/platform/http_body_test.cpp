@@ -53,6 +53,8 @@ TEST(Chunked, RefusesBadFraming) {
         {"x\r\n", 400},
         {"-1\r\n", 400},
         {" 5\r\n", 400},
+        {"5 \r\n", 400},
+        {"5 5\r\n", 400},
         {"5\nhello", 400},
         {"5\rhello", 400},
         {"0x5\r\n", 400},
@@ -66,6 +68,9 @@ TEST(Chunked, RefusesBadFraming) {
         {"0\r\nA: b\n", 400},
         {"0\r\n folded\r\n", 400},
         {"0\r\n: b\r\n", 400},
+        {"0\r\nA b\r\n", 400},
+        {"0\r\nA\r\n", 400},
+        {"0\r\nA : b\r\n", 400},
         {"0\r\nA: \x7F\r\n", 400},
     };
     for (const CCase& test : cases) {
@@ -77,6 +82,20 @@ TEST(Chunked, RefusesBadFraming) {
     EXPECT_EQ(Decode("5;" + std::string(20000, 'x'), 100, 100, body), 400);
     EXPECT_EQ(Decode(std::string(20000, '0'), 100, 100, body), 400);
     EXPECT_EQ(Decode("5\r\nhel", 100, 100, body), -1);
+}
+
+TEST(Chunked, BreaksForGood) {
+    CBodyDecoder decoder;
+    decoder.SetChunked();
+    const std::string wire = "x\r\n0\r\n\r\n";
+    const char* in = wire.data();
+    char out[16];
+    char* to = out;
+    EXPECT_EQ(decoder.Decode(in, wire.data() + wire.size(), to, out + sizeof out), 400);
+    const char* const stopped = in;
+    EXPECT_EQ(decoder.Decode(in, wire.data() + wire.size(), to, out + sizeof out), 400);
+    EXPECT_EQ(in, stopped);
+    EXPECT_TRUE(decoder.IsBroken() && !decoder.Done() && decoder.Plain() == 0);
 }
 
 TEST(Length, EndsWhereItSays) {
