@@ -11,6 +11,10 @@ zem_test(platform_http_parts LABEL unit
 zem_test(platform_http LABEL platform
     SOURCES
         ${CMAKE_CURRENT_LIST_DIR}/http_cooked_test.cpp
+        ${CMAKE_CURRENT_LIST_DIR}/http_conformance_connection.cpp
+        ${CMAKE_CURRENT_LIST_DIR}/http_conformance_fields.cpp
+        ${CMAKE_CURRENT_LIST_DIR}/http_conformance_framing.cpp
+        ${CMAKE_CURRENT_LIST_DIR}/http_conformance_requestline.cpp
         ${CMAKE_CURRENT_LIST_DIR}/http_conformance_test.cpp
         ${CMAKE_CURRENT_LIST_DIR}/http_listen_test.cpp
         ${CMAKE_CURRENT_LIST_DIR}/http_load_test.cpp

@@ -244,6 +244,7 @@ bool CClient::Fill() {
     char piece[65536];
     const ssize_t n = recv(m_socket, piece, sizeof piece, 0);
     if (n > 0) m_kept.append(piece, static_cast<size_t>(n));
+    if (n < 0) m_broken = true;
     return n > 0;
 }
 
@@ -273,7 +274,7 @@ std::string CClient::ReadToEnd() {
 
 bool CClient::AtEnd() {
     char byte;
-    return m_kept.empty() && recv(m_socket, &byte, 1, 0) == 0;
+    return !m_broken && m_kept.empty() && recv(m_socket, &byte, 1, 0) == 0;
 }
 
 std::string Get(const std::string& path, const std::string& fields) {

@@ -92,13 +92,14 @@ public:
     // whole.
     CReply Read(bool head_only = false);
     std::string ReadToEnd();
-    // Whether the server has closed, with nothing left to read.
+    // Whether the server has closed in good order (no reset), with nothing left to read.
     bool AtEnd();
     int Socket() const { return m_socket; }
 
 private:
     bool Fill();
     int m_socket = -1;
+    bool m_broken = false;  // a read failed: reset, or nothing came for too long
     std::string m_kept;
 };
 
