@@ -7,6 +7,7 @@ import select
 import signal
 import socket
 import subprocess
+import sys
 import time
 
 import wire
@@ -14,6 +15,7 @@ import wire
 WINE_SERVER = '/usr/lib/wine/wineserver'
 PREFIX = os.environ.setdefault(
     'WINEPREFIX', os.path.abspath(os.path.join(os.path.dirname(__file__), '..', '..', 'build', 'windows', 'wine')))
+STUCK = 99  # exit code: nobody answers any more
 WINE = os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', '..', 'packaging', 'wine')
 
 
@@ -21,10 +23,24 @@ def rewrite(connection, data):
     return re.sub(rb'\r\nHost: [^\r\n]*', b'\r\nHost: *:%d' % connection.port, data)
 
 
+def answers(port):
+    """Whether the server still gets requests and answers one that it answers at any time."""
+    try:
+        with socket.create_connection(('127.0.0.1', port), timeout=5) as probe:
+            probe.sendall(b'GET /media/clients HTTP/1.1\r\nHost: *:%d\r\n\r\n' % port)
+            return probe.recv(1) != b''
+    except OSError:
+        return False
+
+
 def wait(connection):
     """Now and then the driver does not notice a request until something else happens at its sockets."""
-    end = time.monotonic() + (connection.socket.gettimeout() or 0)
+    begun = time.monotonic()
+    end = begun + (connection.socket.gettimeout() or 0)
     while time.monotonic() < end and not select.select([connection.socket], [], [], 1)[0]:
+        if time.monotonic() > begun + 8 and not answers(connection.port):
+            sys.stdout.flush()
+            os._exit(STUCK)
         try:
             socket.create_connection(('127.0.0.1', connection.port), timeout=1).close()
         except OSError:
