@@ -97,7 +97,17 @@ def main():
     alone = [name for name in names if name not in exempt
              and any(row[0] == options.suite and name.startswith(row[1]) for row in ALONE)]
     rest = unittest.TestSuite(test for test in found if name_of(test) not in [*exempt, *alone, *left_out])
-    failed = not unittest.TextTestRunner(verbosity=1).run(rest).wasSuccessful()
+    result = unittest.TextTestRunner(verbosity=1).run(rest)
+    failed = False
+    # Wine's HTTP driver drops a connection now and then. What does not pass by itself either has failed.
+    for test, _ in result.failures + result.errors:
+        name = name_of(test) if test in found else str(test)
+        if test in found and passes_alone(name):
+            print('repeated: %s passed by itself' % name)
+        else:
+            print('FAIL: %s, by itself too' % name)
+            failed = True
+    failed = failed or bool(result.unexpectedSuccesses)
     for name in alone:
         if not passes_alone(name):
             print('FAIL: %s, by itself: repeat with --alone %s' % (name, name))
