@@ -120,6 +120,7 @@ TEST_F(Exported, AllocationThatFailsDuringConstructionIsOutOfMemory) {
 TEST_F(Exported, SecondServerOnTheSameRegistryFailsAtItsUrlAndLeavesTheFirstAlone) {
     CHttpCommandHandler* first = nullptr;
     ASSERT_EQ(CreateZemHttpSvr(&first), S_OK);
+    system.WaitForReceives(300);  // the first one's issuer reads the errors no more
     system.errors["HttpAddUrl http://*:80/zem/"] = ERROR_ALREADY_EXISTS;
     CHttpCommandHandler* second = kStale;
     EXPECT_EQ(CreateZemHttpSvr(&second), HRESULT_FROM_WIN32(ERROR_ALREADY_EXISTS));
