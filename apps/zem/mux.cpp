@@ -11,6 +11,7 @@ extern "C" {
 #include <array>
 #include <cstring>
 #include <filesystem>
+#include <string_view>
 #include <vector>
 
 #include "apps/zem/client/text.h"
@@ -74,6 +75,9 @@ void CMuxer::AddStream(const StreamHead& head) {
     if (head.rate.num > 0 && head.rate.den > 0) {
         stream->avg_frame_rate = head.rate;
         stream->r_frame_rate = head.rate;
+        // MXF counts pictures, and its muxer takes their rate from the time base.
+        if (std::string_view(m_context->format->oformat->name).starts_with("mxf"))
+            stream->time_base = av_inv_q(head.rate);
     }
     if (!head.timecode.empty() && codec.codec_type == AVMEDIA_TYPE_VIDEO) {
         av_dict_set(&stream->metadata, "timecode", head.timecode.c_str(), 0);
