@@ -2,7 +2,6 @@
 #include "platform/posix/port_seats.h"
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -89,17 +88,12 @@ void CWorkerSeats::Call() {
 }
 
 void CWorkerSeats::Sit(CCompletionPort& port) {
-    const bool here = t_here.seats.get() == this;
-    if (here && !m_spare.load(std::memory_order_relaxed)) return;
-    if (here && !m_spare.exchange(false)) return;
-    if (!here) StandUp();
-    std::unique_lock lock(m_lock);
-    if (here) {
-        if (m_seated.load() <= 1 || m_closed) return;
-        lock.unlock();
-        StandUp();
-        lock.lock();
+    if (t_here.seats.get() == this) {
+        if (m_spare.load(std::memory_order_relaxed) && m_spare.exchange(false)) Rest(port);
+        return;
     }
+    StandUp();
+    std::unique_lock lock(m_lock);
     if (m_closed) return;
     if (m_seated.load() == 0) {
         m_seated.fetch_add(1);

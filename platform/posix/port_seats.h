@@ -12,14 +12,13 @@
 // is idle. All members may be called by any thread.
 #pragma once
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <vector>
-
-#include <sys/types.h>
-#include <time.h>
 
 namespace posix {
 
