@@ -32,6 +32,11 @@ zem_post() {  # zem_post REQUEST_FILE REPLY_FILE
         --data-binary "@$1" "$zem_url"
 }
 
+zem_post_raw() {  # zem_post_raw REQUEST_FILE REPLY_FILE: the reply with its HTTP header
+    curl -sS --fail --max-time 20 -i -o "$2" -H "Zem-Id: $zem_id" -A 'zembench (Bench/0.1.0)' -H 'Expect:' \
+        --data-binary "@$1" "$zem_url"
+}
+
 zem_command() {  # zem_command BUILDER...: sends what the builder writes; the reply is in $work/reply
     "$@" >"$work/request"
     zem_post "$work/request" "$work/reply"
