@@ -13,6 +13,19 @@ if(ZEM_SANITIZE)
     target_link_options(zem_options INTERFACE -fsanitize=${ZEM_SANITIZE})
 endif()
 
+# What makes an error in a program hard to use against it: canaries and checked copies, a stack that cannot be stepped
+# over, marked targets of jumps, and tables of addresses that are read-only once the program runs. Programs are placed at
+# random; libraries are anyway.
+if(ZEM_HARDEN)
+    target_compile_options(zem_options INTERFACE
+        -fstack-protector-strong -fstack-clash-protection -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+    if(CMAKE_SYSTEM_PROCESSOR STREQUAL x86_64)
+        target_compile_options(zem_options INTERFACE -fcf-protection=full)
+    endif()
+    target_link_options(zem_options INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack
+        $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-pie>)
+endif()
+
 # Sources that only one system has end in _posix.cpp or _windows.cpp: ${ZEM_SYSTEM} is the one that is built for. The
 # rest of the tree does not ask.
 if(WIN32)

@@ -153,9 +153,10 @@ TEST(ZemhostPackage, RegistryFileHasTheSettingsAndThisVersion) {
     HostOptions options;
     options.registry = PACKAGED_REGISTRY_FILE;
     EXPECT_EQ(CheckRegistryFile(options.registry), "");
-    EXPECT_EQ(SettingsText(SettingsOf(options)),
-              "port 8080 registry\nlisten 127.0.0.1 registry\nvolume /var/lib/zemhttpd registry\n"
-              "address http://127.0.0.1:8080\n");
+    EXPECT_EQ(
+        SettingsText(SettingsOf(options)),
+        "port 8080 registry\nlisten 127.0.0.1 registry\nvolume /var/lib/zemhttpd/volume registry\n"
+        "address http://127.0.0.1:8080\n");
 
     HKEY key = nullptr;
     ASSERT_EQ(

@@ -98,7 +98,7 @@ case_wrong_port() {
 
 case_settings_and_their_sources() {
     expect 0 --registry "$source_dir/packaging/zemhttpd.reg" --port 8123 --settings
-    printf '%s\n' 'port 8123 option' 'listen 127.0.0.1 registry' 'volume /var/lib/zemhttpd registry' \
+    printf '%s\n' 'port 8123 option' 'listen 127.0.0.1 registry' 'volume /var/lib/zemhttpd/volume registry' \
         'address http://127.0.0.1:8123' | cmp - "$work/out" || fail 'other settings'
 }
 

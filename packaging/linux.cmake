@@ -1,0 +1,55 @@
+# What `cmake --install` lays where. The library lies where the
+# linker looks; the modules that it loads lie in a folder of their own beside it, so that a host's own modules of the same
+# names, found through LD_LIBRARY_PATH or linked by the host, come first.
+if(CMAKE_LIBRARY_ARCHITECTURE)
+    set(CMAKE_INSTALL_LIBDIR lib/${CMAKE_LIBRARY_ARCHITECTURE} CACHE PATH "Where libraries go")
+endif()
+include(GNUInstallDirs)
+set(module_dir ${CMAKE_INSTALL_LIBDIR}/zemhttpd)
+
+set(modules zem_platform ErrorLog zemMemAllocator zembaseio zemchannelio)
+install(TARGETS zemhttpd EXPORT zemhttpdTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zemhttpd)
+install(TARGETS ${modules} EXPORT zemhttpdTargets
+    LIBRARY DESTINATION ${module_dir}
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zemhttpd)
+if(TARGET zemforeign)  # loaded at its first use, from beside zembaseio
+    install(TARGETS zemforeign LIBRARY DESTINATION ${module_dir})
+    list(APPEND modules zemforeign)
+endif()
+install(TARGETS zemhost RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(TARGETS zem RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+set_target_properties(zemhttpd PROPERTIES INSTALL_RPATH "$ORIGIN/zemhttpd")
+set_target_properties(${modules} PROPERTIES INSTALL_RPATH "$ORIGIN")
+set_target_properties(zemhost PROPERTIES
+    INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR};$ORIGIN/../${module_dir}")
+set_target_properties(zem_platform PROPERTIES EXPORT_NAME platform)
+
+# For host programs and media modules: the headers, CMake's package and pkg-config's.
+set(include_dir ${CMAKE_INSTALL_INCLUDEDIR}/zemhttpd)
+foreach(header
+        zemhttpd/entry/zemhttpd.h zemhttpd/entry/entrypoint.h
+        mediaio/errorlog.h mediaio/errorlog/sink.h
+        mediaio/zemio.h mediaio/zemchannelio.h mediaio/zemiotypes.h mediaio/zemmemallocator.h
+        platform/platform.h platform/windowsnames.h)
+    get_filename_component(folder ${header} DIRECTORY)
+    install(FILES ${header} DESTINATION ${include_dir}/${folder})
+endforeach()
+foreach(header com errors eventlog files http http_calls port registry sync text time types xmldom)
+    install(FILES platform/posix/${header}.h DESTINATION ${include_dir}/platform/posix)
+endforeach()
+include(CMakePackageConfigHelpers)
+set(cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/zemhttpd)
+configure_package_config_file(packaging/zemhttpdConfig.cmake.in ${CMAKE_BINARY_DIR}/packaging/zemhttpdConfig.cmake
+    INSTALL_DESTINATION ${cmake_dir})
+write_basic_package_version_file(${CMAKE_BINARY_DIR}/packaging/zemhttpdConfigVersion.cmake COMPATIBILITY SameMinorVersion)
+install(FILES ${CMAKE_BINARY_DIR}/packaging/zemhttpdConfig.cmake ${CMAKE_BINARY_DIR}/packaging/zemhttpdConfigVersion.cmake
+    DESTINATION ${cmake_dir})
+install(EXPORT zemhttpdTargets NAMESPACE zemhttpd:: DESTINATION ${cmake_dir})
+configure_file(packaging/zemhttpd.pc.in ${CMAKE_BINARY_DIR}/packaging/zemhttpd.pc @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/packaging/zemhttpd.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+install(FILES README.md ARCHITECTURE.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES examples/host.cpp examples/CMakeLists.txt DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
