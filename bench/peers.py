@@ -1,0 +1,190 @@
+"""The servers that are measured, each started on a free port of 127.0.0.1 and ended by stop()."""
+
+import os
+import pathlib
+import shutil
+import struct
+import subprocess
+import sys
+import tempfile
+import time
+import urllib.request
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+sys.path.insert(0, str(ROOT / 'tests/e2e'))
+import wire  # noqa: E402
+
+BUILD = ROOT / 'build/release'
+TICKS = os.sysconf('SC_CLK_TCK')
+
+
+class BenchError(Exception):
+    pass
+
+
+def children(pid):
+    path = pathlib.Path(f'/proc/{pid}/task/{pid}/children')
+    return [int(word) for word in path.read_text().split()]
+
+
+def cpu_seconds(pids):
+    """Processor time of the processes so far, in steps of a clock tick."""
+    total = 0
+    for pid in pids:
+        fields = pathlib.Path(f'/proc/{pid}/stat').read_text().rsplit(') ', 1)[1].split()
+        total += int(fields[11]) + int(fields[12])
+    return total / TICKS
+
+
+class ZemHost:
+    """The server under test, and one client of it that opens and writes what is measured."""
+
+    ID = 'bench'
+
+    def __init__(self, folder, file_server=False):
+        # wire.Server makes its volume where temporary files go.
+        before, tempfile.tempdir = tempfile.tempdir, str(folder)
+        try:
+            self.server = wire.Server(str(BUILD / 'bin/zemhost'), file_server=file_server)
+        finally:
+            tempfile.tempdir = before
+        self.port = self.server.port
+        self.volume = pathlib.Path(self.server.volume)
+        self.client = None
+
+    def pids(self):
+        return [self.server.process.pid]
+
+    def stop(self):
+        if self.client:
+            self.client.close()
+        self.server.remove()
+
+    def join(self):
+        """A client that was silent while others were measured may be gone: every run begins with this. Files that were
+        open are closed by it."""
+        if self.client:
+            self.client.close()
+        self.client = wire.Client(self.port, self.ID)
+        self.client.post(wire.LEAVE)
+        self.client.join(0)
+
+    def create(self, name):
+        token = self.client.create(name, desc=wire.es_desc(), flags=0x13)
+        if not token:
+            raise BenchError(f'zemhost did not create {name}')
+        return token
+
+    def open(self, name):
+        token = self.client.open(name)
+        if not token:
+            raise BenchError(f'zemhost did not open {name}')
+        return token
+
+    def record(self, name, frames, data):
+        """Makes a file of `frames` frames, all of them `data`, and looks at the last one."""
+        self.join()
+        token = self.create(name)
+        for position in range(frames):
+            self.client.write(token, position, data)
+        self.client.flush(token)
+        if wire.frame_of(self.client.read(token, frames - 1)) != data:
+            raise BenchError('what was written is not what is read')
+        self.client.post(wire.CLOSE, struct.pack('<Q', token))
+
+    @staticmethod
+    def entity(code, body=b'', payload=b''):
+        return struct.pack('<III', 1, code, len(body)) + body + payload
+
+    # Where entry 0 of READ_FRAME and WRITE_FRAME has its position, counted from the entity's first byte.
+    POSITION_AT = 12 + 16 + 16
+
+
+class Nginx:
+    def __init__(self, folder):
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix='nginx-', dir=folder))
+        self.html = self.folder / 'html'
+        (self.html / 'put').mkdir(parents=True)
+        os.chmod(self.folder, 0o755)
+        binary = shutil.which('nginx', path=os.environ['PATH'] + ':/usr/sbin')
+        for _ in range(5):
+            self.port = wire.free_port()
+            conf = self.folder / 'conf'
+            conf.write_text(self._configuration())
+            self.process = subprocess.Popen(
+                [binary, '-p', self.folder, '-c', conf, '-e', self.folder / 'error.log'], stderr=subprocess.DEVNULL)
+            while self.process.poll() is None:
+                try:
+                    urllib.request.urlopen(f'http://127.0.0.1:{self.port}/media/', timeout=5).read()
+                    return
+                except OSError:
+                    time.sleep(0.02)
+        raise BenchError('nginx did not start: ' + (self.folder / 'error.log').read_text())
+
+    def _configuration(self):
+        user = 'user root;' if os.geteuid() == 0 else ''
+        places = ''.join(f'{kind}_temp_path {self.folder}/{kind};\n'
+                         for kind in ('client_body', 'proxy', 'fastcgi', 'uwsgi', 'scgi'))
+        return f'''{user}
+worker_processes 2;
+daemon off;
+pid {self.folder}/pid;
+worker_rlimit_nofile 20000;
+events {{ worker_connections 8192; }}
+http {{
+    access_log off;
+    keepalive_requests 1000000;
+    keepalive_timeout 600;
+    sendfile on;
+    tcp_nopush on;
+    client_max_body_size 64m;
+    {places}
+    server {{
+        listen 127.0.0.1:{self.port};
+        location /media/ {{ return 200 "0123456789abcdef"; }}
+        location /put/ {{ root {self.html}; dav_methods PUT; }}
+        location / {{ root {self.html}; }}
+    }}
+}}
+'''
+
+    def pids(self):
+        return children(self.process.pid)
+
+    def stop(self):
+        self.process.terminate()
+        self.process.wait()
+        shutil.rmtree(self.folder)
+
+
+class RawLoop:
+    """Our own bare loop: see rawloop.cpp for the modes."""
+
+    def __init__(self, mode, head, data, folder):
+        """`head`: all of an answer but the frame; `data`: the frame, for mode write only its file's folder counts."""
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix='raw-', dir=folder))
+        (self.folder / 'head').write_bytes(head)
+        (self.folder / 'frame').write_bytes(data)
+        for _ in range(5):
+            self.port = wire.free_port()
+            self.process = subprocess.Popen(
+                [BUILD / 'bench/rawloop', mode, str(self.port), '2', self.folder / 'head', self.folder / 'frame'],
+                stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            if self.process.stdout.readline().strip() == b'ready':
+                return
+            error = self.process.communicate()[1]
+        raise BenchError('rawloop did not start: ' + error.decode())
+
+    def pids(self):
+        return [self.process.pid]
+
+    def stop(self):
+        self.process.terminate()
+        self.process.communicate()
+        shutil.rmtree(self.folder)
+
+
+def answer_head(reply, frame_bytes):
+    """All of an answer of ours but its last `frame_bytes`, for rawloop."""
+    lines = [f'HTTP/1.1 {reply.status} {reply.reason}', *(f'{name}: {value}' for name, value in reply.headers)]
+    return '\r\n'.join(lines).encode() + b'\r\n\r\n' + reply.body[:len(reply.body) - frame_bytes]
