@@ -62,6 +62,9 @@ public:
     // The first byte at or after the offset that is not in a hole; the file's size when there is
     // none. Not knowing holes is allowed.
     virtual uint64_t NextData(uint64_t offset_bytes) { return offset_bytes; }
+    // Forgets what the system remembers of the file and is not waiting to be written: what is read
+    // from now on is what the device has. As far as the system lets one.
+    virtual void DropCache() {}
     // Asks the system to begin reading the range.
     virtual void Prefetch(uint64_t offset_bytes, uint64_t size_bytes) = 0;
     // Pages of the file for somebody else to send; never touched here. Null when there are none.

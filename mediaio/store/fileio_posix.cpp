@@ -207,6 +207,7 @@ public:
         uint64_t size = 0;
         return errno == ENXIO && SUCCEEDED(Size(size)) ? size : offset_bytes;
     }
+    void DropCache() override { posix_fadvise(m_fd.Get(), 0, 0, POSIX_FADV_DONTNEED); }
     void Prefetch(uint64_t offset_bytes, uint64_t size_bytes) override {
         posix_fadvise(m_fd.Get(), static_cast<off_t>(offset_bytes), static_cast<off_t>(size_bytes),
                       POSIX_FADV_WILLNEED);

@@ -204,7 +204,7 @@ uint32_t CFrameIndex::TopCrc() const {
 class CFrameIndex::CReader {
 public:
     CReader(IStoreFile& file, const Root& root, uint64_t limit)
-        : m_file(file), m_root(root), m_limit(limit), m_window(kWindow) {}
+        : m_file(file), m_root(root), m_limit(limit) {}
 
     // Copies the page at `offset`, checked, or says ERROR_INVALID_DATA.
     HRESULT Read(const ChildRef& ref, uint32_t level, uint32_t firstPosition, uint8_t* page) {
@@ -218,6 +218,7 @@ public:
             // read alone.
             const bool compact = offset >= m_root.compactOffset && offset < m_root.compactEnd;
             const size_t want = compact ? kWindow : kPageSize;
+            if (m_window.size() < want) m_window.resize(want);
             m_begin = offset;
             const HRESULT hr = m_file.ReadAt(m_window.data(), want, offset, m_filled);
             if (FAILED(hr)) return hr;

@@ -56,6 +56,7 @@ public:
     HRESULT Load();
 
     // One writer at a time, in this process or another: ERROR_SHARING_VIOLATION.
+    // ERROR_FILE_INVALID: another process has changed the file since this object loaded it.
     HRESULT BeginWriting();
     HRESULT EndWriting();  // everything on the device, index included; the writer is gone anyway
     bool HasWriter() const;
@@ -67,7 +68,8 @@ public:
     HRESULT AppendSettings(const Settings& settings);
     // The space of erased frames is given back soon, once no root and no reader needs it.
     HRESULT Erase(uint32_t first, uint64_t end);
-    // Returns when everything appended before is on the device.
+    // Returns when everything appended before is on the device. A failure is final: this object
+    // promises nothing any more and takes no further record.
     HRESULT Flush();
     // Puts the index on the device and ends the tail. REQUIRES: writer.
     HRESULT Checkpoint();
@@ -121,7 +123,7 @@ private:
 
     // mediafile_load.cpp
     HRESULT ReadHeader();
-    bool ReadRoot(int which, Root& root);
+    HRESULT ReadRoot(int which, Root& root, bool& valid);
     HRESULT LoadIndex(const Root& root);
     HRESULT ScanTail(uint64_t start, uint64_t limit);
     class CTailReader;
@@ -142,6 +144,7 @@ private:
     HRESULT AppendDurably(WriteItem& item);
     void AskForCheckpoint();
     HRESULT SyncNow();
+    void EndSync(HRESULT hr);
 
     // mediafile_checkpoint.cpp
     enum class Wanted { kNothing, kCheckpoint, kCompaction };
@@ -180,6 +183,11 @@ private:
     bool m_batchRunning = false;
     uint64_t m_logEnd = kLogOffset;
     uint64_t m_sequence = 1;
+    uint64_t m_knownSize = 0;  // of the file, when this object last read or wrote it
+    // One sync at a time: see SyncNow.
+    bool m_syncRunning = false;
+    bool m_syncParked = false;  // the checkpoint's waits for the running one
+    uint64_t m_syncsBegun = 0;
     HRESULT m_failure = S_OK;       // a sync failed: nothing can be promised any more
     std::vector<DeadRange> m_dead;  // superseded since the last checkpoint
 

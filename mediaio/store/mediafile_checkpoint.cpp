@@ -33,11 +33,12 @@ HRESULT CMediaFile::WaitForCheckpoint(Wanted wanted) {
         return SyncNow();
     }
     m_changed.wait(hold, [&] { return m_phase == Phase::kIdle; });
+    if (FAILED(m_failure)) return m_failure;
     m_checkpointResult = S_OK;
     m_wanted = wanted;
     Pump(hold);
     m_changed.wait(hold, [&] { return m_wanted == Wanted::kNothing && resting(); });
-    return m_checkpointResult;
+    return FAILED(m_failure) ? m_failure : m_checkpointResult;
 }
 
 bool CMediaFile::CheckpointDue() const {
@@ -110,6 +111,12 @@ void CMediaFile::ContinueCheckpoint(std::unique_lock<std::mutex>& hold) {
             break;
         case Phase::kNodesSync:
         case Phase::kRootSync:
+            if (m_syncRunning) {
+                m_syncParked = true;  // who syncs now comes back here
+                return;
+            }
+            m_syncRunning = true;
+            ++m_syncsBegun;
             request.op = IoOp::kSync;
             break;
         case Phase::kRoot:
@@ -140,10 +147,11 @@ void CMediaFile::OnCheckpoint(IoRequest& request) {
         const Phase phase = file->m_phase;
         if (phase == Phase::kNodes) file->m_batchRunning = false;
         const bool sync = phase == Phase::kNodesSync || phase == Phase::kRootSync;
-        if (FAILED(hr) && sync && SUCCEEDED(file->m_failure)) file->m_failure = hr;
-        if (FAILED(hr) && phase != Phase::kPunch) {
+        if (sync) file->EndSync(hr);
+        const HRESULT result = sync ? file->m_failure : hr;
+        if (FAILED(result) && phase != Phase::kPunch) {
             if (phase == Phase::kNodes) file->m_file->SetSize(file->m_logEnd);
-            file->EndCheckpoint(hr);
+            file->EndCheckpoint(result);
         } else {
             switch (phase) {
                 case Phase::kNodes:

@@ -19,8 +19,7 @@ uint64_t RoundUp(uint64_t size) {
 // The log in large pieces, holes left out.
 class CMediaFile::CTailReader {
 public:
-    CTailReader(IStoreFile& file, uint64_t limit)
-        : m_file(file), m_limit(limit), m_buffer(kPiece) {}
+    CTailReader(IStoreFile& file, uint64_t limit) : m_file(file), m_limit(limit) {}
 
     // The next page at or after `offset` that is not in a hole; null at the end or on a failure.
     const uint8_t* Page(uint64_t& offset, HRESULT& hr) {
@@ -30,6 +29,7 @@ public:
             if (offset >= m_limit) return nullptr;
             m_begin = offset;
             const auto want = static_cast<size_t>(std::min<uint64_t>(kPiece, m_limit - offset));
+            if (m_buffer.size() < want) m_buffer.resize(want);
             hr = m_file.ReadAt(m_buffer.data(), want, offset, m_filled);
             if (FAILED(hr) || m_filled < kPageSize) return nullptr;
         }
@@ -37,7 +37,8 @@ public:
     }
 
     HRESULT Checksum(uint64_t offset, uint32_t size, uint32_t& crc) {
-        m_data.resize(kPiece);
+        if (m_data.size() < std::min<size_t>(kPiece, size))
+            m_data.resize(std::min<size_t>(kPiece, size));
         crc = 0;
         for (uint32_t at = 0; at < size;) {
             const size_t want = std::min<size_t>(kPiece, size - at);
@@ -76,13 +77,16 @@ HRESULT CMediaFile::ReadHeader() {
     return S_OK;
 }
 
-bool CMediaFile::ReadRoot(int which, Root& root) {
+// A root that the device does not give is no reason to take the other: that one may be older, and
+// would bring back what was erased or overwritten since.
+HRESULT CMediaFile::ReadRoot(int which, Root& root, bool& valid) {
     size_t done = 0;
     const HRESULT hr = m_file->ReadAt(&root, sizeof root, kRootOffset[which], done);
-    return SUCCEEDED(hr) && done == sizeof root && root.magic == kRootMagic &&
-           root.fileId == m_header.fileId && Crc32c(0, &root, offsetof(Root, crc)) == root.crc &&
-           (root.generation & 1) == static_cast<uint64_t>(which) && root.logStart >= kLogOffset &&
-           root.logStart % kPageSize == 0 && root.nextSequence != 0;
+    valid = SUCCEEDED(hr) && done == sizeof root && root.magic == kRootMagic &&
+            root.fileId == m_header.fileId && Crc32c(0, &root, offsetof(Root, crc)) == root.crc &&
+            (root.generation & 1) == static_cast<uint64_t>(which) && root.logStart >= kLogOffset &&
+            root.logStart % kPageSize == 0 && root.nextSequence != 0;
+    return hr;
 }
 
 HRESULT CMediaFile::LoadIndex(const Root& root) {
@@ -177,9 +181,14 @@ HRESULT CMediaFile::Load() {
     hr = m_file->Size(size);
     if (FAILED(hr)) return hr;
     Root roots[2];
-    const bool valid[2] = {ReadRoot(0, roots[0]), ReadRoot(1, roots[1])};
+    bool valid[2];
+    for (const int which : {0, 1}) {
+        hr = ReadRoot(which, roots[which], valid[which]);
+        if (FAILED(hr)) return hr;
+    }
     const int newest = valid[1] && (!valid[0] || roots[1].generation > roots[0].generation) ? 1 : 0;
     std::unique_lock hold(m_lock);
+    m_knownSize = size;
     for (const int which : {newest, 1 - newest}) {
         if (!valid[which]) continue;
         m_report = {};

@@ -14,13 +14,21 @@ HRESULT CMediaFile::Guard() {
     if (m_readOnly) return E_ACCESSDENIED;
     if (FAILED(m_failure)) return m_failure;
     if (m_guards == 0) {
-        const HRESULT hr = m_file->LockForWriting();
+        HRESULT hr = m_file->LockForWriting();
         if (FAILED(hr)) return hr;
+        // Whoever writes a file makes it longer. Where another process did so since it was loaded,
+        // what is known here is old, and the log's end is somebody else's frame.
+        uint64_t size = 0;
+        hr = m_file->Size(size);
+        if (SUCCEEDED(hr) && size != m_knownSize) hr = HRESULT_FROM_WIN32(ERROR_FILE_INVALID);
         try {
             m_tails.resize(kBatchItems * kTailRoom);
         } catch (const std::bad_alloc&) {
+            hr = E_OUTOFMEMORY;
+        }
+        if (FAILED(hr)) {
             m_file->UnlockForWriting();
-            return E_OUTOFMEMORY;
+            return hr;
         }
     }
     ++m_guards;
@@ -29,7 +37,9 @@ HRESULT CMediaFile::Guard() {
 
 void CMediaFile::Unguard() {
     std::lock_guard hold(m_lock);
-    if (--m_guards == 0) m_file->UnlockForWriting();
+    if (--m_guards != 0) return;
+    if (FAILED(m_file->Size(m_knownSize))) m_knownSize = 0;  // not to be written again
+    m_file->UnlockForWriting();
 }
 
 HRESULT CMediaFile::BeginWriting() {
@@ -73,13 +83,46 @@ void CMediaFile::Append(WriteItem& item) {
     Pump(hold);
 }
 
+// One sync at a time, because the system tells of a failure once, to one of those who ask at the
+// same time: the others would believe. A sync covers what was written before it began, whoever
+// wrote it, so many who wait share one.
 HRESULT CMediaFile::SyncNow() {
-    const HRESULT hr = m_file->Sync();
-    std::lock_guard hold(m_lock);
-    // After a failed sync the system may have dropped what it could not write and will not say so
-    // again: nothing that this object promised can be relied on.
-    if (FAILED(hr) && SUCCEEDED(m_failure)) m_failure = hr;
+    std::unique_lock hold(m_lock);
+    const uint64_t needed = m_syncsBegun + 1;
+    while (SUCCEEDED(m_failure) && m_syncsBegun - (m_syncRunning ? 1 : 0) < needed) {
+        if (m_syncRunning) {
+            m_changed.wait(hold);
+            continue;
+        }
+        m_syncRunning = true;
+        ++m_syncsBegun;
+        hold.unlock();
+        const HRESULT hr = m_file->Sync();
+        hold.lock();
+        EndSync(hr);
+        if (m_syncParked) {
+            m_syncParked = false;
+            ContinueCheckpoint(hold);
+        }
+    }
     return m_failure;
+}
+
+// Called with the lock. After a failed sync the system may have dropped what it could not write,
+// and will not say so again: nothing that this object promised can be relied on, not even what its
+// frames look like, for the pages that were lost may be read again from the device any time.
+void CMediaFile::EndSync(HRESULT hr) {
+    m_syncRunning = false;
+    if (FAILED(hr) && SUCCEEDED(m_failure)) {
+        m_failure = hr;
+        m_wanted = Wanted::kNothing;
+        m_index.ForEach(0, uint64_t{kLastPosition} + 1, [](uint32_t, IndexEntry& entry) {
+            entry.flags &= ~kEntryVerified;
+            return false;
+        });
+        m_file->DropCache();
+    }
+    m_changed.notify_all();
 }
 
 HRESULT CMediaFile::Flush() {
