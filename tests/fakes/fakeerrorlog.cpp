@@ -126,7 +126,7 @@ BOOL ErrorLogWriteEntryPointW(DWORD chainIdOrResult, const SYSTEMTIME* time,
     record.time = *time;
     record.text = functionName;
     FakeErrorLog().Add(record);
-    return TRUE;
+    return FakeErrorLog().written ? FakeErrorLog().written(record) : TRUE;
 }
 
 BOOL ErrorLogWriteExW(HRESULT hr, const SYSTEMTIME* time, DWORD category, DWORD level,

@@ -1,6 +1,8 @@
 // The wrapped calls and what they reach.
 #include "tests/fakes/fakehttp.h"
 
+#include "tests/fakes/allocfault.h"
+
 #include <algorithm>
 #include <atomic>
 #include <cstring>
@@ -24,6 +26,7 @@ ULONG __wrap_HttpSendHttpResponse(HANDLE queue, HTTP_REQUEST_ID requestId, ULONG
                                   PHTTP_RESPONSE response, PVOID reserved1, PULONG sent_bytes,
                                   PVOID reserved2, ULONG reserved3, LPOVERLAPPED overlapped,
                                   PVOID reserved4) {
+    const CAllocationFaultPause pause;
     if (CFakeHttp* fake = CFakeHttp::Installed(); fake && fake->rawSend)
         return fake->rawSend(*response);
     if (CFakeHttp* fake = CFakeHttp::Installed())
@@ -37,6 +40,7 @@ ULONG __real_HttpReceiveRequestEntityBody(HANDLE, HTTP_REQUEST_ID, ULONG, PVOID,
 ULONG __wrap_HttpReceiveRequestEntityBody(HANDLE queue, HTTP_REQUEST_ID requestId, ULONG flags,
                                           PVOID buffer, ULONG length, PULONG read_bytes,
                                           LPOVERLAPPED overlapped) {
+    const CAllocationFaultPause pause;
     if (CFakeHttp* fake = CFakeHttp::Installed())
         return fake->ReadBody(requestId, flags, buffer, length, read_bytes);
     return __real_HttpReceiveRequestEntityBody(queue, requestId, flags, buffer, length, read_bytes,
@@ -105,6 +109,17 @@ void CFakeHttp::FeedBodyError(ULONG error) {
     m_body.push_back({error, {}});
 }
 
+void CFakeHttp::DropBody() {
+    const std::lock_guard lock(m_lock);
+    m_body.clear();
+}
+
+void CFakeHttp::Forget() {
+    const std::lock_guard lock(m_lock);
+    m_sent.clear();
+    m_bodyReads.clear();
+}
+
 ULONG CFakeHttp::Send(HANDLE queue, HTTP_REQUEST_ID requestId, ULONG flags,
                       const HTTP_RESPONSE& response, PULONG sent_bytes) {
     SentResponse sent;
@@ -154,6 +169,7 @@ ULONG CFakeHttp::ReadBody(HTTP_REQUEST_ID requestId, ULONG flags, void* buffer, 
     const std::lock_guard lock(m_lock);
     m_bodyReads.push_back({requestId, flags, buffer, length});
     if (read_bytes) *read_bytes = 0;
+    if (const ULONG error = onReadBody ? onReadBody() : NO_ERROR) return error;
     if (m_body.empty()) return ERROR_HANDLE_EOF;
     Piece& piece = m_body.front();
     if (piece.bytes.empty()) {

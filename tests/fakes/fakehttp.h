@@ -51,8 +51,10 @@ public:
     std::function<ULONG(HTTP_RESPONSE&)> rawSend;     // instead of all this: nothing is kept
 
     // --- request bodies: pieces of what the network brings, then ERROR_HANDLE_EOF ---
-    void FeedBody(std::string bytes);  // one or more reads take it
-    void FeedBodyError(ULONG error);   // one read fails; NO_ERROR: one read succeeds with nothing
+    void FeedBody(std::string bytes);   // one or more reads take it
+    void FeedBodyError(ULONG error);    // one read fails; NO_ERROR: one read succeeds with nothing
+    std::function<ULONG()> onReadBody;  // before each read, which fails with its error
+    void DropBody();                    // what no read has taken
     struct BodyRead {
         HTTP_REQUEST_ID requestId;
         ULONG flags;
@@ -60,6 +62,8 @@ public:
         ULONG asked_bytes;
     };
     std::vector<BodyRead> BodyReads() const;
+
+    void Forget();  // what was sent and read so far
 
     // --- for the wraps ---
     ULONG Send(HANDLE queue, HTTP_REQUEST_ID requestId, ULONG flags, const HTTP_RESPONSE& response,

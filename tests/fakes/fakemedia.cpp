@@ -27,10 +27,12 @@ namespace {
 constexpr HRESULT kPending = HRESULT_FROM_WIN32(ERROR_IO_PENDING);
 
 WString Text(const WCHAR* text) {
+    const CAllocationFaultPause pause;
     return text ? WString(text) : WString();
 }
 
 MediaCall Call(const char* op, const void* self) {
+    const CAllocationFaultPause pause;
     MediaCall call;
     call.op = op;
     call.self = self;
@@ -103,13 +105,18 @@ void CFakeMedia::Reset() {
     m_pending.clear();
 }
 
-HRESULT CFakeMedia::Record(MediaCall call) {
+HRESULT CFakeMedia::Record(const MediaCall& call) {
     if (onCall) onCall(call);
     const CAllocationFaultPause pause;
     const std::lock_guard lock(m_lock);
     const auto result = results.find(call.op);
-    m_calls.push_back(std::move(call));
+    m_calls.push_back(call);
     return result == results.end() ? S_OK : result->second;
+}
+
+void CFakeMedia::Forget() {
+    const std::lock_guard lock(m_lock);
+    m_calls.clear();
 }
 
 std::vector<MediaCall> CFakeMedia::Calls() const {

@@ -70,11 +70,12 @@ public:
     std::vector<MediaCall> Calls() const;
     std::vector<MediaCall> Calls(const std::string& op) const;
     size_t Count(const std::string& op) const { return Calls(op).size(); }
+    void Forget();             // the calls so far
     int LiveChannels() const;  // constructed and not destroyed
     int LiveAllocators() const;
 
     // --- for the fake classes ---
-    HRESULT Record(MediaCall call);
+    HRESULT Record(const MediaCall& call);
     void AddPending(const CZemChannelIo* channel, ZemIoDesc* desc);
     void CancelPending(const CZemChannelIo* channel);
     void CountLive(int channels, int allocators);

@@ -311,19 +311,16 @@ TEST_F(Dispatch, FailureIsAnsweredWhateverItsChainId) {
 }
 
 TEST_F(Dispatch, HandlerThatFailsWithAPositiveChainIdIsAnsweredAndKeepsNoBlock) {
-    SetTracing(true);
+    constexpr DWORD kUpdateCfg = 14;
     for (const DWORD chainId : {0u, 1u, 2u}) {
         SCOPED_TRACE(chainId);
         CFakeHttp own;
         log.chainId = [chainId](HRESULT) { return chainId; };
-        log.written = [](const LogRecord& record) -> BOOL {
-            if (record.text.starts_with(TEXT("client: handling CMD_KEEP_ALIVE"))) throw E_FAIL;
-            return TRUE;
-        };
-        EXPECT_NE(Post(Command(7, kKeepAlive)), S_FALSE);
+        own.FeedBodyError(ERROR_NETNAME_DELETED);
+        EXPECT_NE(Post(Command(7, kUpdateCfg, "ab", 100)), S_FALSE);
         ASSERT_EQ(own.SentCount(), 1u);
         EXPECT_EQ(own.Last().status, 500);
-        EXPECT_EQ(own.Last().Body(), Bytes(DWORD{7}, kKeepAlive, DWORD{4}, chainId));
+        EXPECT_EQ(own.Last().Body(), Bytes(DWORD{7}, kUpdateCfg, DWORD{4}, chainId));
     }
     EXPECT_EQ(Pool().FreeCount(), kBlocks);
 }

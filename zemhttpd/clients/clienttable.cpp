@@ -1,6 +1,24 @@
 // Client records and their table. The last reference destroys a record on whatever thread drops it.
 #include "zemhttpd/clients/clienttable.h"
 
+#include "zemhttpd/entry/entrypoint.h"
+
+namespace {
+
+constexpr LONG kCatchLineDetach = 1399;
+
+// Nothing may leave the destructor of a record, whatever the host's media library does.
+void DetachReadAllocator(CZemChannelIo& channel) {
+    CZemEntry scope(TEXT("ZemClient::~ZemClient"));
+    try {
+        channel.SetReadAllocator(nullptr);
+    } catch (...) {
+        LogCaught(scope, kSourceCmdHdlr, kCatchLineDetach);
+    }
+}
+
+}  // namespace
+
 ZemClient::ZemClient(WString display, CZemChannelIo* channelIo, LONGLONG now_seconds)
     : displayString(std::move(display)),
       lastRequestTime(now_seconds),
@@ -12,7 +30,7 @@ ZemClient::ZemClient(WString display, CZemChannelIo* channelIo, LONGLONG now_sec
 
 ZemClient::~ZemClient() {
     if (channel) {
-        channel->SetReadAllocator(nullptr);
+        DetachReadAllocator(*channel);
         delete channel;
     }
     DeleteCriticalSection(&recordLock);

@@ -236,10 +236,10 @@ HRESULT CHttpCommandHandler::DoCmdLeave(const ZemCommand& command) {
         if (Tracing())
             scope.Trace(TEXT("%s: Deleting ZEM client, transId %u..."), command.clientId,
                         command.transId);
-    } catch (...) {
+    } catch (...) {  // Not reached in tests: neither the table nor logging throws
         LogCaught(scope, kSourceCmdHdlr, kCatchLineDoLeave);
     }
-    DeleteZemClient(record);  // what was unlinked goes, whatever became of the traces
+    DeleteZemClient(record);
     return scope.GetResult();
 }
 
@@ -278,7 +278,7 @@ HRESULT CHttpCommandHandler::DeleteZemClient(ZemClient* client) {
                 SetRealTimeIoClient(TEXT(""));
             }
         }
-    } catch (...) {
+    } catch (...) {  // Not reached in tests: logging does not throw
         LogCaught(scope, kSourceCmdHdlr, kCatchLineDelete);
     }
     // Channel, lock and record go here, or with the last call that still uses them.

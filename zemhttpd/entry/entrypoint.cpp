@@ -19,6 +19,21 @@ void FormatMessageText(WCHAR (&message)[kMessageUnits], const WCHAR* format, va_
     message[kMessageUnits - 1] = 0;
 }
 
+// The error log may be a host's own module. Logging never throws: a call into it that does counts
+// as refused.
+template <class Call>
+auto Guarded(Call call, decltype(call()) refused) {
+    try {
+        return call();
+    } catch (...) {
+        return refused;
+    }
+}
+
+void WriteEntryPoint(DWORD chainIdOrResult, const SYSTEMTIME& time, const WCHAR* function) {
+    Guarded([&] { return ErrorLogWriteEntryPointW(chainIdOrResult, &time, function); }, FALSE);
+}
+
 struct Record {
     HRESULT hr;
     DWORD category;
@@ -41,8 +56,12 @@ bool WritePieces(const Record& record, const SYSTEMTIME& time, const WCHAR* mess
         std::copy_n(message + start, units, piece);
         piece[units] = 0;
         const SYSTEMTIME pieceTime = time;
-        if (!ErrorLogWriteExW(record.hr, &pieceTime, record.category, record.level, record.file,
-                              record.line, record.elapsed_ms, piece, record.chainId)) {
+        const auto write = [&] {
+            return ErrorLogWriteExW(record.hr, &pieceTime, record.category, record.level,
+                                    record.file, record.line, record.elapsed_ms, piece,
+                                    record.chainId);
+        };
+        if (!Guarded(write, FALSE)) {
             allWritten = false;
             if (stopAtFailure) break;
         }
@@ -133,7 +152,7 @@ CEntryPoint& CEntryPoint::operator=(HRESULT hr) {
 HRESULT CEntryPoint::LogEntryPoint() {
     GetLocalTime(&m_time);
     m_logged = TRUE;
-    ErrorLogWriteEntryPointW(static_cast<DWORD>(m_result), &m_time, m_function);
+    WriteEntryPoint(static_cast<DWORD>(m_result), m_time, m_function);
     return 0;
 }
 
@@ -155,10 +174,10 @@ HRESULT CEntryPoint::LogError(HRESULT hr, const WCHAR* file, LONG line, const WC
     if (name != m_file) wcsncpy_s(m_file, kFileLength, name, _TRUNCATE);
     m_file[kFileLength - 1] = 0;
 
-    m_chainId = ErrorLogCreateChainId(hr);
+    m_chainId = Guarded([hr] { return ErrorLogCreateChainId(hr); }, static_cast<DWORD>(hr));
     WritePieces({m_result, m_category, kErrorLogLevelError, m_file, m_line, elapsed_ms, m_chainId},
                 m_time, message, false);
-    ErrorLogWriteEntryPointW(m_chainId, &m_time, m_function);
+    WriteEntryPoint(m_chainId, m_time, m_function);
     m_result = static_cast<HRESULT>(m_chainId);
     return 0;
 }
@@ -188,7 +207,7 @@ int CEntryPoint::LogWarning(const WCHAR* format, ...) {
 int CEntryPoint::LogOwnerInfo(LONG id, const WCHAR* a, const WCHAR* b, const WCHAR* c,
                               const WCHAR* d, LONG e) {
     GetLocalTime(&m_time);
-    return ErrorLogWriteOwnerInfoW(id, &m_time, a, b, c, d, e);
+    return Guarded([&] { return ErrorLogWriteOwnerInfoW(id, &m_time, a, b, c, d, e); }, FALSE);
 }
 
 int CEntryPoint::Trace(const WCHAR* format, ...) {

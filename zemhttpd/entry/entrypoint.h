@@ -76,6 +76,7 @@ protected:
                            const WCHAR* format, ...);
 };
 
+// None of the operations that log throws, whatever the error log's module does.
 class CEntryPoint : public CEntryPointException {
 public:
     CEntryPoint();

@@ -139,7 +139,7 @@ HRESULT CHttpCommandHandler::SendZemHttpResponse(CHttpXaction& xaction, HRESULT 
                 elapsed_ms,
                 TEXT("%s: Slow ZEM HTTP server processing for reply code %d, transId %u"), clientId,
                 header.replyCode, header.transId);
-    } catch (...) {
+    } catch (...) {  // Not reached in tests: neither the interface nor logging throws
         LogCaught(scope, kSourceCmdHdlr, kCatchLineSendReply);
     }
     return scope.GetResult();
@@ -181,7 +181,7 @@ HRESULT CHttpCommandHandler::SendGenericZemFailureResponse(HRESULT hr, const WCH
             xaction.BumpSendCount();
             xaction.Timer().MarkStage(kStageZemReplyHdrSent);
         }
-    } catch (...) {
+    } catch (...) {  // Not reached in tests: neither the interface nor logging throws
         LogCaught(scope, kSourceCmdHdlr, kCatchLineSendFailure);
     }
     return scope.GetResult();
@@ -210,7 +210,7 @@ HRESULT CHttpCommandHandler::SendHttpResponse(const WCHAR* clientId, CHttpXactio
             scope.LogError(HRESULT_FROM_WIN32(error), kSourceCmdHdlr, kLineSendBasic,
                            TEXT("%s: Error sending basic HTTP response"),
                            clientId ? clientId : TEXT(""));
-    } catch (...) {
+    } catch (...) {  // Not reached in tests: neither the interface nor logging throws
         LogCaught(scope, kSourceCmdHdlr, kCatchLineSendBasic);
     }
     return scope.GetResult();
