@@ -12,9 +12,16 @@ using namespace mediatest;
 
 class ForeignFuzz : public CForeignTest {
 protected:
-    static unsigned Rounds() {
-        const char* text = std::getenv("ZEM_FUZZ_ROUNDS");
-        return text == nullptr ? 40 : static_cast<unsigned>(std::atoi(text));
+    // What the environment says, or what holds without it.
+    static unsigned Setting(const char* name, unsigned otherwise) {
+        const char* text = std::getenv(name);
+        return text == nullptr ? otherwise : static_cast<unsigned>(std::atoll(text));
+    }
+    static unsigned Rounds() { return Setting("ZEM_FUZZ_ROUNDS", 40); }
+    static CRandom Seeded() {
+        const unsigned seed = Setting("ZEM_FUZZ_SEED", std::random_device()());
+        std::printf("seed %u\n", seed);
+        return CRandom(seed);
     }
 
     // Damages a copy: bytes changed, runs of zeros, pieces cut out or repeated, an end cut off.
@@ -83,11 +90,7 @@ protected:
     void Run(const std::string& name, const std::string& arguments) {
         Make(name, arguments);
         const std::vector<uint8_t> good = LoadFile(Path(name));
-        const std::string index = Path("." + name + ".zemindex");
-        const unsigned seed = std::random_device()();
-        std::printf("seed %u\n", seed);
-        const char* text = std::getenv("ZEM_FUZZ_SEED");
-        CRandom random(text == nullptr ? seed : static_cast<unsigned>(std::atoll(text)));
+        CRandom random = Seeded();
         uint32_t frames = 0;
         for (unsigned round = 0; round < Rounds(); ++round) {
             const std::string victim = "round." + std::to_string(round);
@@ -131,6 +134,32 @@ TEST_F(ForeignFuzz, Mkv) {
 TEST_F(ForeignFuzz, Ts) {
     Run("clip.ts", kInput + "-c:v mpeg2video -c:a mp2");
 }
+TEST_F(ForeignFuzz, FragmentsWithAnIndexInFront) {
+    Run("clip.mp4", kInput + "-c:v mpeg4 -g 2 -c:a aac -movflags dash+global_sidx+frag_keyframe");
+}
+TEST_F(ForeignFuzz, MxfWithSoundInD10) {
+    Run("clip.mxf",
+        "-f lavfi -i testsrc2=size=720x608:rate=25" + kSound +
+            "-frames:v 3 -c:v mpeg2video -b:v 30M -minrate 30M -maxrate 30M -bufsize 1200000 "
+            "-rc_init_occupancy 1200000 -g 0 -pix_fmt yuv422p -intra_vlc 1 -qmin 1 "
+            "-rc_max_vbv_use 1 -flags +ildct+low_delay -dc 10 -ac 4 -c:a pcm_s16le -f mxf_d10");
+}
+TEST_F(ForeignFuzz, ProgramStream) {
+    Run("clip.mpg", kInput + "-c:v mpeg2video -c:a mp2 -f vob");
+}
+TEST_F(ForeignFuzz, Gxf) {
+    Run("clip.gxf",
+        "-f lavfi -i testsrc2=size=720x576:rate=25" + kSound +
+            "-frames:v 3 -t 0.12 -c:v mpeg2video -pix_fmt yuv420p -c:a pcm_s16le");
+}
+TEST_F(ForeignFuzz, RawDv) {
+    Run("clip.dv",
+        "-f lavfi -i testsrc2=size=720x576:rate=25 -frames:v 2 -c:v dvvideo -pix_fmt yuv420p");
+}
+TEST_F(ForeignFuzz, Rf64) {
+    Run("clip.wav",
+        "-f lavfi -i sine=frequency=440:sample_rate=48000 -t 0.1 -c:a pcm_s16le -rf64 always");
+}
 TEST_F(ForeignFuzz, Wav) {
     Run("clip.wav", "-f lavfi -i sine=frequency=440:sample_rate=48000 -t 0.1 -c:a pcm_s24le");
 }
@@ -141,10 +170,7 @@ TEST_F(ForeignFuzz, IndexWithTrueChecksums) {
     m_channel->CloseFile(Open("clip.mkv"));
     const std::string index = Path(".clip.mkv.zemindex");
     const std::vector<uint8_t> good = LoadFile(index);
-    const unsigned seed = std::random_device()();
-    std::printf("seed %u\n", seed);
-    const char* text = std::getenv("ZEM_FUZZ_SEED");
-    CRandom random(text == nullptr ? seed : static_cast<unsigned>(std::atoll(text)));
+    CRandom random = Seeded();
     uint32_t frames = 0;
     for (unsigned round = 0; round < Rounds() * 5; ++round) {
         std::vector<uint8_t> bad = good;
