@@ -12,6 +12,7 @@ extern "C" {
 #include <cstring>
 
 #include "apps/zem/client/zemerror.h"
+#include "mediaio/foreign/avdesc.h"
 
 namespace zem {
 namespace {
@@ -120,15 +121,6 @@ ZemEsDesc ClipFileDesc() {
     return desc;
 }
 
-uint32_t PcmSampleSize(const AVCodecParameters& parameters) {
-    const std::string name = avcodec_get_name(parameters.codec_id);
-    const int bits = av_get_exact_bits_per_sample(parameters.codec_id);
-    const int channels = parameters.ch_layout.nb_channels;
-    if (!name.starts_with("pcm_") || name.ends_with("_planar")) return 0;
-    if (bits <= 0 || bits % 8 != 0 || channels <= 0 || parameters.sample_rate <= 0) return 0;
-    return static_cast<uint32_t>(bits / 8 * channels);
-}
-
 std::vector<uint8_t> WriteClipHead(size_t stream_count) {
     CWriter out;
     out.Number(kClipMagic);
@@ -211,7 +203,8 @@ StreamHead ReadStreamHead(std::span<const uint8_t> bytes) {
     head.firstPts = in.Number<int64_t>();
     const auto count = in.Number<uint32_t>();
     if (count != in.Left() / sizeof(PacketTime) || head.timeBase.num <= 0 ||
-        head.timeBase.den <= 0 || (head.sampleSize != 0 && head.sampleSize != PcmSampleSize(p)))
+        head.timeBase.den <= 0 ||
+        (head.sampleSize != 0 && head.sampleSize != zemav::PcmSampleSize(p)))
         throw CZemError(ErrorKind::kBadReply, "the clip's description is damaged");
     head.times.resize(count);
     for (PacketTime& time : head.times)

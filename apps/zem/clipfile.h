@@ -52,7 +52,4 @@ size_t ReadClipHead(std::span<const uint8_t> bytes);
 std::vector<uint8_t> WriteStreamHead(const StreamHead& head);
 StreamHead ReadStreamHead(std::span<const uint8_t> bytes);
 
-// Bytes of one sample of all channels of PCM that can be cut anywhere; 0 for anything else.
-uint32_t PcmSampleSize(const AVCodecParameters& parameters);
-
 }  // namespace zem

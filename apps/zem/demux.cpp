@@ -15,6 +15,7 @@ extern "C" {
 
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
+#include "mediaio/foreign/avdesc.h"
 
 namespace zem {
 namespace {
@@ -25,72 +26,6 @@ constexpr size_t kNoStream = static_cast<size_t>(-1);
     std::array<char, AV_ERROR_MAX_STRING_SIZE> text{};
     av_strerror(error, text.data(), text.size());
     throw CZemError(ErrorKind::kLocalFile, Printable(path) + ": " + what + ": " + text.data());
-}
-
-uint32_t FourccOf(const AVCodecParameters& codec) {
-    if (codec.codec_tag != 0) return codec.codec_tag;
-    // Containers such as MXF have no four-character codes; the names that QuickTime or AVI use
-    // stand in.
-    const std::array<const AVCodecTag*, 5> tables = {
-        avformat_get_mov_video_tags(), avformat_get_mov_audio_tags(),
-        avformat_get_riff_video_tags(), avformat_get_riff_audio_tags(), nullptr};
-    if (const unsigned tag = av_codec_get_tag(tables.data(), codec.codec_id); tag != 0) return tag;
-    uint32_t code = 0;
-    std::string name = avcodec_get_name(codec.codec_id);
-    name.resize(4, ' ');
-    for (size_t i = 0; i < 4; ++i) {
-        code |= static_cast<uint32_t>(static_cast<uint8_t>(name[i])) << (8 * i);
-    }
-    return code;
-}
-
-int BitsOf(const AVCodecParameters& codec) {
-    if (codec.bits_per_coded_sample > 0) return codec.bits_per_coded_sample;
-    if (codec.bits_per_raw_sample > 0) return codec.bits_per_raw_sample;
-    return av_get_bits_per_sample(codec.codec_id);
-}
-
-uint32_t Positive(int value) {
-    return value > 0 ? static_cast<uint32_t>(value) : 0;
-}
-
-std::string TimecodeOf(const AVFormatContext& format, const AVStream& stream) {
-    const AVDictionaryEntry* entry = av_dict_get(stream.metadata, "timecode", nullptr, 0);
-    if (entry == nullptr) entry = av_dict_get(format.metadata, "timecode", nullptr, 0);
-    return entry == nullptr ? std::string() : entry->value;
-}
-
-void ReadStartTimecode(const AVFormatContext& format, const AVStream& stream, ZemEsDesc& desc) {
-    const std::string text = TimecodeOf(format, stream);
-    if (text.empty() || !ParseTimecode(text, CountsPairs(desc), desc.startTimecode)) return;
-    if (IsDropFrame(desc.startTimecode)) desc.flags |= kEsFlagDropFrame;
-}
-
-ZemEsDesc DescOf(AVFormatContext& format, AVStream& stream) {
-    const AVCodecParameters& codec = *stream.codecpar;
-    ZemEsDesc desc{};
-    desc.sizeVersion = kEsDescVersion1;
-    desc.codec = FourccOf(codec);
-    if (codec.codec_type == AVMEDIA_TYPE_VIDEO) {
-        const AVRational rate = av_guess_frame_rate(&format, &stream, nullptr);
-        desc.mediaType = kMediaFileVideo;
-        desc.rateNumerator = rate.den > 0 ? Positive(rate.num) : 0;
-        desc.rateDenominator = desc.rateNumerator > 0 ? Positive(rate.den) : 0;
-        desc.width = Positive(codec.width);
-        desc.height = Positive(codec.height);
-    } else {
-        desc.mediaType = kMediaFileAudio;
-        desc.sampleRate = Positive(codec.sample_rate);
-        desc.channels = static_cast<uint16_t>(Positive(codec.ch_layout.nb_channels));
-        // A coded audio frame holds so many samples; PCM has no frames of its own and gets no rate.
-        if (codec.frame_size > 1 && desc.sampleRate > 0) {
-            desc.rateNumerator = desc.sampleRate;
-            desc.rateDenominator = Positive(codec.frame_size);
-        }
-    }
-    desc.bitsPerSample = static_cast<uint16_t>(Positive(BitsOf(codec)));
-    ReadStartTimecode(format, stream, desc);
-    return desc;
 }
 
 }  // namespace
@@ -123,7 +58,8 @@ CDemuxer::CDemuxer(const std::string& path) : m_path(path), m_context(new Contex
     for (unsigned i = 0; i < m_context->format->nb_streams; ++i) {
         AVStream& stream = *m_context->format->streams[i];
         const AVMediaType type = stream.codecpar->codec_type;
-        if (type != AVMEDIA_TYPE_VIDEO && type != AVMEDIA_TYPE_AUDIO) {
+        const bool cover = (stream.disposition & AV_DISPOSITION_ATTACHED_PIC) != 0;
+        if ((type != AVMEDIA_TYPE_VIDEO && type != AVMEDIA_TYPE_AUDIO) || cover) {
             m_streamOfIndex.push_back(kNoStream);
             stream.discard = AVDISCARD_ALL;
             ++m_skipped;
@@ -133,8 +69,8 @@ CDemuxer::CDemuxer(const std::string& path) : m_path(path), m_context(new Contex
         ClipStream clip;
         clip.suffix = video ? "v" + std::to_string(videos++) : "a" + std::to_string(audios++);
         clip.codecName = avcodec_get_name(stream.codecpar->codec_id);
-        clip.desc = DescOf(*m_context->format, stream);
-        clip.timecode = TimecodeOf(*m_context->format, stream);
+        clip.desc = zemav::Describe(*m_context->format, stream);
+        clip.timecode = zemav::TimecodeOf(*m_context->format, stream);
         m_streamOfIndex.push_back(m_streams.size());
         m_streams.push_back(clip);
     }
@@ -150,7 +86,9 @@ bool CDemuxer::Next(ClipPacket& packet) {
     for (;;) {
         av_packet_unref(raw);
         const int result = av_read_frame(m_context->format, raw);
-        if (result == AVERROR_EOF) return false;
+        // Some demuxers (GXF's) end with a bare -1.
+        const bool failed = m_context->format->pb != nullptr && m_context->format->pb->error < 0;
+        if (result == AVERROR_EOF || (result == -1 && !failed)) return false;
         if (result < 0) ThrowAv(m_path, result, "reading it failed");
         const auto index = static_cast<size_t>(raw->stream_index);
         if (index >= m_streamOfIndex.size() || m_streamOfIndex[index] == kNoStream) continue;
@@ -182,46 +120,11 @@ uint64_t CDemuxer::Size_bytes() const {
 
 namespace {
 
-uint8_t Bcd(int value) {
-    return static_cast<uint8_t>((value / 10) << 4 | (value % 10));
-}
 int FromBcd(int byte) {
     return (byte >> 4) * 10 + (byte & 15);
 }
 
 }  // namespace
-
-bool ParseTimecode(const std::string& text, bool pairs, vdrTimecode_s& timecode) {
-    int hours = 0;
-    int minutes = 0;
-    int seconds = 0;
-    int frames = 0;
-    char mark = 0;
-    int length = 0;
-    if (std::sscanf(text.c_str(), "%2d:%2d:%2d%c%2d%n", &hours, &minutes, &seconds, &mark, &frames,
-                    &length) != 5 ||
-        static_cast<size_t>(length) != text.size()) {
-        return false;
-    }
-    if (hours < 0 || hours > 23 || minutes < 0 || minutes > 59 || seconds < 0 || seconds > 59 ||
-        frames < 0 || frames > 59 || (mark != ':' && mark != ';' && mark != '.')) {
-        return false;
-    }
-    // Two digits of BCD have room for 39 beside the flags: rates above 30 count pairs, the field
-    // flag tells which.
-    if (!pairs && frames > 29) return false;
-    const bool second_of_pair = pairs && frames % 2 == 1;
-    const int counted = pairs ? frames / 2 : frames;
-    timecode.frames = static_cast<uint8_t>(Bcd(counted) | (mark == ':' ? 0 : 0x40));
-    timecode.seconds = static_cast<uint8_t>(Bcd(seconds) | (second_of_pair ? 0x80 : 0));
-    timecode.minutes = Bcd(minutes);
-    timecode.hours = Bcd(hours);
-    return true;
-}
-
-bool CountsPairs(const ZemEsDesc& desc) {
-    return desc.rateDenominator != 0 && desc.rateNumerator / desc.rateDenominator > 30;
-}
 
 bool IsDropFrame(const vdrTimecode_s& timecode) {
     return (timecode.frames & 0x40) != 0;

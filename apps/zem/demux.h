@@ -39,7 +39,7 @@ public:
     CDemuxer(const CDemuxer&) = delete;
     CDemuxer& operator=(const CDemuxer&) = delete;
 
-    // The video and audio streams; streams of other kinds are counted only.
+    // The video and audio streams; cover pictures and streams of other kinds are counted only.
     const std::vector<ClipStream>& Streams() const { return m_streams; }
     int SkippedStreams() const { return m_skipped; }
 
@@ -61,10 +61,7 @@ private:
     int m_skipped = 0;
 };
 
-// "HH:MM:SS:FF", with ';' or '.' before the frames for drop-frame. At rates above 30 a timecode
-// counts pairs of frames, the field flag tells the second. False when the text is no timecode.
-bool ParseTimecode(const std::string& text, bool pairs, vdrTimecode_s& timecode);
-bool CountsPairs(const ZemEsDesc& desc);
+// "HH:MM:SS:FF", ';' before the frames for drop-frame, ".1" behind the second frame of a pair.
 std::string TimecodeText(const vdrTimecode_s& timecode);
 bool IsDropFrame(const vdrTimecode_s& timecode);
 

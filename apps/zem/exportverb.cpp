@@ -19,6 +19,7 @@ extern "C" {
 #include "apps/zem/mux.h"
 #include "apps/zem/output.h"
 #include "apps/zem/verbs.h"
+#include "mediaio/foreign/avdesc.h"
 
 namespace zem {
 namespace {
@@ -147,11 +148,8 @@ void CExport::GuessHead(const ZemEsDesc& desc, ExportStream& stream) {
     if (head.parameters == nullptr) throw std::bad_alloc();
     AVCodecParameters& codec = *head.parameters;
     const bool video = desc.mediaType == kMediaFileVideo;
-    const AVCodecTag* const tables[] = {
-        video ? avformat_get_mov_video_tags() : avformat_get_mov_audio_tags(),
-        video ? avformat_get_riff_video_tags() : avformat_get_riff_audio_tags(), nullptr};
     codec.codec_type = video ? AVMEDIA_TYPE_VIDEO : AVMEDIA_TYPE_AUDIO;
-    codec.codec_id = av_codec_get_id(tables, desc.codec);
+    codec.codec_id = zemav::CodecOf(video ? kMediaFileVideo : kMediaFileAudio, desc.codec);
     codec.codec_tag = desc.codec;
     codec.width = static_cast<int>(desc.width);
     codec.height = static_cast<int>(desc.height);
@@ -163,14 +161,13 @@ void CExport::GuessHead(const ZemEsDesc& desc, ExportStream& stream) {
                                                  FourccText(desc.codec) +
                                                  " or its rate cannot be told; clips that are "
                                                  "brought in by import can leave again");
-    head.sampleSize = PcmSampleSize(codec);
+    head.sampleSize = zemav::PcmSampleSize(codec);
     head.timeBase = {static_cast<int>(desc.rateDenominator), static_cast<int>(desc.rateNumerator)};
     if (head.sampleSize != 0 || desc.rateNumerator == 0)
         head.timeBase = {1, static_cast<int>(desc.sampleRate)};
     if (video) {
         head.rate = {static_cast<int>(desc.rateNumerator), static_cast<int>(desc.rateDenominator)};
-        head.timecode = TimecodeText(desc.startTimecode);
-        if (CountsPairs(desc)) head.timecode.clear();
+        head.timecode = zemav::TimecodeSpelling(desc.startTimecode, zemav::CountsPairs(desc));
     }
 }
 

@@ -10,6 +10,7 @@
 #include "apps/zem/demux.h"
 #include "apps/zem/output.h"
 #include "apps/zem/verbs.h"
+#include "mediaio/foreign/avdesc.h"
 
 namespace zem {
 namespace {
@@ -243,7 +244,7 @@ int Stripe(const CommandLine& line, const FileOptions& options) {
     {
         COpenFile file(*session, session->Open(ref));
         const ZemEsDesc before = session->FileInfo(file.Token());
-        if (!ParseTimecode(options.to, CountsPairs(before), start)) {
+        if (!zemav::ParseTimecode(options.to, zemav::CountsPairs(before), start)) {
             throw CZemError(ErrorKind::kUsage, "'" + Printable(options.to) +
                                                    "' is no timecode of this file: HH:MM:SS:FF, "
                                                    "or HH:MM:SS;FF for drop-frame");

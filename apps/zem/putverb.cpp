@@ -20,6 +20,7 @@ extern "C" {
 #include "apps/zem/output.h"
 #include "apps/zem/verbs.h"
 #include "mediaio/cadence.h"
+#include "mediaio/foreign/avdesc.h"
 
 namespace zem {
 namespace {
@@ -178,7 +179,7 @@ void CPut::PrepareHead(size_t stream, PutFile& file) {
         head.rate = {static_cast<int>(file.desc.rateNumerator),
                      static_cast<int>(file.desc.rateDenominator)};
     }
-    head.sampleSize = PcmSampleSize(*source.codecpar);
+    head.sampleSize = zemav::PcmSampleSize(*source.codecpar);
     if (head.sampleSize == 0) return;
     head.timeBase = {1, static_cast<int>(file.desc.sampleRate)};
     // Frame n of the sound belongs to frame n of the pictures.

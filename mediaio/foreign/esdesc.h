@@ -19,9 +19,6 @@ void DescribeStreams(AVFormatContext& format, ClipIndex& index);
 // declare. `regular`: all frames are that far apart.
 void SetRate(StreamIndex& stream, const AVRational& timeBase, int64_t frameDistance);
 
-// A rate that is that of the field but for what rounding of timestamps did to it.
-FrameRate NearestRate(const AVRational& rate);
-
 }  // namespace zemstore
 
 #pragma GCC visibility pop

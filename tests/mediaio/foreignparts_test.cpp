@@ -2,7 +2,8 @@
 // MXF triplets.
 #include <gtest/gtest.h>
 
-#include "mediaio/foreign/esdesc.h"
+#include "mediaio/foreign/avdesc.h"
+#include "mediaio/foreign/clipindex.h"
 #include "mediaio/foreign/mxf.h"
 
 namespace {
@@ -51,16 +52,16 @@ TEST(PcmRuns, JoinWhatLiesTogether) {
 }
 
 TEST(Rates, AreThoseOfTheField) {
-    const auto is = [](AVRational given, uint32_t numerator, uint32_t denominator) {
-        const FrameRate rate = NearestRate(given);
-        return rate.numerator == numerator && rate.denominator == denominator;
+    const auto is = [](AVRational given, int numerator, int denominator) {
+        const AVRational rate = zemav::NearestRate(given);
+        return rate.num == numerator && rate.den == denominator;
     };
     EXPECT_TRUE(is({2997, 100}, 30000, 1001));
     EXPECT_TRUE(is({24000, 1001}, 24000, 1001));
     EXPECT_TRUE(is({24, 1}, 24, 1));
     EXPECT_TRUE(is({50000, 1000}, 50, 1));
     EXPECT_TRUE(is({15, 1}, 15, 1));
-    EXPECT_FALSE(NearestRate({0, 1}).Valid());
+    EXPECT_EQ(zemav::NearestRate({0, 1}).num, 0);
 }
 
 std::vector<uint8_t> Triplet(uint8_t last, size_t size) {
