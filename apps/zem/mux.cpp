@@ -3,6 +3,7 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavcodec/bsf.h>
 #include <libavformat/avformat.h>
 #include <libavutil/dict.h>
 #include <libavutil/log.h>
@@ -11,6 +12,7 @@ extern "C" {
 #include <array>
 #include <cstring>
 #include <filesystem>
+#include <iterator>
 #include <string_view>
 #include <vector>
 
@@ -26,12 +28,43 @@ namespace {
     throw CZemError(ErrorKind::kLocalFile, Printable(path) + ": " + what + ": " + text.data());
 }
 
+struct FilterDeleter {
+    void operator()(AVBSFContext* filter) const { av_bsf_free(&filter); }
+};
+using FilterPtr = std::unique_ptr<AVBSFContext, FilterDeleter>;
+
+// MXF wants H.264 and HEVC between start codes, and its muxer, other than those of transport
+// streams and MOV, does not see to it. Null where nothing is to be done.
+FilterPtr FilterFor(const AVOutputFormat& container, const AVCodecParameters& codec) {
+    const bool lengths = codec.extradata_size > 0 && codec.extradata[0] == 1;
+    if (!lengths || !std::string_view(container.name).starts_with("mxf")) return nullptr;
+    const char* name = codec.codec_id == AV_CODEC_ID_H264   ? "h264_mp4toannexb"
+                       : codec.codec_id == AV_CODEC_ID_HEVC ? "hevc_mp4toannexb"
+                                                            : nullptr;
+    const AVBitStreamFilter* kind = name == nullptr ? nullptr : av_bsf_get_by_name(name);
+    if (kind == nullptr) return nullptr;
+    AVBSFContext* raw = nullptr;
+    if (av_bsf_alloc(kind, &raw) < 0) throw std::bad_alloc();
+    FilterPtr filter(raw);
+    if (avcodec_parameters_copy(filter->par_in, &codec) < 0 || av_bsf_init(raw) < 0) return nullptr;
+    return filter;
+}
+
+// The tag that the MXF muxer tells ProRes' flavours by, where the source has none.
+uint32_t ProResTag(int profile) {
+    constexpr const char* kTags[] = {"apco", "apcs", "apcn", "apch", "ap4h", "ap4x"};
+    if (profile < 0 || profile >= static_cast<int>(std::size(kTags))) return 0;
+    const char* tag = kTags[profile];
+    return MKTAG(tag[0], tag[1], tag[2], tag[3]);
+}
+
 }  // namespace
 
 struct CMuxer::Context {
     AVFormatContext* format = nullptr;
     AVPacket* packet = av_packet_alloc();
     std::vector<AVRational> timeBases;
+    std::vector<FilterPtr> filters;  // by stream
     std::string partPath;
     bool finished = false;
     ~Context() {
@@ -67,10 +100,16 @@ void CMuxer::AddStream(const StreamHead& head) {
     if (stream == nullptr || avcodec_parameters_copy(stream->codecpar, head.parameters.get()) < 0)
         throw std::bad_alloc();
     AVCodecParameters& codec = *stream->codecpar;
+    m_context->filters.push_back(FilterFor(*m_context->format->oformat, codec));
+    if (const FilterPtr& filter = m_context->filters.back())
+        avcodec_parameters_copy(&codec, filter->par_out);
     // A four-character code of another container means nothing in this one.
     const AVCodecTag* const* tables = m_context->format->oformat->codec_tag;
-    if (tables == nullptr || av_codec_get_id(tables, codec.codec_tag) != codec.codec_id)
-        codec.codec_tag = tables == nullptr ? 0 : av_codec_get_tag(tables, codec.codec_id);
+    if (tables == nullptr) {
+        codec.codec_tag = codec.codec_id == AV_CODEC_ID_PRORES ? ProResTag(codec.profile) : 0;
+    } else if (av_codec_get_id(tables, codec.codec_tag) != codec.codec_id) {
+        codec.codec_tag = av_codec_get_tag(tables, codec.codec_id);
+    }
     stream->time_base = head.timeBase;
     if (head.rate.num > 0 && head.rate.den > 0) {
         stream->avg_frame_rate = head.rate;
@@ -94,6 +133,7 @@ void CMuxer::Begin() {
 void CMuxer::Write(size_t stream, std::span<const uint8_t> data, int64_t dts, int64_t pts,
                    int64_t duration, bool isKey) {
     AVPacket& packet = *m_context->packet;
+    av_packet_unref(&packet);
     if (av_new_packet(&packet, static_cast<int>(data.size())) < 0) throw std::bad_alloc();
     if (!data.empty()) memcpy(packet.data, data.data(), data.size());
     packet.stream_index = static_cast<int>(stream);
@@ -103,7 +143,12 @@ void CMuxer::Write(size_t stream, std::span<const uint8_t> data, int64_t dts, in
     if (isKey) packet.flags |= AV_PKT_FLAG_KEY;
     av_packet_rescale_ts(&packet, m_context->timeBases[stream],
                          m_context->format->streams[stream]->time_base);
-    const int result = av_interleaved_write_frame(m_context->format, &packet);
+    int result = 0;
+    if (AVBSFContext* const filter = m_context->filters[stream].get()) {
+        result = av_bsf_send_packet(filter, &packet);
+        if (result >= 0) result = av_bsf_receive_packet(filter, &packet);
+    }
+    if (result >= 0) result = av_interleaved_write_frame(m_context->format, &packet);
     if (result < 0) ThrowAv(m_path, result, "a frame was not taken");
 }
 
