@@ -28,7 +28,7 @@ static_assert(sizeof(FramePlace) == 24);
 inline constexpr uint32_t kMostFrames = 1u << 24;  // 77 hours at 60 per second
 inline constexpr uint32_t kPlaceDemux = 0x10000;
 inline constexpr uint32_t kPlaceHasCrc = 0x20000;
-inline constexpr uint32_t kPlaceCorrupt = 0x40000;  // its bytes were read and are not those
+inline constexpr uint32_t kPlaceCorrupt = 0x40000;  // not whole, or read and found wrong
 
 // A piece of a PCM stream: the stream's bytes from `first` on lie at `offset`.
 struct PcmRun {

@@ -123,6 +123,8 @@ HRESULT ScanFile(CDemuxer& demuxer, IStoreFile& file, uint64_t size_bytes, ClipI
         FramePlace place{state.lastPos, size, key ? kFrameFlagKey : 0, 0, 0};
         place.crc = Crc32c(0, packet->data, size);
         place.flags |= kPlaceHasCrc;
+        // The file ends within it, or packets of the transport are missing.
+        if ((packet->flags & AV_PKT_FLAG_CORRUPT) != 0) place.flags |= kPlaceCorrupt;
         uint64_t offset = 0;
         if (size == 0 || scan.Locate(state, *packet, offset)) {
             if (size != 0) place.offset = offset;
