@@ -15,7 +15,8 @@ extern "C" {
 namespace zemstore {
 namespace {
 
-constexpr uint64_t kLearnFrom = 3;  // packets of every stream
+// Packets of every stream: the cadence of sound repeats after five at the rates of the field.
+constexpr uint64_t kLearnFrom = 5;
 constexpr int kMostPackets = 400;
 
 class CMxfIndexer {
