@@ -1,99 +1,42 @@
 #!/usr/bin/env python3
-"""Files of foreign formats, read where they lie: frame by frame what ffmpeg delivers of them.
+"""What files of foreign formats have beside their frames: special streams, timecode, the refusal to be written; and sound
+files of many gigabytes. (Their frames: everyclip.py.)
 
 usage: foreign.py --zemhost PROGRAM --zem PROGRAM [unittest arguments]
 """
 
-import argparse
 import fractions
-import hashlib
-import json
 import os
 import struct
-import subprocess
-import sys
-import unittest
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', 'e2e'))
-import clips  # noqa: E402
-from wire import Client, Server  # noqa: E402
-
-PROGRAMS = None
+import zemcase
+import clips
+import wire
 
 
-def cut(data, sample_size, rate):
-    """PCM in frames of the exact cadence: frame n begins at the sample nearest to n frames."""
-    def first(position):
-        return int(fractions.Fraction(48000 * position) / fractions.Fraction(rate) + fractions.Fraction(1, 2))
-    frames = []
-    while first(len(frames)) * sample_size < len(data):
-        at = len(frames)
-        frames.append(data[first(at) * sample_size:first(at + 1) * sample_size])
-    return [(len(frame), hashlib.md5(frame).hexdigest()) for frame in frames]
+def addresses(start, base, drop_frame):
+    """Addresses in BCD from `start` (hours, minutes, seconds, frames) on, counted one by one."""
+    hours, minutes, seconds, frames = start
+    pair = 2 if base > 30 else 1
+    while True:
+        count, field = divmod(frames, pair)
+        bcd = [value // 10 << 4 | value % 10 for value in (count, seconds, minutes, hours)]
+        yield bytes([bcd[0] | (0x40 if drop_frame else 0), bcd[1] | (0x80 if field else 0), bcd[2], bcd[3]])
+        frames += 1
+        if frames == base:
+            seconds, frames = seconds + 1, 0
+            if seconds == 60:
+                minutes, seconds = minutes + 1, 0
+                if minutes == 60:
+                    hours, minutes = (hours + 1) % 24, 0
+                if drop_frame and minutes % 10:
+                    frames = 2 * pair
 
 
-class Foreign(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.server = Server(PROGRAMS.zemhost)
-        cls.media = os.path.join(cls.server.volume, 'media')
-        os.mkdir(cls.media)
-
-    @classmethod
-    def tearDownClass(cls):
-        code = cls.server.stop()
-        cls.server.remove()
-        assert code == 0, 'zemhost ended with %d' % code
-
-    def zem(self, *arguments, code=0):
-        done = subprocess.run([PROGRAMS.zem, '--server', 'http://127.0.0.1:%d' % self.server.port, *arguments],
-                              capture_output=True, text=True, timeout=120)
-        self.assertEqual(done.returncode, code, ' '.join(arguments) + ': ' + done.stderr)
-        return done.stdout
-
-    def read(self, name, stream, *arguments):
-        return clips.columns(self.zem('framemd5', 'media/' + name, '--stream', stream, *arguments))
-
-    def info(self, name, stream=''):
-        return json.loads(self.zem('info', 'media/' + name, '--stream', stream, '--json'))
-
-    def path(self, name):
-        path = os.path.join(self.media, name)
-        return path if os.path.exists(path) else clips.make(self.media, name)
-
-    def check(self, name):
-        path = self.path(name)
-        _, rate, streams = clips.CLIPS[name]
-        numbers = {'v': 0, 'a': 0}
-        for kind in streams:
-            letter = 'a' if kind == 'p' else kind
-            stream = letter + str(numbers[letter])
-            source = letter + ':' + str(numbers[letter])
-            numbers[letter] += 1
-            info = self.info(name, stream)
-            if kind == 'p':
-                sample_size = info['bits_per_sample'] // 8 * info['channels']
-                expected = cut(clips.payload(path, source), sample_size, rate or '25')
-            else:
-                expected = clips.framemd5(path, source)
-            self.assertGreater(len(expected), 7)
-            self.assertEqual(self.read(name, stream), expected, name + ' ' + stream)
-            self.assertEqual(info['frames'], len(expected))
-            if kind == 'v':
-                self.assertEqual(fractions.Fraction(info['rate_numerator'], info['rate_denominator']),
-                                 fractions.Fraction(rate))
-            # Backwards, so that no frame follows the one before it.
-            if kind != 'p':
-                for position in (len(expected) - 1, len(expected) // 2):
-                    self.assertEqual(self.read(name, stream, '--from', str(position), '--count', '1'),
-                                     [expected[position]])
-
-
+class Foreign(zemcase.ZemCase):
     def test_special_streams(self):
         self.path('mjpeg.mov')
-        client = Client(self.server.port, 'special')
-        self.addCleanup(client.close)
-        client.join()
+        client = self.client('special')
         for aux, kind in (('tc', 7), ('d0', 8), ('mk', 24)):
             token = client.open('media/mjpeg.mov', aux=aux)
             self.assertEqual(token >> 24 & 0xFF, kind)
@@ -105,30 +48,63 @@ class Foreign(unittest.TestCase):
                 self.assertEqual(status, 0x80040201)  # never set
                 continue
             self.assertEqual((status, position, flags), (0, 0, 3))
-            self.assertEqual(timecode, bytes([0x42, 0, 0, 0x01]))  # 01:00:00;02
+            self.assertEqual(timecode, bytes([0x60, 0x59, 0, 0x01]))  # 01:00:59;20
             self.assertEqual(size, clips.framemd5(self.path('mjpeg.mov'), 'v:0')[0][0] if aux == 'tc' else 4)
+
+    def test_timecode_tracks_count_with_the_pictures(self):
+        for name, start in (('mjpeg.mov', (1, 0, 59, 20)), ('mpeg2.mxf', (10, 0, 59, 20)), ('h264.mov', (1, 0, 59, 58)),
+                            ('dv.mxf', (9, 59, 59, 20))):
+            sizes = [size for size, _ in clips.framemd5(self.path(name), 'v:0')]
+            rate = fractions.Fraction(clips.CLIPS[name].rate)
+            client = self.client(name)
+            token = client.open('media/' + name, aux='tc')
+            self.assertEqual(token >> 24 & 0xFF, 7)
+            for position, address in zip(range(len(sizes)), addresses(start, round(rate), rate.denominator == 1001)):
+                reply = client.read(token, position)
+                self.assertEqual(wire.stream_status(reply), 0)
+                self.assertEqual(len(reply.body), 12 + 104, 'no data follows the table')
+                low, high = reply.word(8 + 24 + 12), reply.word(8 + 24 + 20)
+                self.assertEqual((reply.word(8 + 24), reply.word(8 + 24 + 4)), (sizes[position], position))
+                self.assertEqual(reply.body[12 + 8 + 24 + 16:][:4], address, '%s %d' % (name, position))
+                self.assertEqual(high << 32 | low, position * 10000000 * rate.denominator // rate.numerator)
+            self.assertEqual(wire.stream_status(client.read(token, len(sizes))), wire.END_OF_MEDIA)
+
+    def test_sound_beyond_four_gigabytes(self):
+        """Samples 48,000 a second in 16 bits; the file is as good as empty but for one frame near its end."""
+        data_size, at = 5 << 30, 1398000
+        format_chunk = struct.pack('<4sIHHIIHH', b'fmt ', 16, 1, 1, 48000, 96000, 2, 16)
+        heads = {'rf64': self.long_head(b'RF64', data_size, format_chunk),
+                 'bw64': self.long_head(b'BW64', data_size, format_chunk),
+                 'endless': struct.pack('<4sI4s', b'RIFF', 0xFFFFFFFF, b'WAVE') + format_chunk +
+                 struct.pack('<4sI', b'data', 0xFFFFFFFF)}
+        sound = bytes(range(256)) * 15  # one frame at 25 per second
+        client = self.client('long')
+        for name, head in heads.items():
+            with open(os.path.join(self.media, name), 'wb') as out:
+                out.write(head)
+                out.seek(len(head) + at * len(sound))
+                out.write(sound)
+                out.truncate(len(head) + data_size)
+            self.assertEqual(self.info(name, 'a0')['frames'], -(-data_size // len(sound)), name)
+            token = client.open('media/' + name, aux='a0')
+            self.assertEqual(wire.frame_of(client.read(token, at)), sound, name)
+            self.assertEqual(wire.frame_of(client.read(token, at + 1)), bytes(len(sound)), name)
+            last = -(-data_size // len(sound)) - 1
+            self.assertEqual(len(wire.frame_of(client.read(token, last))), data_size - last * len(sound))
+            self.assertEqual(wire.stream_status(client.read(token, last + 1)), wire.END_OF_MEDIA)
+
+    @staticmethod
+    def long_head(magic, data_size, format_chunk):
+        sizes = struct.pack('<4sIQQQI', b'ds64', 28, data_size + 72, data_size, data_size // 2, 0)
+        return struct.pack('<4sI4s', magic, 0xFFFFFFFF, b'WAVE') + sizes + format_chunk + struct.pack('<4sI', b'data',
+                                                                                                     0xFFFFFFFF)
 
     def test_writing_is_refused_and_the_log_says_why(self):
         self.path('mjpeg.mov')
-        client = Client(self.server.port, 'writer')
-        self.addCleanup(client.close)
-        client.join()
+        client = self.client('writer')
         self.assertEqual(client.open('media/mjpeg.mov', flags=3), 0)
         self.server.wait_for_line('a file of a foreign format is only read; import it to change it')
 
 
-def add_clip_test(name):
-    def test(self):
-        self.check(name)
-    setattr(Foreign, 'test_clip_' + name.replace('.', '_').replace('-', '_'), test)
-
-
-for clip in clips.CLIPS:
-    add_clip_test(clip)
-
 if __name__ == '__main__':
-    parser = argparse.ArgumentParser(add_help=False)
-    parser.add_argument('--zemhost', required=True)
-    parser.add_argument('--zem', required=True)
-    PROGRAMS, rest = parser.parse_known_args()
-    unittest.main(argv=[sys.argv[0], *rest])
+    zemcase.main()

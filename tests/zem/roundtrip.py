@@ -5,35 +5,26 @@ after the service was killed.
 usage: roundtrip.py --zemhost PROGRAM --zem PROGRAM [unittest arguments]
 """
 
-import argparse
 import json
 import os
 import subprocess
-import sys
 import tempfile
-import unittest
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', 'e2e'))
-from wire import Server  # noqa: E402
+import zemcase
+from clips import framemd5, columns
+from wire import Server
 
-PROGRAMS = None
 PICTURE = ['-f', 'lavfi', '-i', 'testsrc2=size=1280x720:rate=25']
 SOUND = ['-f', 'lavfi', '-i', 'sine=frequency=440:sample_rate=48000']
 
 
-def columns(listing):
-    """The size and hash columns of a per-frame checksum list."""
-    rows = [line.split(',') for line in listing.splitlines() if line and not line.startswith('#')]
-    return [(row[4].strip(), row[5].strip()) for row in rows]
-
-
-class RoundTrip(unittest.TestCase):
+class RoundTrip(zemcase.ZemCase):
     @classmethod
     def setUpClass(cls):
         cls.folder = tempfile.TemporaryDirectory(prefix='zem-roundtrip-')
         cls.clip = cls.make('clip.mov', PICTURE + SOUND + ['-t', '10', '-c:v', 'mjpeg', '-c:a', 'pcm_s16le'])
-        cls.video = cls.reference(cls.clip, '0:v')
-        cls.audio = cls.reference(cls.clip, '0:a')
+        cls.video = framemd5(cls.clip, 'v')
+        cls.audio = framemd5(cls.clip, 'a')
 
     @classmethod
     def tearDownClass(cls):
@@ -45,24 +36,12 @@ class RoundTrip(unittest.TestCase):
         subprocess.run(['ffmpeg', '-v', 'error', '-nostdin', *arguments, path], check=True)
         return path
 
-    @staticmethod
-    def reference(clip, stream):
-        done = subprocess.run(['ffmpeg', '-v', 'error', '-nostdin', '-i', clip, '-map', stream, '-c', 'copy',
-                               '-f', 'framemd5', '-'], check=True, capture_output=True, text=True)
-        return columns(done.stdout)
-
     def setUp(self):
-        self.server = Server(PROGRAMS.zemhost)
+        """A server for each test."""
+        self.server = Server(zemcase.PROGRAMS.zemhost)
         self.addCleanup(self.server.remove)
         self.addCleanup(lambda: self.assertEqual(self.server.stop(), 0))
         os.mkdir(os.path.join(self.server.volume, 'media'))
-
-    def zem(self, *arguments, code=0):
-        """Runs zem, checks its exit code, returns what it wrote to stdout."""
-        done = subprocess.run([PROGRAMS.zem, '--server', 'http://127.0.0.1:%d' % self.server.port, *arguments],
-                              capture_output=True, text=True, timeout=120)
-        self.assertEqual(done.returncode, code, ' '.join(arguments) + ': ' + done.stderr)
-        return done.stdout
 
     def assert_same(self, name, expected):
         self.assertEqual(columns(self.zem('framemd5', name)), expected)
@@ -88,7 +67,7 @@ class RoundTrip(unittest.TestCase):
         self.assert_same('media/clip.v0', self.video)
         other = self.make('other.mov', PICTURE + ['-t', '1', '-c:v', 'mjpeg'])
         self.zem('put', '--force', other, 'media/clip')
-        self.assert_same('media/clip.v0', self.reference(other, '0:v'))
+        self.assert_same('media/clip.v0', framemd5(other, 'v'))
 
     def test_mxf_mp4_and_several_streams(self):
         mxf = self.make('clip.mxf', PICTURE + SOUND + SOUND + ['-map', '0:v', '-map', '1:a', '-map', '2:a', '-t', '2',
@@ -98,7 +77,7 @@ class RoundTrip(unittest.TestCase):
             self.zem('put', '--verify', 'all', clip, 'media/' + name)
             for stream in streams:
                 kind, number = stream.split(':')
-                expected = self.reference(clip, '0:' + stream)
+                expected = framemd5(clip, stream)
                 self.assertGreater(len(expected), 10)
                 self.assert_same('media/%s.%s%s' % (name, kind, number), expected)
 
@@ -106,7 +85,7 @@ class RoundTrip(unittest.TestCase):
         self.zem('put', self.clip, 'media/clip')
         target = os.path.join(self.folder.name, 'frames.bin')
         self.zem('read', 'media/clip.v0', '--from', '10', '--count', '5', '-o', target)
-        self.assertEqual(os.path.getsize(target), sum(int(size) for size, _ in self.video[10:15]))
+        self.assertEqual(os.path.getsize(target), sum(size for size, _ in self.video[10:15]))
         os.remove(target)
 
     def test_queries_and_maintenance(self):
@@ -121,7 +100,7 @@ class RoundTrip(unittest.TestCase):
         audio = json.loads(self.zem('info', 'media/clip.a0', '--json'))
         self.assertEqual((audio['sample_rate'], audio['channels'], audio['bits_per_sample']), (48000, 1, 16))
         frames = json.loads(self.zem('frames', name, '--json'))['frames']
-        self.assertEqual([frame['size'] for frame in frames], [int(size) for size, _ in self.video])
+        self.assertEqual([frame['size'] for frame in frames], [size for size, _ in self.video])
         self.assertTrue(all(frame['key'] and frame['present'] for frame in frames))
         self.zem('frames', name, '--by-name', code=1)  # the count has replaced two characters of the name
         self.zem('stripe', name, '10:00:59:24')
@@ -179,8 +158,4 @@ class RoundTrip(unittest.TestCase):
 
 
 if __name__ == '__main__':
-    parser = argparse.ArgumentParser(add_help=False)
-    parser.add_argument('--zemhost', required=True)
-    parser.add_argument('--zem', required=True)
-    PROGRAMS, rest = parser.parse_known_args()
-    unittest.main(argv=[sys.argv[0], *rest])
+    zemcase.main()
