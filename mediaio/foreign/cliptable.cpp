@@ -128,7 +128,10 @@ HRESULT CForeignClip::Share(ForeignSource source, std::shared_ptr<CForeignClip>&
         }
         clip = slot->clip.lock();
         slot->kept.reset();
-        if (clip != nullptr && clip->m_stamp == stamp) return true;
+        if (clip != nullptr && clip->m_stamp == stamp) {
+            hr = S_OK;
+            return true;
+        }
         clip.reset();
         hr = slot->result;
         return FAILED(hr) && slot->resultOf == stamp;

@@ -16,6 +16,10 @@ namespace zemstore {
 namespace {
 
 constexpr size_t kBuffer_bytes = 64 << 10;
+// Tables lie all over some files: behind a jump a little is read first, then twice as much each
+// time.
+constexpr size_t kBehindJump_bytes = 4 << 10;
+constexpr size_t kLargestRead_bytes = 16 << 20;
 // A damaged count must not make a table that eats the machine; a day at 60 frames per second needs
 // half of this.
 constexpr size_t kLargestTable_bytes = size_t{256} << 20;
@@ -43,8 +47,9 @@ std::atomic<bool> CDemuxer::s_stopped{false};
 int CDemuxer::OnRead(void* opaque, uint8_t* to, int size) {
     auto& self = *static_cast<CDemuxer*>(opaque);
     if (size <= 0 || self.m_at >= self.m_size) return AVERROR_EOF;
-    const auto want = static_cast<size_t>(
-        std::min<uint64_t>(static_cast<uint64_t>(size), self.m_size - self.m_at));
+    const auto asked = std::min(static_cast<size_t>(size), self.m_step);
+    const auto want = static_cast<size_t>(std::min<uint64_t>(asked, self.m_size - self.m_at));
+    self.m_step = std::min(self.m_step * 2, kLargestRead_bytes);
     if (want > self.m_budget || Stopped()) return AVERROR_EXIT;
     self.m_budget -= want;
     size_t done = 0;
@@ -61,6 +66,7 @@ int64_t CDemuxer::OnSeek(void* opaque, int64_t offset, int whence) {
     if ((whence & ~AVSEEK_FORCE) == SEEK_CUR) to += static_cast<int64_t>(self.m_at);
     if ((whence & ~AVSEEK_FORCE) == SEEK_END) to += size;
     if (to < 0) return AVERROR(EINVAL);
+    if (self.m_at != static_cast<uint64_t>(to)) self.m_step = kBehindJump_bytes;
     self.m_at = static_cast<uint64_t>(to);
     return to;
 }
@@ -79,6 +85,7 @@ HRESULT CDemuxer::Open(IStoreFile& file, uint64_t size_bytes, std::unique_ptr<CD
 
 HRESULT CDemuxer::OpenFormat() {
     m_at = 0;
+    m_step = kBehindJump_bytes;
     m_budget = m_size * 4 + (uint64_t{64} << 20);
     auto* const buffer = static_cast<uint8_t*>(av_malloc(kBuffer_bytes));
     if (buffer == nullptr) return E_OUTOFMEMORY;

@@ -55,6 +55,7 @@ private:
     IStoreFile& m_file;
     const uint64_t m_size;
     uint64_t m_at = 0;
+    size_t m_step = 0;      // bytes of the next read
     uint64_t m_budget = 0;  // bytes that may still be read: a damaged file must not go in circles
     AVFormatContext* m_format = nullptr;
     AVIOContext* m_io = nullptr;
