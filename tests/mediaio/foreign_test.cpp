@@ -364,6 +364,71 @@ TEST_F(Foreign, ADamagedIndexCountsForNothing) {
     EXPECT_EQ(AllFrames(Open("clip.mkv")), frames);
 }
 
+TEST_F(Foreign, AnIndexOfAnotherTimeOrVersionIsMadeAnew) {
+    MakeMkv("clip.mkv");
+    const std::vector<std::vector<uint8_t>> frames = AllFrames(Open("clip.mkv"));
+    const std::string index = Path(".clip.mkv.zemindex");
+    const std::vector<uint8_t> good = LoadFile(index);
+    // The same size at another time: 24 bytes of the header are the file's time and a checksum.
+    m_channel = NewChannel();
+    const auto time = std::filesystem::last_write_time(Path("clip.mkv"));
+    std::filesystem::last_write_time(Path("clip.mkv"), time + std::chrono::seconds(1));
+    EXPECT_EQ(AllFrames(Open("clip.mkv")), frames);
+    const std::vector<uint8_t> later = LoadFile(index);
+    ASSERT_EQ(later.size(), good.size());
+    EXPECT_NE(memcmp(&later[24], &good[24], 8), 0);
+    EXPECT_EQ(memcmp(&later[48], &good[48], good.size() - 48), 0);
+    // Another version, with checksums that are right.
+    m_channel = NewChannel();
+    std::vector<uint8_t> other = later;
+    ++other[8];
+    const uint32_t crc = zemstore::Crc32c(0, other.data(), 44);
+    memcpy(&other[44], &crc, sizeof crc);
+    StoreFile(index, other);
+    EXPECT_EQ(AllFrames(Open("clip.mkv")), frames);
+    EXPECT_EQ(LoadFile(index), later);
+}
+
+// Another program still writes the file: each opening shows what is there, and keeps to it.
+TEST_F(Foreign, AFileThatGrowsShowsMoreAtEachOpening) {
+    MakeTs("whole.ts");
+    MakeMkv("whole.mkv");
+    Make("whole.mxf", kPicture + "25" + kSound + "-t 2 -c:v mpeg2video -g 6 -threads 1");
+    Make("whole.mp4",
+         kPicture + "25 -t 2 -c:v mpeg4 -g 5 -threads 1 -movflags frag_keyframe+empty_moov");
+    for (const char* name : {"whole.ts", "whole.mkv", "whole.mxf", "whole.mp4"}) {
+        const std::vector<std::vector<uint8_t>> frames = AllFrames(Open(name));
+        const std::vector<uint8_t> bytes = LoadFile(Path(name));
+        std::vector<ULONGLONG> tokens;
+        std::vector<uint32_t> counts;
+        for (const size_t tenths : {5u, 8u, 10u}) {
+            std::ofstream out(Path("growing"), std::ios::binary | std::ios::app);
+            const auto from = static_cast<size_t>(out.tellp());
+            const size_t to = bytes.size() * tenths / 10;
+            out.write(reinterpret_cast<const char*>(&bytes[from]),
+                      static_cast<std::streamsize>(to - from));
+            out.close();
+            tokens.push_back(Open("growing"));
+            counts.push_back(Info(tokens.back()).frameCount);
+        }
+        EXPECT_LT(counts[0], counts[1]) << name;
+        EXPECT_LT(counts[1], counts[2]) << name;
+        EXPECT_EQ(counts[2], frames.size()) << name;
+        for (size_t i = 0; i < tokens.size(); ++i) {
+            EXPECT_EQ(Info(tokens[i]).frameCount, counts[i]) << name;
+            // The last one may have been cut off.
+            for (uint32_t position = 0; position + 1 < counts[i]; position += 3) {
+                std::vector<uint8_t> frame;
+                EXPECT_EQ(Read(tokens[i], position, frame), S_OK) << name << position;
+                EXPECT_EQ(frame, frames[position]) << name << position;
+            }
+        }
+        for (const ULONGLONG token : tokens)
+            m_channel->CloseFile(token);
+        std::filesystem::remove(Path("growing"));
+    }
+}
+
 TEST_F(Foreign, WithoutAPlaceForTheIndexItStaysInMemory) {
     MakeMkv("clip.mkv");
     std::filesystem::create_directory(Path(".clip.mkv.zemindex"));
