@@ -110,17 +110,18 @@ void CErrorLogSink::RunWriter() {
         lines.clear();
         // What was dropped is older than this batch, and younger than the one before.
         const uint64_t dropped = batch.dropped + unwritten;
+        std::scoped_lock lock(m_outputLock);
+        const ErrorLogFormat format = m_output.Format();
         if (dropped != 0 && batch.count != 0)
-            AppendDroppedLine(batch.records[0].time, dropped, lines);
+            AppendDroppedLine(batch.records[0].time, dropped, format, lines);
         const auto now = CLineAssembler::Clock::now();
         for (size_t i = 0; i < batch.count; ++i)
-            assembler.Add(batch.records[i], now, lines);
+            assembler.Add(batch.records[i], format, now, lines);
         if (batch.last)
             assembler.EndAll(lines);
         else
             assembler.EndOverdue(now, lines);
         if (lines.empty()) continue;
-        std::scoped_lock lock(m_outputLock);
         unwritten = m_output.Write(lines) ? 0 : dropped + batch.count;
     }
     EndWriter();

@@ -16,7 +16,8 @@ public:
 
     // Appends the lines that the record completes to `out`. A piece whose predecessor is missing
     // begins a line of its own, marked with dots.
-    void Add(const ErrorRecord& record, Clock::time_point now, std::string& out);
+    void Add(const ErrorRecord& record, ErrorLogFormat format, Clock::time_point now,
+             std::string& out);
 
     // Appends the lines that have waited for their next piece long enough.
     void EndOverdue(Clock::time_point now, std::string& out);
@@ -30,8 +31,11 @@ private:
         DWORD threadId;
         unsigned nextPiece;
         Clock::time_point deadline;
+        ErrorLogFormat format;
         std::string text;
     };
+
+    static void End(const OpenLine& line, std::string& out);
 
     std::vector<OpenLine> m_open;  // at most one of each thread, oldest first
 };

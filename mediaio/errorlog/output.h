@@ -18,6 +18,8 @@ public:
     // file.
     bool Write(const std::string& lines);
 
+    ErrorLogFormat Format() const { return m_settings.format; }
+
 private:
     struct FileCloser {
         void operator()(std::FILE* file) const { std::fclose(file); }

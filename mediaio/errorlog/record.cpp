@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <ctime>
 
 #include "mediaio/errorlog.h"
 
@@ -27,14 +28,39 @@ void AppendFormat(std::string& out, const char* format, Values... values) {
     if (length > 0) out.append(buffer, std::min(static_cast<size_t>(length), sizeof buffer - 1));
 }
 
-void AppendStart(const SYSTEMTIME& time, const char* word, DWORD threadId, std::string& out) {
-    AppendFormat(out, "%04u-%02u-%02u %02u:%02u:%02u.%03u %-7s [%u] ", unsigned{time.wYear},
-                 unsigned{time.wMonth}, unsigned{time.wDay}, unsigned{time.wHour},
-                 unsigned{time.wMinute}, unsigned{time.wSecond}, unsigned{time.wMilliseconds}, word,
-                 static_cast<unsigned>(threadId));
+// What the local time is ahead of UTC, as +hh:mm.
+void AppendZone(const SYSTEMTIME& time, std::string& out) {
+    std::tm parts{};
+    parts.tm_year = time.wYear - 1900;
+    parts.tm_mon = time.wMonth - 1;
+    parts.tm_mday = time.wDay;
+    parts.tm_hour = time.wHour;
+    parts.tm_min = time.wMinute;
+    parts.tm_sec = time.wSecond;
+    parts.tm_isdst = -1;
+    char zone[8] = {};
+    if (std::mktime(&parts) == -1 || std::strftime(zone, sizeof zone, "%z", &parts) != 5) return;
+    out.append(zone, 3).append(1, ':').append(zone + 3);
 }
 
-void AppendWhenAndWho(const ErrorRecord& record, std::string& out) {
+void AppendStart(const SYSTEMTIME& time, const char* word, DWORD threadId, ErrorLogFormat format,
+                 std::string& out) {
+    const auto append = [&](const char* pattern) {
+        AppendFormat(out, pattern, unsigned{time.wYear}, unsigned{time.wMonth}, unsigned{time.wDay},
+                     unsigned{time.wHour}, unsigned{time.wMinute}, unsigned{time.wSecond},
+                     unsigned{time.wMilliseconds});
+    };
+    if (format == ErrorLogFormat::kText) {
+        append("%04u-%02u-%02u %02u:%02u:%02u.%03u ");
+        AppendFormat(out, "%-7s [%u] ", word, static_cast<unsigned>(threadId));
+        return;
+    }
+    append("{\"time\":\"%04u-%02u-%02uT%02u:%02u:%02u.%03u");
+    AppendZone(time, out);
+    AppendFormat(out, "\",\"level\":\"%s\",\"thread\":%u,", word, static_cast<unsigned>(threadId));
+}
+
+void AppendWhenAndWho(const ErrorRecord& record, ErrorLogFormat format, std::string& out) {
     char number[24];
     std::snprintf(number, sizeof number, "level%u", static_cast<unsigned>(record.level));
     const char* word = number;
@@ -45,7 +71,7 @@ void AppendWhenAndWho(const ErrorRecord& record, std::string& out) {
     else
         for (const LevelWord& entry : kLevelWords)
             if (entry.level == record.level) word = entry.word;
-    AppendStart(record.time, word, record.threadId, out);
+    AppendStart(record.time, word, record.threadId, format, out);
 }
 
 void AppendUtf8(char32_t c, std::string& out) {
@@ -69,8 +95,11 @@ bool NeedsEscape(char32_t c) {
            c == 0x200F || c == 0x061C;
 }
 
-void AppendCharacter(char32_t c, std::string& out) {
-    if (!NeedsEscape(c))
+void AppendCharacter(char32_t c, ErrorLogFormat format, std::string& out) {
+    const bool json = format == ErrorLogFormat::kJson;
+    if (json && (c == '"' || c == '\\'))
+        out += {'\\', static_cast<char>(c)};
+    else if (!NeedsEscape(c))
         AppendUtf8(c, out);
     else if (c == '\n')
         out += "\\n";
@@ -79,24 +108,24 @@ void AppendCharacter(char32_t c, std::string& out) {
     else if (c == '\t')
         out += "\\t";
     else
-        AppendFormat(out, c < 0x100 ? "\\x%02x" : "\\u%04x", static_cast<unsigned>(c));
+        AppendFormat(out, c < 0x100 && !json ? "\\x%02x" : "\\u%04x", static_cast<unsigned>(c));
 }
 
-void AppendText(const WCHAR* text, size_t count, std::string& out) {
+void AppendText(const WCHAR* text, size_t count, ErrorLogFormat format, std::string& out) {
     constexpr char32_t kReplacement = 0xFFFD;
     for (size_t i = 0; i < count; ++i) {
         const auto unit = static_cast<char32_t>(static_cast<uint16_t>(text[i]));
         if (unit < 0xD800 || unit > 0xDFFF) {
-            AppendCharacter(unit, out);
+            AppendCharacter(unit, format, out);
             continue;
         }
         const char32_t next =
             i + 1 < count ? static_cast<char32_t>(static_cast<uint16_t>(text[i + 1])) : 0;
         if (unit < 0xDC00 && next >= 0xDC00 && next <= 0xDFFF) {
-            AppendCharacter(0x10000 + ((unit - 0xD800) << 10) + (next - 0xDC00), out);
+            AppendCharacter(0x10000 + ((unit - 0xD800) << 10) + (next - 0xDC00), format, out);
             ++i;
         } else {
-            AppendCharacter(kReplacement, out);
+            AppendCharacter(kReplacement, format, out);
         }
     }
 }
@@ -104,7 +133,8 @@ void AppendText(const WCHAR* text, size_t count, std::string& out) {
 void AppendPosition(const ErrorRecord& record, std::string& out) {
     const size_t start = out.size();
     if (record.file[0] != 0) {
-        AppendText(record.file, std::char_traits<WCHAR>::length(record.file), out);
+        AppendText(record.file, std::char_traits<WCHAR>::length(record.file), ErrorLogFormat::kText,
+                   out);
         AppendFormat(out, "(%d) ", static_cast<int>(record.line));
     }
     if (record.hr != 0) AppendFormat(out, "0x%08x ", static_cast<unsigned>(record.hr));
@@ -116,6 +146,38 @@ void AppendPosition(const ErrorRecord& record, std::string& out) {
         out.back() = ':';
         out += ' ';
     }
+}
+
+// The same as members of the object; what is not known is left out.
+void AppendJsonPosition(const ErrorRecord& record, std::string& out) {
+    if (record.file[0] != 0) {
+        out += "\"source\":\"";
+        AppendText(record.file, std::char_traits<WCHAR>::length(record.file), ErrorLogFormat::kJson,
+                   out);
+        AppendFormat(out, "\",\"line\":%d,", static_cast<int>(record.line));
+    }
+    if (record.hr != 0)
+        AppendFormat(out, "\"result\":\"0x%08x\",", static_cast<unsigned>(record.hr));
+    if (record.chainId != 0 && record.chainId != static_cast<DWORD>(record.hr))
+        AppendFormat(out, "\"chain\":\"0x%08x\",", static_cast<unsigned>(record.chainId));
+    if (record.elapsed_ms != 0)
+        AppendFormat(out, "\"elapsed_ms\":%u,", static_cast<unsigned>(record.elapsed_ms));
+}
+
+void AppendJsonStart(const ErrorRecord& record, std::string& out) {
+    switch (record.kind) {
+        case ErrorRecordKind::kText:
+            AppendJsonPosition(record, out);
+            break;
+        case ErrorRecordKind::kScope:
+            AppendFormat(out, "\"result\":\"0x%08x\",", static_cast<unsigned>(record.hr));
+            break;
+        case ErrorRecordKind::kOwner:
+            AppendFormat(out, "\"id\":%d,\"number\":%d,", static_cast<int>(record.hr),
+                         static_cast<int>(record.line));
+            break;
+    }
+    out += "\"message\":\"";
 }
 
 }  // namespace
@@ -131,8 +193,12 @@ size_t CopyText(WCHAR* target, size_t capacity, const WCHAR* source) {
     return count;
 }
 
-void AppendRecordStart(const ErrorRecord& record, std::string& out) {
-    AppendWhenAndWho(record, out);
+void AppendRecordStart(const ErrorRecord& record, ErrorLogFormat format, std::string& out) {
+    AppendWhenAndWho(record, format, out);
+    if (format == ErrorLogFormat::kJson) {
+        AppendJsonStart(record, out);
+        return;
+    }
     switch (record.kind) {
         case ErrorRecordKind::kText:
             AppendPosition(record, out);
@@ -146,16 +212,22 @@ void AppendRecordStart(const ErrorRecord& record, std::string& out) {
     }
 }
 
-void AppendRecordText(const ErrorRecord& record, std::string& out) {
-    AppendText(record.text, record.text_chars, out);
-    if (record.kind == ErrorRecordKind::kOwner)
+void AppendRecordText(const ErrorRecord& record, ErrorLogFormat format, std::string& out) {
+    AppendText(record.text, record.text_chars, format, out);
+    if (record.kind == ErrorRecordKind::kOwner && format == ErrorLogFormat::kText)
         AppendFormat(out, ", %d", static_cast<int>(record.line));
 }
 
-void AppendDroppedLine(const SYSTEMTIME& time, uint64_t dropped, std::string& out) {
-    AppendStart(time, "warning", GetCurrentThreadId(), out);
+void AppendRecordEnd(ErrorLogFormat format, std::string& out) {
+    out += format == ErrorLogFormat::kJson ? "\"}\n" : "\n";
+}
+
+void AppendDroppedLine(const SYSTEMTIME& time, uint64_t dropped, ErrorLogFormat format,
+                       std::string& out) {
+    AppendStart(time, "warning", GetCurrentThreadId(), format, out);
+    if (format == ErrorLogFormat::kJson) out += "\"message\":\"";
     AppendFormat(out,
                  "error log: %llu older record%s dropped, the log could not be written as fast",
                  static_cast<unsigned long long>(dropped), dropped == 1 ? " was" : "s were");
-    out += '\n';
+    AppendRecordEnd(format, out);
 }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 
+#include "mediaio/errorlog/sink.h"
 #include "platform/platform.h"
 
 enum class ErrorRecordKind : uint8_t { kText, kScope, kOwner };
@@ -33,11 +34,14 @@ struct ErrorRecord {
 // were copied.
 size_t CopyText(WCHAR* target, size_t capacity, const WCHAR* source);
 
-// Append a record's line in two parts, as UTF-8 and without a line feed: when, what kind, which
-// thread and where; and the text. Control characters, and characters that change the direction or
-// the line of what follows, are escaped; ill-formed UTF-16 becomes U+FFFD.
-void AppendRecordStart(const ErrorRecord& record, std::string& out);
-void AppendRecordText(const ErrorRecord& record, std::string& out);
+// Append a record's line in three parts, as UTF-8: when, what kind, which thread and where; the
+// text, of as many records as it has pieces; and the end with its line feed. Control characters,
+// and characters that change the direction or the line of what follows, are escaped; ill-formed
+// UTF-16 becomes U+FFFD. One message has one format throughout.
+void AppendRecordStart(const ErrorRecord& record, ErrorLogFormat format, std::string& out);
+void AppendRecordText(const ErrorRecord& record, ErrorLogFormat format, std::string& out);
+void AppendRecordEnd(ErrorLogFormat format, std::string& out);
 
 // Appends the whole line that tells that records were dropped at the given local time.
-void AppendDroppedLine(const SYSTEMTIME& time, uint64_t dropped, std::string& out);
+void AppendDroppedLine(const SYSTEMTIME& time, uint64_t dropped, ErrorLogFormat format,
+                       std::string& out);

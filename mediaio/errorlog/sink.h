@@ -14,6 +14,9 @@
 // is on.
 enum class ErrorLogVerbosity { kErrors, kWarnings, kMessages, kTraces };
 
+// How a record reads. Text: see docs/operations.md. JSON: one object a line.
+enum class ErrorLogFormat { kText, kJson };
+
 struct ErrorLogSettings {
     // UTF-8 path of the log file; empty: no file. The file is appended to.
     std::string path;
@@ -24,6 +27,7 @@ struct ErrorLogSettings {
     unsigned rotateKeep = 4;
     bool toStderr = true;
     ErrorLogVerbosity verbosity = ErrorLogVerbosity::kTraces;
+    ErrorLogFormat format = ErrorLogFormat::kText;
     // Gets every batch of whole lines besides the file and standard error; called on the writer
     // thread. May block.
     void (*write)(void* context, const char* lines, size_t bytes) = nullptr;
@@ -37,7 +41,8 @@ constexpr size_t kErrorLogQueueRecords = 2048;
 
 // Writes what is queued to where it belonged until now, then uses the new settings. Waits for the
 // writer. Returns false, with a sentence in *problem (may be null) and the former settings still in
-// force, when the file cannot be opened for appending.
+// force, when the file cannot be opened for appending. The same settings again open the file again:
+// for a tool that renamed it.
 bool ErrorLogConfigure(const ErrorLogSettings& settings, std::string* problem);
 
 // Waits until every record that was taken before the call is written or counted as dropped. False:
