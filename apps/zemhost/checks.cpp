@@ -36,21 +36,27 @@ bool HasExportTitle(std::istream& file) {
 
 }  // namespace
 
-std::string CheckRegistryFile(const std::string& path) {
+std::string CheckRegistryFile(const std::string& path, bool mustExist) {
     std::error_code error;
     const std::string named = "the registry file '" + path + "' ";
-    if (!std::filesystem::exists(PathOf(path), error))
-        return named + "does not exist; give one that does with --registry FILE";
-    if (!std::filesystem::is_regular_file(PathOf(path), error))
+    const std::filesystem::file_status status = std::filesystem::status(PathOf(path), error);
+    if (status.type() == std::filesystem::file_type::not_found)
+        return mustExist ? named + "does not exist; give one that does with --registry FILE" : "";
+    if (!error && status.type() != std::filesystem::file_type::regular)
         return named + "is not a file; give a file with --registry FILE";
     std::ifstream file(PathOf(path), std::ios::binary);
-    if (!file)
+    if (error || !file)
         return named + "cannot be read; change its rights or give another with --registry FILE";
     if (!HasExportTitle(file))
         return named +
                "is not a registry export; its first line must be: Windows Registry Editor Version "
                "5.00";
     return {};
+}
+
+std::string CheckLogFormat(const HostSettings& settings) {
+    if (settings.logFormat == "text" || settings.logFormat == "json") return {};
+    return "the registry value LogFormat is '" + settings.logFormat + "'; give it text or json";
 }
 
 std::string CheckAddresses(const HostSettings& settings) {
@@ -80,6 +86,14 @@ std::string CheckVolume(const HostSettings& settings) {
     if (error)
         return named + "cannot be listed (" + error.message() + "); change its rights" + advice;
     return {};
+}
+
+std::string WarnOfVolume(const HostSettings& settings) {
+    if (CanWriteTo(settings.volume)) return {};
+    return "the volume root '" + settings.volume +
+           "' cannot be written to by this user: clients can only read; change its rights or give "
+           "another with " +
+           kSettingAdvice.volume;
 }
 
 std::string ExplainStartFailure(const HostSettings& settings, int32_t hr) {

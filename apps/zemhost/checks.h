@@ -6,13 +6,22 @@
 
 #include "apps/zemhost/settings.h"
 
-// The file that --registry names: it must be there, be readable and look like a registry export.
-std::string CheckRegistryFile(const std::string& path);
+// A registry file must be readable and look like a registry export. One that nobody named need not
+// be there.
+std::string CheckRegistryFile(const std::string& path, bool mustExist = true);
+
+// The same of the file in use, after ApplyOptions. Nothing where the registry is the system's.
+std::string CheckRegistry(const HostOptions& options);
+
+std::string CheckLogFormat(const HostSettings& settings);
 
 std::string CheckAddresses(const HostSettings& settings);
 
 // The volume root must be a directory that can be listed.
 std::string CheckVolume(const HostSettings& settings);
+
+// What is wrong with a volume root that can only be read. The server runs with it.
+std::string WarnOfVolume(const HostSettings& settings);
 
 // Why the server could not be started with the result hr (an HRESULT).
 std::string ExplainStartFailure(const HostSettings& settings, int32_t hr);

@@ -1,7 +1,7 @@
 // hostsystem.h: what zemhost needs of the operating system beside the platform layer: its command
 // line, stop signals, the limit of open files, a trial of an address, and being a service.
-// Implemented by hostsystem_posix.cpp, or hostsystem_windows.cpp and service_windows.cpp. The
-// thread that serves only.
+// Implemented by hostsystem_posix.cpp and rights_posix.cpp, or hostsystem_windows.cpp and
+// service_windows.cpp. The thread that serves only.
 #pragma once
 
 #include <cstdint>
@@ -28,7 +28,8 @@ std::vector<std::string> ProgramArguments(int argc, char** argv);
 // part; the exit code. Nothing: they ask for no such thing.
 std::optional<int> RunUnderSystem(const HostOptions& options, const std::function<int()>& serve);
 
-// Tells whoever started the service that it is ready, or why it is not. Nothing for a console.
+// Tells whoever started the service that it is ready, or why it is not (Linux: in the way of
+// systemd's sd_notify(3)). Nothing for a console.
 void TellReady();
 void TellFailure(const std::string& sentence);
 
@@ -37,10 +38,24 @@ void TellFailure(const std::string& sentence);
 // lets us.
 void PrepareProcess();
 
+// Opens the port on the addresses of the settings while the process still may, for the server that
+// comes to listen there. An HRESULT. Windows: the system's HTTP interface has it; nothing to do.
+int32_t OpenPort(uint16_t port);
+
+// Whether the process may become the user: nothing, or a sentence. An empty name is nobody else.
+std::string CheckUser(const std::string& user);
+
+// Becomes the user, with the user's groups, where one is named, and gives up every capability; root
+// without a user keeps what it has. Before any other thread exists. Nothing, or why it could not.
+std::string GiveUpRights(const std::string& user);
+
+// By this process, as a directory to make files in. UTF-8.
+bool CanWriteTo(const std::string& directory);
+
 // Waits for SIGINT, SIGTERM or SIGHUP (Windows: a console event or the service's stop); returns its
-// name. From then on the next one ends the process
-// at once.
-std::string WaitForStopSignal();
+// name. From then on the next one ends the process at once. Calls `reopenLog` at every SIGUSR1
+// meanwhile.
+std::string WaitForStopSignal(const std::function<void()>& reopenLog);
 
 bool IsIpAddress(const std::string& text);
 

@@ -5,21 +5,43 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
+#include <cstdlib>
 #include <cstring>
 
 #include "apps/zemhost/hostsystem.h"
+#include "platform/platform.h"
 
 namespace {
 
-sigset_t StopSignals() {
+constexpr int kReopenLogSignal = SIGUSR1;
+
+sigset_t SignalsToWaitFor() {
     sigset_t signals;
     sigemptyset(&signals);
-    for (const int number : {SIGINT, SIGTERM, SIGHUP})
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, kReopenLogSignal})
         sigaddset(&signals, number);
     return signals;
+}
+
+// One datagram to the socket that NOTIFY_SOCKET names.
+void Notify(const std::string& state) {
+    const char* const name = std::getenv("NOTIFY_SOCKET");
+    sockaddr_un address{};
+    if (!name || std::strlen(name) >= sizeof address.sun_path) return;
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, name);
+    if (address.sun_path[0] == '@') address.sun_path[0] = 0;
+    const int descriptor = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (descriptor < 0) return;
+    sendto(descriptor, state.data(), state.size(), MSG_NOSIGNAL,
+           reinterpret_cast<const sockaddr*>(&address),
+           static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + std::strlen(name)));
+    close(descriptor);
 }
 
 struct SocketAddress {
@@ -71,11 +93,15 @@ std::optional<int> RunUnderSystem(const HostOptions&, const std::function<int()>
     return std::nullopt;
 }
 
-void TellReady() {}
-void TellFailure(const std::string&) {}
+void TellReady() {
+    Notify("READY=1");
+}
+void TellFailure(const std::string& sentence) {
+    Notify("STATUS=" + sentence);
+}
 
 void PrepareProcess() {
-    const sigset_t signals = StopSignals();
+    const sigset_t signals = SignalsToWaitFor();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     signal(SIGPIPE, SIG_IGN);
     rlimit limit{};
@@ -85,10 +111,19 @@ void PrepareProcess() {
     }
 }
 
-std::string WaitForStopSignal() {
-    const sigset_t signals = StopSignals();
+int32_t OpenPort(uint16_t port) {
+    return HRESULT_FROM_WIN32(ReserveListenPort(port));
+}
+
+bool CanWriteTo(const std::string& directory) {
+    return access(directory.c_str(), W_OK | X_OK) == 0;
+}
+
+std::string WaitForStopSignal(const std::function<void()>& reopenLog) {
+    const sigset_t signals = SignalsToWaitFor();
     int number = 0;
-    sigwait(&signals, &number);
+    while (sigwait(&signals, &number) == 0 && number == kReopenLogSignal)
+        reopenLog();
     for (const int next : {SIGINT, SIGTERM, SIGHUP})
         signal(next, SIG_DFL);
     pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);

@@ -94,7 +94,28 @@ void PrepareProcess() {
     SetConsoleCtrlHandler(OnConsoleEvent, TRUE);
 }
 
-std::string WaitForStopSignal() {
+int32_t OpenPort(uint16_t) {
+    return S_OK;
+}
+
+std::string CheckUser(const std::string&) {
+    return {};
+}
+
+std::string GiveUpRights(const std::string&) {
+    return {};
+}
+
+bool CanWriteTo(const std::string& directory) {
+    const HANDLE handle = CreateFileW(WidenText(directory).c_str(), FILE_ADD_FILE,
+                                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                      nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    if (handle == INVALID_HANDLE_VALUE) return false;
+    CloseHandle(handle);
+    return true;
+}
+
+std::string WaitForStopSignal(const std::function<void()>&) {
     WaitForSingleObject(g_stop, INFINITE);
     return g_stopName.load();
 }

@@ -1,6 +1,6 @@
-// zemhost: the service. Puts the command line over the registry, checks what can be checked, starts
-// the server, says that it is ready, waits for a signal, and stops the server. One thread of its
-// own; the rest are the server's.
+// zemhost: the service. Puts the command line over the registry, checks what can be checked, opens
+// the port, gives up the rights that this took, starts the server, says that it is ready, waits for
+// a signal, and stops the server. One thread of its own; the rest are the server's.
 #include <cstdio>
 #include <exception>
 
@@ -25,18 +25,36 @@ int Fail(ExitCode code, const std::string& sentence) {
     return code;
 }
 
-std::string CheckSettings(const HostSettings& settings) {
-    const std::string problem = CheckAddresses(settings);
-    return problem.empty() ? CheckVolume(settings) : problem;
-}
-
-std::string UseLogFile(const std::string& path) {
+std::string UseLog(const HostOptions& options, const HostSettings& settings) {
     ErrorLogSettings log;
-    log.path = path;
-    log.toStderr = false;
+    log.path = options.log;
+    log.toStderr = options.log.empty();
+    log.format = settings.logFormat == "json" ? ErrorLogFormat::kJson : ErrorLogFormat::kText;
     std::string problem;
     if (ErrorLogConfigure(log, &problem)) return {};
     return problem + "; give another with --log FILE";
+}
+
+// What any rights can look at, before anything is opened.
+std::string CheckBefore(const HostOptions& options, const HostSettings& settings) {
+    std::string problem = CheckAddresses(settings);
+    if (problem.empty()) problem = CheckLogFormat(settings);
+    if (problem.empty()) problem = CheckUser(options.user);
+    if (problem.empty() && options.user.empty()) problem = CheckVolume(settings);
+    return problem;
+}
+
+// What must hold for the user that serves. The server reads the registry file again and again: one
+// that only root may read would look empty to it.
+std::string CheckAfter(const HostOptions& options, const HostSettings& settings) {
+    std::string problem = CheckRegistry(options);
+    if (problem.empty()) problem = CheckVolume(settings);
+    if (problem.empty()) problem = UseLog(options, settings);
+    return problem;
+}
+
+bool IsPort(uint32_t port) {
+    return port != 0 && port <= 65535;
 }
 
 // What the server says is not enough here: "ready" must mean that a client gets through.
@@ -48,7 +66,13 @@ bool Listens(const HostSettings& settings) {
     return true;
 }
 
-int Serve(const HostSettings& settings) {
+// Asked for after a tool has renamed the file.
+void ReopenLog(const HostOptions& options, const HostSettings& settings) {
+    const std::string problem = UseLog(options, settings);
+    if (!problem.empty()) std::fprintf(stderr, "zemhost: %s.\n", problem.c_str());
+}
+
+int Serve(const HostOptions& options, const HostSettings& settings) {
     CHttpCommandHandler* server = nullptr;
     const HRESULT hr = CreateZemHttpSvr(&server);
     if (hr != S_OK || !server) return Fail(kExitStartFailed, ExplainStartFailure(settings, hr));
@@ -60,9 +84,11 @@ int Serve(const HostSettings& settings) {
     std::printf("zemhost ready: %s/ (volume root %s)\n", LocalUrl(settings).c_str(),
                 settings.volume.c_str());
     std::fflush(stdout);
+    const std::string warning = WarnOfVolume(settings);
+    if (!warning.empty()) std::fprintf(stderr, "zemhost: %s.\n", warning.c_str());
     TellReady();
 
-    const std::string name = WaitForStopSignal();
+    const std::string name = WaitForStopSignal([&] { ReopenLog(options, settings); });
     std::printf("zemhost stops: %s\n", name.c_str());
     std::fflush(stdout);
     const HRESULT stopped = DestroyZemHttpSvr(server);
@@ -74,20 +100,29 @@ int Serve(const HostSettings& settings) {
 int ServeAs(const HostOptions& options) {
     PrepareProcess();
     ApplyOptions(options);
+    std::string problem = CheckRegistry(options);
+    if (!problem.empty()) return Fail(kExitWrongSetting, problem);
     const HostSettings settings = ReadSettings(options);
     if (options.settings) {
         std::fputs(SettingsText(settings).c_str(), stdout);
         return kExitStopped;
     }
-    std::string problem = CheckSettings(settings);
-    if (problem.empty() && !options.log.empty()) problem = UseLogFile(options.log);
+    problem = CheckBefore(options, settings);
     if (!problem.empty()) return Fail(kExitWrongSetting, problem);
-    return Serve(settings);
+    if (IsPort(settings.port)) {
+        const HRESULT hr = OpenPort(static_cast<uint16_t>(settings.port));
+        if (FAILED(hr)) return Fail(kExitStartFailed, ExplainStartFailure(settings, hr));
+    }
+    problem = GiveUpRights(options.user);
+    if (!problem.empty()) return Fail(kExitStartFailed, problem);
+    problem = CheckAfter(options, settings);
+    if (!problem.empty()) return Fail(kExitWrongSetting, problem);
+    return Serve(options, settings);
 }
 
 int Run(const std::vector<std::string>& arguments) {
     HostOptions options;
-    std::string problem = ParseOptions(arguments, options);
+    const std::string problem = ParseOptions(arguments, options);
     if (!problem.empty()) return Fail(kExitWrongCommandLine, problem);
     if (options.help) {
         std::fputs(HelpText().c_str(), stdout);
@@ -97,8 +132,6 @@ int Run(const std::vector<std::string>& arguments) {
         std::printf("zemhost %s\n", kZemVersion);
         return kExitStopped;
     }
-    if (!options.registry.empty()) problem = CheckRegistryFile(options.registry);
-    if (!problem.empty()) return Fail(kExitWrongSetting, problem);
     const auto serve = [&] { return ServeAs(options); };
     const std::optional<int> code = RunUnderSystem(options, serve);
     return code ? *code : serve();

@@ -74,8 +74,9 @@ std::string HelpText() {
     return text + "\n" + kSystemHelp.whereSettingsAre +
            "\n"
            "Exit codes: 0 stopped as asked; 2 wrong command line; 3 a setting cannot be used "
-           "(registry file, volume, log\n"
-           "file, address); 4 the server could not start, for example because the port is taken; 5 "
+           "(registry file, volume, user,\n"
+           "log file, address); 4 the server could not start, for example because the port is "
+           "taken; 5 "
            "it did not stop in\n"
            "order.\n";
 }

@@ -16,6 +16,7 @@ struct HostOptions {
     ServiceAction serviceAction = ServiceAction::kNone;
     std::string registry;
     std::string log;
+    std::string user;
     std::optional<std::string> volume;
     std::optional<std::string> listen;
     std::optional<uint16_t> port;

@@ -2,6 +2,7 @@
 // the platform layer's own.
 #include <charconv>
 
+#include "apps/zemhost/checks.h"
 #include "apps/zemhost/optiontable.h"
 #include "apps/zemhost/registryplaces.h"
 #include "apps/zemhost/settings.h"
@@ -34,6 +35,11 @@ constexpr Option kOptions[] = {
          options.volume = value;
          return std::string();
      }},
+    {"--user", "NAME", "user to become once the port is open; only for root",
+     [](HostOptions& options, const std::string& value) {
+         options.user = value;
+         return std::string();
+     }},
 };
 
 void Override(const RegistryPlace& place, DWORD type, const void* data, size_t bytes) {
@@ -49,7 +55,8 @@ std::span<const Option> SystemOptions() {
 
 const SystemHelp kSystemHelp = {
     "Makes the media of a volume reachable over HTTP, until SIGINT or SIGTERM; a second signal "
-    "ends it at once.\n",
+    "ends it at once.\n"
+    "SIGUSR1 opens the log file again.\n",
     "Options come before the registry file. Without --registry the file is the one that the "
     "environment variable\n"
     "ZEM_REGISTRY names, else /etc/zemhttpd/zemhttpd.reg. Without any setting the port is "
@@ -57,7 +64,13 @@ const SystemHelp kSystemHelp = {
 
 const SettingAdvice kSettingAdvice = {
     "--port N", "--listen ADDRESS", "--volume DIR",
-    "give a port above 1023 with --port N, or run zemhost as root"};
+    "give a port above 1023 with --port N, or run zemhost as root with --user NAME"};
+
+std::string CheckRegistry(const HostOptions& options) {
+    char path[4096];
+    RegistryFileInUse(path, sizeof path);
+    return CheckRegistryFile(path, !options.registry.empty());
+}
 
 void ApplyOptions(const HostOptions& options) {
     SetRegistryFile(options.registry.c_str());

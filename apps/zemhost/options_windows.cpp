@@ -1,5 +1,6 @@
 // options_windows.cpp: the options of a program that can be a service. Settings are the registry's
 // own.
+#include "apps/zemhost/checks.h"
 #include "apps/zemhost/optiontable.h"
 #include "apps/zemhost/settings.h"
 
@@ -41,5 +42,9 @@ const SettingAdvice kSettingAdvice = {
     "the registry value HttpPort", "the registry value ListenOnlyList",
     "the registry value 0 of RUD\\vfs",
     "reserve its URLs for this user with netsh http add urlacl, or run zemhost as administrator"};
+
+std::string CheckRegistry(const HostOptions&) {
+    return {};
+}
 
 void ApplyOptions(const HostOptions&) {}

@@ -16,6 +16,9 @@ inline constexpr RegistryPlace kVolumePlace = {TEXT("Software\\Quorvane Group\\R
 inline constexpr RegistryPlace kListenPlace = {
     TEXT("System\\CurrentControlSet\\Services\\HTTP\\Parameters"), TEXT("ListenOnlyList")};
 
+inline constexpr RegistryPlace kLogFormatPlace = {TEXT("Software\\Quorvane Group\\ZEM"),
+                                                  TEXT("LogFormat")};
+
 // UTF-8 and back.
 WString WidenText(const std::string& text);
 std::string NarrowText(const WString& text);

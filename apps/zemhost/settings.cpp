@@ -104,6 +104,11 @@ HostSettings ReadSettings(const HostOptions& options) {
             settings.volumeSource = source(options.volume.has_value());
         }
     }
+    if (ReadValue(kLogFormatPlace, REG_SZ, REG_EXPAND_SZ, bytes)) {
+        const std::vector<std::string> texts = Texts(bytes);
+        settings.logFormat = texts.empty() ? "" : texts.front();
+        settings.logFormatSource = SettingSource::kRegistry;
+    }
     return settings;
 }
 
@@ -124,5 +129,6 @@ std::string SettingsText(const HostSettings& settings) {
                 settings.addressesSource) +
            line("volume", settings.volume.empty() ? "none" : settings.volume,
                 settings.volumeSource) +
-           "address " + LocalUrl(settings) + "\n";
+           line("log-format", settings.logFormat, settings.logFormatSource) + "address " +
+           LocalUrl(settings) + "\n";
 }

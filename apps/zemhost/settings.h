@@ -17,6 +17,8 @@ struct HostSettings {
     SettingSource addressesSource = SettingSource::kDefault;
     std::string volume;  // UTF-8; empty: none
     SettingSource volumeSource = SettingSource::kDefault;
+    std::string logFormat = "text";  // or "json"
+    SettingSource logFormatSource = SettingSource::kDefault;
 };
 
 // What the sentences about a wrong setting advise: "give another with ...".

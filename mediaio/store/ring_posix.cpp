@@ -7,15 +7,19 @@
 #include <unistd.h>
 
 #include <linux/falloc.h>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
 #include <system_error>
 #include <thread>
 #include <vector>
 
 #include "mediaio/allocator/reservation.h"
+#include "mediaio/errorlog.h"
 #include "mediaio/store/asyncio.h"
+#include "mediaio/store/log.h"
 
 namespace zemstore {
 namespace {
@@ -71,13 +75,23 @@ std::mutex& RingLock() {
     return *lock;
 }
 
+// Once in a process: it stays so.
+void SayThatThereIsNoRing(int error) {
+    static std::atomic_flag said;
+    if (said.test_and_set()) return;
+    LogStore(kErrorLogLevelWarning, 0, TEXT("ring_posix.cpp"),
+             std::string("io_uring cannot be used (") + std::strerror(error) +
+                 "): threads read and write instead");
+}
+
 CRingIo::Core::Core() {
     event = eventfd(0, EFD_CLOEXEC);
     if (event < 0) throw std::bad_alloc();
     {
         const std::lock_guard hold(RingLock());
-        if (io_uring_queue_init(64, &ring, 0) < 0) {
+        if (const int result = io_uring_queue_init(64, &ring, 0); result < 0) {
             close(event);
+            SayThatThereIsNoRing(-result);
             throw std::bad_alloc();
         }
     }

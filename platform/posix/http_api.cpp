@@ -14,10 +14,12 @@
 // - A Content-Length of the application's that is not the body's length closes the connection.
 // - Case of prefixes is ignored in ASCII only. IPv6 addresses have the system's family number.
 #include <atomic>
+#include <new>
 
 #include "platform/posix/http_background.h"
 #include "platform/posix/http_clock.h"
 #include "platform/posix/http_connection.h"
+#include "platform/posix/http_listener.h"
 #include "platform/posix/http_queue.h"
 #include "platform/posix/http_tuning.h"
 
@@ -86,6 +88,12 @@ ULONG HttpRemoveUrl(HANDLE ReqQueueHandle, PCWSTR pUrlPrefix) noexcept {
     if (!pUrlPrefix) return ERROR_INVALID_PARAMETER;
     const CPin<CRequestQueue> queue(ReqQueueHandle);
     return queue ? queue->RemoveUrl(pUrlPrefix) : ERROR_INVALID_HANDLE;
+}
+
+ULONG ReserveListenPort(USHORT Port) noexcept try {
+    return posix::ReservePort(Port);
+} catch (const std::bad_alloc&) {
+    return ERROR_NOT_ENOUGH_MEMORY;
 }
 
 ULONG HttpReceiveHttpRequest(HANDLE ReqQueueHandle, HTTP_REQUEST_ID RequestId, ULONG Flags,

@@ -26,6 +26,11 @@ ULONG HttpAddUrl(HANDLE ReqQueueHandle, PCWSTR pUrlPrefix, PVOID pReserved) noex
 // connections that exist stay, and their requests for it are answered 404.
 ULONG HttpRemoveUrl(HANDLE ReqQueueHandle, PCWSTR pUrlPrefix) noexcept;
 
+// Opens `Port` on every address of ListenOnlyList before there is a queue; the first HttpAddUrl for
+// this port listens there. For a process that gives up the right to open it: only this layer has
+// it. Nothing is accepted until then. Errors as HttpAddUrl's; all addresses are open or none is.
+ULONG ReserveListenPort(USHORT Port) noexcept;
+
 // Takes the next request (RequestId HTTP_NULL_ID), or the one that an earlier call left behind with
 // ERROR_MORE_DATA. The structure comes first in the buffer, then what it points to; the rest of the
 // buffer is zero. With an OVERLAPPED the call returns ERROR_IO_PENDING and completes through the

@@ -72,6 +72,71 @@ ULONG ErrorOfBind(int error) {
     return ErrorFromErrno(error);
 }
 
+// Makes the port part of the address. An IPv6 address that means every address becomes an IPv4 one
+// where the system has no IPv6.
+ULONG OpenSocket(CSocketAddress& address, uint16_t port, int* opened) {
+    const bool any =
+        address.any.sa_family == AF_INET6 && IN6_IS_ADDR_UNSPECIFIED(&address.v6.sin6_addr);
+    int fd = socket(address.any.sa_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd < 0 && any && errno == EAFNOSUPPORT) {
+        address = {};
+        address.v4.sin_family = AF_INET;
+        fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    }
+    if (fd < 0) return ErrorFromErrno(errno);
+    const int on = 1, six_only = any ? 0 : 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);  // accepted sockets inherit it
+    if (address.any.sa_family == AF_INET6) {
+        setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &six_only, sizeof six_only);
+        address.v6.sin6_port = htons(port);
+    } else {
+        address.v4.sin_port = htons(port);
+    }
+    if (bind(fd, &address.any, static_cast<socklen_t>(address.Size())) != 0) {
+        const ULONG error = ErrorOfBind(errno);
+        close(fd);
+        return error;
+    }
+    *opened = fd;
+    return NO_ERROR;
+}
+
+struct CReservedSocket {
+    CSocketAddress asked;
+    uint16_t port;
+    int fd;
+};
+
+struct CReservedStore {
+    std::mutex lock;  // guards the list
+    std::vector<CReservedSocket> all;
+};
+
+CReservedStore& Reserved() {
+    static auto* store = new CReservedStore();
+    return *store;
+}
+
+bool SameAddress(const CSocketAddress& a, const CSocketAddress& b) {
+    if (a.any.sa_family != b.any.sa_family) return false;
+    return a.any.sa_family == AF_INET6 ? IN6_ARE_ADDR_EQUAL(&a.v6.sin6_addr, &b.v6.sin6_addr) != 0
+                                       : a.v4.sin_addr.s_addr == b.v4.sin_addr.s_addr;
+}
+
+// The socket that was opened ahead for this address, or -1.
+int TakeReserved(const CSocketAddress& asked, uint16_t port) {
+    CReservedStore& store = Reserved();
+    const std::lock_guard lock(store.lock);
+    for (auto one = store.all.begin(); one != store.all.end(); ++one) {
+        if (one->port != port || !SameAddress(one->asked, asked)) continue;
+        const int fd = one->fd;
+        store.all.erase(one);
+        return fd;
+    }
+    return -1;
+}
+
 // An address that cannot be read is left out: listening on fewer addresses than asked is safer
 // than on all.
 std::vector<CSocketAddress> ParseList(const std::vector<BYTE>& list, bool* given) {
@@ -97,6 +162,27 @@ std::vector<CSocketAddress> ListenAddresses() {
     CSocketAddress any{};
     any.v6.sin6_family = AF_INET6;  // and, dual-stack, every IPv4 address
     return {any};
+}
+
+ULONG ReservePort(uint16_t port) {
+    std::vector<CReservedSocket> opened;
+    const std::vector<CSocketAddress> addresses = ListenAddresses();
+    ULONG error = addresses.empty() ? ERROR_INVALID_PARAMETER : NO_ERROR;
+    for (size_t i = 0; i < addresses.size() && error == NO_ERROR; ++i) {
+        CSocketAddress address = addresses[i];
+        int fd = -1;
+        error = OpenSocket(address, port, &fd);
+        if (error == NO_ERROR) opened.push_back({addresses[i], port, fd});
+    }
+    if (error != NO_ERROR) {
+        for (const CReservedSocket& socket : opened)
+            close(socket.fd);
+        return error;
+    }
+    CReservedStore& store = Reserved();
+    const std::lock_guard lock(store.lock);
+    store.all.insert(store.all.end(), opened.begin(), opened.end());
+    return NO_ERROR;
 }
 
 CListener* CListener::Start(int fd, CRequestQueue* queue, CCompletionPort* port) try {
@@ -179,27 +265,11 @@ ULONG CListenPort::Start(uint16_t port, CRequestQueue* queue, CCompletionPort* c
 
 ULONG CListenPort::Bind(const CSocketAddress& where, CRequestQueue* queue, CCompletionPort* port) {
     CSocketAddress address = where;
-    const bool any =
-        address.any.sa_family == AF_INET6 && IN6_IS_ADDR_UNSPECIFIED(&address.v6.sin6_addr);
-    int fd = socket(address.any.sa_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd < 0 && any && errno == EAFNOSUPPORT) {
-        address = {};
-        address.v4.sin_family = AF_INET;
-        fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    }
-    if (fd < 0) return ErrorFromErrno(errno);
-    const int on = 1, six_only = any ? 0 : 1;
-    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);  // accepted sockets inherit it
-    if (address.any.sa_family == AF_INET6) {
-        setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &six_only, sizeof six_only);
-        address.v6.sin6_port = htons(m_bound);
-    } else {
-        address.v4.sin_port = htons(m_bound);
-    }
-    socklen_t length = static_cast<socklen_t>(address.Size());
-    if (bind(fd, &address.any, length) != 0 || listen(fd, SOMAXCONN) != 0 ||
-        getsockname(fd, &address.any, &length) != 0) {
+    int fd = TakeReserved(where, m_bound);
+    if (fd < 0)
+        if (const ULONG error = OpenSocket(address, m_bound, &fd)) return error;
+    socklen_t length = sizeof address;
+    if (listen(fd, SOMAXCONN) != 0 || getsockname(fd, &address.any, &length) != 0) {
         const ULONG error = ErrorOfBind(errno);
         close(fd);
         return error;

@@ -34,6 +34,10 @@ private:
     bool m_paused = false;
 };
 
+// Opens the port on every address of the list, for the CListenPort that comes to listen there. Any
+// thread. Win32 error number; then nothing was opened.
+ULONG ReservePort(uint16_t port);
+
 // One port, on every address of the listen-only list.
 class CListenPort {
 public:

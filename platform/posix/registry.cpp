@@ -292,6 +292,12 @@ void SetRegistryFile(const char* path) {
     registry.path = path ? path : "";
 }
 
+void RegistryFileInUse(char* path, DWORD size) {
+    CRegistry& registry = Registry();
+    const std::lock_guard guard(registry.lock);
+    std::snprintf(path, size, "%s", PathInUse(registry).c_str());
+}
+
 bool OverrideRegistryValue(LPCWSTR key, LPCWSTR name, DWORD type, const void* data, DWORD size) {
     std::u16string path;
     bool outside;

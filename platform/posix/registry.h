@@ -63,6 +63,10 @@ LSTATUS RegCloseKey(HKEY key);
 // variable, else /etc/zemhttpd/zemhttpd.reg. Only this layer has it.
 void SetRegistryFile(const char* path);
 
+// The name of the file in use, UTF-8 with its NUL, cut at `size` bytes. It need not exist. Only
+// this layer has it.
+void RegistryFileInUse(char* path, DWORD size);
+
 // Puts a value over the file's for this process, in keys opened from now on. `key` is the whole
 // name as in the file
 // ("HKEY_LOCAL_MACHINE\Software\..."); null `data` takes the override away again. False when `key`

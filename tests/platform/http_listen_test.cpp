@@ -42,6 +42,73 @@ TEST(Listen, TwicePrefixAndTakenPort) {
               ERROR_SHARING_VIOLATION);
 }
 
+sockaddr_in Loopback(uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
+
+class CTcpSocket {
+public:
+    ~CTcpSocket() { close(m_descriptor); }
+    int Bind(uint16_t port) {
+        const sockaddr_in address = Loopback(port);
+        return bind(m_descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    }
+    int Connect(uint16_t port) {
+        const sockaddr_in address = Loopback(port);
+        return connect(m_descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    }
+    uint16_t Port() const {
+        sockaddr_in address{};
+        socklen_t bytes = sizeof address;
+        getsockname(m_descriptor, reinterpret_cast<sockaddr*>(&address), &bytes);
+        return ntohs(address.sin_port);
+    }
+
+private:
+    const int m_descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+};
+
+uint16_t FreePort() {
+    CTcpSocket probe;
+    EXPECT_EQ(probe.Bind(0), 0);
+    return probe.Port();
+}
+
+// A port that was opened ahead is neither open to clients nor free for others until a queue listens
+// there.
+TEST(Listen, ReservedPortIsTakenByItsFirstPrefix) {
+    CServer server;
+    server.StartWorkers(1);
+    const uint16_t port = FreePort();
+    ASSERT_EQ(ReserveListenPort(port), NO_ERROR);
+    CTcpSocket early, other;
+    EXPECT_EQ(early.Connect(port), -1);
+    EXPECT_EQ(errno, ECONNREFUSED);
+    EXPECT_EQ(other.Bind(port), -1);
+    EXPECT_EQ(errno, EADDRINUSE);
+
+    ASSERT_EQ(HttpAddUrl(server.Queue(), Prefix(port, "/ahead/").c_str(), nullptr), NO_ERROR);
+    CClient client(port);
+    client.Send(Get("/ahead/"));
+    EXPECT_EQ(client.Read().status, 200);
+    EXPECT_EQ(HttpRemoveUrl(server.Queue(), Prefix(port, "/ahead/").c_str()), NO_ERROR);
+
+    // The second time there is nothing opened ahead any more.
+    ASSERT_EQ(HttpAddUrl(server.Queue(), Prefix(port, "/ahead/").c_str(), nullptr), NO_ERROR);
+    CClient second(port);
+    second.Send(Get("/ahead/"));
+    EXPECT_EQ(second.Read().status, 200);
+}
+
+TEST(Listen, PortThatIsTakenCannotBeReserved) {
+    CServer server(0);
+    EXPECT_EQ(ReserveListenPort(server.TcpPort()), ULONG{ERROR_SHARING_VIOLATION});
+}
+
 TEST(Listen, PortIsClosedWithItsLastPrefixOnly) {
     CServer server;
     server.StartWorkers(1);

@@ -102,9 +102,9 @@ TEST(ZemhostSettings, AreTheDefaultsWithoutARegistryFile) {
     EXPECT_EQ(settings.port, 80u);
     EXPECT_TRUE(settings.addresses.empty());
     EXPECT_EQ(settings.volume, "");
-    EXPECT_EQ(
-        SettingsText(settings),
-        "port 80 default\nlisten all default\nvolume none default\naddress http://127.0.0.1:80\n");
+    EXPECT_EQ(SettingsText(settings),
+              "port 80 default\nlisten all default\nvolume none default\n"
+              "log-format text default\naddress http://127.0.0.1:80\n");
 }
 
 TEST(ZemhostSettings, ComeFromTheRegistryFile) {
@@ -121,6 +121,7 @@ TEST(ZemhostSettings, ComeFromTheRegistryFile) {
     const HostSettings settings = SettingsOf(options);
     EXPECT_EQ(SettingsText(settings),
               "port 9000 registry\nlisten ::1,0 registry\nvolume /media/m\xC3\xBC registry\n"
+              "log-format text default\n"
               "address http://[::1]:9000\n");
 }
 
@@ -136,6 +137,7 @@ TEST(ZemhostSettings, OptionsComeBeforeTheRegistryFile) {
     EXPECT_EQ(
         SettingsText(SettingsOf(options)),
         "port 8081 option\nlisten 127.0.0.2,127.0.0.3 option\nvolume /media/\xE2\x82\xAC option\n"
+        "log-format text default\n"
         "address http://127.0.0.2:8081\n");
 }
 
@@ -156,6 +158,7 @@ TEST(ZemhostPackage, RegistryFileHasTheSettingsAndThisVersion) {
     EXPECT_EQ(
         SettingsText(SettingsOf(options)),
         "port 8080 registry\nlisten 127.0.0.1 registry\nvolume /var/lib/zemhttpd/volume registry\n"
+        "log-format text registry\n"
         "address http://127.0.0.1:8080\n");
 
     HKEY key = nullptr;
@@ -248,7 +251,7 @@ TEST(ZemhostSignals, StopSignalIsTakenAndTheNextOneEndsTheProcess) {
             {
                 PrepareProcess();
                 kill(getpid(), number);
-                if (WaitForStopSignal() != name) std::exit(1);
+                if (WaitForStopSignal([] {}) != name) std::exit(1);
                 kill(getpid(), SIGTERM);
                 std::exit(2);
             },

@@ -1,0 +1,157 @@
+"""Several servers on one volume root, and a kernel that refuses io_uring: volume_test.py --zemhost PROGRAM.
+
+What several servers may do to one file is what docs/operations.md promises under "Several servers on one volume"."""
+
+import os
+import signal
+import sys
+import unittest
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+ROOT = os.path.dirname(os.path.dirname(HERE))
+sys.path[:0] = [os.path.join(ROOT, 'clients', 'python'), os.path.join(ROOT, 'tests', 'e2e')]
+
+from wire import Server  # noqa: E402
+from zemclient import MediaType, OpenFlags, StreamDescriptor, ZemClient, ZemError, ZemRefused  # noqa: E402
+
+PROGRAM = None
+VIDEO = StreamDescriptor(MediaType.VIDEO, 'mjpg', 25, 1)
+
+
+def picture(number, version=0):
+    return b'picture %d, version %d ' % (number, version) * (50 + number)
+
+
+class TwoServers(unittest.TestCase):
+    def setUp(self):
+        self.first = Server(PROGRAM)
+        self.addCleanup(self.first.remove)
+        self.second = Server(PROGRAM, volume=self.first.volume)
+        self.addCleanup(self.second.remove)
+        self.addCleanup(self.second.stop)
+        self.addCleanup(self.first.stop)
+        self.here, self.there = self.joined(self.first), self.joined(self.second)
+
+    def joined(self, server):
+        # The same name on both: servers know nothing of each other's clients. Never left: a server may be gone by then.
+        client = ZemClient('http://127.0.0.1:%d' % server.port, 'studio')
+        self.addCleanup(client.close)
+        client.join()
+        return client
+
+    def frames(self, client, name='clip'):
+        with client.open_file(name) as file:
+            return [frame.data for frame in file.frames()]
+
+    def recorded(self, client, count, flush=True):
+        file = client.create_file('clip', VIDEO)
+        for number in range(count):
+            file.write(number, picture(number))
+        if flush:
+            file.flush()
+        return file
+
+    def test_what_one_wrote_and_flushed_the_other_reads(self):
+        file = self.recorded(self.here, 10)
+        self.assertEqual(self.frames(self.there), [picture(n) for n in range(10)])
+        for number in range(10, 20):
+            file.write(number, picture(number))
+        file.close()
+        self.assertEqual(self.frames(self.there), [picture(n) for n in range(20)])
+
+    def test_a_reader_keeps_the_view_that_it_opened(self):
+        file = self.recorded(self.here, 3)
+        with self.there.open_file('clip') as reader:
+            self.assertEqual(len(list(reader.frames())), 3)
+            for number in range(3, 6):
+                file.write(number, picture(number))
+            file.flush()
+            self.assertEqual([frame.data for frame in reader.frames()], [picture(n) for n in range(3)])
+        self.assertEqual(len(self.frames(self.there)), 6)
+        file.close()
+
+    def test_one_writes_a_file_at_a_time(self):
+        file = self.recorded(self.here, 3)
+        with self.assertRaises(ZemRefused):
+            self.there.open_file('clip', flags=OpenFlags.WRITE)
+        with self.assertRaises(ZemRefused):
+            self.there.create_file('clip', VIDEO)
+        with self.assertRaises(ZemRefused):
+            self.there.delete_file('clip')
+        file.write(3, picture(3))
+        file.close()
+        self.assertEqual(self.frames(self.there), [picture(n) for n in range(4)])
+        with self.there.open_file('clip', flags=OpenFlags.WRITE) as other:
+            other.write(4, picture(4))
+            with self.assertRaises(ZemRefused):
+                self.here.open_file('clip', flags=OpenFlags.WRITE)
+        self.assertEqual(self.frames(self.here), [picture(n) for n in range(5)])
+        for server in (self.first, self.second):
+            with open(server.log, encoding='utf-8') as log:
+                self.assertIn('0x80070020', log.read())
+
+    def test_each_writes_a_file_of_its_own_in_one_folder(self):
+        for client, name in ((self.here, 'a'), (self.there, 'b')):
+            with client.create_file(name, VIDEO) as file:
+                for number in range(20):
+                    file.write(number, picture(number))
+        for client in (self.here, self.there):
+            for name in 'ab':
+                self.assertEqual(self.frames(client, name), [picture(n) for n in range(20)])
+
+    def test_a_writer_that_dies_frees_the_file_and_leaves_its_frames(self):
+        # A frame that can be read back is one whose write has completed.
+        self.assertEqual(len(list(self.recorded(self.here, 10, flush=False).frames())), 10)
+        self.first.process.send_signal(signal.SIGKILL)
+        self.first.process.wait()
+        with self.there.open_file('clip', flags=OpenFlags.READ | OpenFlags.WRITE) as file:
+            self.assertEqual([frame.data for frame in file.frames()], [picture(n) for n in range(10)])
+            file.write(10, picture(10))
+        self.assertEqual(self.frames(self.there), [picture(n) for n in range(11)])
+
+    def test_tokens_and_clients_are_of_one_server(self):
+        file = self.recorded(self.here, 3)
+        with self.assertRaises(ZemError):
+            self.there.get_file_info(file.token)
+        file.close()
+
+    def test_what_one_deletes_or_moves_is_gone_for_the_other(self):
+        self.recorded(self.here, 3).close()
+        self.there.move_file('clip', 'moved')
+        self.assertFalse(self.here.exists('clip'))
+        self.assertEqual(self.frames(self.here, 'moved'), [picture(n) for n in range(3)])
+        self.here.delete_file('moved')
+        self.assertFalse(self.there.exists('moved'))
+
+
+class WithoutRing(Server):
+    def command(self):
+        return [sys.executable, '-B', os.path.join(HERE, 'noring.py'), *super().command()]
+
+
+class KernelWithoutIoUring(unittest.TestCase):
+    def test_threads_do_the_work_and_one_line_says_so(self):
+        server = WithoutRing(PROGRAM)
+        self.addCleanup(server.remove)
+        try:
+            for name in ('a', 'b'):
+                with ZemClient('http://127.0.0.1:%d' % server.port, 'studio') as client:
+                    with client.create_file(name, VIDEO) as file:
+                        for number in range(10):
+                            file.write(number, picture(number))
+                        file.flush()
+                        self.assertEqual([frame.data for frame in file.frames()], [picture(n) for n in range(10)])
+        finally:
+            self.assertEqual(server.stop(), 0)
+        with open(server.log, encoding='utf-8') as log:
+            lines = [line for line in log if 'io_uring' in line]
+        self.assertEqual(len(lines), 1, lines)
+        self.assertRegex(lines[0], r' warning \[\d+\] ring_posix\.cpp\(-1\): io_uring cannot be used '
+                                   r'\(Operation not permitted\): threads read and write instead\n$')
+
+
+if __name__ == '__main__':
+    if len(sys.argv) < 3 or sys.argv[1] != '--zemhost':
+        sys.exit(__doc__)
+    PROGRAM = os.path.abspath(sys.argv[2])
+    unittest.main(argv=[sys.argv[0], *sys.argv[3:]])
