@@ -1,4 +1,4 @@
-# What `cmake --install` lays where. The library lies where the
+# What `cmake --install` lays where, and the Debian package (`cpack` in the build folder). The library lies where the
 # linker looks; the modules that it loads lie in a folder of their own beside it, so that a host's own modules of the same
 # names, found through LD_LIBRARY_PATH or linked by the host, come first.
 if(CMAKE_LIBRARY_ARCHITECTURE)
@@ -50,6 +50,16 @@ install(EXPORT zemhttpdTargets NAMESPACE zemhttpd:: DESTINATION ${cmake_dir})
 configure_file(packaging/zemhttpd.pc.in ${CMAKE_BINARY_DIR}/packaging/zemhttpd.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/packaging/zemhttpd.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
-install(FILES README.md ARCHITECTURE.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES packaging/zemhost.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+install(FILES README.md ARCHITECTURE.md packaging/deb/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES clients/python/zemclient.py DESTINATION ${CMAKE_INSTALL_DOCDIR}/clients/python)
 install(FILES examples/host.cpp examples/CMakeLists.txt DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+
+# What belongs to the machine and not below a prefix: only in the package, or with --component system.
+install(FILES packaging/zemhttpd.reg DESTINATION /etc/zemhttpd COMPONENT system EXCLUDE_FROM_ALL)
+install(FILES packaging/zemhttpd.logrotate RENAME zemhttpd DESTINATION /etc/logrotate.d
+    COMPONENT system EXCLUDE_FROM_ALL)
+install(FILES packaging/zemhttpd.service DESTINATION /lib/systemd/system COMPONENT system EXCLUDE_FROM_ALL)
+
+include(packaging/deb/deb.cmake)

@@ -10,8 +10,8 @@ packages_build=(
     libgtest-dev libgmock-dev
 )
 
-# To run the tests: real peers that the server is tried against.
-packages_test=(ffmpeg curl)
+# To run the tests: real peers that the server is tried against, and what the Debian package is tried with.
+packages_test=(ffmpeg curl binutils man-db lintian logrotate systemd-container)
 
 # To build for Windows and run the tests under Wine.
 packages_windows=(
