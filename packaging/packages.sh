@@ -11,7 +11,7 @@ packages_build=(
 )
 
 # To run the tests: real peers that the server is tried against, and what the Debian package is tried with.
-packages_test=(ffmpeg curl binutils man-db lintian logrotate systemd-container)
+packages_test=(ffmpeg curl openssl nginx-light binutils man-db lintian logrotate systemd-container)
 
 # To build for Windows and run the tests under Wine.
 packages_windows=(
