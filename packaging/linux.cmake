@@ -1,10 +1,6 @@
 # What `cmake --install` lays where, and the Debian package (`cpack` in the build folder). The library lies where the
 # linker looks; the modules that it loads lie in a folder of their own beside it, so that a host's own modules of the same
 # names, found through LD_LIBRARY_PATH or linked by the host, come first.
-if(CMAKE_LIBRARY_ARCHITECTURE)
-    set(CMAKE_INSTALL_LIBDIR lib/${CMAKE_LIBRARY_ARCHITECTURE} CACHE PATH "Where libraries go")
-endif()
-include(GNUInstallDirs)
 set(module_dir ${CMAKE_INSTALL_LIBDIR}/zemhttpd)
 
 set(modules zem_platform ErrorLog zemMemAllocator zembaseio zemchannelio)
@@ -47,6 +43,8 @@ write_basic_package_version_file(${CMAKE_BINARY_DIR}/packaging/zemhttpdConfigVer
 install(FILES ${CMAKE_BINARY_DIR}/packaging/zemhttpdConfig.cmake ${CMAKE_BINARY_DIR}/packaging/zemhttpdConfigVersion.cmake
     DESTINATION ${cmake_dir})
 install(EXPORT zemhttpdTargets NAMESPACE zemhttpd:: DESTINATION ${cmake_dir})
+file(RELATIVE_PATH prefix_from_pc /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)  # wherever it is installed
+string(REGEX REPLACE "/$" "" prefix_from_pc "${prefix_from_pc}")
 configure_file(packaging/zemhttpd.pc.in ${CMAKE_BINARY_DIR}/packaging/zemhttpd.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/packaging/zemhttpd.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 

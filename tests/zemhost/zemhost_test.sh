@@ -89,9 +89,11 @@ has_no_rights() {
 start() {
     mkdir -p "$work/volume"
     [ -p "$work/pipe" ] || mkfifo "$work/pipe"
+    # Whom the server becomes need not reach the tree.
+    install -m 644 "$source_dir/packaging/zemhttpd.reg" "$work/packaged.reg"
     for _ in 1 2 3 4 5; do
         port=$("$choose_port")
-        "${drop[@]}" "$zemhost" --registry "$source_dir/packaging/zemhttpd.reg" --listen 127.0.0.1 --port "$port" \
+        "${drop[@]}" "$zemhost" --registry "$work/packaged.reg" --listen 127.0.0.1 --port "$port" \
             --volume "$work/volume" "$@" >"$work/pipe" 2>"$work/err" &
         pid=$!
         exec 5<"$work/pipe"
