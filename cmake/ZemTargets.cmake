@@ -12,6 +12,9 @@ if(ZEM_SANITIZE)
         -fsanitize=${ZEM_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
     target_link_options(zem_options INTERFACE -fsanitize=${ZEM_SANITIZE})
 endif()
+if(ZEM_FUZZ)  # libFuzzer sees which code an input reaches
+    target_compile_options(zem_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()
 
 # What makes an error in a program hard to use against it: canaries and checked copies, a stack that cannot be stepped
 # over, marked targets of jumps, and tables of addresses that are read-only once the program runs. Programs are placed at

@@ -19,5 +19,8 @@ packages_windows=(
     cmake ninja-build ccache python3
 )
 
+# To fuzz: clang with libFuzzer and its sanitizers.
+packages_fuzz=(clang libclang-rt-14-dev)
+
 # To run the benchmarks. Debian's nginx is the server that we measure ourselves against.
 packages_bench=(wrk nginx-light curl)

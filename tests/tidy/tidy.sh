@@ -16,7 +16,7 @@ library=(zemhttpd mediaio apps)
 
 # One core, two platforms: the system's own headers stay behind the seam. The seams: platform/, the store's file I/O, and
 # the programs' terminal and signal handling.
-breach 'a platform switch outside platform/:' "$(search '\b_WIN32\b|<windows\.h>' "${library[@]}" tests bench)"
+breach 'a platform switch outside platform/:' "$(search '\b_WIN32\b|<windows\.h>' "${library[@]}" tests bench fuzz)"
 breach 'a system header or call outside the seams:' "$(
     search '#include <(sys/|linux/|pthread|epoll|unistd|fcntl|poll|netinet/|arpa/)|\bepoll_[a-z]+\(|\bpthread_[a-z_]+\(' \
         zemhttpd mediaio | grep -vE '^mediaio/(store|foreign|allocator|errorlog)/[a-z_]*posix[a-z_]*\.(h|cpp):' || true)"
@@ -33,7 +33,7 @@ breach 'no room reaches into a source file:' "$(search '#include ".*\.cpp"' "${l
 breach 'a header of 300 lines or more:' "$(
     find zemhttpd mediaio platform apps -name '*.h' -exec awk 'END { if (NR >= 300) print FILENAME ": " NR }' {} \;)"
 breach 'a line over 100 columns:' "$(
-    find zemhttpd mediaio platform apps tests bench -name '*.h' -o -name '*.cpp' |
+    find zemhttpd mediaio platform apps tests bench fuzz -name '*.h' -o -name '*.cpp' |
         xargs -r awk 'length > 100 { print FILENAME ":" FNR ": " length }')"
 
 # Nothing falls out of the build.
@@ -42,9 +42,9 @@ if [ -f "$build/compile_commands.json" ]; then
         # What only the other system has is compiled, and looked at, in that system's build.
         other='_windows\.cpp$|^platform/windows/|^tests/windows/'
         if grep -q '_windows\.cpp"' "$build/compile_commands.json"; then
-            other='posix|^apps/zem/|^mediaio/foreign/|^tests/'
+            other='posix|^apps/zem/|^mediaio/foreign/|^tests/|^fuzz/'
         fi
-        find zemhttpd mediaio platform apps tests -name '*.cpp' | grep -vE "$other" | while read -r file; do
+        find zemhttpd mediaio platform apps tests fuzz -name '*.cpp' | grep -vE "$other" | while read -r file; do
             grep -qF "/$file\"" "$build/compile_commands.json" || echo "$file"
         done)"
 fi
