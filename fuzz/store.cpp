@@ -28,7 +28,7 @@ enum Step : uint8_t {
     kTruncate,    // bytes
     kForge,       // 0: structures, else data too
     kReopen,      //
-    kPowerLoss,   // seed
+    kPowerLoss,   // kind, seed
     kReadAll,     //
     kWrite,       // position, size
     kErase,       // first, count
@@ -38,6 +38,7 @@ enum Step : uint8_t {
     kCheckpoint,  //
     kEndWriting,  //
     kFailAfter,   // calls
+    kFault,       // call, which of them
     kStepCount
 };
 
@@ -52,7 +53,6 @@ private:
     struct Written {
         uint32_t version;
         size_t size;
-        bool certain;  // its write succeeded
     };
     bool Open();
     void Close();
@@ -64,12 +64,19 @@ private:
     void ReadAll();
     void Read(uint32_t position);
     void Forget();
+    // From here on nothing is certain: what fails may be seen by anyone, at any time.
+    void Distrust() {
+        m_own = false;
+        m_faulty = true;
+        m_written.clear();
+    }
 
     fuzz::CReader& m_input;
     Device m_device;
     std::unique_ptr<Opened> m_file;
     bool m_writer = false;
-    bool m_own = true;  // nobody else has changed a byte
+    bool m_own = true;      // nobody else has changed a byte
+    bool m_faulty = false;  // calls of the device fail
     uint32_t m_version = 10;
     std::map<uint32_t, Written> m_written;
 };
@@ -130,8 +137,8 @@ void CScript::Change(uint8_t step) {
         default:
             fuzz::Forge(bytes, m_input.Take<uint8_t>() != 0);
     }
-    m_device.before.clear();
-    m_device.durableSize = bytes.size();
+    m_device.pending.clear();
+    m_device.durable = bytes;
     Forget();
 }
 
@@ -139,8 +146,8 @@ void CScript::Write(uint32_t position, size_t size) {
     if (!Writer()) return;
     const uint32_t version = ++m_version;
     const HRESULT hr = WriteFrame(*m_file->file, position, FrameBytes(position, version, size));
-    if (SUCCEEDED(hr)) {
-        m_written[position] = {version, size, true};
+    if (SUCCEEDED(hr) && !m_faulty) {
+        m_written[position] = {version, size};
     } else {
         m_written.erase(position);
     }
@@ -196,12 +203,12 @@ void CScript::Act(uint8_t step) {
             break;
         case kPowerLoss:
             // Whatever was not flushed may be lost: tests/mediaio/crash_test.cpp says what may not.
-            m_device.random.seed(m_input.Take<uint8_t>());
             if (m_file) {
                 m_device.dead = true;
                 Close();
             }
-            m_device.LosePower(0.5);
+            m_device.random.seed(m_input.Take<uint8_t>());
+            m_device.LosePower(static_cast<Cut>(m_input.Take<uint8_t>() % kCuts));
             m_written.clear();
             Open();
             break;
@@ -245,10 +252,16 @@ void CScript::Act(uint8_t step) {
             if (m_writer) m_file->file->EndWriting();
             m_writer = false;
             break;
-        default:
+        case kFailAfter:
             m_device.callsLeft = m_input.Take<uint8_t>();
-            // From here on what succeeds counts only until the next opening.
-            m_own = false;
+            Distrust();
+            break;
+        default: {
+            const auto call = static_cast<Call>(m_input.Take<uint8_t>() % kCalls);
+            m_device.faults.push_back(
+                {call, m_input.Take<uint8_t>(), HRESULT_FROM_WIN32(ERROR_IO_DEVICE)});
+            Distrust();
+        }
     }
 }
 
@@ -266,8 +279,10 @@ void CScript::Run() {
     ReadAll();
     m_device.dead = false;
     m_device.callsLeft = -1;
+    m_device.faults.clear();
     Close();
-    if (m_own) ReadAll();
+    if (!m_own) m_written.clear();
+    ReadAll();
 }
 
 }  // namespace

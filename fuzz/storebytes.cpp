@@ -81,8 +81,8 @@ void MakeRepeatable(Device& device) {
     Rename(device.content, header->fileId, id);
     header->created = 0;
     Forge(device.content, false);
-    device.before.clear();
-    device.durableSize = device.content.size();
+    device.pending.clear();
+    device.durable = device.content;
     device.random.seed(1);
 }
 
@@ -104,6 +104,7 @@ Device Make(uint8_t which) {
         if (which == 2) {
             file->Flush();
             Device left = device;  // as a killed process leaves it
+            left.writer = nullptr;
             file->EndWriting();
             device = left;
         }
