@@ -2,8 +2,10 @@
 // Main thread only.
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <thread>
 
@@ -169,14 +171,14 @@ COutputFile::~COutputFile() {
 
 void COutputFile::Write(std::span<const uint8_t> bytes) {
     if (std::fwrite(bytes.data(), 1, bytes.size(), m_state->file) != bytes.size()) {
-        throw CZemError(ErrorKind::kLocalFile, m_state->path + ": writing failed");
+        throw CZemError(ErrorKind::kLocalFile, m_state->path + ": " + std::strerror(errno));
     }
 }
 
 void COutputFile::Finish() {
     std::FILE* const file = m_state->file;
     if (std::fflush(file) != 0) {
-        throw CZemError(ErrorKind::kLocalFile, m_state->path + ": writing failed");
+        throw CZemError(ErrorKind::kLocalFile, m_state->path + ": " + std::strerror(errno));
     }
     if (m_state->partPath.empty()) return;
     m_state->file = nullptr;

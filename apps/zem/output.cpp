@@ -129,23 +129,25 @@ std::string TimeLeft(double seconds) {
 
 }  // namespace
 
-void CProgress::Show(uint64_t done, uint64_t total, std::string_view note) {
+std::string ProgressText(uint64_t done, uint64_t total, double seconds, std::string_view note) {
     constexpr size_t kWidth = 24;
+    if (total == 0) return std::string(note);
+    const double part =
+        static_cast<double>(done < total ? done : total) / static_cast<double>(total);
+    const auto filled = static_cast<size_t>(part * static_cast<double>(kWidth));
+    std::string text = "[" + std::string(filled, '#') + std::string(kWidth - filled, '.') + "] " +
+                       std::to_string(static_cast<int>(part * 100)) + " % ";
+    if (part > 0.01) text += TimeLeft(seconds * (1 - part) / part) + " left, ";
+    return text.append(note);
+}
+
+void CProgress::Show(uint64_t done, uint64_t total, std::string_view note) {
     const auto now = std::chrono::steady_clock::now();
-    if (!m_on || now - m_last < std::chrono::milliseconds(100)) return;
+    if (!m_on || (m_drawn && now - m_last < std::chrono::milliseconds(100))) return;
     m_last = now;
     m_drawn = true;
-    std::string bar;
-    if (total > 0) {
-        const double part =
-            static_cast<double>(done < total ? done : total) / static_cast<double>(total);
-        const auto filled = static_cast<size_t>(part * static_cast<double>(kWidth));
-        bar = "[" + std::string(filled, '#') + std::string(kWidth - filled, '.') + "] " +
-              std::to_string(static_cast<int>(part * 100)) + " % ";
-        if (part > 0.01) bar += TimeLeft(Seconds() * (1 - part) / part) + " left, ";
-    }
-    std::fprintf(stderr, "\r\x1b[K%s %s%.*s", m_label.c_str(), bar.c_str(),
-                 static_cast<int>(note.size()), note.data());
+    std::fprintf(stderr, "\r\x1b[K%s %s", m_label.c_str(),
+                 ProgressText(done, total, Seconds(), note).c_str());
 }
 
 namespace {

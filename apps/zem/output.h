@@ -36,6 +36,9 @@ private:
 bool StdoutIsTerminal();
 bool StderrIsTerminal();
 
+// "[####....] 41 % 2:31 left, NOTE"; a `total` of 0 means unknown.
+std::string ProgressText(uint64_t done, uint64_t total, double seconds, std::string_view note);
+
 // One line on stderr that is redrawn at most ten times a second. Draws nothing when stderr is not a
 // terminal.
 class CProgress {

@@ -46,6 +46,7 @@ struct SentFrame {
 
 struct PutFile {
     std::string name;
+    std::string written;  // its name until the import is whole; put: the same
     ZemEsDesc desc{};
     std::string codecName;
     uint64_t token = 0;
@@ -78,23 +79,27 @@ public:
         : m_line(line), m_options(options), m_clip(options.clip), m_session(line) {}
 
     int Run() {
-        CreateFiles();
+        bool complete = false;
         try {
+            CreateFiles();
             SendAll();
             if (m_options.import) Describe();
+            complete = true;
+            for (PutFile& file : m_files)
+                Close(file);
+            // Opened anew: what is compared is what the next client will see.
+            for (const PutFile& file : m_files)
+                Verify(file);
+            if (m_options.import) Publish();
         } catch (const CZemError& error) {
-            throw CZemError(error.Kind(),
-                            std::string(error.what()) + "; the files on the server are incomplete",
-                            error.Hr());
+            std::string left;
+            if (m_options.import) {
+                left = TakeBack(error.Kind());
+            } else if (!complete && !m_files.empty()) {
+                left = "; the files on the server are incomplete";
+            }
+            throw CZemError(error.Kind(), error.what() + left, error.Hr());
         }
-        for (PutFile& file : m_files) {
-            Flush(file);
-            m_session->Close(file.token);
-            file.token = 0;
-        }
-        // Opened anew: what is compared is what the next client will see.
-        for (const PutFile& file : m_files)
-            Verify(file);
         Summary();
         return kExitOk;
     }
@@ -108,7 +113,12 @@ private:
     void SendCut(PutFile& file, bool all);
     void Describe();
     void Send(PutFile& file, std::span<const uint8_t> data, bool isKey);
-    void Flush(const PutFile& file);
+    void Flush(uint64_t token);
+    void Close(PutFile& file);
+    void CheckLast(const PutFile& file);
+    void Publish();
+    std::string TakeBack(ErrorKind failure);
+    [[noreturn]] void ThrowLost(const PutFile& file, uint32_t position, const std::string& what);
     void Verify(const PutFile& file);
     void VerifyDescs(const PutFile& file, uint64_t token, bool& implemented);
     void VerifyFrame(const PutFile& file, uint64_t token, uint32_t position);
@@ -123,10 +133,16 @@ private:
     bool m_canFlush = true;
 };
 
-[[noreturn]] void ThrowLost(const PutFile& file, uint32_t position, const std::string& what) {
-    throw CZemError(ErrorKind::kRefused,
-                    Printable(file.name) + ": frame " + std::to_string(position) + " " + what +
-                        "; the server answered its write with success, its log has the reason");
+// The answer to a write says nothing of the disk; the commonest reason is told here.
+void CPut::ThrowLost(const PutFile& file, uint32_t position, const std::string& what) {
+    std::string reason = "; the server answered its write with success, its log has the reason";
+    VolumeSpace space;
+    IfImplemented([&] { space = m_session->Space(u""); });
+    constexpr uint64_t kAsGoodAsNone_bytes = 16 << 20;
+    if (space.total_bytes != 0 && space.free_bytes < kAsGoodAsNone_bytes)
+        reason = "; its volume is full (" + HumanBytes(space.free_bytes) + " free)";
+    throw CZemError(ErrorKind::kRefused, Printable(file.name) + ": frame " +
+                                             std::to_string(position) + " " + what + reason);
 }
 
 void CPut::CreateFiles() {
@@ -147,11 +163,17 @@ void CPut::CreateFiles() {
     Create(std::move(file));
 }
 
+// An import appears under its names when it is whole. What an import that was killed has left is
+// written over.
 void CPut::Create(PutFile file) {
-    const uint32_t flags =
-        kFileRead | kFileWrite | (m_options.force ? kFileTruncate : kFileCreateNew);
+    file.written = file.name + (m_options.import ? ".part" : "");
+    const bool replace = m_options.force || m_options.import;
+    const uint32_t flags = kFileRead | kFileWrite | (replace ? kFileTruncate : kFileCreateNew);
+    if (m_options.import && !m_options.force &&
+        m_session->Attributes(FileNamed(file.name).name) != kNoAttributes)
+        throw CZemError(ErrorKind::kRefused, Printable(file.name) + " exists; --force replaces it");
     try {
-        file.token = m_session->Create(FileNamed(file.name).name, u"", file.desc, flags);
+        file.token = m_session->Create(FileNamed(file.written).name, u"", file.desc, flags);
     } catch (const CZemError& error) {
         if (error.Kind() != ErrorKind::kRefused) throw;
         throw CZemError(
@@ -281,7 +303,9 @@ void CPut::Send(PutFile& file, std::span<const uint8_t> data, bool isKey) {
     }
     if (m_unconfirmed_bytes + data.size() > kFlushEvery_bytes) {
         for (const PutFile& each : m_files)
-            Flush(each);
+            Flush(each.token);
+        for (const PutFile& each : m_files)
+            CheckLast(each);
         m_unconfirmed_bytes = 0;
     }
     WriteEntry entry;
@@ -295,14 +319,63 @@ void CPut::Send(PutFile& file, std::span<const uint8_t> data, bool isKey) {
     m_unconfirmed_bytes += data.size();
 }
 
-void CPut::Flush(const PutFile& file) {
+void CPut::Flush(uint64_t token) {
     // Without the command closing has to do: it returns after the data are on the device, too.
-    if (m_canFlush) m_canFlush = IfImplemented([&] { m_session->Flush(file.token); });
+    if (m_canFlush) m_canFlush = IfImplemented([&] { m_session->Flush(token); });
+}
+
+void CPut::Close(PutFile& file) {
+    const uint64_t token = file.token;
+    file.token = 0;
+    Flush(token);
+    m_session->Close(token);
+}
+
+// A disk that is full takes no more: that shows here, and not when all has been sent in vain.
+void CPut::CheckLast(const PutFile& file) {
+    if (!m_canFlush || file.frames.empty()) return;
+    const auto last = static_cast<uint32_t>(file.frames.size() - 1);
+    std::vector<FrameDescEntry> descs;
+    IfImplemented([&] { descs = m_session->FrameDescs(file.token, last, 1); });
+    if (!descs.empty() && (descs[0].flags & kFrameFlagPresent) == 0)
+        ThrowLost(file, last, "is missing");
+}
+
+// The description comes last, and an old one goes first: a clip that has one is whole.
+void CPut::Publish() {
+    for (auto file = m_files.rbegin(); file != m_files.rend(); ++file) {
+        const std::u16string name = FileNamed(file->name).name;
+        if (m_options.force && m_session->Attributes(name) != kNoAttributes)
+            m_session->Remove(name);
+    }
+    for (const PutFile& file : m_files) {
+        const std::u16string name = FileNamed(file.name).name;
+        m_session->Move(FileNamed(file.written).name, name);
+        if (m_session->Attributes(name) == kNoAttributes)
+            throw CZemError(ErrorKind::kRefused, Printable(file.name) + " could not be named");
+    }
+}
+
+// Deletes what an import that failed has written; says what came of it.
+std::string CPut::TakeBack(ErrorKind failure) {
+    if (m_files.empty()) return {};
+    const std::string left = "; " + Printable(m_options.name) + ".*.part is left on the server";
+    if (failure == ErrorKind::kUnreachable) return left;
+    m_session->Http().SetStopCheck(nullptr);  // the user stopped the import, not this
+    try {
+        for (PutFile& file : m_files) {
+            if (file.token != 0) m_session->Close(file.token);
+            m_session->Remove(FileNamed(file.written).name);
+        }
+    } catch (const CZemError&) {
+        return left;
+    }
+    return "; nothing of it is left on the server";
 }
 
 void CPut::Verify(const PutFile& file) {
     if (file.frames.empty()) return;
-    COpenFile open(*m_session, m_session->Open(FileNamed(file.name)));
+    COpenFile open(*m_session, m_session->Open(FileNamed(file.written)));
     const auto count = static_cast<uint32_t>(file.frames.size());
     bool described = m_options.verify != "all";
     if (described) VerifyDescs(file, open.Token(), described);
