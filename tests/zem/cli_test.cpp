@@ -234,6 +234,45 @@ TEST_F(ZemCli, PutNoticesEveryLostFrame) {
     }
 }
 
+TEST_F(ZemCli, PutTellsAFullVolume) {
+    MakeClip();
+    m_media.dropWrites = {{"media/clip.v0", 24}};
+    Outcome outcome = Run({"put", "clip.mov", "media/clip"});
+    EXPECT_TRUE(Has(outcome.err, "its volume is full (1000 B free)")) << outcome.err;
+    m_media.freeSpace_bytes = uint64_t{1} << 30;
+    outcome = Run({"put", "--force", "clip.mov", "media/clip"});
+    EXPECT_TRUE(Has(outcome.err, "its log has the reason")) << outcome.err;
+}
+
+TEST_F(ZemCli, AnImportThatFailsLeavesNothing) {
+    MakeClip();
+    m_media.dropWrites = {{"media/clip.v0.part", 3}};
+    const Outcome outcome = Run({"import", "clip.mov", "media/clip"});
+    EXPECT_EQ(outcome.code, 1);
+    EXPECT_TRUE(Has(outcome.err, "media/clip.v0: frame 3")) << outcome.err;
+    EXPECT_TRUE(Has(outcome.err, "nothing of it is left on the server")) << outcome.err;
+    for (const auto& [name, file] : m_media.files)
+        EXPECT_FALSE(name.starts_with("media/clip")) << name;
+}
+
+TEST_F(ZemCli, AnImportKeepsWhatItWouldReplaceUntilItIsWhole) {
+    MakeClip();
+    ASSERT_EQ(Run({"import", "clip.mov", "media/clip"}).code, 0);
+    ASSERT_EQ(m_media.files.count("media/clip.v0"), 1u);
+    ASSERT_EQ(m_media.files.count("media/clip.clip"), 1u);
+    ASSERT_EQ(m_media.files.count("media/clip.v0.part"), 0u);
+    m_media.files["media/clip.v0"].frames[0] = "precious";
+    const Outcome refused = Run({"import", "clip.mov", "media/clip"});
+    EXPECT_EQ(refused.code, 1);
+    EXPECT_TRUE(Has(refused.err, "media/clip.v0 exists; --force")) << refused.err;
+    m_media.dropWrites = {{"media/clip.v0.part", 3}};
+    EXPECT_EQ(Run({"import", "--force", "clip.mov", "media/clip"}).code, 1);
+    EXPECT_EQ(m_media.files["media/clip.v0"].frames[0], "precious");
+    m_media.dropWrites.clear();
+    EXPECT_EQ(Run({"import", "--force", "clip.mov", "media/clip"}).code, 0);
+    EXPECT_NE(m_media.files["media/clip.v0"].frames[0], "precious");
+}
+
 TEST_F(ZemCli, PutNoticesADamagedFrame) {
     MakeClip();
     m_media.corruptWrites = {{"media/clip.v0", 24}};

@@ -36,8 +36,8 @@ D10 = ['-c:v', 'mpeg2video', '-b:v', '30M', '-minrate', '30M', '-maxrate', '30M'
        '-rc_max_vbv_use', '1', '-flags', '+ildct+low_delay', '-dc', '10', '-f', 'mxf_d10', '-ac', '4']
 FRAGMENTS = ['-movflags', 'frag_keyframe+empty_moov']
 
-# arguments: inputs and codecs; rate: of the pictures, None where there are none; streams: a letter each, "v" pictures, "a"
-# coded sound, "p" PCM that is cut to the pictures, "q" PCM that is not when it is read in place, for the file has it in
+# arguments: inputs and codecs; rate: of the pictures, None where there are none; streams: a letter each, "v" pictures,
+# "a" coded sound, "p" PCM that is cut to the pictures, "q" PCM that is not when it is read in place, for the file has it in
 # another form; leaves: the container in which zem export makes a clip of it again, None where there is none that keeps
 # every packet; quick: one of the few that are enough to see every codec and rate once.
 Clip = collections.namedtuple('Clip', 'arguments rate streams leaves quick', defaults=(False,))
@@ -67,7 +67,8 @@ CLIPS = {
     'prores.mxf': Clip(film(FILM, *PRORES, *PCM24), FILM, 'vp', 'mxf'),
     'dnxhd.mxf': Clip(film(NTSC2, '-c:v', 'dnxhd', '-b:v', '75M', '-pix_fmt', 'yuv422p', '-frames:v', '30', *PCM24,
                            size='1280x720'), NTSC2, 'vp', 'mxf'),
-    'dv.mxf': Clip(film(PAL, *DV_PAL, *PCM16, '-frames:v', '25', '-timecode', '09:59:59:20', size='720x576'), PAL, 'vp', 'mxf', True),
+    'dv.mxf': Clip(film(PAL, *DV_PAL, *PCM16, '-frames:v', '25', '-timecode', '09:59:59:20', size='720x576'), PAL,
+                   'vp', 'mxf', True),
     'd10.mxf': Clip(film(PAL, *D10, *PCM16, '-frames:v', '12', size='720x608'), PAL, 'vq', 'mov'),
     'dnxhd-atom.mxf': Clip([*picture(PAL, '1920x1080'), '-c:v', 'dnxhd', '-b:v', '36M', '-f', 'mxf_opatom',
                             '-frames:v', '8'], PAL, 'v', 'mxf'),

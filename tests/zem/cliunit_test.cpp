@@ -66,6 +66,17 @@ TEST(ZemCliCodecs, FourccsPrint) {
     EXPECT_EQ(zem::FourccText(0x00010203), "....");
 }
 
+TEST(ZemCliProgress, TellsPartAndTimeLeft) {
+    EXPECT_EQ(zem::ProgressText(0, 1000, 0, "x"), "[........................] 0 % x");
+    EXPECT_EQ(zem::ProgressText(250, 1000, 20, "7 frames, 1.0 MiB/s"),
+              "[######..................] 25 % 1:00 left, 7 frames, 1.0 MiB/s");
+    EXPECT_EQ(zem::ProgressText(500, 1000, 7265, "x"),
+              "[############............] 50 % 2:01:05 left, x");
+    EXPECT_EQ(zem::ProgressText(2000, 1000, 9, "x"),
+              "[########################] 100 % 0:00 left, x");
+    EXPECT_EQ(zem::ProgressText(5, 0, 9, "5 frames"), "5 frames");
+}
+
 // A code that leaves the byte order open would make noise of the sound.
 TEST(ZemCliCodecs, OfPcmIsKnownByItsCode) {
     for (const AVCodecID id :

@@ -105,7 +105,7 @@ std::string CFakeMedia::Body(uint32_t code, const std::string& body) {
             m_tokens.erase(U64(body, 0));
             return ok;
         case 19:
-            return ok + Le32(0) + Le64(4000) + Le64(1000);
+            return ok + Le32(0) + Le64(4000) + Le64(freeSpace_bytes);
         default:
             return FileBody(code, body);
     }

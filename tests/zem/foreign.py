@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""What files of foreign formats have beside their frames: special streams, timecode, the refusal to be written; and sound
-files of many gigabytes. (Their frames: everyclip.py.)
+"""What files of foreign formats have beside their frames: special streams, timecode, the refusal to be written; and
+sound files of many gigabytes. (Their frames: everyclip.py.)
 
 usage: foreign.py --zemhost PROGRAM --zem PROGRAM [unittest arguments]
 """

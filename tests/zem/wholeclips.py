@@ -7,6 +7,9 @@ usage: wholeclips.py --zemhost PROGRAM --zem PROGRAM [unittest arguments]
 
 import json
 import os
+import resource
+import signal
+import subprocess
 
 import zemcase
 import clips
@@ -25,7 +28,8 @@ class WholeClips(zemcase.ZemCase):
             times = [[(packet['pts_time'], packet.get('flags')) for packet in
                       clips.probe(path, 'packet=pts_time,flags', 'v:0')['packets']] for path in (source, target)]
             self.assertEqual(*times)
-            tags = [clips.probe(path, 'stream_tags=timecode', 'v:0')['streams'][0].get('tags') for path in (source, target)]
+            tags = [clips.probe(path, 'stream_tags=timecode', 'v:0')['streams'][0].get('tags')
+                    for path in (source, target)]
             self.assertEqual(*tags)
 
     def test_sound_is_cut_to_the_pictures(self):
@@ -50,6 +54,102 @@ class WholeClips(zemcase.ZemCase):
         self.assertFalse(os.path.exists(target))
         self.zem('export', '--allow-short', 'media/uneven', target)
         self.assertLess(len(clips.framemd5(target, 'v:0')), 20)
+
+    def started(self, *arguments, **how):
+        """zem, running."""
+        process = subprocess.Popen(self.command(*arguments), stdout=subprocess.PIPE, **how)
+        self.addCleanup(process.stdout.close)
+        self.addCleanup(process.wait)
+        return process
+
+    def left(self, name):
+        return [entry for entry in os.listdir(self.media) if entry.startswith(name)]
+
+    def test_an_interrupted_import_leaves_nothing(self):
+        process = self.started('import', '-', 'media/stopped', stdin=subprocess.PIPE, stderr=subprocess.PIPE)
+        with open(self.path('mpeg2.ts'), 'rb') as clip:
+            data = clip.read()
+        process.stdin.write(data)
+        process.stdin.flush()
+        while not self.left('stopped'):  # it reads on until the clip ends, which it does not
+            self.assertIsNone(process.poll())
+        self.assertTrue(all(name.endswith('.part') for name in self.left('stopped')))
+        process.send_signal(signal.SIGINT)
+        _, said = process.communicate(timeout=60)
+        self.assertEqual((process.returncode, self.left('stopped')), (130, []), said)
+        self.assertIn(b'nothing of it is left on the server', said)
+
+    def test_an_interrupted_export_leaves_nothing(self):
+        self.zem('import', self.path('raw.mov'), 'media/long')
+        target = self.target('stopped.mkv')
+        os.mkfifo(target + '.part')  # takes some kilobytes, then the program waits in the middle of the clip
+        process = self.started('export', 'media/long', target, stderr=subprocess.PIPE)
+        with open(target + '.part', 'rb') as pipe:
+            self.assertNotEqual(pipe.read(1000), b'')
+            process.send_signal(signal.SIGTERM)
+            while pipe.read(1 << 16):
+                pass
+        _, said = process.communicate(timeout=60)
+        self.assertEqual(process.returncode, 130, said)
+        self.assertFalse(os.path.exists(target) or os.path.exists(target + '.part'))
+
+    def test_a_disk_that_is_full_is_told(self):
+        """A limit on the size of files stands in for it."""
+        def limit():
+            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+            resource.setrlimit(resource.RLIMIT_FSIZE, (100000, 100000))
+        self.zem('import', self.path('raw.mov'), 'media/full')
+        for ending in ('mov', 'mkv'):
+            target = self.target('full.' + ending)
+            done = self.run_zem('export', 'media/full', target, preexec_fn=limit)
+            self.assertEqual(done.returncode, 5, done.stderr)
+            self.assertIn('File too large', done.stderr)
+            self.assertFalse(os.path.exists(target) or os.path.exists(target + '.part'))
+        done = self.run_zem('read', 'media/full.v0', '-o', self.target('full.raw'), preexec_fn=limit)
+        self.assertEqual(done.returncode, 5, done.stderr)
+        self.assertIn('File too large', done.stderr)
+        self.assertFalse(os.path.exists(self.target('full.raw')))
+
+    def test_progress_is_for_terminals(self):
+        source = self.path('mjpeg.mov')
+        for verb in (['import', source, 'media/shown'], ['export', 'media/shown', self.target('shown.mov')]):
+            done = self.run_zem(*verb, '--force')
+            self.assertEqual((done.returncode, done.stdout, done.stderr), (0, '', ''))
+            terminal, end = os.openpty()
+            done = subprocess.run(self.command(*verb, '--force'), stderr=end, stdout=subprocess.PIPE, check=True)
+            os.close(end)
+            shown = b''
+            try:
+                while True:
+                    shown += os.read(terminal, 65536)
+            except OSError:  # nobody has its other end any more
+                os.close(terminal)
+            self.assertRegex(shown, rb'^\r\x1b\[K' + verb[0].encode() + rb' media/shown \[[#.]{24}\] \d+ % ')
+            self.assertRegex(shown, rb' frames, [0-9.]+ [KMG]?i?B/s')
+            self.assertTrue(shown.endswith(b'\r\x1b[K'), 'the line is gone at the end')
+            self.assertEqual(done.stdout, b'')
+
+    def test_h264_enters_mxf_between_start_codes(self):
+        source, target = self.path('h264.mov'), self.target('h264.mxf')
+        self.zem('import', source, 'media/h264')
+        self.zem('export', 'media/h264', target)
+        decode = ['-map', '0:v', '-vsync', '0', '-f', 'framemd5', '-']
+        pictures = [subprocess.run(['ffmpeg', '-v', 'error', '-nostdin', '-i', path, *decode], check=True,
+                                   capture_output=True, text=True).stdout for path in (source, target)]
+        self.assertEqual(clips.columns(pictures[0]), clips.columns(pictures[1]))
+        # MXF has sound for the whole of the last picture.
+        self.assertEqual(clips.payload(target, 'a:0'), clips.payload(source, 'a:0') + bytes(192))
+
+    def test_sound_that_was_put_keeps_its_byte_order(self):
+        for name in ('prores.mov', 'raw.mov', 'pcm24.wav'):
+            self.zem('put', self.path(name), 'media/order')
+            target = self.target('order.mov')
+            self.zem('export', '--force', 'media/order', target)
+            pcm = [subprocess.run(['ffmpeg', '-v', 'error', '-nostdin', '-i', path, '-map', '0:a', '-f', 's24le', '-'],
+                                  check=True, capture_output=True).stdout for path in (self.path(name), target)]
+            self.assertEqual(*pcm)
+            for stream in self.left('order'):
+                self.zem('rm', 'media/' + stream)
 
     def test_refusals(self):
         target = self.target('refused.mov')
