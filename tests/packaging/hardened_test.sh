@@ -34,9 +34,8 @@ for file in "${programs[@]}"; do
     readelf -hW "$file" | grep -q 'Type: *DYN' || lacks "$file" 'lies at one fixed place (pie)'
     readelf -dW "$file" | grep -qE 'FLAGS_1.*\bPIE\b' || lacks "$file" 'is not marked as pie'
 done
-for call in __snprintf_chk; do
-    grep -q "$call" <<<"$checked" || lacks 'the whole' "has no $call (_FORTIFY_SOURCE)"
-done
+call=__snprintf_chk
+grep -q "$call" <<<"$checked" || lacks 'the whole' "has no $call (_FORTIFY_SOURCE)"
 
 python3 - "$build/compile_commands.json" <<'END' || failed=1
 import json, re, sys
