@@ -1,119 +1,7 @@
 #!/usr/bin/env bash
-# zemhost_test.sh ZEMHOST SOURCE_DIR CASE: runs one case_CASE below against the program. Every case has a directory of
-# its own in $work; 77 means that this machine cannot run the case.
-set -euo pipefail
-zemhost=$1
-source_dir=$2
-wanted=$3
-unset ZEM_REGISTRY
-
-work=$(mktemp -d)
-pid=''
-drop=()
-clean_up() {
-    [ -z "$pid" ] || kill -KILL "$pid" 2>/dev/null || true
-    wait
-    rm -rf "$work"
-}
-trap clean_up EXIT
-
-fail() {
-    printf 'FAILED: %s\n' "$1" >&2
-    for file in "$work"/out "$work"/err; do
-        [ ! -f "$file" ] || sed "s|^|$(basename "$file"): |" "$file" >&2
-    done
-    exit 1
-}
-
-# expect CODE OPTION...: runs zemhost to its end.
-expect() {
-    local code=$1 status=0
-    shift
-    "${drop[@]}" "$zemhost" "$@" >"$work/out" 2>"$work/err" || status=$?
-    [ "$status" -eq "$code" ] || fail "exit code $status, not $code"
-}
-says() { grep -qF -- "$2" "$work/$1" || fail "$1 does not say: $2"; }  # says out|err TEXT
-last_line_is() { [ "$(tail -n 1 "$work/err")" = "$1" ] || fail "the last line is not: $1"; }
-
-# Root reads every file and opens every port: cases about rights run zemhost as somebody who may not.
-be_nobody() {
-    [ "$(id -u)" -eq 0 ] || return 0
-    chmod 755 "$work"
-    drop=(setpriv --reuid=65534 --regid=65534 --clear-groups --inh-caps=-all --)
-    "${drop[@]}" "$zemhost" --version >/dev/null 2>&1 || exit 77  # it lies where nobody may not go
-}
-
-choose_port=random_port
-random_port() { echo $((10000 + RANDOM % 20000)); }
-
-# Cases about what root gives up need root.
-be_root() {
-    [ "$(id -u)" -eq 0 ] || { echo 'only root can try this'; exit 77; }
-    chmod 755 "$work"
-}
-
-low_port() { echo $((600 + RANDOM % 400)); }
-
-# settings_file LINE...: a registry file with these values of the server's key.
-settings_file() {
-    printf '%s\r\n' 'Windows Registry Editor Version 5.00' '[HKEY_LOCAL_MACHINE\Software\Quorvane Group\ZEM]' "$@" \
-        >"$work/settings.reg"
-}
-
-# ask REQUEST: sends it as printf writes it; the answer is in out.
-ask() {
-    exec 6<>"/dev/tcp/127.0.0.1/$port"
-    # shellcheck disable=SC2059
-    printf "$1" >&6
-    timeout 30 cat <&6 >"$work/out" || fail 'no whole answer'
-    exec 6>&-
-}
-
-# has_no_rights UID: every thread of the server has this user, no capability, and no way to one.
-has_no_rights() {
-    local threads=0 user
-    for status in /proc/"$pid"/task/*/status; do
-        user=$(awk '/^Uid:/ { print $2, $3, $4, $5 }' "$status")
-        [ "$user" = "$1 $1 $1 $1" ] || fail "a thread has the users $user"
-        for set in CapInh CapPrm CapEff CapAmb; do
-            grep -qE "^$set:[[:space:]]0+$" "$status" || fail "a thread has $(grep "$set" "$status")"
-        done
-        grep -qE '^NoNewPrivs:[[:space:]]1$' "$status" || fail 'a thread could get more rights'
-        if grep -E '^(Gid|Groups):' "$status" | grep -qE '[[:space:]]0([[:space:]]|$)'; then fail "a thread is in root's group"; fi
-        threads=$((threads + 1))
-    done
-    [ "$threads" -gt 4 ] || fail "only $threads threads"
-}
-
-# start OPTION...: starts zemhost on a free port, the number of which is in $port, and waits for its ready line.
-start() {
-    mkdir -p "$work/volume"
-    [ -p "$work/pipe" ] || mkfifo "$work/pipe"
-    # Whom the server becomes need not reach the tree.
-    install -m 644 "$source_dir/packaging/zemhttpd.reg" "$work/packaged.reg"
-    for _ in 1 2 3 4 5; do
-        port=$("$choose_port")
-        "${drop[@]}" "$zemhost" --registry "$work/packaged.reg" --listen 127.0.0.1 --port "$port" \
-            --volume "$work/volume" "$@" >"$work/pipe" 2>"$work/err" &
-        pid=$!
-        exec 5<"$work/pipe"
-        if read -t 30 -r ready <&5; then return; fi
-        wait "$pid" || true
-        pid=''
-        grep -qF 'is taken by another program' "$work/err" || break
-    done
-    fail 'no ready line'
-}
-
-stop() {  # stop SIGNAL: and expects the exit code 0
-    local status=0
-    kill "-$1" "$pid"
-    wait "$pid" || status=$?
-    pid=''
-    [ "$status" -eq 0 ] || fail "exit code $status after $1"
-    cat <&5 >"$work/out"
-    says out "zemhost stops: SIG$1"
-}
+# zemhost_test.sh ZEMHOST SOURCE_DIR CASE: the program from its command line to its exit code.
+# shellcheck source=tests/zemhost/cases.sh
+. "$(dirname "${BASH_SOURCE[0]}")/cases.sh"
 
 case_help() {
     expect 0 --help
@@ -152,6 +40,7 @@ case_settings_without_registry_file() {
 }
 
 # The script at the root looks at its options before it installs or builds anything.
+
 case_run_refuses_wrong_options() {
     zemhost=$source_dir/run
     expect 0 --help
@@ -171,14 +60,6 @@ case_registry_file_missing() {
     last_line_is "zemhost: the registry file '$work/none' does not exist; give one that does with --registry FILE."
 }
 
-case_registry_file_unreadable() {
-    be_nobody
-    : >"$work/file"
-    chmod 000 "$work/file"
-    expect 3 --registry "$work/file" --volume "$work"
-    last_line_is "zemhost: the registry file '$work/file' cannot be read; change its rights or give another with --registry FILE."
-}
-
 case_registry_file_malformed() {
     echo '{ "port": 8080 }' >"$work/file"
     expect 3 --registry "$work/file" --volume "$work"
@@ -186,13 +67,6 @@ case_registry_file_malformed() {
 }
 
 # What nobody named may be missing, but not unreadable: it would look empty.
-case_registry_file_of_the_environment_unreadable() {
-    be_nobody
-    : >"$work/file"
-    chmod 000 "$work/file"
-    ZEM_REGISTRY=$work/file expect 3 --volume "$work"
-    last_line_is "zemhost: the registry file '$work/file' cannot be read; change its rights or give another with --registry FILE."
-}
 
 case_log_format_unknown() {
     settings_file '"LogFormat"="xml"'
@@ -216,25 +90,7 @@ case_volume_is_a_file() {
     last_line_is "zemhost: the volume root '$work/file' is not a directory; give one with --volume DIR."
 }
 
-case_volume_that_cannot_be_listed() {
-    be_nobody
-    mkdir -m 000 "$work/closed"
-    expect 3 --listen 127.0.0.1 --volume "$work/closed"
-    last_line_is "zemhost: the volume root '$work/closed' cannot be listed (Permission denied); change its rights or give another with --volume DIR."
-}
-
 # An archive that is mounted read-only is of use.
-case_volume_that_can_only_be_read_is_served() {
-    be_nobody
-    mkdir -p "$work/volume/media"
-    printf 'hello' >"$work/volume/media/note.txt"
-    chmod 555 "$work/volume" "$work/volume/media"
-    start
-    ask 'GET /media/note.txt HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n'
-    says out 'HTTP/1.1 200 OK'
-    stop TERM
-    last_line_is "zemhost: the volume root '$work/volume' cannot be written to by this user: clients can only read; change its rights or give another with --volume DIR."
-}
 
 case_address_is_no_address() {
     expect 3 --listen localhost --volume "$work"
@@ -258,94 +114,9 @@ case_port_taken() {
     stop TERM
 }
 
-case_port_forbidden() {
-    be_nobody
-    [ "$(cat /proc/sys/net/ipv4/ip_unprivileged_port_start)" -gt 79 ] || exit 77
-    expect 4 --listen 127.0.0.1 --port 79 --volume "$work"
-    last_line_is 'zemhost: port 79 of 127.0.0.1 may not be opened by this user; give a port above 1023 with --port N, or run zemhost as root with --user NAME.'
-}
-
-case_user_unknown() {
-    expect 3 --listen 127.0.0.1 --volume "$work" --user no-such-user
-    last_line_is "zemhost: there is no user 'no-such-user'; give one that exists with --user NAME."
-}
-
-case_user_with_roots_rights() {
-    expect 3 --listen 127.0.0.1 --volume "$work" --user root
-    last_line_is "zemhost: the user 'root' has root's rights; give one without with --user NAME."
-}
-
-case_user_without_name() {
-    expect 2 --user=
-    last_line_is 'zemhost: --user needs a value; see zemhost --help.'
-}
-
-case_user_of_others_is_only_for_root() {
-    be_nobody
-    expect 3 --listen 127.0.0.1 --volume "$work" --user daemon
-    last_line_is "zemhost: only root can become the user 'daemon'; start zemhost as root or without --user."
-}
-
-case_user_who_it_is_already() {
-    be_nobody
-    if [ ${#drop[@]} -eq 0 ]; then start --user "$(id -un)"; else start --user nobody; fi
-    has_no_rights "$(ps -o uid= -p "$pid")"
-    stop TERM
-}
-
-case_user_who_may_not_read_the_registry_file() {
-    be_root
-    settings_file ''
-    chmod 600 "$work/settings.reg"
-    expect 3 --registry "$work/settings.reg" --listen 127.0.0.1 --port "$(random_port)" --volume "$work" --user nobody
-    last_line_is "zemhost: the registry file '$work/settings.reg' cannot be read; change its rights or give another with --registry FILE."
-}
-
-case_user_who_may_not_see_the_volume() {
-    be_root
-    mkdir -m 700 "$work/closed"
-    expect 3 --listen 127.0.0.1 --port "$(random_port)" --volume "$work/closed" --user nobody
-    last_line_is "zemhost: the volume root '$work/closed' cannot be listed (Permission denied); change its rights or give another with --volume DIR."
-}
-
 # Root opens a port that others may not, and keeps nothing of being root.
-case_user_after_a_low_port() {
-    be_root
-    mkdir "$work/volume" "$work/logs"
-    chown nobody: "$work/volume" "$work/logs"
-    choose_port=low_port
-    start --user nobody --log "$work/logs/log"
-    has_no_rights "$(id -u nobody)"
-    python3 -B - "$source_dir" "$port" <<'END' || fail 'no frame'
-import sys
-sys.path.insert(0, sys.argv[1] + '/clients/python')
-from zemclient import MediaType, StreamDescriptor, ZemClient
-with ZemClient('http://127.0.0.1:' + sys.argv[2], 'user') as client:
-    with client.create_file('clip', StreamDescriptor(MediaType.VIDEO, 'mjpg', 25, 1)) as file:
-        file.write(0, b'a frame')
-        file.flush()
-        assert [f.data for f in file.frames()] == [b'a frame']
-END
-    [ "$(stat -c %U:%G "$work/volume/clip")" = "nobody:$(id -gn nobody)" ] || fail 'the file is not of the user'
-    [ "$(stat -c %U:%G "$work/logs/log")" = "nobody:$(id -gn nobody)" ] || fail 'the log is not of the user'
-    stop TERM
-}
 
 # Without --user too a capability that was only for the port goes, as under a service manager that gives one.
-case_capability_for_the_port_is_given_up() {
-    be_root
-    mkdir "$work/volume"
-    chmod 755 "$work"
-    chown nobody: "$work/volume"
-    drop=(setpriv --reuid=nobody --regid="$(id -g nobody)" --clear-groups --bounding-set=-all,+net_bind_service
-        --inh-caps=-all,+net_bind_service --ambient-caps=-all,+net_bind_service --)
-    "${drop[@]}" "$zemhost" --version >/dev/null 2>&1 || { echo 'nobody may not go where the program lies'; exit 77; }
-    choose_port=low_port
-    start
-    grep -q '^CapBnd:.*0400$' "/proc/$pid/status" || fail 'it did not start with the capability'
-    has_no_rights "$(id -u nobody)"
-    stop TERM
-}
 
 case_tells_the_service_manager() {
     mkdir "$work/volume"
@@ -424,6 +195,7 @@ case_join_is_in_the_log_file() {
 }
 
 # Control characters in what clients send stay inside the object that they are logged in.
+
 case_log_as_json() {
     settings_file '"LogFormat"="json"'
     start --registry "$work/settings.reg" --log "$work/log"
@@ -456,6 +228,7 @@ case_log_is_opened_again_at_sigusr1() {
 }
 
 # Every option and exit code of --help is on the manual page, and no other.
+
 case_manual_page() {
     page=$source_dir/packaging/zemhost.8
     "$zemhost" --help | grep -oE '^  --[a-z]+' | tr -d ' ' | sort >"$work/out"
@@ -471,5 +244,4 @@ case_manual_page() {
     fi
 }
 
-if ! declare -F "case_$wanted" >/dev/null; then fail "there is no case $wanted"; fi
-"case_$wanted"
+run_case
