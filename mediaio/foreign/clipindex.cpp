@@ -59,8 +59,11 @@ void FinishIndex(ClipIndex& index) {
             stream.cut = picture;
             desc.rateNumerator = picture.numerator;
             desc.rateDenominator = picture.denominator;
-            desc.frameCount =
-                FramesOf(stream.pcmBytes / stream.sampleSize, desc.sampleRate, picture);
+            // Where pictures follow faster than samples, whoever says so: no more frames than there
+            // are samples to put into them.
+            const uint64_t samples = stream.pcmBytes / stream.sampleSize;
+            desc.frameCount = static_cast<uint32_t>(
+                std::min<uint64_t>(FramesOf(samples, desc.sampleRate, picture), samples));
         } else {
             desc.frameCount = static_cast<uint32_t>(
                 std::min<size_t>(stream.inPackages ? index.packages.size() : stream.frames.size(),

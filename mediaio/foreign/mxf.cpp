@@ -231,8 +231,13 @@ bool MxfMap::Load(IStoreFile& file, uint64_t size_bytes) {
     std::vector<Partition> partitions;
     if (!ReadPartitions(file, size_bytes, partitions)) return false;
     uint32_t bodySid = 0;
+    uint64_t indexBytes = 0;
     essenceEnd = size_bytes;
     for (const Partition& partition : partitions) {
+        // Tables lie side by side: partitions that share them would make them be read again and
+        // again.
+        if (partition.indexBytes > size_bytes - indexBytes) return false;
+        indexBytes += partition.indexBytes;
         if (partition.bodySid == 0) continue;
         if (bodySid != 0 && bodySid != partition.bodySid) return false;
         bodySid = partition.bodySid;

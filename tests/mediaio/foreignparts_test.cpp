@@ -6,6 +6,9 @@
 #include "mediaio/foreign/clipindex.h"
 #include "mediaio/foreign/mxf.h"
 
+#include <algorithm>
+#include <cstring>
+
 namespace {
 
 using namespace zemstore;
@@ -114,6 +117,87 @@ TEST(MxfTriplets, AnElementIsFoundInItsPackage) {
     const std::vector<uint8_t> noise(kLookSize, 7);
     EXPECT_EQ(FindElement(klv.key, at, noise.data(), noise.size(), end).outcome,
               ElementSearch::kMissing);
+}
+
+TEST(Cadence, FramesThatFollowFasterThanSamplesAreNotMoreThanThose) {
+    ClipIndex index;
+    index.streams.resize(2);
+    index.streams[0].desc.mediaType = kMediaFileVideo;
+    index.streams[0].desc.rateNumerator = 0xFFFFFFFFu;
+    index.streams[0].desc.rateDenominator = 1;
+    index.streams[1].desc.mediaType = kMediaFileAudio;
+    index.streams[1].desc.sampleRate = 8000;
+    index.streams[1].sampleSize = 2;
+    index.streams[1].pcmBytes = 1000;
+    FinishIndex(index);
+    EXPECT_EQ(index.streams[1].desc.frameCount, 500u);
+    index.streams[0].desc.rateNumerator = 25;
+    FinishIndex(index);
+    EXPECT_EQ(index.streams[1].desc.frameCount, 2u);
+}
+
+// A file in memory that counts what is read of it.
+class CCountingFile final : public IStoreFile {
+public:
+    explicit CCountingFile(std::vector<uint8_t> bytes) : m_bytes(std::move(bytes)) {}
+    uint64_t size_bytes() const { return m_bytes.size(); }
+
+    HRESULT ReadAt(void* to, size_t size, uint64_t offset, size_t& done) override {
+        done = offset < m_bytes.size() ? std::min<uint64_t>(size, m_bytes.size() - offset) : 0;
+        if (done != 0) memcpy(to, m_bytes.data() + offset, done);
+        readBytes += done;
+        return S_OK;
+    }
+    HRESULT WriteAt(const IoSpan*, size_t, uint64_t, size_t&) override { return E_NOTIMPL; }
+    HRESULT Sync() override { return E_NOTIMPL; }
+    HRESULT Size(uint64_t&) override { return E_NOTIMPL; }
+    HRESULT SetSize(uint64_t) override { return E_NOTIMPL; }
+    HRESULT PunchHole(uint64_t, uint64_t) override { return E_NOTIMPL; }
+    HRESULT LockForWriting() override { return E_NOTIMPL; }
+    void UnlockForWriting() override {}
+    bool Writable() const override { return false; }
+    FileIdentity Identity() const override { return {}; }
+    bool Cached(uint64_t, size_t) override { return true; }
+    void Prefetch(uint64_t, uint64_t) override {}
+    void* MapView(uint64_t, size_t) override { return nullptr; }
+    void UnmapView(void*) override {}
+
+    uint64_t readBytes = 0;
+
+private:
+    const std::vector<uint8_t> m_bytes;
+};
+
+void PutBigEndian(std::vector<uint8_t>& bytes, size_t at, uint64_t value, size_t count) {
+    for (size_t i = 0; i < count; ++i)
+        bytes[at + i] = static_cast<uint8_t>(value >> (8 * (count - 1 - i)));
+}
+
+// Partition packs one behind the other, each chained to the one before and claiming so many bytes
+// of index tables.
+std::vector<uint8_t> Partitions(uint32_t count, uint64_t indexBytes) {
+    constexpr uint8_t kPack[16] = {6, 14, 43, 52, 2, 5, 1, 1, 13, 1, 2, 1, 1, 3, 4, 0};
+    constexpr size_t kPackBytes = 128;
+    std::vector<uint8_t> bytes(count * kPackBytes + 256);
+    for (uint32_t i = 0; i < count; ++i) {
+        const size_t at = i * kPackBytes;
+        memcpy(&bytes[at], kPack, sizeof kPack);
+        bytes[at + 16] = kPackBytes - 17;
+        PutBigEndian(bytes, at + 17 + 8, at, 8);
+        PutBigEndian(bytes, at + 17 + 16, i == 0 ? 0 : at - kPackBytes, 8);
+        PutBigEndian(bytes, at + 17 + 24, (count - 1) * kPackBytes, 8);
+        PutBigEndian(bytes, at + 17 + 40, indexBytes, 8);
+        PutBigEndian(bytes, at + 17 + 60, i == 1 ? 1 : 0, 4);
+    }
+    return bytes;
+}
+
+TEST(MxfTables, ThatPartitionsClaimTogetherAreNotReadAgainAndAgain) {
+    constexpr uint32_t kCount = 1000;
+    CCountingFile file(Partitions(kCount, kCount * 128 / 2));
+    MxfMap map;
+    EXPECT_FALSE(map.Load(file, file.size_bytes()));
+    EXPECT_LT(file.readBytes, 10 * file.size_bytes());
 }
 
 }  // namespace
