@@ -3,8 +3,11 @@
 
 #include <arpa/inet.h>
 #include <sched.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <mutex>
 
@@ -159,6 +162,20 @@ void RemoveRoot() {
     std::filesystem::remove_all(g_root, ignored);
 }
 
+constexpr const char* kVolume = "zem-fuzz-";
+
+// Volumes of processes that have ended without cleaning up, as fuzzers do.
+void RemoveLeftBehind(const std::string& folder) {
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
+        const std::string name = entry.path().filename();
+        if (!name.starts_with(kVolume)) continue;
+        const int pid = std::atoi(name.c_str() + std::strlen(kVolume));
+        if (pid > 0 && kill(pid, 0) != 0 && errno == ESRCH)
+            std::filesystem::remove_all(entry.path(), error);
+    }
+}
+
 }  // namespace
 
 CCommandServer& CCommandServer::Instance() {
@@ -171,7 +188,9 @@ CCommandServer::CCommandServer() {
             "the worker has an apartment");
     std::error_code error;
     const bool memory = std::filesystem::is_directory("/dev/shm", error);
-    m_root = memory ? "/dev/shm/zem-fuzz-XXXXXX" : "/tmp/zem-fuzz-XXXXXX";
+    const std::string folder = memory ? "/dev/shm" : "/tmp";
+    RemoveLeftBehind(folder);
+    m_root = folder + "/" + kVolume + std::to_string(getpid()) + "-XXXXXX";
     Require(mkdtemp(m_root.data()) != nullptr, "there is a volume");
     g_root = m_root;
     std::atexit(RemoveRoot);
@@ -193,8 +212,8 @@ CCommandServer::CCommandServer() {
     access.FramePool().Initialize(g_server);
     access.XactionPool() = new CHttpXactionPool;
     Require(access.XactionPool()->Init(g_server, kBlocks) == S_OK, "there are blocks");
-    const std::u16string folder = m_wideRoot + u'\\';
-    std::memcpy(access.VolumeRoot(), folder.c_str(), (folder.size() + 1) * sizeof(WCHAR));
+    const std::u16string wide = m_wideRoot + u'\\';
+    std::memcpy(access.VolumeRoot(), wide.c_str(), (wide.size() + 1) * sizeof(WCHAR));
 }
 
 // As the HTTP interface delivers it.
