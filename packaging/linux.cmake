@@ -15,10 +15,10 @@ if(TARGET zemforeign)  # loaded at its first use, from beside zembaseio
     list(APPEND modules zemforeign)
 endif()
 install(TARGETS zemhost RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
-install(TARGETS zem RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS zem zemfsck RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 set_target_properties(zemhttpd PROPERTIES INSTALL_RPATH "$ORIGIN/zemhttpd")
 set_target_properties(${modules} PROPERTIES INSTALL_RPATH "$ORIGIN")
-set_target_properties(zemhost PROPERTIES
+set_target_properties(zemhost zemfsck PROPERTIES
     INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR};$ORIGIN/../${module_dir}")
 set_target_properties(zem_platform PROPERTIES EXPORT_NAME platform)
 

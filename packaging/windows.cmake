@@ -1,5 +1,5 @@
 # The zip for Windows: cmake --build --preset windows --target package.
-install(TARGETS zemhttpd zembaseio zemchannelio zemMemAllocator ErrorLog zemhost RUNTIME DESTINATION .)
+install(TARGETS zemhttpd zembaseio zemchannelio zemMemAllocator ErrorLog zemhost zemfsck RUNTIME DESTINATION .)
 
 # The settings file with a volume root that Windows has, and without what holds for every service of the machine.
 file(READ packaging/zemhttpd.reg settings)

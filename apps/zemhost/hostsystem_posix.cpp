@@ -104,6 +104,7 @@ void PrepareProcess() {
     const sigset_t signals = SignalsToWaitFor();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     signal(SIGPIPE, SIG_IGN);
+    signal(SIGXFSZ, SIG_IGN);  // a file at its size limit is a failed write, not the server's end
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
         limit.rlim_cur = limit.rlim_max;

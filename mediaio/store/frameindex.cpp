@@ -116,6 +116,17 @@ void CFrameIndex::ForEach(uint32_t first, uint64_t end,
     if (m_top != nullptr) Visit(*m_top, kTopLevel, 0, first, end, visit);
 }
 
+void CFrameIndex::ForEachNode(const std::function<void(uint64_t, uint32_t)>& visit) const {
+    if (m_top == nullptr) return;
+    const std::function<void(const Node&, uint32_t)> go = [&](const Node& node, uint32_t level) {
+        if (node.offset != 0) visit(node.offset, level);
+        if (level == 0) return;
+        for (const auto& child : static_cast<const Inner&>(node).children)
+            if (child != nullptr) go(*child, level - 1);
+    };
+    go(*m_top, kTopLevel);
+}
+
 struct CFrameIndex::Writer {
     uint64_t offset;
     uint64_t generation;
@@ -203,16 +214,18 @@ uint32_t CFrameIndex::TopCrc() const {
 // Reads node pages with a window of neighbours: a compacted index lies in one piece.
 class CFrameIndex::CReader {
 public:
-    CReader(IStoreFile& file, const Root& root, uint64_t limit)
-        : m_file(file), m_root(root), m_limit(limit) {}
+    CReader(IStoreFile& file, const Root& root, uint64_t limit, NodeFault& fault)
+        : m_file(file), m_root(root), m_limit(limit), m_fault(fault) {}
 
     // Copies the page at `offset`, checked, or says ERROR_INVALID_DATA.
     HRESULT Read(const ChildRef& ref, uint32_t level, uint32_t firstPosition, uint8_t* page) {
-        const HRESULT bad = HRESULT_FROM_WIN32(ERROR_INVALID_DATA);
         const uint64_t offset = ref.offset;
+        const auto bad = [&](const char* what) {
+            return Refuse({what, offset, level, firstPosition});
+        };
         if (offset < kLogOffset || offset % kPageSize != 0 || offset > m_limit ||
             m_limit - offset < kPageSize)
-            return bad;
+            return bad("lies outside of the file");
         if (offset < m_begin || offset + kPageSize > m_begin + m_filled) {
             // Nodes that lie side by side are read from the low end up; a node among frames is
             // read alone.
@@ -222,17 +235,21 @@ public:
             m_begin = offset;
             const HRESULT hr = m_file.ReadAt(m_window.data(), want, offset, m_filled);
             if (FAILED(hr)) return hr;
-            if (m_filled < kPageSize) return bad;
+            if (m_filled < kPageSize) return bad("lies outside of the file");
         }
         memcpy(page, m_window.data() + (offset - m_begin), kPageSize);
         auto& header = *reinterpret_cast<NodeHeader*>(page);
         const uint32_t crc = header.crc;
         header.crc = 0;
-        if (crc != ref.crc || Crc32c(0, page, kPageSize) != crc) return bad;
+        if (crc != ref.crc || Crc32c(0, page, kPageSize) != crc) return bad("wrong checksum");
         const bool right = header.magic == kNodeMagic && header.level == level &&
                            header.size == sizeof(NodeHeader) && header.fileId == m_root.fileId &&
                            header.offset == offset && header.firstPosition == firstPosition;
-        return right ? S_OK : bad;
+        return right ? S_OK : bad("another page's contents");
+    }
+    HRESULT Refuse(const NodeFault& fault) {
+        if (m_fault.what == nullptr) m_fault = fault;
+        return HRESULT_FROM_WIN32(ERROR_INVALID_DATA);
     }
     uint64_t Limit() const { return m_limit; }
 
@@ -241,6 +258,7 @@ private:
     IStoreFile& m_file;
     const Root& m_root;
     uint64_t m_limit;
+    NodeFault& m_fault;
     std::vector<uint8_t> m_window;
     uint64_t m_begin = 0;
     size_t m_filled = 0;
@@ -275,7 +293,8 @@ HRESULT CFrameIndex::LoadNode(CReader& reader, uint32_t level, uint32_t firstPos
         const auto& disk = *reinterpret_cast<const LeafNode*>(page);
         for (uint32_t i = 0; i < kLeafEntries; ++i) {
             const FrameEntry& from = disk.entries[i];
-            if (!EntryIsSane(from, reader.Limit())) return HRESULT_FROM_WIN32(ERROR_INVALID_DATA);
+            if (!EntryIsSane(from, reader.Limit()))
+                return reader.Refuse({"an entry that cannot be", ref.offset, 0, firstPosition + i});
             leaf->entries[i] = {from.slotOffset,
                                 from.sequence,
                                 from.dataSize,
@@ -308,11 +327,11 @@ HRESULT CFrameIndex::LoadNode(CReader& reader, uint32_t level, uint32_t firstPos
     return S_OK;
 }
 
-HRESULT CFrameIndex::Load(IStoreFile& file, const Root& root, uint64_t limit) {
+HRESULT CFrameIndex::Load(IStoreFile& file, const Root& root, uint64_t limit, NodeFault& fault) {
     m_top.reset();
     m_nodes = m_changed = 0;
     if (root.indexOffset == 0) return S_OK;
-    CReader reader(file, root, limit);
+    CReader reader(file, root, limit, fault);
     const HRESULT hr =
         LoadNode(reader, kTopLevel, 0, ChildRef{root.indexOffset, root.indexCrc, 0}, m_top);
     if (FAILED(hr)) {

@@ -5,6 +5,7 @@
 
 #include "mediaio/store/fileio.h"
 #include "mediaio/store/format.h"
+#include "mediaio/store/loadreport.h"
 
 #include <array>
 #include <functional>
@@ -55,6 +56,9 @@ public:
     void ForEach(uint32_t first, uint64_t end,
                  const std::function<bool(uint32_t, IndexEntry&)>& visit);
 
+    // Calls `visit` for every node that has a place in the file.
+    void ForEachNode(const std::function<void(uint64_t offset, uint32_t level)>& visit) const;
+
     size_t ChangedNodes() const { return m_changed; }
     size_t Nodes() const { return m_nodes; }
     bool Empty() const { return m_nodes == 0; }
@@ -71,8 +75,8 @@ public:
     uint32_t TopCrc() const;
 
     // Reads the tree that a root names. ERROR_INVALID_DATA for anything that is not exactly as
-    // written; `limit` is the file's size.
-    HRESULT Load(IStoreFile& file, const Root& root, uint64_t limit);
+    // written, with the first such page in `fault`; `limit` is the file's size.
+    HRESULT Load(IStoreFile& file, const Root& root, uint64_t limit, NodeFault& fault);
 
 private:
     struct Node;

@@ -99,7 +99,7 @@ HRESULT OpenForeign(const NamedFile& named, std::unique_ptr<IStoreFile> file,
     return open({named.volume, named.path, std::move(file)}, name, type, stream.file, stream.kind);
 }
 
-void LogRecovery(const CMediaFile::Report& report, const std::string& path) {
+void LogRecovery(const LoadReport& report, const std::string& path) {
     if (report.tornRecords == 0 && !report.otherRoot && !report.rebuilt) return;
     LogStore(kErrorLogLevelWarning, S_OK, kSource,
              path +

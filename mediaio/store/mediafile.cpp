@@ -156,6 +156,21 @@ uint64_t CMediaFile::LogEnd() const {
     return m_logEnd;
 }
 
+uint64_t CMediaFile::NextSequence() const {
+    std::lock_guard hold(m_lock);
+    return m_sequence;
+}
+
+void CMediaFile::VisitIndex(const std::function<void(uint32_t, const IndexEntry&)>& entry,
+                            const std::function<void(uint64_t, uint32_t)>& node) {
+    std::lock_guard hold(m_lock);
+    m_index.ForEach(0, uint64_t{kLastPosition} + 1, [&](uint32_t position, IndexEntry& found) {
+        entry(position, found);
+        return false;
+    });
+    m_index.ForEachNode(node);
+}
+
 size_t CMediaFile::IndexNodes() const {
     std::lock_guard hold(m_lock);
     return m_index.Nodes();

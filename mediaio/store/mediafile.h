@@ -10,6 +10,7 @@
 #include "mediaio/store/format.h"
 #include "mediaio/store/framefile.h"
 #include "mediaio/store/frameindex.h"
+#include "mediaio/store/loadreport.h"
 
 #include <atomic>
 #include <condition_variable>
@@ -91,16 +92,16 @@ public:
 
     IStoreFile& File() { return *m_file; }
     const FileIdentity& Identity() const { return m_identity; }
-    struct Report {  // what opening found; for tests and the log
-        uint64_t tailBytes = 0;
-        uint32_t tailRecords = 0;
-        uint32_t tornRecords = 0;
-        bool otherRoot = false;
-        bool rebuilt = false;
-    };
-    const Report& OpenReport() const { return m_report; }
+    const LoadReport& OpenReport() const { return m_report; }
     uint64_t LogEnd() const;
+    uint64_t NextSequence() const;
     size_t IndexNodes() const;
+    // Every entry and every page of the index, in the order of positions. With the file's lock.
+    void VisitIndex(const std::function<void(uint32_t position, const IndexEntry& entry)>& entry,
+                    const std::function<void(uint64_t offset, uint32_t level)>& node);
+    const FileHeader& Header() const { return m_header; }
+    // Why a header is none of ours, null when it is.
+    static const char* HeaderFault(const FileHeader& header);
 
     // Called with the object when its last reference is gone, before it is deleted.
     void (*m_forget)(CMediaFile& file) = nullptr;
@@ -123,7 +124,7 @@ private:
 
     // mediafile_load.cpp
     HRESULT ReadHeader();
-    HRESULT ReadRoot(int which, Root& root, bool& valid);
+    HRESULT ReadRoot(int which, Root& root);
     HRESULT LoadIndex(const Root& root);
     HRESULT ScanTail(uint64_t start, uint64_t limit);
     class CTailReader;
@@ -163,7 +164,7 @@ private:
     FileIdentity m_identity;
     FileHeader m_header{};
     bool m_readOnly = false;
-    Report m_report;
+    LoadReport m_report;
 
     mutable std::mutex m_lock;  // guards what follows
     std::condition_variable m_changed;

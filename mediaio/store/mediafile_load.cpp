@@ -19,7 +19,10 @@ uint64_t RoundUp(uint64_t size) {
 // The log in large pieces, holes left out.
 class CMediaFile::CTailReader {
 public:
-    CTailReader(IStoreFile& file, uint64_t limit) : m_file(file), m_limit(limit) {}
+    CTailReader(IStoreFile& file, uint64_t start, uint64_t limit)
+        : m_file(file),
+          m_limit(limit),
+          m_budget(kMaxFrameSize + 2 * (std::max(start, limit) - start)) {}
 
     // The next page at or after `offset` that is not in a hole; null at the end or on a failure.
     const uint8_t* Page(uint64_t& offset, HRESULT& hr) {
@@ -40,6 +43,10 @@ public:
         if (m_data.size() < std::min<size_t>(kPiece, size))
             m_data.resize(std::min<size_t>(kPiece, size));
         crc = 0;
+        // Slots do not overlap, so their data is no more than the log. Records that claim more were
+        // not written by a store.
+        if (size > m_budget) return HRESULT_FROM_WIN32(ERROR_CRC);
+        m_budget -= size;
         for (uint32_t at = 0; at < size;) {
             const size_t want = std::min<size_t>(kPiece, size - at);
             size_t done = 0;
@@ -56,43 +63,57 @@ private:
     static constexpr size_t kPiece = size_t{1} << 20;
     IStoreFile& m_file;
     uint64_t m_limit;
+    uint64_t m_budget;
     std::vector<uint8_t> m_buffer;
     std::vector<uint8_t> m_data;
     uint64_t m_begin = 0;
     size_t m_filled = 0;
 };
 
+const char* CMediaFile::HeaderFault(const FileHeader& header) {
+    if (header.magic != kHeaderMagic) return "not a native media file";
+    if (header.version != kFormatVersion) return "unknown version";
+    if (header.size != sizeof header) return "wrong size";
+    if (Crc32c(0, &header, offsetof(FileHeader, crc)) != header.crc) return "wrong checksum";
+    if (header.incompatible != 0) return "features that this version does not know";
+    const int32_t type = header.esDesc.mediaType;
+    return type < kMediaFileVideo || type > kMediaFileData ? "unknown media type" : nullptr;
+}
+
 HRESULT CMediaFile::ReadHeader() {
     size_t done = 0;
     const HRESULT hr = m_file->ReadAt(&m_header, sizeof m_header, 0, done);
     if (FAILED(hr)) return hr;
-    const HRESULT bad = HRESULT_FROM_WIN32(ERROR_BAD_FORMAT);
-    if (done != sizeof m_header || m_header.magic != kHeaderMagic) return bad;
-    if (m_header.version != kFormatVersion || m_header.size != sizeof m_header) return bad;
-    if (Crc32c(0, &m_header, offsetof(FileHeader, crc)) != m_header.crc) return bad;
-    if (m_header.incompatible != 0) return bad;
-    if (m_header.esDesc.mediaType < kMediaFileVideo || m_header.esDesc.mediaType > kMediaFileData)
-        return bad;
+    if (done != sizeof m_header || HeaderFault(m_header) != nullptr)
+        return HRESULT_FROM_WIN32(ERROR_BAD_FORMAT);
     m_readOnly = !m_file->Writable() || m_header.compatible != 0;
     return S_OK;
 }
 
 // A root that the device does not give is no reason to take the other: that one may be older, and
 // would bring back what was erased or overwritten since.
-HRESULT CMediaFile::ReadRoot(int which, Root& root, bool& valid) {
+HRESULT CMediaFile::ReadRoot(int which, Root& root) {
+    root = {};
     size_t done = 0;
     const HRESULT hr = m_file->ReadAt(&root, sizeof root, kRootOffset[which], done);
-    valid = SUCCEEDED(hr) && done == sizeof root && root.magic == kRootMagic &&
-            root.fileId == m_header.fileId && Crc32c(0, &root, offsetof(Root, crc)) == root.crc &&
-            (root.generation & 1) == static_cast<uint64_t>(which) && root.logStart >= kLogOffset &&
-            root.logStart % kPageSize == 0 && root.nextSequence != 0;
+    const Root blank{};
+    const bool valid =
+        SUCCEEDED(hr) && done == sizeof root && root.magic == kRootMagic &&
+        root.fileId == m_header.fileId && Crc32c(0, &root, offsetof(Root, crc)) == root.crc &&
+        (root.generation & 1) == static_cast<uint64_t>(which) && root.logStart >= kLogOffset &&
+        root.logStart % kPageSize == 0 && root.nextSequence != 0;
+    using State = LoadReport::RootState;
+    m_report.roots[which].generation = valid ? root.generation : 0;
+    m_report.roots[which].state = valid                                     ? State::kValid
+                                  : memcmp(&root, &blank, sizeof root) == 0 ? State::kBlank
+                                                                            : State::kInvalid;
     return hr;
 }
 
 HRESULT CMediaFile::LoadIndex(const Root& root) {
     uint64_t size = 0;
     HRESULT hr = m_file->Size(size);
-    if (SUCCEEDED(hr)) hr = m_index.Load(*m_file, root, size);
+    if (SUCCEEDED(hr)) hr = m_index.Load(*m_file, root, size, m_report.fault);
     if (FAILED(hr)) return hr;
     m_generation = root.generation;
     m_logStart = root.logStart;
@@ -138,7 +159,10 @@ HRESULT CMediaFile::TakeRecord(CTailReader& reader, const LogRecord& record) {
 }
 
 HRESULT CMediaFile::ScanTail(uint64_t start, uint64_t limit) {
-    CTailReader reader(*m_file, limit);
+    CTailReader reader(*m_file, start, limit);
+    m_report.logStart_bytes = start;
+    m_report.tailRecords = m_report.tornRecords = 0;
+    m_report.torn.clear();
     uint64_t offset = start;
     uint64_t good = start;  // everything before is a slot that was taken, or known to be dead
     const auto bury = [&](uint64_t end) {
@@ -162,6 +186,8 @@ HRESULT CMediaFile::ScanTail(uint64_t start, uint64_t limit) {
             } else if (hr == HRESULT_FROM_WIN32(ERROR_CRC) ||
                        hr == HRESULT_FROM_WIN32(ERROR_HANDLE_EOF)) {
                 ++m_report.tornRecords;
+                if (m_report.torn.size() < LoadReport::kTornListed)
+                    m_report.torn.push_back({record.slotOffset, record.position, record.dataSize});
             } else {
                 return hr;
             }
@@ -183,15 +209,15 @@ HRESULT CMediaFile::Load() {
     Root roots[2];
     bool valid[2];
     for (const int which : {0, 1}) {
-        hr = ReadRoot(which, roots[which], valid[which]);
+        hr = ReadRoot(which, roots[which]);
         if (FAILED(hr)) return hr;
+        valid[which] = m_report.roots[which].state == LoadReport::RootState::kValid;
     }
     const int newest = valid[1] && (!valid[0] || roots[1].generation > roots[0].generation) ? 1 : 0;
     std::unique_lock hold(m_lock);
     m_knownSize = size;
     for (const int which : {newest, 1 - newest}) {
         if (!valid[which]) continue;
-        m_report = {};
         m_report.otherRoot = which != newest;
         m_dead.clear();
         hr = LoadIndex(roots[which]);
@@ -204,7 +230,7 @@ HRESULT CMediaFile::Load() {
         if (hr != HRESULT_FROM_WIN32(ERROR_INVALID_DATA)) return hr;
     }
     // No root leads anywhere: the records themselves still tell what is there.
-    m_report = {};
+    m_report.otherRoot = false;
     m_report.rebuilt = true;
     m_dead.clear();
     Root none{};

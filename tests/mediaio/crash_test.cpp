@@ -4,6 +4,8 @@
 #include "seeded.h"
 #include "simfile.h"
 
+#include "apps/zemfsck/print.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -184,7 +186,15 @@ private:
         ASSERT_NO_FATAL_FAILURE(LastLife());
     }
 
+    // Whatever a crash leaves is in order.
+    void CheckWhole() {
+        zemfsck::Report report;
+        ASSERT_EQ(zemfsck::Check(std::make_unique<CSimFile>(m_device), report), S_OK);
+        ASSERT_EQ(report.damages, 0u) << zemfsck::AsText("the file", report);
+    }
+
     void Life(const Plan& plan) {
+        ASSERT_NO_FATAL_FAILURE(CheckWhole());
         Opened file(m_device);
         ASSERT_EQ(file.hr, S_OK) << "the file always opens";
         m_totals.tornRecords += file->OpenReport().tornRecords;
@@ -239,6 +249,7 @@ private:
         }
         m_device.LosePower(Cut::kNothing);
         m_ending = Ending::kPowerCut;
+        ASSERT_NO_FATAL_FAILURE(CheckWhole());
         Opened file(m_device);
         ASSERT_EQ(file.hr, S_OK);
         ASSERT_NO_FATAL_FAILURE(Verify(*file.file));

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <set>
@@ -176,9 +177,19 @@ TEST_F(SharedSync, WhoeverWaitsForOneHearsThatItFailed) {
     std::thread one([&] { first = m_file->Flush(); });
     m_gate->AwaitSync();
     std::vector<std::thread> threads;
-    for (HRESULT& other : others)
-        threads.emplace_back([&] { other = m_file->Flush(); });
+    std::atomic<uint32_t> started{0};
+    for (HRESULT& other : others) {
+        threads.emplace_back([&] {
+            ++started;
+            other = m_file->Flush();
+        });
+    }
     std::thread checkpoint([&] { EXPECT_EQ(m_file->Checkpoint(), kBroken); });
+    // Those who do not wait are given time to be wrong.
+    while (started != 3)
+        std::this_thread::yield();
+    for (int i = 0; i < 2000; ++i)
+        std::this_thread::yield();
     m_gate->Open();
     one.join();
     checkpoint.join();
