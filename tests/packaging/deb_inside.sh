@@ -30,7 +30,7 @@ dpkg -i first.deb
 [ "$(getent passwd zemhttpd | cut -d: -f7)" = /usr/sbin/nologin ]
 man -w zemhost >/dev/null
 ldconfig -p | grep -q 'libzemhttpd\.so\.0 '
-if ldd /usr/sbin/zemhost /usr/bin/zem | grep 'not found'; then fail 'a library is not found'; fi
+if ldd /usr/sbin/zemhost /usr/bin/zem /usr/bin/zemfsck | grep 'not found'; then fail 'a library is not found'; fi
 
 step 'is started, and at every boot'
 [ "$(systemctl is-enabled zemhttpd.service)" = enabled ]
