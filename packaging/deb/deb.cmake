@@ -24,8 +24,8 @@ media files, read and write frames by position, query and maintain files and
 push channel configuration. Plain GET and DELETE serve whole files.
 
 This package holds the library and its default media modules, the service
-zemhost, the command-line client zem, the checker zemfsck, and what a host program
-of one's own needs to link the library.")
+zemhost, the command-line client zem, zemfsck, which checks media files, and
+what a host program of one's own needs to link the library.")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_BINARY_DIR}/lib)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS adduser)
