@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <ctime>
 
 #include "mediaio/errorlog.h"
 
@@ -28,19 +27,18 @@ void AppendFormat(std::string& out, const char* format, Values... values) {
     if (length > 0) out.append(buffer, std::min(static_cast<size_t>(length), sizeof buffer - 1));
 }
 
-// What the local time is ahead of UTC, as +hh:mm.
-void AppendZone(const SYSTEMTIME& time, std::string& out) {
-    std::tm parts{};
-    parts.tm_year = time.wYear - 1900;
-    parts.tm_mon = time.wMonth - 1;
-    parts.tm_mday = time.wDay;
-    parts.tm_hour = time.wHour;
-    parts.tm_min = time.wMinute;
-    parts.tm_sec = time.wSecond;
-    parts.tm_isdst = -1;
-    char zone[8] = {};
-    if (std::mktime(&parts) == -1 || std::strftime(zone, sizeof zone, "%z", &parts) != 5) return;
-    out.append(zone, 3).append(1, ':').append(zone + 3);
+// What local time is ahead of UTC now, as +hh:mm.
+void AppendZone(std::string& out) {
+    constexpr int64_t kPerMinute = 600'000'000;  // units of a FILETIME
+    constexpr FILETIME kSomeTime = {0, 1u << 24};
+    FILETIME local{};
+    if (!FileTimeToLocalFileTime(&kSomeTime, &local)) return;
+    const auto units = [](const FILETIME& time) {
+        return static_cast<int64_t>(uint64_t{time.dwHighDateTime} << 32 | time.dwLowDateTime);
+    };
+    const int64_t ahead_min = (units(local) - units(kSomeTime)) / kPerMinute;
+    const auto minutes = static_cast<unsigned>(ahead_min < 0 ? -ahead_min : ahead_min);
+    AppendFormat(out, "%c%02u:%02u", ahead_min < 0 ? '-' : '+', minutes / 60, minutes % 60);
 }
 
 void AppendStart(const SYSTEMTIME& time, const char* word, DWORD threadId, ErrorLogFormat format,
@@ -56,7 +54,7 @@ void AppendStart(const SYSTEMTIME& time, const char* word, DWORD threadId, Error
         return;
     }
     append("{\"time\":\"%04u-%02u-%02uT%02u:%02u:%02u.%03u");
-    AppendZone(time, out);
+    AppendZone(out);
     AppendFormat(out, "\",\"level\":\"%s\",\"thread\":%u,", word, static_cast<unsigned>(threadId));
 }
 

@@ -198,7 +198,7 @@ case_join_is_in_the_log_file() {
 
 case_log_as_json() {
     settings_file '"LogFormat"="json"'
-    start --registry "$work/settings.reg" --log "$work/log"
+    TZ=here3:30 start --registry "$work/settings.reg" --log "$work/log"
     ask 'POST /media/ HTTP/1.1\r\nHost: x\r\nZem-Id: a"},{\\ b\r\nContent-Length: 20\r\nConnection: close\r\n\r\n\1\0\0\0\5\0\0\0\10\0\0\0\0\0\0\0\0\0\0\0'
     says out 'HTTP/1.1 200 OK'
     stop TERM
@@ -206,7 +206,9 @@ case_log_as_json() {
 import datetime, json, sys
 records = [json.loads(line) for line in open(sys.argv[1], encoding='utf-8')]
 for record in records:
-    datetime.datetime.fromisoformat(record['time']).utcoffset().total_seconds()
+    time = datetime.datetime.fromisoformat(record['time'])
+    assert time.utcoffset() == -datetime.timedelta(hours=3, minutes=30), record
+    assert abs(time - datetime.datetime.now(datetime.timezone.utc)) < datetime.timedelta(hours=1), record
     assert record['thread'] > 0 and record['level'], record
 unknown = [r for r in records if 'Unknown client' in r['message']]
 assert len(unknown) == 1 and unknown[0]['message'].startswith('a"},{\\ b: '), records
