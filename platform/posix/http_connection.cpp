@@ -20,7 +20,6 @@ namespace posix {
 constexpr uint32_t kSlotBits = 20;
 constexpr uint32_t kBlockSize = 256;
 constexpr uint32_t kBlocks = (1u << kSlotBits) / kBlockSize;
-constexpr uint32_t kWatched = EPOLLIN | EPOLLRDHUP | EPOLLET;
 
 // Blocks are added and never taken away, so a slot is found without a lock.
 class CConnectionSlab {
@@ -106,6 +105,9 @@ bool CHttpConnection::Open(int fd, CRequestQueue* queue, const CSocketAddress& r
     c->m_phase = EPhase::Reading;
     c->m_connection_id = c->NextId();
     c->m_unparsed = c->m_drained = c->m_broken = c->m_watches_out = false;
+    c->m_lane = 0;
+    c->m_lane_changes = 0;
+    c->m_requests = 0;
     c->m_window_open = c->m_slow = false;
     c->m_low_water = 1;
     c->m_hangup.store(false);
@@ -118,7 +120,7 @@ bool CHttpConnection::Open(int fd, CRequestQueue* queue, const CSocketAddress& r
     port->EnsureTick(CCompletionPort::ETick::Slow);
     c->SetDeadline(HttpTune()->idle_ms);
     // From here on an event may come; the connection is ours until Release.
-    if (!port->Add(fd, kWatched, c)) {
+    if (!port->Lanes().Add(0, fd, kWatched, c)) {
         c->Dispose();
         return false;
     }

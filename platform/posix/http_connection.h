@@ -10,6 +10,8 @@
 // belongs to the owner.
 #pragma once
 
+#include <sys/epoll.h>
+
 #include <atomic>
 #include <memory>
 
@@ -137,6 +139,8 @@ private:
     EStep RunSending();
     void FinishResponse();
     EStep NextRequest();
+    void WatchOut();
+    bool GoHome();
     EStep CloseGently(bool linger);
 
     // http_stall.cpp
@@ -151,6 +155,8 @@ private:
     std::atomic<uint64_t> m_deadline{0};  // of ClockMs; 0: none
     std::atomic<uint64_t> m_call{0};      // request id in the application's hands
 
+    static constexpr uint32_t kWatched = EPOLLIN | EPOLLRDHUP | EPOLLET;
+
     // The owner's.
     uint32_t m_slot = 0;
     int m_fd = -1;
@@ -164,6 +170,9 @@ private:
     bool m_head_only = false;  // the request is a HEAD
     bool m_broken = false;     // the connection failed in mid-body
     bool m_watches_out = false;
+    int m_lane = 0;               // of the port, where the socket's events come
+    uint32_t m_lane_changes = 0;  // of the port, when the connection last looked for its lane
+    uint32_t m_requests = 0;      // of this connection
     bool m_window_open = false;
     bool m_slow = false;  // the last window of the stall rule showed too little progress
     uint32_t m_low_water = 1;

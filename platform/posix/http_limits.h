@@ -28,6 +28,7 @@ inline constexpr size_t kChunkRoomBytes = 1024;  // for the framing of a chunked
 // A large body is delivered when this much of it, or all, has arrived.
 inline constexpr uint32_t kLowWaterBytes = 1u << 20;
 
+inline constexpr uint32_t kRequestsAtHome = 64;        // before a connection looks for its lane
 inline constexpr int kPipelineTurn = 16;               // requests before others get their turn
 inline constexpr size_t kTurnBytes = 1u << 20;         // sent or discarded before others get theirs
 inline constexpr uint64_t kLongBytes = 256 * 1024;     // others need not wait behind this much

@@ -197,7 +197,7 @@ CListener* CListener::Start(int fd, CRequestQueue* queue, CCompletionPort* port)
     listener->m_queue = queue;
     listener->m_port = port;
     listener->m_paused = false;
-    port->Add(fd, EPOLLIN | EPOLLONESHOT, listener);
+    port->Lanes().Add(0, fd, EPOLLIN | EPOLLONESHOT, listener);
     return listener;
 } catch (const std::bad_alloc&) {
     close(fd);
@@ -213,7 +213,7 @@ void CListener::Stop() {
 }
 
 void CListener::Arm() {
-    m_port->Modify(m_fd, EPOLLIN | EPOLLONESHOT, this);
+    m_port->Lanes().Modify(0, m_fd, EPOLLIN | EPOLLONESHOT, this);
 }
 
 bool CListener::Run(CPacket&) {

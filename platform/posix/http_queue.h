@@ -70,7 +70,7 @@ public:
     const std::atomic<bool>& ClosingMark() const { return *m_closing; }
     // Whether requests wait for a thread or for a receive, so that no client may hold one up.
     bool RequestsWait() {
-        return m_waiting_count.load() > 0 || (!m_port->HasParked() && m_port->WorkWaits());
+        return m_waiting_count.load() > 0 || m_port->IsShortOfWorkers();
     }
     uint32_t WaitingCount() const { return static_cast<uint32_t>(m_waiting_count.load()); }
 

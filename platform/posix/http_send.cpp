@@ -8,6 +8,8 @@
 #include <sys/socket.h>
 #include <syslog.h>
 
+#include <utility>
+
 #include "platform/posix/http_background.h"
 #include "platform/posix/http_clock.h"
 #include "platform/posix/http_connection.h"
@@ -82,13 +84,14 @@ bool CHttpConnection::StartBackground(CSendCursor& cursor, bool blocked) {
     m_phase = EPhase::Sending;
     m_call.store(0);
     SetDeadline(HttpTune()->send_window_ms);
-    CCompletionPort* port = m_queue->Port();
-    if (blocked && !m_watches_out) {
-        m_watches_out = true;
-        port->Modify(m_fd, EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET, this);
-    }
-    if (!blocked || !Release()) port->PushReady(this, EWake::Now);
+    if (blocked) WatchOut();
+    if (!blocked || !Release()) m_queue->Port()->PushReady(this, EWake::Now);
     return true;
+}
+
+void CHttpConnection::WatchOut() {
+    if (std::exchange(m_watches_out, true)) return;
+    m_queue->Port()->Lanes().Modify(m_lane, m_fd, kWatched | EPOLLOUT, this);
 }
 
 ULONG CHttpConnection::AbortResponse(ESent result, bool began) {
@@ -107,10 +110,7 @@ CHttpConnection::EStep CHttpConnection::RunSending() {
             m_background.reset();
             return m_close ? CloseGently(false) : NextRequest();
         case ESent::Blocked:
-            if (!m_watches_out) {
-                m_watches_out = true;
-                m_queue->Port()->Modify(m_fd, EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET, this);
-            }
+            WatchOut();
             return Release() ? EStep::Gone : EStep::Again;
         case ESent::Turn:
             m_queue->Port()->PushReady(this, EWake::Now);
@@ -143,7 +143,7 @@ CHttpConnection::EStep CHttpConnection::NextRequest() {
     m_head_bytes = m_body_begin = m_body_end = 0;
     m_window_open = m_slow = false;
     SetLowWater(1);
-    if (m_broken) return Die();
+    if (m_broken || !GoHome()) return Die();
     if (!m_decoder.Done()) {
         m_phase = EPhase::Draining;
         SetDeadline(HttpTune()->drain_ms);
@@ -161,6 +161,20 @@ CHttpConnection::EStep CHttpConnection::NextRequest() {
     // is long gone.
     if (m_hangup.load() || !m_drained) return EStep::Again;
     return Release() ? EStep::Gone : EStep::Again;
+}
+
+// Packets come to another processor when the client's thread or the network card says so: now and
+// then a connection looks whether it is still in the right lane. False: it can no longer be
+// watched.
+bool CHttpConnection::GoHome() {
+    CPortLanes& lanes = m_queue->Port()->Lanes();
+    const uint32_t changes = lanes.Changes();
+    if (++m_requests % kRequestsAtHome != 0 && changes == m_lane_changes) return true;
+    m_lane_changes = changes;
+    const int home = lanes.HomeOf(m_fd, m_lane);
+    if (home == m_lane) return true;
+    const int from = std::exchange(m_lane, home);
+    return lanes.Move(from, home, m_fd, m_watches_out ? kWatched | EPOLLOUT : kWatched, this);
 }
 
 // A socket that is closed with bytes unread resets the connection, which can destroy the response

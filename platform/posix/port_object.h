@@ -1,12 +1,6 @@
-// The completion port: an epoll instance, the packets that were posted, and the targets that are
-// ready to be run. A worker that waits here runs the targets itself; what a run completes is the
-// packet that the worker returns, so nothing is handed from thread to thread. Any thread.
-//
-// Sleeping and waking: a worker announces itself in m_sleepers, looks at the two queues once more,
-// and only then enters epoll_wait; whoever queues something looks at m_sleepers afterwards. All of
-// these are sequentially consistent, so one of the two always sees the other. A wake is a write to
-// an eventfd that is registered edge-triggered and never read: each write wakes one worker, and a
-// worker that leaves work behind wakes the next.
+// The completion port: the packets that were posted, and the targets whose events its lanes bring.
+// A worker that waits here runs the targets itself; what a run completes is the packet that the
+// worker returns, so nothing is handed from thread to thread. Any thread.
 #pragma once
 
 #include <atomic>
@@ -15,9 +9,8 @@
 #include <mutex>
 
 #include "platform/posix/object.h"
+#include "platform/posix/port_lanes.h"
 #include "platform/posix/port_seats.h"
-
-struct epoll_event;
 
 namespace posix {
 
@@ -26,26 +19,6 @@ struct CPacket {
     ULONG_PTR key = 0;
     OVERLAPPED* overlapped = nullptr;
     DWORD error = NO_ERROR;  // of a failed operation
-};
-
-// Something with a file descriptor in a port. Targets live in storage that is never freed, so a
-// late event may still name one.
-class CPollTarget {
-public:
-    // An event of the target was taken. True: the caller holds the target and must Run it.
-    virtual bool Claim(uint32_t events) = 0;
-    // Does the work of a target that the caller holds, and gives it up. True: packet is filled.
-    virtual bool Run(CPacket& packet) = 0;
-    // A target whose owner is closing is not queued any more but dropped.
-    virtual bool Dying() const { return false; }
-    virtual void Drop() {}
-    // Whether the target works for that owner; asked of a target that is queued.
-    virtual bool Belongs(const void*) const { return false; }
-
-    CPollTarget* m_next_ready = nullptr;
-
-protected:
-    ~CPollTarget() = default;
 };
 
 enum class EWake { Now, Later };
@@ -66,9 +39,8 @@ public:
     // True: packet is filled and must be posted.
     bool RunOnce(int timeout_ms, CPacket& packet);
 
-    bool Add(int fd, uint32_t events, CPollTarget* target);
-    bool Modify(int fd, uint32_t events, CPollTarget* target);
-    void Remove(int fd);
+    // Whom the port's descriptors tell of events. New ones go to lane 0.
+    CPortLanes& Lanes() { return *m_lanes; }
 
     // Queues a target that the caller holds. EWake::Later leaves it to the next worker that comes
     // by, at the latest at the next quick tick: for callers that are workers of this port and will
@@ -77,16 +49,12 @@ public:
     // Takes out the targets that `wanted` accepts, as a list.
     CPollTarget* TakeReady(bool (*wanted)(const CPollTarget*, const void*), const void* context);
 
-    // Whether work waits while no worker does.
-    bool WorkWaits();
-    // Whether a worker is waiting for events now.
-    bool HasSleeper() const { return m_sleepers.load() > 0; }
     // Whether the calling thread's last wait was in this port.
     bool IsWorkerHere() const;
     // The calling worker will be busy with one thing for long.
-    void Invite() { m_seats->Invite(*this); }
-    // Whether a worker is left that only waits to be called.
-    bool HasParked() const { return m_seats->HasParked(); }
+    void Invite() { m_seats->Invite(); }
+    // Whether work waits that nobody will take soon.
+    bool IsShortOfWorkers() const { return !m_seats->HasParked() && m_lanes->WorkWaits(0); }
 
     // The tick: `on_tick` runs on a worker at least every second (slow) or tenth of one (quick),
     // and says which it needs further.
@@ -99,11 +67,6 @@ public:
     void OnClose() override;
 
 private:
-    class CWakeTarget final : public CPollTarget {
-    public:
-        bool Claim(uint32_t) override { return false; }
-        bool Run(CPacket&) override { return false; }
-    };
     class CTickTarget final : public CPollTarget {
     public:
         bool Claim(uint32_t) override { return !m_claimed.exchange(true); }
@@ -120,32 +83,18 @@ private:
     ~CCompletionPort() override;
     bool Init();
     bool TakePacket(CPacket& packet);
-    CPollTarget* PopReady();
-    CPollTarget* Wait(int timeout_ms, bool may_sleep, bool& woken);
-    CPollTarget* ClaimEvents(const epoll_event* events, int count);
-    void Append(CPollTarget* target);
-    void WakeOne();
+    CPollTarget* PopReady(int lane);
     void RunTick();
     void StartTick(ETick tick);
-    bool Queued() const { return m_packet_count.load() > 0 || m_ready_count.load() > 0; }
 
-    std::shared_ptr<CWorkerSeats> m_seats = CWorkerSeats::Create();
-    int m_epoll = -1;
-    int m_wake = -1;
+    // Workers keep both beyond the port's end.
+    std::shared_ptr<CPortLanes> m_lanes = std::make_shared<CPortLanes>();
+    std::shared_ptr<CWorkerSeats> m_seats = CWorkerSeats::Create(m_lanes);
     int m_timer = -1;
-    CWakeTarget m_wake_target;
     CTickTarget m_tick_target;
     ETick (*m_on_tick)(CCompletionPort*) = nullptr;
     std::atomic<int> m_tick{0};
     std::atomic<bool> m_closed{false};
-
-    alignas(64) std::atomic<int32_t> m_sleepers{0};
-    std::atomic<int32_t> m_packet_count{0};
-    std::atomic<int32_t> m_ready_count{0};
-
-    alignas(64) std::mutex m_ready_lock;  // guards the list
-    CPollTarget* m_ready_head = nullptr;
-    CPollTarget* m_ready_tail = nullptr;
 
     alignas(64) std::mutex m_packet_lock;  // guards the packets
     std::deque<CPacket> m_packets;

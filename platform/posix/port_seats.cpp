@@ -10,8 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <thread>
-
-#include "platform/posix/port_object.h"
+#include <utility>
 
 namespace posix {
 namespace {
@@ -20,7 +19,8 @@ constexpr std::chrono::milliseconds kWatch{2};
 constexpr int kQuietWatches = 10;
 constexpr int kStuckWatches = 10;  // of a worker that seems to run: it may lack a processor
 constexpr int kBusyWatches = 5;
-constexpr int kRetryWatches = 500;
+constexpr int kRetryWatches = 2500;
+constexpr int kWindowWatches = 50;
 
 const int kProcessors = std::max(1, static_cast<int>(std::thread::hardware_concurrency()));
 
@@ -44,52 +44,99 @@ char ThreadState(pid_t thread) {
 struct CWorkerSeats::CHere {
     ~CHere() { Leave(); }
     void Leave() {
-        if (const auto left = std::move(seats)) left->Leave(thread);
+        if (const auto left = std::move(seats)) left->Leave(this);
         seats = nullptr;
     }
     std::shared_ptr<CWorkerSeats> seats;
     pid_t thread = 0;
+    std::atomic<int> lane{0};
 };
 
 thread_local CWorkerSeats::CHere CWorkerSeats::t_here;
 
-CWorkerSeats::CWorkerSeats() = default;
+CWorkerSeats::CWorkerSeats(std::shared_ptr<CPortLanes> lanes) : m_lanes(std::move(lanes)) {}
 
-std::shared_ptr<CWorkerSeats> CWorkerSeats::Create() {
-    return std::shared_ptr<CWorkerSeats>(new CWorkerSeats());
+std::shared_ptr<CWorkerSeats> CWorkerSeats::Create(std::shared_ptr<CPortLanes> lanes) {
+    return std::shared_ptr<CWorkerSeats>(new CWorkerSeats(std::move(lanes)));
 }
 
 void CWorkerSeats::StandUp() {
     if (t_here.seats) t_here.Leave();
 }
 
-void CWorkerSeats::Leave(pid_t thread) {
+int CWorkerSeats::LaneHere() const {
+    return t_here.seats.get() == this ? t_here.lane.load(std::memory_order_relaxed) : 0;
+}
+
+void CWorkerSeats::Leave(CHere* here) {
     const std::lock_guard lock(m_lock);
-    m_seats.erase(std::find(m_seats.begin(), m_seats.end(), thread));
-    if (m_seated.fetch_sub(1) == 1) Call();
+    m_seats.erase(std::find(m_seats.begin(), m_seats.end(), here));
+    const int lane = here->lane.load();
+    if (lane != 0) TakeLaneAway(lane);
+    if (m_seated.fetch_sub(1) == 1) {
+        Call(ECall::Needed);
+    } else if (!HasOthers(0, nullptr) && !m_seats.empty()) {
+        // Somebody must see to lane 0, and the fewer work the better: nobody new is called. (With
+        // no seat taken, who was called and is on the way comes to lane 0.)
+        TakeLaneAway(m_seats.back()->lane.load());
+    }
 }
 
 // With the lock held: the calling thread takes a seat that was counted already.
-void CWorkerSeats::Occupy() {
+void CWorkerSeats::Occupy(ECall why) {
     if (t_here.thread == 0) t_here.thread = static_cast<pid_t>(syscall(SYS_gettid));
     t_here.seats = shared_from_this();
-    m_seats.push_back(t_here.thread);
+    t_here.lane.store(0);
+    m_seats.push_back(&t_here);
+    if (why == ECall::Busy && HasOthers(0, &t_here)) GiveLane(&t_here);
+}
+
+// With the lock held: gives a worker of lane 0 a lane of its own, the one after the last such, if
+// there is any left.
+void CWorkerSeats::GiveLane(CHere* here) {
+    if (!m_lanes_help || m_parked.empty()) return;
+    for (int i = 1; i < m_lanes->Count(); ++i) {
+        const int lane = 1 + (m_last_lane + i - 1) % (m_lanes->Count() - 1);
+        if (m_watches[lane].owner) continue;
+        here->lane.store(lane);
+        m_watches[lane] = {};
+        m_watches[lane].owner = here;
+        m_watches[lane].taken = m_watches[lane].window_taken = m_lanes->Taken(lane);
+        m_last_lane = lane;
+        m_lanes->Open(lane);
+        return;
+    }
+}
+
+// With the lock held. The owner may be anywhere; it waits in lane 0 when it comes back.
+void CWorkerSeats::TakeLaneAway(int lane) {
+    m_watches[lane].owner->lane.store(0);
+    m_watches[lane].owner = nullptr;
+    m_lanes->Close(lane);
+}
+
+void CWorkerSeats::TakeLanesAway() {
+    for (int lane = 1; lane < m_lanes->Count(); ++lane)
+        if (m_watches[lane].owner) TakeLaneAway(lane);
 }
 
 // With the lock held: seats the worker that was parked last.
-void CWorkerSeats::Call() {
+void CWorkerSeats::Call(ECall why) {
     if (m_parked.empty() || m_closed) return;
     CParked* parked = m_parked.back();
     m_parked.pop_back();
     m_parked_count.fetch_sub(1);
     m_seated.fetch_add(1);
     parked->seated = true;
+    parked->why = why;
     parked->called.notify_one();
+    // Without a watch nobody would see that the owner of a lane is away.
+    if (m_parked.empty()) TakeLanesAway();
 }
 
-void CWorkerSeats::Sit(CCompletionPort& port) {
+void CWorkerSeats::Sit() {
     if (t_here.seats.get() == this) {
-        if (m_spare.load(std::memory_order_relaxed) && m_spare.exchange(false)) Rest(port);
+        if (m_spare.load(std::memory_order_relaxed) && m_spare.exchange(false)) Rest();
         return;
     }
     StandUp();
@@ -97,22 +144,22 @@ void CWorkerSeats::Sit(CCompletionPort& port) {
     if (m_closed) return;
     if (m_seated.load() == 0) {
         m_seated.fetch_add(1);
-        Occupy();
+        Occupy(ECall::Needed);
         return;
     }
-    Park(port, lock);
+    Park(lock);
 }
 
-void CWorkerSeats::Rest(CCompletionPort& port) {
+void CWorkerSeats::Rest() {
     {
         const std::lock_guard lock(m_lock);
         if (m_seated.load() <= 1 || m_closed) return;
     }
     StandUp();
-    Sit(port);
+    Sit();
 }
 
-void CWorkerSeats::Park(CCompletionPort& port, std::unique_lock<std::mutex>& lock) {
+void CWorkerSeats::Park(std::unique_lock<std::mutex>& lock) {
     CParked me;
     m_parked.push_back(&me);
     m_parked_count.fetch_add(1);
@@ -120,7 +167,7 @@ void CWorkerSeats::Park(CCompletionPort& port, std::unique_lock<std::mutex>& loc
         if (m_parked.front() != &me || !m_watched.load()) {
             me.called.wait(lock);
         } else if (me.called.wait_for(lock, kWatch) == std::cv_status::timeout && !me.seated) {
-            if (Watch(port)) Call();
+            Watch();
         }
     }
     if (!me.seated) {
@@ -128,7 +175,7 @@ void CWorkerSeats::Park(CCompletionPort& port, std::unique_lock<std::mutex>& loc
         m_parked_count.fetch_sub(1);
         return;
     }
-    Occupy();
+    Occupy(me.why);
     // Whoever keeps the watch now does not know yet.
     if (!m_parked.empty()) m_parked.front()->called.notify_one();
 }
@@ -136,54 +183,130 @@ void CWorkerSeats::Park(CCompletionPort& port, std::unique_lock<std::mutex>& loc
 void CWorkerSeats::StartWatch() {
     const std::lock_guard lock(m_lock);
     if (m_watched.exchange(true)) return;
-    m_quiet = m_stuck = m_busy = 0;
-    m_last_taken = m_taken.load() - 1;
+    m_quiet = m_window = 0;
+    m_lanes_help = true;
+    m_last_taken = m_lanes->Taken() - 1;
+    for (int lane = 0; lane < m_lanes->Count(); ++lane) {
+        CLaneWatch& watch = m_watches[lane];
+        watch.taken = watch.window_taken = m_lanes->Taken(lane) - 1;
+        watch.stuck = watch.busy = watch.window_busy = 0;
+    }
     if (!m_parked.empty()) m_parked.front()->called.notify_one();
 }
 
-void CWorkerSeats::Invite(CCompletionPort& port) {
-    if (!HasParked() || t_here.seats.get() != this) return;
-    if (m_seated.load(std::memory_order_relaxed) >= kProcessors || !port.WorkWaits()) return;
+void CWorkerSeats::Invite() {
+    if (t_here.seats.get() != this) return;
+    const int lane = t_here.lane.load();
+    if (!m_lanes->WorkWaits(lane)) return;
+    if (lane != 0) return m_lanes->Share(lane);
+    if (!HasParked() || m_seated.load(std::memory_order_relaxed) >= kProcessors) return;
     const std::lock_guard lock(m_lock);
-    Call();
+    Call(ECall::Needed);
 }
 
-// With the lock held. True: another worker is needed.
-bool CWorkerSeats::Watch(CCompletionPort& port) {
-    const uint64_t taken = m_taken.load();
-    const bool moved = taken != m_last_taken;
-    m_last_taken = taken;
+// With the lock held.
+void CWorkerSeats::Watch() {
     if (++m_since_retry >= kRetryWatches) {
         m_since_retry = 0;
+        m_lanes_help = true;
         if (!IsLast()) m_spare.store(true);
     }
-    if (port.HasSleeper()) {
-        m_stuck = m_busy = 0;
-        m_quiet = moved ? 0 : m_quiet + 1;
-        if (m_quiet < kQuietWatches) return false;
-        m_quiet = 0;
-        // Who takes something after this either sees the mark, or is seen here.
-        m_watched.store(false);
-        if (m_taken.load() != taken) m_watched.store(true);
-        return false;
+    if (IsIdle()) return;
+    bool busy = false;
+    for (int lane = 0; lane < m_lanes->Count(); ++lane)
+        if (IsOpen(lane)) busy |= WatchLane(lane);
+    if (++m_window >= kWindowWatches) CompareLanes();
+    if (!busy) return;
+    if (m_seated.load() < kProcessors) {
+        m_watches[0].busy = 0;
+        Call(ECall::Busy);
+    } else if (HasOthers(0, m_seats.back()) && m_seats.back()->lane.load() == 0) {
+        GiveLane(m_seats.back());
     }
+}
+
+// With the lock held. Lanes help where the packets are spread over the processors. Where one lane
+// has far more than it can do and another next to nothing, they are given up.
+void CWorkerSeats::CompareLanes() {
+    m_window = 0;
+    uint64_t most = 0, least = UINT64_MAX;
+    bool busy = false;
+    for (int lane = 0; lane < m_lanes->Count(); ++lane) {
+        if (!IsOpen(lane)) continue;
+        CLaneWatch& watch = m_watches[lane];
+        const uint64_t taken = watch.taken - std::exchange(watch.window_taken, watch.taken);
+        const bool often = std::exchange(watch.window_busy, 0) >= kWindowWatches / 2;
+        if (taken > most) busy = often;
+        most = std::max(most, taken);
+        least = std::min(least, taken);
+    }
+    if (!busy || least >= most / 8) return;
+    m_lanes_help = false;
+    TakeLanesAway();
+}
+
+// With the lock held. Whether every lane has somebody waiting; after a while the watch ends.
+bool CWorkerSeats::IsIdle() {
+    for (int lane = 0; lane < m_lanes->Count(); ++lane)
+        if (IsOpen(lane) && !m_lanes->HasSleeper(lane)) {
+            m_quiet = 0;
+            return false;
+        }
+    const uint64_t taken = m_lanes->Taken();
+    m_quiet = taken == m_last_taken ? m_quiet + 1 : 0;
+    m_last_taken = taken;
+    for (CLaneWatch& watch : m_watches)
+        watch.stuck = watch.busy = 0;
+    if (m_quiet < kQuietWatches) return true;
     m_quiet = 0;
-    if (!moved) {
-        // Even with no work at hand somebody must wait for it.
-        m_busy = 0;
-        return SeatedSleep() || ++m_stuck >= kStuckWatches;
-    }
-    m_stuck = 0;
-    m_busy = port.WorkWaits() ? m_busy + 1 : 0;
-    if (m_busy < kBusyWatches || m_seated.load() >= kProcessors) return false;
-    m_busy = 0;
+    // Who takes something after this either sees the mark, or is seen here.
+    m_watched.store(false);
+    if (m_lanes->Taken() != taken) m_watched.store(true);
     return true;
 }
 
-// Whether every seated worker waits for something, and so cannot take what waits here.
-bool CWorkerSeats::SeatedSleep() const {
-    return std::all_of(m_seats.begin(), m_seats.end(), [](pid_t thread) {
-        const char state = ThreadState(thread);
+// With the lock held. Whether more work waits in the lane than those who wait there can take. Sees
+// to it that somebody waits there.
+bool CWorkerSeats::WatchLane(int lane) {
+    CLaneWatch& watch = m_watches[lane];
+    const uint64_t taken = m_lanes->Taken(lane);
+    const bool moved = std::exchange(watch.taken, taken) != taken;
+    if (m_lanes->HasSleeper(lane)) {
+        watch.stuck = watch.busy = 0;
+        return false;
+    }
+    if (moved) {
+        watch.stuck = 0;
+        const bool waits = m_lanes->WorkWaits(lane);
+        watch.busy = waits ? watch.busy + 1 : 0;
+        watch.window_busy += waits;
+        return watch.busy >= kBusyWatches;
+    }
+    // Even with no work at hand somebody must wait for it.
+    watch.busy = 0;
+    if (!OccupantsSleep(lane) && ++watch.stuck < kStuckWatches) return false;
+    watch.stuck = 0;
+    if (lane != 0) {
+        TakeLaneAway(lane);
+    } else {
+        Call(ECall::Needed);
+    }
+    return false;
+}
+
+// Whether somebody else than `but` is to wait in the lane.
+bool CWorkerSeats::HasOthers(int lane, const CHere* but) const {
+    return std::any_of(m_seats.begin(), m_seats.end(), [lane, but](const CHere* here) {
+        return here != but && here->lane.load() == lane;
+    });
+}
+
+// Whether everybody who is to wait in the lane waits for something else, and so cannot take what
+// waits here.
+bool CWorkerSeats::OccupantsSleep(int lane) const {
+    return std::all_of(m_seats.begin(), m_seats.end(), [lane](const CHere* here) {
+        if (here->lane.load() != lane) return true;
+        const char state = ThreadState(here->thread);
         return state == 'S' || state == 'D';
     });
 }

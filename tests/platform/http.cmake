@@ -4,10 +4,12 @@ zem_test(platform_http_parts LABEL unit
         ${CMAKE_CURRENT_LIST_DIR}/http_body_test.cpp
         ${CMAKE_CURRENT_LIST_DIR}/http_parser_test.cpp
         ${CMAKE_CURRENT_LIST_DIR}/http_url_test.cpp
+        ${CMAKE_CURRENT_LIST_DIR}/port_lanes_test.cpp
         ${CMAKE_CURRENT_LIST_DIR}/../../platform/posix/http_body.cpp
         ${CMAKE_CURRENT_LIST_DIR}/../../platform/posix/http_names.cpp
         ${CMAKE_CURRENT_LIST_DIR}/../../platform/posix/http_parser.cpp
-        ${CMAKE_CURRENT_LIST_DIR}/../../platform/posix/http_url.cpp)
+        ${CMAKE_CURRENT_LIST_DIR}/../../platform/posix/http_url.cpp
+        ${CMAKE_CURRENT_LIST_DIR}/../../platform/posix/port_lanes.cpp)
 zem_test(platform_http LABEL platform
     SOURCES
         ${CMAKE_CURRENT_LIST_DIR}/http_cooked_test.cpp

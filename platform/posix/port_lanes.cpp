@@ -1,0 +1,241 @@
+// Waiting and waking. Run by every worker of a port, and by whoever queues something.
+#include "platform/posix/port_lanes.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <thread>
+
+namespace posix {
+namespace {
+
+constexpr int kBatch = 8;
+
+bool Control(int epoll, int operation, int fd, uint32_t events, CPollTarget* target) {
+    epoll_event event{};
+    event.events = events;
+    event.data.ptr = target;
+    return epoll_ctl(epoll, operation, fd, &event) == 0;
+}
+
+}  // namespace
+
+bool CReadyList::Push(CPollTarget* target) {
+    target->m_next_ready = nullptr;
+    {
+        const std::lock_guard lock(m_lock);
+        // Asked under the lock that the closing queue takes to collect its targets.
+        if (!target->Dying()) {
+            (m_tail ? m_tail->m_next_ready : m_head) = target;
+            m_tail = target;
+            m_count.fetch_add(1);
+            return true;
+        }
+    }
+    target->Drop();
+    return false;
+}
+
+CPollTarget* CReadyList::Pop() {
+    if (Empty()) return nullptr;
+    const std::lock_guard lock(m_lock);
+    CPollTarget* target = m_head;
+    if (!target) return nullptr;
+    m_head = target->m_next_ready;
+    if (!m_head) m_tail = nullptr;
+    m_count.fetch_sub(1);
+    return target;
+}
+
+CPollTarget* CReadyList::Take(bool (*wanted)(const CPollTarget*, const void*), const void* context,
+                              CPollTarget* taken) {
+    const std::lock_guard lock(m_lock);
+    CPollTarget** link = &m_head;
+    m_tail = nullptr;
+    while (CPollTarget* target = *link) {
+        if (wanted(target, context)) {
+            *link = target->m_next_ready;
+            target->m_next_ready = taken;
+            taken = target;
+            m_count.fetch_sub(1);
+        } else {
+            m_tail = target;
+            link = &target->m_next_ready;
+        }
+    }
+    return taken;
+}
+
+CPortLanes::~CPortLanes() {
+    for (CLane& lane : m_lanes)
+        for (const int fd : {lane.wake, lane.epoll})
+            if (fd >= 0) close(fd);
+}
+
+bool CPortLanes::Init(int count) {
+    if (count == 0) count = static_cast<int>(std::thread::hardware_concurrency());
+    m_count = std::clamp(count, 1, kMost);
+    for (int i = 0; i < m_count; ++i) {
+        CLane& lane = m_lanes[i];
+        lane.epoll = epoll_create1(EPOLL_CLOEXEC);
+        lane.wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        lane.nested.Set(this, i);
+        if (lane.epoll < 0 || lane.wake < 0 ||
+            !Add(i, lane.wake, EPOLLIN | EPOLLET, &m_wake_target) ||
+            (i > 0 && !Add(0, lane.epoll, EPOLLIN, &lane.nested)))
+            return false;
+    }
+    return true;
+}
+
+bool CPortLanes::Add(int lane, int fd, uint32_t events, CPollTarget* target) {
+    return Control(m_lanes[lane].epoll, EPOLL_CTL_ADD, fd, events, target);
+}
+
+bool CPortLanes::Modify(int lane, int fd, uint32_t events, CPollTarget* target) {
+    return Control(m_lanes[lane].epoll, EPOLL_CTL_MOD, fd, events, target);
+}
+
+bool CPortLanes::Move(int from, int to, int fd, uint32_t events, CPollTarget* target) {
+    Control(m_lanes[from].epoll, EPOLL_CTL_DEL, fd, 0, nullptr);
+    return Add(to, fd, events, target);
+}
+
+int CPortLanes::HomeOf(int socket, int lane) const {
+    const uint32_t open = m_open.load(std::memory_order_relaxed);
+    if (open == 0) return 0;
+    int processor = -1;
+    socklen_t length = sizeof processor;
+    if (getsockopt(socket, SOL_SOCKET, SO_INCOMING_CPU, &processor, &length) != 0 || processor < 0)
+        return lane;
+    const int home = processor % m_count;
+    return open >> home & 1 ? home : 0;
+}
+
+// The only one who waits in a lane takes several events at once; while others wait too, each takes
+// one.
+CPollTarget* CPortLanes::Wait(int lane, int timeout_ms, bool may_sleep, bool* idle) {
+    CLane& here = m_lanes[lane];
+    epoll_event events[kBatch];
+    *idle = false;
+    int limit = kBatch;
+    if (may_sleep) {
+        limit = here.sleepers.fetch_add(1) == 0 ? kBatch : 1;
+        if (Queued(lane) || m_shut.load() || !IsOpen(lane)) {
+            here.sleepers.fetch_sub(1);
+            return nullptr;
+        }
+    }
+    const int count = epoll_wait(here.epoll, events, limit, timeout_ms);
+    if (may_sleep) here.sleepers.fetch_sub(1);
+    *idle = count == 0;
+    if (count <= 0) return nullptr;
+    CPollTarget* first = Claim(lane, events, count);
+    // Whoever was woken for what anybody may do, but got something else to do, passes the wake on.
+    if (first && (HasPackets() || !m_shared.Empty())) WakeAny();
+    return first;
+}
+
+// Returns the first and queues the others.
+CPollTarget* CPortLanes::Claim(int lane, const epoll_event* events, int count) {
+    CPollTarget* first = nullptr;
+    bool left = false;
+    for (int i = 0; i < count; ++i) {
+        auto* target = static_cast<CPollTarget*>(events[i].data.ptr);
+        if (!target->Claim(events[i].events)) continue;
+        if (!first) {
+            first = target;
+        } else {
+            left |= m_lanes[lane].ready.Push(target);
+        }
+    }
+    if (left && HasSleeper(lane)) Wake(lane);
+    return first;
+}
+
+bool CPortLanes::CNestedTarget::Claim(uint32_t) {
+    epoll_event events[kBatch];
+    const int count = epoll_wait(m_lanes->m_lanes[m_lane].epoll, events, kBatch, 0);
+    CPollTarget* first = count > 0 ? m_lanes->Claim(0, events, count) : nullptr;
+    if (first) m_lanes->m_lanes[0].ready.Push(first);
+    return false;
+}
+
+void CPortLanes::Push(CPollTarget* target, bool wake) {
+    if (m_shared.Push(target) && wake) WakeAny();
+}
+
+CPollTarget* CPortLanes::Pop(int lane) {
+    CPollTarget* target = m_lanes[lane].ready.Pop();
+    return target ? target : m_shared.Pop();
+}
+
+// The shared list comes last: targets move there from the others.
+CPollTarget* CPortLanes::Take(bool (*wanted)(const CPollTarget*, const void*),
+                              const void* context) {
+    CPollTarget* taken = nullptr;
+    for (int i = 0; i < m_count; ++i)
+        taken = m_lanes[i].ready.Take(wanted, context, taken);
+    return m_shared.Take(wanted, context, taken);
+}
+
+void CPortLanes::Share(int lane) {
+    bool any = false;
+    while (CPollTarget* target = m_lanes[lane].ready.Pop())
+        any |= m_shared.Push(target);
+    if (any) WakeAny();
+}
+
+void CPortLanes::Wake(int lane) {
+    const uint64_t one = 1;
+    while (write(m_lanes[lane].wake, &one, sizeof one) < 0 && errno == EINTR) {
+    }
+}
+
+void CPortLanes::WakeAny() {
+    for (int i = 0; i < m_count; ++i)
+        if (HasSleeper(i)) return Wake(i);
+}
+
+void CPortLanes::Open(int lane) {
+    Control(m_lanes[0].epoll, EPOLL_CTL_DEL, m_lanes[lane].epoll, 0, nullptr);
+    m_open.fetch_or(1u << lane);
+    m_changes.fetch_add(1);
+}
+
+// Whoever still waits in the lane is told before others can take the wake; what was left in the
+// lane's list is shared.
+void CPortLanes::Close(int lane) {
+    m_open.fetch_and(~(1u << lane));
+    m_changes.fetch_add(1);
+    if (HasSleeper(lane)) Wake(lane);
+    Add(0, m_lanes[lane].epoll, EPOLLIN, &m_lanes[lane].nested);
+    Share(lane);
+}
+
+bool CPortLanes::HasSleeper() const {
+    for (int i = 0; i < m_count; ++i)
+        if (HasSleeper(i)) return true;
+    return false;
+}
+
+bool CPortLanes::WorkWaits(int lane) const {
+    if (HasSleeper(lane)) return false;
+    if (Queued(lane)) return true;
+    pollfd fd{m_lanes[lane].epoll, POLLIN, 0};
+    return poll(&fd, 1, 0) > 0;
+}
+
+uint64_t CPortLanes::Taken() const {
+    uint64_t taken = 0;
+    for (int i = 0; i < m_count; ++i)
+        taken += Taken(i);
+    return taken;
+}
+
+}  // namespace posix

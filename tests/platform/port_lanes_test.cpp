@@ -1,0 +1,214 @@
+// The lanes of a completion port: an event comes exactly to somebody, whatever lane it came in,
+// whoever opens and closes it, and wherever its descriptor moves meanwhile.
+#include <gtest/gtest.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <random>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "platform/posix/port_lanes.h"
+
+namespace posix {
+namespace {
+
+constexpr uint32_t kEvents = EPOLLIN | EPOLLET;
+
+// A counter that is written to and taken from, owned by one thread at a time as a connection is.
+class CCounter final : public CPollTarget {
+public:
+    CCounter() : m_fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+    ~CCounter() { close(m_fd); }
+    bool Claim(uint32_t) override {
+        int state = m_state.load();
+        for (;;) {
+            if (state == kOwnedEvent) return false;
+            const int next = state == kIdle ? kOwned : kOwnedEvent;
+            if (m_state.compare_exchange_weak(state, next)) return next == kOwned;
+        }
+    }
+    bool Run(CPacket&) override { return false; }
+
+    int Fd() const { return m_fd; }
+    void Write() const {
+        const uint64_t one = 1;
+        EXPECT_EQ(write(m_fd, &one, sizeof one), static_cast<ssize_t>(sizeof one));
+    }
+    // By the owner.
+    uint64_t Read() const {
+        uint64_t value = 0;
+        return read(m_fd, &value, sizeof value) == sizeof value ? value : 0;
+    }
+    // False: something came meanwhile, look again.
+    bool Release() {
+        int state = kOwned;
+        if (m_state.compare_exchange_strong(state, kIdle)) return true;
+        m_state.store(kOwned);
+        return false;
+    }
+    int m_lane = 0;
+
+private:
+    static constexpr int kIdle = 0, kOwned = 1, kOwnedEvent = 2;
+    int m_fd;
+    std::atomic<int> m_state{kIdle};
+};
+
+class PortLanes : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(m_lanes.Init(3));
+        ASSERT_TRUE(m_lanes.Add(0, m_counter.Fd(), kEvents, &m_counter));
+    }
+    CPollTarget* Look(int lane) {
+        bool idle;
+        CPollTarget* target = m_lanes.Wait(lane, 0, false, &idle);
+        return target ? target : m_lanes.Pop(lane);
+    }
+
+    CPortLanes m_lanes;
+    CCounter m_counter;
+};
+
+TEST_F(PortLanes, AnEventOfAClosedLaneComesThroughLaneZero) {
+    ASSERT_TRUE(m_lanes.Move(0, 2, m_counter.Fd(), kEvents, &m_counter));
+    m_counter.Write();
+    EXPECT_EQ(Look(0), &m_counter);
+}
+
+TEST_F(PortLanes, AnEventOfAnOpenLaneComesThereOnly) {
+    m_lanes.Open(1);
+    ASSERT_TRUE(m_lanes.Move(0, 1, m_counter.Fd(), kEvents, &m_counter));
+    m_counter.Write();
+    EXPECT_EQ(Look(0), nullptr);
+    EXPECT_EQ(Look(2), nullptr);
+    EXPECT_EQ(Look(1), &m_counter);
+}
+
+TEST_F(PortLanes, AMoveAnnouncesAgainWhatCameBefore) {
+    m_counter.Write();
+    m_lanes.Open(1);
+    ASSERT_TRUE(m_lanes.Move(0, 1, m_counter.Fd(), kEvents, &m_counter));
+    EXPECT_EQ(Look(1), &m_counter);
+    EXPECT_EQ(Look(0), nullptr);
+}
+
+TEST_F(PortLanes, WhatWaitsInALaneThatClosesIsForAnybody) {
+    CCounter second;
+    m_lanes.Open(1);
+    ASSERT_TRUE(m_lanes.Move(0, 1, m_counter.Fd(), kEvents, &m_counter));
+    ASSERT_TRUE(m_lanes.Add(1, second.Fd(), kEvents, &second));
+    m_counter.Write();
+    second.Write();
+    bool idle;
+    ASSERT_NE(m_lanes.Wait(1, 0, false, &idle), nullptr);
+    EXPECT_EQ(m_lanes.Pop(2), nullptr);
+    m_lanes.Close(1);
+    EXPECT_NE(m_lanes.Pop(2), nullptr);
+    EXPECT_EQ(m_lanes.Pop(2), nullptr);
+}
+
+TEST_F(PortLanes, NobodyFallsAsleepInAClosedLane) {
+    m_lanes.Open(1);
+    std::thread sleeper([&] {
+        for (bool open = true; open;) {
+            bool idle;
+            m_lanes.Wait(1, -1, true, &idle);
+            open = m_lanes.HomeOf(-1, 1) != 0;  // with no lane open every home is lane 0
+        }
+    });
+    while (!m_lanes.HasSleeper(1))
+        std::this_thread::yield();
+    m_lanes.Close(1);
+    sleeper.join();
+    bool idle = true;
+    EXPECT_EQ(m_lanes.Wait(1, -1, true, &idle), nullptr);
+    EXPECT_FALSE(idle);
+}
+
+TEST_F(PortLanes, WhatIsPushedWakesASleeperInWhateverLane) {
+    m_lanes.Open(2);
+    CPollTarget* got = nullptr;
+    std::thread sleeper([&] {
+        while (!(got = m_lanes.Pop(2))) {
+            bool idle;
+            m_lanes.Wait(2, -1, true, &idle);
+        }
+    });
+    while (!m_lanes.HasSleeper(2))
+        std::this_thread::yield();
+    m_counter.Write();
+    ASSERT_EQ(Look(0), &m_counter);
+    m_lanes.Push(&m_counter, true);
+    sleeper.join();
+    EXPECT_EQ(got, &m_counter);
+}
+
+// Workers in every lane; two of the lanes open and close all the time, and whoever has a counter in
+// hand moves it on. Every write is read by somebody: who misses one would wait for ever.
+TEST_F(PortLanes, NoEventIsLostWhileLanesComeAndGo) {
+    constexpr int kCounters = 24;
+    constexpr uint64_t kWrites = 20000;
+    const auto seed = std::random_device{}();
+    SCOPED_TRACE(testing::Message() << "seed " << seed);
+    std::vector<CCounter> counters(kCounters);
+    for (CCounter& counter : counters)
+        ASSERT_TRUE(m_lanes.Add(0, counter.Fd(), kEvents, &counter));
+    std::atomic<uint64_t> read{0};
+    std::atomic<bool> done{false};
+    const auto work = [&](int lane) {
+        std::minstd_rand random(seed + static_cast<unsigned>(lane));
+        while (!done.load()) {
+            auto* counter = static_cast<CCounter*>(m_lanes.Pop(lane));
+            bool idle;
+            if (!counter)
+                counter =
+                    static_cast<CCounter*>(m_lanes.Wait(lane, lane == 0 ? -1 : 20, true, &idle));
+            if (!counter) continue;
+            do {
+                read += counter->Read();
+                if (random() % 8 == 0) {
+                    const int to = static_cast<int>(random() % 3);
+                    const int from = std::exchange(counter->m_lane, to);
+                    if (from != to) {
+                        EXPECT_TRUE(m_lanes.Move(from, to, counter->Fd(), kEvents, counter));
+                    }
+                }
+                if (random() % 16 == 0 && read.load() < kWrites) {
+                    m_lanes.Push(counter, true);
+                    break;
+                }
+            } while (!counter->Release());
+            if (read.load() >= kWrites) {
+                done.store(true);
+                m_lanes.Shut();
+            }
+        }
+        m_lanes.WakeAny();
+    };
+    std::vector<std::thread> threads;
+    for (int lane : {0, 1, 2})
+        threads.emplace_back(work, lane);
+    threads.emplace_back([&] {
+        while (!done.load()) {
+            for (int lane : {1, 2}) {
+                m_lanes.Open(lane);
+                std::this_thread::yield();
+                m_lanes.Close(lane);
+            }
+        }
+    });
+    std::minstd_rand random(seed);
+    for (uint64_t i = 0; i < kWrites; ++i)
+        counters[random() % kCounters].Write();
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(read.load(), kWrites);
+}
+
+}  // namespace
+}  // namespace posix
