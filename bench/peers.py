@@ -70,10 +70,13 @@ class ZemHost:
         self.client.join(0)
 
     def create(self, name):
-        token = self.client.create(name, desc=wire.es_desc(), flags=0x13)
-        if not token:
-            raise BenchError(f'zemhost did not create {name}')
-        return token
+        # The frames of a client that left may still be on their way into the same file.
+        for _ in range(200):
+            token = self.client.create(name, desc=wire.es_desc(), flags=0x13)
+            if token:
+                return token
+            time.sleep(0.05)
+        raise BenchError(f'zemhost did not create {name}')
 
     def open(self, name):
         token = self.client.open(name)
