@@ -218,12 +218,6 @@ void CPortLanes::Close(int lane) {
     Share(lane);
 }
 
-bool CPortLanes::HasSleeper() const {
-    for (int i = 0; i < m_count; ++i)
-        if (HasSleeper(i)) return true;
-    return false;
-}
-
 bool CPortLanes::WorkWaits(int lane) const {
     if (HasSleeper(lane)) return false;
     if (Queued(lane)) return true;

@@ -122,7 +122,6 @@ public:
 
     // Whether somebody waits for events in the lane now.
     bool HasSleeper(int lane) const { return m_lanes[lane].sleepers.load() > 0; }
-    bool HasSleeper() const;
     // Whether something waits in the lane while nobody does.
     bool WorkWaits(int lane) const;
 
