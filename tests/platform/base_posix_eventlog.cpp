@@ -32,6 +32,15 @@ extern "C" [[gnu::visibility("default")]] void syslog(int priority, const char* 
     va_end(args);
 }
 
+// What a hardened build calls instead.
+extern "C" [[gnu::visibility("default")]] void __syslog_chk(int priority, int, const char* format,
+                                                            ...) {
+    va_list args;
+    va_start(args, format);
+    Record(priority, format, args);
+    va_end(args);
+}
+
 std::vector<std::string> TakeSyslogLines() {
     const std::lock_guard guard(g_lock);
     return std::exchange(g_lines, {});
