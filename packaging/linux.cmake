@@ -49,6 +49,7 @@ configure_file(packaging/zemhttpd.pc.in ${CMAKE_BINARY_DIR}/packaging/zemhttpd.p
 install(FILES ${CMAKE_BINARY_DIR}/packaging/zemhttpd.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 install(FILES packaging/zemhost.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+install(FILES packaging/zemfsck.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES README.md ARCHITECTURE.md packaging/deb/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES clients/python/zemclient.py DESTINATION ${CMAKE_INSTALL_DOCDIR}/clients/python)

@@ -229,21 +229,4 @@ case_log_is_opened_again_at_sigusr1() {
     if grep -q 'Joining' "$work/log.old"; then fail 'the old file is written to'; fi
 }
 
-# Every option and exit code of --help is on the manual page, and no other.
-
-case_manual_page() {
-    page=$source_dir/packaging/zemhost.8
-    "$zemhost" --help | grep -oE '^  --[a-z]+' | tr -d ' ' | sort >"$work/out"
-    sed -n '/^\.SH OPTIONS/,/^\.SH SIGNALS/p' "$page" | grep -E '^\.BI? \\-\\-' | sed 's/\\//g' | grep -oE -- '--[a-z]+' |
-        sort | cmp - "$work/out" || fail 'the page has other options than --help'
-    codes=$(sed -n '/^\.SH EXIT STATUS/,/^\.SH FILES/p' "$page" | grep -oE '^\.B [0-9]' | cut -c4-)
-    for code in $codes; do "$zemhost" --help | tr '\n' ' ' | grep -qE "[:;] $code " || fail "--help has no exit code $code"; done
-    [ "$(wc -w <<<"$codes")" -eq 5 ] || fail 'the page lacks exit codes'
-    if command -v man >/dev/null; then
-        # A minimised system has a stand-in for man that says so.
-        warnings=$(LC_ALL=C.UTF-8 MANROFFSEQ='' MANWIDTH=80 man --warnings -E UTF-8 -l -Tutf8 -Z "$page" 2>&1 >/dev/null)
-        [ -z "$warnings" ] || fail "man warns: $warnings"
-    fi
-}
-
 run_case

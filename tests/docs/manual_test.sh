@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# manual_test.sh PROGRAM PAGE: every option and exit code of --help is on the manual page and no other, and man has nothing
+# to say against the page.
+set -euo pipefail
+program=$1 page=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+fail() {
+    printf 'FAILED: %s\n' "$1"
+    exit 1
+}
+
+"$program" --help >"$work/help"
+grep -oE '^  --[a-z]+' "$work/help" | tr -d ' ' | sort >"$work/told"
+[ -s "$work/told" ] || fail '--help tells no options'
+sed -n '/^\.SH OPTIONS/,/^\.SH [^O]/p' "$page" | sed -n '/^\.BI\{0,1\} /s/\\//gp' | grep -oE -- '--[a-z]+' | sort -u >"$work/listed"
+diff "$work/told" "$work/listed" || fail 'the page has other options than --help'
+
+# "Exit codes: 0 this; 1 that" in the last lines of --help.
+tr '\n' ' ' <"$work/help" | sed 's/.*Exit code//' | grep -oE '[:;,] [0-9] ' | tr -dc '0-9\n' >"$work/told"
+[ -s "$work/told" ] || fail '--help tells no exit codes'
+sed -n '/^\.SH EXIT STATUS/,/^\.SH [^E]/p' "$page" | sed -n 's/^\.B \([0-9]\)$/\1/p' >"$work/listed"
+diff "$work/told" "$work/listed" || fail 'the page has other exit codes than --help'
+
+if command -v man >/dev/null; then
+    said=$(LC_ALL=C.UTF-8 MANROFFSEQ='' MANWIDTH=80 man --warnings -E UTF-8 -l -Tutf8 -Z "$page" 2>&1 >/dev/null)
+    [ -z "$said" ] || fail "man says: $said"
+fi
