@@ -32,7 +32,6 @@ public:
     bool Writable() const override { return false; }
     FileIdentity Identity() const override { return m_source.Identity(); }
     bool Cached(uint64_t, size_t) override { return false; }
-    void Prefetch(uint64_t, uint64_t) override {}
     void* MapView(uint64_t, size_t) override { return nullptr; }
     void UnmapView(void*) override {}
 

@@ -1,4 +1,4 @@
-// The request queue with its two priorities, and the form of asynchronous I/O that needs nothing
+// The request queue with its two sides, and the form of asynchronous I/O that needs nothing
 // but threads.
 #include "mediaio/store/asyncio.h"
 
@@ -33,6 +33,10 @@ void PerformIo(IoRequest& request) {
     }
 }
 
+bool OfRealTimeSide(const IoRequest& request) {
+    return request.realTime && request.op != IoOp::kSync;
+}
+
 void CIoQueue::Lane::Append(IoRequest& request) {
     request.next = nullptr;
     *last = &request;
@@ -49,25 +53,66 @@ IoRequest* CIoQueue::Lane::Take() {
 
 CIoQueue::Lane& CIoQueue::LaneOf(const IoRequest& request) {
     if (request.op == IoOp::kSync) return m_sync;
+    if (request.ahead) return request.realTime ? m_realTimeAhead : m_backgroundAhead;
     return request.realTime ? m_realTime : m_background;
 }
 
-void CIoQueue::Push(IoRequest& request, std::chrono::steady_clock::time_point now) {
-    if (request.realTime) m_lastRealTime = now;
+void CIoQueue::Push(IoRequest& request, Clock::time_point now) {
+    if (OfRealTimeSide(request)) RealTimeSeen(now);
     LaneOf(request).Append(request);
 }
 
-IoRequest* CIoQueue::Pick(std::chrono::steady_clock::time_point now) {
-    if (m_realTime.first != nullptr && m_realTime.active < kRealTimeLimit) return m_realTime.Take();
+bool CIoQueue::RealTimeActive(Clock::time_point now) const {
+    if (m_realTime.active != 0 || m_reads != 0) return true;
+    const Clock::duration last{m_lastRealTime.load(std::memory_order_relaxed)};
+    return now.time_since_epoch() - last < kRealTimeMemory;
+}
+
+IoRequest* CIoQueue::Pick(bool realTime, Clock::time_point now) {
+    if (realTime) {
+        if (m_realTime.first != nullptr && m_realTime.active < kRealTimeLimit)
+            return m_realTime.Take();
+        // What is wanted now is never behind what may be wanted soon.
+        const bool quiet = m_realTime.active == 0 && m_realTimeAhead.active < kRealTimeAheadLimit;
+        return m_realTimeAhead.first != nullptr && quiet ? m_realTimeAhead.Take() : nullptr;
+    }
     if (m_sync.first != nullptr && m_sync.active < kSyncLimit) return m_sync.Take();
-    const bool realTimeActive = m_realTime.active != 0 || now - m_lastRealTime < kRealTimeMemory;
-    const unsigned limit = realTimeActive ? 1 : kBackgroundLimit;
-    if (m_background.first != nullptr && m_background.active < limit) return m_background.Take();
-    return nullptr;
+    Lane& lane = m_background.first != nullptr ? m_background : m_backgroundAhead;
+    if (lane.first == nullptr || !BackgroundMayStart(now)) return nullptr;
+    m_oneMay = false;
+    return lane.Take();
+}
+
+bool CIoQueue::BackgroundMayStart(Clock::time_point now) const {
+    if (!RealTimeActive(now)) return BackgroundActive() < kBackgroundLimit;
+    return BackgroundActive() == 0 && (m_reads == 0 || m_oneMay);
+}
+
+// The others must not starve behind a client that reads without a pause.
+void CIoQueue::BeginRealTimeRead(Clock::time_point now) {
+    RealTimeSeen(now);
+    ++m_reads;
+    if (BackgroundActive() == 0) m_oneMay = true;
+}
+
+IoRequest* CIoQueue::Pick(Clock::time_point now) {
+    IoRequest* const request = Pick(true, now);
+    return request != nullptr ? request : Pick(false, now);
 }
 
 void CIoQueue::Finished(const IoRequest& request) {
     --LaneOf(request).active;
+}
+
+bool CIoQueue::Empty(bool realTime) const {
+    if (realTime) return m_realTime.first == nullptr && m_realTimeAhead.first == nullptr;
+    return m_background.first == nullptr && m_backgroundAhead.first == nullptr &&
+           m_sync.first == nullptr;
+}
+
+unsigned CIoQueue::InFlight(bool realTime) const {
+    if (realTime) return m_realTime.active + m_realTimeAhead.active;
+    return m_background.active + m_backgroundAhead.active + m_sync.active;
 }
 
 namespace {
@@ -78,22 +123,28 @@ public:
     ~CThreadIo() override;
     void Submit(IoRequest& request) override;
     const char* Kind() const override { return "threads"; }
+    void RealTimeSeen() override { m_core->queue.RealTimeSeen(CIoQueue::Clock::now()); }
+    void BeginRealTimeRead() override;
+    void EndRealTimeRead() override;
 
 private:
-    // The limits leave at least one thread for the real-time client.
-    static constexpr unsigned kThreads = CIoQueue::kBackgroundLimit + 2;
+    static constexpr unsigned kRealTimeThreads = CIoQueue::kRealTimeLimit;
+    static constexpr unsigned kThreads = kRealTimeThreads + CIoQueue::kBackgroundLimit;
 
     struct Core {
         ~Core() {
             if (scratch != nullptr) ReleaseReservation(scratch, kThreads * kScratchSize);
         }
+        std::condition_variable& WorkOf(bool realTime) { return realTime ? urgent : work; }
         std::mutex lock;
+        std::condition_variable urgent;  // of the real-time side
         std::condition_variable work;
         CIoQueue queue;
         bool stop = false;
         char* scratch = nullptr;
     };
     static void Run(std::shared_ptr<Core> core, unsigned index);
+    void Stop();
 
     std::shared_ptr<Core> m_core;
     std::vector<std::thread> m_threads;
@@ -107,15 +158,22 @@ CThreadIo::CThreadIo() : m_core(std::make_shared<Core>()) {
         for (unsigned i = 0; i < kThreads; ++i)
             m_threads.emplace_back(Run, m_core, i);
     } catch (const std::system_error&) {
-        if (m_threads.empty()) throw;
+        if (m_threads.size() >= 2) return;  // one of each side
+        Stop();
+        throw;
     }
 }
 
 CThreadIo::~CThreadIo() {
+    Stop();
+}
+
+void CThreadIo::Stop() {
     {
         std::lock_guard hold(m_core->lock);
         m_core->stop = true;
     }
+    m_core->urgent.notify_all();
     m_core->work.notify_all();
     for (std::thread& thread : m_threads) {
         if (thread.get_id() == std::this_thread::get_id()) {
@@ -127,22 +185,36 @@ CThreadIo::~CThreadIo() {
 }
 
 void CThreadIo::Submit(IoRequest& request) {
+    const bool realTime = OfRealTimeSide(request);
     {
         std::lock_guard hold(m_core->lock);
-        m_core->queue.Push(request, std::chrono::steady_clock::now());
+        m_core->queue.Push(request, CIoQueue::Clock::now());
     }
-    m_core->work.notify_one();
+    m_core->WorkOf(realTime).notify_one();
+}
+
+void CThreadIo::BeginRealTimeRead() {
+    const std::lock_guard hold(m_core->lock);
+    m_core->queue.BeginRealTimeRead(CIoQueue::Clock::now());
+    if (m_core->queue.BackgroundIsHeld()) m_core->work.notify_one();
+}
+
+void CThreadIo::EndRealTimeRead() {
+    const std::lock_guard hold(m_core->lock);
+    m_core->queue.EndRealTimeRead();
+    if (m_core->queue.BackgroundIsHeld()) m_core->work.notify_one();
 }
 
 void CThreadIo::Run(std::shared_ptr<Core> core, unsigned index) {
     EnterIoThread();
+    const bool realTime = index < 2 * kRealTimeThreads && index % 2 == 0;
     void* const scratch = core->scratch + index * kScratchSize;
     std::unique_lock hold(core->lock);
     for (;;) {
-        IoRequest* request = core->queue.Pick(std::chrono::steady_clock::now());
+        IoRequest* request = core->queue.Pick(realTime, CIoQueue::Clock::now());
         if (request == nullptr) {
-            if (core->stop && core->queue.Empty()) return;
-            core->work.wait(hold);
+            if (core->stop && core->queue.Empty(realTime)) return;
+            core->WorkOf(realTime).wait(hold);
             continue;
         }
         hold.unlock();
@@ -151,11 +223,11 @@ void CThreadIo::Run(std::shared_ptr<Core> core, unsigned index) {
         PerformIo(*request);
         hold.lock();
         core->queue.Finished(accounting);
+        // What waited for this request's place may be anyone's.
+        core->WorkOf(realTime).notify_one();
         hold.unlock();
         request->completed(*request);
         hold.lock();
-        // What waited for this request's place may be anyone's.
-        core->work.notify_one();
     }
 }
 

@@ -1,9 +1,9 @@
 // asyncio.h: the store's asynchronous file I/O, one for the process while any channel or writer is
-// alive. Requests wait in two queues; what the real-time client asked for goes first, and while it
-// is active at most one background request is at the device, so it waits for one request at most.
-// The work is done by the kernel's ring where it lets us have one (ring_posix.cpp), or by
-// overlapped calls (ring_windows.cpp), else by threads that call the file-I/O seam. Completions run
-// on the library's threads.
+// alive. What the real-time client asked for has a queue and threads of its own, so nothing of the
+// others' is ever before it but at the device; and there, while it is active, is at most one
+// request of theirs. The work is done by the kernel's rings where it lets us have them
+// (ring_posix.cpp), or by overlapped calls (ring_windows.cpp), else by threads that call the
+// file-I/O seam. Completions run on the library's threads.
 #pragma once
 
 #include "mediaio/store/fileio.h"
@@ -24,6 +24,7 @@ enum class IoOp : uint8_t { kRead, kWrite, kSync, kPunch };
 struct IoRequest {
     IoOp op = IoOp::kRead;
     bool realTime = false;
+    bool ahead = false;  // nobody waits for it: it goes behind what its side else has to do
     IStoreFile* file = nullptr;
     uint64_t offset_bytes = 0;
     size_t size_bytes = 0;          // read: at most kScratchSize unless `data` is given; punch
@@ -45,21 +46,49 @@ inline constexpr size_t kScratchSize = size_t{1} << 20;
 // Does the request on the calling thread, without calling `completed`.
 void PerformIo(IoRequest& request);
 
-// Where requests wait; picks the next one that may go to the device. Not thread-safe.
+// Whether it goes ahead of the others' requests; a sync never does.
+bool OfRealTimeSide(const IoRequest& request);
+
+// Where requests wait; picks the next one that may go to the device. Not thread-safe, but for
+// RealTimeSeen.
 class CIoQueue {
 public:
+    using Clock = std::chrono::steady_clock;
     static constexpr unsigned kRealTimeLimit = 4;
+    static constexpr unsigned kRealTimeAheadLimit = 1;
     static constexpr unsigned kBackgroundLimit = 6;
     static constexpr unsigned kSyncLimit = 8;
-    static constexpr std::chrono::milliseconds kRealTimeMemory{1000};
+    // The real-time client counts as active for so long after its last frame I/O.
+    static constexpr std::chrono::milliseconds kRealTimeMemory{10000};
 
-    void Push(IoRequest& request, std::chrono::steady_clock::time_point now);
-    IoRequest* Pick(std::chrono::steady_clock::time_point now);
+    void Push(IoRequest& request, Clock::time_point now);
+    // Of one side, or, where one thread does everything, the real-time side's first.
+    IoRequest* Pick(bool realTime, Clock::time_point now);
+    IoRequest* Pick(Clock::time_point now);
     void Finished(const IoRequest& request);
-    bool Empty() const { return !m_realTime.first && !m_background.first && !m_sync.first; }
-    unsigned InFlight() const { return m_realTime.active + m_background.active + m_sync.active; }
+    bool Empty(bool realTime) const;
+    bool Empty() const { return Empty(true) && Empty(false); }
+    unsigned InFlight(bool realTime) const;
+    unsigned InFlight() const { return InFlight(true) + InFlight(false); }
+
+    // The real-time client did some I/O, which may not have come here. Any thread.
+    void RealTimeSeen(Clock::time_point now) {
+        m_lastRealTime.store(now.time_since_epoch().count(), std::memory_order_relaxed);
+    }
+    bool RealTimeActive(Clock::time_point now) const;
+    // A read of the real-time client is a row of requests. From the first to the last of them no
+    // request of the others starts; but if none was at the device when it began, one may.
+    void BeginRealTimeRead(Clock::time_point now);
+    void EndRealTimeRead() { --m_reads; }
+    // Whether the others' side may have to be told that it can go on.
+    bool BackgroundIsHeld() const {
+        return BackgroundActive() == 0 &&
+               (m_background.first != nullptr || m_backgroundAhead.first != nullptr);
+    }
 
 private:
+    unsigned BackgroundActive() const { return m_background.active + m_backgroundAhead.active; }
+    bool BackgroundMayStart(Clock::time_point now) const;
     struct Lane {
         IoRequest* first = nullptr;
         IoRequest** last = &first;
@@ -70,9 +99,14 @@ private:
     Lane& LaneOf(const IoRequest& request);
 
     Lane m_realTime;
+    Lane m_realTimeAhead;
     Lane m_background;
+    Lane m_backgroundAhead;
+    unsigned m_reads = 0;   // of the real-time client, under way
+    bool m_oneMay = false;  // start although a read is under way
     Lane m_sync;  // waits for the device to settle: neither holds up data nor counts as such
-    std::chrono::steady_clock::time_point m_lastRealTime{};
+    // Before the first sight of it the real-time client has been silent for ages.
+    std::atomic<Clock::rep> m_lastRealTime{Clock::duration{-kRealTimeMemory}.count()};
 };
 
 class IAsyncIo {
@@ -81,6 +115,12 @@ public:
     virtual ~IAsyncIo() = default;
     virtual void Submit(IoRequest& request) = 0;
     virtual const char* Kind() const = 0;  // "io_uring", "overlapped" or "threads"
+    // The real-time client read or wrote a frame, from the page cache as it may be: as long as it
+    // is active the others' requests go to the device one at a time.
+    virtual void RealTimeSeen() = 0;
+    // Before the first and after the last request of a read by the real-time client.
+    virtual void BeginRealTimeRead() = 0;
+    virtual void EndRealTimeRead() = 0;
 
     // The process's one, made when there is none. Null only when no thread can be started.
     static std::shared_ptr<IAsyncIo> Shared();

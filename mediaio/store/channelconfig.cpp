@@ -105,7 +105,12 @@ HRESULT SetAttribute(WStringView name, WStringView value, ChannelConfig& config)
         }
         return E_INVALIDARG;
     }
-    if (name != TEXT("readAhead") || value.empty() || value.size() > 2) return E_INVALIDARG;
+    if (name != TEXT("readAhead")) return E_INVALIDARG;
+    if (value == TEXT("auto")) {
+        config.readAhead = CReadAhead::kAutomatic;
+        return S_OK;
+    }
+    if (value.empty() || value.size() > 2) return E_INVALIDARG;
     uint32_t number = 0;
     for (const WCHAR c : value) {
         if (c < u'0' || c > u'9') return E_INVALIDARG;

@@ -21,7 +21,7 @@ constexpr const WCHAR* kSource = TEXT("channelcore.cpp");
 
 // Pages that were seen in memory are taken to be there for this long; a wrong guess costs the
 // sender of the frame a wait, nothing else.
-constexpr uint32_t kCachedFor_ms = 500;
+constexpr uint32_t kCachedFor_ms = 20;
 
 // What an entry holds for the client until ReadFrameComplete. It lives in the entry's last buffer
 // slot, which no one else uses: a frame arrives in one buffer.
@@ -92,6 +92,7 @@ struct CChannelCore::ReadJob {
     IZemMemAllocator* allocator = nullptr;
     CFrameFile* files[kMaxStreamEntries];
     PinnedFrame frames[kMaxStreamEntries];
+    std::shared_ptr<CReadAhead> aheads[kMaxStreamEntries];
     IoRequest request;
 
     ElemStrmEntry& Entry() { return desc->streamData->entries[current]; }
@@ -186,6 +187,7 @@ void CChannelCore::ReadJob::Step(HRESULT hr) {
                  "a stored frame is damaged, position " + std::to_string(frames[current].position));
     FrameDone(hr);
     if (NextFrame()) return ReadPiece();
+    if (realTime) core->async->EndRealTimeRead();
     ZemIoDesc& finished = *desc;
     const std::shared_ptr<CChannelCore> keep = core;
     delete this;
@@ -198,6 +200,10 @@ void CChannelCore::ReadJob::FrameDone(HRESULT hr) {
     const PinnedFrame& frame = frames[current];
     CFrameFile* file = files[current];
     entry.status = hr;
+    // Now that the reader has what it waited for.
+    if (SUCCEEDED(hr) && aheads[current] != nullptr)
+        CReadAhead::Note(aheads[current], {core->Config().readAhead, realTime, core->async}, *file,
+                         frame);
     if (SUCCEEDED(hr) && frame.dataSize == 0) {  // found by looking
         file->Unpin(frame.epoch);
         return;
@@ -223,23 +229,11 @@ void CChannelCore::Deliver(ElemStrmEntry& entry, const PinnedFrame& frame, CFram
     entry.buffers[kHoldSlot] = {file, kHoldsView | frame.epoch};
 }
 
-void CChannelCore::Prefetch(CFrameFile& file, uint32_t position, uint32_t count) {
-    for (uint32_t i = 1; i <= count && position <= kLastPosition - i; ++i) {
-        PinnedFrame frame{};
-        if (FAILED(file.Pin(position + i, false, frame)) || frame.dataSize == 0) continue;
-        if (Now_ms() - frame.cachedStamp < kCachedFor_ms) continue;
-        uint64_t offset = 0;
-        uint32_t size = 0;
-        file.PieceOf(frame, 0, offset, size);
-        file.SourceOf(frame).file->Prefetch(offset, size);
-    }
-}
-
 // Answers an entry as far as that needs no waiting. kMustLoad: `frame` is pinned and not yet fit to
 // be handed out.
 CChannelCore::Found CChannelCore::FindFrame(CIoState& io, const ChannelConfig& config,
                                             ElemStrmEntry& entry, PinnedFrame& frame,
-                                            CFrameFile*& file) {
+                                            CFrameFile*& file, std::shared_ptr<CReadAhead>& ahead) {
     const bool special = IsSpecialToken(entry.token);
     if (special) {
         memset(entry.special, 0, sizeof entry.special);
@@ -266,15 +260,26 @@ CChannelCore::Found CChannelCore::FindFrame(CIoState& io, const ChannelConfig& c
         entry.buffers[0] = {nullptr, frame.dataSize};
         return Found::kDone;
     }
-    if (config.readAhead != 0) Prefetch(*file, position, config.readAhead);
-    if (frame.lookSize != 0 || frame.view == nullptr || !frame.verified) return Found::kMustLoad;
+    bool ready = frame.lookSize == 0 && frame.view != nullptr && frame.verified;
     const uint32_t now = Now_ms();
-    if (frame.cachedStamp == 0 || now - frame.cachedStamp >= kCachedFor_ms) {
-        if (!file->Cached(frame)) return Found::kMustLoad;
-        file->ReportCached(frame, now);
+    if (ready && (frame.cachedStamp == 0 || now - frame.cachedStamp >= kCachedFor_ms)) {
+        ready = file->Cached(frame);
+        if (ready) file->ReportCached(frame, now);
     }
+    if (!ready) {
+        if (config.readAhead != 0) ahead = stream->ahead;
+        return Found::kMustLoad;
+    }
+    if (config.readAhead != 0)
+        CReadAhead::Note(stream->ahead, {config.readAhead, io.realTime.load(), async}, *file,
+                         frame);
     Deliver(entry, frame, file);
     return Found::kDone;
+}
+
+// Also of what never reaches the device: the next one may.
+void CChannelCore::NoteRealTime(const CIoState& io) const {
+    if (io.realTime.load(std::memory_order_relaxed) && async != nullptr) async->RealTimeSeen();
 }
 
 HRESULT CChannelCore::ReadFrame(const std::shared_ptr<CChannelCore>& self, CIoState& io,
@@ -283,11 +288,13 @@ HRESULT CChannelCore::ReadFrame(const std::shared_ptr<CChannelCore>& self, CIoSt
     desc.status = S_OK;
     const ZemElemStrmIoData& streams = *desc.streamData;
     const ChannelConfig config = Config();
+    NoteRealTime(io);
     std::unique_ptr<ReadJob> job;
     for (uint32_t i = 0; i < streams.entryCount; ++i) {
         PinnedFrame frame;
         CFrameFile* file = nullptr;
-        if (FindFrame(io, config, streams.entries[i], frame, file) == Found::kDone) continue;
+        std::shared_ptr<CReadAhead> ahead;
+        if (FindFrame(io, config, streams.entries[i], frame, file, ahead) == Found::kDone) continue;
         if (job == nullptr) job.reset(new (std::nothrow) ReadJob);
         if (job == nullptr || async == nullptr) {
             streams.entries[i].status = desc.status = E_OUTOFMEMORY;
@@ -297,6 +304,7 @@ HRESULT CChannelCore::ReadFrame(const std::shared_ptr<CChannelCore>& self, CIoSt
         job->pending |= 1u << i;
         job->files[i] = file;
         job->frames[i] = frame;
+        job->aheads[i] = std::move(ahead);
     }
     if (job != nullptr) {
         job->core = self;
@@ -304,6 +312,7 @@ HRESULT CChannelCore::ReadFrame(const std::shared_ptr<CChannelCore>& self, CIoSt
         job->realTime = io.realTime.load();
         if (job->NextFrame()) {
             BeginIo();
+            if (job->realTime) async->BeginRealTimeRead();
             job.release()->ReadPiece();
             return HRESULT_FROM_WIN32(ERROR_IO_PENDING);
         }

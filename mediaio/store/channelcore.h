@@ -16,8 +16,8 @@ namespace zemstore {
 
 // Settings of a channel that a client can change.
 struct ChannelConfig {
-    VioFrameRate_t frameRate = kFrameRateFile;  // in which positions of frame reads count
-    uint32_t readAhead = 0;                     // frames to fetch ahead of a reader
+    VioFrameRate_t frameRate = kFrameRateFile;    // in which positions of frame reads count
+    uint32_t readAhead = CReadAhead::kAutomatic;  // frames to fetch ahead of a reader
 };
 
 class CChannelCore {
@@ -46,9 +46,9 @@ private:
     enum class Found { kDone, kMustLoad };
 
     Found FindFrame(CIoState& io, const ChannelConfig& config, ElemStrmEntry& entry,
-                    PinnedFrame& frame, CFrameFile*& file);
+                    PinnedFrame& frame, CFrameFile*& file, std::shared_ptr<CReadAhead>& ahead);
     static void Deliver(ElemStrmEntry& entry, const PinnedFrame& frame, CFrameFile* file);
-    static void Prefetch(CFrameFile& file, uint32_t position, uint32_t count);
+    void NoteRealTime(const CIoState& io) const;
     HRESULT PrepareWrite(CIoState& io, ElemStrmEntry& entry, char*& cursor, WriteItem& item,
                          CMediaFile*& file);
     void ReleaseRun(ZemIoDesc& desc);
@@ -57,7 +57,7 @@ private:
     static void Complete(const std::shared_ptr<CChannelCore>& self, ZemIoDesc& desc);
 
     std::atomic<uint32_t> m_frameRate{kFrameRateFile};
-    std::atomic<uint32_t> m_readAhead{0};
+    std::atomic<uint32_t> m_readAhead{CReadAhead::kAutomatic};
     std::mutex m_lock;
     std::condition_variable m_idle;
     size_t m_underWay = 0;

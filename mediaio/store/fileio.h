@@ -65,8 +65,10 @@ public:
     // Forgets what the system remembers of the file and is not waiting to be written: what is read
     // from now on is what the device has. As far as the system lets one.
     virtual void DropCache() {}
-    // Asks the system to begin reading the range.
-    virtual void Prefetch(uint64_t offset_bytes, uint64_t size_bytes) = 0;
+    // The system reads ahead of whoever reads in sequence: the store need not.
+    virtual bool ReadsAhead() const { return false; }
+    // From now on the system is to read what it is asked for and nothing else.
+    virtual void StopReadAhead() {}
     // Pages of the file for somebody else to send; never touched here. Null when there are none.
     virtual void* MapView(uint64_t offset_bytes, size_t size_bytes) = 0;
     virtual void UnmapView(void* view) = 0;

@@ -208,10 +208,7 @@ public:
         return errno == ENXIO && SUCCEEDED(Size(size)) ? size : offset_bytes;
     }
     void DropCache() override { posix_fadvise(m_fd.Get(), 0, 0, POSIX_FADV_DONTNEED); }
-    void Prefetch(uint64_t offset_bytes, uint64_t size_bytes) override {
-        posix_fadvise(m_fd.Get(), static_cast<off_t>(offset_bytes), static_cast<off_t>(size_bytes),
-                      POSIX_FADV_WILLNEED);
-    }
+    void StopReadAhead() override { posix_fadvise(m_fd.Get(), 0, 0, POSIX_FADV_RANDOM); }
     void* MapView(uint64_t offset_bytes, size_t size_bytes) override {
         return MapFileView(m_fd.Get(), offset_bytes, size_bytes);
     }

@@ -235,7 +235,7 @@ public:
 
     // Windows does not tell what is cached: everything is read asynchronously.
     bool Cached(uint64_t, size_t) override { return false; }
-    void Prefetch(uint64_t, uint64_t) override {}
+    bool ReadsAhead() const override { return true; }
     // The HTTP interface takes memory or whole files: a read's buffer is memory of the allocator.
     void* MapView(uint64_t, size_t) override { return nullptr; }
     void UnmapView(void*) override {}

@@ -49,7 +49,10 @@ HRESULT CMediaFile::Format(IStoreFile& file, const ZemEsDesc& esDesc) {
 }
 
 CMediaFile::CMediaFile(std::unique_ptr<IStoreFile> file, std::shared_ptr<IAsyncIo> async)
-    : m_file(std::move(file)), m_async(std::move(async)), m_identity(m_file->Identity()) {}
+    : m_file(std::move(file)), m_async(std::move(async)), m_identity(m_file->Identity()) {
+    // What is read ahead waits in the same queue as everything else (readahead.h).
+    m_file->StopReadAhead();
+}
 
 CMediaFile::~CMediaFile() {
     for (void* view : m_views)

@@ -1,8 +1,9 @@
-// Asynchronous I/O by io_uring: one ring, one thread that submits, reaps and runs completions,
-// those of the real-time client first. Others wake it through an event counter that the ring itself
-// reads. What the ring cannot do, or does only in part, is finished by an ordinary call.
+// Asynchronous I/O by io_uring: a ring and a thread for each side of the queue, which submits,
+// reaps and runs completions. Others wake it through an event counter that the ring itself reads.
+// What the ring cannot do, or does only in part, is finished by an ordinary call.
 #include <liburing.h>
 #include <sys/eventfd.h>
+#include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -24,9 +25,17 @@
 namespace zemstore {
 namespace {
 
-constexpr unsigned kSlots =
-    CIoQueue::kRealTimeLimit + CIoQueue::kBackgroundLimit + CIoQueue::kSyncLimit;
+// As many as may be at the device, and as many again that are being completed.
+constexpr unsigned kRealTimeSlots = 2 * (CIoQueue::kRealTimeLimit + CIoQueue::kRealTimeAheadLimit);
+constexpr unsigned kBackgroundSlots = 2 * CIoQueue::kBackgroundLimit + CIoQueue::kSyncLimit;
 constexpr size_t kSpansPerWrite = 64;
+
+// Where requests wait for the rings.
+struct Waiting {
+    std::mutex lock;  // guards what follows
+    CIoQueue queue;
+    bool stop = false;
+};
 
 class CRingIo final : public IAsyncIo {
 public:
@@ -34,38 +43,42 @@ public:
     ~CRingIo() override;
     void Submit(IoRequest& request) override;
     const char* Kind() const override { return "io_uring"; }
+    void RealTimeSeen() override { m_waiting->queue.RealTimeSeen(CIoQueue::Clock::now()); }
+    void BeginRealTimeRead() override;
+    void EndRealTimeRead() override;
 
 private:
-    struct Slot {  // a request at the kernel
+    struct Slot {  // a request at the kernel, or being completed
         IoRequest* request = nullptr;
         char* scratch = nullptr;
         iovec vector[kSpansPerWrite];
     };
 
-    struct Core {
-        Core();
-        ~Core();
+    struct Side {
+        Side(std::shared_ptr<Waiting> shared, bool isRealTime);
+        ~Side();
         void Run();
+        void Wake();
         void ArmWake();
-        void SubmitWaiting();
+        bool SubmitWaiting();
         void Start(Slot& slot);
         void Finish(Slot& slot, int result);
-        void Reap(std::vector<IoRequest*>& done);
+        void Reap(std::vector<Slot*>& done);
 
+        const std::shared_ptr<Waiting> waiting;
+        const bool realTime;
         io_uring ring{};
         int event = -1;
         uint64_t eventCount = 0;
+        std::vector<Slot> slots;
         char* scratch = nullptr;
-        Slot slots[kSlots];
-
         std::atomic<bool> signalled{false};
-        std::mutex lock;  // guards what follows
-        CIoQueue queue;
-        bool stop = false;
     };
+    void Stop();
 
-    std::shared_ptr<Core> m_core;
-    std::thread m_thread;
+    const std::shared_ptr<Waiting> m_waiting = std::make_shared<Waiting>();
+    std::shared_ptr<Side> m_sides[2];  // the background's, the real-time client's
+    std::thread m_threads[2];
 };
 
 // The kernel may give a new ring the addresses of one that is gone. The lock puts the end of the
@@ -84,8 +97,11 @@ void SayThatThereIsNoRing(int error) {
                  "): threads read and write instead");
 }
 
-CRingIo::Core::Core() {
-    event = eventfd(0, EFD_CLOEXEC);
+CRingIo::Side::Side(std::shared_ptr<Waiting> shared, bool isRealTime)
+    : waiting(std::move(shared)),
+      realTime(isRealTime),
+      event(eventfd(0, EFD_CLOEXEC)),
+      slots(isRealTime ? kRealTimeSlots : kBackgroundSlots) {
     if (event < 0) throw std::bad_alloc();
     {
         const std::lock_guard hold(RingLock());
@@ -95,58 +111,91 @@ CRingIo::Core::Core() {
             throw std::bad_alloc();
         }
     }
-    scratch = static_cast<char*>(ReservePages(kSlots * kScratchSize));
+    scratch = static_cast<char*>(ReservePages(slots.size() * kScratchSize));
     if (scratch == nullptr) {
         io_uring_queue_exit(&ring);
         close(event);
         throw std::bad_alloc();
     }
-    for (unsigned i = 0; i < kSlots; ++i)
+    for (size_t i = 0; i < slots.size(); ++i)
         slots[i].scratch = scratch + i * kScratchSize;
 }
 
-CRingIo::Core::~Core() {
+CRingIo::Side::~Side() {
     {
         const std::lock_guard hold(RingLock());
         io_uring_queue_exit(&ring);
     }
     close(event);
-    ReleaseReservation(scratch, kSlots * kScratchSize);
+    ReleaseReservation(scratch, slots.size() * kScratchSize);
 }
 
-CRingIo::CRingIo() : m_core(std::make_shared<Core>()) {
-    m_thread = std::thread([core = m_core] { core->Run(); });
+CRingIo::CRingIo() {
+    for (const bool realTime : {false, true})
+        m_sides[realTime] = std::make_shared<Side>(m_waiting, realTime);
+    try {
+        for (const bool realTime : {false, true})
+            m_threads[realTime] = std::thread([side = m_sides[realTime]] { side->Run(); });
+    } catch (...) {
+        Stop();
+        throw;
+    }
 }
 
 CRingIo::~CRingIo() {
+    Stop();
+}
+
+void CRingIo::Stop() {
     {
-        std::lock_guard hold(m_core->lock);
-        m_core->stop = true;
+        const std::lock_guard hold(m_waiting->lock);
+        m_waiting->stop = true;
     }
-    eventfd_write(m_core->event, 1);
-    if (m_thread.get_id() == std::this_thread::get_id()) {
-        m_thread.detach();
-    } else {
-        m_thread.join();
+    for (const bool realTime : {false, true}) {
+        std::thread& thread = m_threads[realTime];
+        if (!thread.joinable()) continue;
+        m_sides[realTime]->Wake();
+        if (thread.get_id() == std::this_thread::get_id()) {
+            thread.detach();
+        } else {
+            thread.join();
+        }
     }
 }
 
 void CRingIo::Submit(IoRequest& request) {
+    Side& side = *m_sides[OfRealTimeSide(request)];
     {
-        std::lock_guard hold(m_core->lock);
-        m_core->queue.Push(request, std::chrono::steady_clock::now());
+        const std::lock_guard hold(m_waiting->lock);
+        m_waiting->queue.Push(request, CIoQueue::Clock::now());
     }
-    if (!m_core->signalled.exchange(true)) eventfd_write(m_core->event, 1);
+    side.Wake();
 }
 
-void CRingIo::Core::ArmWake() {
+void CRingIo::BeginRealTimeRead() {
+    const std::lock_guard hold(m_waiting->lock);
+    m_waiting->queue.BeginRealTimeRead(CIoQueue::Clock::now());
+    if (m_waiting->queue.BackgroundIsHeld()) m_sides[false]->Wake();
+}
+
+void CRingIo::EndRealTimeRead() {
+    const std::lock_guard hold(m_waiting->lock);
+    m_waiting->queue.EndRealTimeRead();
+    if (m_waiting->queue.BackgroundIsHeld()) m_sides[false]->Wake();
+}
+
+void CRingIo::Side::Wake() {
+    if (!signalled.exchange(true)) eventfd_write(event, 1);
+}
+
+void CRingIo::Side::ArmWake() {
     io_uring_sqe* sqe = io_uring_get_sqe(&ring);
     io_uring_prep_read(sqe, event, &eventCount, sizeof eventCount, 0);
     io_uring_sqe_set_data(sqe, nullptr);
 }
 
 // Turns the slot's request into a submission; what has no descriptor is done at once.
-void CRingIo::Core::Start(Slot& slot) {
+void CRingIo::Side::Start(Slot& slot) {
     IoRequest& request = *slot.request;
     const auto fd = static_cast<int>(request.file->Descriptor());
     if (request.op == IoOp::kRead && request.data == nullptr) request.data = slot.scratch;
@@ -188,17 +237,21 @@ void CRingIo::Core::Start(Slot& slot) {
     io_uring_sqe_set_data(sqe, &slot);
 }
 
-void CRingIo::Core::SubmitWaiting() {
-    const auto now = std::chrono::steady_clock::now();
+// True when there is something new for the kernel.
+bool CRingIo::Side::SubmitWaiting() {
+    const auto now = CIoQueue::Clock::now();
+    bool any = false;
     for (Slot& slot : slots) {
         if (slot.request != nullptr) continue;
         {
-            std::lock_guard hold(lock);
-            slot.request = queue.Pick(now);
+            const std::lock_guard hold(waiting->lock);
+            slot.request = waiting->queue.Pick(realTime, now);
         }
-        if (slot.request == nullptr) return;
+        if (slot.request == nullptr) break;
         Start(slot);
+        any = true;
     }
+    return any;
 }
 
 size_t TotalOf(const IoRequest& request) {
@@ -209,7 +262,7 @@ size_t TotalOf(const IoRequest& request) {
     return total;
 }
 
-void CRingIo::Core::Finish(Slot& slot, int result) {
+void CRingIo::Side::Finish(Slot& slot, int result) {
     IoRequest& request = *slot.request;
     if (!request.borrowed) {
         const bool data = request.op == IoOp::kRead || request.op == IoOp::kWrite;
@@ -224,12 +277,11 @@ void CRingIo::Core::Finish(Slot& slot, int result) {
             PerformIo(request);
         }
     }
-    std::lock_guard hold(lock);
-    queue.Finished(request);
-    slot.request = nullptr;
+    const std::lock_guard hold(waiting->lock);
+    waiting->queue.Finished(request);
 }
 
-void CRingIo::Core::Reap(std::vector<IoRequest*>& done) {
+void CRingIo::Side::Reap(std::vector<Slot*>& done) {
     io_uring_cqe* entries[64];
     const unsigned count = io_uring_peek_batch_cqe(&ring, entries, 64);
     for (unsigned i = 0; i < count; ++i) {
@@ -239,33 +291,46 @@ void CRingIo::Core::Reap(std::vector<IoRequest*>& done) {
             ArmWake();
             continue;
         }
-        IoRequest* request = slot->request;
         Finish(*slot, entries[i]->res);
-        if (request->realTime) {
-            done.insert(done.begin(), request);
-        } else {
-            done.push_back(request);
-        }
+        done.push_back(slot);
     }
     io_uring_cq_advance(&ring, count);
 }
 
-void CRingIo::Core::Run() {
+// Of what waits in the device's own queue, the system's scheduler takes the real-time client's
+// first, if it knows such a difference; the strong one needs a privilege.
+void PreferThisThread() {
+    constexpr int kThread = 1;
+    constexpr int kThisOne = 0;
+    constexpr int kRealTimeClass = 1 << 13;
+    constexpr int kBestEffortClass = 2 << 13;
+    for (const int priority : {kRealTimeClass, kBestEffortClass})
+        if (syscall(SYS_ioprio_set, kThread, kThisOne, priority) == 0) return;
+}
+
+void CRingIo::Side::Run() {
     EnterIoThread();
-    std::vector<IoRequest*> done;
-    done.reserve(64);
+    if (realTime) PreferThisThread();
+    std::vector<Slot*> done;
+    done.reserve(slots.size());
     ArmWake();
     for (;;) {
         SubmitWaiting();
         {
-            std::lock_guard hold(lock);
-            if (stop && queue.Empty() && queue.InFlight() == 0) return;
+            const std::lock_guard hold(waiting->lock);
+            const CIoQueue& queue = waiting->queue;
+            if (waiting->stop && queue.Empty(realTime) && queue.InFlight(realTime) == 0) return;
         }
         io_uring_submit_and_wait(&ring, 1);
         done.clear();
         Reap(done);
-        for (IoRequest* request : done)
-            request->completed(*request);
+        // The device works on while completions run here.
+        if (SubmitWaiting()) io_uring_submit(&ring);
+        for (Slot* slot : done) {
+            slot->request->completed(*slot->request);
+            slot->request = nullptr;
+            if (SubmitWaiting()) io_uring_submit(&ring);
+        }
     }
 }
 

@@ -15,8 +15,8 @@
 namespace zemstore {
 namespace {
 
-constexpr unsigned kSlots =
-    CIoQueue::kRealTimeLimit + CIoQueue::kBackgroundLimit + CIoQueue::kSyncLimit;
+constexpr unsigned kSlots = CIoQueue::kRealTimeLimit + CIoQueue::kRealTimeAheadLimit +
+                            CIoQueue::kBackgroundLimit + CIoQueue::kSyncLimit;
 
 class COverlappedIo final : public IAsyncIo {
 public:
@@ -24,6 +24,9 @@ public:
     ~COverlappedIo() override;
     void Submit(IoRequest& request) override;
     const char* Kind() const override { return "overlapped"; }
+    void RealTimeSeen() override { m_core->queue.RealTimeSeen(CIoQueue::Clock::now()); }
+    void BeginRealTimeRead() override;
+    void EndRealTimeRead() override;
 
 private:
     struct Core;
@@ -111,6 +114,17 @@ void COverlappedIo::Submit(IoRequest& request) {
         m_core->queue.Push(request, std::chrono::steady_clock::now());
     }
     m_core->Wake();
+}
+
+void COverlappedIo::BeginRealTimeRead() {
+    const std::lock_guard hold(m_core->lock);
+    m_core->queue.BeginRealTimeRead(CIoQueue::Clock::now());
+}
+
+void COverlappedIo::EndRealTimeRead() {
+    const std::lock_guard hold(m_core->lock);
+    m_core->queue.EndRealTimeRead();
+    if (m_core->queue.BackgroundIsHeld()) m_core->Wake();
 }
 
 void COverlappedIo::Core::Wake() {

@@ -29,6 +29,7 @@ HRESULT CTokenTable::Add(const OpenStream& stream, ULONGLONG& token) {
     ULONGLONG random = 0;
     const HRESULT hr = RandomBytes(&random, sizeof random);
     if (FAILED(hr)) return hr;
+    auto ahead = std::make_shared<CReadAhead>();
     std::lock_guard hold(m_lock);
     if (m_free.empty()) {
         if (m_made == kMaxOpen) return HRESULT_FROM_WIN32(ERROR_TOO_MANY_OPEN_FILES);
@@ -42,6 +43,7 @@ HRESULT CTokenTable::Add(const OpenStream& stream, ULONGLONG& token) {
     m_free.pop_back();
     Slot& slot = m_blocks[index / kBlockSlots].load()[index % kBlockSlots];
     slot.stream = stream;
+    slot.stream.ahead = std::move(ahead);
     token = (random & ~kSlotMask & ~kKindMask) | index | (ULONGLONG{stream.kind & 0xFF} << 24);
     slot.token.store(token);
     return S_OK;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "mediaio/store/framefile.h"
+#include "mediaio/store/readahead.h"
 #include "mediaio/zemiotypes.h"
 
 #include <array>
@@ -19,6 +20,7 @@ struct OpenStream {
     CFrameFile* file = nullptr;  // one reference
     uint32_t kind = 0;           // kTokenKind…
     bool writer = false;
+    std::shared_ptr<CReadAhead> ahead = nullptr;  // the table's
 };
 
 class CTokenTable {

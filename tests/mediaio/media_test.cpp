@@ -240,6 +240,8 @@ TEST_F(Media, ChannelAttributes) {
     EXPECT_EQ(Read(token, 5, bytes), kEndOfMedia);
     EXPECT_EQ(set(TEXT("readAhead"), TEXT("8")), S_OK);
     EXPECT_EQ(Read(token, 0, bytes), S_OK);
+    EXPECT_EQ(set(TEXT("readAhead"), TEXT("auto")), S_OK);
+    EXPECT_EQ(set(TEXT("readAhead"), TEXT("automatic")), E_INVALIDARG);
     EXPECT_EQ(set(TEXT("readAhead"), TEXT("65")), E_INVALIDARG);
     EXPECT_EQ(set(TEXT("readAhead"), TEXT("-1")), E_INVALIDARG);
     EXPECT_EQ(set(TEXT("frameRate"), TEXT("26")), E_INVALIDARG);

@@ -97,7 +97,6 @@ public:
     zemstore::FileIdentity Identity() const override { return {0, m_device.inode}; }
     bool Cached(uint64_t, size_t) override { return true; }
     void DropCache() override { m_device.Evict(); }
-    void Prefetch(uint64_t, uint64_t) override {}
     void* MapView(uint64_t, size_t) override { return nullptr; }
     void UnmapView(void*) override {}
 

@@ -1,0 +1,165 @@
+// The engines that take requests to the device, over a device that answers when the test lets it.
+#include "mediaio/store/asyncio.h"
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <vector>
+
+namespace {
+
+using namespace zemstore;
+
+constexpr uint64_t kTheirs = 0;  // reads of these offsets wait for Release
+constexpr uint64_t kUrgent = uint64_t{1} << 40;
+
+// Counts what is at the device; no descriptor, so the engines call it.
+class CGatedFile final : public IStoreFile {
+public:
+    HRESULT ReadAt(void*, size_t size, uint64_t offset, size_t& done) override {
+        std::unique_lock hold(m_lock);
+        if (offset < kUrgent) {
+            ++m_started;
+            m_changed.notify_all();
+            m_changed.wait(hold, [&] { return m_open; });
+        }
+        done = size;
+        return S_OK;
+    }
+    HRESULT WriteAt(const IoSpan*, size_t, uint64_t, size_t&) override { return E_NOTIMPL; }
+    HRESULT Sync() override { return S_OK; }
+    HRESULT Size(uint64_t& size) override {
+        size = 0;
+        return S_OK;
+    }
+    HRESULT SetSize(uint64_t) override { return S_OK; }
+    HRESULT PunchHole(uint64_t, uint64_t) override { return S_OK; }
+    HRESULT LockForWriting() override { return S_OK; }
+    void UnlockForWriting() override {}
+    bool Writable() const override { return false; }
+    FileIdentity Identity() const override { return {}; }
+    bool Cached(uint64_t, size_t) override { return false; }
+    void* MapView(uint64_t, size_t) override { return nullptr; }
+    void UnmapView(void*) override {}
+
+    void AwaitStarted(unsigned count) {
+        std::unique_lock hold(m_lock);
+        m_changed.wait(hold, [&] { return m_started >= count; });
+    }
+    unsigned Started() {
+        const std::lock_guard hold(m_lock);
+        return m_started;
+    }
+    void Release() {
+        const std::lock_guard hold(m_lock);
+        m_open = true;
+        m_changed.notify_all();
+    }
+
+private:
+    std::mutex m_lock;
+    std::condition_variable m_changed;
+    unsigned m_started = 0;
+    bool m_open = false;
+};
+
+class CCounter {
+public:
+    void Add() {
+        const std::lock_guard hold(m_lock);
+        ++m_count;
+        m_changed.notify_all();
+    }
+    void Await(unsigned count) {
+        std::unique_lock hold(m_lock);
+        m_changed.wait(hold, [&] { return m_count >= count; });
+    }
+
+private:
+    std::mutex m_lock;
+    std::condition_variable m_changed;
+    unsigned m_count = 0;
+};
+
+class Engine : public testing::TestWithParam<bool> {
+protected:
+    Engine() : m_engine(GetParam() ? CreateRingIo() : CreateThreadIo()) {}
+    void SetUp() override {
+        if (m_engine == nullptr) GTEST_SKIP() << "the kernel refuses a ring";
+    }
+    static IoRequest Read(CGatedFile& file, uint64_t offset, bool realTime, CCounter& counter) {
+        IoRequest request;
+        request.realTime = realTime;
+        request.file = &file;
+        request.offset_bytes = offset;
+        request.size_bytes = 4096;
+        request.context = &counter;
+        request.completed = [](IoRequest& done) { static_cast<CCounter*>(done.context)->Add(); };
+        return request;
+    }
+    CGatedFile m_file;
+    std::shared_ptr<IAsyncIo> m_engine;
+};
+
+TEST_P(Engine, AtMostOneBackgroundRequestIsAtTheDeviceBeforeARealTimeRead) {
+    CCounter theirs;
+    CCounter own;
+    m_engine->RealTimeSeen();
+    std::vector<IoRequest> background(8, Read(m_file, kTheirs, false, theirs));
+    for (IoRequest& request : background)
+        m_engine->Submit(request);
+    m_file.AwaitStarted(1);
+    IoRequest urgent = Read(m_file, kUrgent, true, own);
+    m_engine->BeginRealTimeRead();
+    m_engine->Submit(urgent);
+    own.Await(1);  // although the others' request is still at the device
+    EXPECT_EQ(urgent.done_bytes, 4096u);
+    EXPECT_EQ(m_file.Started(), 1u);
+    m_engine->EndRealTimeRead();
+    m_file.Release();
+    theirs.Await(8);
+}
+
+// A background completion may send to a slow client, or sum up a large frame.
+TEST_P(Engine, ACompletionOfTheOthersHoldsNoRealTimeReadUp) {
+    CCounter own;
+    struct Held {
+        CGatedFile gate;
+        CCounter done;
+    } held;
+    IoRequest slow = Read(m_file, kUrgent, false, own);
+    slow.context = &held;
+    slow.completed = [](IoRequest& request) {
+        auto* what = static_cast<Held*>(request.context);
+        size_t done = 0;
+        what->gate.ReadAt(nullptr, 0, kTheirs, done);  // until the test lets it
+        what->done.Add();
+    };
+    m_engine->Submit(slow);
+    held.gate.AwaitStarted(1);
+    IoRequest urgent = Read(m_file, kUrgent, true, own);
+    m_engine->Submit(urgent);
+    own.Await(1);
+    held.gate.Release();
+    held.done.Await(1);
+}
+
+// While a read of the real-time client lasts, the others wait; they go on by themselves after it.
+TEST_P(Engine, TheOthersGoOnWhenARealTimeReadHasEnded) {
+    CCounter theirs;
+    m_file.Release();
+    m_engine->BeginRealTimeRead();
+    std::vector<IoRequest> background(8, Read(m_file, kTheirs, false, theirs));
+    for (IoRequest& request : background)
+        m_engine->Submit(request);
+    theirs.Await(1);  // the one that may
+    EXPECT_EQ(m_file.Started(), 1u);
+    m_engine->EndRealTimeRead();
+    theirs.Await(8);
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, Engine, testing::Bool(),
+                         [](const auto& kind) { return kind.param ? "ring" : "threads"; });
+
+}  // namespace
