@@ -23,4 +23,4 @@ packages_windows=(
 packages_fuzz=(clang libclang-rt-14-dev)
 
 # To run the benchmarks. Debian's nginx is the server that we measure ourselves against.
-packages_bench=(wrk nginx-light curl)
+packages_bench=(wrk nginx-light curl libbenchmark-dev)

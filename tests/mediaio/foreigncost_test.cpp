@@ -38,7 +38,6 @@ public:
     bool Writable() const override { return false; }
     FileIdentity Identity() const override { return m_file->Identity(); }
     bool Cached(uint64_t, size_t) override { return true; }
-    void Prefetch(uint64_t, uint64_t) override {}
     void* MapView(uint64_t offset, size_t size) override { return m_file->MapView(offset, size); }
     void UnmapView(void* view) override { m_file->UnmapView(view); }
 
