@@ -64,7 +64,6 @@ public:
     bool Writable() const override { return true; }
     zemstore::FileIdentity Identity() const override { return {1, m_file->inode}; }
     bool Cached(uint64_t, size_t) override { return true; }
-    void Prefetch(uint64_t, uint64_t) override {}
     void* MapView(uint64_t, size_t) override { return nullptr; }
     void UnmapView(void*) override {}
 
