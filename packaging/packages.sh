@@ -10,8 +10,9 @@ packages_build=(
     libgtest-dev libgmock-dev
 )
 
-# To run the tests: real peers that the server is tried against, and what the Debian package is tried with.
-packages_test=(ffmpeg curl openssl nginx-light binutils man-db lintian logrotate systemd-container)
+# To run the tests: real peers that the server is tried against, what the Debian package is tried with, readers of the manual,
+# shells that complete.
+packages_test=(ffmpeg curl openssl nginx-light binutils man-db lintian logrotate systemd-container mandoc zsh fish)
 
 # To build for Windows and run the tests under Wine.
 packages_windows=(

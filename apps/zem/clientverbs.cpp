@@ -18,45 +18,44 @@ struct ClientOptions {
     std::string file;
     std::string name;
     std::string value;
-    bool json = false;
 };
 
 using OptionsPtr = std::shared_ptr<ClientOptions>;
 
-void PrintDone(const CommandLine& line, const ClientOptions& options, const char* what) {
-    if (!options.json) return;
+void PrintDone(const CommandLine& line, const char* what) {
+    if (!line.json) return;
     CJson json;
     PrintLine(json.Open('{').Text("client", line.clientId).Text("done", what).Close().Str());
 }
 
-int Join(const CommandLine& line, const ClientOptions& options) {
+int Join(const CommandLine& line, const ClientOptions&) {
     line.RequireId("join");
     const CSession session(line, true);
-    PrintDone(line, options, "join");
+    PrintDone(line, "join");
     return kExitOk;
 }
 
-int Leave(const CommandLine& line, const ClientOptions& options) {
+int Leave(const CommandLine& line, const ClientOptions&) {
     line.RequireId("leave");
     CZemClient client(line.Connection());
     client.Leave();
-    PrintDone(line, options, "leave");
+    PrintDone(line, "leave");
     return kExitOk;
 }
 
-int KeepAlive(const CommandLine& line, const ClientOptions& options) {
+int KeepAlive(const CommandLine& line, const ClientOptions&) {
     line.RequireId("keepalive");
     CZemClient client(line.Connection());
     client.KeepAlive();
-    PrintDone(line, options, "keepalive");
+    PrintDone(line, "keepalive");
     return kExitOk;
 }
 
-int RealTime(const CommandLine& line, const ClientOptions& options) {
+int RealTime(const CommandLine& line, const ClientOptions&) {
     line.RequireId("realtime");
     CSession session(line, true);
     session->SetIoRealTime();
-    PrintDone(line, options, "realtime");
+    PrintDone(line, "realtime");
     return kExitOk;
 }
 
@@ -96,7 +95,7 @@ int ConfigPush(const CommandLine& line, const ClientOptions& options) {
     const std::u16string text = DocumentOf(options.file);
     CSession session(line, true);
     session->UpdateConfig(text);
-    PrintDone(line, options, "config push");
+    PrintDone(line, "config push");
     return kExitOk;
 }
 
@@ -106,45 +105,44 @@ int ConfigSet(const CommandLine& line, const ClientOptions& options) {
     const std::u16string value = ToUtf16(options.value, "the attribute's value");
     CSession session(line, true);
     session->SetConfigAttribute(name, value);
-    PrintDone(line, options, "config set");
+    PrintDone(line, "config set");
     return kExitOk;
 }
 
-OptionsPtr AddVerb(CLI::App& app, CommandLine& line, const char* name, const char* help,
-                   int (*run)(const CommandLine&, const ClientOptions&),
-                   CLI::App** added = nullptr) {
-    auto options = std::make_shared<ClientOptions>();
-    CLI::App* verb = app.add_subcommand(name, help);
-    verb->add_flag("--json", options->json, "Output as JSON");
-    verb->callback([options, &line, run] {
-        line.verb = [options, &line, run] { return run(line, *options); };
-    });
-    if (added != nullptr) *added = verb;
-    return options;
+CLI::App* Add(const VerbGroup& group, const char* name, const char* help, const OptionsPtr& options,
+              int (*run)(const CommandLine&, const ClientOptions&)) {
+    const CommandLine& line = group.line;
+    return group.Add(name, help, [options, &line, run] { return run(line, *options); });
 }
 
 }  // namespace
 
 void AddClientVerbs(CLI::App& app, CommandLine& line) {
-    AddVerb(app, line, "join", "Join as --id and stay", &Join);
-    AddVerb(app, line, "leave", "End what --id has on the server: its open files are closed",
-            &Leave);
-    AddVerb(app, line, "keepalive", "Tell the server that --id is alive", &KeepAlive);
-    AddVerb(app, line, "realtime", "Make --id the client whose frames go first", &RealTime);
+    const VerbGroup group{app, line, "Being a client"};
+    const auto none = std::make_shared<ClientOptions>();
+    Add(group, "join", "Join as --id and stay", none, &Join);
+    Add(group, "leave", "End what --id has on the server: its open files are closed", none, &Leave);
+    Add(group, "keepalive", "Tell the server that --id is alive", none, &KeepAlive);
+    Add(group, "realtime", "Make --id the client whose frames go first", none, &RealTime);
 
     CLI::App* config = app.add_subcommand(
         "config", "Configuration of the channel of --id. It holds until the client leaves");
+    config->group(group.title);
     config->require_subcommand(0, 1);
-    CLI::App* verb = nullptr;
-    OptionsPtr options =
-        AddVerb(*config, line, "push", "Send a whole configuration", &ConfigPush, &verb);
-    verb->add_option("FILE", options->file, "XML document, UTF-8 or UTF-16")->required();
-    options = AddVerb(*config, line, "set",
-                      "Set one attribute. The protocol does not tell whether the server took it: "
-                      "a refusal is in its log only",
-                      &ConfigSet, &verb);
-    verb->add_option("NAME", options->name, "Attribute")->required();
-    verb->add_option("VALUE", options->value, "Its new value")->required();
+    const VerbGroup below{*config, line, "Configuration"};
+    auto push = std::make_shared<ClientOptions>();
+    CLI::App* verb = Add(below, "push", "Send a whole configuration", push, &ConfigPush);
+    verb->add_option("FILE", push->file, "XML document, UTF-8 or UTF-16")
+        ->type_name(kTypeFile)
+        ->required();
+    auto set = std::make_shared<ClientOptions>();
+    verb =
+        Add(below, "set",
+            "Set one attribute. The protocol does not tell whether the server took it: a refusal "
+            "is in its log only",
+            set, &ConfigSet);
+    verb->add_option("NAME", set->name, "Attribute")->required();
+    verb->add_option("VALUE", set->value, "Its new value")->required();
 }
 
 }  // namespace zem

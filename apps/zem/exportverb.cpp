@@ -18,6 +18,7 @@ extern "C" {
 #include "apps/zem/demux.h"
 #include "apps/zem/mux.h"
 #include "apps/zem/output.h"
+#include "apps/zem/terminal.h"
 #include "apps/zem/verbs.h"
 #include "mediaio/foreign/avdesc.h"
 
@@ -29,7 +30,6 @@ struct ExportOptions {
     std::string clip;
     bool force = false;
     bool allowShort = false;
-    bool json = false;
 };
 
 struct ExportStream {
@@ -232,11 +232,7 @@ void CExport::WriteAll(CMuxer& muxer) {
         const uint64_t before = due->bytes;
         WriteNext(muxer, *due);
         bytes += due->bytes - before;
-        const double seconds = progress.Seconds();
-        const auto rate =
-            static_cast<uint64_t>(static_cast<double>(bytes) / (seconds > 0 ? seconds : 1));
-        progress.Show(done, total,
-                      std::to_string(done + 1) + " frames, " + HumanBytes(rate) + "/s");
+        progress.Show(done + 1, total, done + 1, bytes);
     }
 }
 
@@ -268,7 +264,7 @@ void CExport::Verify(const std::string& path) const {
 }
 
 void CExport::Summary() const {
-    if (m_options.json) {
+    if (m_line.json) {
         CJson json;
         json.Open('{').Text("name", m_options.name).Text("clip", m_options.clip);
         json.Open('[', "streams");
@@ -292,21 +288,19 @@ void CExport::Summary() const {
 
 void AddExportVerb(CLI::App& app, CommandLine& line) {
     auto options = std::make_shared<ExportOptions>();
-    CLI::App* verb = app.add_subcommand(
-        "export", "Make a clip of this machine from NAME.v0, NAME.a0 ... of the server");
+    CLI::App* verb = VerbGroup{app, line, "Clips"}.Add(
+        "export", "Make a clip of this machine from NAME.v0, NAME.a0 ... of the server",
+        [options, &line] { return CExport(line, *options).Run(); });
     verb->add_option("NAME", options->name, "Name on the server, without the stream's ending")
         ->required();
     verb->add_option("CLIP", options->clip,
                      "File to write; its ending names the container: .mov, .mxf")
+        ->type_name(kTypeFile)
         ->required();
     verb->add_flag("--force", options->force, "Replace the file if it exists");
     verb->add_flag(
         "--allow-short", options->allowShort,
         "Keep the clip even if its container left out what is behind its shortest stream");
-    verb->add_flag("--json", options->json, "Print a summary as JSON");
-    verb->callback([options, &line] {
-        line.verb = [options, &line] { return CExport(line, *options).Run(); };
-    });
 }
 
 }  // namespace zem

@@ -25,7 +25,6 @@ struct FileOptions {
     uint32_t flags = 0;
     bool byName = false;
     bool overHttp = false;
-    bool json = false;
 };
 
 using OptionsPtr = std::shared_ptr<FileOptions>;
@@ -34,8 +33,8 @@ using OptionsPtr = std::shared_ptr<FileOptions>;
     throw CZemError(ErrorKind::kRefused, message + " (the server's log has the reason)");
 }
 
-void PrintDone(const FileOptions& options, const char* what, const std::string& name) {
-    if (!options.json) return;
+void PrintDone(const CommandLine& line, const char* what, const std::string& name) {
+    if (!line.json) return;
     CJson json;
     PrintLine(json.Open('{').Text(what, name).Bool("done", true).Close().Str());
 }
@@ -76,7 +75,7 @@ int Info(const CommandLine& line, const FileOptions& options) {
     const ZemEsDesc desc =
         options.byName ? session->FileInfo(ref) : session->FileInfo(file.Token());
     file.Close();
-    if (options.json) {
+    if (line.json) {
         PrintInfoJson(options.name, desc);
         return kExitOk;
     }
@@ -101,7 +100,7 @@ int Marks(const CommandLine& line, const FileOptions& options) {
     COpenFile file(*session, options.byName ? 0 : session->Open(ref));
     const FileMarks marks = options.byName ? session->Marks(ref) : session->Marks(file.Token());
     file.Close();
-    if (options.json) {
+    if (line.json) {
         CJson json;
         json.Open('{').Text("name", options.name);
         json.Unsigned("first", marks.first).Unsigned("second", marks.second);
@@ -116,7 +115,7 @@ int Space(const CommandLine& line, const FileOptions& options) {
     CSession session(line);
     const VolumeSpace space = session->Space(ToUtf16(options.to, "the volume name"));
     if (space.total_bytes == 0) ThrowNotDone("the server could not tell the space of this volume");
-    if (options.json) {
+    if (line.json) {
         CJson json;
         json.Open('{').Text("volume", options.to).Unsigned("total_bytes", space.total_bytes);
         PrintLine(json.Unsigned("free_bytes", space.free_bytes).Close().Str());
@@ -155,7 +154,7 @@ int Stat(const CommandLine& line, const FileOptions& options) {
         json.Null("size_bytes");
     else
         json.Unsigned("size_bytes", size_bytes);
-    if (options.json) {
+    if (line.json) {
         PrintLine(json.Close().Str());
         return kExitOk;
     }
@@ -181,7 +180,7 @@ int RemoveOverHttp(const CommandLine& line, const FileOptions& options) {
             ThrowNotDone(Printable(name) + " was not deleted: HTTP " +
                          std::to_string(reply.status) + " " + Printable(reply.reason));
         }
-        PrintDone(options, "removed", name);
+        PrintDone(line, "removed", name);
     }
     return kExitOk;
 }
@@ -199,7 +198,7 @@ int Remove(const CommandLine& line, const FileOptions& options) {
         if (session->Attributes(wide) != kNoAttributes) {
             ThrowNotDone(Printable(name) + " was not deleted");
         }
-        PrintDone(options, "removed", name);
+        PrintDone(line, "removed", name);
     }
     return kExitOk;
 }
@@ -218,7 +217,7 @@ int Move(const CommandLine& line, const FileOptions& options) {
     if (session->Attributes(from) != kNoAttributes || session->Attributes(to) == kNoAttributes) {
         ThrowNotDone(Printable(options.name) + " was not moved");
     }
-    PrintDone(options, "moved", options.name);
+    PrintDone(line, "moved", options.name);
     return kExitOk;
 }
 
@@ -233,7 +232,7 @@ int MakeDirectory(const CommandLine& line, const FileOptions& options) {
     if (after == kNoAttributes || (after & kAttributeDirectory) == 0) {
         ThrowNotDone(Printable(options.name) + " was not created");
     }
-    PrintDone(options, "created", options.name);
+    PrintDone(line, "created", options.name);
     return kExitOk;
 }
 
@@ -260,7 +259,7 @@ int Stripe(const CommandLine& line, const FileOptions& options) {
         ThrowNotDone(Printable(options.name) + " was not striped");
     }
     file.Close();
-    PrintDone(options, "striped", options.name);
+    PrintDone(line, "striped", options.name);
     return kExitOk;
 }
 
@@ -284,7 +283,7 @@ int Erase(const CommandLine& line, const FileOptions& options) {
         }
     }
     file.Close();
-    PrintDone(options, "erased", options.name);
+    PrintDone(line, "erased", options.name);
     return kExitOk;
 }
 
@@ -293,96 +292,90 @@ int Flush(const CommandLine& line, const FileOptions& options) {
     COpenFile file(*session, session->Open(FileNamed(options.name, options.aux)));
     session->Flush(file.Token());
     file.Close();
-    PrintDone(options, "flushed", options.name);
+    PrintDone(line, "flushed", options.name);
     return kExitOk;
 }
 
-struct Verbs {
-    CLI::App& app;
-    CommandLine& line;
+using Routine = int (*)(const CommandLine&, const FileOptions&);
 
-    using Routine = int (*)(const CommandLine&, const FileOptions&);
-    CLI::App* Add(const char* name, const char* help, const OptionsPtr& options,
-                  Routine run) const {
-        CLI::App* verb = app.add_subcommand(name, help);
-        verb->add_flag("--json", options->json, "Output as JSON");
-        CommandLine& target = line;
-        verb->callback([options, &target, run] {
-            target.verb = [options, &target, run] { return run(target, *options); };
-        });
-        return verb;
-    }
-};
+CLI::App* Add(const VerbGroup& group, const char* name, const char* help, const OptionsPtr& options,
+              Routine run) {
+    const CommandLine& line = group.line;
+    return group.Add(name, help, [options, &line, run] { return run(line, *options); });
+}
 
 void AddName(CLI::App* verb, const OptionsPtr& options, bool with_stream) {
     verb->add_option("NAME", options->name, "File on the server")->required();
     if (with_stream) {
-        verb->add_option("--stream", options->aux, "Stream of a file with several: v0, a1, tc");
+        verb->add_option("--stream", options->aux, "Stream of a file with several: v0, a1, tc")
+            ->type_name("STREAM");
     }
 }
 
-void AddQueryVerbs(const Verbs& verbs) {
+void AddQueryVerbs(const VerbGroup& verbs) {
     auto info = std::make_shared<FileOptions>();
-    CLI::App* verb = verbs.Add("info", "What a media file holds", info, &Info);
+    CLI::App* verb = Add(verbs, "info", "What a media file holds", info, &Info);
     AddName(verb, info, true);
     verb->add_flag("--by-name", info->byName, "Ask without opening the file");
 
     auto marks = std::make_shared<FileOptions>();
-    verb = verbs.Add("marks", "The two marks of a media file", marks, &Marks);
+    verb = Add(verbs, "marks", "The two marks of a media file", marks, &Marks);
     AddName(verb, marks, true);
     verb->add_flag("--by-name", marks->byName, "Ask without opening the file");
 
     auto space = std::make_shared<FileOptions>();
-    verb = verbs.Add("df", "Space of a volume", space, &Space);
+    verb = Add(verbs, "df", "Space of a volume", space, &Space);
     verb->add_option("VOLUME", space->to, "Volume (default: the server's volume root)");
 
     auto stat = std::make_shared<FileOptions>();
-    verb = verbs.Add("stat", "Size and attributes of a file or directory", stat, &Stat);
+    verb = Add(verbs, "stat", "Size and attributes of a file or directory", stat, &Stat);
     AddName(verb, stat, false);
 }
 
-void AddChangeVerbs(const Verbs& verbs) {
+void AddChangeVerbs(const VerbGroup& verbs) {
     auto remove = std::make_shared<FileOptions>();
-    CLI::App* verb = verbs.Add("rm", "Delete files", remove, &Remove);
+    CLI::App* verb = Add(verbs, "rm", "Delete files", remove, &Remove);
     verb->add_option("NAME", remove->names, "Files on the server")->required();
     verb->add_flag("--http", remove->overHttp, "By plain HTTP DELETE, without joining");
 
     auto move = std::make_shared<FileOptions>();
-    verb = verbs.Add("mv", "Move or rename a file; an existing target is refused", move, &Move);
+    verb = Add(verbs, "mv", "Move or rename a file; an existing target is refused", move, &Move);
     verb->add_option("FROM", move->name, "File on the server")->required();
     verb->add_option("TO", move->to, "Its new name")->required();
 
     auto mkdir = std::make_shared<FileOptions>();
-    verb = verbs.Add("mkdir", "Create a directory", mkdir, &MakeDirectory);
+    verb = Add(verbs, "mkdir", "Create a directory", mkdir, &MakeDirectory);
     AddName(verb, mkdir, false);
 
     auto stripe = std::make_shared<FileOptions>();
-    verb = verbs.Add("stripe", "Write a running timecode into a media file", stripe, &Stripe);
+    verb = Add(verbs, "stripe", "Write a running timecode into a media file", stripe, &Stripe);
     AddName(verb, stripe, true);
     verb->add_option("TIMECODE", stripe->to, "Of the first frame: HH:MM:SS:FF, HH:MM:SS;FF")
         ->required();
     verb->add_option("--flags", stripe->flags, "Stripe flags of the server's media library")
+        ->type_name("N")
         ->capture_default_str();
 
     auto erase = std::make_shared<FileOptions>();
     verb =
-        verbs.Add("erase", "Erase frames of a media file; the space is given back", erase, &Erase);
+        Add(verbs, "erase", "Erase frames of a media file; the space is given back", erase, &Erase);
     AddName(verb, erase, true);
-    verb->add_option("--from", erase->from, "First frame to erase")->required();
+    verb->add_option("--from", erase->from, "First frame to erase")->type_name("N")->required();
     verb->add_option("--count", erase->count, "How many frames")
+        ->type_name("N")
         ->required()
         ->check(CLI::Range(1u, 0x7FFFFFFFu));
 
     auto flush = std::make_shared<FileOptions>();
-    verb = verbs.Add("flush", "Return when all that was written to a file is on the device", flush,
-                     &Flush);
+    verb = Add(verbs, "flush", "Return when all that was written to a file is on the device", flush,
+               &Flush);
     AddName(verb, flush, true);
 }
 
 }  // namespace
 
 void AddFileVerbs(CLI::App& app, CommandLine& line) {
-    const Verbs verbs{app, line};
+    const VerbGroup verbs{app, line, "Files"};
     AddQueryVerbs(verbs);
     AddChangeVerbs(verbs);
 }

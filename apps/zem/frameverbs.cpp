@@ -13,6 +13,7 @@ extern "C" {
 #include "apps/zem/client/zemerror.h"
 #include "apps/zem/demux.h"
 #include "apps/zem/output.h"
+#include "apps/zem/terminal.h"
 #include "apps/zem/verbs.h"
 
 namespace zem {
@@ -27,7 +28,6 @@ struct FrameOptions {
     int32_t rate = kFrameRateFile;
     bool byName = false;
     bool force = false;
-    bool json = false;
 };
 
 using OptionsPtr = std::shared_ptr<FrameOptions>;
@@ -70,11 +70,17 @@ uint32_t ForEachFrame(CZemClient& client, uint64_t token, const FrameOptions& op
     return seen;
 }
 
+// How many frames ForEachFrame will see, for the progress line: the file may grow meanwhile.
+uint32_t Expected(CZemClient& client, uint64_t token, const FrameOptions& options) {
+    const uint32_t all = client.FileInfo(token).frameCount;
+    return std::min(options.count, all > options.from ? all - options.from : 0);
+}
+
 int FrameMd5(const CommandLine& line, const FrameOptions& options) {
     CSession session(line);
     COpenFile file(*session, session->Open(FileNamed(options.name, options.aux)));
     CJson json;
-    if (options.json) {
+    if (line.json) {
         json.Open('{').Text("name", options.name).Open('[', "frames");
     } else {
         // The column layout of the usual per-frame checksum lists, so that files can be compared
@@ -83,11 +89,15 @@ int FrameMd5(const CommandLine& line, const FrameOptions& options) {
             "#format: frame checksums\n#version: 2\n#hash: MD5\n"
             "#stream#, dts,        pts, duration,     size, hash");
     }
-    CProgress progress("framemd5", !line.quiet && !StdoutIsTerminal());
+    CProgress progress("framemd5 " + Printable(options.name), !line.quiet && !StdoutIsTerminal());
+    const uint32_t expected = Expected(*session, file.Token(), options);
+    uint64_t bytes = 0;
     const uint32_t seen = ForEachFrame(
         *session, file.Token(), options, [&](uint32_t position, const StreamFrame& frame) {
-            progress.Show(position, 0, std::to_string(position) + " frames");
-            if (options.json) {
+            const uint32_t done = position - options.from + 1;
+            bytes += frame.data.size();
+            progress.Show(done, expected, done, bytes);
+            if (line.json) {
                 json.Open('{').Unsigned("frame", position);
                 if (IsGap(frame.status)) {
                     json.Null("size").Null("md5").Close();
@@ -101,31 +111,33 @@ int FrameMd5(const CommandLine& line, const FrameOptions& options) {
                             frame.data.size(), Md5Of(frame.data).c_str());
             }
         });
-    if (options.json) PrintLine(json.Close().Unsigned("count", seen).Close().Str());
+    if (line.json) PrintLine(json.Close().Unsigned("count", seen).Close().Str());
     file.Close();
     return kExitOk;
 }
 
 int Read(const CommandLine& line, const FrameOptions& options) {
-    if (options.json && options.output == "-") {
+    if (line.json && options.output == "-") {
         throw CZemError(ErrorKind::kUsage, "--json needs -o FILE: the frames go to stdout");
     }
     COutputFile output(options.output, options.force);
     CSession session(line);
     COpenFile file(*session, session->Open(FileNamed(options.name, options.aux)));
-    CProgress progress("read", !line.quiet);
+    CProgress progress("read " + Printable(options.name), !line.quiet);
+    const uint32_t expected = Expected(*session, file.Token(), options);
     uint64_t total_bytes = 0;
     uint32_t gaps = 0;
-    const uint32_t seen =
-        ForEachFrame(*session, file.Token(), options, [&](uint32_t, const StreamFrame& frame) {
-            if (IsGap(frame.status)) {
-                ++gaps;
-                return;
-            }
-            output.Write(frame.data);
-            total_bytes += frame.data.size();
-            progress.Show(0, 0, HumanBytes(total_bytes));
-        });
+    const uint32_t seen = ForEachFrame(*session, file.Token(), options,
+                                       [&](uint32_t position, const StreamFrame& frame) {
+                                           const uint32_t done = position - options.from + 1;
+                                           if (IsGap(frame.status)) {
+                                               ++gaps;
+                                               return;
+                                           }
+                                           output.Write(frame.data);
+                                           total_bytes += frame.data.size();
+                                           progress.Show(done, expected, done, total_bytes);
+                                       });
     file.Close();
     if (seen == 0) {
         throw CZemError(ErrorKind::kRefused, Printable(options.name) + ": no frame at position " +
@@ -133,7 +145,7 @@ int Read(const CommandLine& line, const FrameOptions& options) {
     }
     output.Finish();
     if (gaps > 0) std::fprintf(stderr, "zem: %u missing frame(s) were left out\n", gaps);
-    if (options.json) {
+    if (line.json) {
         CJson json;
         json.Open('{').Text("name", options.name).Text("output", options.output);
         json.Unsigned("frames", seen - gaps).Unsigned("gaps", gaps).Unsigned("bytes", total_bytes);
@@ -167,7 +179,7 @@ int Frames(const CommandLine& line, const FrameOptions& options) {
     const uint32_t total = info.frameCount > options.from ? info.frameCount - options.from : 0;
     const uint32_t count = options.count < total ? options.count : total;
     CJson json;
-    if (options.json) {
+    if (line.json) {
         json.Open('{').Text("name", options.name).Unsigned("frame_count", info.frameCount);
         json.Open('[', "frames");
     } else {
@@ -187,7 +199,7 @@ int Frames(const CommandLine& line, const FrameOptions& options) {
         }
         for (uint32_t i = 0; i < some; ++i) {
             const FrameDescEntry& desc = descs[i];
-            if (!options.json) {
+            if (!line.json) {
                 std::printf("%10u %10u  %s   %s\n", from + i, desc.dataSize,
                             FlagsText(desc.flags).c_str(), TimecodeText(desc.timecode).c_str());
                 continue;
@@ -201,44 +213,46 @@ int Frames(const CommandLine& line, const FrameOptions& options) {
         }
         done += some;
     }
-    if (options.json) PrintLine(json.Close().Close().Str());
+    if (line.json) PrintLine(json.Close().Close().Str());
     file.Close();
     return kExitOk;
 }
 
-CLI::App* AddVerb(CLI::App& app, CommandLine& line, const char* name, const char* help,
-                  const OptionsPtr& options, int (*run)(const CommandLine&, const FrameOptions&)) {
-    CLI::App* verb = app.add_subcommand(name, help);
+CLI::App* Add(const VerbGroup& group, const char* name, const char* help, const OptionsPtr& options,
+              int (*run)(const CommandLine&, const FrameOptions&)) {
+    const CommandLine& line = group.line;
+    CLI::App* verb = group.Add(name, help, [options, &line, run] { return run(line, *options); });
     verb->add_option("NAME", options->name, "File on the server")->required();
-    verb->add_option("--stream", options->aux, "Stream of a file with several: v0, a1, tc");
-    verb->add_option("--from", options->from, "First frame")->capture_default_str();
-    verb->add_option("--count", options->count, "How many frames (default: to the end)");
-    verb->add_flag("--json", options->json, "Output as JSON");
-    verb->callback([options, &line, run] {
-        line.verb = [options, &line, run] { return run(line, *options); };
-    });
+    verb->add_option("--stream", options->aux, "Stream of a file with several: v0, a1, tc")
+        ->type_name("STREAM");
+    verb->add_option("--from", options->from, "First frame")->type_name("N")->capture_default_str();
+    verb->add_option("--count", options->count, "How many frames (default: to the end)")
+        ->type_name("N");
     return verb;
 }
 
 }  // namespace
 
 void AddFrameVerbs(CLI::App& app, CommandLine& line) {
-    AddVerb(app, line, "framemd5", "Read frames back and print size and MD5 of each",
-            std::make_shared<FrameOptions>(), &FrameMd5);
+    const VerbGroup group{app, line, "Frames"};
+    Add(group, "framemd5", "Read frames back and print size and MD5 of each",
+        std::make_shared<FrameOptions>(), &FrameMd5);
 
     auto read = std::make_shared<FrameOptions>();
-    CLI::App* verb = AddVerb(app, line, "read",
-                             "Write the frames' data, one after another, to a "
-                             "file or a pipe",
-                             read, &Read);
-    verb->add_option("-o,--output", read->output, "File; - is stdout")->capture_default_str();
+    CLI::App* verb = Add(group, "read",
+                         "Write the frames' data, one after another, to a "
+                         "file or a pipe",
+                         read, &Read);
+    verb->add_option("-o,--output", read->output, "File; - is stdout")
+        ->type_name(kTypeFile)
+        ->capture_default_str();
     verb->add_flag("--force", read->force, "Replace the file if it exists");
 
     auto frames = std::make_shared<FrameOptions>();
-    verb = AddVerb(app, line, "frames",
-                   "List the frames: size, flags (Key, Present, Erased, "
-                   "Corrupt), timecode",
-                   frames, &Frames);
+    verb = Add(group, "frames",
+               "List the frames: size, flags (Key, Present, Erased, "
+               "Corrupt), timecode",
+               frames, &Frames);
     CLI::Option* by_name =
         verb->add_flag("--by-name", frames->byName,
                        "Ask without opening the file; few names survive what the "
@@ -246,6 +260,7 @@ void AddFrameVerbs(CLI::App& app, CommandLine& line) {
     verb->add_option("--rate", frames->rate,
                      "Count positions in this rate: 0 the file's own, 1 23.976, 2 24, 3 25, "
                      "4 29.97, 5 30, 6 50, 7 59.94, 8 60")
+        ->type_name("N")
         ->check(CLI::Range(0, 8))
         ->excludes(by_name)
         ->capture_default_str();

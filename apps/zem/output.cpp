@@ -1,10 +1,10 @@
-// Terminal, JSON and signals of the program zem.
+// Numbers and JSON of the program zem.
 #include "apps/zem/output.h"
 
 #include <unistd.h>
 
 #include <array>
-#include <csignal>
+#include <charconv>
 #include <cstdio>
 #include <random>
 
@@ -24,6 +24,30 @@ std::string HumanBytes(uint64_t bytes) {
     return text.data();
 }
 
+bool ParseBytes(std::string_view text, uint64_t& bytes) {
+    constexpr std::string_view kUnits = "KMGT";
+    uint64_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    std::string_view unit = text.substr(static_cast<size_t>(end - text.data()));
+    if (error != std::errc()) return false;
+    unsigned shift = 0;
+    if (!unit.empty() && unit != "B") {
+        const char letter = unit[0] >= 'a' ? static_cast<char>(unit[0] - 32) : unit[0];
+        const size_t at = kUnits.find(letter);
+        unit.remove_prefix(1);
+        if (!unit.empty() && (unit[0] == 'i' || unit[0] == 'I')) {
+            unit.remove_prefix(1);
+            if (unit.empty()) return false;
+        }
+        if (at == std::string_view::npos || (!unit.empty() && unit != "B" && unit != "b"))
+            return false;
+        shift = 10 * (static_cast<unsigned>(at) + 1);
+    }
+    if (number > (UINT64_MAX >> shift)) return false;
+    bytes = number << shift;
+    return true;
+}
+
 void CJson::Begin(std::string_view key) {
     if (!m_first) m_text += ",";
     m_first = false;
@@ -35,16 +59,19 @@ void CJson::Begin(std::string_view key) {
 
 void CJson::Quote(std::string_view value) {
     m_text += '"';
-    for (const char c : value) {
-        if (c == '"' || c == '\\') {
+    for (size_t at = 0; at < value.size();) {
+        const size_t from = at;
+        const uint32_t point = NextCodePoint(value, at);
+        if (point == '"' || point == '\\') {
             m_text += '\\';
-            m_text += c;
-        } else if (static_cast<uint8_t>(c) < 0x20) {
-            std::array<char, 8> escape{};
-            std::snprintf(escape.data(), escape.size(), "\\u%04x", static_cast<unsigned>(c));
+            m_text += value[from];
+        } else if (point == kIllFormed || IsControl(point)) {
+            std::array<char, 16> escape{};
+            std::snprintf(escape.data(), escape.size(), "\\u%04x",
+                          static_cast<unsigned>(point == kIllFormed ? 0xFFFD : point));
             m_text += escape.data();
         } else {
-            m_text += c;
+            m_text.append(value, from, at - from);
         }
     }
     m_text += '"';
@@ -80,6 +107,17 @@ CJson& CJson::Unsigned(std::string_view key, uint64_t value) {
     m_text += std::to_string(value);
     return *this;
 }
+CJson& CJson::Real(std::string_view key, double value) {
+    Begin(key);
+    std::array<char, 64> text{};
+    std::snprintf(text.data(), text.size(), "%.6f", value);
+    std::string_view shown = text.data();
+    while (shown.ends_with('0'))
+        shown.remove_suffix(1);
+    if (shown.ends_with('.')) shown.remove_suffix(1);
+    m_text += shown;
+    return *this;
+}
 CJson& CJson::Bool(std::string_view key, bool value) {
     Begin(key);
     m_text += value ? "true" : "false";
@@ -89,85 +127,6 @@ CJson& CJson::Null(std::string_view key) {
     Begin(key);
     m_text += "null";
     return *this;
-}
-
-bool StdoutIsTerminal() {
-    return isatty(1) == 1;
-}
-bool StderrIsTerminal() {
-    return isatty(2) == 1;
-}
-
-CProgress::CProgress(std::string label, bool wanted)
-    : m_label(std::move(label)),
-      m_on(wanted && StderrIsTerminal()),
-      m_start(std::chrono::steady_clock::now()),
-      m_last(m_start) {}
-
-CProgress::~CProgress() {
-    if (m_drawn) std::fputs("\r\x1b[K", stderr);
-}
-
-double CProgress::Seconds() const {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - m_start).count();
-}
-
-namespace {
-
-// "0:07", "12:31", "2:03:40".
-std::string TimeLeft(double seconds) {
-    const auto whole = static_cast<long>(seconds + 0.5);
-    std::array<char, 48> text{};
-    if (whole >= 3600) {
-        std::snprintf(text.data(), text.size(), "%ld:%02ld:%02ld", whole / 3600, whole / 60 % 60,
-                      whole % 60);
-    } else {
-        std::snprintf(text.data(), text.size(), "%ld:%02ld", whole / 60, whole % 60);
-    }
-    return text.data();
-}
-
-}  // namespace
-
-std::string ProgressText(uint64_t done, uint64_t total, double seconds, std::string_view note) {
-    constexpr size_t kWidth = 24;
-    if (total == 0) return std::string(note);
-    const double part =
-        static_cast<double>(done < total ? done : total) / static_cast<double>(total);
-    const auto filled = static_cast<size_t>(part * static_cast<double>(kWidth));
-    std::string text = "[" + std::string(filled, '#') + std::string(kWidth - filled, '.') + "] " +
-                       std::to_string(static_cast<int>(part * 100)) + " % ";
-    if (part > 0.01) text += TimeLeft(seconds * (1 - part) / part) + " left, ";
-    return text.append(note);
-}
-
-void CProgress::Show(uint64_t done, uint64_t total, std::string_view note) {
-    const auto now = std::chrono::steady_clock::now();
-    if (!m_on || (m_drawn && now - m_last < std::chrono::milliseconds(100))) return;
-    m_last = now;
-    m_drawn = true;
-    std::fprintf(stderr, "\r\x1b[K%s %s", m_label.c_str(),
-                 ProgressText(done, total, Seconds(), note).c_str());
-}
-
-namespace {
-
-volatile std::sig_atomic_t g_stop = 0;
-
-void OnStopSignal(int number) {
-    g_stop = 1;
-    std::signal(number, SIG_DFL);
-}
-
-}  // namespace
-
-void CatchStopSignals() {
-    std::signal(SIGINT, &OnStopSignal);
-    std::signal(SIGTERM, &OnStopSignal);
-}
-
-bool StopRequested() {
-    return g_stop != 0;
 }
 
 std::string DefaultClientId() {

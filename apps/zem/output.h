@@ -1,8 +1,6 @@
-// What the program shows: numbers for people, JSON for programs, a progress line on a terminal.
-// Main thread only.
+// What the program shows: numbers for people, JSON for programs. Main thread only.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -11,9 +9,13 @@ namespace zem {
 
 // "12.3 MiB"; below 1 KiB in bytes.
 std::string HumanBytes(uint64_t bytes);
+// The reverse: "4096", "64k", "1M", "1MiB", "2G"; units are powers of 1024. False for anything
+// else.
+bool ParseBytes(std::string_view text, uint64_t& bytes);
 
-// A JSON text, built in order. Members of an object are given a key, elements of an array none (an
-// empty key).
+// A JSON text, built in order: ASCII control characters, C1 and direction marks are escaped, bytes
+// that are no UTF-8 become U+FFFD. Members of an object are given a key, elements of an array none
+// (an empty key).
 class CJson {
 public:
     CJson& Open(char bracket, std::string_view key = {});  // '{' or '['
@@ -21,6 +23,7 @@ public:
     CJson& Text(std::string_view key, std::string_view value);
     CJson& Number(std::string_view key, int64_t value);
     CJson& Unsigned(std::string_view key, uint64_t value);
+    CJson& Real(std::string_view key, double value);  // with up to 6 digits; never in E notation
     CJson& Bool(std::string_view key, bool value);
     CJson& Null(std::string_view key);
     const std::string& Str() const { return m_text; }
@@ -32,37 +35,6 @@ private:
     std::string m_brackets;  // the closing brackets that are still owed
     bool m_first = true;
 };
-
-bool StdoutIsTerminal();
-bool StderrIsTerminal();
-
-// "[####....] 41 % 2:31 left, NOTE"; a `total` of 0 means unknown.
-std::string ProgressText(uint64_t done, uint64_t total, double seconds, std::string_view note);
-
-// One line on stderr that is redrawn at most ten times a second. Draws nothing when stderr is not a
-// terminal.
-class CProgress {
-public:
-    explicit CProgress(std::string label, bool wanted);
-    ~CProgress();  // clears the line
-    CProgress(const CProgress&) = delete;
-    CProgress& operator=(const CProgress&) = delete;
-
-    // `total` 0 means unknown; `note` is free text behind the bar.
-    void Show(uint64_t done, uint64_t total, std::string_view note);
-    double Seconds() const;
-
-private:
-    std::string m_label;
-    bool m_on;
-    bool m_drawn = false;
-    std::chrono::steady_clock::time_point m_start;
-    std::chrono::steady_clock::time_point m_last;
-};
-
-// Makes SIGINT and SIGTERM set a flag instead of ending the process; a second one ends it.
-void CatchStopSignals();
-bool StopRequested();
 
 // zem-PID-RANDOM: no other running client has it.
 std::string DefaultClientId();

@@ -18,6 +18,7 @@ extern "C" {
 #include "apps/zem/clipfile.h"
 #include "apps/zem/demux.h"
 #include "apps/zem/output.h"
+#include "apps/zem/terminal.h"
 #include "apps/zem/verbs.h"
 #include "mediaio/cadence.h"
 #include "mediaio/foreign/avdesc.h"
@@ -35,7 +36,6 @@ struct PutOptions {
     std::string name;
     std::string verify = "quick";
     bool force = false;
-    bool json = false;
     bool import = false;
 };
 
@@ -232,11 +232,7 @@ void CPut::SendAll() {
         Take(packet);
         sent_bytes += packet.data.size();
         ++packets;
-        const double seconds = progress.Seconds();
-        const auto rate =
-            static_cast<uint64_t>(static_cast<double>(sent_bytes) / (seconds > 0 ? seconds : 1));
-        progress.Show(m_clip.Position_bytes(), clip_bytes,
-                      std::to_string(packets) + " frames, " + HumanBytes(rate) + "/s");
+        progress.Show(m_clip.Position_bytes(), clip_bytes, packets, sent_bytes);
     }
     if (packets == 0) {
         throw CZemError(ErrorKind::kLocalFile, Printable(m_options.clip) + ": no frame in it");
@@ -380,8 +376,12 @@ void CPut::Verify(const PutFile& file) {
     bool described = m_options.verify != "all";
     if (described) VerifyDescs(file, open.Token(), described);
     if (!described) {
+        CProgress progress("verify " + Printable(file.name), !m_line.quiet);
+        uint64_t bytes = 0;
         for (uint32_t position = 0; position + 1 < count; ++position) {
             VerifyFrame(file, open.Token(), position);
+            bytes += file.frames[position].size_bytes;
+            progress.Show(bytes, file.total_bytes, position + 1, bytes);
         }
     }
     VerifyFrame(file, open.Token(), count - 1);
@@ -418,7 +418,7 @@ void CPut::VerifyFrame(const PutFile& file, uint64_t token, uint32_t position) {
 }
 
 void CPut::Summary() const {
-    if (m_options.json) {
+    if (m_line.json) {
         CJson json;
         json.Open('{').Text("clip", m_options.clip).Open('[', "files");
         for (const PutFile& file : m_files) {
@@ -465,9 +465,11 @@ void AddPutVerbs(CLI::App& app, CommandLine& line) {
     for (const Verb& each : verbs) {
         auto options = std::make_shared<PutOptions>();
         options->import = each.import;
-        CLI::App* verb = app.add_subcommand(each.name, each.help);
+        CLI::App* verb = VerbGroup{app, line, "Clips"}.Add(
+            each.name, each.help, [options, &line] { return CPut(line, *options).Run(); });
         verb->add_option("CLIP", options->clip,
                          "MOV, MP4, MXF or other clip of this machine; - is stdin")
+            ->type_name(kTypeFile)
             ->required();
         verb->add_option("NAME", options->name, "Name on the server, without the stream's ending")
             ->required();
@@ -475,12 +477,9 @@ void AddPutVerbs(CLI::App& app, CommandLine& line) {
         verb->add_option("--verify", options->verify,
                          "quick: compare the size of every frame and the contents of the last; "
                          "all: read every frame back")
+            ->type_name("HOW")
             ->check(CLI::IsMember({"quick", "all"}))
             ->capture_default_str();
-        verb->add_flag("--json", options->json, "Print a summary as JSON");
-        verb->callback([options, &line] {
-            line.verb = [options, &line] { return CPut(line, *options).Run(); };
-        });
     }
 }
 

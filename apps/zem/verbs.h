@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <string>
 #include <thread>
 
@@ -40,6 +41,8 @@ struct CommandLine {
     int keepAlive_s = 15;
     bool stay = false;
     bool quiet = false;
+    bool json = false;
+    std::string colour = "auto";
     std::function<int()> verb;
 
     ConnectionOptions Connection() const;
@@ -122,18 +125,42 @@ private:
     std::unique_ptr<State> m_state;
 };
 
+// The group of verbs under which help and manual list them.
+struct VerbGroup {
+    CLI::App& app;
+    CommandLine& line;
+    const char* title;
+
+    // Adds a verb; `run` is called once the line is parsed. --json is every verb's.
+    CLI::App* Add(const char* name, const char* help, std::function<int()> run) const;
+};
+
+// What the tables of help, manual and completions say of an argument is its type's name. Those that
+// name a file of this machine are completed with files.
+inline constexpr const char* kTypeFile = "FILE";
+
 FileRef FileNamed(const std::string& name, const std::string& aux = {});
 const char* MediaTypeText(int32_t media_type);
 std::string RateText(uint32_t numerator, uint32_t denominator);
 void PrintLine(const std::string& text);
 
-void AddPutVerbs(CLI::App& app, CommandLine& line);    // put import
-void AddExportVerb(CLI::App& app, CommandLine& line);  // export
-void AddFrameVerbs(CLI::App& app, CommandLine& line);  // framemd5 read frames
-void AddFileVerbs(CLI::App& app,
-                  CommandLine& line);  // info marks df stat rm mv mkdir stripe erase flush
+void AddPutVerbs(CLI::App& app, CommandLine& line);     // put import
+void AddExportVerb(CLI::App& app, CommandLine& line);   // export
+void AddFrameVerbs(CLI::App& app, CommandLine& line);   // framemd5 read frames
+void AddFileVerbs(CLI::App& app, CommandLine& line);    // info marks df stat rm mv mkdir stripe ...
 void AddPageVerbs(CLI::App& app, CommandLine& line);    // status clients get
+void AddTopVerb(CLI::App& app, CommandLine& line);      // top
+void AddBenchVerb(CLI::App& app, CommandLine& line);    // bench
+void AddDoctorVerb(CLI::App& app, CommandLine& line);   // doctor
 void AddClientVerbs(CLI::App& app, CommandLine& line);  // join leave keepalive realtime config
+void AddManualVerbs(CLI::App& app, CommandLine& line);  // completion manual
+
+// The exit codes and what they mean: help, manual and docs/zem.md have them from here.
+struct ExitMeaning {
+    ExitCode code;
+    const char* meaning;
+};
+std::span<const ExitMeaning> ExitMeanings();
 
 // The whole program but for its main: parses, runs, turns every failure into a line on stderr and
 // an exit code.

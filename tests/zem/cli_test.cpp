@@ -99,14 +99,103 @@ TEST_F(ZemCli, HelpAndVersionGoToStdoutWithCode0) {
 
 TEST_F(ZemCli, EveryVerbHasHelp) {
     for (const char* verb :
-         {"put", "framemd5", "read",  "frames",    "info",     "marks", "df",     "stat",
-          "rm",  "mv",       "mkdir", "stripe",    "erase",    "flush", "status", "clients",
-          "get", "join",     "leave", "keepalive", "realtime", "config"}) {
+         {"put",    "import",    "export",   "framemd5", "read",      "frames", "info",  "marks",
+          "df",     "stat",      "rm",       "mv",       "mkdir",     "stripe", "erase", "flush",
+          "status", "clients",   "get",      "top",      "bench",     "doctor", "join",  "leave",
+          "config", "keepalive", "realtime", "manual",   "completion"}) {
         const Outcome help = Run({verb, "--help"});
         EXPECT_EQ(help.code, 0) << verb;
-        EXPECT_TRUE(Has(help.out, std::string("zem ") + verb)) << verb << help.out;
+        EXPECT_TRUE(Has(help.out, std::string("Usage: zem ") + verb)) << verb << help.out;
         EXPECT_TRUE(Has(help.out, "--json") || std::string(verb) == "config") << verb;
+        EXPECT_TRUE(Has(Run({"--help"}).out, std::string("\n  ") + verb + " ")) << verb;
     }
+}
+
+TEST_F(ZemCli, FailuresAreJsonToo) {
+    const Outcome refused = Run({"stat", "media/none", "--json"});
+    EXPECT_EQ(refused.code, 1);
+    EXPECT_EQ(
+        refused.out,
+        "{\"error\":\"media/none: there is no such file\",\"exit_code\":1,\"hresult\":null}\n");
+    EXPECT_EQ(refused.err, "zem: media/none: there is no such file\n");
+    const Outcome away =
+        RunOn("http://127.0.0.1:" + std::to_string(UnusedPort()), {"--json", "status"});
+    EXPECT_EQ(away.code, 3);
+    EXPECT_TRUE(Has(away.out, "\"exit_code\":3")) << away.out;
+    const Outcome usage = Run({"read", "media/v", "--json"});
+    EXPECT_EQ(usage.code, 2);
+    EXPECT_TRUE(Has(usage.out, "\"exit_code\":2")) << usage.out;
+    const Outcome number = Run({"--json", "info", "media/none"});
+    EXPECT_TRUE(Has(number.out, "\"hresult\":\"0x80004005\"")) << number.out;
+}
+
+TEST_F(ZemCli, TheServerMayComeFromTheEnvironment) {
+    const auto shell = [&](const std::string& more) {
+        m_server.Settle();
+        return Shell("ZEM_SERVER=" + m_server.Url() + " " + Quoted(ZEM_PROGRAM) + more + " >out");
+    };
+    EXPECT_EQ(shell(" status"), 0);
+    EXPECT_TRUE(Has(Contents(m_dir / "out"), m_server.Url()));
+    m_server.Settle();
+    const std::string nowhere = "http://127.0.0.1:" + std::to_string(UnusedPort());
+    EXPECT_EQ(shell(" --server " + nowhere + " status"), 3) << "the option goes first";
+}
+
+TEST_F(ZemCli, ColoursAreAskedForOrNotThere) {
+    EXPECT_EQ(Run({"stat", "media/none"}).err.rfind("zem: ", 0), 0u) << "no terminal";
+    EXPECT_EQ(Run({"--color", "always", "stat", "media/none"}).err.rfind("\x1b[31mzem:\x1b[0m ", 0),
+              0u);
+    EXPECT_EQ(Run({"--color", "never", "stat", "media/none"}).err.rfind("zem: ", 0), 0u);
+    EXPECT_EQ(Run({"--color", "sometimes", "status"}).code, 2);
+}
+
+TEST_F(ZemCli, TextOfTheServerDoesNotReachTheTerminalRaw) {
+    const std::string evil =
+        "\x1b]0;pwned\x07 \xc2\x9b"
+        "2J \xe2\x80\xae \xff";
+    CScriptServer server([&](const ScriptRequest& request) {
+        if (request.target == "/media/status") {
+            return ScriptAnswer{
+                "HTTP/1.1 200 OK\r\nContent-Length: 5\r\nX-ServerName: " + evil + "\r\n\r\n0 1 2",
+                false};
+        }
+        if (request.target == "/media/clients")
+            return ScriptAnswer{PageReplyBytes(200, "OK", evil + "\r\n"), false};
+        return ScriptAnswer{PageReplyBytes(500, evil, ""), false};
+    });
+    const std::vector<std::vector<std::string>> lines = {{"status"},
+                                                         {"clients"},
+                                                         {"clients", "--json"},
+                                                         {"status", "--json"},
+                                                         {"info", "x"},
+                                                         {"info", "x", "--json"},
+                                                         {"get", "media/x"},
+                                                         {"top", "--count", "1"},
+                                                         {"doctor"},
+                                                         {"doctor", "--json"},
+                                                         {"top", "--count", "1", "--json"},
+                                                         {"stat", evil}};
+    for (const auto& arguments : lines) {
+        const Outcome outcome = RunOn(server.Url(), arguments);
+        const std::string all = outcome.out + outcome.err;
+        EXPECT_NE(all, "") << arguments[0];
+        for (const char* raw : {"\x1b", "\x07", "\xc2\x9b", "\xe2\x80\xae", "\xff"})
+            EXPECT_FALSE(Has(all, raw)) << arguments[0] << ": " << all;
+    }
+    EXPECT_TRUE(
+        Has(RunOn(server.Url(), {"clients"}).out, "\\x1b]0;pwned\\x07 \\u009b2J \\u202e \\xff\n"));
+}
+
+TEST_F(ZemCli, AFullClientPageIsSaidToBeFull) {
+    size_t length = 4420;
+    CScriptServer server([&](const ScriptRequest&) {
+        return ScriptAnswer{PageReplyBytes(200, "OK", std::string(length - 2, 'x') + "\r\n"),
+                            false};
+    });
+    EXPECT_TRUE(Has(RunOn(server.Url(), {"clients", "--json"}).out, "\"perhaps_more\":false"));
+    ++length;
+    EXPECT_TRUE(Has(RunOn(server.Url(), {"clients", "--json"}).out, "\"perhaps_more\":true"));
+    EXPECT_TRUE(Has(RunOn(server.Url(), {"clients"}).err, "there may be more"));
 }
 
 TEST_F(ZemCli, WrongUsageIs2AndSendsNothing) {
@@ -127,7 +216,14 @@ TEST_F(ZemCli, WrongUsageIs2AndSendsNothing) {
         {"--timeout", "0", "status"},
         {"--id", "", "leave"},
         {"info", "\xFF"},
-        {"read", "f", "--json"}};
+        {"read", "f", "--json"},
+        {"top", "--interval", "0"},
+        {"bench", "--mode", "nix"},
+        {"bench", "--frame-size", "15"},
+        {"bench", "--frame-size", "241M"},
+        {"bench", "--file", "media/x"},
+        {"completion", "tcsh"},
+        {"manual"}};
     for (const auto& arguments : wrong) {
         const Outcome outcome = Run(arguments);
         EXPECT_EQ(outcome.code, 2) << (arguments.empty() ? "" : arguments[0]) << outcome.err;
@@ -163,8 +259,9 @@ TEST_F(ZemCli, StatusAndClients) {
     EXPECT_EQ(Run({"--id", "desk 1", "join"}).code, 0);
     EXPECT_EQ(Run({"--id", "desk 2", "join"}).code, 0);
     EXPECT_EQ(Run({"clients"}).out, "desk 1\ndesk 2\n");
-    EXPECT_EQ(Run({"clients", "--json"}).out,
-              "{\"server\":\"studio7\",\"clients\":[\"desk 1\",\"desk 2\"]}\n");
+    EXPECT_EQ(
+        Run({"clients", "--json"}).out,
+        "{\"server\":\"studio7\",\"clients\":[\"desk 1\",\"desk 2\"],\"perhaps_more\":false}\n");
     EXPECT_EQ(Run({"--id", "desk 1", "leave"}).code, 0);
     EXPECT_EQ(Run({"clients"}).out, "desk 2\n");
 }
@@ -176,6 +273,13 @@ TEST_F(ZemCli, StatusOfAServerWithoutAVolumeIs1) {
     const Outcome outcome = RunOn(server.Url(), {"status"});
     EXPECT_EQ(outcome.code, 1);
     EXPECT_TRUE(Has(outcome.err, "0x80070003 (path not found)"));
+    const Outcome json = RunOn(server.Url(), {"status", "--json"});
+    EXPECT_EQ(json.code, 1);
+    EXPECT_TRUE(Has(json.out, "\"error\":2147942403,")) << json.out;
+    CScriptServer later([](const ScriptRequest&) {
+        return ScriptAnswer{PageReplyBytes(200, "OK", "0 0 0"), false};
+    });
+    EXPECT_EQ(RunOn(later.Url(), {"status"}).code, 1) << "the error is told once, the zeros stay";
 }
 
 TEST_F(ZemCli, PutAndFramemd5EqualTheClip) {

@@ -124,8 +124,8 @@ class WholeClips(zemcase.ZemCase):
                     shown += os.read(terminal, 65536)
             except OSError:  # nobody has its other end any more
                 os.close(terminal)
-            self.assertRegex(shown, rb'^\r\x1b\[K' + verb[0].encode() + rb' media/shown \[[#.]{24}\] \d+ % ')
-            self.assertRegex(shown, rb' frames, [0-9.]+ [KMG]?i?B/s')
+            self.assertRegex(shown, rb'^\r\x1b\[K' + verb[0].encode() + rb' media/shown  \[[#.]{8,24}\]  +\d+ %  ')
+            self.assertRegex(shown, rb' frames  [0-9.]+ [KMG]?i?B/s')
             self.assertTrue(shown.endswith(b'\r\x1b[K'), 'the line is gone at the end')
             self.assertEqual(done.stdout, b'')
 

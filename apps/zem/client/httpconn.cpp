@@ -122,8 +122,7 @@ struct CHttpConnection::Exchange {
     const Sink* sink = nullptr;
 
     HttpReply reply;
-    std::string contentType;
-    std::string serverName;
+    PageReply page;  // the headers of a page; its text is in `reply`
     int64_t contentLength_bytes = -1;
     bool tooLong = false;
     bool stopped = false;
@@ -132,14 +131,14 @@ struct CHttpConnection::Exchange {
     bool IsStreamed() const { return sink != nullptr && reply.status == 200; }
     bool TakeHeader(std::string_view line);
     bool TakeBody(std::span<const uint8_t> piece);
+    PageReply TakePage();
 };
 
 bool CHttpConnection::Exchange::TakeHeader(std::string_view line) {
     if (line.starts_with("HTTP/")) {
         // A status line opens a new answer: what came before it was an interim one (100 Continue).
         reply = HttpReply{};
-        contentType.clear();
-        serverName.clear();
+        page = PageReply{};
         contentLength_bytes = -1;
         const std::string_view rest = Trimmed(line.substr(std::min(line.find(' '), line.size())));
         reply.status =
@@ -154,8 +153,10 @@ bool CHttpConnection::Exchange::TakeHeader(std::string_view line) {
     if (EqualNoCase(name, "zem-resphdr-len")) reply.headerLength_bytes = DecimalOf(value);
     if (EqualNoCase(name, "zem-ver")) reply.protocolVersion = value;
     if (EqualNoCase(name, "content-length")) contentLength_bytes = DecimalOf(value);
-    if (EqualNoCase(name, "content-type")) contentType = value;
-    if (EqualNoCase(name, "x-servername")) serverName = value;
+    if (EqualNoCase(name, "content-type")) page.contentType = value;
+    if (EqualNoCase(name, "x-servername")) page.serverName = value;
+    if (EqualNoCase(name, "server")) page.software = value;
+    if (EqualNoCase(name, "date")) page.date = value;
     // Refused before its first byte: nothing is gained by waiting for what will not be kept.
     tooLong = !IsStreamed() && contentLength_bytes > 0 &&
               static_cast<uint64_t>(contentLength_bytes) > limit_bytes;
@@ -177,6 +178,13 @@ bool CHttpConnection::Exchange::TakeBody(std::span<const uint8_t> piece) {
     }
     reply.entity.insert(reply.entity.end(), piece.begin(), piece.end());
     return true;
+}
+
+PageReply CHttpConnection::Exchange::TakePage() {
+    page.status = reply.status;
+    page.reason = reply.reason;
+    page.text.assign(reply.entity.begin(), reply.entity.end());
+    return std::move(page);
 }
 
 size_t CHttpConnection::OnHeader(char* data, size_t size, size_t count, void* exchange) noexcept {
@@ -297,14 +305,6 @@ HttpReply CHttpConnection::Post(std::span<const uint8_t> request, uint64_t limit
     return std::move(exchange.reply);
 }
 
-namespace {
-
-std::string TextOf(const std::vector<uint8_t>& bytes) {
-    return {bytes.begin(), bytes.end()};
-}
-
-}  // namespace
-
 PageReply CHttpConnection::Get(std::string_view path) {
     return Download(path, Sink());
 }
@@ -316,8 +316,7 @@ PageReply CHttpConnection::Download(std::string_view path, const Sink& sink) {
     m_handle->Set(CURLOPT_HTTPHEADER, static_cast<curl_slist*>(nullptr));
     m_handle->Set(CURLOPT_HTTPGET, 1L);
     Perform(exchange, path);
-    return {exchange.reply.status, exchange.reply.reason, exchange.contentType, exchange.serverName,
-            TextOf(exchange.reply.entity)};
+    return exchange.TakePage();
 }
 
 PageReply CHttpConnection::Delete(std::string_view path) {
@@ -326,8 +325,7 @@ PageReply CHttpConnection::Delete(std::string_view path) {
     m_handle->Set(CURLOPT_HTTPGET, 1L);
     m_handle->Set(CURLOPT_CUSTOMREQUEST, "DELETE");
     Perform(exchange, path);
-    return {exchange.reply.status, exchange.reply.reason, exchange.contentType, exchange.serverName,
-            TextOf(exchange.reply.entity)};
+    return exchange.TakePage();
 }
 
 std::string UrlPathOf(std::string_view name) {

@@ -28,6 +28,8 @@ struct PageReply {
     std::string reason;
     std::string contentType;
     std::string serverName;  // X-ServerName
+    std::string software;    // Server
+    std::string date;        // Date
     std::string text;
 };
 

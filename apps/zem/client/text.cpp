@@ -2,7 +2,9 @@
 // and locale-bound.
 #include "apps/zem/client/text.h"
 
+#include <array>
 #include <cstdint>
+#include <cstdio>
 
 #include "apps/zem/client/zemerror.h"
 
@@ -52,29 +54,35 @@ bool IsLowSurrogate(uint32_t unit) {
 
 }  // namespace
 
+uint32_t NextCodePoint(std::string_view utf8, size_t& at) {
+    const Sequence sequence = SequenceOf(static_cast<uint8_t>(utf8[at]));
+    const auto length = static_cast<size_t>(sequence.length);
+    bool good = length > 0 && length <= utf8.size() - at;
+    uint32_t point = sequence.bits;
+    for (size_t i = 1; good && i < length; ++i) {
+        const auto byte = static_cast<uint8_t>(utf8[at + i]);
+        good = (byte & 0xC0) == 0x80;
+        point = (point << 6) | (byte & 0x3Fu);
+    }
+    good = good && point >= sequence.smallest && point <= 0x10FFFF &&
+           (point < 0xD800 || point > 0xDFFF);
+    at += good ? length : 1;
+    return good ? point : kIllFormed;
+}
+
 std::u16string ToUtf16(std::string_view utf8, const char* what) {
     std::u16string out;
     out.reserve(utf8.size());
     for (size_t at = 0; at < utf8.size();) {
-        const Sequence sequence = SequenceOf(static_cast<uint8_t>(utf8[at]));
-        bool good = sequence.length > 0 && at + static_cast<size_t>(sequence.length) <= utf8.size();
-        uint32_t point = sequence.bits;
-        for (int i = 1; good && i < sequence.length; ++i) {
-            const auto byte = static_cast<uint8_t>(utf8[at + static_cast<size_t>(i)]);
-            good = (byte & 0xC0) == 0x80;
-            point = (point << 6) | (byte & 0x3Fu);
-        }
-        if (!good || point < sequence.smallest || point > 0x10FFFF ||
-            (point >= 0xD800 && point <= 0xDFFF)) {
+        const uint32_t point = NextCodePoint(utf8, at);
+        if (point == kIllFormed)
             throw CZemError(ErrorKind::kUsage, std::string(what) + " is not well-formed UTF-8");
-        }
         if (point < 0x10000) {
             out.push_back(static_cast<char16_t>(point));
         } else {
             out.push_back(static_cast<char16_t>(0xD800 + ((point - 0x10000) >> 10)));
             out.push_back(static_cast<char16_t>(0xDC00 + ((point - 0x10000) & 0x3FF)));
         }
-        at += static_cast<size_t>(sequence.length);
     }
     return out;
 }
@@ -94,10 +102,29 @@ std::string ToUtf8(std::u16string_view text) {
     return out;
 }
 
+bool IsControl(uint32_t point) {
+    return point < 0x20 || (point >= 0x7F && point <= 0x9F) || point == 0x061C || point == 0x200E ||
+           point == 0x200F || (point >= 0x2028 && point <= 0x202E) ||
+           (point >= 0x2066 && point <= 0x2069);
+}
+
 std::string Printable(std::string_view text) {
-    std::string out(text);
-    for (char& c : out) {
-        if (static_cast<uint8_t>(c) < 0x20 || static_cast<uint8_t>(c) == 0x7F) c = '?';
+    std::string out;
+    out.reserve(text.size());
+    std::array<char, 16> escape{};
+    for (size_t at = 0; at < text.size();) {
+        const size_t from = at;
+        const uint32_t point = NextCodePoint(text, at);
+        if (point != kIllFormed && !IsControl(point)) {
+            out.append(text, from, at - from);
+            continue;
+        }
+        const auto byte = static_cast<uint8_t>(text[from]);
+        if (point == kIllFormed || point < 0x80)
+            std::snprintf(escape.data(), escape.size(), "\\x%02x", static_cast<unsigned>(byte));
+        else
+            std::snprintf(escape.data(), escape.size(), "\\u%04x", static_cast<unsigned>(point));
+        out += escape.data();
     }
     return out;
 }

@@ -1,0 +1,224 @@
+// See benchworker.h. Every frame begins with who wrote it, where and when, so that a read tells
+// whether it is the one that was last written.
+#include "apps/zem/benchworker.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <thread>
+
+#include "apps/zem/client/text.h"
+#include "apps/zem/client/zemerror.h"
+#include "apps/zem/verbs.h"
+
+namespace zem {
+namespace {
+
+// Together the connections leave so much unconfirmed: a third of the smaller of the two frame
+// memories that servers have. A server whose disk falls behind drops frames.
+constexpr uint64_t kUnflushed_bytes = 40u << 20;
+
+using Stamp = std::array<uint64_t, 2>;  // position, sequence
+static_assert(sizeof(Stamp) == 16);
+
+ConnectionOptions Numbered(ConnectionOptions options, unsigned number) {
+    options.clientId += "-" + std::to_string(number);
+    return options;
+}
+
+uint64_t NextRandom(uint64_t& state) {
+    state ^= state << 13;
+    state ^= state >> 7;
+    state ^= state << 17;
+    return state;
+}
+
+}  // namespace
+
+CBenchWorker::CBenchWorker(const BenchPlan& plan, unsigned number, std::atomic<bool>& stop)
+    : m_plan(plan),
+      m_stop(stop),
+      m_client(Numbered(plan.connection, number)),
+      m_random(0x9E3779B97F4A7C15u + number) {
+    m_client.Http().SetStopCheck([this] { return m_stop.load(); });
+    m_name = plan.file.empty()
+                 ? plan.folder + "/" + plan.connection.clientId + "-" + std::to_string(number)
+                 : plan.file;
+}
+
+void CBenchWorker::Prepare() {
+    m_client.Join(0);
+    m_joined = true;
+    if (!m_plan.file.empty()) {
+        m_token = m_client.Open(FileNamed(m_name));
+        m_frames = m_client.FileInfo(m_token).frameCount;
+        if (m_frames == 0)
+            throw CZemError(ErrorKind::kRefused, Printable(m_name) + ": no frame in it");
+        // Connections that read one file begin at different frames.
+        m_next = static_cast<uint32_t>(NextRandom(m_random) % m_frames);
+        return;
+    }
+    ZemEsDesc desc{};
+    desc.sizeVersion = kEsDescVersion1;
+    desc.mediaType = kMediaFileVideo;
+    desc.codec = 0x68636E62;  // bnch
+    desc.rateNumerator = 25;
+    desc.rateDenominator = 1;
+    try {
+        m_token = m_client.Create(FileNamed(m_name).name, u"", desc,
+                                  kFileRead | kFileWrite | kFileCreateNew);
+    } catch (const CZemError& error) {
+        if (error.Kind() != ErrorKind::kRefused) throw;
+        throw CZemError(error.Kind(),
+                        std::string(error.what()) + "; may the server write the folder " +
+                            Printable(m_plan.folder) + "?",
+                        error.Hr());
+    }
+    m_created = true;
+    m_frames = m_plan.frames;
+    m_written.assign(m_frames, 0);
+    m_data.resize(m_plan.frame_bytes);
+    for (size_t at = 0; at + 8 <= m_data.size(); at += 8) {
+        const uint64_t word = NextRandom(m_random);
+        std::memcpy(m_data.data() + at, &word, 8);
+    }
+}
+
+void CBenchWorker::Begin() {
+    result = BenchResult{};
+    m_done = 0;
+    m_doneBytes = 0;
+}
+
+// Waits for the time of the next frame; false when the run is over.
+bool CBenchWorker::Due(Clock::time_point start, Clock::time_point& due) {
+    const Clock::time_point end = start + std::chrono::duration_cast<Clock::duration>(
+                                              std::chrono::duration<double>(m_plan.seconds));
+    due = std::max(start, Clock::now());
+    if (m_plan.rate_per_s > 0) {
+        due = start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(
+                          static_cast<double>(result.frames) / m_plan.rate_per_s));
+    }
+    if (due >= end) return false;
+    // In short pieces: a stop must not wait for a slow rate.
+    for (Clock::time_point now = Clock::now(); now < due; now = Clock::now()) {
+        if (m_stop) return false;
+        std::this_thread::sleep_until(std::min(due, now + std::chrono::milliseconds(50)));
+    }
+    return !m_stop;
+}
+
+// A frame's latency counts from when it was due, so a server that falls behind is not spared the
+// wait of the frames behind.
+void CBenchWorker::Count(Clock::time_point due, Clock::time_point issued, uint64_t bytes) {
+    const Clock::time_point from = m_plan.rate_per_s > 0 ? due : issued;
+    const std::chrono::duration<double> took = Clock::now() - from;
+    result.latency.Add(static_cast<uint64_t>(took.count() * 1e6));
+    if (m_plan.rate_per_s > 0 && took.count() > 1 / m_plan.rate_per_s) ++result.late;
+    ++result.frames;
+    result.bytes += bytes;
+    m_done.store(result.frames, std::memory_order_relaxed);
+    m_doneBytes.store(result.bytes, std::memory_order_relaxed);
+}
+
+uint32_t CBenchWorker::NextPosition() {
+    if (m_plan.random) return static_cast<uint32_t>(NextRandom(m_random) % m_frames);
+    const uint32_t position = m_next;
+    m_next = (m_next + 1) % m_frames;
+    return position;
+}
+
+void CBenchWorker::WriteOne(uint32_t position) {
+    const Stamp stamp = {position, ++m_sequence};
+    std::memcpy(m_data.data(), stamp.data(), sizeof(Stamp));
+    WriteEntry entry;
+    entry.token = m_token;
+    entry.position = position;
+    entry.streamFlags = kFrameFlagKey;
+    entry.bufferLengths_bytes = {static_cast<uint32_t>(m_data.size())};
+    m_client.WriteFrames({&entry, 1}, m_data);
+    m_written[position] = m_sequence;
+}
+
+void CBenchWorker::FlushIf(uint64_t more_bytes) {
+    const uint64_t share = kUnflushed_bytes / m_plan.connections;
+    if (m_unflushed_bytes + more_bytes > share) {
+        m_client.Flush(m_token);
+        m_unflushed_bytes = 0;
+    }
+    m_unflushed_bytes += more_bytes;
+}
+
+void CBenchWorker::Write(Clock::time_point start) {
+    Begin();
+    m_next = 0;
+    for (Clock::time_point due; Due(start, due);) {
+        FlushIf(m_data.size());
+        const Clock::time_point issued = Clock::now();
+        WriteOne(NextPosition());
+        Count(due, issued, m_data.size());
+    }
+    m_client.Flush(m_token);
+    m_unflushed_bytes = 0;
+}
+
+void CBenchWorker::Fill() {
+    for (uint32_t position = 0; position < m_frames && !m_stop; ++position) {
+        if (m_written.empty() || m_written[position] != 0) continue;
+        FlushIf(m_data.size());
+        WriteOne(position);
+    }
+    if (!m_written.empty()) m_client.Flush(m_token);
+    m_unflushed_bytes = 0;
+}
+
+bool CBenchWorker::IsOurs(const StreamFrame& frame, uint32_t position) const {
+    if (frame.status < 0 || frame.data.size() != m_data.size()) return false;
+    Stamp stamp{};
+    std::memcpy(stamp.data(), frame.data.data(), sizeof(Stamp));
+    return stamp[0] == position && stamp[1] == m_written[position] &&
+           std::memcmp(frame.data.data() + sizeof(Stamp), m_data.data() + sizeof(Stamp),
+                       m_data.size() - sizeof(Stamp)) == 0;
+}
+
+void CBenchWorker::Check() {
+    for (uint32_t position = 0; position < m_written.size() && !m_stop; ++position) {
+        if (m_written[position] == 0) continue;
+        if (!IsOurs(ReadOneFrame(m_client, m_token, position), position)) ++lost;
+    }
+}
+
+void CBenchWorker::Read(Clock::time_point start) {
+    Begin();
+    for (Clock::time_point due; Due(start, due);) {
+        const uint32_t position = NextPosition();
+        const Clock::time_point issued = Clock::now();
+        const StreamFrame& frame = ReadOneFrame(m_client, m_token, position);
+        const bool gap = frame.status == kErrorFrameHole || frame.status == kErrorFrameErased;
+        if (frame.status < 0 && !gap) {
+            throw CZemError(ErrorKind::kRefused,
+                            Printable(m_name) + ": frame " + std::to_string(position) +
+                                " cannot be read: " + HresultText(frame.status),
+                            frame.status);
+        }
+        Count(due, issued, frame.data.size());
+    }
+}
+
+void CBenchWorker::CleanUp() noexcept {
+    m_client.Http().SetStopCheck({});
+    const auto quietly = [](auto call) {
+        try {
+            call();
+        } catch (const std::exception&) {
+            // What cannot be reached any more cannot be tidied; the server drops silent clients.
+        }
+    };
+    if (m_token != 0) quietly([&] { m_client.Close(m_token); });
+    if (m_created) quietly([&] { m_client.Remove(FileNamed(m_name).name); });
+    if (m_joined) quietly([&] { m_client.Leave(); });
+    m_token = 0;
+    m_created = m_joined = false;
+}
+
+}  // namespace zem

@@ -1,0 +1,308 @@
+// zem doctor: what a person would try one after another when something does not work, with what to
+// do about each finding. It leaves nothing behind.
+#include <curl/curl.h>
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <ctime>
+
+#include "apps/generated/version.h"
+#include "apps/zem/client/text.h"
+#include "apps/zem/client/zemerror.h"
+#include "apps/zem/output.h"
+#include "apps/zem/serverpages.h"
+#include "apps/zem/terminal.h"
+#include "apps/zem/verbs.h"
+
+namespace zem {
+namespace {
+
+enum class Finding { kOk, kWarn, kFail };
+
+struct FindingWords {
+    const char* word;
+    Colour colour;
+};
+constexpr std::array<FindingWords, 3> kFindings = {
+    {{"ok", Colour::kGreen}, {"warn", Colour::kYellow}, {"fail", Colour::kRed}}};
+
+struct DoctorOptions {
+    std::string folder = "media";
+    bool readOnly = false;
+};
+
+class CDoctor {
+public:
+    CDoctor(const CommandLine& line, const DoctorOptions& options)
+        : m_line(line), m_options(options), m_connection(line.Connection()) {}
+    int Run();
+
+private:
+    void Say(Finding finding, const char* check, const std::string& text,
+             const std::string& advice = {});
+    // Runs one check; what it throws is its finding. False when it failed.
+    template <typename Check>
+    bool Try(const char* check, const char* advice, Check run);
+    void Reach();
+    void Versions();
+    void Clock();
+    void Volume();
+    void Join();
+    void Frames();
+    void Download();
+    void Delete();
+
+    const CommandLine& m_line;
+    const DoctorOptions& m_options;
+    const ConnectionOptions m_connection;
+    std::unique_ptr<CZemClient> m_client;
+    PageReply m_status;  // the status page with its headers
+    std::time_t m_askedAt = 0;
+    std::string m_name;  // of the file that it writes
+    std::array<int, kFindings.size()> m_count{};
+    int m_exit = kExitOk;
+    CJson m_json;
+};
+
+void CDoctor::Say(Finding finding, const char* check, const std::string& text,
+                  const std::string& advice) {
+    const FindingWords& words = kFindings[static_cast<size_t>(finding)];
+    ++m_count[static_cast<size_t>(finding)];
+    if (finding == Finding::kFail && m_exit == kExitOk) m_exit = kExitFailed;
+    if (m_line.json) {
+        m_json.Open('{').Text("check", check).Text("result", words.word).Text("text", text);
+        if (advice.empty())
+            m_json.Null("advice").Close();
+        else
+            m_json.Text("advice", advice).Close();
+        return;
+    }
+    std::string word = words.word;
+    word.resize(4, ' ');
+    std::printf("%s  %-11s %s\n", Painted(Stream::kOut, words.colour, word).c_str(), check,
+                text.c_str());
+    if (!advice.empty()) std::printf("                  -> %s\n", advice.c_str());
+    std::fflush(stdout);
+}
+
+template <typename Check>
+bool CDoctor::Try(const char* check, const char* advice, Check run) {
+    try {
+        run();
+        return true;
+    } catch (const CZemError& error) {
+        if (error.Kind() == ErrorKind::kInterrupted) throw;
+        // Without an answer, or with one of another kind of server, nothing else can be found out.
+        if (error.Kind() == ErrorKind::kUnreachable) m_exit = kExitUnreachable;
+        if (error.Kind() == ErrorKind::kBadReply && m_exit == kExitOk) m_exit = kExitBadReply;
+        Say(Finding::kFail, check, error.what(), advice);
+        return false;
+    }
+}
+
+void CDoctor::Reach() {
+    CHttpConnection& http = m_client->Http();
+    m_askedAt = std::time(nullptr);
+    m_status = http.Get("/media/status");
+    // Once more on the connection that now stands: what a request takes without connecting.
+    const auto start = std::chrono::steady_clock::now();
+    GetStatus(http);
+    const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - start;
+    std::array<char, 64> text{};
+    std::snprintf(text.data(), text.size(), " answers in %.1f ms", took.count());
+    const std::string where = m_line.server + " (" + Printable(m_status.serverName) + ")";
+    if (took.count() > 100) {
+        Say(Finding::kWarn, "reach", where + text.data(),
+            "that is slow for a command a frame: look at the network between, or at its load");
+    } else {
+        Say(Finding::kOk, "reach", where + text.data());
+    }
+}
+
+// "Quorvane ZEM /0.1.0": what stands behind the slash.
+void CDoctor::Versions() {
+    const size_t slash = m_status.software.rfind('/');
+    const std::string version =
+        slash == std::string::npos ? "" : m_status.software.substr(slash + 1);
+    const std::string text =
+        "server " + (version.empty() ? "unknown" : Printable(version)) + ", zem " + kZemVersion;
+    if (version == kZemVersion) {
+        Say(Finding::kOk, "versions", text);
+    } else if (version.empty() || version == "x.x.x.x") {
+        Say(Finding::kWarn, "versions", text,
+            "the server does not know its version: set the registry value \"version\"");
+    } else {
+        Say(Finding::kWarn, "versions", text,
+            "install the same release on both, unless all works: the server only logs it");
+    }
+}
+
+void CDoctor::Clock() {
+    const std::time_t theirs = curl_getdate(m_status.date.c_str(), nullptr);
+    if (theirs == -1) {
+        Say(Finding::kWarn, "clock", "the server does not tell its time",
+            "is there a proxy between?");
+        return;
+    }
+    const double apart = std::difftime(theirs, m_askedAt);
+    const std::string text = apart == 0
+                                 ? "the server's is this machine's"
+                                 : "the server's is " + DurationText(std::fabs(apart)) +
+                                       (apart > 0 ? " ahead of" : " behind") + " this machine's";
+    // The header tells whole seconds.
+    if (std::fabs(apart) <= 2)
+        Say(Finding::kOk, "clock", text);
+    else
+        Say(Finding::kWarn, "clock", text,
+            "let both follow a time server (timedatectl): else times in logs do not match");
+}
+
+void CDoctor::Volume() {
+    const VolumeStatus status = GetStatus(m_client->Http());
+    if (!status.Known()) {
+        Say(Finding::kFail, "volume", StatusFailureText(status),
+            "look at the volume root: zemhost --settings tells which it is");
+        return;
+    }
+    const double part =
+        static_cast<double>(status.free_bytes) / static_cast<double>(status.total_bytes);
+    std::array<char, 16> percent{};
+    std::snprintf(percent.data(), percent.size(), " (%.0f %%)", part * 100);
+    const std::string text = HumanBytes(status.free_bytes) + " free of " +
+                             HumanBytes(status.total_bytes) + percent.data();
+    constexpr const char* kAdvice = "delete what is not needed: zem rm, or on the server";
+    if (part < 0.01)
+        Say(Finding::kFail, "volume", text, kAdvice);
+    else
+        Say(part < 0.1 ? Finding::kWarn : Finding::kOk, "volume", text, part < 0.1 ? kAdvice : "");
+}
+
+void CDoctor::Join() {
+    m_client->Join(m_line.channel);
+    m_client->KeepAlive();
+    const ClientList list = GetClients(m_client->Http());
+    const bool listed =
+        std::find(list.ids.begin(), list.ids.end(), m_connection.clientId) != list.ids.end();
+    if (listed || list.perhapsMore) {
+        Say(Finding::kOk, "join",
+            "joined; " + std::string(list.perhapsMore ? "at least " : "") +
+                std::to_string(list.ids.size()) + " client(s) with this one");
+        return;
+    }
+    Say(Finding::kFail, "join", "the server answered the join, but does not list this client",
+        "the server's log has the reason; 65,536 clients are its limit");
+}
+
+void CDoctor::Frames() {
+    m_name = m_options.folder + "/zem-doctor" + DefaultClientId().substr(3);
+    ZemEsDesc desc{};
+    desc.sizeVersion = kEsDescVersion1;
+    desc.mediaType = kMediaFileVideo;  // frames of data travel in another way
+    desc.codec = 0x74736574;           // test
+    desc.rateNumerator = 25;
+    desc.rateDenominator = 1;
+    uint64_t token = 0;
+    try {
+        token = m_client->Create(FileNamed(m_name).name, u"", desc,
+                                 kFileRead | kFileWrite | kFileCreateNew);
+    } catch (...) {
+        m_name.clear();
+        throw;
+    }
+    COpenFile file(*m_client, token);
+    std::vector<uint8_t> data(65536);
+    for (size_t i = 0; i < data.size(); ++i)
+        data[i] = static_cast<uint8_t>(i * 31 >> 3);
+    WriteEntry write;
+    write.token = token;
+    write.bufferLengths_bytes = {static_cast<uint32_t>(data.size())};
+    const auto start = std::chrono::steady_clock::now();
+    m_client->WriteFrames({&write, 1}, data);
+    m_client->Flush(token);
+    const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - start;
+    const StreamFrame& frame = ReadOneFrame(*m_client, token, 0);
+    if (frame.status < 0)
+        throw CZemError(ErrorKind::kRefused,
+                        "a frame that was written cannot be read: " + HresultText(frame.status),
+                        frame.status);
+    if (!std::equal(frame.data.begin(), frame.data.end(), data.begin(), data.end()))
+        throw CZemError(ErrorKind::kRefused, "a frame reads back with other contents");
+    file.Close();
+    std::array<char, 96> text{};
+    std::snprintf(text.data(), text.size(),
+                  "a frame was written, on the device after %.1f ms, and read back", took.count());
+    Say(Finding::kOk, "frames", text.data());
+}
+
+void CDoctor::Download() {
+    const PageReply reply = m_client->Http().Get(UrlPathOf(m_name));
+    if (reply.status == 200) {
+        Say(Finding::kOk, "download", "files are served by plain GET");
+        return;
+    }
+    Say(Finding::kFail, "download",
+        "GET of a file answers " + std::to_string(reply.status) + " " + Printable(reply.reason),
+        "is the volume root set in the registry (zemhost --settings), and may the service read "
+        "there?");
+}
+
+void CDoctor::Delete() {
+    const std::u16string name = FileNamed(m_name).name;
+    m_client->Remove(name);
+    if (m_client->Attributes(name) != kNoAttributes)
+        throw CZemError(ErrorKind::kRefused, Printable(m_name) + " was not deleted");
+    m_name.clear();
+    Say(Finding::kOk, "delete", "what was written is gone again");
+}
+
+int CDoctor::Run() {
+    constexpr const char* kNoRights =
+        "may the service's user write there, and is there space? The server's log has the reason";
+    m_client = std::make_unique<CZemClient>(m_connection);
+    m_client->Http().SetStopCheck(&StopRequested);
+    if (m_line.json) m_json.Open('{').Text("server", m_line.server).Open('[', "checks");
+    const auto reached = [this] { return m_exit != kExitUnreachable && m_exit != kExitBadReply; };
+    Try("reach",
+        "is zemhost running there (systemctl status zemhttpd), is the port right (--server "
+        "http://HOST:PORT), does it listen on that address (--listen), is a firewall between?",
+        [this] { Reach(); });
+    if (reached()) {
+        Versions();
+        Clock();
+        Try("volume", "", [this] { Volume(); });
+        const bool joined = Try("join", "the server's log has the reason", [this] { Join(); });
+        if (joined && !m_options.readOnly && Try("frames", kNoRights, [this] { Frames(); })) {
+            Try("download", "", [this] { Download(); });
+        }
+        if (!m_name.empty()) Try("delete", kNoRights, [this] { Delete(); });
+        Try("leave", "the server drops a silent client by itself", [this] { m_client->Leave(); });
+    }
+    if (m_line.json) {
+        m_json.Close().Number("warnings", m_count[1]).Number("failures", m_count[2]);
+        PrintLine(m_json.Number("exit_code", m_exit).Close().Str());
+    } else if (!m_line.quiet) {
+        std::printf("%d ok, %d warning(s), %d failure(s)\n", m_count[0], m_count[1], m_count[2]);
+    }
+    return m_exit;
+}
+
+}  // namespace
+
+void AddDoctorVerb(CLI::App& app, CommandLine& line) {
+    auto options = std::make_shared<DoctorOptions>();
+    CLI::App* verb = VerbGroup{app, line, "The server"}.Add(
+        "doctor",
+        "Find out what is wrong: reachability, versions, clock, volume, permissions. A line a "
+        "check: ok, warn or fail, and what to do. Warnings do not change the exit code",
+        [options, &line] { return CDoctor(line, *options).Run(); });
+    verb->add_option("--folder", options->folder, "Where it writes a file and deletes it again")
+        ->type_name("FOLDER")
+        ->capture_default_str();
+    verb->add_flag("--read-only", options->readOnly, "Write nothing");
+}
+
+}  // namespace zem

@@ -1,0 +1,173 @@
+// What several verbs share: a client that joined and stays alive, open files, files of this
+// machine. Main thread, but for the keep-alives.
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <thread>
+
+#include "apps/zem/client/text.h"
+#include "apps/zem/client/zemerror.h"
+#include "apps/zem/terminal.h"
+#include "apps/zem/verbs.h"
+
+namespace zem {
+
+CKeepAlive::CKeepAlive(const ConnectionOptions& options, int period_s)
+    : m_client(options), m_period(period_s), m_thread([this] { Run(); }) {}
+
+CKeepAlive::~CKeepAlive() {
+    {
+        const std::lock_guard<std::mutex> guard(m_lock);
+        m_stop = true;
+    }
+    m_wake.notify_one();
+    m_thread.join();
+}
+
+void CKeepAlive::Run() {
+    m_client.Http().SetStopCheck([this] { return m_stop.load(); });
+    std::unique_lock<std::mutex> hold(m_lock);
+    while (!m_wake.wait_for(hold, m_period, [this] { return m_stop.load(); })) {
+        hold.unlock();
+        try {
+            m_client.KeepAlive();
+        } catch (const std::exception&) {
+            // The verb's own requests tell the user what is wrong.
+        }
+        hold.lock();
+    }
+}
+
+CSession::CSession(const CommandLine& line, bool stay) : CSession(line, line.Connection(), stay) {}
+
+CSession::CSession(const CommandLine& line, const ConnectionOptions& options, bool stay)
+    : m_client(options), m_stay(stay || line.stay) {
+    m_client.Http().SetStopCheck(&StopRequested);
+    m_client.Join(line.channel);
+    m_keepAlive = std::make_unique<CKeepAlive>(options, line.keepAlive_s);
+}
+
+CSession::~CSession() {
+    m_keepAlive.reset();
+    if (m_stay) return;
+    try {
+        m_client.Http().SetStopCheck({});
+        m_client.Leave();
+    } catch (const std::exception&) {
+        // The server drops a silent client by itself; the verb's own outcome is what counts.
+    }
+}
+
+COpenFile::~COpenFile() {
+    try {
+        Close();
+    } catch (...) {
+        // Leaving closes whatever is still open.
+    }
+}
+
+void COpenFile::Close() {
+    if (m_token == 0) return;
+    const uint64_t token = m_token;
+    m_token = 0;
+    m_client.Close(token);
+}
+
+const StreamFrame& ReadOneFrame(CZemClient& client, uint64_t token, uint32_t position) {
+    const ReadEntry entry{token, position, 0, 0};
+    for (int attempt = 0;; ++attempt) {
+        const StreamFrame& frame = client.ReadFrames({&entry, 1}).front();
+        if (frame.status != kHrNoResources || attempt == 6) return frame;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10 << attempt));
+    }
+}
+
+struct COutputFile::State {
+    std::string path;
+    std::string partPath;  // empty for stdout
+    std::FILE* file = nullptr;
+};
+
+COutputFile::COutputFile(const std::string& path, bool force) : m_state(new State) {
+    m_state->path = path;
+    if (path == "-") {
+        if (StdoutIsTerminal()) {
+            throw CZemError(ErrorKind::kUsage, "media data does not go to a terminal: use -o FILE");
+        }
+        m_state->file = stdout;
+        return;
+    }
+    std::error_code error;
+    if (!force && std::filesystem::exists(path, error)) {
+        throw CZemError(ErrorKind::kLocalFile, path + " exists; --force replaces it");
+    }
+    m_state->partPath = path + ".part";
+    m_state->file = std::fopen(m_state->partPath.c_str(), "wb");
+    if (m_state->file == nullptr) {
+        throw CZemError(ErrorKind::kLocalFile, m_state->partPath + " cannot be written");
+    }
+}
+
+COutputFile::~COutputFile() {
+    if (m_state->file == nullptr || m_state->partPath.empty()) return;
+    std::fclose(m_state->file);
+    std::error_code error;
+    std::filesystem::remove(m_state->partPath, error);
+}
+
+void COutputFile::Write(std::span<const uint8_t> bytes) {
+    if (std::fwrite(bytes.data(), 1, bytes.size(), m_state->file) != bytes.size()) {
+        throw CZemError(ErrorKind::kLocalFile, m_state->path + ": " + std::strerror(errno));
+    }
+}
+
+void COutputFile::Finish() {
+    std::FILE* const file = m_state->file;
+    if (std::fflush(file) != 0) {
+        throw CZemError(ErrorKind::kLocalFile, m_state->path + ": " + std::strerror(errno));
+    }
+    if (m_state->partPath.empty()) return;
+    m_state->file = nullptr;
+    std::error_code error;
+    if (std::fclose(file) == 0)
+        std::filesystem::rename(m_state->partPath, m_state->path, error);
+    else
+        error = std::make_error_code(std::errc::io_error);
+    if (error) {
+        std::error_code ignored;
+        std::filesystem::remove(m_state->partPath, ignored);
+        throw CZemError(ErrorKind::kLocalFile, m_state->path + ": " + error.message());
+    }
+}
+
+FileRef FileNamed(const std::string& name, const std::string& aux) {
+    FileRef file;
+    file.name = ToUtf16(name, "the file name");
+    file.aux = ToUtf16(aux, "the stream name");
+    return file;
+}
+
+const char* MediaTypeText(int32_t media_type) {
+    switch (media_type) {
+        case kMediaFileVideo:
+            return "video";
+        case kMediaFileAudio:
+            return "audio";
+        case kMediaFileTimecode:
+            return "timecode";
+        case kMediaFileData:
+            return "data";
+        default:
+            return "unknown";
+    }
+}
+
+std::string RateText(uint32_t numerator, uint32_t denominator) {
+    if (denominator == 0 || numerator == 0) return "none";
+    if (numerator % denominator == 0) return std::to_string(numerator / denominator);
+    return std::to_string(numerator) + "/" + std::to_string(denominator);
+}
+
+}  // namespace zem

@@ -1,0 +1,251 @@
+#!/usr/bin/env python3
+"""zem bench and zem doctor against the service, and doctor against servers that have something wrong with them.
+
+usage: tools.py --zemhost PROGRAM --zem PROGRAM [unittest arguments]
+"""
+
+import argparse
+import contextlib
+import http.server
+import json
+import os
+import subprocess
+import sys
+import threading
+import time
+import unittest
+from email.utils import formatdate
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', 'e2e'))
+from wire import Server, free_port  # noqa: E402
+
+PROGRAMS = None
+
+
+def zem(port, *arguments, timeout=120):
+    return subprocess.run([PROGRAMS.zem, '--server', 'http://127.0.0.1:%d' % port, *arguments], capture_output=True,
+                          text=True, timeout=timeout)
+
+
+class ServerCase(unittest.TestCase):
+    def setUp(self):
+        self.server = Server(PROGRAMS.zemhost)
+        self.addCleanup(self.server.remove)
+        self.media = os.path.join(self.server.volume, 'media')
+        os.mkdir(self.media)
+
+    def zem(self, *arguments, code=0):
+        done = zem(self.server.port, *arguments)
+        self.assertEqual(done.returncode, code, ' '.join(arguments) + ': ' + done.stdout + done.stderr)
+        return done.stdout
+
+
+class Bench(ServerCase):
+    def bench(self, *arguments, code=0):
+        result = json.loads(self.zem('bench', '--json', *arguments, code=code))
+        for run in result['runs']:
+            latency = run['latency_us']
+            points = [latency[key] for key in ('min', 'p50', 'p90', 'p99', 'p999', 'max')]
+            self.assertEqual(points, sorted(points))
+            self.assertTrue(latency['min'] <= latency['mean'] <= latency['max'])
+            self.assertEqual(sum(row['count'] for row in run['histogram']), run['frames'])
+            self.assertAlmostEqual(run['frames_per_s'] * run['seconds'], run['frames'], delta=0.01 * run['frames'] + 1)
+            self.assertAlmostEqual(run['bytes_per_s'] * run['seconds'], run['bytes'], delta=0.01 * run['bytes'] + 1)
+        return result
+
+    def test_writes_then_reads_and_leaves_nothing(self):
+        result = self.bench('--seconds', '0.5', '--connections', '3', '--frames', '8', '--frame-size', '64k')
+        self.assertEqual([run['mode'] for run in result['runs']], ['write', 'read'])
+        for run in result['runs']:
+            self.assertGreater(run['frames'], 3)
+            self.assertEqual(run['bytes'], run['frames'] * 65536)
+        self.assertEqual(result['lost'], 0)
+        self.assertEqual(os.listdir(self.media), [])
+        self.assertEqual(self.zem('clients'), 'No clients\n')
+
+    def test_a_rate_is_kept(self):
+        result = self.bench('--mode', 'read', '--seconds', '1', '--rate', '25', '--connections', '2', '--frames', '4',
+                            '--frame-size', '4k', '--random')
+        run, = result['runs']
+        self.assertEqual(run['frames'], 50)
+        self.assertLessEqual(run['late'], run['frames'])
+
+    def test_reads_a_file_that_is_there(self):
+        clip = os.path.join(self.server.folder, 'clip.mov')
+        subprocess.run(['ffmpeg', '-v', 'error', '-nostdin', '-f', 'lavfi', '-i', 'testsrc2=size=64x48:rate=25', '-t',
+                        '1', '-c:v', 'mjpeg', clip], check=True)
+        self.zem('put', clip, 'media/clip')
+        result = self.bench('--mode', 'read', '--file', 'media/clip.v0', '--seconds', '0.2')
+        self.assertEqual(result['file'], 'media/clip.v0')
+        self.assertGreater(result['runs'][0]['frames'], 25)
+        self.zem('stat', 'media/clip.v0')
+        self.zem('bench', '--mode', 'read', '--file', 'media/none', '--seconds', '0.2', code=1)
+
+    def test_people_see_a_histogram(self):
+        text = self.zem('bench', '--mode', 'write', '--seconds', '0.2', '--frames', '4', '--frame-size', '1k')
+        self.assertRegex(text, r'write  \d+ frames in [\d.]+ s: \d+ frames/s, \d+ MB/s')
+        self.assertRegex(text, r'latency  least .* median .* 90 % .* 99 % .* 99.9 % .* most ')
+        self.assertRegex(text, r'  up to +\d+ [um]s +\d+  #')
+        self.assertIn('All frames read back as they were written.', text)
+
+    def test_a_folder_that_cannot_be_says_so(self):
+        done = zem(self.server.port, 'bench', '--seconds', '0.2', '--folder', '../out')
+        self.assertEqual(done.returncode, 1)
+        self.assertIn('may the server write the folder ../out?', done.stderr)
+
+    def test_more_than_the_volume_holds_is_not_begun(self):
+        done = zem(self.server.port, 'bench', '--frame-size', '240M', '--frames', '1000000')
+        self.assertEqual(done.returncode, 1)
+        self.assertIn('free, and this test wants', done.stderr)
+        self.assertEqual(os.listdir(self.media), [])
+
+    def test_a_stopped_bench_tidies_up(self):
+        process = subprocess.Popen([PROGRAMS.zem, '--server', 'http://127.0.0.1:%d' % self.server.port, 'bench',
+                                    '--seconds', '600', '--frames', '2', '--frame-size', '1k'],
+                                   stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+        end = time.monotonic() + 60
+        while len(os.listdir(self.media)) < 4 and time.monotonic() < end:
+            pass  # until all connections have made their files
+        process.terminate()
+        _, errors = process.communicate(timeout=60)
+        self.assertEqual((process.returncode, errors), (130, 'zem: stopped\n'))
+        self.assertEqual(os.listdir(self.media), [])
+        self.assertEqual(self.zem('clients'), 'No clients\n')
+
+    def test_an_unreachable_server_is_3(self):
+        self.assertEqual(zem(free_port(), 'bench').returncode, 3)
+
+
+class Doctor(ServerCase):
+    def doctor(self, *arguments, code=0):
+        result = json.loads(self.zem('doctor', '--json', *arguments, code=code))
+        self.assertEqual(result['exit_code'], code)
+        found = {check['check']: check for check in result['checks']}
+        self.assertEqual(result['failures'], sum(check['result'] == 'fail' for check in found.values()))
+        self.assertEqual(result['warnings'], sum(check['result'] == 'warn' for check in found.values()))
+        for check in found.values():
+            # Whatever is not well says what to do about it, in the text or behind it.
+            self.assertTrue(check['result'] == 'ok' or check['advice'] or ':' in check['text'], check)
+        return found
+
+    def test_a_well_server(self):
+        found = self.doctor()
+        self.assertEqual(list(found), ['reach', 'versions', 'clock', 'volume', 'join', 'frames', 'download', 'delete'])
+        for name, check in found.items():
+            # The tests' registry file gives no version; how full the disk is, is not the server's.
+            if name not in ('versions', 'volume'):
+                self.assertEqual(check['result'], 'ok', check)
+        self.assertEqual(found['versions']['result'], 'warn')
+        self.assertEqual(os.listdir(self.media), [])
+        self.assertEqual(self.zem('clients'), 'No clients\n')
+
+    def test_for_people_it_is_a_line_a_check(self):
+        text = self.zem('doctor')
+        self.assertRegex(text, r'(?m)^ok    reach       http://127.0.0.1:\d+ \(.*\) answers in [\d.]+ ms$')
+        self.assertRegex(text, r'(?m)^warn  versions    server x\.x\.x\.x, zem .*\n +-> the server does not know')
+        self.assertRegex(text, r'\d ok, \d warning\(s\), 0 failure\(s\)\n$')
+
+    def test_read_only_writes_nothing(self):
+        before = os.stat(self.media).st_mtime_ns
+        self.assertEqual(list(self.doctor('--read-only')), ['reach', 'versions', 'clock', 'volume', 'join'])
+        self.assertEqual(os.stat(self.media).st_mtime_ns, before)
+
+    def test_a_folder_that_is_missing_is_made(self):
+        os.rmdir(self.media)
+        self.assertEqual(self.doctor()['frames']['result'], 'ok')
+        self.assertEqual(os.listdir(self.media), [])
+
+    def test_a_folder_that_cannot_be_written(self):
+        found = self.doctor('--folder', '../out', code=1)
+        self.assertEqual(found['frames']['result'], 'fail')
+        self.assertNotIn('download', found)
+        self.assertNotIn('delete', found)
+
+    def test_nobody_there_is_3(self):
+        done = zem(free_port(), 'doctor', '--json')
+        self.assertEqual(done.returncode, 3)
+        checks = json.loads(done.stdout)['checks']
+        self.assertEqual([check['check'] for check in checks], ['reach'])
+        self.assertIn('is zemhost running there', checks[0]['advice'])
+
+
+class Rights(unittest.TestCase):
+    @unittest.skipIf(os.geteuid() != 0, 'only root can run the service as another user')
+    def test_a_folder_that_the_service_may_not_write(self):
+        server = Server(PROGRAMS.zemhost, user=65534)
+        self.addCleanup(server.remove)
+        os.mkdir(os.path.join(server.volume, 'media'), 0o755)
+        done = zem(server.port, 'doctor')
+        self.assertEqual(done.returncode, 1, done.stdout)
+        self.assertRegex(done.stdout, r"(?m)^fail  frames      the server could not create.*\n +-> may the service's user")
+
+
+class Strange(unittest.TestCase):
+    """A server of a few lines that answers pages as the test wants, and no commands."""
+
+    @contextlib.contextmanager
+    def answering(self, text='0 50 100', headers=(), skew_s=0, status=200):
+        class Handler(http.server.BaseHTTPRequestHandler):
+            protocol_version = 'HTTP/1.1'
+
+            def answer(self):
+                self.send_response_only(status)
+                for name, value in (('Date', formatdate(time.time() + skew_s, usegmt=True)),
+                                    ('Content-Length', len(text)), *headers):
+                    self.send_header(name, value)
+                self.end_headers()
+                self.wfile.write(text.encode())
+
+            do_GET = answer
+
+            def do_POST(self):
+                self.rfile.read(int(self.headers['Content-Length']))
+                self.answer()
+
+            def log_message(self, *_):
+                pass
+
+        with http.server.ThreadingHTTPServer(('127.0.0.1', 0), Handler) as server:
+            thread = threading.Thread(target=server.serve_forever)
+            thread.start()
+            try:
+                yield server.server_port
+            finally:
+                server.shutdown()
+                thread.join()
+
+    def doctor(self, port):
+        done = zem(port, 'doctor', '--json')
+        return done.returncode, {check['check']: check for check in json.loads(done.stdout)['checks']}
+
+    def test_versions_and_clock_that_differ(self):
+        with self.answering(headers=[('Server', 'Quorvane ZEM /9.9.9')], skew_s=3661) as port:
+            code, found = self.doctor(port)
+        self.assertEqual(code, 4, 'it answers pages, but no commands')
+        self.assertEqual((found['versions']['result'], found['clock']['result']), ('warn', 'warn'))
+        self.assertIn('server 9.9.9, zem', found['versions']['text'])
+        self.assertRegex(found['clock']['text'], r"^the server's is 1:01:0[01] ahead of")
+        with self.answering(skew_s=-10) as port:
+            _, found = self.doctor(port)
+        self.assertRegex(found['clock']['text'], r'0:(09|1[01]) behind')
+
+    def test_volumes(self):
+        for text, result in (('0 50 100', 'ok'), ('0 9 100', 'warn'), ('0 0 100', 'fail'), ('80070003 0 0', 'fail'),
+                             ('0 0 0', 'fail')):
+            with self.answering(text) as port:
+                _, found = self.doctor(port)
+            self.assertEqual(found['volume']['result'], result, text)
+
+    def test_what_is_no_media_server_is_4(self):
+        for options in ({'text': '<html>welcome</html>'}, {'status': 404}):
+            with self.answering(**options) as port:
+                code, found = self.doctor(port)
+            self.assertEqual((code, list(found)), (4, ['reach']))
+
+
+if __name__ == '__main__':
+    parser = argparse.ArgumentParser(add_help=False)
+    parser.add_argument('--zemhost', required=True)
+    parser.add_argument('--zem', required=True)
+    PROGRAMS, rest = parser.parse_known_args()
+    unittest.main(argv=[sys.argv[0], *rest])
