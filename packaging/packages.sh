@@ -14,6 +14,9 @@ packages_build=(
 # shells that complete.
 packages_test=(ffmpeg curl openssl nginx-light binutils man-db lintian logrotate systemd-container mandoc zsh fish)
 
+# To try the console page in: the smallest Chromium, without windows.
+packages_browser=(chromium-headless-shell fonts-dejavu-core)
+
 # To build for Windows and run the tests under Wine.
 packages_windows=(
     g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix wine64 clang googletest
