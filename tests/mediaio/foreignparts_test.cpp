@@ -158,7 +158,6 @@ public:
     bool Writable() const override { return false; }
     FileIdentity Identity() const override { return {}; }
     bool Cached(uint64_t, size_t) override { return true; }
-    void Prefetch(uint64_t, uint64_t) override {}
     void* MapView(uint64_t, size_t) override { return nullptr; }
     void UnmapView(void*) override {}
 
