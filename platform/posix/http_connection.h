@@ -145,7 +145,7 @@ private:
 
     // http_stall.cpp
     bool WaitSocket(short events, uint64_t until_ms);
-    bool IsStalled(uint64_t now);
+    bool IsStalled(uint64_t now, bool alone);
     void NoteProgress(size_t bytes) { m_window_bytes += bytes; }
 
     // Looked at by everybody.

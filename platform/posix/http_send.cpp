@@ -67,8 +67,11 @@ ULONG CHttpConnection::SendPieces(CSendCursor& cursor, uint64_t* sent) {
     }
 }
 
+// A thread that is no worker of the port has work of its own that waits meanwhile, unseen from
+// here: it waits for a client only when nothing else can send the rest.
 CHttpConnection::EBlocked CHttpConnection::WaitToSend(CSendCursor& cursor) {
-    if (cursor.MemoryLeft() <= kCopyAtOnceBytes && StartBackground(cursor, true))
+    const bool worker = m_queue->Port()->IsWorkerHere();
+    if ((cursor.MemoryLeft() <= kCopyAtOnceBytes || !worker) && StartBackground(cursor, true))
         return EBlocked::Background;
     if (WaitSocket(POLLOUT, ClockMs() + HttpTune()->body_ms)) return EBlocked::Goes;
     // A closing queue ends its connections: nothing would be sent in the background.

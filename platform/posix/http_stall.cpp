@@ -28,7 +28,8 @@ struct CBlocked {
 
 // The window runs over all of the request's calls, so that a client cannot begin anew with every
 // byte.
-bool CHttpConnection::IsStalled(uint64_t now) {
+// `alone`: the thread's other work cannot be seen from here, and is taken to wait.
+bool CHttpConnection::IsStalled(uint64_t now, bool alone) {
     const HttpTuning& tune = *HttpTune();
     if (!m_window_open) {
         m_window_open = true;
@@ -40,16 +41,17 @@ bool CHttpConnection::IsStalled(uint64_t now) {
         m_window_start = now;
         m_window_bytes = 0;
     }
-    return m_slow && m_queue->RequestsWait();
+    return m_slow && (alone || m_queue->RequestsWait());
 }
 
 // False: the client is stalled, its time is up, or the queue is closing.
 bool CHttpConnection::WaitSocket(short events, uint64_t until_ms) {
     const CBlocked blocked;
+    const bool alone = events == POLLOUT && !m_queue->Port()->IsWorkerHere();
     CWorkerSeats::StandUp();
     for (;;) {
         const uint64_t now = ClockMs();
-        if (m_queue->Closing() || IsStalled(now) || now >= until_ms) return false;
+        if (m_queue->Closing() || IsStalled(now, alone) || now >= until_ms) return false;
         pollfd fd{m_fd, events, 0};
         const int slice = std::max(1, std::min(kSliceMs, static_cast<int>(HttpTune()->stall_ms)));
         if (poll(&fd, 1, slice) > 0) return true;

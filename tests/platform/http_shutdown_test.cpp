@@ -121,9 +121,9 @@ TEST(Shutdown, WhileASendBlocks) {
     CServer server;
     CClient client(server.TcpPort(), 4096);
     client.Send(Get("/zem/"));
-    CBlock* block = server.Take();
-    ASSERT_NE(block, nullptr);
     std::thread sender([&] {
+        CBlock* block = server.Take();  // a worker of the port: another would not wait
+        ASSERT_NE(block, nullptr);
         const std::string body(30u << 20, 's');
         EXPECT_NE(server.Reply(block->Id(), body), NO_ERROR);
     });
@@ -138,11 +138,11 @@ TEST(Shutdown, WhileAResponseIsInTheBackground) {
     CTuned<uint32_t> at_once(HttpTune()->stall_bytes, 1u << 30);
     CClient client(server.TcpPort(), 4096);
     client.Send(Get("/zem/"));
-    CBlock* block = server.Take();
-    ASSERT_NE(block, nullptr);
     CClient other(server.TcpPort());
-    other.Send(Get("/zem/"));
     std::thread sender([&] {
+        CBlock* block = server.Take();  // a worker of the port: another would not wait
+        ASSERT_NE(block, nullptr);
+        other.Send(Get("/zem/"));
         const std::string body(20u << 20, 's');
         EXPECT_EQ(server.Reply(block->Id(), body), NO_ERROR);
     });

@@ -12,9 +12,9 @@ constexpr size_t kBig = 20u << 20;  // more than any socket buffers take
 struct CSlowReader {
     explicit CSlowReader(CServer& s) : server(s), client(s.TcpPort(), 4096) {
         client.Send(Get("/zem/"));
-        block = server.Take();
-        EXPECT_NE(block, nullptr);
         sender = std::thread([this] {
+            block = server.Take();  // a worker of the port
+            ASSERT_NE(block, nullptr);
             std::string body(kBig, 's');
             error = server.Reply(block->Id(), body, 200, 0, &sent);
             body.assign(kBig, '#');  // the application uses its memory again
@@ -48,6 +48,42 @@ TEST(Stall, SendIsFinishedInTheBackgroundWhileARequestWaits) {
     EXPECT_TRUE(Eventually([] { return HttpTuneBackgroundBytes() == 0; }));
     slow.client.Send(Get("/zem/"));  // and the connection lives on
     EXPECT_EQ(slow.client.Read().status, 200);
+}
+
+// What else the thread of a media library has to do cannot be seen, and may be everybody's: it does
+// not wait for a client at all while there is room for the rest.
+TEST(Stall, ThreadThatIsNoWorkerLeavesTheRestToTheBackgroundAtOnce) {
+    CServer server;
+    CClient client(server.TcpPort(), 4096);
+    client.Send(Get("/zem/"));
+    CBlock* block = server.Take();
+    ASSERT_NE(block, nullptr);
+    std::thread library([&] {
+        std::string body(kBig, 'l');
+        EXPECT_EQ(server.Reply(block->Id(), body), NO_ERROR);
+        body.assign(kBig, '#');
+    });
+    library.join();  // nobody has read, and the clock has not moved
+    EXPECT_GT(HttpTuneBackgroundBytes(), 0u);
+    server.StartWorkers(1);
+    EXPECT_EQ(client.Read().body, std::string(kBig, 'l'));
+    EXPECT_TRUE(Eventually([] { return HttpTuneBackgroundBytes() == 0; }));
+}
+
+TEST(Stall, ThreadThatIsNoWorkerGivesAStalledClientUpWithoutRoom) {
+    CTuned<uint64_t> none(HttpTune()->background_bytes, 0);
+    CServer server;
+    CClient client(server.TcpPort(), 4096);
+    client.Send(Get("/zem/"));
+    CBlock* block = server.Take();
+    ASSERT_NE(block, nullptr);
+    std::thread library([&] {
+        EXPECT_EQ(server.Reply(block->Id(), std::string(kBig, 'l')), ERROR_NETNAME_DELETED);
+    });
+    EXPECT_TRUE(Eventually([] { return HttpTuneBlockedThreads() == 1; }));
+    HttpTuneAdvanceClock(300);
+    library.join();  // although no request waits
+    EXPECT_EQ(client.Read().status, 0);
 }
 
 TEST(Stall, NothingHappensWhileNobodyWaits) {
