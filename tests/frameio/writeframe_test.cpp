@@ -1,6 +1,8 @@
 // CMD_WRITE_FRAME: where the bytes of the frame go, the immediate reply, drops, failures, blocks
 // that are kept.
+#include <algorithm>
 #include <atomic>
+#include <memory>
 #include <stdexcept>
 #include <thread>
 
@@ -221,6 +223,62 @@ TEST_F(WriteFrame, TheRecordLockIsHeldUntilTheWriteWasIssued) {
     EXPECT_EQ(tries, 3);
     EXPECT_TRUE(TryEnterCriticalSection(lock));
     LeaveCriticalSection(lock);
+}
+
+TEST_F(WriteFrame, AWriteInLineIsContinuedWhenItsTurnComes) {
+    SetTracing(true);
+    const CZemClientRef client = server.LookupClient(TEXT("client"), false);
+    std::vector<DWORD> positions;
+    media.onWriteFrame = [&](CZemChannelIo&, ZemIoDesc& desc) -> HRESULT {
+        positions.push_back(desc.streamData->entries[0].position);
+        if (positions.size() > 1) return S_OK;
+        // Another worker's request, while this one is at work.
+        EXPECT_EQ(Run(Spec({Entry({2}, 6)}, "yz", 2)), S_FALSE);
+        EXPECT_EQ(media.Count("WriteFrame"), 1u);
+        EXPECT_EQ(http.SentCount(), 2u) << "the join and the first write";
+        // Its client leaves before its turn comes: the record is kept for it.
+        EXPECT_EQ(Post(Command(7, 16)), S_OK);
+        return S_OK;
+    };
+    EXPECT_EQ(Write({Entry({1}, 5)}, "x"), S_FALSE);
+    EXPECT_EQ(positions, (std::vector<DWORD>{5, 6}));
+    EXPECT_EQ(Written(), "yz");
+    EXPECT_EQ(http.SentCount(), 4u);
+    ExpectImmediateReply();
+    const std::vector<std::string> traces = Traces();
+    EXPECT_EQ(
+        std::count(traces.begin(), traces.end(), "client: handling CMD_WRITE_FRAME, transId 4711"),
+        2);
+    EXPECT_EQ(Pool().FreeCount(), kBlocks);
+    ExpectKept(0);
+    media.onWriteFrame = nullptr;
+}
+
+TEST_F(WriteFrame, AWriteBehindAFullLineIsDropped) {
+    const CZemClientRef client = server.LookupClient(TEXT("client"), false);
+    std::vector<std::unique_ptr<CHttpXaction>> line;
+    for (int i = 0; i <= ZemClient::kMaxInLine; ++i) {
+        line.push_back(std::make_unique<CHttpXaction>());
+        EXPECT_EQ(client.Record()->TakeTurn(*line.back()),
+                  i == 0 ? ZemClient::ETurn::Mine : ZemClient::ETurn::InLine);
+    }
+    EXPECT_EQ(Write({Entry({1})}, "x"), S_OK);
+    ExpectImmediateReply();
+    const LogRecord error = log.Error(
+        TEXT("client: Dropping WriteFrame, request pos 5; 64 writes of the client wait already, "
+             "transId 4711"));
+    EXPECT_EQ(error.hr, kNoResources);
+    EXPECT_EQ(error.line, 2695);
+    EXPECT_EQ(Counters().droppedWriteFrames, 1u);
+    for (int i = 1; i <= ZemClient::kMaxInLine; ++i) {
+        CHttpXaction* const next = client.Record()->PassTurn();
+        ASSERT_EQ(next, line[static_cast<size_t>(i)].get()) << "first in, first out";
+        EXPECT_EQ(next->InLine(), client.Record());
+        next->InLine()->Release();
+    }
+    EXPECT_EQ(client.Record()->PassTurn(), nullptr);
+    EXPECT_EQ(Write({Entry({1})}, "x"), S_FALSE) << "and it is anybody's turn again";
+    ExpectKept(0);
 }
 
 TEST_F(WriteFrame, AnUnknownClientGetsTheOrdinaryReply) {

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <latch>
 #include <thread>
 
 namespace {
@@ -241,6 +242,84 @@ TEST_F(ReceiveLoop, ShutdownWaitsForThePendingReadOfAClient) {
     EXPECT_EQ(media.LiveChannels(), 0);
     EXPECT_EQ(media.LiveAllocators(), 0);
     EXPECT_EQ(media.Calls().back().op, "~CZemMemAllocator");
+}
+
+// A frame write of one byte at `position`, of the video stream of some token.
+RequestSpec OneByteWrite(DWORD position) {
+    const std::string entry = Bytes(DWORD{0}, DWORD{0}, ULONGLONG{0x0000000101000042}, position,
+                                    DWORD{0}, LONG{1}, DWORD{0}, DWORD{1}) +
+                              std::string(96 - 36, '\0');
+    RequestSpec given;
+    given.entity = Command(position, 4, Bytes(DWORD{0}, DWORD{1}, ULONGLONG{0}) + entry);
+    given.contentLength = std::to_string(given.entity.size() + 1);
+    given.entity += "x";
+    return given;
+}
+
+// While one write of a client is in the library's hands, others of it stand in line and hold up no
+// worker; then they are written in the order in which they came.
+TEST_F(ReceiveLoop, WritesOfOneClientStandInLineAndHoldUpNobody) {
+    Join();
+    std::latch inLibrary(1), goOn(1);
+    std::vector<DWORD> written;
+    media.onWriteFrame = [&](CZemChannelIo&, ZemIoDesc& desc) -> HRESULT {
+        if (written.empty()) {
+            inLibrary.count_down();
+            goOn.wait();
+        }
+        written.push_back(desc.streamData->entries[0].position);
+        return S_OK;
+    };
+    ASSERT_EQ(server.InitRequestThreadPool(), S_OK);
+    const auto deliver = [&](const RequestSpec& given) {
+        CHttpXaction& xaction = Take();
+        Lay(xaction, given);
+        system.Complete(xaction.Overlapped(), kKey);
+    };
+    const CZemClientRef client = server.LookupClient(TEXT("client"), false);
+    const ULONGLONG requests = client.Record()->requestCount;
+    deliver(OneByteWrite(0));
+    inLibrary.wait();
+    for (DWORD position = 1; position <= 5; ++position)
+        deliver(OneByteWrite(position));
+    system.WaitUntilIdle(3);
+    const size_t answered = http.SentCount();
+    RequestSpec other;
+    other.clientId = "other";
+    other.entity = Command(9, 17);
+    deliver(other);
+    system.WaitUntilIdle(3);
+    EXPECT_EQ(http.SentCount(), answered + 1) << "served although six writes are under way";
+    goOn.count_down();
+    system.WaitUntilIdle(4);
+    EXPECT_EQ(written, (std::vector<DWORD>{0, 1, 2, 3, 4, 5}));
+    EXPECT_EQ(http.SentCount(), answered + 6);
+    EXPECT_EQ(client.Record()->requestCount, requests + 12) << "each counted twice, as ever";
+    EXPECT_EQ(client.Channel()->Counters().realTimeIoMsgs, 6u);
+    EXPECT_EQ(Pool().FreeCount(), kBlocks);
+    EXPECT_EQ(server.FramePool().ActiveCount(), 0);
+    EXPECT_EQ(server.FramePool().FreeCount(), CFrameIoXactionPool::kBlocks);
+}
+
+// A write in line when the workers end: its client is not answered, its record is not lost.
+TEST_F(ReceiveLoop, ShutdownForgetsWritesInLine) {
+    Join();
+    CHttpXaction stranger;
+    {
+        const CZemClientRef client = server.LookupClient(TEXT("client"), false);
+        ASSERT_EQ(client.Record()->TakeTurn(stranger), ZemClient::ETurn::Mine);
+    }
+    CHttpXaction& xaction = Take();
+    Lay(xaction, OneByteWrite(3));
+    const size_t answered = http.SentCount();
+    EXPECT_EQ(server.ProcessRequest(xaction), S_FALSE);
+    EXPECT_EQ(Post(Command(2, 16)), S_OK);  // leaves meanwhile
+    EXPECT_EQ(media.LiveChannels(), 1) << "kept for the write";
+    access.RequestQueue() = nullptr;  // the fixture's own, not opened here
+    server.Shutdown();
+    EXPECT_EQ(http.SentCount(), answered + 1) << "the leave";
+    EXPECT_EQ(media.LiveChannels(), 0);
+    EXPECT_EQ(media.LiveAllocators(), 0);
 }
 
 TEST_F(ReceiveLoop, PacketOfAStrangerIsIgnoredWhateverItSays) {

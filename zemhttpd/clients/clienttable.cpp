@@ -2,6 +2,7 @@
 #include "zemhttpd/clients/clienttable.h"
 
 #include "zemhttpd/entry/entrypoint.h"
+#include "zemhttpd/frameio/httpxactn.h"
 
 namespace {
 
@@ -26,6 +27,7 @@ ZemClient::ZemClient(WString display, CZemChannelIo* channelIo, LONGLONG now_sec
       channel(channelIo) {
     constexpr DWORD kSpinCount = 4000;
     InitializeCriticalSectionAndSpinCount(&recordLock, kSpinCount);
+    InitializeCriticalSectionAndSpinCount(&m_lineLock, kSpinCount);
 }
 
 ZemClient::~ZemClient() {
@@ -33,7 +35,37 @@ ZemClient::~ZemClient() {
         DetachReadAllocator(*channel);
         delete channel;
     }
+    DeleteCriticalSection(&m_lineLock);
     DeleteCriticalSection(&recordLock);
+}
+
+ZemClient::ETurn ZemClient::TakeTurn(CHttpXaction& xaction) {
+    const CSectionGuard guard(m_lineLock);
+    if (!m_atWork) {
+        m_atWork = true;
+        return ETurn::Mine;
+    }
+    if (m_inLine == kMaxInLine) return ETurn::LineIsFull;
+    AddRef();
+    xaction.SetInLine(this);
+    xaction.nextInLine = nullptr;
+    (m_lineLast ? m_lineLast->nextInLine : m_lineFirst) = &xaction;
+    m_lineLast = &xaction;
+    ++m_inLine;
+    return ETurn::InLine;
+}
+
+CHttpXaction* ZemClient::PassTurn() {
+    const CSectionGuard guard(m_lineLock);
+    CHttpXaction* const next = m_lineFirst;
+    if (!next) {
+        m_atWork = false;
+        return nullptr;
+    }
+    m_lineFirst = next->nextInLine;
+    if (!m_lineFirst) m_lineLast = nullptr;
+    --m_inLine;
+    return next;
 }
 
 void ZemClient::Release() {

@@ -13,6 +13,8 @@
 #include <cstddef>
 #include <utility>
 
+class CHttpXaction;
+
 // One joined client. Created with one reference, which belongs to the table and, once the record is
 // unlinked, to whoever unlinked it (DeleteZemClient gives it up).
 struct ZemClient {
@@ -46,6 +48,16 @@ struct ZemClient {
         if (phase & 1) m_handOver.wait(phase);
     }
 
+    // Whose turn it is to write. A write that finds another at work stands in line instead of
+    // holding up a thread: a client whose uploads stall would soon hold up all of them. At most
+    // kMaxInLine stand there.
+    enum class ETurn { Mine, InLine, LineIsFull };
+    static constexpr int kMaxInLine = 64;
+    // With InLine the transaction has a reference to the record, and is somebody else's by now.
+    ETurn TakeTurn(CHttpXaction& xaction);
+    // The turn is over: the transaction whose turn it is now, or null.
+    CHttpXaction* PassTurn();
+
     void AddRef() { m_references.fetch_add(1, std::memory_order_relaxed); }
     // The last release detaches the channel's read allocator and destroys channel, lock and record,
     // on this thread.
@@ -55,6 +67,11 @@ private:
     ~ZemClient();
 
     std::atomic<LONG> m_references{1};
+    CRITICAL_SECTION m_lineLock;  // guards the four below; nothing is called under it
+    bool m_atWork = false;
+    int m_inLine = 0;
+    CHttpXaction* m_lineFirst = nullptr;
+    CHttpXaction* m_lineLast = nullptr;
     std::atomic<DWORD> m_handOver{0};  // odd while a write is on its way
 };
 
@@ -78,6 +95,13 @@ public:
     CZemClientRef& operator=(const CZemClientRef&) = delete;
     ~CZemClientRef() {
         if (m_record) m_record->Release();
+    }
+
+    // Takes over a reference that is there already.
+    static CZemClientRef Adopt(ZemClient* record) {
+        CZemClientRef reference;
+        reference.m_record = record;
+        return reference;
     }
 
     explicit operator bool() const { return m_record != nullptr; }

@@ -17,6 +17,7 @@
 
 class CHttpCommandHandler;
 class CZemChannelIo;
+struct ZemClient;
 
 // The stages that a transaction passes, as its timer records them.
 enum XactionStage : DWORD {
@@ -107,6 +108,10 @@ public:
     LONG ReceiveCount() const { return m_receiveCount; }
     void BumpReceiveCount() { ++m_receiveCount; }
     bool InUse() const { return m_inUse != 0; }
+    // A frame write that stands in its client's line, or whose turn has come: the record, with a
+    // reference of its own. Else null.
+    ZemClient* InLine() const { return m_inLine; }
+    void SetInLine(ZemClient* client) { m_inLine = client; }
     // How much of the request buffer a reset has to clear: all of it, unless the completion of the
     // receive told what it wrote; then whoever writes further says so.
     void NoteReceived(size_t bytes) { m_written_bytes = Bounded(bytes); }
@@ -141,6 +146,10 @@ private:
     LONG m_receiveCount;
     ULONG m_sendError;
     ULONG m_written_bytes = kRequestBuffer_bytes;  // of the request buffer; the rest is zero
+    ZemClient* m_inLine = nullptr;
+
+public:
+    CHttpXaction* nextInLine = nullptr;  // the line's link, guarded by its lock
 };
 
 // The HTTP transaction blocks: first in, first out, bounded by a semaphore.
@@ -170,6 +179,8 @@ public:
 
     int Count() const { return m_count; }
     int FreeCount();
+    // The n-th block. REQUIRES: 0 <= n < Count().
+    CHttpXaction& At(int n) { return m_blocks[n]; }
 
 private:
     bool PlentyPosted(int posted) const;

@@ -15,6 +15,7 @@ namespace {
 constexpr LONG kLineAllocated = 2642;
 constexpr LONG kCatchLineOnWrite = 2671;
 constexpr LONG kLineUnknownClient = 2689;
+constexpr LONG kLineLineIsFull = 2695;
 constexpr LONG kCatchLineLibrary = 2711;
 constexpr LONG kCatchLineDoWrite = 2724;
 constexpr LONG kLineDropping = 2748;
@@ -73,6 +74,20 @@ ULONGLONG FillWriteBlock(CFrameIoXaction& frame, const ZemCommand& command,
     return total_bytes;
 }
 
+// The turn to write, passed on to the client's next write when it ends.
+class CWriteTurn {
+public:
+    CWriteTurn(CHttpCommandHandler& handler, ZemClient& client)
+        : m_handler(handler), m_client(client) {}
+    ~CWriteTurn() { m_handler.PassWriteTurn(m_client); }
+    CWriteTurn(const CWriteTurn&) = delete;
+    CWriteTurn& operator=(const CWriteTurn&) = delete;
+
+private:
+    CHttpCommandHandler& m_handler;
+    ZemClient& m_client;
+};
+
 // Marks an answered write as on its way to the media library, until that has it.
 class CHandOverMark {
 public:
@@ -129,11 +144,13 @@ HRESULT CHttpCommandHandler::On_CMD_WRITE_FRAME(const ZemCommand& command) {
     try {
         FrameRequest request;
         if (!request.ReadFrom(command, kWriteEntry_bytes)) scope = E_INVALIDARG;
-        command.xaction->Timer().StartXaction(command.clientId, TEXT("WRITE_FRAME"),
-                                              command.transId);
-        if (Tracing()) {
-            scope.Trace(TEXT("%s: handling CMD_WRITE_FRAME, transId %u"), command.clientId,
-                        command.transId);
+        if (!command.xaction->InLine()) {
+            command.xaction->Timer().StartXaction(command.clientId, TEXT("WRITE_FRAME"),
+                                                  command.transId);
+            if (Tracing()) {
+                scope.Trace(TEXT("%s: handling CMD_WRITE_FRAME, transId %u"), command.clientId,
+                            command.transId);
+            }
         }
         DoCmdWriteFrame(command, request, release);
         if (release) {  // nothing was handed over: it failed
@@ -161,11 +178,31 @@ HRESULT CHttpCommandHandler::DoCmdWriteFrame(const ZemCommand& command, const Fr
     CZemEntry scope(TEXT("CHttpCommandHandler::DoCmdWriteFrame"));
     release = true;
     try {
-        const CZemClientRef client = LookupClient(command.clientId, true);
+        CHttpXaction& xaction = *command.xaction;
+        // Whose turn has come keeps the record that it stood in line for, joined or not.
+        const bool turnHasCome = xaction.InLine() != nullptr;
+        const CZemClientRef client = turnHasCome ? CZemClientRef::Adopt(xaction.InLine())
+                                                 : LookupClient(command.clientId, true);
+        xaction.SetInLine(nullptr);
         if (!client) {
             ThrowError(scope, E_INVALIDARG, kSourceCmdHdlr, kLineUnknownClient, kUnknownClient,
                        command.clientId, command.transId);
         }
+        if (!turnHasCome) {
+            const ZemClient::ETurn turn = client.Record()->TakeTurn(xaction);
+            if (turn == ZemClient::ETurn::LineIsFull) {
+                ThrowError(scope, kNoResources, kSourceCmdHdlr, kLineLineIsFull,
+                           TEXT("%s: Dropping WriteFrame, request pos %u; %d writes of the client "
+                                "wait already, transId %u"),
+                           command.clientId, request.position, ZemClient::kMaxInLine,
+                           command.transId);
+            }
+            if (turn == ZemClient::ETurn::InLine) {  // PassWriteTurn continues it
+                release = false;
+                return S_FALSE;
+            }
+        }
+        const CWriteTurn turn(*this, *client.Record());
         const CSectionGuard lock(*client.RecordLock());
         CZemChannelIo& channel = *client.Channel();
         CFrameIoXaction* frame = nullptr;

@@ -109,8 +109,11 @@ HRESULT CHttpCommandHandler::ProcessCommand(CZemEntry& scope, WCHAR (&clientId)[
 
     // The reference goes before the handler runs, so that a leave destroys the client where it says
     // so.
-    if (const CZemClientRef client = LookupClient(clientId, true); client.Channel())
-        client.Channel()->BumpRealTimeIoMsgs();
+    // A write whose turn has come was counted when it arrived.
+    if (!xaction.InLine()) {
+        const CZemClientRef client = LookupClient(clientId, true);
+        if (client.Channel()) client.Channel()->BumpRealTimeIoMsgs();
+    }
 
     ZemRequestHdr header{};
     std::memcpy(&header, entity, std::min(room_bytes, sizeof(header)));

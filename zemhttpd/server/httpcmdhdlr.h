@@ -46,6 +46,9 @@ public:
     HRESULT IssueHttpRequest(CHttpXaction& xaction, bool& posted);
     static unsigned WINAPI HttpRequestIssuer(void* server);
     static unsigned WINAPI HttpRequestHandler(void* server);
+    // Processes the request and, unless it went on asynchronously, gives its block back.
+    void FinishRequest(CHttpXaction& xaction);
+    void PassWriteTurn(ZemClient& client);
 
     // --- request assembly and dispatch (server/dispatch.cpp), worker threads ---
     // S_FALSE exactly when the handler went asynchronous: the block is its completion's then.
@@ -172,6 +175,7 @@ private:
     void StopLongThreads();
     void CloseHttp();
     bool TakeBackReceives();
+    void ForgetWritesInLine();
     void DeleteRemainingClients();
     DWORD ConcurrentWorkers() const;
     LONGLONG ServiceRequests();  // a worker's loop; the number of requests when told to stop,

@@ -195,6 +195,7 @@ void CHttpCommandHandler::Shutdown() {
             CloseHandle(m_completionPort);
             m_completionPort = nullptr;
         }
+        ForgetWritesInLine();
         if (allBack) delete m_xactionPool;  // else the system may still write into a block
         m_xactionPool = nullptr;
         DeleteRemainingClients();
@@ -249,6 +250,16 @@ bool CHttpCommandHandler::TakeBackReceives() {
         if (overlapped && m_xactionPool->Owns(overlapped)) m_xactionPool->ReceivePickedUp();
     }
     return true;
+}
+
+// Writes whose turn did not come before the workers ended: their clients are gone with the queue,
+// their records are not.
+void CHttpCommandHandler::ForgetWritesInLine() {
+    for (int i = 0; m_xactionPool && i < m_xactionPool->Count(); ++i) {
+        CHttpXaction& xaction = m_xactionPool->At(i);
+        const CZemClientRef client = CZemClientRef::Adopt(xaction.InLine());
+        xaction.SetInLine(nullptr);
+    }
 }
 
 void CHttpCommandHandler::DeleteRemainingClients() {

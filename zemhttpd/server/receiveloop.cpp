@@ -144,6 +144,10 @@ LONGLONG CHttpCommandHandler::ServiceRequests() {
             // whatever they say.
             xaction = m_xactionPool->Owns(overlapped);
             if (!xaction) continue;
+            if (ok && xaction->InLine()) {  // a frame write whose turn has come
+                FinishRequest(*xaction);
+                continue;
+            }
             m_xactionPool->ReceivePickedUp();
             // Even a receive that failed may have left the fixed part.
             xaction->NoteReceived(std::max<size_t>(moved_bytes, sizeof(HTTP_REQUEST)));
@@ -158,6 +162,19 @@ LONGLONG CHttpCommandHandler::ServiceRequests() {
         }
         ++serviced;
         xaction->SetStartTick(GetTickCount());
-        if (ProcessRequest(*xaction) != kKeepsBlock) m_xactionPool->Release(xaction);
+        FinishRequest(*xaction);
     }
+}
+
+void CHttpCommandHandler::FinishRequest(CHttpXaction& xaction) {
+    if (ProcessRequest(xaction) != kKeepsBlock) m_xactionPool->Release(&xaction);
+}
+
+// Lets the client's next write be processed, by whichever worker is free.
+void CHttpCommandHandler::PassWriteTurn(ZemClient& client) {
+    CHttpXaction* const next = client.PassTurn();
+    if (!next) return;
+    const BOOL posted = PostQueuedCompletionStatus(
+        m_completionPort, 0, reinterpret_cast<ULONG_PTR>(this), next->Overlapped());
+    if (!posted) FinishRequest(*next);  // without memory for the packet: here and now
 }
