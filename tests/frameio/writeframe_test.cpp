@@ -265,7 +265,7 @@ TEST_F(WriteFrame, AWriteBehindAFullLineIsDropped) {
     EXPECT_EQ(Write({Entry({1})}, "x"), S_OK);
     ExpectImmediateReply();
     const LogRecord error = log.Error(
-        TEXT("client: Dropping WriteFrame, request pos 5; 64 writes of the client wait already, "
+        TEXT("client: Dropping WriteFrame, request pos 5; too many writes wait for their turn, "
              "transId 4711"));
     EXPECT_EQ(error.hr, kNoResources);
     EXPECT_EQ(error.line, 2695);

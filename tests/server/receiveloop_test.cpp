@@ -280,25 +280,58 @@ TEST_F(ReceiveLoop, WritesOfOneClientStandInLineAndHoldUpNobody) {
     const ULONGLONG requests = client.Record()->requestCount;
     deliver(OneByteWrite(0));
     inLibrary.wait();
-    for (DWORD position = 1; position <= 5; ++position)
+    for (DWORD position = 1; position <= 4; ++position) {
         deliver(OneByteWrite(position));
-    system.WaitUntilIdle(3);
+        system.WaitUntilIdle(3);
+    }
     const size_t answered = http.SentCount();
     RequestSpec other;
     other.clientId = "other";
     other.entity = Command(9, 17);
     deliver(other);
     system.WaitUntilIdle(3);
-    EXPECT_EQ(http.SentCount(), answered + 1) << "served although six writes are under way";
+    EXPECT_EQ(http.SentCount(), answered + 1) << "served although five writes are under way";
     goOn.count_down();
     system.WaitUntilIdle(4);
-    EXPECT_EQ(written, (std::vector<DWORD>{0, 1, 2, 3, 4, 5}));
-    EXPECT_EQ(http.SentCount(), answered + 6);
-    EXPECT_EQ(client.Record()->requestCount, requests + 12) << "each counted twice, as ever";
-    EXPECT_EQ(client.Channel()->Counters().realTimeIoMsgs, 6u);
+    EXPECT_EQ(written, (std::vector<DWORD>{0, 1, 2, 3, 4}));
+    EXPECT_EQ(http.SentCount(), answered + 5) << "four writes and the other client";
+    EXPECT_EQ(client.Record()->requestCount, requests + 10) << "each counted twice, as ever";
+    EXPECT_EQ(client.Channel()->Counters().realTimeIoMsgs, 5u);
     EXPECT_EQ(Pool().FreeCount(), kBlocks);
     EXPECT_EQ(server.FramePool().ActiveCount(), 0);
     EXPECT_EQ(server.FramePool().FreeCount(), CFrameIoXactionPool::kBlocks);
+}
+
+// Whatever the clients do, half of the blocks are left for others.
+TEST_F(ReceiveLoop, WritesStandInLineInHalfOfTheBlocks) {
+    CHttpXaction stranger;
+    for (const char* clientId : {"a", "b"}) {
+        Join(clientId);
+        const CZemClientRef client =
+            server.LookupClient(clientId[0] == 'a' ? TEXT("a") : TEXT("b"), false);
+        ASSERT_EQ(client.Record()->TakeTurn(stranger), ZemClient::ETurn::Mine);
+    }
+    const auto write = [&](const char* clientId) {
+        CHttpXaction& xaction = Take();
+        RequestSpec given = OneByteWrite(3);
+        given.clientId = clientId;
+        Lay(xaction, given);
+        const HRESULT hr = server.ProcessRequest(xaction);
+        if (hr != S_FALSE) Pool().Release(&xaction);
+        return hr;
+    };
+    for (int i = 0; i < kBlocks / 2; ++i)
+        EXPECT_EQ(write(i % 2 ? "a" : "b"), S_FALSE);
+    EXPECT_EQ(write("a"), S_OK);
+    EXPECT_EQ(write("b"), S_OK);
+    EXPECT_EQ(log.Count(kErrorLogLevelError,
+                        TEXT("b: Dropping WriteFrame, request pos 3; too many writes wait for "
+                             "their turn, transId 3")),
+              1u);
+    EXPECT_EQ(Pool().FreeCount(), kBlocks / 2);
+    access.RequestQueue() = nullptr;  // the fixture's own, not opened here
+    server.Shutdown();
+    EXPECT_EQ(media.LiveChannels(), 0);
 }
 
 // A write in line when the workers end: its client is not answered, its record is not lost.

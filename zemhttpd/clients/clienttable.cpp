@@ -39,13 +39,13 @@ ZemClient::~ZemClient() {
     DeleteCriticalSection(&recordLock);
 }
 
-ZemClient::ETurn ZemClient::TakeTurn(CHttpXaction& xaction) {
+ZemClient::ETurn ZemClient::TakeTurn(CHttpXaction& xaction, bool room) {
     const CSectionGuard guard(m_lineLock);
     if (!m_atWork) {
         m_atWork = true;
         return ETurn::Mine;
     }
-    if (m_inLine == kMaxInLine) return ETurn::LineIsFull;
+    if (!room || m_inLine == kMaxInLine) return ETurn::LineIsFull;
     AddRef();
     xaction.SetInLine(this);
     xaction.nextInLine = nullptr;

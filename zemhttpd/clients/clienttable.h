@@ -50,11 +50,11 @@ struct ZemClient {
 
     // Whose turn it is to write. A write that finds another at work stands in line instead of
     // holding up a thread: a client whose uploads stall would soon hold up all of them. At most
-    // kMaxInLine stand there.
+    // kMaxInLine stand there, and none where there is no `room` in the server.
     enum class ETurn { Mine, InLine, LineIsFull };
     static constexpr int kMaxInLine = 64;
     // With InLine the transaction has a reference to the record, and is somebody else's by now.
-    ETurn TakeTurn(CHttpXaction& xaction);
+    ETurn TakeTurn(CHttpXaction& xaction, bool room = true);
     // The turn is over: the transaction whose turn it is now, or null.
     CHttpXaction* PassTurn();
 

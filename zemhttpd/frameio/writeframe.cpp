@@ -189,13 +189,12 @@ HRESULT CHttpCommandHandler::DoCmdWriteFrame(const ZemCommand& command, const Fr
                        command.clientId, command.transId);
         }
         if (!turnHasCome) {
-            const ZemClient::ETurn turn = client.Record()->TakeTurn(xaction);
+            const ZemClient::ETurn turn = TakeWriteTurn(*client.Record(), xaction);
             if (turn == ZemClient::ETurn::LineIsFull) {
                 ThrowError(scope, kNoResources, kSourceCmdHdlr, kLineLineIsFull,
-                           TEXT("%s: Dropping WriteFrame, request pos %u; %d writes of the client "
-                                "wait already, transId %u"),
-                           command.clientId, request.position, ZemClient::kMaxInLine,
-                           command.transId);
+                           TEXT("%s: Dropping WriteFrame, request pos %u; too many writes wait "
+                                "for their turn, transId %u"),
+                           command.clientId, request.position, command.transId);
             }
             if (turn == ZemClient::ETurn::InLine) {  // PassWriteTurn continues it
                 release = false;

@@ -48,6 +48,8 @@ public:
     static unsigned WINAPI HttpRequestHandler(void* server);
     // Processes the request and, unless it went on asynchronously, gives its block back.
     void FinishRequest(CHttpXaction& xaction);
+    // Writes stand in line in at most half of the transaction blocks: the rest is for everybody.
+    ZemClient::ETurn TakeWriteTurn(ZemClient& client, CHttpXaction& xaction);
     void PassWriteTurn(ZemClient& client);
 
     // --- request assembly and dispatch (server/dispatch.cpp), worker threads ---
@@ -216,4 +218,5 @@ private:
     CCapacityCache m_capacity;
     CRealTimeClient m_realTimeClient;
     std::atomic<bool> m_dropping{false};  // reads and writes share it
+    std::atomic<int> m_writesInLine{0};
 };

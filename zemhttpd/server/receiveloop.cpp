@@ -170,10 +170,18 @@ void CHttpCommandHandler::FinishRequest(CHttpXaction& xaction) {
     if (ProcessRequest(xaction) != kKeepsBlock) m_xactionPool->Release(&xaction);
 }
 
+ZemClient::ETurn CHttpCommandHandler::TakeWriteTurn(ZemClient& client, CHttpXaction& xaction) {
+    const bool room = m_writesInLine.fetch_add(1) < m_xactionPool->Count() / 2;
+    const ZemClient::ETurn turn = client.TakeTurn(xaction, room);
+    if (turn != ZemClient::ETurn::InLine) m_writesInLine.fetch_sub(1);
+    return turn;
+}
+
 // Lets the client's next write be processed, by whichever worker is free.
 void CHttpCommandHandler::PassWriteTurn(ZemClient& client) {
     CHttpXaction* const next = client.PassTurn();
     if (!next) return;
+    m_writesInLine.fetch_sub(1);
     const BOOL posted = PostQueuedCompletionStatus(
         m_completionPort, 0, reinterpret_cast<ULONG_PTR>(this), next->Overlapped());
     if (!posted) FinishRequest(*next);  // without memory for the packet: here and now
