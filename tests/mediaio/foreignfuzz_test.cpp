@@ -121,62 +121,48 @@ protected:
     }
 };
 
-const std::string kInput = kPicture + "25" + kSound + "-frames:v 8 -t 0.32 -threads 1 ";
+const std::string kSine = "-f lavfi -i sine=frequency=440:sample_rate=48000 ";
+const std::string kSmall = kPicture + "25" + kSound + "-frames:v 8 -t 0.32 -threads 1 ";
+const std::string kLarge = "-f lavfi -i testsrc2=size=720x576:rate=25" + kSound;
+const std::string kD10 =
+    "-f lavfi -i testsrc2=size=720x608:rate=25" + kSound +
+    "-frames:v 3 -c:v mpeg2video -b:v 30M -minrate 30M -maxrate 30M -bufsize 1200000 "
+    "-rc_init_occupancy 1200000 -g 0 -pix_fmt yuv422p -intra_vlc 1 -qmin 1 -rc_max_vbv_use 1 "
+    "-flags +ildct+low_delay -dc 10 -ac 4 -c:a pcm_s16le -f mxf_d10";
 
-TEST_F(ForeignFuzz, Mov) {
-    Run("clip.mov", kInput + "-c:v mjpeg -c:a pcm_s16le -timecode 01:00:00:00");
+struct Kind {
+    const char* name;
+    const char* file;
+    std::string arguments;
+};
+const Kind kKinds[] = {
+    {"Mov", "clip.mov", kSmall + "-c:v mjpeg -c:a pcm_s16le -timecode 01:00:00:00"},
+    {"Mp4TableInFront", "clip.mp4", kSmall + "-c:v mpeg4 -bf 1 -c:a aac -movflags faststart"},
+    {"Fragments", "clip.mp4",
+     kSmall + "-c:v mpeg4 -g 3 -c:a aac -movflags frag_keyframe+empty_moov"},
+    {"FragmentsIndexInFront", "clip.mp4",
+     kSmall + "-c:v mpeg4 -g 2 -c:a aac -movflags dash+global_sidx+frag_keyframe"},
+    {"Mxf", "clip.mxf", kSmall + "-c:v mpeg2video -c:a pcm_s16le"},
+    {"MxfOfOneElement", "clip.mxf", kSine + "-t 0.2 -c:a pcm_s16le -f mxf_opatom"},
+    {"MxfD10", "clip.mxf", kD10},
+    {"Avi", "clip.avi", kSmall + "-c:v mjpeg -c:a pcm_s16le"},
+    {"Mkv", "clip.mkv", kSmall + "-c:v mjpeg -c:a pcm_s16le"},
+    {"TransportStream", "clip.ts", kSmall + "-c:v mpeg2video -c:a mp2"},
+    {"ProgramStream", "clip.mpg", kSmall + "-c:v mpeg2video -c:a mp2 -f vob"},
+    {"Gxf", "clip.gxf",
+     kLarge + "-frames:v 3 -t 0.12 -c:v mpeg2video -pix_fmt yuv420p -c:a pcm_s16le"},
+    {"RawDv", "clip.dv", kLarge + "-map 0:v -frames:v 2 -c:v dvvideo -pix_fmt yuv420p"},
+    {"Rf64", "clip.wav", kSine + "-t 0.1 -c:a pcm_s16le -rf64 always"},
+    {"Wav", "clip.wav", kSine + "-t 0.1 -c:a pcm_s24le"},
+};
+
+class ForeignFuzzOf : public ForeignFuzz, public testing::WithParamInterface<Kind> {};
+
+TEST_P(ForeignFuzzOf, GivesResultsOrErrors) {
+    Run(GetParam().file, GetParam().arguments);
 }
-TEST_F(ForeignFuzz, Mp4WithItsTableInFront) {
-    Run("clip.mp4", kInput + "-c:v mpeg4 -bf 1 -c:a aac -movflags faststart");
-}
-TEST_F(ForeignFuzz, Fragments) {
-    Run("clip.mp4", kInput + "-c:v mpeg4 -g 3 -c:a aac -movflags frag_keyframe+empty_moov");
-}
-TEST_F(ForeignFuzz, Mxf) {
-    Run("clip.mxf", kInput + "-c:v mpeg2video -c:a pcm_s16le");
-}
-TEST_F(ForeignFuzz, MxfOfOneElement) {
-    Run("clip.mxf",
-        "-f lavfi -i sine=frequency=440:sample_rate=48000 -t 0.2 -c:a pcm_s16le "
-        "-f mxf_opatom");
-}
-TEST_F(ForeignFuzz, Avi) {
-    Run("clip.avi", kInput + "-c:v mjpeg -c:a pcm_s16le");
-}
-TEST_F(ForeignFuzz, Mkv) {
-    Run("clip.mkv", kInput + "-c:v mjpeg -c:a pcm_s16le");
-}
-TEST_F(ForeignFuzz, Ts) {
-    Run("clip.ts", kInput + "-c:v mpeg2video -c:a mp2");
-}
-TEST_F(ForeignFuzz, FragmentsWithAnIndexInFront) {
-    Run("clip.mp4", kInput + "-c:v mpeg4 -g 2 -c:a aac -movflags dash+global_sidx+frag_keyframe");
-}
-TEST_F(ForeignFuzz, MxfWithSoundInD10) {
-    Run("clip.mxf",
-        "-f lavfi -i testsrc2=size=720x608:rate=25" + kSound +
-            "-frames:v 3 -c:v mpeg2video -b:v 30M -minrate 30M -maxrate 30M -bufsize 1200000 "
-            "-rc_init_occupancy 1200000 -g 0 -pix_fmt yuv422p -intra_vlc 1 -qmin 1 "
-            "-rc_max_vbv_use 1 -flags +ildct+low_delay -dc 10 -ac 4 -c:a pcm_s16le -f mxf_d10");
-}
-TEST_F(ForeignFuzz, ProgramStream) {
-    Run("clip.mpg", kInput + "-c:v mpeg2video -c:a mp2 -f vob");
-}
-TEST_F(ForeignFuzz, Gxf) {
-    Run("clip.gxf", "-f lavfi -i testsrc2=size=720x576:rate=25" + kSound +
-                        "-frames:v 3 -t 0.12 -c:v mpeg2video -pix_fmt yuv420p -c:a pcm_s16le");
-}
-TEST_F(ForeignFuzz, RawDv) {
-    Run("clip.dv",
-        "-f lavfi -i testsrc2=size=720x576:rate=25 -frames:v 2 -c:v dvvideo -pix_fmt yuv420p");
-}
-TEST_F(ForeignFuzz, Rf64) {
-    Run("clip.wav",
-        "-f lavfi -i sine=frequency=440:sample_rate=48000 -t 0.1 -c:a pcm_s16le -rf64 always");
-}
-TEST_F(ForeignFuzz, Wav) {
-    Run("clip.wav", "-f lavfi -i sine=frequency=440:sample_rate=48000 -t 0.1 -c:a pcm_s24le");
-}
+INSTANTIATE_TEST_SUITE_P(Clips, ForeignFuzzOf, testing::ValuesIn(kKinds),
+                         [](const auto& kind) { return std::string(kind.param.name); });
 
 // An index that says anything, with checksums that are right: frames are wrong then, nothing else.
 TEST_F(ForeignFuzz, IndexWithTrueChecksums) {
