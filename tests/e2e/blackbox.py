@@ -465,6 +465,35 @@ class Durability(unittest.TestCase):
         self.assertEqual(read, digests)
 
 
+class CutFromOutside(ServerCase):
+    def test_a_file_that_is_cut_gives_errors_and_the_server_goes_on(self):
+        """Frames that were sent a moment ago, cut off before the next look at them or after it; nobody is hurt."""
+        client = self.client()
+        data = random.Random(5).randbytes(300000)
+        for round_ in range(10):
+            name = 'cut%d' % round_
+            token = client.create(name)
+            for position in range(4):
+                client.write(token, position, data)
+            client.flush(token)
+            client.post(CLOSE, struct.pack('<Q', token))
+            token = client.open(name)
+            for position in range(4):
+                self.assertEqual(frame_of(client.read(token, position)), data)
+            with open(os.path.join(self.server.volume, name), 'r+b') as file:
+                file.truncate(16384 + 400000)
+            for position in (1, 2, 3):
+                reply = client.read(token, position)
+                if reply.status == 200:
+                    self.assertEqual(stream_status(reply), 0x80070017)
+                    self.assertEqual(frame_of(reply), b'')
+                else:  # the library took the frame for being there; the interface saw the file's length
+                    self.assertEqual((reply.status, reply.code()), (500, READ))
+            self.assertEqual(frame_of(client.read(token, 0)), data)
+            client.post(CLOSE, struct.pack('<Q', token))
+        self.assert_status(client.post(KEEP_ALIVE), 14)
+
+
 def main():
     global PROGRAM, FILE_SERVER, TRACE
     arguments = sys.argv[1:]

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <random>
@@ -139,7 +140,25 @@ TEST(Allocator, ManyThreads) {
     allocator.Free(all);
 }
 
-// A day of mixed frame sizes, the oldest going first: what is free must stay usable.
+// The largest run that could be had now, in bytes.
+size_t LargestRun(CZemMemAllocator& allocator, size_t memory) {
+    size_t low = 0;
+    size_t high = memory / kPage;
+    while (low < high) {
+        const size_t middle = (low + high + 1) / 2;
+        void* run = allocator.Allocate(middle * kPage);
+        allocator.Free(run);
+        if (run == nullptr) {
+            high = middle - 1;
+        } else {
+            low = middle;
+        }
+    }
+    return low * kPage;
+}
+
+// Mixed frame sizes, the oldest going first as they reach the device: what is free must stay
+// usable. bench/allocator does the same for a day.
 TEST(Allocator, FragmentationStaysBounded) {
     std::mt19937 random(20240229);
     CZemMemAllocator allocator;
@@ -147,6 +166,7 @@ TEST(Allocator, FragmentationStaysBounded) {
     ASSERT_EQ(allocator.Initialize(kSize, nullptr), S_OK);
     std::vector<void*> live;
     size_t failures = 0;
+    size_t least = kSize;
     for (int step = 0; step < 200000; ++step) {
         static constexpr size_t kSizes[] = {7680, 9600, 150000, 400000, 1048576, 2500000, 5529600};
         const size_t base = kSizes[random() % std::size(kSizes)];
@@ -161,11 +181,42 @@ TEST(Allocator, FragmentationStaysBounded) {
             allocator.Free(live[which]);
             live.erase(live.begin() + static_cast<std::ptrdiff_t>(which));
         }
+        if (step % 500 == 499) least = std::min(least, LargestRun(allocator, kSize));
     }
     EXPECT_EQ(failures, 0u) << "half of the memory is free, a frame of 8 MB must find room";
+    EXPECT_GE(least, kSize / 8) << "a quarter of what is free, in one run, at any time";
+    RecordProperty("least_largest_run", static_cast<int>(least));
     for (void* run : live)
         allocator.Free(run);
     EXPECT_EQ(allocator.BytesInUse(), 0u);
+}
+
+// More is asked for than there is: what fails costs nothing, and what was had comes home.
+TEST(Allocator, ExhaustionLeavesNothingBehind) {
+    std::mt19937 random(7);
+    CZemMemAllocator allocator;
+    constexpr size_t kSize = 125829120;
+    ASSERT_EQ(allocator.Initialize(kSize, nullptr), S_OK);
+    size_t refused = 0;
+    for (int round = 0; round < 20; ++round) {
+        std::vector<void*> live;
+        for (int i = 0; i < 200; ++i) {
+            const size_t before = allocator.BytesInUse();
+            void* run = allocator.Allocate(100000 + random() % 2000000);
+            if (run != nullptr) {
+                live.push_back(run);
+                continue;
+            }
+            ++refused;
+            ASSERT_EQ(allocator.BytesInUse(), before);
+        }
+        std::shuffle(live.begin(), live.end(), random);
+        for (void* run : live)
+            allocator.Free(run);
+        ASSERT_EQ(allocator.BytesInUse(), 0u);
+        ASSERT_EQ(LargestRun(allocator, kSize), kSize);
+    }
+    EXPECT_GT(refused, 100u);
 }
 
 }  // namespace

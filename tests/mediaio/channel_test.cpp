@@ -166,6 +166,28 @@ TEST_P(ChannelIo, AFileCutFromOutsideGivesAnError) {
     EXPECT_EQ(Read(token, 2, bytes), HRESULT_FROM_WIN32(ERROR_CRC));
 }
 
+// The memory of all channels is 120 MiB: a third frame of 50 MB finds none, and costs the first two
+// nothing.
+TEST_P(ChannelIo, AWriteThatFindsNoMemoryIsRefusedAndLeavesNothingBehind) {
+    const ULONGLONG token = Create("clip");
+    Io io[3];
+    HRESULT results[3];
+    for (int i = 0; i < 3; ++i) {
+        io[i].entries[0].token = token;
+        io[i].entries[0].bufferCount = 1;
+        io[i].entries[0].buffers[0].length_bytes = 50000000;
+        results[i] = m_channel->GetWriteFrameBuffers(io[i].desc);
+    }
+    EXPECT_EQ(results[0], S_OK);
+    EXPECT_EQ(results[1], S_OK);
+    EXPECT_EQ(results[2], HRESULT_FROM_WIN32(ERROR_NO_SYSTEM_RESOURCES));
+    EXPECT_EQ(m_allocator.BytesInUse(), 2 * ((50000000 + 4095) / 4096 * size_t{4096}));
+    for (Io& each : io)
+        m_channel->ReleaseWriteFrameBuffers(each.desc);
+    EXPECT_EQ(m_allocator.BytesInUse(), 0u);
+    EXPECT_EQ(Write(token, 0, Bytes(0, 1000000)), S_OK);
+}
+
 TEST_P(ChannelIo, WriteBuffersAreOneRunInEntryOrder) {
     const ULONGLONG token = Create("v0");
     const ULONGLONG audio = Create("a0", kMediaFileAudio);
