@@ -28,7 +28,10 @@ dpkg -i first.deb
 [ "$(owner $volume)" = zemhttpd:zemhttpd ]
 [ "$(owner /var/log/zemhttpd)" = zemhttpd:adm ]
 [ "$(getent passwd zemhttpd | cut -d: -f7)" = /usr/sbin/nologin ]
-man -w zemhost >/dev/null
+man -w zemhost zem >/dev/null
+for completion in bash-completion/completions/zem zsh/vendor-completions/_zem fish/vendor_completions.d/zem.fish; do
+    [ -s "/usr/share/$completion" ]
+done
 ldconfig -p | grep -q 'libzemhttpd\.so\.0 '
 if ldd /usr/sbin/zemhost /usr/bin/zem /usr/bin/zemfsck | grep 'not found'; then fail 'a library is not found'; fi
 
@@ -37,6 +40,7 @@ step 'is started, and at every boot'
 systemctl is-active zemhttpd.service
 answers 8080
 zem status
+curl -sS --max-time 20 http://127.0.0.1:8080/media/console.html | cmp - /usr/share/zemhttpd/console.html
 
 step 'runs in its sandbox'
 pid=$(main_pid)
@@ -145,7 +149,7 @@ dpkg -P zemhttpd
 if dpkg-query -W zemhttpd 2>/dev/null; then fail 'dpkg still knows it'; fi
 
 step 'leaves nothing when there were no media'
-rm -r "${volume:?}"/*
+rm -r "${volume:?}"/clip*
 dpkg -i first.deb >/dev/null
 answers 8080
 dpkg -P zemhttpd >/dev/null
