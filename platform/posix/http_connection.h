@@ -100,6 +100,7 @@ private:
     EStep RunReading(CPacket& packet);
     EStep RunBody(CPacket& packet);
     EStep RunBigBody(CPacket& packet);
+    size_t GatherBody(size_t limit);
     EStep TakeHead(char* data, size_t size, CPacket& packet);
     EStep AcceptHead(const RequestHead& head, char* data, size_t size, CPacket& packet);
     EStep StartBody(CRequestView& view, char* data, size_t size, CPacket& packet);

@@ -209,11 +209,29 @@ CHttpConnection::EStep CHttpConnection::RunBigBody(CPacket& packet) {
         const bool over = (fd.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
         if (over && arrived() < wanted) return Die();
         if (!over && !(fd.revents & POLLIN)) return Release() ? EStep::Gone : EStep::Again;
+        // Full is at first the window that was offered before the mark was set. Taking a little
+        // more than the first read did offers the larger one.
+        constexpr size_t kMost = 2 * kReadBytes;
+        if (!over && m_body_end - m_body_begin < kMost &&
+            m_buffer.Reserve(m_body_begin + kMost, m_body_end) && GatherBody(kMost) > 0 &&
+            !m_decoder.Done()) {
+            m_arrived = 0;
+            SetLowWater(
+                static_cast<uint32_t>(std::min<uint64_t>(m_decoder.Plain(), kLowWaterBytes)));
+            return Release() ? EStep::Gone : EStep::Again;
+        }
     }
     SetLowWater(1);
-    while (!m_decoder.Done() && m_body_end - m_body_begin < m_room) {
-        const size_t room = std::min<size_t>(m_room - (m_body_end - m_body_begin),
-                                             m_buffer.Capacity() - m_body_end);
+    GatherBody(m_room);
+    return DeliverKept(packet);
+}
+
+// Takes what there is of a body of known length, up to `limit` bytes held; the bytes taken.
+size_t CHttpConnection::GatherBody(size_t limit) {
+    const uint32_t before = m_body_end;
+    while (!m_decoder.Done() && m_body_end - m_body_begin < limit) {
+        const size_t room =
+            std::min<size_t>(limit - (m_body_end - m_body_begin), m_buffer.Capacity() - m_body_end);
         const ssize_t n = Receive(m_buffer.Data() + m_body_end,
                                   static_cast<size_t>(std::min<uint64_t>(room, m_decoder.Plain())));
         if (n <= 0) break;
@@ -221,7 +239,7 @@ CHttpConnection::EStep CHttpConnection::RunBigBody(CPacket& packet) {
         m_body_end += static_cast<uint32_t>(n);
     }
     m_raw_begin = m_raw_end = m_body_end;
-    return DeliverKept(packet);
+    return m_body_end - before;
 }
 
 }  // namespace posix

@@ -1,5 +1,7 @@
 // Receiving: how a request lies in the posted buffer, its body, and what an id is good for.
 #include <gtest/gtest.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 
 #include <cstring>
 #include <set>
@@ -160,6 +162,32 @@ TEST(Receive, MoreBodyThanRoomFillsTheBufferAndTheRestIsRead) {
     EXPECT_EQ(server.ReadBody(block->Id(), body), ERROR_HANDLE_EOF);
     server.Reply(block->Id(), "done");
     EXPECT_EQ(client.Read().body, "done");
+}
+
+// The window that a new connection offers is smaller than what is waited for: it must open.
+TEST(Receive, UploadThatStallsAboveTheFirstWindowReachesNoWorker) {
+    CServer server;
+    CClient client(server.TcpPort());
+    const std::string first(300000, 'w'), rest(700000, 'r');
+    std::thread sender([&] { client.Send(PostHead(first.size() + rest.size()) + first); });
+    const auto allTaken = [&] {
+        EXPECT_EQ(server.Take(0), nullptr);
+        int queued = 1;
+        ioctl(client.Socket(), SIOCOUTQ, &queued);
+        return queued == 0;
+    };
+    sender.join();  // the socket takes it, whatever the server does
+    EXPECT_TRUE(Eventually(allTaken));
+    EXPECT_EQ(server.Take(0), nullptr);
+    client.Send(rest);
+    CBlock* block = server.Take();
+    ASSERT_NE(block, nullptr);
+    std::string body = block->Body();
+    while (server.ReadBody(block->Id(), body, 30000) == NO_ERROR) {
+    }
+    EXPECT_EQ(body, first + rest);
+    server.Reply(block->Id(), "");
+    EXPECT_EQ(client.Read().status, 200);
 }
 
 TEST(Receive, NextRequestMayLieRightBehindABodyThatIsReadExactly) {
