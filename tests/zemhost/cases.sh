@@ -14,6 +14,7 @@ drop=()
 clean_up() {
     [ -z "$pid" ] || kill -KILL "$pid" 2>/dev/null || true
     wait
+    chmod -R u+rwX "$work"  # a case may have closed a folder
     rm -rf "$work"
 }
 trap clean_up EXIT
