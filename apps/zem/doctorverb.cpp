@@ -62,6 +62,7 @@ private:
     std::unique_ptr<CZemClient> m_client;
     PageReply m_status;  // the status page with its headers
     std::time_t m_askedAt = 0;
+    std::time_t m_answeredAt = 0;
     std::string m_name;  // of the file that it writes
     std::array<int, kFindings.size()> m_count{};
     int m_exit = kExitOk;
@@ -108,6 +109,7 @@ void CDoctor::Reach() {
     CHttpConnection& http = m_client->Http();
     m_askedAt = std::time(nullptr);
     m_status = http.Get("/media/status");
+    m_answeredAt = std::time(nullptr);
     // Once more on the connection that now stands: what a request takes without connecting.
     const auto start = std::chrono::steady_clock::now();
     GetStatus(http);
@@ -148,7 +150,8 @@ void CDoctor::Clock() {
             "is there a proxy between?");
         return;
     }
-    const double apart = std::difftime(theirs, m_askedAt);
+    // It told its time somewhere between question and answer.
+    const double apart = std::difftime(theirs, std::clamp(theirs, m_askedAt, m_answeredAt));
     const std::string text = apart == 0
                                  ? "the server's is this machine's"
                                  : "the server's is " + DurationText(std::fabs(apart)) +

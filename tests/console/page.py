@@ -287,41 +287,47 @@ class Live(unittest.TestCase):
         self.assertEqual(self.page.text('#percent'), '–')
         self.assertEqual(self.page.run('document.querySelector("#gauge").getAttribute("aria-valuetext")'), 'not known')
 
-    def test_a_full_list_is_said_to_be_full(self):
-        self.people.crowd('client number %05d' % i for i in range(400))
+    def test_sixty_five_thousand_joined_clients_fill_the_list(self):
+        self.people.crowd('client %d' % i for i in range(65536))
         self.open()
         self.page.wait_for('document.querySelector("#count").textContent.endsWith("+")')
         self.assertIn('there may be more', self.page.text('#foot'))
         self.assertIn('cannot be told', self.page.text('#quiet'))
         count = self.page.text('#count')
-        self.people.join('one more')
-        self.page.run('new Promise(done => { const a = points.length + lastAnswer; const t = setInterval(() => '
-                      '{ if (lastAnswer > a - points.length) { clearInterval(t); done(); } }, 20); })')
+        before = self.page.run('lastAnswer')
+        self.people.joined['client 7'] = Client(self.server.port, 'client 7')
+        self.people.leave('client 7')
+        self.page.wait_for('lastAnswer > %d + 1000' % before)
         self.assertEqual(self.page.run('events.length'), 0, 'who came and who went cannot be told: ' + count)
 
-    def test_sixty_five_thousand_clients_keep_it_quick(self):
+    def cpu_ms(self, script):
+        """What a script costs, in processor time of the page's thread: how busy the machine is does not count."""
+        def spent():
+            metrics = self.page.command('Performance.getMetrics')['metrics']
+            return next(each['value'] for each in metrics if each['name'] == 'ScriptDuration')
+        self.page.command('Performance.enable', timeDomain='threadTicks')
+        before = spent()
+        # As a task of the page: what the debugger calls is not counted.
+        self.page.run('new Promise(done => setTimeout(() => { %s; done(); }))' % script)
+        return (spent() - before) * 1000
+
+    def test_sixty_five_thousand_names_keep_it_quick(self):
         self.open()
         self.page.wait_for('document.querySelector("#state").textContent === "Live"')
         # More than today's page of the server holds, by way of the page's own function.
-        took = self.page.run('''(() => { const names = Array.from({length: 65536}, (_, i) => 'client ' + i);
-            cut = cutBefore = false; window.names = names; const a = performance.now();
-            takeClients(Date.now(), names); draw(); return performance.now() - a; })()''')
-        self.assertLess(took, 3000)
+        self.page.run('names = Array.from({length: 65536}, (_, i) => "client " + i); cut = cutBefore = false;')
+        self.assertLess(self.cpu_ms('takeClients(Date.now(), names); draw()'), 600)
         self.answer_with('/media/clients', ''.join('client %d\r\n' % i for i in range(65536)))
-        again = self.page.run('''(() => { const a = performance.now(); takeClients(Date.now(), window.names); draw();
-                                          return performance.now() - a; })()''')
-        self.assertLess(again, 500, 'when nothing changed')
+        self.assertLess(self.cpu_ms('takeClients(Date.now(), names); draw()'), 150, 'when nothing changed')
         self.page.wait_for('document.querySelector("#count").textContent.replace(/\\D/g, "") === "65536"')
         self.assertEqual(self.page.run('document.querySelectorAll("#rows tr").length'), 100)
         self.page.run('document.querySelector("#more").click()')
         self.assertEqual(self.page.run('document.querySelectorAll("#rows tr").length'), 300)
-        typed = self.page.run('''(() => { const a = performance.now(), f = document.querySelector("#filter"); f.value = '65535';
-                                          f.dispatchEvent(new Event('input')); return performance.now() - a; })()''')
-        self.assertLess(typed, 1000)
+        self.page.run('document.querySelector("#filter").value = "65535"')
+        self.assertLess(self.cpu_ms('document.querySelector("#filter").dispatchEvent(new Event("input"))'), 150)
         self.assertEqual(self.names(), ['client 65535'])
-        self.page.run('takeClients(Date.now(), [])')
-        self.page.run('draw()')
-        self.assertIn('and 65,533 more left', self.page.text('#log li'))
+        said = self.page.run('(() => { takeClients(Date.now(), []); draw(); return document.querySelector("#log li").innerText; })()')
+        self.assertIn('and 65,533 more left', said)
         self.assertLess(self.page.run('document.querySelectorAll("*").length'), 3000)
 
     # For everybody.
