@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <new>
 
@@ -18,9 +19,24 @@ namespace {
 
 std::atomic<uint64_t> g_held{0};
 
-// Memory that is a view of a file is never read here, so it counts as a file.
-bool IsView(const CSendPiece& piece, int* fd, uint64_t* offset) {
-    return piece.data && FindFileView(piece.data, static_cast<size_t>(piece.bytes), fd, offset);
+// A view's bytes are the application's only until its call returns: afterwards it may give their
+// place in the file back. They are copied like all memory, but through a read: pages of a file that
+// was cut raise a signal. False when they are not all there.
+bool CopyMemory(const CSendPiece& piece, char* to) {
+    int fd = piece.fd;
+    uint64_t offset = piece.offset;
+    const auto bytes = static_cast<size_t>(piece.bytes);
+    if (piece.data && !FindFileView(piece.data, bytes, &fd, &offset)) {
+        memcpy(to, piece.data, bytes);
+        return true;
+    }
+    for (size_t done = 0; done < bytes;) {
+        const ssize_t n = pread(fd, to + done, bytes - done, static_cast<off_t>(offset + done));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
 }
 
 }  // namespace
@@ -54,13 +70,7 @@ bool CBackgroundSend::AddFile(int fd, uint64_t offset, uint64_t bytes) {
 }
 
 bool CBackgroundSend::Copy(const CSendCursor& rest) {
-    uint64_t memory = 0;
-    int fd;
-    uint64_t offset;
-    for (size_t i = 0; i < rest.Count(); ++i) {
-        const CSendPiece& piece = rest.Pieces()[i];
-        if (piece.data && !IsView(piece, &fd, &offset)) memory += piece.bytes;
-    }
+    const uint64_t memory = rest.MemoryLeft();
     if (g_held.fetch_add(memory) + memory > HttpTune()->background_bytes) {
         g_held.fetch_sub(memory);
         return false;
@@ -71,15 +81,13 @@ bool CBackgroundSend::Copy(const CSendCursor& rest) {
     char* to = m_memory.get();
     for (size_t i = 0; i < rest.Count(); ++i) {
         const CSendPiece& piece = rest.Pieces()[i];
-        if (!piece.data) {
+        if (!piece.data && !piece.is_view) {
             if (!AddFile(piece.fd, piece.offset, piece.bytes)) return false;
-        } else if (IsView(piece, &fd, &offset)) {
-            if (!AddFile(fd, offset, piece.bytes)) return false;
-        } else {
-            memcpy(to, piece.data, static_cast<size_t>(piece.bytes));
-            m_pieces.push_back({to, piece.bytes, -1, 0, false});
-            to += piece.bytes;
+            continue;
         }
+        if (!CopyMemory(piece, to)) return false;
+        m_pieces.push_back({to, piece.bytes, -1, 0, false});
+        to += piece.bytes;
     }
     m_cursor = std::make_unique<CSendCursor>(m_pieces.data(), m_pieces.size());
     return true;

@@ -1,6 +1,7 @@
-// The rest of a response whose client takes it too slowly: a copy of the memory, descriptors of the
-// files. The connection that owns it sends it on as the socket takes more. All copies of the
-// process together are bounded. Used by the thread that owns the connection.
+// The rest of a response whose client takes it too slowly: a copy of the memory, that of views of
+// files included, and descriptors of the files. The connection that owns it sends it on as the
+// socket takes more. All copies of the process together are bounded. Used by the thread that owns
+// the connection.
 #pragma once
 
 #include <memory>

@@ -1,4 +1,5 @@
 // Sending: framing fields, chunks of memory, files and views, and what happens when they go wrong.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -302,6 +303,36 @@ TEST(Send, ViewsGoOutWithoutBeingRead) {
         EXPECT_EQ(x.server.Reply(x.block->Id(), ""), ERROR_CONNECTION_INVALID);
     }
     UnmapFileView(view);
+}
+
+// What a view showed when the answer was given is what arrives: the application may give the bytes'
+// place in the file back as soon as its call has returned.
+TEST(Send, RestOfAViewIsCopiedForTheBackground) {
+    CTextFile file(20u << 20);
+    const int fd = open(file.Path().c_str(), O_RDWR);
+    void* const view = MapFileView(fd, 0, file.text.size());
+    ASSERT_NE(view, nullptr);
+    CServer server;
+    CClient client(server.TcpPort(), 4096);
+    client.Send(Get("/zem/"));
+    CBlock* block = server.Take();
+    ASSERT_NE(block, nullptr);
+    std::thread library([&] {  // no worker: it does not wait for the client
+        HTTP_DATA_CHUNK chunk{};
+        chunk.FromMemory.pBuffer = view;
+        chunk.FromMemory.BufferLength = static_cast<ULONG>(file.text.size());
+        std::vector<HTTP_DATA_CHUNK> chunks = {chunk};
+        HTTP_RESPONSE response = Response(chunks);
+        EXPECT_EQ(SendIt(server, block->Id(), response), NO_ERROR);
+    });
+    library.join();
+    EXPECT_GT(HttpTuneBackgroundBytes(), 0u);
+    EXPECT_EQ(fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 0, 20 << 20), 0);
+    UnmapFileView(view);
+    close(fd);
+    server.StartWorkers(1);
+    EXPECT_EQ(client.Read().body, file.text);
+    EXPECT_TRUE(Eventually([] { return HttpTuneBackgroundBytes() == 0; }));
 }
 
 TEST(Send, FileTruncatedInMidSendEndsTheConnection) {
