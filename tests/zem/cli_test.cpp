@@ -348,6 +348,20 @@ TEST_F(ZemCli, PutTellsAFullVolume) {
     EXPECT_TRUE(Has(outcome.err, "its log has the reason")) << outcome.err;
 }
 
+// A hundred megabytes are not sent in vain: every 40 the server is asked whether it has the last.
+TEST_F(ZemCli, PutStopsSoonWhenNothingIsStoredAnyMore) {
+    ASSERT_EQ(Shell("ffmpeg -v error -nostdin -f rawvideo -s 1920x1080 -pix_fmt uyvy422 -r 25 "
+                    "-i /dev/zero -frames:v 25 -c copy raw.mov"),
+              0);
+    // At the end it would be the first of them that is missed.
+    for (uint32_t position = 8; position < 25; ++position)
+        m_media.dropWrites.insert({"media/raw.v0", position});
+    const Outcome outcome = Run({"put", "raw.mov", "media/raw"});
+    EXPECT_EQ(outcome.code, 1);
+    EXPECT_TRUE(Has(outcome.err, "media/raw.v0: frame 9 is missing")) << outcome.err;
+    EXPECT_TRUE(Has(outcome.err, "its volume is full")) << outcome.err;
+}
+
 TEST_F(ZemCli, AnImportThatFailsLeavesNothing) {
     MakeClip();
     m_media.dropWrites = {{"media/clip.v0.part", 3}};
