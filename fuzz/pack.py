@@ -24,9 +24,12 @@ def unpack(pack, folder):
         at += 4 + size
 
 
-def pack(folder, pack):
-    """The inputs in `folder` as the file `pack`; the same inputs give the same bytes. Their number."""
+def pack(folder, pack, most_bytes):
+    """The inputs in `folder` as the file `pack` of at most so many bytes: the longest are left out. The same inputs give the
+    same bytes. How many it has."""
     contents = sorted({path.read_bytes() for path in pathlib.Path(folder).iterdir()}, key=lambda c: (len(c), c))
+    while len(MAGIC) + sum(4 + len(content) for content in contents) > most_bytes:
+        contents.pop()
     pack.parent.mkdir(parents=True, exist_ok=True)
     with open(pack, "wb") as out:
         out.write(MAGIC)
