@@ -167,7 +167,7 @@ TEST(Allocator, FragmentationStaysBounded) {
     std::vector<void*> live;
     size_t failures = 0;
     size_t least = kSize;
-    for (int step = 0; step < 200000; ++step) {
+    for (int step = 0; step < 50000; ++step) {
         static constexpr size_t kSizes[] = {7680, 9600, 150000, 400000, 1048576, 2500000, 5529600};
         const size_t base = kSizes[random() % std::size(kSizes)];
         void* run = allocator.Allocate(base / 2 + random() % base);
