@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr std::chrono::milliseconds kExitFlush_ms{2000};
+constexpr std::chrono::milliseconds kFlush_ms{2000};
 
 void CopyRecord(ErrorRecord& target, const ErrorRecord& source) {
     std::memcpy(&target, &source, offsetof(ErrorRecord, text) + source.text_chars * sizeof(WCHAR));
@@ -27,11 +27,6 @@ ErrorLogVerbosity VerbosityOf(ErrorRecordKind kind, DWORD level) {
             return ErrorLogVerbosity::kMessages;
     }
 }
-
-// Built when the module is loaded, so that it is among the last to go when the process exits.
-struct ExitFlush {
-    ~ExitFlush() { CErrorLogSink::Instance().Stop(kExitFlush_ms); }
-} g_exitFlush;
 
 }  // namespace
 
@@ -70,8 +65,15 @@ void CErrorLogSink::StartWriter() {
     }
 }
 
-void CErrorLogSink::TakeBatch(Batch& batch,
-                              std::optional<CLineAssembler::Clock::time_point> overdue) {
+void CErrorLogSink::FillBatch() {
+    m_batch.count = 0;
+    for (; m_batch.count < kBatchRecords && m_taken < m_put; ++m_batch.count, ++m_taken)
+        CopyRecord(m_batch.records[m_batch.count], m_ring[m_taken % kErrorLogQueueRecords]);
+    m_batch.dropped = m_dropped;
+    m_dropped = 0;
+}
+
+void CErrorLogSink::TakeBatch(std::optional<CLineAssembler::Clock::time_point> overdue) {
     std::unique_lock lock(m_lock);
     // A line that still waits for its next piece is not written: then nothing is done yet.
     if (!overdue) {
@@ -85,12 +87,17 @@ void CErrorLogSink::TakeBatch(Batch& batch,
         else if (m_wakeWriter.wait_until(lock, *overdue) == std::cv_status::timeout)
             break;
     }
-    batch.count = 0;
-    for (; batch.count < kBatchRecords && m_taken < m_put; ++batch.count, ++m_taken)
-        CopyRecord(batch.records[batch.count], m_ring[m_taken % kErrorLogQueueRecords]);
-    batch.dropped = m_dropped;
-    m_dropped = 0;
-    batch.last = batch.count == 0 && m_stop;
+    FillBatch();
+    m_batch.last = m_batch.count == 0 && m_stop;
+}
+
+void CErrorLogSink::AppendBatch(uint64_t dropped, CLineAssembler::Clock::time_point now,
+                                CLineAssembler& assembler, std::string& lines) const {
+    const ErrorLogFormat format = m_output.Format();
+    if (dropped != 0 && m_batch.count != 0)
+        AppendDroppedLine(m_batch.records[0].time, dropped, format, lines);
+    for (size_t i = 0; i < m_batch.count; ++i)
+        assembler.Add(m_batch.records[i], format, now, lines);
 }
 
 void CErrorLogSink::EndWriter() {
@@ -101,36 +108,47 @@ void CErrorLogSink::EndWriter() {
 }
 
 void CErrorLogSink::RunWriter() {
-    Batch batch;
+    const Batch& batch = m_batch;
     CLineAssembler assembler;
     std::string lines;
     uint64_t unwritten = 0;
     while (!batch.last) {
-        TakeBatch(batch, assembler.NextDeadline());
+        TakeBatch(assembler.NextDeadline());
         lines.clear();
         // What was dropped is older than this batch, and younger than the one before.
         const uint64_t dropped = batch.dropped + unwritten;
         std::scoped_lock lock(m_outputLock);
-        const ErrorLogFormat format = m_output.Format();
-        if (dropped != 0 && batch.count != 0)
-            AppendDroppedLine(batch.records[0].time, dropped, format, lines);
         const auto now = CLineAssembler::Clock::now();
-        for (size_t i = 0; i < batch.count; ++i)
-            assembler.Add(batch.records[i], format, now, lines);
+        AppendBatch(dropped, now, assembler, lines);
         if (batch.last)
             assembler.EndAll(lines);
         else
             assembler.EndOverdue(now, lines);
-        if (lines.empty()) continue;
-        unwritten = m_output.Write(lines) ? 0 : dropped + batch.count;
+        if (!lines.empty()) unwritten = m_output.Write(lines) ? 0 : dropped + batch.count;
+        m_batch.count = 0;
     }
     EndWriter();
+}
+
+// Begins with what the writer was about to write when it was ended; pieces of a message that it had
+// kept for joining are lost with it.
+void CErrorLogSink::WriteAlone() {
+    if (m_writerEnded) return;
+    CLineAssembler assembler;
+    std::string lines;
+    const auto now = CLineAssembler::Clock::now();
+    do {
+        AppendBatch(m_batch.dropped, now, assembler, lines);
+        FillBatch();
+    } while (m_batch.count != 0);
+    assembler.EndAll(lines);
+    if (!lines.empty()) m_output.Write(lines);
 }
 
 bool CErrorLogSink::Configure(const ErrorLogSettings& settings, std::string* problem) {
     CErrorLogOutput output;
     if (!output.Open(settings, problem)) return false;
-    Flush(kExitFlush_ms);
+    Flush(kFlush_ms);
     std::scoped_lock lock(m_outputLock);
     m_output = std::move(output);
     m_verbosity.store(settings.verbosity, std::memory_order_relaxed);

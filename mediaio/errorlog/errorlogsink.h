@@ -34,6 +34,10 @@ public:
     // At process exit: writes what is queued within the time and ends the writer.
     void Stop(std::chrono::milliseconds timeout);
 
+    // The same without the writer and without any lock, for the last thread of a process. REQUIRES:
+    // no other thread of the process runs or ever will.
+    void WriteAlone();
+
 private:
     static constexpr size_t kBatchRecords = 32;
 
@@ -41,15 +45,18 @@ private:
     void StartWriter();
     void RunWriter();
 
-    // What the writer took from the ring: nothing when a line became overdue, or when all is
-    // written and the log ends.
+    // What the writer took from the ring and has not written yet: nothing when a line became
+    // overdue, or when all is written and the log ends.
     struct Batch {
         std::unique_ptr<ErrorRecord[]> records = std::make_unique<ErrorRecord[]>(kBatchRecords);
         size_t count = 0;
         uint64_t dropped = 0;
         bool last = false;
     };
-    void TakeBatch(Batch& batch, std::optional<CLineAssembler::Clock::time_point> overdue);
+    void FillBatch();
+    void TakeBatch(std::optional<CLineAssembler::Clock::time_point> overdue);
+    void AppendBatch(uint64_t dropped, CLineAssembler::Clock::time_point now,
+                     CLineAssembler& assembler, std::string& lines) const;
     void EndWriter();
 
     std::atomic<ErrorLogVerbosity> m_verbosity{ErrorLogVerbosity::kTraces};
@@ -68,6 +75,7 @@ private:
     bool m_stop = false;
     bool m_writerEnded = false;
     std::thread m_writer;
+    Batch m_batch;  // the writer's
 
     // Guards the output; taken without m_lock.
     std::mutex m_outputLock;

@@ -9,6 +9,7 @@
 namespace {
 
 constexpr size_t kObject_bytes = 376, kNameAt = 8;
+constexpr int kLastRecords = 500;
 
 int Fail(const char* what) {
     std::printf("%s\n", what);
@@ -63,6 +64,10 @@ int main(int argc, char** argv) {
         std::printf("hostclass.cpp:%d does not hold\n", line);
         return 1;
     }
+    // The queue is written when the process ends, whose end ends the log's own thread first.
+    CEntryPoint scope(TEXT("main"));
+    for (int i = 0; i < kLastRecords; ++i)
+        scope.LogMsg(TEXT("last words %d"), i);
     std::printf("7 slots, 3 constructors and a host's use of the class agree\n");
     return 0;
 }
