@@ -9,25 +9,11 @@ namespace {
 
 constexpr Option kOptions[] = {
     {"--log", "FILE", "error log, instead of standard error; renamed to FILE.1 at 16 MiB",
-     [](HostOptions& options, const std::string& value) {
-         options.log = value;
-         return std::string();
-     }},
+     Keep<&HostOptions::log>},
     {"--settings", nullptr, "print the settings in force and where they come from, and end",
-     [](HostOptions& options, const std::string&) {
-         options.settings = true;
-         return std::string();
-     }},
-    {"--version", nullptr, "print the version and end",
-     [](HostOptions& options, const std::string&) {
-         options.version = true;
-         return std::string();
-     }},
-    {"--help", nullptr, "print this text and end",
-     [](HostOptions& options, const std::string&) {
-         options.help = true;
-         return std::string();
-     }},
+     Set<&HostOptions::settings, true>},
+    {"--version", nullptr, "print the version and end", Set<&HostOptions::version, true>},
+    {"--help", nullptr, "print this text and end", Set<&HostOptions::help, true>},
 };
 
 const Option* FindOption(const std::string& name) {

@@ -20,26 +20,13 @@ std::string SetPort(HostOptions& options, const std::string& value) {
 
 constexpr Option kOptions[] = {
     {"--registry", "FILE", "settings, in the registry editor's export format",
-     [](HostOptions& options, const std::string& value) {
-         options.registry = value;
-         return std::string();
-     }},
+     Keep<&HostOptions::registry>},
     {"--listen", "ADDRESS", "IP address to listen on, or several with commas between them",
-     [](HostOptions& options, const std::string& value) {
-         options.listen = value;
-         return std::string();
-     }},
+     Keep<&HostOptions::listen>},
     {"--port", "N", "TCP port", SetPort},
-    {"--volume", "DIR", "directory that holds the media",
-     [](HostOptions& options, const std::string& value) {
-         options.volume = value;
-         return std::string();
-     }},
+    {"--volume", "DIR", "directory that holds the media", Keep<&HostOptions::volume>},
     {"--user", "NAME", "user to become once the port is open; only for root",
-     [](HostOptions& options, const std::string& value) {
-         options.user = value;
-         return std::string();
-     }},
+     Keep<&HostOptions::user>},
 };
 
 void Override(const RegistryPlace& place, DWORD type, const void* data, size_t bytes) {

@@ -9,20 +9,11 @@ namespace {
 constexpr Option kOptions[] = {
     {"--install", nullptr,
      "install the service 'zemhost', started with the system; --log becomes the service's",
-     [](HostOptions& options, const std::string&) {
-         options.serviceAction = ServiceAction::kInstall;
-         return std::string();
-     }},
+     Set<&HostOptions::serviceAction, ServiceAction::kInstall>},
     {"--remove", nullptr, "stop and remove the service",
-     [](HostOptions& options, const std::string&) {
-         options.serviceAction = ServiceAction::kRemove;
-         return std::string();
-     }},
+     Set<&HostOptions::serviceAction, ServiceAction::kRemove>},
     {"--service", nullptr, "run as the service; only the system's service control does this",
-     [](HostOptions& options, const std::string&) {
-         options.serviceAction = ServiceAction::kRun;
-         return std::string();
-     }},
+     Set<&HostOptions::serviceAction, ServiceAction::kRun>},
 };
 
 }  // namespace

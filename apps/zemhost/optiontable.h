@@ -15,6 +15,18 @@ struct Option {
     std::string (*set)(HostOptions& options, const std::string& value);
 };
 
+// What most rows do: keep the value, or set a member to what the switch means.
+template <auto member>
+std::string Keep(HostOptions& options, const std::string& value) {
+    options.*member = value;
+    return {};
+}
+template <auto member, auto meaning>
+std::string Set(HostOptions& options, const std::string&) {
+    options.*member = meaning;
+    return {};
+}
+
 // The rows that come before those of every system.
 std::span<const Option> SystemOptions();
 
