@@ -10,6 +10,11 @@ macro(change_setting there here)
     endif()
     string(REPLACE "${there}" "${here}" settings "${settings}")
 endmacro()
+change_setting("; Every setting of the server, in the registry editor's export format: the same file can be imported on Windows.
+; zemhost reads it with --registry FILE; its options --port, --listen and --volume come before what stands here.
+; A changed file is seen the next time the server looks at a setting; what is read at start needs a restart."
+"; Every setting of the server. Look through it before you import it: reg import zemhttpd.reg. See docs/windows.md.
+; What is read at start needs a restart of the service.")
 change_setting("\"0\"=\"/var/lib/zemhttpd/volume\"" [["0"="D:\\\\media"]])
 change_setting("\"ListenOnlyList\"=" "; Of every service that uses the system's HTTP interface, so only if that is wanted:\n; \"ListenOnlyList\"=")
 file(WRITE ${CMAKE_BINARY_DIR}/zemhttpd.reg "${settings}")
