@@ -248,24 +248,33 @@ class Download(PagesCase):
                 self.assertEqual(still.read(), SECRET)
         self.assertTrue(os.path.islink(os.path.join(media, 'link')))
 
-    def test_paths_of_259_characters_and_more(self):
+    def long_paths(self, *lengths):
+        """Paths of files that are there and that have these lengths with the root before them."""
         root = len(self.server.root) + 1
-        for length in (258, 259, 260, 261, 400):
+        for length in lengths:
             rest = length - root - len('/media/')
             name = 'p' * 100 + '/' + 'q' * (rest - 101) if rest <= 300 else 'p' * 100 + '/' + 'q' * 200 + '/' + 'r' * (
                 rest - 302)
-            path = '/media/' + name
             self.put(name, b'long')
-            if length <= 259:
-                self.get(path, b'long', 'application/octet-stream')
-            else:
-                self.no_get(path)
-            # DELETE has one character more.
-            if length <= 258:
-                self.deleted(path)
-            else:
-                self.no_delete(path)
-                self.assertTrue(os.path.exists(os.path.join(self.server.volume, path[1:])))
+            yield '/media/' + name
+
+    def test_get_of_259_characters(self):
+        for path in self.long_paths(258, 259):
+            self.get(path, b'long', 'application/octet-stream')
+
+    def test_get_of_260_characters_and_more(self):
+        for path in self.long_paths(260, 261, 400):
+            self.no_get(path)
+
+    def test_delete_of_258_characters(self):
+        # DELETE has one character more before the path.
+        for path in self.long_paths(257, 258):
+            self.deleted(path)
+
+    def test_delete_of_259_characters_and_more(self):
+        for path in self.long_paths(259, 260, 261, 400):
+            self.no_delete(path)
+            self.assertTrue(os.path.exists(os.path.join(self.server.volume, path[1:])))
 
     def test_segment_of_261_characters(self):
         self.interface_refuses('/media/' + 's' * 261, (414,))
