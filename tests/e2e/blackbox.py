@@ -350,7 +350,7 @@ class Frames(ServerCase):
         other = reader.open('frames/growing')
         self.assertNotEqual(other, 0)
         for position in range(50):
-            data = struct.pack('<I', position) * 3000
+            data = struct.pack('<I', position) * (frame_bytes(12000) // 4)
             writer.write(token, position, data)
             # The reply leaves before the disk write: the frame is there when the library says so.
             end = time.monotonic() + 30
@@ -450,7 +450,7 @@ class Durability(unittest.TestCase):
         token = client.create('kill/clip')
         digests = []
         for position in range(100):
-            data = random.Random(position).randbytes(50000 + position)
+            data = random.Random(position).randbytes(frame_bytes(50000 + position))
             digests.append(hashlib.md5(data).hexdigest())
             client.write(token, position, data)
         client.flush(token)

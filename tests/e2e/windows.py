@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""One black-box suite against zemhost.exe under Wine: every case must pass but those in windows_exempt.py.
+"""One black-box suite against zemhost.exe under Wine: every case must pass but those in windows_exempt.py, which must not.
 
-usage: windows.py --zemhost PROGRAM.exe --suite NAME [--file-server] [--trace] [unittest arguments]
+usage: windows.py --zemhost PROGRAM.exe --suite NAME [--file-server] [--trace] [--exempt | --case NAME | --only TEXT]
 """
 
 import argparse
@@ -13,7 +13,9 @@ import unittest
 
 import windows_server
 import wire
-from windows_exempt import ALONE, EXEMPT, NOT_RUN
+from windows_exempt import ALONE, EXEMPT, LONG, NOT_RUN
+
+PASSED, FAILED, NOT_BEGUN, DISORDER = 0, 1, 3, 4  # disorder: failed, and its server did not start or stop as it should
 
 
 def cases(tests):
@@ -28,26 +30,70 @@ def name_of(test):
     return test.id().split('.', 1)[1]
 
 
-def reason_of(suite, name):
-    for row_suite, start, reason in EXEMPT:
-        if row_suite == suite and name.startswith(start):
-            return reason
-    return None
+def listed(rows, suite, name):
+    return next((row for row in rows if row[0] == suite and name.startswith(row[1])), None)
 
 
-ATTEMPTS = 4
+def by_itself(options, name, quiet=False):
+    """A case in a process of its own: what its servers leave in Wine's driver touches no other."""
+    command = [sys.executable, '-B', __file__, '--zemhost', options.zemhost, '--suite', options.suite, '--case', name]
+    command += ['--file-server'] * options.file_server + ['--trace'] * options.trace
+    return subprocess.run(command, **({'stdout': subprocess.DEVNULL, 'stderr': subprocess.DEVNULL} if quiet else {})).returncode
 
 
-def with_attempts():
-    """Wine's HTTP driver gets stuck now and then, and then answers nobody. A run in which that happens counts for nothing and
-    is begun again on a Wine started anew; a server of ours that stopped answering would do so every time."""
-    for attempt in range(ATTEMPTS):
-        code = subprocess.run([sys.executable, '-B', __file__, *sys.argv[1:], '--attempt']).returncode
-        if code != windows_server.STUCK:
-            return code
-        print('nobody answers any more (attempt %d of %d)' % (attempt + 1, ATTEMPTS), flush=True)
+def run_case(found, name):
+    result = unittest.TextTestRunner().run(unittest.TestSuite(test for test in found if name_of(test) == name))
+    if result.wasSuccessful():
+        return PASSED
+    if not result.testsRun:
+        return NOT_BEGUN
+    return FAILED if all(test in found for test, _ in result.failures + result.errors) else DISORDER
+
+
+def run_exempt(options, names):
+    """Each listed case must fail, and on a driver that works: some of them stop it for whoever comes next."""
+    failed = False
+    exempt = [name for name in names if listed(EXEMPT, options.suite, name)]
+    for name in exempt:
+        code = by_itself(options, name, quiet=True)
+        if code in (NOT_BEGUN, DISORDER):
+            windows_server.stop_wine()
+        if code == NOT_BEGUN:
+            code = by_itself(options, name, quiet=True)
+        if code in (FAILED, DISORDER):
+            print('exempt: %s.%s: %s' % (options.suite, name, listed(EXEMPT, options.suite, name)[2]))
+        else:
+            print('FAIL: %s %s' % (name, 'passes by now: take it off the list' if code == PASSED else 'cannot be tried'))
+            failed = True
+    windows_server.stop_wine()
+    for row in EXEMPT + ALONE + LONG + NOT_RUN:
+        if row[0] == options.suite and not any(name.startswith(row[1]) for name in names):
+            print('FAIL: no case begins with %s: take it off the list' % row[1])
+            failed = True
+    left_out = [name for name in names if listed(NOT_RUN, options.suite, name)]
+    for name in left_out:
+        print('not run: %s.%s: %s' % (options.suite, name, listed(NOT_RUN, options.suite, name)[2]))
+    print('%s: %d cases, %d of them exempt, %d not run' % (options.suite, len(names), len(exempt), len(left_out)))
+    return FAILED if failed else PASSED
+
+
+def run_others(options, found):
+    begun = time.monotonic()
+    left_out = EXEMPT + NOT_RUN + (LONG if options.file_server != options.trace else [])
+    exempt = [test for test in found if listed(left_out, options.suite, name_of(test))]
+    alone = [name_of(test) for test in found if test not in exempt and listed(ALONE, options.suite, name_of(test))]
+    together = [test for test in found if test not in exempt and name_of(test) not in alone]
+    passed = unittest.TextTestRunner(verbosity=2).run(unittest.TestSuite(together)).wasSuccessful()
+    for name in alone:
+        if by_itself(options, name) != PASSED:
+            print('FAIL: %s, by itself: repeat with --case %s' % (name, name))
+            passed = False
+    if alone:
         windows_server.stop_wine()
-    return 1
+    print('%s: %d cases under Wine, %d left out (%s, trace %s), %.0f s'
+          % (options.suite, len(alone) + len(together), len(exempt), 'file server' if options.file_server else 'ordinary',
+             'on' if options.trace else 'off', time.monotonic() - begun))
+    return PASSED if passed else FAILED
 
 
 def main():
@@ -56,13 +102,11 @@ def main():
     parser.add_argument('--suite', required=True)
     parser.add_argument('--file-server', action='store_true')
     parser.add_argument('--trace', action='store_true')
-    parser.add_argument('--alone', metavar='CASE', help='run this one case, exempt or not')
-    parser.add_argument('--attempt', action='store_true', help='used by the program itself')
+    parser.add_argument('--exempt', action='store_true', help='run the exempt cases, each by itself: they must fail')
+    parser.add_argument('--case', metavar='NAME', help='run this one case, exempt or not')
     parser.add_argument('--only', metavar='TEXT', help='run the cases with this text in their names')
     options = parser.parse_args()
 
-    if not options.attempt:
-        return with_attempts()
     windows_server.start_wine()
     module = importlib.import_module(options.suite)
     if options.suite == 'blackbox':
@@ -72,62 +116,14 @@ def main():
         base.program, base.file_server, base.trace_flag = options.zemhost, options.file_server, options.trace
 
     found = list(cases(unittest.defaultTestLoader.loadTestsFromModule(module)))
-    if options.alone:
-        if reason_of(options.suite, options.alone):
-            wire.Connection.patience_s = 3  # that long for an answer that is not expected
-        chosen = [test for test in found if name_of(test) == options.alone]
-        return 0 if unittest.TextTestRunner().run(unittest.TestSuite(chosen)).wasSuccessful() else 1
+    if options.case:
+        if listed(EXEMPT, options.suite, options.case):
+            # That long for an answer that is not expected, and for the end of a server whose driver has stopped.
+            wire.Connection.patience_s, wire.Server.patience_s = 3, 5
+        return run_case(found, options.case)
     if options.only:
         found = [test for test in found if options.only in name_of(test)]
-
-    begun = time.monotonic()
-    arguments = [argument for argument in sys.argv[1:] if not argument.startswith('--only')]
-
-    def passes_alone(name):
-        command = [sys.executable, '-B', __file__, *arguments, '--alone', name]
-        if reason_of(options.suite, name):
-            return subprocess.run(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode == 0
-        command.remove('--attempt')
-        return subprocess.run(command, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode == 0
-
-    names = [name_of(test) for test in found]
-    exempt = [name for name in names if reason_of(options.suite, name)]
-    left_out = {name: reason for name in names for suite, start, reason in NOT_RUN
-                if suite == options.suite and name.startswith(start)}
-    alone = [name for name in names if name not in exempt
-             and any(row[0] == options.suite and name.startswith(row[1]) for row in ALONE)]
-    rest = unittest.TestSuite(test for test in found if name_of(test) not in [*exempt, *alone, *left_out])
-    result = unittest.TextTestRunner(verbosity=1).run(rest)
-    failed = False
-    # Wine's HTTP driver drops a connection now and then. What does not pass by itself either has failed.
-    for test, _ in result.failures + result.errors:
-        name = name_of(test) if test in found else str(test)
-        if test in found and passes_alone(name):
-            print('repeated: %s passed by itself' % name)
-        else:
-            print('FAIL: %s, by itself too' % name)
-            failed = True
-    failed = failed or bool(result.unexpectedSuccesses)
-    for name in alone:
-        if not passes_alone(name):
-            print('FAIL: %s, by itself: repeat with --alone %s' % (name, name))
-            failed = True
-    for row in EXEMPT + ALONE + NOT_RUN:
-        if row[0] == options.suite and not options.only and not any(name.startswith(row[1]) for name in names):
-            print('FAIL: no case begins with %s: take it off the list' % row[1])
-            failed = True
-    for name in exempt:
-        if passes_alone(name):
-            print('FAIL: %s passes by now: take it off the list' % name)
-            failed = True
-        else:
-            print('exempt: %s: %s' % (name, reason_of(options.suite, name)))
-        windows_server.stop_wine()  # whatever it left
-    for name, reason in left_out.items():
-        print('not run: %s: %s' % (name, reason))
-    print('%s: %d cases under Wine, %d of them exempt, %d not run, %.0f s'
-          % (options.suite, len(names), len(exempt), len(left_out), time.monotonic() - begun))
-    return 1 if failed else 0
+    return run_exempt(options, [name_of(test) for test in found]) if options.exempt else run_others(options, found)
 
 
 if __name__ == '__main__':

@@ -277,7 +277,7 @@ class Server:
                 self.command(), stdout=subprocess.PIPE, stderr=subprocess.STDOUT, env=self.environment, user=self.user)
             line = self.process.stdout.readline().decode()
             if 'ready' in line:
-                self.drain = threading.Thread(target=self.process.stdout.read, daemon=True)
+                self.drain = threading.Thread(target=self.listen, daemon=True)
                 self.drain.start()
                 return
             rest = self.process.stdout.read().decode()
@@ -287,6 +287,9 @@ class Server:
                 shutil.rmtree(self.folder)
                 raise RuntimeError('zemhost did not start: ' + line + rest)
         raise RuntimeError('no free port')
+
+    def listen(self):
+        self.said = self.process.stdout.read().decode()
 
     def kill(self):
         self.process.send_signal(signal.SIGKILL)

@@ -8,9 +8,13 @@ OBJECT is hostclass.cpp, compiled by that compiler; COMMAND runs exports_run.exe
 operations in the order in which OBJECT's own table has them."""
 
 import argparse
+import os
 import re
 import subprocess
 import sys
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', 'e2e'))
+import windows_server
 
 WANTED_SLOTS = ['LogEntryPoint', 'LogError', 'WriteEventLog', 'LogMsg', 'LogWarning', 'LogOwnerInfo', 'Trace']
 PLAIN = {'CreateZemHttpSvr', 'DestroyZemHttpSvr'}
@@ -64,8 +68,12 @@ def main():
         problems.append('the slots are %s' % slots)
     if not problems:
         run = subprocess.run([*options.run, *slots], stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-        if run.returncode != 0:
-            problems.append(run.stdout.decode(errors='replace'))
+        text = run.stdout.decode(errors='replace')
+        if windows_server.exit_code(run.returncode, text, r"a host's use of the class agree\n") != 0:
+            problems.append('%s\nexports_run ended with %d' % (text, run.returncode))
+        last = re.findall(r'message \[\d+\] (?:\S+: )?last words (\d+)', text)
+        if last != [str(i) for i in range(500)]:
+            problems.append('%s\nthe log does not end with 500 last words' % text)
     print('\n'.join(problems) or '%d imported names are exported; 7 slots, offsets and constructors agree' % len(imports))
     return 1 if problems else 0
 

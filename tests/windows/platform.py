@@ -5,8 +5,12 @@ which must not.
 usage: platform.py --run COMMAND..., the command that runs platform_base.exe"""
 
 import argparse
+import os
 import subprocess
 import sys
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', 'e2e'))
+import windows_server
 
 # Case, reason.
 STRICT = 'the layer for Linux refuses what the system takes'
@@ -60,7 +64,8 @@ def main():
     def run(*arguments, timeout_s=120):
         done = subprocess.run([*options.run, *arguments], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                               stderr=subprocess.STDOUT, timeout=timeout_s)
-        return done.returncode, done.stdout.decode(errors='replace').replace('\r', '')
+        text = done.stdout.decode(errors='replace').replace('\r', '')
+        return windows_server.exit_code(done.returncode, text, r'\[  PASSED  \] \d+ tests?\.\n\Z'), text
 
     code, listing = run('--gtest_list_tests')
     assert code == 0, listing
