@@ -85,6 +85,11 @@ private:
 
 class ReadAhead : public testing::Test {
 protected:
+    // A request that is under way keeps everything alive.
+    void TearDown() override {
+        while (!m_engine->waiting.empty())
+            m_engine->Complete(0, E_ABORT);
+    }
     void Read(uint32_t position, uint32_t frames = CReadAhead::kAutomatic, bool realTime = false) {
         PinnedFrame frame{};
         frame.position = position;
