@@ -75,8 +75,9 @@ void CheckConfig(const VARIANT& variant) {
     zemstore::ChannelConfig config;
     const zemstore::ChannelConfig before = config;
     const HRESULT hr = zemstore::SetAttributes(variant, config);
-    Require(config.readAhead <= 64 && config.frameRate >= 0 && config.frameRate <= 8,
-            "only known values are taken");
+    const bool known =
+        config.readAhead <= 64 || config.readAhead == zemstore::CReadAhead::kAutomatic;
+    Require(known && config.frameRate >= 0 && config.frameRate <= 8, "only known values are taken");
     Require(SUCCEEDED(hr) ||
                 (config.readAhead == before.readAhead && config.frameRate == before.frameRate),
             "all or none of it is applied");
