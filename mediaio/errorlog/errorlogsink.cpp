@@ -130,8 +130,8 @@ void CErrorLogSink::RunWriter() {
     EndWriter();
 }
 
-// Begins with what the writer was about to write when it was ended; pieces of a message that it had
-// kept for joining are lost with it.
+// Begins with what the writer was writing when it was ended, so that may be there twice; pieces of a
+// message that it had kept for joining are lost with it.
 void CErrorLogSink::WriteAlone() {
     if (m_writerEnded) return;
     CLineAssembler assembler;

@@ -72,7 +72,8 @@ def main():
         if windows_server.exit_code(run.returncode, text, r"a host's use of the class agree\n") != 0:
             problems.append('%s\nexports_run ended with %d' % (text, run.returncode))
         last = re.findall(r'message \[\d+\] (?:\S+: )?last words (\d+)', text)
-        if last != [str(i) for i in range(500)]:
+        # What the writer was at when it was ended may be there twice.
+        if {str(i) for i in range(500)} - set(last) or last[-1] != '499':
             problems.append('%s\nthe log does not end with 500 last words' % text)
     print('\n'.join(problems) or '%d imported names are exported; 7 slots, offsets and constructors agree' % len(imports))
     return 1 if problems else 0
