@@ -130,7 +130,7 @@ void CErrorLogSink::RunWriter() {
     EndWriter();
 }
 
-// Begins with what the writer was writing when it was ended, so that may be there twice; pieces of a
+// Begins with what the writer was writing when it was ended: that may be there twice. Pieces of a
 // message that it had kept for joining are lost with it.
 void CErrorLogSink::WriteAlone() {
     if (m_writerEnded) return;

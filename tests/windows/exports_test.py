@@ -67,14 +67,14 @@ def main():
     if [re.match(r'\?(\w+)@', name)[1] for name in slots] != WANTED_SLOTS:
         problems.append('the slots are %s' % slots)
     if not problems:
-        run = subprocess.run([*options.run, *slots], stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-        text = run.stdout.decode(errors='replace')
+        run = subprocess.run([*options.run, *slots], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        text, log = run.stdout.decode(errors='replace'), run.stderr.decode(errors='replace')
         if windows_server.exit_code(run.returncode, text, r"a host's use of the class agree\n") != 0:
-            problems.append('%s\nexports_run ended with %d' % (text, run.returncode))
-        last = re.findall(r'message \[\d+\] (?:\S+: )?last words (\d+)', text)
+            problems.append('%s%s\nexports_run ended with %d' % (log, text, run.returncode))
+        last = re.findall(r'message \[\d+\] (?:\S+: )?last words (\d+)', log)
         # What the writer was at when it was ended may be there twice.
         if {str(i) for i in range(500)} - set(last) or last[-1] != '499':
-            problems.append('%s\nthe log does not end with 500 last words' % text)
+            problems.append('%s\nthe log does not end with 500 last words' % log)
     print('\n'.join(problems) or '%d imported names are exported; 7 slots, offsets and constructors agree' % len(imports))
     return 1 if problems else 0
 
