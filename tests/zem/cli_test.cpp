@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <sys/wait.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -187,7 +188,7 @@ TEST_F(ZemCli, TextOfTheServerDoesNotReachTheTerminalRaw) {
 }
 
 TEST_F(ZemCli, AFullClientPageIsSaidToBeFull) {
-    size_t length = 4420;
+    std::atomic<size_t> length{4420};  // the server has a thread of its own
     CScriptServer server([&](const ScriptRequest&) {
         return ScriptAnswer{PageReplyBytes(200, "OK", std::string(length - 2, 'x') + "\r\n"),
                             false};
