@@ -2,6 +2,7 @@
 #include "mediaio/store/readahead.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace zemstore {
 
@@ -13,20 +14,23 @@ void CReadAhead::Note(const std::shared_ptr<CReadAhead>& self, const Reader& rea
     uint64_t offset = frame.lookOffset;
     uint32_t size = frame.lookSize;
     if (size == 0) file.PieceOf(frame, 0, offset, size);
-    CReadAhead& ahead = *self;
-    {
-        const std::lock_guard hold(ahead.m_lock);
-        if (!ahead.Follow(reader, frame, offset, size) || !ahead.Prepare(*source.file)) return;
-        ahead.m_request.realTime = reader.realTime;
-        ahead.m_self = self;
-        ahead.m_engine = reader.engine;
-        ahead.m_file = &file;
+    for (Step& step : self->m_steps) {
+        {
+            const std::lock_guard hold(self->m_lock);
+            if (&step == self->m_steps.data() && !self->Follow(reader, frame, offset, size)) return;
+            if (step.owner) continue;
+            if (!self->Prepare(step, *source.file)) return;
+            step.request.realTime = reader.realTime;
+            step.owner = self;
+            step.engine = reader.engine;
+            step.file = &file;
+        }
+        file.AddRef();
+        reader.engine->Submit(step.request);
     }
-    file.AddRef();
-    reader.engine->Submit(ahead.m_request);
 }
 
-// Moves the window along; false when nothing is to be begun.
+// Moves the window along; false when there is none.
 bool CReadAhead::Follow(const Reader& reader, const PinnedFrame& frame, uint64_t offset,
                         uint64_t size) {
     const bool inSequence = frame.position == m_next;
@@ -38,58 +42,53 @@ bool CReadAhead::Follow(const Reader& reader, const PinnedFrame& frame, uint64_t
     // The reader is elsewhere now, or faster.
     if (m_cursor < m_start || m_cursor > m_start + window) m_cursor = m_start;
     m_end = m_start + window;
-    return !m_busy;
+    return true;
 }
 
-// Makes the request for the next step that is not in the page cache. What is less than a step waits
-// until it is one, but at the start of a window.
-bool CReadAhead::Prepare(IStoreFile& file) {
+// Makes the request for the next piece that is not in the page cache. What is less than kStep
+// waits until it is that much, but at the start of a window.
+bool CReadAhead::Prepare(Step& step, IStoreFile& file) {
     if (m_end < m_cursor + kStep && m_cursor != m_start) return false;
     uint64_t end = 0;
     if (FAILED(file.Size(end))) return false;
     end = std::min(end, m_end);
     while (m_cursor < end) {
-        const auto step = static_cast<size_t>(std::min<uint64_t>(kStep, end - m_cursor));
+        const auto size = static_cast<size_t>(std::min<uint64_t>(kStep, end - m_cursor));
         const uint64_t offset = m_cursor;
-        m_cursor += step;
-        if (file.Cached(offset, step)) continue;
-        m_request = {};
-        m_request.ahead = true;
-        m_request.file = &file;
-        m_request.offset_bytes = offset;
-        m_request.size_bytes = step;
-        m_request.completed = [](IoRequest& request) {
-            static_cast<CReadAhead*>(request.context)->Done();
+        m_cursor += size;
+        if (file.Cached(offset, size)) continue;
+        step.request = {};
+        step.request.ahead = true;
+        step.request.file = &file;
+        step.request.offset_bytes = offset;
+        step.request.size_bytes = size;
+        step.request.completed = [](IoRequest& request) {
+            Step& done = *static_cast<Step*>(request.context);
+            done.owner->Done(done);
         };
-        m_request.context = this;
-        m_busy = true;
+        step.request.context = &step;
         return true;
     }
     return false;
 }
 
-void CReadAhead::Done() {
-    const bool realTime = m_request.realTime;
-    const bool whole = SUCCEEDED(m_request.result) && m_request.done_bytes == m_request.size_bytes;
-    IStoreFile& file = *m_request.file;
-    std::shared_ptr<CReadAhead> self;
-    std::shared_ptr<IAsyncIo> engine;
-    CFrameFile* source = nullptr;
+void CReadAhead::Done(Step& step) {
+    const bool realTime = step.request.realTime;
+    const bool whole =
+        SUCCEEDED(step.request.result) && step.request.done_bytes == step.request.size_bytes;
+    Step ended;
     {
         const std::lock_guard hold(m_lock);
-        m_busy = false;
-        if (whole && Prepare(file)) {
-            m_request.realTime = realTime;
+        if (whole && Prepare(step, *step.request.file)) {
+            step.request.realTime = realTime;
         } else {
-            self = std::move(m_self);
-            engine = std::move(m_engine);
-            source = m_file;
+            ended = std::exchange(step, {});
         }
     }
-    if (source == nullptr) {
-        m_engine->Submit(m_request);
+    if (ended.owner) {
+        ended.file->Release();
     } else {
-        source->Release();
+        step.engine->Submit(step.request);
     }
 }
 

@@ -1,13 +1,14 @@
 // readahead.h: what is fetched ahead of the reader of one open stream. The system's own read-ahead
 // goes past the queue in which the real-time client overtakes the others, so the store does it
-// itself: one request at a time, behind everything that somebody waits for. Bytes follow each other
-// in a file as frames do, and what lies between them (sound beside pictures) is wanted as well, so
-// it fetches bytes, into the page cache. Any thread.
+// itself: a few requests at a time, behind everything that somebody waits for. Bytes follow each
+// other in a file as frames do, and what lies between them (sound beside pictures) is wanted as
+// well, so it fetches bytes, into the page cache. Any thread.
 #pragma once
 
 #include "mediaio/store/asyncio.h"
 #include "mediaio/store/framefile.h"
 
+#include <array>
 #include <memory>
 #include <mutex>
 
@@ -21,6 +22,8 @@ public:
     static constexpr uint64_t kWindow = uint64_t{4} << 20;
     static constexpr uint32_t kAutomatic = 0xFFFFFFFF;
     static constexpr size_t kStep = kScratchSize;
+    // Requests at a time: the device works on while the end of one is dealt with.
+    static constexpr size_t kDepth = 3;
 
     struct Reader {
         uint32_t frames = kAutomatic;  // so many times this frame's size instead
@@ -33,22 +36,22 @@ public:
                      CFrameFile& file, const PinnedFrame& frame);
 
 private:
+    struct Step {  // a request that is under way, when it has an owner
+        IoRequest request;
+        std::shared_ptr<CReadAhead> owner;
+        std::shared_ptr<IAsyncIo> engine;
+        CFrameFile* file = nullptr;
+    };
     bool Follow(const Reader& reader, const PinnedFrame& frame, uint64_t offset, uint64_t size);
-    bool Prepare(IStoreFile& file);
-    void Done();
+    bool Prepare(Step& step, IStoreFile& file);
+    void Done(Step& step);
 
     std::mutex m_lock;      // guards what follows
     uint32_t m_next = 0;    // the frame that a reader in sequence asks for next
     uint64_t m_cursor = 0;  // fetched, or being fetched, up to here
     uint64_t m_start = 0;   // the window: behind the frame that was read last ...
     uint64_t m_end = 0;     // ... to here
-    bool m_busy = false;
-
-    // Of the request that is under way, or being prepared.
-    IoRequest m_request;
-    std::shared_ptr<CReadAhead> m_self;
-    std::shared_ptr<IAsyncIo> m_engine;
-    CFrameFile* m_file = nullptr;
+    std::array<Step, kDepth> m_steps;
 };
 
 }  // namespace zemstore

@@ -159,6 +159,39 @@ TEST_P(Engine, TheOthersGoOnWhenARealTimeReadHasEnded) {
     theirs.Await(8);
 }
 
+// Nobody takes the bytes: what counts is where they are afterwards.
+TEST_P(Engine, WhatIsReadAheadIsInThePageCacheThen) {
+    constexpr uint64_t kSize = 3 * kScratchSize + 100;
+    std::shared_ptr<IVolume> volume;
+    ASSERT_EQ(OpenVolume(testing::TempDir(), volume), S_OK);
+    std::unique_ptr<IStoreFile> file;
+    std::string temporary;
+    ASSERT_EQ(volume->CreateUnpublished("readahead", file, temporary), S_OK);
+    const std::vector<char> bytes(kSize, 'z');
+    const IoSpan span{bytes.data(), bytes.size()};
+    size_t written = 0;
+    ASSERT_EQ(file->WriteAt(&span, 1, 0, written), S_OK);
+    ASSERT_EQ(file->Sync(), S_OK);
+    file->DropCache();
+
+    CCounter counter;
+    IoRequest requests[2] = {Read(m_file, kScratchSize, false, counter),
+                             Read(m_file, kSize - 100, false, counter)};
+    requests[0].size_bytes = kScratchSize;
+    for (IoRequest& request : requests) {
+        request.file = file.get();
+        request.ahead = true;
+        m_engine->Submit(request);
+    }
+    counter.Await(2);
+    EXPECT_EQ(requests[0].result, S_OK);
+    EXPECT_EQ(requests[0].done_bytes, kScratchSize);
+    EXPECT_TRUE(file->Cached(kScratchSize, kScratchSize));
+    EXPECT_EQ(requests[1].result, S_OK);
+    EXPECT_EQ(requests[1].done_bytes, 100u) << "the file ends there";
+    volume->Discard(temporary);
+}
+
 INSTANTIATE_TEST_SUITE_P(Kinds, Engine, testing::Bool(),
                          [](const auto& kind) { return kind.param ? "ring" : "threads"; });
 

@@ -22,12 +22,13 @@ public:
     void BeginRealTimeRead() override {}
     void EndRealTimeRead() override {}
 
-    // Completes the only request; tells where it began.
+    // Completes the oldest request; tells where it began.
     uint64_t Complete(size_t done_bytes = kScratchSize, HRESULT result = S_OK) {
-        EXPECT_EQ(waiting.size(), 1u) << "one request at a time";
+        EXPECT_FALSE(waiting.empty());
+        EXPECT_LE(waiting.size(), CReadAhead::kDepth) << "so many at a time";
         if (waiting.empty()) return 0;
         IoRequest& request = *waiting.front();
-        waiting.clear();
+        waiting.erase(waiting.begin());
         const uint64_t offset = request.offset_bytes;
         request.result = result;
         request.done_bytes = std::min(done_bytes, request.size_bytes);
@@ -105,11 +106,13 @@ protected:
 
 TEST_F(ReadAhead, KeepsAWindowAheadOfAReaderInSequence) {
     Read(0);
+    size_t waiting = CReadAhead::kDepth;
     for (const uint64_t step : {1, 2, 3, 4}) {
-        ASSERT_EQ(m_engine->waiting.size(), 1u);
+        ASSERT_EQ(m_engine->waiting.size(), waiting);
         EXPECT_TRUE(m_engine->waiting[0]->ahead);
         EXPECT_FALSE(m_engine->waiting[0]->realTime);
         EXPECT_EQ(m_engine->Complete(), step * kMiB);
+        if (step > 1) --waiting;
     }
     EXPECT_TRUE(m_engine->waiting.empty()) << "4 MiB";
     Read(1);
@@ -121,8 +124,16 @@ TEST_F(ReadAhead, GoesOnWithWhatTheReaderAskedForMeanwhile) {
     Read(0);
     Read(1);
     Read(2);
-    for (const uint64_t step : {1, 3, 4, 5, 6})
-        EXPECT_EQ(m_engine->Complete(), step * kMiB) << "what was overtaken is left out";
+    for (const uint64_t step : {1, 2, 3, 4, 5, 6})
+        EXPECT_EQ(m_engine->Complete(), step * kMiB);
+    EXPECT_TRUE(m_engine->waiting.empty());
+}
+
+TEST_F(ReadAhead, LeavesOutWhatItsReaderOvertook) {
+    for (uint32_t position = 0; position < 8; ++position)
+        Read(position);
+    for (const uint64_t step : {1, 2, 3, 8, 9, 10, 11})
+        EXPECT_EQ(m_engine->Complete(), step * kMiB);
     EXPECT_TRUE(m_engine->waiting.empty());
 }
 
@@ -155,17 +166,21 @@ TEST_F(ReadAhead, EndsWithTheFile) {
 }
 
 TEST_F(ReadAhead, AFailureEndsItUntilTheNextFrame) {
-    Read(0);
+    Read(0, 1);
     m_engine->Complete(0, HRESULT_FROM_WIN32(ERROR_IO_DEVICE));
     EXPECT_TRUE(m_engine->waiting.empty());
-    Read(1);
+    Read(1, 2);
     m_engine->Complete(100);
-    EXPECT_TRUE(m_engine->waiting.empty()) << "a short read is one, too";
+    EXPECT_EQ(m_engine->waiting.size(), 1u) << "a short read is one, too; the other goes on";
+    EXPECT_EQ(m_engine->Complete(), 3 * kMiB);
+    EXPECT_TRUE(m_engine->waiting.empty());
+    Read(2, 3);
+    EXPECT_EQ(m_engine->Complete(), 4 * kMiB) << "the next frame's";
 }
 
 TEST_F(ReadAhead, SoManyFramesForWhoSaysSo) {
     Read(40, 2, true);
-    ASSERT_EQ(m_engine->waiting.size(), 1u);
+    ASSERT_EQ(m_engine->waiting.size(), 2u);
     EXPECT_TRUE(m_engine->waiting[0]->realTime);
     EXPECT_EQ(m_engine->Complete(), 41 * kMiB);
     EXPECT_EQ(m_engine->Complete(), 42 * kMiB);
@@ -189,8 +204,10 @@ TEST_F(ReadAhead, OutlivesTheReader) {
     std::weak_ptr<CReadAhead> gone = m_ahead;
     m_ahead.reset();
     m_shared.reset();
-    EXPECT_FALSE(gone.expired()) << "its request is at the device";
-    m_engine->Complete(0);
+    for (size_t i = 0; i < CReadAhead::kDepth; ++i) {
+        EXPECT_FALSE(gone.expired()) << "a request is at the device";
+        m_engine->Complete(0);
+    }
     EXPECT_TRUE(gone.expired());
 }
 
