@@ -28,3 +28,6 @@ packages_fuzz=(clang libclang-rt-14-dev)
 
 # To run the benchmarks. Debian's nginx is the server that we measure ourselves against.
 packages_bench=(wrk nginx-light curl libbenchmark-dev)
+
+# To count what a request costs.
+packages_guard=(valgrind)
