@@ -20,7 +20,7 @@ change_setting("\"ListenOnlyList\"=" "; Of every service that uses the system's 
 file(WRITE ${CMAKE_BINARY_DIR}/zemhttpd.reg "${settings}")
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/packaging/zemhttpd.reg)
 install(FILES ${CMAKE_BINARY_DIR}/zemhttpd.reg DESTINATION .)
-install(FILES README.md ARCHITECTURE.md DESTINATION .)
+install(FILES README.md ARCHITECTURE.md LICENSE DESTINATION .)
 install(DIRECTORY docs/ DESTINATION docs)
 
 set(CPACK_GENERATOR ZIP)

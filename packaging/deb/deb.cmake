@@ -1,7 +1,7 @@
 # The Debian package: `cpack` in the build folder.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME zemhttpd)
-set(CPACK_PACKAGE_CONTACT "zemhttpd developers <zemhttpd@example.org>")
+set(CPACK_PACKAGE_CONTACT "The zemhttpd authors <zemhttpd@localhost.invalid>")
 set(CPACK_PACKAGE_DIRECTORY ${CMAKE_BINARY_DIR})
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_INSTALL_CMAKE_PROJECTS
