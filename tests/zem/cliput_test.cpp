@@ -1,0 +1,158 @@
+// zem put and import from outside: what arrives, and what they do when the server loses frames
+// without saying so.
+#include <signal.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "tests/zem/zemcli.h"
+
+namespace {
+
+TEST_F(ZemCli, PutAndFramemd5EqualTheClip) {
+    MakeClip();
+    const Outcome put = Run({"put", "clip.mov", "media/clip"});
+    EXPECT_EQ(put.code, 0) << put.err;
+    EXPECT_EQ(put.out, "");
+    EXPECT_EQ(put.err, "");
+    ASSERT_EQ(m_media.files.at("media/clip.v0").frames.size(), 25u);
+    const std::string& desc = m_media.files.at("media/clip.v0").desc;
+    EXPECT_EQ(desc.substr(0, 28),
+              Le32(0x10038) + Le32(1) + "jpeg" + Le32(25) + Le32(1) + Le32(64) + Le32(48));
+    EXPECT_EQ(desc.substr(40, 4), "\x04\x03\x02\x01");
+    const std::string& audio = m_media.files.at("media/clip.a0").desc;
+    EXPECT_EQ(audio.substr(4, 8), Le32(2) + "sowt");
+    EXPECT_EQ(audio.substr(28, 8), Le32(48000) + Le16(2) + Le16(16));
+    EXPECT_TRUE(m_media.clients.empty()) << "the client left";
+
+    const std::string video = Reference("0:v");
+    EXPECT_EQ(std::count(video.begin(), video.end(), '\n'), 25);
+    EXPECT_EQ(Columns(Run({"framemd5", "media/clip.v0"}).out), video);
+    EXPECT_EQ(Columns(Run({"framemd5", "media/clip.a0"}).out), Reference("0:a"));
+}
+
+TEST_F(ZemCli, PutWorksOnAServerWithoutFlushAndDescriptors) {
+    MakeClip();
+    m_media.notImplemented = {8, 10};
+    EXPECT_EQ(Run({"put", "clip.mov", "media/clip"}).code, 0);
+    m_media.corruptWrites = {{"media/c2.v0", 3}};
+    EXPECT_EQ(Run({"put", "clip.mov", "media/c2"}).code, 1) << "all frames are read back instead";
+}
+
+TEST_F(ZemCli, PutDoesNotReplaceWithoutForce) {
+    MakeClip();
+    m_media.files["media/clip.v0"].frames[0] = "precious";
+    const Outcome refused = Run({"put", "clip.mov", "media/clip"});
+    EXPECT_EQ(refused.code, 1);
+    EXPECT_TRUE(Has(refused.err, "--force")) << refused.err;
+    EXPECT_EQ(m_media.files["media/clip.v0"].frames[0], "precious");
+    const Outcome forced = Run({"put", "--force", "--json", "clip.mov", "media/clip"});
+    EXPECT_EQ(forced.code, 0) << forced.err;
+    EXPECT_TRUE(Has(forced.out,
+                    "\"name\":\"media/clip.v0\",\"type\":\"video\",\"codec\":\"mjpeg\","
+                    "\"frames\":25,"))
+        << forced.out;
+}
+
+TEST_F(ZemCli, PutNoticesEveryLostFrame) {
+    MakeClip();
+    for (const uint32_t lost : {0u, 12u, 24u}) {
+        m_media.dropWrites = {{"media/clip.v0", lost}};
+        const Outcome outcome = Run({"put", "--force", "clip.mov", "media/clip"});
+        EXPECT_EQ(outcome.code, 1) << lost;
+        EXPECT_TRUE(Has(outcome.err, "media/clip.v0: frame " + std::to_string(lost)))
+            << outcome.err;
+    }
+}
+
+TEST_F(ZemCli, PutTellsAFullVolume) {
+    MakeClip();
+    m_media.dropWrites = {{"media/clip.v0", 24}};
+    Outcome outcome = Run({"put", "clip.mov", "media/clip"});
+    EXPECT_TRUE(Has(outcome.err, "its volume is full (1000 B free)")) << outcome.err;
+    m_media.freeSpace_bytes = uint64_t{1} << 30;
+    outcome = Run({"put", "--force", "clip.mov", "media/clip"});
+    EXPECT_TRUE(Has(outcome.err, "its log has the reason")) << outcome.err;
+}
+
+// A hundred megabytes are not sent in vain: every 40 the server is asked whether it has the last.
+
+TEST_F(ZemCli, PutStopsSoonWhenNothingIsStoredAnyMore) {
+    ASSERT_EQ(Shell("ffmpeg -v error -nostdin -f rawvideo -s 1920x1080 -pix_fmt uyvy422 -r 25 "
+                    "-i /dev/zero -frames:v 25 -c copy raw.mov"),
+              0);
+    // At the end it would be the first of them that is missed.
+    for (uint32_t position = 8; position < 25; ++position)
+        m_media.dropWrites.insert({"media/raw.v0", position});
+    const Outcome outcome = Run({"put", "raw.mov", "media/raw"});
+    EXPECT_EQ(outcome.code, 1);
+    EXPECT_TRUE(Has(outcome.err, "media/raw.v0: frame 9 is missing")) << outcome.err;
+    EXPECT_TRUE(Has(outcome.err, "its volume is full")) << outcome.err;
+}
+
+TEST_F(ZemCli, AnImportThatFailsLeavesNothing) {
+    MakeClip();
+    m_media.dropWrites = {{"media/clip.v0.part", 3}};
+    const Outcome outcome = Run({"import", "clip.mov", "media/clip"});
+    EXPECT_EQ(outcome.code, 1);
+    EXPECT_TRUE(Has(outcome.err, "media/clip.v0: frame 3")) << outcome.err;
+    EXPECT_TRUE(Has(outcome.err, "nothing of it is left on the server")) << outcome.err;
+    for (const auto& [name, file] : m_media.files)
+        EXPECT_FALSE(name.starts_with("media/clip")) << name;
+}
+
+TEST_F(ZemCli, AnImportKeepsWhatItWouldReplaceUntilItIsWhole) {
+    MakeClip();
+    ASSERT_EQ(Run({"import", "clip.mov", "media/clip"}).code, 0);
+    ASSERT_EQ(m_media.files.count("media/clip.v0"), 1u);
+    ASSERT_EQ(m_media.files.count("media/clip.clip"), 1u);
+    ASSERT_EQ(m_media.files.count("media/clip.v0.part"), 0u);
+    m_media.files["media/clip.v0"].frames[0] = "precious";
+    const Outcome refused = Run({"import", "clip.mov", "media/clip"});
+    EXPECT_EQ(refused.code, 1);
+    EXPECT_TRUE(Has(refused.err, "media/clip.v0 exists; --force")) << refused.err;
+    m_media.dropWrites = {{"media/clip.v0.part", 3}};
+    EXPECT_EQ(Run({"import", "--force", "clip.mov", "media/clip"}).code, 1);
+    EXPECT_EQ(m_media.files["media/clip.v0"].frames[0], "precious");
+    m_media.dropWrites.clear();
+    EXPECT_EQ(Run({"import", "--force", "clip.mov", "media/clip"}).code, 0);
+    EXPECT_NE(m_media.files["media/clip.v0"].frames[0], "precious");
+}
+
+TEST_F(ZemCli, PutNoticesADamagedFrame) {
+    MakeClip();
+    m_media.corruptWrites = {{"media/clip.v0", 24}};
+    EXPECT_EQ(Run({"put", "--force", "clip.mov", "media/clip"}).code, 1) << "the last is compared";
+    m_media.corruptWrites = {{"media/clip.v0", 7}};
+    EXPECT_EQ(Run({"put", "--force", "--verify", "all", "clip.mov", "media/clip"}).code, 1);
+    m_media.corruptWrites.clear();
+    EXPECT_EQ(Run({"put", "--force", "--verify", "all", "clip.mov", "media/clip"}).code, 0);
+}
+
+TEST_F(ZemCli, PutOfWhatIsNoClipIs5AndTouchesNoServer) {
+    EXPECT_EQ(Run({"put", "missing.mov", "media/clip"}).code, 5);
+    std::ofstream(m_dir / "text.mov") << "this is no clip";
+    EXPECT_EQ(Run({"put", "text.mov", "media/clip"}).code, 5);
+    EXPECT_TRUE(m_server.Requests().empty());
+}
+
+TEST_F(ZemCli, AStoppedPutLeavesAndSaysWhatIsLeftBehind) {
+    MakeClip();
+    const fs::path pid_file = m_dir / "pid";
+    bool signalled = false;  // once: a second signal ends the program at once
+    CScriptServer server([&](const ScriptRequest& request) {
+        if (request.body.substr(4, 4) == Le32(4) && !std::exchange(signalled, true)) {
+            kill(std::stoi(Contents(pid_file)), SIGTERM);
+        }
+        return m_media(request);
+    });
+    const int code = Shell("sh -c 'echo $$ >pid; exec \"$0\" \"$@\"' " + Quoted(ZEM_PROGRAM) +
+                           " --server " + server.Url() + " put clip.mov media/clip 2>err");
+    server.Settle();
+    EXPECT_EQ(code, 130);
+    EXPECT_TRUE(Has(Contents(m_dir / "err"), "incomplete")) << Contents(m_dir / "err");
+    EXPECT_EQ(m_media.log.back(), "16");
+    EXPECT_LT(m_media.files["media/clip.v0"].frames.size(), 25u);
+}
+
+}  // namespace
