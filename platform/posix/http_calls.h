@@ -32,10 +32,11 @@ ULONG HttpRemoveUrl(HANDLE ReqQueueHandle, PCWSTR pUrlPrefix) noexcept;
 ULONG ReserveListenPort(USHORT Port) noexcept;
 
 // Takes the next request (RequestId HTTP_NULL_ID), or the one that an earlier call left behind with
-// ERROR_MORE_DATA. The structure comes first in the buffer, then what it points to; the rest of the
-// buffer is zero. With an OVERLAPPED the call returns ERROR_IO_PENDING and completes through the
-// port that the queue is bound to; buffer and OVERLAPPED belong to the queue until then. Without
-// one it waits. Flags: 0 or HTTP_RECEIVE_REQUEST_FLAG_COPY_BODY.
+// ERROR_MORE_DATA. The structure comes first in the buffer, then what it points to; the bytes
+// behind that stay as they were (behind the ids that come with ERROR_MORE_DATA they are zero). With
+// an OVERLAPPED the call returns ERROR_IO_PENDING and completes through the port that the queue is
+// bound to; buffer and OVERLAPPED belong to the queue until then. Without one it waits. Flags: 0 or
+// HTTP_RECEIVE_REQUEST_FLAG_COPY_BODY.
 ULONG HttpReceiveHttpRequest(HANDLE ReqQueueHandle, HTTP_REQUEST_ID RequestId, ULONG Flags,
                              PHTTP_REQUEST pRequestBuffer, ULONG RequestBufferLength,
                              PULONG pBytesReceived, LPOVERLAPPED pOverlapped) noexcept;
