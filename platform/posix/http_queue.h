@@ -69,9 +69,7 @@ public:
     bool Closing() const { return m_closing->load(); }
     const std::atomic<bool>& ClosingMark() const { return *m_closing; }
     // Whether requests wait for a thread or for a receive, so that no client may hold one up.
-    bool RequestsWait() {
-        return m_waiting_count.load() > 0 || m_port->IsShortOfWorkers();
-    }
+    bool RequestsWait() { return m_waiting_count.load() > 0 || m_port->IsShortOfWorkers(); }
     uint32_t WaitingCount() const { return static_cast<uint32_t>(m_waiting_count.load()); }
 
     void OnClose() override;
