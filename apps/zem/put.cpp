@@ -250,7 +250,7 @@ void CPut::Publish() {
 // Deletes what an import that failed has written; says what came of it.
 std::string CPut::TakeBack(ErrorKind failure) {
     if (m_files.empty()) return {};
-    const std::string left = "; " + Printable(m_options.name) + ".*.part is left on the server";
+    std::string left = "; " + Printable(m_options.name) + ".*.part is left on the server";
     if (failure == ErrorKind::kUnreachable) return left;
     m_session->Http().SetStopCheck(nullptr);  // the user stopped the import, not this
     try {

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -125,7 +126,7 @@ std::string CutToColumns(std::string_view text, size_t columns) {
 }
 
 std::string DurationText(double seconds) {
-    const auto whole = static_cast<long>(seconds + 0.5);
+    const auto whole = std::lround(seconds);
     std::array<char, 48> text{};
     if (whole >= 3600) {
         std::snprintf(text.data(), text.size(), "%ld:%02ld:%02ld", whole / 3600, whole / 60 % 60,
