@@ -7,7 +7,7 @@ packages_build=(
     libpugixml-dev liburing-dev
     libavformat-dev libavcodec-dev libavutil-dev
     libcurl4-openssl-dev libcli11-dev
-    libgtest-dev libgmock-dev
+    libgtest-dev libgmock-dev libbenchmark-dev
 )
 
 # To run the tests: real peers that the server is tried against, what the Debian package is tried with, readers of the manual,
@@ -27,7 +27,7 @@ packages_windows=(
 packages_fuzz=(clang libclang-rt-14-dev)
 
 # To run the benchmarks. Debian's nginx is the server that we measure ourselves against.
-packages_bench=(wrk nginx-light curl libbenchmark-dev)
+packages_bench=(wrk nginx-light curl)
 
 # To count what a request costs.
 packages_guard=(valgrind)
