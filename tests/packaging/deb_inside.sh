@@ -75,6 +75,12 @@ ffmpeg -v error -f lavfi -i testsrc2=size=320x240:rate=25 -t 1 -c:v mjpeg $volum
 [ "$(zem framemd5 clip.mov | grep -c '^[0-9]')" -eq 25 ]
 if grep -q 'foreign files cannot be read' $log; then fail 'the module for foreign files is not loaded'; fi
 
+step 'a host program of one'"'"'s own is built and runs with it'
+# shellcheck disable=SC2046
+c++ -std=c++20 /usr/share/doc/zemhttpd/examples/host.cpp $(pkg-config --cflags --libs zemhttpd) -o host
+sed 's/"HttpPort"=dword:00001f90/"HttpPort"=dword:00001f91/' $registry >host.reg
+[ "$(./host host.reg </dev/null)" = 'host: ready' ]
+
 step 'has its log put away'
 [ -s $log ]
 logrotate -f /etc/logrotate.d/zemhttpd

@@ -55,6 +55,38 @@ case_run_refuses_wrong_options() {
     last_line_is 'run: there is no option --prot; see ./run --help'
 }
 
+# A tree of links, so that the volume that it makes is not the developer's.
+case_run_serves_a_volume_of_its_own_with_the_console_page() {
+    local tree=$work/tree line
+    mkdir -p "$tree/apps" "$tree/build" "$work/built"
+    cp "$source_dir/run" "$tree/run"
+    ln -s "$source_dir/packaging" "$tree/packaging"
+    ln -s "$source_dir/apps/console" "$tree/apps/console"
+    ln -s "$(dirname "$(dirname "$zemhost")")" "$tree/build/release"
+    printf '#!/bin/sh\n' >"$work/built/ninja"  # what runs this test has built
+    chmod +x "$work/built/ninja"
+    mkfifo "$work/pipe"
+    for _ in 1 2 3 4 5; do
+        port=$(random_port)
+        PATH=$work/built:$PATH "$tree/run" --port "$port" >"$work/pipe" 2>"$work/err" &
+        pid=$!
+        exec 5<"$work/pipe"
+        while read -t 60 -r line <&5; do
+            if [[ $line == 'zemhost ready'* ]]; then break 2; fi
+        done
+        wait "$pid" || true
+        pid=''
+        grep -qF 'is taken by another program' "$work/err" || fail 'no ready line'
+    done
+    [ "$line" = "zemhost ready: http://127.0.0.1:$port/ (volume root $tree/volume)" ] || fail "ready line: $line"
+    ask 'GET /media/console.html HTTP/1.0\r\nHost: x\r\n\r\n'
+    tail -c "$(wc -c <"$source_dir/apps/console/console.html")" "$work/out" | cmp - "$source_dir/apps/console/console.html" ||
+        fail 'the console page is another'
+    ask 'GET /media/status HTTP/1.0\r\nHost: x\r\n\r\n'
+    says out 'HTTP/1.1 200 OK'
+    stop TERM
+}
+
 case_registry_file_missing() {
     expect 3 --registry "$work/none" --volume "$work"
     last_line_is "zemhost: the registry file '$work/none' does not exist; give one that does with --registry FILE."
