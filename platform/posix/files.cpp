@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <iterator>
+#include <string>
 
 #include "platform/posix/filesinternal.h"
 #include "platform/posix/object.h"
@@ -65,10 +66,24 @@ class CFile final : public CObject {
 public:
     static constexpr ObjectKind kKind = ObjectKind::File;
     explicit CFile(int descriptor) : CObject(kKind), m_descriptor(descriptor) {}
-    ~CFile() override { close(m_descriptor); }
+    // One to be deleted: what it is called in which folder. Either may not be there.
+    CFile(const char* folder, const char* leaf)
+        : CObject(kKind),
+          m_folder(open(folder, O_PATH | O_DIRECTORY | O_CLOEXEC)),
+          m_leaf(leaf),
+          m_descriptor(m_folder < 0 ? -1
+                                    : openat(m_folder, leaf, O_PATH | O_NOFOLLOW | O_CLOEXEC)) {}
+    ~CFile() override {
+        if (m_descriptor >= 0) close(m_descriptor);
+        if (m_folder >= 0) close(m_folder);
+    }
     int Descriptor() const { return m_descriptor; }
+    int Folder() const { return m_folder; }
+    const char* Leaf() const { return m_leaf.c_str(); }
 
 private:
+    const int m_folder = -1;
+    const std::string m_leaf;
     const int m_descriptor;
 };
 
@@ -107,6 +122,11 @@ constexpr DWORD kKnownShares = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_D
 DWORD CheckOpen(DWORD access, DWORD share, LPSECURITY_ATTRIBUTES attributes, DWORD disposition,
                 DWORD flags, HANDLE template_file) {
     if (attributes) return ERROR_NOT_SUPPORTED;
+    if (access == DELETE) {
+        const bool known = disposition == OPEN_EXISTING && flags == FILE_FLAG_OPEN_REPARSE_POINT &&
+                           (share & ~kKnownShares) == 0 && !template_file;
+        return known ? 0 : ERROR_INVALID_PARAMETER;
+    }
     if ((access & ~(GENERIC_READ | GENERIC_WRITE)) != 0 || (share & ~kKnownShares) != 0 ||
         template_file || (flags & ~kKnownFlags) != 0 || disposition < CREATE_NEW ||
         disposition > TRUNCATE_EXISTING) {
@@ -162,6 +182,33 @@ HANDLE OpenNative(const char* path, DWORD access, DWORD disposition, DWORD flags
     if (disposition == CREATE_ALWAYS || disposition == OPEN_ALWAYS)
         SetLastError(existed ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS);
     return handle;
+}
+
+bool IsReadOnly(const struct stat& status) {
+    return (status.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) == 0;
+}
+
+// The folder is held, so that it is the one in which the file was found whose entry goes, whatever
+// becomes of the name that led there.
+HANDLE OpenToDelete(const CNativeName& name) {
+    CNativeName folder = name;
+    char* slash = std::strrchr(folder.path, '/');
+    const char* leaf = slash ? name.path + (slash + 1 - folder.path) : name.path;
+    std::strcpy(slash ? (slash == folder.path ? slash + 1 : slash) : folder.path, slash ? "" : ".");
+    auto* file = new CFile(folder.path, leaf);
+    struct stat status;
+    if (file->Descriptor() >= 0 && fstat(file->Descriptor(), &status) == 0 &&
+        S_ISREG(status.st_mode)) {
+        const HANDLE handle = OpenHandle(file);
+        return handle ? handle : INVALID_HANDLE_VALUE;
+    }
+    if (file->Descriptor() >= 0) {
+        SetLastError(ERROR_ACCESS_DENIED);
+    } else {
+        FailErrno(name.path, errno);
+    }
+    file->Release();
+    return INVALID_HANDLE_VALUE;
 }
 
 // One read or write; `offset` null means at the file's own position.
@@ -234,6 +281,7 @@ HANDLE CreateFileW(LPCWSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTE
     if (error) return Fail(error), INVALID_HANDLE_VALUE;
     CNativeName native;
     if (!native.Set(name)) return INVALID_HANDLE_VALUE;
+    if (access == DELETE) return OpenToDelete(native);
     return OpenNative(native.path, access, disposition, flags);
 }
 
@@ -253,7 +301,7 @@ DWORD GetFileAttributesW(LPCWSTR name) {
         attributes |= FILE_ATTRIBUTE_DIRECTORY;
     } else if (!S_ISREG(status.st_mode)) {
         attributes |= FILE_ATTRIBUTE_DEVICE;
-    } else if ((status.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) == 0) {
+    } else if (IsReadOnly(status)) {
         attributes |= FILE_ATTRIBUTE_READONLY;
     }
     return attributes != 0 ? attributes : FILE_ATTRIBUTE_NORMAL;
@@ -264,10 +312,30 @@ BOOL DeleteFileW(LPCWSTR name) {
     if (!native.Set(name)) return FALSE;
     struct stat status;
     if (lstat(native.path, &status) != 0) return FailErrno(native.path, errno);
-    const bool read_only = (status.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) == 0;
-    if (!S_ISLNK(status.st_mode) && (!S_ISREG(status.st_mode) || read_only))
+    if (!S_ISLNK(status.st_mode) && (!S_ISREG(status.st_mode) || IsReadOnly(status)))
         return Fail(ERROR_ACCESS_DENIED);
     if (unlink(native.path) != 0) return FailErrno(native.path, errno);
+    return TRUE;
+}
+
+BOOL SetFileInformationByHandle(HANDLE file, FILE_INFO_BY_HANDLE_CLASS kind, LPVOID information,
+                                DWORD size) {
+    const CPin<CFile> pin(file);
+    if (!pin) return FALSE;
+    if (kind != FileDispositionInfo || !information || size < sizeof(FILE_DISPOSITION_INFO) ||
+        !static_cast<const FILE_DISPOSITION_INFO*>(information)->DeleteFile) {
+        return Fail(ERROR_INVALID_PARAMETER);
+    }
+    if (pin->Folder() < 0) return Fail(ERROR_ACCESS_DENIED);
+    struct stat opened, named;
+    if (fstat(pin->Descriptor(), &opened) != 0 ||
+        fstatat(pin->Folder(), pin->Leaf(), &named, AT_SYMLINK_NOFOLLOW) != 0) {
+        return Fail(ErrorFromErrno(errno));
+    }
+    if (IsReadOnly(opened)) return Fail(ERROR_ACCESS_DENIED);
+    if (opened.st_dev != named.st_dev || opened.st_ino != named.st_ino)
+        return Fail(ERROR_FILE_NOT_FOUND);
+    if (unlinkat(pin->Folder(), pin->Leaf(), 0) != 0) return Fail(ErrorFromErrno(errno));
     return TRUE;
 }
 

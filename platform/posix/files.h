@@ -19,6 +19,8 @@
 #define GENERIC_READ 0x80000000u
 #define GENERIC_WRITE 0x40000000u
 
+#define DELETE 0x00010000u
+
 #define FILE_SHARE_READ 0x1u
 #define FILE_SHARE_WRITE 0x2u
 #define FILE_SHARE_DELETE 0x4u
@@ -45,6 +47,12 @@
 #define VOLUME_NAME_DOS 0x0u
 #define VOLUME_NAME_NONE 0x4u
 
+enum FILE_INFO_BY_HANDLE_CLASS { FileDispositionInfo = 4 };
+struct FILE_DISPOSITION_INFO {
+    BOOLEAN DeleteFile;
+};
+static_assert(sizeof(FILE_DISPOSITION_INFO) == 1);
+
 #pragma GCC visibility push(default)
 extern "C" {
 
@@ -55,6 +63,8 @@ extern "C" {
 // bit or disposition, attributes or a template give ERROR_INVALID_PARAMETER (security attributes
 // ERROR_NOT_SUPPORTED). CREATE_NEW of an existing file gives ERROR_FILE_EXISTS; CREATE_ALWAYS and
 // OPEN_ALWAYS leave ERROR_ALREADY_EXISTS or 0 as last error of a success.
+// `access` DELETE, alone, with OPEN_EXISTING and FILE_FLAG_OPEN_REPARSE_POINT, opens a regular file
+// for nothing but GetFinalPathNameByHandleW and SetFileInformationByHandle.
 HANDLE CreateFileW(LPCWSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES attributes,
                    DWORD disposition, DWORD flags, HANDLE template_file);
 
@@ -64,6 +74,13 @@ DWORD GetFileAttributesW(LPCWSTR name);
 // A folder, a device and a read-only file give ERROR_ACCESS_DENIED; a symbolic link goes, not what
 // it leads to. An open file stays readable through its handles.
 BOOL DeleteFileW(LPCWSTR name);
+// Deletes a file that was opened with DELETE, from the folder in which it was found then, also when
+// another one has that folder's name by now. FileDispositionInfo with DeleteFile set is all that is
+// known (ERROR_INVALID_PARAMETER else). A read-only file, or a handle opened otherwise, gives
+// ERROR_ACCESS_DENIED; ERROR_FILE_NOT_FOUND when another file has its name. Difference: the name
+// goes at once, not when the last handle is closed.
+BOOL SetFileInformationByHandle(HANDLE file, FILE_INFO_BY_HANDLE_CLASS kind, LPVOID information,
+                                DWORD size);
 // ERROR_ALREADY_EXISTS when the name is taken.
 BOOL CreateDirectoryW(LPCWSTR name, LPSECURITY_ATTRIBUTES attributes);
 

@@ -89,9 +89,11 @@ BOOL __wrap_GetDiskFreeSpaceExW(LPCWSTR name, ULARGE_INTEGER* available, ULARGE_
     return FALSE;
 }
 
-BOOL __real_DeleteFileW(LPCWSTR);
-BOOL __wrap_DeleteFileW(LPCWSTR name) {
-    if (!CCallFaults::Hit("DeleteFileW")) return __real_DeleteFileW(name);
+BOOL __real_SetFileInformationByHandle(HANDLE, FILE_INFO_BY_HANDLE_CLASS, LPVOID, DWORD);
+BOOL __wrap_SetFileInformationByHandle(HANDLE file, FILE_INFO_BY_HANDLE_CLASS kind,
+                                       LPVOID information, DWORD size) {
+    if (!CCallFaults::Hit("SetFileInformationByHandle"))
+        return __real_SetFileInformationByHandle(file, kind, information, size);
     SetLastError(ERROR_SHARING_VIOLATION);
     return FALSE;
 }

@@ -133,6 +133,87 @@ TEST(PosixFiles, RefusesFlagsAndAttributes) {
     EXPECT_TRUE(CloseHandle(file));
 }
 
+HANDLE OpenToDelete(const WString& path) {
+    return Open(path, DELETE, FILE_FLAG_OPEN_REPARSE_POINT);
+}
+
+BOOL DeleteOpen(HANDLE file) {
+    FILE_DISPOSITION_INFO disposition = {TRUE};
+    return SetFileInformationByHandle(file, FileDispositionInfo, &disposition, sizeof(disposition));
+}
+
+TEST(PosixFiles, OpenToDeleteTakesRegularFilesAlone) {
+    const CTempFolder folder;
+    std::filesystem::create_directory(folder.Path() / "folder");
+    std::filesystem::create_symlink("file", folder.Path() / "link");
+    std::ofstream(folder.File("file")) << "x";
+    ASSERT_EQ(mkfifo(folder.File("fifo").c_str(), 0666), 0);
+    for (const WCHAR* name : {TEXT("/folder"), TEXT("/link"), TEXT("/fifo")}) {
+        EXPECT_EQ(OpenToDelete(folder.Wide() + name), INVALID_HANDLE_VALUE);
+        EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    }
+    EXPECT_EQ(OpenToDelete(folder.Wide() + TEXT("/none")), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(OpenToDelete(folder.Wide() + TEXT("/none/file")), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
+    EXPECT_EQ(OpenToDelete(TEXT("/")), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(OpenToDelete(TEXT("no such file here")), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+}
+
+TEST(PosixFiles, AnOpenFileIsDeletedFromTheFolderInWhichItWasFound) {
+    const CTempFolder folder;
+    std::filesystem::create_directory(folder.Path() / "folder");
+    std::ofstream(folder.File("folder/file")) << "x";
+    const HANDLE file = OpenToDelete(folder.Wide() + TEXT("/folder/file"));
+    ASSERT_NE(file, INVALID_HANDLE_VALUE);
+    char byte;
+    DWORD moved;
+    EXPECT_FALSE(ReadFile(file, &byte, 1, &moved, nullptr));
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    std::filesystem::rename(folder.Path() / "folder", folder.Path() / "moved");
+    std::filesystem::create_directory(folder.Path() / "folder");
+    std::ofstream(folder.File("folder/file")) << "another";
+    EXPECT_TRUE(DeleteOpen(file));
+    EXPECT_FALSE(std::filesystem::exists(folder.File("moved/file")));
+    EXPECT_TRUE(std::filesystem::exists(folder.File("folder/file")));
+    EXPECT_FALSE(DeleteOpen(file));
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    std::ofstream(folder.File("moved/file")) << "with its name";
+    EXPECT_FALSE(DeleteOpen(file));
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    EXPECT_TRUE(std::filesystem::exists(folder.File("moved/file")));
+    EXPECT_TRUE(CloseHandle(file));
+}
+
+TEST(PosixFiles, OnlyWhatWasOpenedToBeDeletedIs) {
+    const CTempFolder folder;
+    std::ofstream(folder.File("file")) << "x";
+    const WString path = folder.Wide() + TEXT("/file");
+    HANDLE file = Open(path);
+    EXPECT_FALSE(DeleteOpen(file));
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    EXPECT_TRUE(CloseHandle(file));
+    EXPECT_FALSE(DeleteOpen(file));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    file = OpenToDelete(path);
+    FILE_DISPOSITION_INFO disposition = {FALSE};
+    const auto refused = [&](FILE_INFO_BY_HANDLE_CLASS kind, LPVOID information, DWORD size) {
+        EXPECT_FALSE(SetFileInformationByHandle(file, kind, information, size));
+        EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    };
+    refused(FileDispositionInfo, &disposition, sizeof(disposition));
+    disposition.DeleteFile = TRUE;
+    refused(FileDispositionInfo, nullptr, sizeof(disposition));
+    refused(FileDispositionInfo, &disposition, 0);
+    refused(static_cast<FILE_INFO_BY_HANDLE_CLASS>(3), &disposition, sizeof(disposition));
+    ASSERT_EQ(chmod(folder.File("file").c_str(), 0444), 0);
+    EXPECT_FALSE(DeleteOpen(file));
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    EXPECT_TRUE(CloseHandle(file));
+    EXPECT_TRUE(std::filesystem::exists(folder.File("file")));
+}
+
 TEST(PosixFiles, ReadOnlyFilesStay) {
     const CTempFolder folder;
     std::ofstream(folder.File("file")) << "x";

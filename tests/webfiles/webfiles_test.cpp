@@ -13,6 +13,7 @@ namespace {
 std::function<BOOL(LPCWSTR, ULARGE_INTEGER*, ULARGE_INTEGER*)> g_freeSpace;
 std::function<bool(LPCWSTR, DWORD)> g_failOpen;  // true: fails with ERROR_SHARING_VIOLATION
 bool g_failDelete = false;
+std::function<void()> g_beforeDelete;
 }  // namespace
 
 extern "C" {
@@ -31,9 +32,11 @@ HANDLE __wrap_CreateFileW(LPCWSTR name, DWORD access, DWORD share, LPSECURITY_AT
     }
     return __real_CreateFileW(name, access, share, security, disposition, flags, file);
 }
-BOOL __real_DeleteFileW(LPCWSTR);
-BOOL __wrap_DeleteFileW(LPCWSTR name) {
-    if (!g_failDelete) return __real_DeleteFileW(name);
+BOOL __real_SetFileInformationByHandle(HANDLE, FILE_INFO_BY_HANDLE_CLASS, LPVOID, DWORD);
+BOOL __wrap_SetFileInformationByHandle(HANDLE file, FILE_INFO_BY_HANDLE_CLASS kind,
+                                       LPVOID information, DWORD size) {
+    if (g_beforeDelete) g_beforeDelete();
+    if (!g_failDelete) return __real_SetFileInformationByHandle(file, kind, information, size);
     SetLastError(ERROR_SHARING_VIOLATION);
     return FALSE;
 }
@@ -61,6 +64,7 @@ protected:
         g_freeSpace = nullptr;
         g_failOpen = nullptr;
         g_failDelete = false;
+        g_beforeDelete = nullptr;
         fs::remove_all(top);
     }
     void Put(const std::string& name, const std::string& data) {
@@ -532,6 +536,35 @@ TEST_F(WebFiles, AFileSwappedForALinkWhileItIsOpenedIsNotSent) {
     EXPECT_EQ(Get("/media/clip.mxf"), E_UNEXPECTED);
     ExpectBadRequest();
     EXPECT_EQ(NoAttributes(RootText() + "/media/clip.mxf").line, 3236);
+}
+
+// Folder and link change places behind the last look at the name: what lies outside stays, and so
+// does the file that was asked for.
+TEST_F(WebFiles, AFolderSwappedForALinkWhileItsFileIsOpenedIsNotDeletedFrom) {
+    Put("clip.mxf", "outside");
+    g_failOpen = [&](LPCWSTR, DWORD flags) {
+        if (flags == FILE_FLAG_OPEN_REPARSE_POINT) {
+            fs::rename(top / "vol/media", top / "vol/moved");
+            fs::create_directory_symlink(top, top / "vol/media");
+        }
+        return false;
+    };
+    EXPECT_EQ(Delete("/media/clip.mxf"), E_UNEXPECTED);
+    ExpectBadRequest();
+    EXPECT_EQ(NoAttributes(RootText() + "\\/media/clip.mxf").line, 3323);
+    EXPECT_TRUE(fs::exists(top / "clip.mxf"));
+    EXPECT_TRUE(fs::exists(top / "vol/moved/clip.mxf"));
+}
+
+TEST_F(WebFiles, AFolderSwappedForALinkBeforeItsFileIsDeletedIsDeletedFromAllTheSame) {
+    Put("clip.mxf", "outside");
+    g_beforeDelete = [&] {
+        fs::rename(top / "vol/media", top / "vol/moved");
+        fs::create_directory_symlink(top, top / "vol/media");
+    };
+    EXPECT_EQ(Delete("/media/clip.mxf"), S_OK);
+    EXPECT_TRUE(fs::exists(top / "clip.mxf"));
+    EXPECT_FALSE(fs::exists(top / "vol/moved/clip.mxf"));
 }
 
 TEST_F(WebFiles, OtherMethodsAreNotAllowed) {

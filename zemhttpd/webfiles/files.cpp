@@ -99,6 +99,24 @@ void OpenTarget(CZemEntry& scope, const CVolumePath& target, const WCHAR* host, 
     }
 }
 
+// What goes is the file that was found below the root, not what has its name a moment later: a
+// folder on the way may be swapped for a link. The handle is closed, and the file gone, on return.
+void DeleteTarget(CZemEntry& scope, const CVolumePath& target, const WCHAR* host) {
+    constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    const CFileHandle file(CreateFileW(target.FullPath(), DELETE, kShareAll, nullptr, OPEN_EXISTING,
+                                       FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+    if (file && !target.Holds(file.Get())) {
+        ThrowError(scope, E_UNEXPECTED, kSourceCmdHdlr, kLineDeleteAttributes, kNoAttributes, host,
+                   target.FullPath());
+    }
+    FILE_DISPOSITION_INFO disposition = {TRUE};
+    if (!file || !SetFileInformationByHandle(file.Get(), FileDispositionInfo, &disposition,
+                                             sizeof(disposition))) {
+        ThrowError(scope, HRESULT_FROM_WIN32(GetLastError()), kSourceCmdHdlr, kLineDelete,
+                   TEXT("%s: Error deleting file '%s'"), host, target.FullPath());
+    }
+}
+
 // The answer when nothing was sent; nothing of the reply that was begun goes along.
 void SendBadRequest(CHttpCommandHandler& handler, CHttpXaction& xaction, const WCHAR* host) {
     std::memset(static_cast<void*>(&xaction.Response()), 0, sizeof(HTTP_RESPONSE));
@@ -181,10 +199,7 @@ HRESULT CHttpCommandHandler::SendHttpDeleteResponse(CHttpXaction& xaction, USHOR
         if (Tracing()) {
             scope.Trace(TEXT("%s: Deleting file '%s'..."), host.text, target.FullPath());
         }
-        if (!DeleteFileW(target.FullPath())) {
-            ThrowError(scope, HRESULT_FROM_WIN32(GetLastError()), kSourceCmdHdlr, kLineDelete,
-                       TEXT("%s: Error deleting file '%s'"), host.text, target.FullPath());
-        }
+        DeleteTarget(scope, target, host.text);
         ULONG sent_bytes = 0;
         const ULONG error =
             HttpSendHttpResponse(m_requestQueue, xaction.RequestId(), 0, &response, nullptr,
