@@ -17,6 +17,13 @@ def picture(rate, size='320x240'):
     return ['-f', 'lavfi', '-i', 'testsrc2=size=%s:rate=%s' % (size, rate)]
 
 
+def cut(rate, frames, samples=None):
+    """So many frames, and as much sound, or so many samples. By filters: after "-frames:v" it is up to chance how much sound
+    the encoder had taken by then."""
+    samples = round(frames * 48000 / fractions.Fraction(rate)) if samples is None else samples
+    return ['-vf', 'trim=end_frame=%d' % frames, '-af', 'atrim=end_sample=%d' % samples]
+
+
 def film(rate, *arguments, size='320x240'):
     """Pictures and sound."""
     return [*picture(rate, size), *SOUND, *arguments]
@@ -24,16 +31,18 @@ def film(rate, *arguments, size='320x240'):
 
 MJPEG = ['-c:v', 'mjpeg']
 H264 = ['-c:v', 'libx264', '-preset', 'ultrafast', '-bf', '2', '-g', '20', '-pix_fmt', 'yuv420p', '-threads', '1']
-MPEG2 = ['-c:v', 'mpeg2video', '-g', '12', '-bf', '2']
+MPEG2 = ['-c:v', 'mpeg2video', '-g', '12', '-bf', '2', '-threads', '1']
 PRORES = ['-c:v', 'prores', '-profile:v', '0']
 RAW = ['-c:v', 'rawvideo', '-pix_fmt', 'uyvy422']
 DV_PAL = ['-c:v', 'dvvideo', '-pix_fmt', 'yuv420p']
 DV_NTSC = ['-c:v', 'dvvideo', '-pix_fmt', 'yuv411p']
 PCM16, PCM24, PCM24BE = ['-c:a', 'pcm_s16le'], ['-c:a', 'pcm_s24le'], ['-c:a', 'pcm_s24be']
 AAC, MP2 = ['-c:a', 'aac'], ['-c:a', 'mp2']
+# Two threads on every machine: as one slice a picture misses the rate, which must be exact here.
 D10 = ['-c:v', 'mpeg2video', '-b:v', '30M', '-minrate', '30M', '-maxrate', '30M', '-bufsize', '1200000',
        '-rc_init_occupancy', '1200000', '-g', '0', '-pix_fmt', 'yuv422p', '-intra_vlc', '1', '-ps', '1', '-qmin', '1',
-       '-rc_max_vbv_use', '1', '-flags', '+ildct+low_delay', '-dc', '10', '-f', 'mxf_d10', '-ac', '4']
+       '-rc_max_vbv_use', '1', '-flags', '+ildct+low_delay', '-dc', '10', '-f', 'mxf_d10', '-ac', '4',
+       '-threads', '2']
 FRAGMENTS = ['-movflags', 'frag_keyframe+empty_moov']
 
 # arguments: inputs and codecs; rate: of the pictures, None where there are none; streams: a letter each, "v" pictures,
@@ -47,7 +56,7 @@ CLIPS = {
     'prores.mov': Clip(film(FILM, *PRORES, *PCM24), FILM, 'vp', 'mov', True),
     'raw.mov': Clip(film(PAL2, *RAW, *PCM24BE, size='128x96'), PAL2, 'vp', 'mov', True),
     'h264.mov': Clip(film(NTSC2, *H264, *PCM16, '-timecode', '01:00:59;58'), NTSC2, 'vp', 'mov'),
-    'dv.mov': Clip(film(NTSC, *DV_NTSC, *PCM16, '-frames:v', '12', size='720x480'), NTSC, 'vp', 'mov'),
+    'dv.mov': Clip(film(NTSC, *DV_NTSC, *PCM16, *cut(NTSC, 12), size='720x480'), NTSC, 'vp', 'mov'),
     'fragments.mov': Clip(film(NTSC, *MJPEG, *PCM16, '-movflags', 'frag_every_frame+empty_moov'), NTSC, 'vp', 'mov'),
     'h264.mp4': Clip(film(NTSC2, *H264, *AAC), NTSC2, 'va', 'mov', True),
     'h264-front.mp4': Clip(film(FILM, *H264, *AAC, '-movflags', 'faststart'), FILM, 'va', 'mp4'),
@@ -65,18 +74,18 @@ CLIPS = {
     'h264.mxf': Clip(film(NTSC2, *H264, *PCM24), NTSC2, 'vp', 'mxf'),
     'h264-pal.mxf': Clip(film(PAL2, *H264, *PCM16), PAL2, 'vp', 'mxf'),
     'prores.mxf': Clip(film(FILM, *PRORES, *PCM24), FILM, 'vp', 'mxf'),
-    'dnxhd.mxf': Clip(film(NTSC2, '-c:v', 'dnxhd', '-b:v', '75M', '-pix_fmt', 'yuv422p', '-frames:v', '30', *PCM24,
+    'dnxhd.mxf': Clip(film(NTSC2, '-c:v', 'dnxhd', '-b:v', '75M', '-pix_fmt', 'yuv422p', *cut(NTSC2, 30), *PCM24,
                            size='1280x720'), NTSC2, 'vp', 'mxf'),
-    'dv.mxf': Clip(film(PAL, *DV_PAL, *PCM16, '-frames:v', '25', '-timecode', '09:59:59:20', size='720x576'), PAL,
+    'dv.mxf': Clip(film(PAL, *DV_PAL, *PCM16, *cut(PAL, 25), '-timecode', '09:59:59:20', size='720x576'), PAL,
                    'vp', 'mxf', True),
-    'd10.mxf': Clip(film(PAL, *D10, *PCM16, '-frames:v', '12', size='720x608'), PAL, 'vq', 'mov'),
+    'd10.mxf': Clip(film(PAL, *D10, *PCM16, *cut(PAL, 12), size='720x608'), PAL, 'vq', 'mov'),
     'dnxhd-atom.mxf': Clip([*picture(PAL, '1920x1080'), '-c:v', 'dnxhd', '-b:v', '36M', '-f', 'mxf_opatom',
                             '-frames:v', '8'], PAL, 'v', 'mxf'),
     'pcm-atom.mxf': Clip([*SOUND, *PCM16, '-f', 'mxf_opatom'], None, 'p', 'wav', True),
     'pcm24-atom.mxf': Clip([*SOUND, *PCM24, '-f', 'mxf_opatom'], None, 'p', 'wav'),
     'mjpeg.avi': Clip(film(NTSC, *MJPEG, *PCM16), NTSC, 'vp', 'mov', True),
     'mjpeg-film.avi': Clip(film(FILM, *MJPEG, *PCM24), FILM, 'vp', 'avi'),
-    'dv.avi': Clip(film(NTSC, *DV_NTSC, *PCM16, '-frames:v', '20', size='720x480'), NTSC, 'vp', 'mov'),
+    'dv.avi': Clip(film(NTSC, *DV_NTSC, *PCM16, *cut(NTSC, 20, 27648), size='720x480'), NTSC, 'vp', 'mov'),
     'raw.avi': Clip(film(PAL, '-c:v', 'rawvideo', '-pix_fmt', 'yuyv422', *PCM16, size='128x96'), PAL, 'vp', 'avi'),
     'h264.avi': Clip(film(NTSC2, *H264, '-bf', '0', *PCM16), NTSC2, 'vp', 'avi'),
     'mpeg2.ts': Clip(film(PAL, *MPEG2, *MP2), PAL, 'va', 'mov', True),

@@ -48,7 +48,7 @@ class WholeClips(zemcase.ZemCase):
         self.assertEqual(clips.payload(target, 'a:0'), clips.payload(source, 'a:0'))
 
     def test_a_container_that_leaves_frames_out_is_found_out(self):
-        self.zem('import', self.path('dv.avi'), 'media/uneven')  # the sound is longer than the pictures
+        self.zem('import', self.path('dv.avi'), 'media/uneven')  # the sound is shorter than the pictures
         target = self.target('uneven.mxf')
         self.zem('export', 'media/uneven', target, code=1)
         self.assertFalse(os.path.exists(target))
