@@ -151,7 +151,7 @@ class Ledger:
 
     def take(self, count, good=None, timeout_s=20):
         """All lines since the last call but the mark that is set now. At least `count` are waited for, and until they are
-        `good`; what a worker writes after its reply may come later than the mark, but not much."""
+        `good`; what a worker writes after its reply may come later than the mark."""
         mark = self.mark()
         end = time.monotonic() + timeout_s
         marked = False
@@ -164,7 +164,7 @@ class Ledger:
                 if len(taken) >= count and (good is None or good(taken)):
                     break
                 if not marked:
-                    marked, end = True, time.monotonic() + 2
+                    marked, end = True, time.monotonic() + timeout_s
             if time.monotonic() > end:
                 break
             time.sleep(0.002)  # the log has a thread of its own

@@ -115,7 +115,7 @@ class Connection:
     rewrite = None  # what becomes of the bytes of a request: a system may ask for another Host
     wait = None  # called before each read of a reply
 
-    patience_s = 30
+    patience_s = 60  # a busy machine stands still for long
 
     def __init__(self, port, timeout_s=None):
         self.port = port
@@ -323,7 +323,7 @@ class Server:
                 records.append(line)
         return records
 
-    def wait_for_line(self, part, timeout_s=20):
+    def wait_for_line(self, part, timeout_s=120):
         """The log is written by a thread of its own: read until the line is there."""
         end = time.monotonic() + timeout_s
         while time.monotonic() < end:
