@@ -17,6 +17,9 @@ packages_test=(ffmpeg curl openssl nginx-light binutils man-db lintian logrotate
 # To try the console page in: the smallest Chromium, without windows.
 packages_browser=(chromium-headless-shell fonts-dejavu-core)
 
+# To look at the sources with: tests/tidy/lint. Another version formats and warns differently.
+packages_lint=(clang-format-14 clang-tidy-14)
+
 # To build for Windows and run the tests under Wine.
 packages_windows=(
     g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix wine64 clang googletest

@@ -289,7 +289,7 @@ private:
 
     void String(const CConversion& c, bool capital, CArguments& arguments) {
         const size_t limit = c.has_precision ? c.precision : static_cast<size_t>(-1);
-        if (IsOther(c, capital)) {
+        if (IsOther(c, capital)) {  // NOLINT(bugprone-branch-clone): the types differ
             Terminated(c, va_arg(arguments.list, const Other*), limit);
         } else {
             Terminated(c, va_arg(arguments.list, const C*), limit);
