@@ -24,7 +24,7 @@ bool CErrorLogOutput::Open(const ErrorLogSettings& settings, std::string* proble
 }
 
 bool CErrorLogOutput::OpenFile() {
-    m_file.reset(std::fopen(PathOf(m_settings.path).string().c_str(), "ab"));
+    m_file.reset(OpenToAppend(PathOf(m_settings.path)));
     if (!m_file) return false;
     std::error_code error;
     const uintmax_t bytes = std::filesystem::file_size(PathOf(m_settings.path), error);

@@ -4,10 +4,15 @@
 #pragma once
 
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <string>
 
 #include "mediaio/errorlog/sink.h"
+
+// Opens, or creates, a file of any name for appending, without translation of line ends; null:
+// errno says why. The caller closes it. In output_posix.cpp and output_windows.cpp.
+std::FILE* OpenToAppend(const std::filesystem::path& path);
 
 class CErrorLogOutput {
 public:
