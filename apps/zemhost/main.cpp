@@ -3,6 +3,7 @@
 // a signal, and stops the server. One thread of its own; the rest are the server's.
 #include <cstdio>
 #include <exception>
+#include <functional>
 
 #include "apps/generated/version.h"
 #include "apps/zemhost/checks.h"
@@ -120,6 +121,15 @@ int ServeAs(const HostOptions& options) {
     return Serve(options, settings);
 }
 
+// A failure that nobody expected is one to start.
+int Guarded(const std::function<int()>& run) {
+    try {
+        return run();
+    } catch (const std::exception& error) {
+        return Fail(kExitStartFailed, error.what());
+    }
+}
+
 int Run(const std::vector<std::string>& arguments) {
     HostOptions options;
     const std::string problem = ParseOptions(arguments, options);
@@ -132,24 +142,19 @@ int Run(const std::vector<std::string>& arguments) {
         std::printf("zemhost %s\n", kZemVersion);
         return kExitStopped;
     }
-    const auto serve = [&] { return ServeAs(options); };
+    const auto serve = [&] {
+        const int code = Guarded([&] { return ServeAs(options); });
+        ErrorLogStop(kLogStop_ms);  // a service that says it has stopped may be ended at any time
+        return code;
+    };
     const std::optional<int> code = RunUnderSystem(options, serve);
     return code ? *code : serve();
-}
-
-// A failure that nobody expected is one to start.
-int RunGuarded(int argc, char** argv) {
-    try {
-        return Run(ProgramArguments(argc, argv));
-    } catch (const std::exception& error) {
-        return Fail(kExitStartFailed, error.what());
-    }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    const int code = RunGuarded(argc, argv);
+    const int code = Guarded([&] { return Run(ProgramArguments(argc, argv)); });
     // Where a process' end ends its threads first, nobody would be left to write the log.
     ErrorLogStop(kLogStop_ms);
     return code;
