@@ -27,12 +27,15 @@ TEST(Bstr, CarriesItsLength) {
     SysFreeString(open);
 }
 
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"  // of the system's own interfaces
 struct CCounted final : IUnknown {
     ULONG refs = 1;
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void**) override { return E_NOINTERFACE; }
     ULONG STDMETHODCALLTYPE AddRef() override { return ++refs; }
     ULONG STDMETHODCALLTYPE Release() override { return --refs; }
 };
+#pragma GCC diagnostic pop
 
 TEST(Variant, ClearsAndCopies) {
     VARIANT a, b;
