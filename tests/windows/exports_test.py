@@ -17,6 +17,8 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..'
 import windows_server
 
 WANTED_SLOTS = ['LogEntryPoint', 'LogError', 'WriteEventLog', 'LogMsg', 'LogWarning', 'LogOwnerInfo', 'Trace']
+WANTED_EVENTS = [('trace', 'L"event 6"'),
+                 ('err', r'L"event 7\r\n  ->CHost::Part7 of nine\r\nhost.cpp(10) : Error 0xfffffff9"')]
 PLAIN = {'CreateZemHttpSvr', 'DestroyZemHttpSvr'}
 
 
@@ -67,15 +69,22 @@ def main():
     if [re.match(r'\?(\w+)@', name)[1] for name in slots] != WANTED_SLOTS:
         problems.append('the slots are %s' % slots)
     if not problems:
-        run = subprocess.run([*options.run, *slots], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        # Wine has no event log: it says what it would write there.
+        run = subprocess.run([*options.run, *slots], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                             env=dict(os.environ, WINEDEBUG='-all,err+eventlog,warn+eventlog,trace+eventlog'))
         text, log = run.stdout.decode(errors='replace'), run.stderr.decode(errors='replace')
         if windows_server.exit_code(run.returncode, text, r"a host's use of the class agree\n") != 0:
             problems.append('%s%s\nexports_run ended with %d' % (log, text, run.returncode))
+        if not re.search(r'message \[\d+\] host\.cpp\(12\): m{511}\r?\n', log):
+            problems.append('%s\na long message is not cut at 511 characters' % log)
+        events = re.findall(r'^\w+:(\w+):eventlog:ReportEventW (.*?)\r?$', log, re.M)
+        if events != WANTED_EVENTS:
+            problems.append('the events are %s' % events)
         last = re.findall(r'message \[\d+\] (?:\S+: )?last words (\d+)', log)
         # What the writer was at when it was ended may be there twice.
         if {str(i) for i in range(500)} - set(last) or last[-1] != '499':
             problems.append('%s\nthe log does not end with 500 last words' % log)
-    print('\n'.join(problems) or '%d imported names are exported; 7 slots, offsets and constructors agree' % len(imports))
+    print('\n'.join(problems) or '%d imported names are exported; 7 slots, offsets, constructors and events agree' % len(imports))
     return 1 if problems else 0
 
 

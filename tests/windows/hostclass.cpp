@@ -43,5 +43,19 @@ int UseAsHost() {
     CHECK(scope->LogOwnerInfo(4, TEXT("a"), TEXT("b"), TEXT("c"), TEXT("d"), 5) == 1);
     CHECK(base->WriteEventLog(TEXT("zemhttpd test"), 4, 0, TEXT("host.cpp"), 9, TEXT("event %d"),
                               6) == 0);
+    CHECK(base->WriteEventLog(TEXT("zemhttpd test"), 1, -7, TEXT("host.cpp"), 10, TEXT("event %d"),
+                              7) == 0);
+    CHECK(named.GetResult() == -7);
+
+    // Longer texts are cut, and nothing of the system objects.
+    WCHAR many[600];
+    for (WCHAR& unit : many)
+        unit = u'm';
+    many[599] = 0;
+    const CHostScope cut(TEXT("%s"), many);
+    CHECK(cut.Function()[126] == u'm' && cut.Function()[127] == 0);
+    CHECK(scope->LogMsg(TEXT("%s"), many) == 1);
+    CHECK(base->LogError(-8, many, 13, TEXT("cut")) == 0);
+    CHECK(named.GetFile()[30] == u'm' && named.GetFile()[31] == 0);
     return 0;
 }
