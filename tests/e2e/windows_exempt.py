@@ -1,5 +1,6 @@
-"""The cases of the black-box suite that cannot pass under Wine, each with its reason. Everything else runs, in both modes and with
-the trace flag off and on; so does every case named here, by itself, and the suite fails when it passes.
+"""The cases that cannot pass under Wine, each with its reason: of the black-box suites, and of the platform suites. Everything else
+runs, the black-box suites in both modes and with the trace flag off and on; so does every case named here, by itself, and the
+suite fails when it passes.
 
 Rows: suite, what the case's name begins with, reason."""
 
@@ -23,6 +24,8 @@ PIECES = ('Wine collects a request before anyone sees it, and drops the connecti
 
 # Cases that pass by chance: left out.
 NOT_RUN = [
+    ('platform', 'Apc.NoneIsLostAgainstWaits',
+     'it wants one wait at least that a queued call interrupts, and Wine often has none'),
     ('blackbox', 'Frames.test_large_frame_in_small_pieces', PIECES),
     ('exact_clients', 'Configuration.test_document_in_many_segments', PIECES),
 ]
@@ -35,6 +38,9 @@ CASE = 'Wine takes a prefix only as it was registered, to the letter'
 CHUNKED = 'Wine takes no chunked requests'
 FILES = 'Wine has no responses from file handles'
 PATHS = 'Wine hands paths on as they were sent, neither decoded nor resolved'
+
+NARROW = 'the ANSI code page of the test program is not UTF-8, and the C runtime knows no locale'
+ZEROS = 'the C runtime fills with zeros though there is a precision'
 
 EXEMPT = [
     ('blackbox', 'Files.test_links_never_leave_the_root', LINKS),
@@ -65,4 +71,35 @@ EXEMPT = [
     ('exact_pages', 'TextPages.test_status_by_other_spellings', CASE),
     ('exact_pages', 'WithoutRoot.test_root_that_goes_away', 'Wine gives a missing folder another error than Windows'),
     ('exact_pages', 'Permissions.', 'Wine runs everything as one user'),
+
+    # What the layer for Linux refuses is more than what a system must: programs of ours are to notice.
+    ('platform', 'Apartment.IsCountedPerThreadAndHasOneModel', 'the system takes flags that the layer for Linux refuses'),
+    ('platform', 'CodePage.RefusesBadArguments', 'the system takes a replacement for UTF-8 that the layer for Linux refuses'),
+    ('platform', 'Files.RefusesUnknownArguments', 'the system takes access and flags that the layer for Linux refuses'),
+    ('platform', 'XmlDocument.BoundsTheDepth', 'the system has no bound of depth'),
+    ('platform', 'XmlDocument.RefusesWhatIsNotWellFormed', 'the document of Wine takes document types'),
+    ('platform', 'Wait.RefusesBadHandles', 'a number that is no handle of the layer may be one of the system'),
+    ('platform', 'Wait.MultipleChecksItsArguments', 'Wine takes a handle twice'),
+    ('platform', 'Semaphore.CountsAndRefuses', 'Wine takes a release of none'),
+    ('platform', 'Apc.MayQueueFurtherCalls', 'Wine has another error for a call of no function'),
+    ('platform', 'Calendar.LocalTimeIsTheSystemTimeInTheZone', 'Wine takes times that do not fit'),
+    ('platform', 'Calendar.RefusesWhatDoesNotExist', 'Wine takes dates that do not exist'),
+    ('platform', 'ComError.HasTheSystemsMessageWithoutItsLineEnd', 'Wine has fewer messages'),
+    ('platform', 'CodePage.ReplacesIllFormedText', 'Wine counts an ill-formed sequence as one'),
+    ('platform', 'CodePage.ConvertsBothWays', NARROW),
+    ('platform', 'Format.Characters', NARROW),
+    ('platform', 'Format.NullStringsAndIllFormedText', NARROW),
+    ('platform', 'Format.ReadsNoFurtherThanAllowed', NARROW),
+    ('platform', 'Format.StringsInANarrowFormat', NARROW),
+    ('platform', 'Format.StringsInAWideFormat', NARROW),
+    ('platform', 'Format.AgreesWithTheCLibraryOnRandomNumbers', ZEROS),
+    ('platform', 'Format.IntegerFlags', ZEROS),
+    ('platform', 'Format.Integers', 'the C runtime does not know %hhd'),
+    ('platform', 'Format.Floats', 'the C runtime writes exponents with three digits'),
+    ('platform', 'Format.UnknownConversionsAreCopied', 'the C runtime leaves out what it does not know'),
+    ('platform', 'Format.RefusesToWriteThroughN', 'the C runtime writes through %n'),
+    ('platform', 'Format.FitsExactly', 'sprintf_s of the build does not refuse a text without room for its end'),
+    ('platform', 'Format.BadArguments', 'swprintf_s of the build takes a null buffer'),
+    ('platform', 'Text.Appends', 'strcat_s of the build has another error for a buffer without an end'),
+    ('platform', 'Text.Compares', '_stricmp of the C runtime takes bytes from 0x80 on for signed ones'),
 ]

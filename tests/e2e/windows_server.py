@@ -44,15 +44,40 @@ def wait(connection):
         ring(connection.port)
 
 
+def note(text):
+    """What Wine did and a test got over, for the summary of the run."""
+    print('note: ' + text, flush=True)
+
+
 def exit_code(code, said, last_words):
     """The wineserver kills what is left of a program half a second after its last thread has ended, so on a busy machine its
     exit code may be lost. Then what the program said tells: `last_words` is a pattern that it matches only if all is well."""
-    return 0 if code == -signal.SIGKILL and re.search(last_words, said.replace('\r', '')) else code
+    if code != -signal.SIGKILL or not re.search(last_words, said.replace('\r', '')):
+        return code
+    note('the wineserver took an exit code')
+    return 0
+
+
+def run(*command):
+    """Runs a Windows program: its exit code, and what it said."""
+    done = subprocess.run([WINE, *command], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    return done.returncode, done.stdout.decode(errors='replace')
+
+
+def import_settings(path):
+    """With Wine's own program: nothing of ours is at work, so a failure is Wine's."""
+    for _ in range(3):
+        code, text = run('reg', 'import', path)
+        if code in (0, -signal.SIGKILL):
+            return
+        note('reg import ended with %d: %s' % (code, text.strip()))
+    raise wire.NotStarted('reg import ended with %d: %s' % (code, text))
 
 
 class WindowsServer(wire.Server):
     patience_s = 60
     stop_signal = signal.SIGINT  # arrives as Ctrl-C
+    log_name = 'l\u00f6g \u20ac'  # not every letter is one of the ANSI code page
 
     def named(self, path):
         return path and 'Z:' + path.replace('/', '\\')
@@ -72,9 +97,10 @@ class WindowsServer(wire.Server):
                 pass
             bell.close()
             super().kill()
+            note('the HTTP driver did not notice the first connection: Wine was started anew')
             stop_wine()
             start_wine()
-        raise RuntimeError('the server does not answer')
+        raise wire.NotStarted('the server does not answer')
 
     def silence(self):
         bell = bells.pop(self.port, None)
@@ -101,13 +127,19 @@ class WindowsServer(wire.Server):
         gone = ''.join('[-HKEY_LOCAL_MACHINE\\Software\\%s]\r\n' % key for key in keys)
         with open(self.registry, 'w', encoding='utf-16', newline='') as out:
             out.write(title + '\r\n\r\n' + gone + settings)
-        subprocess.run([WINE, 'reg', 'import', self.named(self.registry)], check=True, stdout=subprocess.DEVNULL,
-                       stderr=subprocess.DEVNULL, stdin=subprocess.DEVNULL)
+        import_settings(self.named(self.registry))
 
 
-def start_wine():
-    """Lets what Wine runs in the background stay from one server to the next, and starts it away from our pipes."""
-    quiet = {'stdin': subprocess.DEVNULL, 'stdout': subprocess.DEVNULL, 'stderr': subprocess.DEVNULL}
+def start_wine(errors=subprocess.DEVNULL, debug='-all'):
+    """Makes what Wine runs in the background stay until stop_wine, away from our pipes. By itself it ends three seconds after the
+    last program; one that comes meanwhile finds half of it: services that are ending, an HTTP driver that is gone. `errors` gets what the
+    background says on the channels of `debug`."""
+    quiet = {'stdin': subprocess.DEVNULL, 'stdout': subprocess.DEVNULL, 'stderr': errors,
+             'env': dict(os.environ, WINEDEBUG=debug)}
+    if not os.path.exists(os.path.join(PREFIX, 'system.reg')):
+        subprocess.run([WINE, 'cmd', '/c', 'exit'], check=True, **quiet)
+        stop_wine()
+    subprocess.run([WINE_SERVER, '-p'], **quiet)  # fails where one runs already
     subprocess.run([WINE, 'cmd', '/c', 'exit'], check=True, **quiet)
 
 

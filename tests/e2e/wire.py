@@ -219,10 +219,15 @@ def free_port():
         return probe.getsockname()[1]
 
 
+class NotStarted(RuntimeError):
+    """No server, so nothing was tried."""
+
+
 class Server:
     """A zemhost of its own: temporary volume, registry file and log."""
 
     stop_signal = signal.SIGTERM
+    log_name = 'log'
 
     def __init__(self, program, file_server=False, trace=False, settings=(), environment=None, volume='volume',
                  user=None):
@@ -234,7 +239,7 @@ class Server:
         self.root = self.named(self.volume)
         if volume == 'volume':
             os.mkdir(self.volume)
-        self.log = os.path.join(self.folder, 'log')
+        self.log = os.path.join(self.folder, self.log_name)
         self.user = user
         if user is not None:
             os.chown(self.folder, user, -1)
@@ -281,12 +286,13 @@ class Server:
                 self.drain.start()
                 return
             rest = self.process.stdout.read().decode()
-            self.process.wait()
+            code = self.process.wait()
             self.process.stdout.close()
             if 'port' not in line + rest:
+                rest += 'its log: ' + self.logged()
                 shutil.rmtree(self.folder)
-                raise RuntimeError('zemhost did not start: ' + line + rest)
-        raise RuntimeError('no free port')
+                raise NotStarted('zemhost did not start, but ended with %d: %s%s' % (code, line, rest))
+        raise NotStarted('no free port')
 
     def listen(self):
         self.said = self.process.stdout.read().decode()
@@ -308,6 +314,13 @@ class Server:
         if self.process.poll() is None:
             self.stop()
         shutil.rmtree(self.folder)
+
+    def logged(self):
+        """What the log has, as it is."""
+        if not os.path.exists(self.log):
+            return '(no log)\n'
+        with open(self.log, encoding='utf-8', errors='replace') as text:
+            return text.read()
 
     def lines(self):
         """The log's records; the further pieces of a long message ("... ") are put back to the first."""
