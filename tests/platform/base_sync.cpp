@@ -425,12 +425,14 @@ HANDLE g_self = nullptr;
 TEST(Apc, MayQueueFurtherCalls) {
     CLog log;
     g_log = &log;
-    const CHandle ready(NewEvent(false, false));
+    const CHandle begun(NewEvent(false, false)), ready(NewEvent(false, false));
     CTestThread thread([&] {
+        SetEvent(begun);  // what is queued earlier may run before the wait
         WaitForSingleObject(ready, INFINITE);
         return static_cast<unsigned>(SleepEx(INFINITE, TRUE));
     });
     g_self = thread.Handle();
+    WaitForSingleObject(begun, INFINITE);
     QueueUserAPC(
         [](ULONG_PTR) {
             Note(1);
