@@ -5,11 +5,13 @@
 
 #include "platform/platform.h"
 #include "tests/windows/hostclass.h"
+#include "zemhttpd/entry/zemhttpd.h"
 
 namespace {
 
 constexpr size_t kObject_bytes = 376, kNameAt = 8;
 constexpr int kLastRecords = 500;
+constexpr int kStarts = 20;
 
 int Fail(const char* what) {
     std::printf("%s\n", what);
@@ -24,6 +26,20 @@ Call Find(HMODULE library, const char* name) {
 bool Named(const void* object, const WCHAR* name) {
     return wcscmp(reinterpret_cast<const WCHAR*>(static_cast<const char*>(object) + kNameAt),
                   name) == 0;
+}
+
+// Stopped before its threads have begun: a call that is queued for a thread so early runs before
+// the thread's routine, and ends no wait.
+bool StartsAndStopsAtOnce() {
+    for (int i = 0; i < kStarts; ++i) {
+        CHttpCommandHandler* server = nullptr;
+        const HRESULT started = CreateZemHttpSvr(&server);
+        if (started != S_OK || DestroyZemHttpSvr(server) != S_OK) {
+            std::printf("start %d: 0x%lx\n", i, static_cast<unsigned long>(started));
+            return false;
+        }
+    }
+    return true;
 }
 
 }  // namespace
@@ -64,6 +80,7 @@ int main(int argc, char** argv) {
         std::printf("hostclass.cpp:%d does not hold\n", line);
         return 1;
     }
+    if (!StartsAndStopsAtOnce()) return Fail("starting and stopping at once does not work");
     // The queue is written when the process ends, whose end ends the log's own thread first.
     CEntryPoint scope(TEXT("main"));
     for (int i = 0; i < kLastRecords; ++i)

@@ -15,6 +15,7 @@ import sys
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', 'e2e'))
 import windows_server
+import wire
 
 WANTED_SLOTS = ['LogEntryPoint', 'LogError', 'WriteEventLog', 'LogMsg', 'LogWarning', 'LogOwnerInfo', 'Trace']
 WANTED_EVENTS = [('trace', 'L"event 6"'),
@@ -69,8 +70,11 @@ def main():
     if [re.match(r'\?(\w+)@', name)[1] for name in slots] != WANTED_SLOTS:
         problems.append('the slots are %s' % slots)
     if not problems:
+        windows_server.start_wine()
+        windows_server.run('reg', 'add', 'HKLM\\Software\\Quorvane Group\\ZEM', '/v', 'HttpPort', '/t', 'REG_DWORD',
+                           '/d', str(wire.free_port()), '/f')
         # Wine has no event log: it says what it would write there.
-        run = subprocess.run([*options.run, *slots], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+        run = subprocess.run([*options.run, *slots], stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=90,
                              env=dict(os.environ, WINEDEBUG='-all,err+eventlog,warn+eventlog,trace+eventlog'))
         text, log = run.stdout.decode(errors='replace'), run.stderr.decode(errors='replace')
         if windows_server.exit_code(run.returncode, text, r"a host's use of the class agree\n") != 0:

@@ -197,6 +197,7 @@ private:
 
     HANDLE m_issuerThread = nullptr;
     HANDLE m_snifferThread = nullptr;
+    std::atomic<bool> m_issuerBegun{false};
     HANDLE* m_workerThreads = nullptr;
     int m_workerCount = 0;
     bool m_httpInitialized = false;

@@ -209,6 +209,9 @@ void CHttpCommandHandler::Shutdown() {
 // The sniffer waits on the issuer's handle, so that handle stays open until the sniffer has ended
 // too.
 void CHttpCommandHandler::StopLongThreads() {
+    // A call that is queued before its thread has begun may run ahead of the thread's routine, and
+    // would end no wait.
+    if (m_issuerThread) m_issuerBegun.wait(false);
     for (const HANDLE thread : {m_issuerThread, m_snifferThread}) {
         if (!thread) continue;
         QueueUserAPC(EndAlertableWait, thread, 0);

@@ -99,6 +99,8 @@ unsigned WINAPI CHttpCommandHandler::HttpRequestIssuer(void* server) {
     CZemEntry scope(TEXT("CHttpCommandHandler::HttpRequestIssuer"));
     try {
         CHttpCommandHandler& self = *static_cast<CHttpCommandHandler*>(server);
+        self.m_issuerBegun = true;
+        self.m_issuerBegun.notify_all();
         CHttpXaction* xaction = nullptr;
         bool posted = true;
         // The stop APC ends the wait inside; a block whose receive failed is not given back.
