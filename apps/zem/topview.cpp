@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdio>
 #include <set>
 
@@ -67,7 +68,7 @@ void AddVolume(CRows& rows, const VolumeStatus& volume) {
         return;
     }
     const double used = UsedPart(volume);
-    const auto filled = static_cast<size_t>(used * static_cast<double>(kBar) + 0.5);
+    const auto filled = static_cast<size_t>(std::lround(used * static_cast<double>(kBar)));
     std::array<char, 32> percent{};
     std::snprintf(percent.data(), percent.size(), "  %.1f %% used", used * 100);
     const Colour colour = used > 0.95   ? Colour::kRed
