@@ -21,9 +21,8 @@ struct ZemCommand {
     const WCHAR* clientId;  // NUL-terminated, at most 259 units
     DWORD transId;
     DWORD code;
-    BYTE* body;             // behind the request header, inside the block's receive buffer
-    size_t bodyRoom_bytes;  // from `body` to the end of that buffer; what was not received there is
-                            // zero
+    BYTE* body;                // behind the request header, inside the block's receive buffer
+    size_t bodyRoom_bytes;     // from `body` to that buffer's end; what was not received is zero
     ULONGLONG received_bytes;  // of header and body, in memory
     DWORD expected_bytes;      // data size + 12, in 32-bit arithmetic
     const BYTE* frameData;     // CMD_WRITE_FRAME: payload bytes that came with the request, or null

@@ -127,9 +127,9 @@ public:
         m_category = kCategoryZem;
         std::memcpy(m_function, function.m_text, function.m_bytes);
     }
-    template <class Pointer>
-    requires std::same_as < std::remove_cvref_t<Pointer>,
-    const WCHAR* > explicit CZemEntry(Pointer&& function) : CEntryPoint(function) {
+    // Not for literals, which are checked above: an array is no pointer here.
+    template <std::same_as<const WCHAR*> Pointer>
+    explicit CZemEntry(const Pointer& function) : CEntryPoint(function) {
         m_category = kCategoryZem;
     }
     virtual ~CZemEntry();

@@ -130,8 +130,7 @@ private:
 
     OVERLAPPED m_overlapped;
     CHttpCommandHandler* m_owner = nullptr;
-    BYTE m_requestBuffer[kRequestBuffer_bytes];  // HTTP_REQUEST and what the interface puts behind
-                                                 // it
+    BYTE m_requestBuffer[kRequestBuffer_bytes];  // HTTP_REQUEST and what it points to
     HTTP_REQUEST* m_request = nullptr;           // start of m_requestBuffer
     HTTP_RESPONSE m_response;
     ULONGLONG m_reserved1;
@@ -202,8 +201,8 @@ private:
 
 // One frame I/O while the media library works on it.
 struct CFrameIoXaction {
-    CZemChannelIo*
-        channel;  // alive until the completion routine has returned: the library sees to it
+    // Alive until the completion routine has returned: the library sees to it.
+    CZemChannelIo* channel;
     CHttpCommandHandler* owner;
     CHttpXaction* httpXaction;
     ElemStrmEntry entries[kMaxStreamEntries];

@@ -107,9 +107,8 @@ HRESULT CHttpCommandHandler::ProcessCommand(CZemEntry& scope, WCHAR (&clientId)[
     BYTE* const entity = static_cast<BYTE*>(chunk.FromMemory.pBuffer);
     const size_t room_bytes = EntityRoom_bytes(xaction, chunk);
 
-    // The reference goes before the handler runs, so that a leave destroys the client where it says
-    // so.
-    // A write whose turn has come was counted when it arrived.
+    // The reference goes before the handler runs: a leave destroys the client where it says so. A
+    // write whose turn has come was counted when it arrived.
     if (!xaction.InLine()) {
         const CZemClientRef client = LookupClient(clientId, true);
         if (client.Channel()) client.Channel()->BumpRealTimeIoMsgs();

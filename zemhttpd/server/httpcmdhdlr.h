@@ -38,7 +38,7 @@ public:
     // --- lifecycle (server/lifecycle.cpp), host thread ---
     HRESULT Initialize();
     void Shutdown();  // any number of times
-    HRESULT GetBaseUrl(const std::basic_string<WCHAR>& word, std::basic_string<WCHAR>& url);
+    HRESULT GetBaseUrl(const WString& word, WString& url);
 
     // --- receive loop (server/receiveloop.cpp) ---
     HRESULT InitRequestThreadPool();
@@ -211,9 +211,8 @@ private:
     CClientTable m_clients;
     std::atomic<DWORD> m_rsDbg{0};  // the trace flag: registry "RsDbg", re-read at every join
     DWORD m_fileServerMode = 0;
-    std::list<std::basic_string<WCHAR>> m_urlWords;
-    DWORD m_versionLength = 0;  // of m_version with its NUL, as read: tells a dump's reader whether
-                                // the registry gave it
+    std::list<WString> m_urlWords;
+    DWORD m_versionLength = 0;  // with its NUL, as read: shows in a dump if the registry gave it
     WCHAR m_volumeRoot[kNameUnits] = {};   // ends in one backslash; empty: none
     char m_computerName[kNameUnits] = {};  // value of X-ServerName
     CCapacityCache m_capacity;
