@@ -39,8 +39,8 @@ extern "C" __attribute__((noinline, visibility("default"))) void CountingEnds() 
 
 namespace {
 
-constexpr DWORD kCreate = 1, kOpen = 2, kRead = 3, kWrite = 4, kFileInfo = 6, kFrameDesc = 8,
-                kFlush = 10, kJoin = 15, kLeave = 16, kKeepAlive = 17;
+constexpr DWORD kCreate = 1, kRead = 3, kWrite = 4, kFileInfo = 6, kFrameDesc = 8, kFlush = 10,
+                kJoin = 15, kLeave = 16, kKeepAlive = 17;
 constexpr size_t kReplyHeader = 12;
 constexpr size_t kSmall = size_t{64} << 10, kLarge = size_t{1} << 20;
 
