@@ -14,6 +14,7 @@ namespace {
 using View = std::u16string_view;
 
 constexpr size_t kMaxDepth = 128;
+constexpr size_t kMaxPieces = 65536;     // tags, texts, attributes: each may take a node's memory
 constexpr size_t kMaxAttributes = 1024;  // of one element; the search for doubled ones is quadratic
 
 bool IsSpace(WCHAR c) {
@@ -45,7 +46,7 @@ public:
         if (Starts(u"<?xml") && m_rest.size() > 5 && IsSpace(m_rest[5]) && !Skip(u"<?", u"?>"))
             return false;
         while (!m_rest.empty()) {
-            if (!(m_rest[0] == u'<' ? Markup() : Text())) return false;
+            if (!(m_rest[0] == u'<' ? Markup() : Text()) || ++m_pieces > kMaxPieces) return false;
         }
         return m_roots == 1 && m_open.empty();
     }
@@ -155,7 +156,7 @@ private:
         const View value = m_rest.substr(1, end - 1);
         m_rest.remove_prefix(end + 1);
         if (value.find(u'<') != View::npos || !EntitiesValid(value)) return false;
-        if (m_attributes.size() == kMaxAttributes ||
+        if (m_attributes.size() == kMaxAttributes || ++m_pieces > kMaxPieces ||
             std::find(m_attributes.begin(), m_attributes.end(), name) != m_attributes.end()) {
             return false;
         }
@@ -202,6 +203,7 @@ private:
     View m_rest;
     std::vector<View> m_open;
     std::vector<View> m_attributes;
+    size_t m_pieces = 0;
     int m_roots = 0;
 };
 

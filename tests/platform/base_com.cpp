@@ -335,6 +335,21 @@ TEST_F(XmlDocument, BoundsTheDepth) {
     EXPECT_EQ(Load(nested(200000)), S_FALSE);
 }
 
+TEST_F(XmlDocument, BoundsTheNodes) {
+    const auto repeated = [](const WCHAR* what, int count) {
+        WString text = TEXT("<a>");
+        for (int i = 0; i < count; ++i)
+            text += what;
+        return text + TEXT("</a>");
+    };
+    EXPECT_EQ(Load(repeated(TEXT("<b/>"), 65534)), S_OK);
+    EXPECT_EQ(Load(repeated(TEXT("<b/>"), 65535)), S_FALSE);
+    EXPECT_EQ(Load(repeated(TEXT("<b c=''/>"), 32767)), S_OK);
+    EXPECT_EQ(Load(repeated(TEXT("<b c=''/>"), 32768)), S_FALSE);
+    EXPECT_EQ(Load(repeated(TEXT("x<!---->"), 32768)), S_FALSE) << "a text each";
+    EXPECT_EQ(Load(repeated(TEXT(" "), 1 << 20)), S_OK) << "one text";
+}
+
 TEST_F(XmlDocument, TravelsInAVariant) {
     ASSERT_EQ(Load(TEXT("<a/>")), S_OK);
     VARIANT variant;
