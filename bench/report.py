@@ -120,11 +120,11 @@ def line_table(results):
 
 
 def line_svg(results, title):
-    """A field for each line: the medians with their spread, and the straight line that fits them."""
+    """A field for each line: the medians with their spread, and the straight line."""
     width, height, left, top, gap = 280, 220, 64, 92, 76
     step = width + gap
     out = opening(left + step * len(results), top + height + 56, title,
-                  'median and spread of all rounds, and the straight line that fits the medians best')
+                  'median and spread of all rounds; the straight line fits the least of each')
     for i, result in enumerate(results):
         x0, y0 = left + i * step, top + height
         most_n = max(result.points)
