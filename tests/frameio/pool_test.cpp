@@ -419,6 +419,7 @@ TEST_F(FramePool, ARegisteredBlockIsFoundUntilItsRelease) {
     EXPECT_EQ(pool->FindBlock(0xFEDCBA9876543210ull), nullptr);
     pool->RegisterBlock(block);
     EXPECT_EQ(pool->FindBlock(0xFEDCBA9876543210ull), block);
+    block->streamData.entryCount = 22;
     block->entries[21].userData32 = 9;
     block->entries[0].token = 9;
     pool->ReleaseBlock(block);
@@ -495,6 +496,7 @@ TEST_F(FramePool, BlocksGoRoundUnderSeveralThreads) {
             CFrameIoXaction* block = pool->AcquireBlock();
             ASSERT_NE(block, nullptr);
             block->httpXaction = &xaction;
+            block->streamData.entryCount = 4;
             block->entries[3].token = 1;
             pool->RegisterBlock(block);
             GiveBack(block);

@@ -19,6 +19,13 @@ constexpr LONG kLineAllocate = 71;
 constexpr LONG kLineSemaphore = 85;
 constexpr LONG kCatchLineInit = 93;
 
+#ifndef NDEBUG
+bool AllZero(const void* bytes, size_t size) {
+    const BYTE* const first = static_cast<const BYTE*>(bytes);
+    return std::all_of(first, first + size, [](BYTE byte) { return byte == 0; });
+}
+#endif
+
 bool ReclaimWanted() {
     DWORD value = 0;
     CRegistryKey(kZemKeyPath).ReadDword(TEXT("ReclaimFrameBlocks"), value);
@@ -32,8 +39,7 @@ void CHttpXaction::Reset() {
     // A short request and its reply touch a quarter of it.
     std::memset(m_requestBuffer, 0, m_written_bytes);
     m_written_bytes = kRequestBuffer_bytes;
-    assert(std::all_of(std::begin(m_requestBuffer), std::end(m_requestBuffer),
-                       [](BYTE byte) { return byte == 0; }));
+    assert(AllZero(m_requestBuffer, sizeof(m_requestBuffer)));
     std::memset(static_cast<void*>(&m_response), 0, sizeof(m_response));
     m_reserved1 = 0;
     std::memset(static_cast<void*>(&m_dataChunk), 0, sizeof(m_dataChunk));
@@ -194,7 +200,10 @@ void CFrameIoXactionPool::RegisterBlock(CFrameIoXaction* block) {
 
 void CFrameIoXactionPool::ReleaseBlock(CFrameIoXaction* block) {
     if (!block) return;
-    std::memset(block->entries, 0, sizeof(block->entries));
+    // Nothing is written behind the entries that count.
+    const size_t used = std::min<size_t>(block->streamData.entryCount, kMaxStreamEntries);
+    std::memset(block->entries, 0, used * sizeof(ElemStrmEntry));
+    assert(AllZero(block->entries, sizeof(block->entries)));
     block->ioDesc.inUse = 0;
     const HTTP_REQUEST_ID requestId =
         block->httpXaction ? block->httpXaction->RequestId() : HTTP_NULL_ID;
