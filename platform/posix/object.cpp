@@ -5,6 +5,7 @@
 #include <array>
 #include <memory>
 #include <mutex>
+#include <type_traits>
 
 namespace posix {
 namespace {
@@ -36,13 +37,11 @@ struct CHandleTable {
 };
 
 // Never destroyed: threads may still close handles while the process ends.
-CHandleTable& Table() {
-    static CHandleTable* table = new CHandleTable;
-    return *table;
-}
+constinit CHandleTable g_table;
+static_assert(std::is_trivially_destructible_v<CHandleTable>);
 
 CSlot* SlotAt(uint32_t index) {
-    CSlot* chunk = Table().chunks[index / kChunkSlots].load(std::memory_order_acquire);
+    CSlot* chunk = g_table.chunks[index / kChunkSlots].load(std::memory_order_acquire);
     return chunk ? &chunk[index % kChunkSlots] : nullptr;
 }
 
@@ -65,7 +64,7 @@ CHandleParts Split(HANDLE handle) {
 }
 
 uint32_t TakeFreeSlot() {
-    CHandleTable& table = Table();
+    CHandleTable& table = g_table;
     std::lock_guard guard(table.lock);
     if (table.first_free != kNoSlot) {
         const uint32_t index = table.first_free;
@@ -82,7 +81,7 @@ uint32_t TakeFreeSlot() {
 }
 
 void Recycle(CSlot* slot, uint32_t index) {
-    CHandleTable& table = Table();
+    CHandleTable& table = g_table;
     slot->object->Release();
     slot->object = nullptr;
     auto generation = static_cast<uint32_t>(slot->word.load(std::memory_order_relaxed) >> 32) + 1;
@@ -115,7 +114,7 @@ HANDLE OpenHandle(CObject* object) {
     CSlot* slot = SlotAt(index);
     slot->object = object;
     const uint64_t word = slot->word.load(std::memory_order_relaxed);
-    Table().open.fetch_add(1, std::memory_order_relaxed);
+    g_table.open.fetch_add(1, std::memory_order_relaxed);
     slot->word.store(word | kOpen, std::memory_order_release);
     return MakeHandle(index, static_cast<uint32_t>(word >> 32));
 }
@@ -150,7 +149,7 @@ bool CloseObjectHandle(HANDLE handle) {
                                                         std::memory_order_relaxed)) {
                 continue;
             }
-            Table().open.fetch_sub(1, std::memory_order_relaxed);
+            g_table.open.fetch_sub(1, std::memory_order_relaxed);
             parts.slot->object->OnClose();
             Unpin(parts.slot, parts.index);
             return true;
@@ -161,7 +160,7 @@ bool CloseObjectHandle(HANDLE handle) {
 }
 
 size_t OpenHandleCount() {
-    return Table().open.load(std::memory_order_relaxed);
+    return g_table.open.load(std::memory_order_relaxed);
 }
 
 }  // namespace posix
