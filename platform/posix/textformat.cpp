@@ -65,13 +65,22 @@ private:
             m_cut = true;
         }
     }
+    // How many of so many characters there is room for; fewer than all cut the text.
+    size_t Fitting(size_t count) {
+        const size_t room = m_capacity - m_length;
+        if (count <= room) return count;
+        m_cut = true;
+        return room;
+    }
     void Repeat(char c, size_t count) {
-        for (; count > 0 && !m_cut; --count)
-            Put(static_cast<C>(c));
+        std::fill_n(m_to + m_length, count = Fitting(count), static_cast<C>(c));
+        m_length += count;
     }
     void PutNarrow(const char* text, size_t count) {
-        for (size_t i = 0; i < count && !m_cut; ++i)
-            Put(static_cast<C>(text[i]));
+        count = Fitting(count);
+        for (size_t i = 0; i < count; ++i)
+            m_to[m_length + i] = static_cast<C>(text[i]);
+        m_length += count;
     }
     void PutCode(char32_t code) {
         C units[4];
@@ -235,14 +244,25 @@ private:
         Integer(c, value < 0 ? 0 - bits : bits, 'u', sign);
     }
 
+    // The digits end at `end`; none for 0.
+    template <unsigned base>
+    static char* Digits(uint64_t value, const char* set, char* end) {
+        for (; value != 0; value /= base)
+            *--end = set[value % base];
+        return end;
+    }
+
     // `kind` is u, x, X or o.
     void Integer(const CConversion& c, uint64_t value, char kind, const char* prefix) {
         const unsigned base = kind == 'u' ? 10 : kind == 'o' ? 8 : 16;
         const char* set = kind == 'X' ? "0123456789ABCDEF" : "0123456789abcdef";
         char digits[24];
-        size_t count = 0;
-        for (uint64_t rest = value; rest != 0; rest /= base)
-            digits[sizeof(digits) - ++count] = set[rest % base];
+        char* const end = digits + sizeof(digits);
+        // Each base is a constant of its own: a division by a variable is the dearest there is.
+        const char* const first = base == 10   ? Digits<10>(value, set, end)
+                                  : base == 16 ? Digits<16>(value, set, end)
+                                               : Digits<8>(value, set, end);
+        const auto count = static_cast<size_t>(end - first);
         if (c.alternate && base == 16 && value != 0) prefix = kind == 'X' ? "0X" : "0x";
         size_t least = c.has_precision ? c.precision : 1;
         if (c.alternate && base == 8) least = std::max(least, count + 1);
@@ -257,7 +277,7 @@ private:
         if (!c.left) Repeat(' ', padding);
         PutNarrow(prefix, prefix_size);
         Repeat('0', zeros);
-        PutNarrow(digits + sizeof(digits) - count, count);
+        PutNarrow(first, count);
         if (c.left) Repeat(' ', padding);
     }
 
@@ -318,10 +338,12 @@ private:
         const size_t used = c.width > 0 ? std::min(c.width, UnitsOf(text, size)) : 0;
         const size_t padding = c.width - used;
         if (!c.left) Repeat(c.zero ? '0' : ' ', padding);
-        for (size_t i = 0; i < size && !m_cut;) {
-            if constexpr (std::is_same_v<T, C>) {
-                Put(text[i++]);
-            } else {
+        if constexpr (std::is_same_v<T, C>) {
+            size = Fitting(size);
+            std::copy_n(text, size, m_to + m_length);
+            m_length += size;
+        } else {
+            for (size_t i = 0; i < size && !m_cut;) {
                 const posix::CDecoded decoded = Decode(text + i, size - i);
                 PutCode(decoded.code);
                 i += decoded.units;
