@@ -103,6 +103,8 @@ def main():
         assert 'port 8080 registry' in settings and 'volume D:\\media registry' in settings, settings
         limit = run('reg', 'query', 'HKLM\\System\\CurrentControlSet\\Services\\HTTP\\Parameters', '/v', 'MaxRequestBytes')
         assert '0x400' in limit, limit
+        content_type = run('reg', 'query', 'HKCR\\.mxf', '/v', 'Content Type')
+        assert 'application/mxf' in content_type, content_type
         port = wire.free_port()
         run('reg', 'add', 'HKLM\\Software\\Quorvane Group\\ZEM', '/v', 'HttpPort', '/t', 'REG_DWORD', '/d', str(port), '/f')
         run('reg', 'add', 'HKLM\\Software\\Quorvane Group\\RUD\\vfs', '/v', '0', '/t', 'REG_SZ', '/d', named(folder), '/f')
