@@ -17,6 +17,7 @@ void PerformIo(IoRequest& request) {
     request.done_bytes = 0;
     switch (request.op) {
         case IoOp::kRead:
+        case IoOp::kFetch:
             request.result = file.ReadAt(request.data, request.size_bytes, request.offset_bytes,
                                          request.done_bytes);
             break;
@@ -219,7 +220,7 @@ void CThreadIo::Run(std::shared_ptr<Core> core, unsigned index) {
         }
         hold.unlock();
         const IoRequest accounting = *request;  // `completed` may free it
-        if (request->op == IoOp::kRead && request->data == nullptr) request->data = scratch;
+        if (Reads(request->op) && request->data == nullptr) request->data = scratch;
         PerformIo(*request);
         hold.lock();
         core->queue.Finished(accounting);

@@ -17,7 +17,12 @@
 
 namespace zemstore {
 
-enum class IoOp : uint8_t { kRead, kWrite, kSync, kPunch };
+// kFetch: a read of which nobody wants the bytes but in the page cache.
+enum class IoOp : uint8_t { kRead, kFetch, kWrite, kSync, kPunch };
+
+inline bool Reads(IoOp op) {
+    return op == IoOp::kRead || op == IoOp::kFetch;
+}
 
 // Owned by the caller, who keeps it (and what it points to) in place until `completed` is called
 // and may reuse or free it from there on.
@@ -55,7 +60,7 @@ class CIoQueue {
 public:
     using Clock = std::chrono::steady_clock;
     static constexpr unsigned kRealTimeLimit = 4;
-    static constexpr unsigned kRealTimeAheadLimit = 1;
+    static constexpr unsigned kRealTimeAheadLimit = 2;
     static constexpr unsigned kBackgroundLimit = 6;
     static constexpr unsigned kSyncLimit = 8;
     // The real-time client counts as active for so long after its last frame I/O.

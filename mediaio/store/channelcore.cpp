@@ -260,10 +260,11 @@ CChannelCore::Found CChannelCore::FindFrame(CIoState& io, const ChannelConfig& c
         entry.buffers[0] = {nullptr, frame.dataSize};
         return Found::kDone;
     }
-    bool ready = frame.lookSize == 0 && frame.view != nullptr && frame.verified;
+    bool ready = frame.lookSize == 0 && frame.view != nullptr;
     const uint32_t now = Now_ms();
-    if (ready && (frame.cachedStamp == 0 || now - frame.cachedStamp >= kCachedFor_ms)) {
-        ready = file->Cached(frame);
+    if (ready &&
+        (!frame.verified || frame.cachedStamp == 0 || now - frame.cachedStamp >= kCachedFor_ms)) {
+        ready = file->Cached(frame) && (frame.verified || file->CheckNow(frame));
         if (ready) file->ReportCached(frame, now);
     }
     if (!ready) {

@@ -59,6 +59,10 @@ public:
 
     // True when reading the range would not wait for the device. May be wrong for a moment.
     virtual bool Cached(uint64_t offset_bytes, size_t size_bytes) = 0;
+    // Reads what needs no waiting for the device; returns how much that was.
+    virtual size_t ReadCached(void* /*to*/, size_t /*size_bytes*/, uint64_t /*offset_bytes*/) {
+        return 0;
+    }
     // The first byte at or after the offset that is not in a hole; the file's size when there is
     // none. Not knowing holes is allowed.
     virtual uint64_t NextData(uint64_t offset_bytes) { return offset_bytes; }

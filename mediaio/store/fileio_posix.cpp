@@ -200,6 +200,12 @@ public:
     FileIdentity Identity() const override { return m_identity; }
 
     bool Cached(uint64_t offset_bytes, size_t size_bytes) override;
+    size_t ReadCached(void* to, size_t size_bytes, uint64_t offset_bytes) override {
+        iovec vector{to, size_bytes};
+        const ssize_t n =
+            preadv2(m_fd.Get(), &vector, 1, static_cast<off_t>(offset_bytes), RWF_NOWAIT);
+        return n > 0 ? static_cast<size_t>(n) : 0;
+    }
 
     uint64_t NextData(uint64_t offset_bytes) override {
         const off_t at = lseek(m_fd.Get(), static_cast<off_t>(offset_bytes), SEEK_DATA);
@@ -242,8 +248,7 @@ bool CPosixFile::Cached(uint64_t offset_bytes, size_t size_bytes) {
 bool CPosixFile::CachedByProbing(uint64_t first, uint64_t end) {
     for (uint64_t at = first; at < end; at += kPage) {
         char byte;
-        iovec vector{&byte, 1};
-        if (preadv2(m_fd.Get(), &vector, 1, static_cast<off_t>(at), RWF_NOWAIT) != 1) return false;
+        if (ReadCached(&byte, 1, at) != 1) return false;
     }
     return true;
 }

@@ -64,6 +64,10 @@ public:
     // Reads and verifies all bytes of a complete pinned frame on the caller's thread.
     HRESULT ReadNow(const PinnedFrame& frame, void* buffer);
 
+    // Compares the checksum of a complete pinned frame on the caller's thread, if that needs no
+    // waiting for the device. False: not known yet, or wrong.
+    bool CheckNow(PinnedFrame& frame);
+
     virtual FrameSource SourceOf(const PinnedFrame& frame) = 0;
     // Where the frame's byte `at` lies in its source, and how many follow it there in one piece.
     virtual void PieceOf(const PinnedFrame& frame, uint32_t at, uint64_t& offset,

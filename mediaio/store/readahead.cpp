@@ -14,10 +14,10 @@ void CReadAhead::Note(const std::shared_ptr<CReadAhead>& self, const Reader& rea
     uint64_t offset = frame.lookOffset;
     uint32_t size = frame.lookSize;
     if (size == 0) file.PieceOf(frame, 0, offset, size);
+    if (!self->Follow(reader, frame, offset, size)) return;
     for (Step& step : self->m_steps) {
         {
             const std::lock_guard hold(self->m_lock);
-            if (&step == self->m_steps.data() && !self->Follow(reader, frame, offset, size)) return;
             if (step.owner) continue;
             if (!self->Prepare(step, *source.file)) return;
             step.request.realTime = reader.realTime;
@@ -33,6 +33,7 @@ void CReadAhead::Note(const std::shared_ptr<CReadAhead>& self, const Reader& rea
 // Moves the window along; false when there is none.
 bool CReadAhead::Follow(const Reader& reader, const PinnedFrame& frame, uint64_t offset,
                         uint64_t size) {
+    const std::lock_guard hold(m_lock);
     const bool inSequence = frame.position == m_next;
     m_next = frame.position + 1;
     uint64_t window = size * reader.frames;
@@ -58,6 +59,7 @@ bool CReadAhead::Prepare(Step& step, IStoreFile& file) {
         m_cursor += size;
         if (file.Cached(offset, size)) continue;
         step.request = {};
+        step.request.op = IoOp::kFetch;
         step.request.ahead = true;
         step.request.file = &file;
         step.request.offset_bytes = offset;

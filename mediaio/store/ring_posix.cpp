@@ -195,21 +195,19 @@ void CRingIo::Side::ArmWake() {
     io_uring_sqe_set_data(sqe, nullptr);
 }
 
-// Nobody wants the bytes that are read ahead, but in the page cache. The kernel takes the pages on
-// their way there, without a copy; they are there when the last byte, whose place is returned, can
-// be read.
-off_t StartFetching(int fd, const IoRequest& request) {
-    const auto offset = static_cast<off_t>(request.offset_bytes);
-    const auto size = static_cast<off_t>(request.size_bytes);
-    posix_fadvise(fd, offset, size, POSIX_FADV_WILLNEED);
-    return offset + size - 1;
+// The kernel takes the pages on their way into the page cache, without a copy; they are there when
+// the last byte, whose place is returned, can be read.
+uint64_t LastByteOfFetch(int fd, const IoRequest& request) {
+    posix_fadvise(fd, static_cast<off_t>(request.offset_bytes),
+                  static_cast<off_t>(request.size_bytes), POSIX_FADV_WILLNEED);
+    return request.offset_bytes + request.size_bytes - 1;
 }
 
 // Turns the slot's request into a submission; what has no descriptor is done at once.
 void CRingIo::Side::Start(Slot& slot) {
     IoRequest& request = *slot.request;
     const auto fd = static_cast<int>(request.file->Descriptor());
-    if (request.op == IoOp::kRead && request.data == nullptr) request.data = slot.scratch;
+    if (Reads(request.op) && request.data == nullptr) request.data = slot.scratch;
     io_uring_sqe* sqe = fd < 0 ? nullptr : io_uring_get_sqe(&ring);
     if (sqe == nullptr) {
         // A ring without work of its own still has to turn round for this one.
@@ -223,13 +221,11 @@ void CRingIo::Side::Start(Slot& slot) {
     request.borrowed = false;
     switch (request.op) {
         case IoOp::kRead:
-            if (request.ahead) {
-                const off_t last = StartFetching(fd, request);
-                io_uring_prep_read(sqe, fd, request.data, 1, static_cast<uint64_t>(last));
-                break;
-            }
             io_uring_prep_read(sqe, fd, request.data, static_cast<unsigned>(request.size_bytes),
                                request.offset_bytes);
+            break;
+        case IoOp::kFetch:
+            io_uring_prep_read(sqe, fd, request.data, 1, LastByteOfFetch(fd, request));
             break;
         case IoOp::kWrite: {
             size_t used = 0;
@@ -281,15 +277,12 @@ size_t TotalOf(const IoRequest& request) {
 void CRingIo::Side::Finish(Slot& slot, int result) {
     IoRequest& request = *slot.request;
     if (!request.borrowed) {
-        const bool data = request.op == IoOp::kRead || request.op == IoOp::kWrite;
-        const bool whole =
-            !data || (result >= 0 && static_cast<size_t>(result) == TotalOf(request));
-        if (request.ahead && result == 1) {
+        const bool data = Reads(request.op) || request.op == IoOp::kWrite;
+        const size_t expected = request.op == IoOp::kFetch ? 1 : TotalOf(request);
+        if (result >= 0 && (!data || static_cast<size_t>(result) == expected)) {
             request.result = S_OK;
-            request.done_bytes = request.size_bytes;
-        } else if (result >= 0 && whole) {
-            request.result = S_OK;
-            request.done_bytes = static_cast<size_t>(result);
+            request.done_bytes =
+                request.op == IoOp::kFetch ? request.size_bytes : static_cast<size_t>(result);
         } else {
             // A short transfer or a refusal: the ordinary call says what is the matter, from the
             // first byte on so that it alone accounts for what was done.

@@ -146,7 +146,7 @@ bool COverlappedIo::Core::StartTransfer(Slot& slot) {
     slot.overlapped = {};
     slot.overlapped.Offset = static_cast<DWORD>(at);
     slot.overlapped.OffsetHigh = static_cast<DWORD>(at >> 32);
-    if (request.op == IoOp::kRead)
+    if (Reads(request.op))
         return ReadFileEx(file, request.data, static_cast<DWORD>(request.size_bytes),
                           &slot.overlapped, Transferred) != 0;
     return WriteFileEx(file, slot.data, static_cast<DWORD>(slot.size_bytes), &slot.overlapped,
@@ -172,11 +172,12 @@ void COverlappedIo::Core::Start(Slot& slot) {
     IoRequest& request = *slot.request;
     slot.moved_bytes = 0;
     slot.nextSpan = 0;
-    if (request.op == IoOp::kRead && request.data == nullptr) request.data = slot.scratch;
+    if (Reads(request.op) && request.data == nullptr) request.data = slot.scratch;
     bool started = false;
     if (request.file->Descriptor() != -1) {
         switch (request.op) {
             case IoOp::kRead:
+            case IoOp::kFetch:
                 started = StartTransfer(slot);
                 break;
             case IoOp::kWrite: {
@@ -237,7 +238,7 @@ void CALLBACK COverlappedIo::Core::Transferred(DWORD error, DWORD moved_bytes,
     Slot& slot = *reinterpret_cast<Slot*>(overlapped);
     Core& core = *slot.core;
     slot.moved_bytes += moved_bytes;
-    if (slot.request->op == IoOp::kRead) {
+    if (Reads(slot.request->op)) {
         core.Finish(slot, error == ERROR_SUCCESS && moved_bytes == slot.request->size_bytes);
     } else if (error != ERROR_SUCCESS || moved_bytes != slot.size_bytes) {
         core.Finish(slot, false);

@@ -75,20 +75,26 @@ TEST_P(ChannelIo, WhatIsWrittenIsReadAtOnceFromItsPages) {
     EXPECT_EQ(m_channel->ReadFrameComplete(io.streams), S_OK) << "harmless twice";
 }
 
-TEST_P(ChannelIo, AFirstReadIsVerifiedByTheLibrary) {
+// What nobody has checked since the file was opened is checked where it is asked for, if that needs
+// no waiting for the device; else the library's thread does it.
+TEST_P(ChannelIo, AFirstReadIsVerified) {
     const auto frame = Bytes(2, 3500000);
     ULONGLONG token = Create("clip");
     ASSERT_EQ(Write(token, 0, frame), S_OK);
-    CloseLast(token);
-    token = Open("clip");
-    std::vector<uint8_t> bytes;
-    bool pending = false;
-    ASSERT_EQ(Read(token, 0, bytes, nullptr, &pending), S_OK);
-    EXPECT_TRUE(pending);
-    EXPECT_EQ(bytes, frame);
-    ASSERT_EQ(Read(token, 0, bytes, nullptr, &pending), S_OK);
-    EXPECT_FALSE(pending) << "once per version and open file";
-    EXPECT_EQ(bytes, frame);
+    for (const bool cached : {true, false}) {
+        CloseLast(token);
+        if (!cached && !Forget("clip"))
+            GTEST_SKIP() << "here every file stays in memory: no read has to wait";
+        token = Open("clip");
+        std::vector<uint8_t> bytes;
+        bool pending = false;
+        ASSERT_EQ(Read(token, 0, bytes, nullptr, &pending), S_OK);
+        EXPECT_EQ(pending, !cached);
+        EXPECT_EQ(bytes, frame);
+        ASSERT_EQ(Read(token, 0, bytes, nullptr, &pending), S_OK);
+        EXPECT_FALSE(pending) << "once per version and open file";
+        EXPECT_EQ(bytes, frame);
+    }
 }
 
 TEST_P(ChannelIo, PerStreamResults) {
@@ -335,6 +341,7 @@ TEST_P(ChannelIo, ACompletionMayDeleteItsChannel) {
     ULONGLONG token = Create("clip");
     ASSERT_EQ(Write(token, 0, Bytes(0, 300000)), S_OK);
     CloseLast(token);
+    if (!Forget("clip")) GTEST_SKIP() << "here every file stays in memory: no read has to wait";
     struct Last : Io {
         std::unique_ptr<CZemChannelIo> channel;
     } io;

@@ -9,8 +9,10 @@
 
 #include <fcntl.h>
 #include <stdlib.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <future>
@@ -134,6 +136,18 @@ protected:
     void CloseLast(ULONGLONG token) {
         ASSERT_EQ(m_channel->CloseFile(token), S_OK);
         zemstore::AwaitNoMediaFiles();
+    }
+    // Takes a file out of the page cache. False where the system keeps it in memory all the same.
+    bool Forget(const char* name) const {
+        const int file = open((m_root + "/" + name).c_str(), O_RDONLY | O_CLOEXEC);
+        EXPECT_GE(file, 0) << name;
+        EXPECT_EQ(fsync(file), 0);
+        EXPECT_EQ(posix_fadvise(file, 0, 0, POSIX_FADV_DONTNEED), 0);
+        char byte;
+        iovec vector{&byte, 1};
+        const bool gone = preadv2(file, &vector, 1, 0, RWF_NOWAIT) < 0 && errno == EAGAIN;
+        close(file);
+        return gone;
     }
     HRESULT Write(ULONGLONG token, uint32_t position, const std::vector<uint8_t>& bytes,
                   CZemChannelIo* channel = nullptr) {

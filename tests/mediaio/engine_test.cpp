@@ -160,7 +160,7 @@ TEST_P(Engine, TheOthersGoOnWhenARealTimeReadHasEnded) {
 }
 
 // Nobody takes the bytes: what counts is where they are afterwards.
-TEST_P(Engine, WhatIsReadAheadIsInThePageCacheThen) {
+TEST_P(Engine, WhatIsFetchedIsInThePageCacheThen) {
     constexpr uint64_t kSize = 3 * kScratchSize + 100;
     std::shared_ptr<IVolume> volume;
     ASSERT_EQ(OpenVolume(testing::TempDir(), volume), S_OK);
@@ -180,7 +180,7 @@ TEST_P(Engine, WhatIsReadAheadIsInThePageCacheThen) {
     requests[0].size_bytes = kScratchSize;
     for (IoRequest& request : requests) {
         request.file = file.get();
-        request.ahead = true;
+        request.op = IoOp::kFetch;
         m_engine->Submit(request);
     }
     counter.Await(2);

@@ -63,17 +63,19 @@ TEST(IoQueue, ARealTimeClientThatIsServedFromThePageCacheCountsAsActive) {
 
 TEST(IoQueue, WhatIsReadAheadGoesBehindWhatIsWaitedFor) {
     CIoQueue queue;
-    IoRequest ahead[2] = {Request(true, IoOp::kRead, true), Request(true, IoOp::kRead, true)};
-    IoRequest theirs = Request(false, IoOp::kRead, true);
+    IoRequest ahead[3] = {Request(true, IoOp::kFetch, true), Request(true, IoOp::kFetch, true),
+                          Request(true, IoOp::kFetch, true)};
+    IoRequest theirs = Request(false, IoOp::kFetch, true);
     IoRequest background = Request(false);
     IoRequest wanted[2] = {Request(true), Request(true)};
-    for (IoRequest* request : {&theirs, &background, &ahead[0], &ahead[1], &wanted[0]})
+    for (IoRequest* request : {&theirs, &background, &ahead[0], &ahead[1], &ahead[2], &wanted[0]})
         queue.Push(*request, kStart);
     EXPECT_EQ(queue.Pick(true, kStart), &wanted[0]);
     EXPECT_EQ(queue.Pick(true, kStart), nullptr) << "reading ahead waits for the wanted one";
     queue.Finished(wanted[0]);
     EXPECT_EQ(queue.Pick(true, kStart), &ahead[0]);
-    EXPECT_EQ(queue.Pick(true, kStart), nullptr) << "one at a time";
+    EXPECT_EQ(queue.Pick(true, kStart), &ahead[1]);
+    EXPECT_EQ(queue.Pick(true, kStart), nullptr) << "two at a time";
     queue.Push(wanted[1], kStart);
     EXPECT_EQ(queue.Pick(true, kStart), &wanted[1]);
     EXPECT_EQ(queue.Pick(false, kStart), &background);
