@@ -136,19 +136,22 @@ def line_svg(results, title):
         def y(cost):
             return y0 - height * cost / most
 
-        out.append(f'<text x="{x0 - 8}" y="{top - 18}">{escape(result.line.title.split(",")[0])}</text>')
+        out.append(f'<text x="{x0 - 8}" y="{top - 18}">{escape(", ".join(result.line.title.split(", ")[:2]))}</text>')
         for part in range(5):
             at = most * part / 4
             out.append(f'<line class="g" x1="{x0}" x2="{x0 + width}" y1="{y(at):.1f}" y2="{y(at):.1f}"/>')
             out.append(f'<text class="s" x="{x0 - 6}" y="{y(at) + 4:.1f}" text-anchor="end" font-size="11">{at:.0f}</text>')
-        out.append(f'<text class="s" x="{x0 - 6}" y="{top - 4}" text-anchor="end" font-size="11">{result.line.unit}</text>')
+        out.append(f'<text class="s" x="{x0 - 16}" y="{top - 18}" text-anchor="end" font-size="11">{result.line.unit}</text>')
         out.append(f'<line class="l" x1="{x(0):.1f}" x2="{x(most_n):.1f}" y1="{y(max(0, result.base)):.1f}" '
                    f'y2="{y(result.at(most_n)):.1f}"/>')
+        labelled = -1000
         for n, values in result.points.items():
             out.append(f'<line class="w" x1="{x(n):.1f}" x2="{x(n):.1f}" y1="{y(min(values)):.1f}" '
                        f'y2="{y(max(values)):.1f}"/>')
             out.append(f'<circle class="m" cx="{x(n):.1f}" cy="{y(result.medians[n]):.1f}" r="3.5"/>')
-            out.append(f'<text class="s" x="{x(n):.1f}" y="{y0 + 16}" text-anchor="middle" font-size="11">{n}</text>')
+            if x(n) - labelled >= 24:
+                labelled = x(n)
+                out.append(f'<text class="s" x="{labelled:.1f}" y="{y0 + 16}" text-anchor="middle" font-size="11">{n}</text>')
         out.append(f'<text class="s" x="{x0}" y="{y0 + 36}" font-size="11">{result.base:.1f} + {result.slope:.2f} '
                    f'{result.line.unit} · n, R² {result.fit:.4f}</text>')
     out.append('</svg>')
