@@ -46,9 +46,10 @@ HRESULT ShareMediaFile(std::unique_ptr<IStoreFile> file, const std::shared_ptr<I
         }
         table.files[identity] = nullptr;
     }
-    auto* loading = new CMediaFile(std::move(file), async);
+    CMediaFile* loading = nullptr;
     HRESULT hr = E_OUTOFMEMORY;
     try {
+        loading = new CMediaFile(std::move(file), async);
         hr = loading->Load();
     } catch (const std::bad_alloc&) {
     }
@@ -63,7 +64,7 @@ HRESULT ShareMediaFile(std::unique_ptr<IStoreFile> file, const std::shared_ptr<I
     }
     table.changed.notify_all();
     if (FAILED(hr)) {
-        loading->Release();
+        if (loading != nullptr) loading->Release();
         return hr;
     }
     shared = loading;

@@ -32,6 +32,9 @@ inline constexpr uint64_t kLogOffset = 16384;
 inline constexpr uint32_t kMaxFrameSize = 251658240;    // the larger frame memory
 inline constexpr uint32_t kLastPosition = 0xFFFFFFFEu;  // so that the frame count has room too
 inline constexpr uint32_t kFormatVersion = 1;
+// Offsets, generations and sequence numbers stay below: nobody gets there by counting, and what is
+// added to them does not run over.
+inline constexpr uint64_t kCountLimit = uint64_t{1} << 62;
 
 struct FileId {
     uint8_t bytes[16];
@@ -44,7 +47,7 @@ struct FileHeader {
     uint32_t version;       // kFormatVersion
     uint32_t size;          // 512
     FileId fileId;          // random; every record and node repeats it
-    ZemEsDesc esDesc;       // as created; frameCount and flags are 0 here
+    ZemEsDesc esDesc;       // as created; frameCount 0, of the flags only kEsFlagDropFrame
     uint64_t created;       // 100 ns units since 1601, UTC
     uint32_t incompatible;  // features a reader must know; unknown bits: refuse to open
     uint32_t compatible;    // features a reader may ignore; unknown bits: open read-only

@@ -150,12 +150,14 @@ private:
     // mediafile_checkpoint.cpp
     enum class Wanted { kNothing, kCheckpoint, kCompaction };
     HRESULT WaitForCheckpoint(Wanted wanted);
+    bool RootSaysAll() const;  // nothing was written or changed since the newest root
     bool CheckpointDue() const;
     bool BeginCheckpoint();
     void PrepareRoot(uint64_t nodesOffset, uint64_t nodesSize, bool compact);
     void ContinueCheckpoint(std::unique_lock<std::mutex>& hold);
     void BeginPunching();
     bool NextPunch();
+    void FindLostSpace();
     void EndCheckpoint(HRESULT hr);
     static void OnCheckpoint(IoRequest& request);
 
@@ -191,6 +193,7 @@ private:
     uint64_t m_syncsBegun = 0;
     HRESULT m_failure = S_OK;       // a sync failed: nothing can be promised any more
     std::vector<DeadRange> m_dead;  // superseded since the last checkpoint
+    bool m_searched = false;        // for space that a crash left
 
     // The running batch; touched by the thread that runs it.
     WriteItem* m_batch[kBatchItems];

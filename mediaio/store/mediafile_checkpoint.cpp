@@ -25,9 +25,7 @@ HRESULT CMediaFile::WaitForCheckpoint(Wanted wanted) {
     };
     m_changed.wait(hold, [&] { return m_finished == m_appended && !m_batchRunning && resting(); });
     if (FAILED(m_failure)) return m_failure;
-    const bool nothingNew =
-        m_logEnd == m_logStart && m_tailRecords == 0 && m_index.ChangedNodes() == 0;
-    if (nothingNew && (!closing || m_scattered < 64)) {
+    if (RootSaysAll() && m_dead.empty() && (!closing || m_scattered < 64)) {
         // The newest root says everything; it may be a killed process's and not on the device yet.
         hold.unlock();
         return SyncNow();
@@ -39,6 +37,10 @@ HRESULT CMediaFile::WaitForCheckpoint(Wanted wanted) {
     Pump(hold);
     m_changed.wait(hold, [&] { return m_wanted == Wanted::kNothing && resting(); });
     return FAILED(m_failure) ? m_failure : m_checkpointResult;
+}
+
+bool CMediaFile::RootSaysAll() const {
+    return m_logEnd == m_logStart && m_tailRecords == 0 && m_index.ChangedNodes() == 0;
 }
 
 bool CMediaFile::CheckpointDue() const {
@@ -54,6 +56,15 @@ bool CMediaFile::BeginCheckpoint() {
     const bool compact = m_wanted == Wanted::kCompaction && 4 * m_scattered >= m_index.Nodes();
     m_wanted = Wanted::kNothing;
     const uint64_t offset = m_logEnd;
+    if (RootSaysAll() && !compact) {
+        // All there is to do is to give space back, once the root is certain to be on the device.
+        m_nextRoot.generation = m_generation;
+        m_nextRoot.logStart = m_logStart;
+        m_dying.swap(m_dead);
+        m_phase = Phase::kRootSync;
+        AddRef();  // until EndCheckpoint
+        return true;
+    }
     try {
         m_index.Serialize(offset, m_generation + 1, m_header.fileId, compact, m_nodePages, m_dead);
     } catch (const std::bad_alloc&) {
@@ -233,6 +244,50 @@ void CMediaFile::BeginPunching() {
     if (m_punching.empty()) return;
     m_punchEpoch = m_epoch;
     m_epoch ^= 1;
+}
+
+// A crash between a root and the holes behind it leaves space that belongs to nothing any more. The
+// first writer of a file looks for it, below where the log is scanned: what lies between the frames
+// and nodes there, and is no hole yet, is given back behind the next checkpoint. What others append
+// meanwhile lies elsewhere, and what they replace still counts as used here.
+void CMediaFile::FindLostSpace() {
+    std::vector<DeadRange> used;
+    uint64_t end = 0;
+    try {
+        {
+            std::lock_guard hold(m_lock);
+            if (m_searched) return;
+            m_searched = true;
+            end = m_logStart;
+            const auto visit = [&](uint32_t, IndexEntry& entry) {
+                if (entry.slotOffset != 0)
+                    used.push_back({entry.slotOffset, SlotSize(entry.dataSize)});
+                return false;
+            };
+            m_index.ForEach(0, uint64_t{kLastPosition} + 1, visit);
+            m_index.ForEachNode([&](uint64_t offset, uint32_t) {
+                used.push_back({offset, kPageSize});
+            });
+        }
+        used.push_back({end, 0});
+        std::sort(used.begin(), used.end(), [](const DeadRange& a, const DeadRange& b) {
+            return a.offset_bytes < b.offset_bytes;
+        });
+        std::vector<DeadRange> lost;
+        uint64_t behind = kLogOffset;
+        for (const DeadRange& range : used) {
+            const uint64_t to = std::min(range.offset_bytes, end);
+            if (to > behind) {
+                const uint64_t data = std::max(behind, m_file->NextData(behind));
+                if (data < to) lost.push_back({data, to - data});
+            }
+            behind = std::max(behind, range.offset_bytes + range.size_bytes);
+        }
+        std::lock_guard hold(m_lock);
+        m_dead.insert(m_dead.end(), lost.begin(), lost.end());
+    } catch (const std::bad_alloc&) {
+        // It stays lost until another object of this file is written.
+    }
 }
 
 // True when there is a range to punch and no reader from before it died.

@@ -101,7 +101,8 @@ HRESULT CMediaFile::ReadRoot(int which, Root& root) {
         SUCCEEDED(hr) && done == sizeof root && root.magic == kRootMagic &&
         root.fileId == m_header.fileId && Crc32c(0, &root, offsetof(Root, crc)) == root.crc &&
         (root.generation & 1) == static_cast<uint64_t>(which) && root.logStart >= kLogOffset &&
-        root.logStart % kPageSize == 0 && root.nextSequence != 0;
+        root.logStart % kPageSize == 0 && root.nextSequence != 0 && root.generation < kCountLimit &&
+        root.logStart < kCountLimit && root.nextSequence < kCountLimit;
     using State = LoadReport::RootState;
     m_report.roots[which].generation = valid ? root.generation : 0;
     m_report.roots[which].state = valid                                     ? State::kValid
@@ -134,8 +135,9 @@ bool CMediaFile::RecordIsValid(const LogRecord& record, uint64_t pageOffset,
     if (record.kind < static_cast<uint16_t>(RecordKind::kFrame) ||
         record.kind > static_cast<uint16_t>(RecordKind::kSettings))
         return false;
-    return record.dataSize <= kMaxFrameSize && record.slotOffset % kPageSize == 0 &&
-           record.slotOffset >= scanned &&
+    return record.sequence < kCountLimit && record.dataSize <= kMaxFrameSize &&
+           record.slotOffset % kPageSize == 0 && record.slotOffset >= scanned &&
+           record.slotOffset <= pageOffset &&
            record.slotOffset + SlotSize(record.dataSize) == pageOffset + kPageSize &&
            (record.flags & ~kFrameFlagKey) == 0 && record.position <= kLastPosition;
 }

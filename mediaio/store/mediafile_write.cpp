@@ -43,17 +43,19 @@ void CMediaFile::Unguard() {
 }
 
 HRESULT CMediaFile::BeginWriting() {
-    const HRESULT hr = Guard();
+    HRESULT hr = Guard();
     if (FAILED(hr)) return hr;
     {
         std::lock_guard hold(m_lock);
-        if (!m_writer) {
-            m_writer = true;
-            return S_OK;
-        }
+        if (m_writer) hr = HRESULT_FROM_WIN32(ERROR_SHARING_VIOLATION);
+        m_writer = true;
     }
-    Unguard();
-    return HRESULT_FROM_WIN32(ERROR_SHARING_VIOLATION);
+    if (FAILED(hr)) {
+        Unguard();
+    } else {
+        FindLostSpace();
+    }
+    return hr;
 }
 
 HRESULT CMediaFile::EndWriting() {

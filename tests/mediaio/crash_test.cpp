@@ -186,11 +186,13 @@ private:
         ASSERT_NO_FATAL_FAILURE(LastLife());
     }
 
-    // Whatever a crash leaves is in order.
-    void CheckWhole() {
+    // Whatever a crash leaves is in order; a file that was closed wastes no space either.
+    void CheckWhole(bool closed = false) {
         zemfsck::Report report;
         ASSERT_EQ(zemfsck::Check(std::make_unique<CSimFile>(m_device), report), S_OK);
         ASSERT_EQ(report.damages, 0u) << zemfsck::AsText("the file", report);
+        if (!closed) return;
+        ASSERT_EQ(report.deadBytes, 0u) << zemfsck::AsText("the file", report);
     }
 
     void Life(const Plan& plan) {
@@ -250,6 +252,14 @@ private:
         m_device.LosePower(Cut::kNothing);
         m_ending = Ending::kPowerCut;
         ASSERT_NO_FATAL_FAILURE(CheckWhole());
+        {
+            Opened file(m_device);
+            ASSERT_EQ(file.hr, S_OK);
+            ASSERT_NO_FATAL_FAILURE(Verify(*file.file));
+            ASSERT_EQ(file->BeginWriting(), S_OK);
+            ASSERT_EQ(file->EndWriting(), S_OK);
+        }
+        ASSERT_NO_FATAL_FAILURE(CheckWhole(true));
         Opened file(m_device);
         ASSERT_EQ(file.hr, S_OK);
         ASSERT_NO_FATAL_FAILURE(Verify(*file.file));

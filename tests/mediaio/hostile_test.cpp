@@ -91,6 +91,61 @@ TEST(Hostile, WithoutAnyRootTheRecordsTellEverything) {
     EXPECT_EQ(again->FrameCount(), 180u);
 }
 
+// A root whose numbers would run over does not count, and what is written then is found again.
+TEST(Hostile, RootsThatCountToTheEndOfNumbers) {
+    constexpr uint64_t kTop = ~0ull;
+    for (const size_t field :
+         {offsetof(Root, generation), offsetof(Root, logStart), offsetof(Root, nextSequence)}) {
+        SCOPED_TRACE(field);
+        Device device;
+        Fill(device, false);
+        auto* roots = device.content.data();
+        auto* root = reinterpret_cast<Root*>(roots + kRootOffset[1]);
+        ASSERT_EQ(root->generation, 1u);
+        const uint64_t value = field == offsetof(Root, logStart) ? kTop - kPageSize + 1 : kTop;
+        memcpy(roots + kRootOffset[1] + field, &value, sizeof value);
+        root->crc = Crc32c(0, root, offsetof(Root, crc));
+        {
+            Opened file(device);
+            ASSERT_EQ(file.hr, S_OK);
+            EXPECT_EQ(file->OpenReport().roots[1].state, LoadReport::RootState::kInvalid);
+            EXPECT_EQ(file->FrameCount(), 180u) << "from the older root and the records";
+            ASSERT_EQ(file->BeginWriting(), S_OK);
+            ASSERT_EQ(WriteFrame(*file.file, 200, FrameBytes(200, 1, 700)), S_OK);
+            ASSERT_EQ(file->EndWriting(), S_OK);
+        }
+        Opened again(device);
+        ASSERT_EQ(again.hr, S_OK);
+        std::vector<uint8_t> bytes;
+        EXPECT_EQ(ReadFrame(*again.file, 200, bytes), S_OK);
+        EXPECT_EQ(bytes, FrameBytes(200, 1, 700));
+    }
+}
+
+// A record that begins before the file's first byte, by numbers that run over.
+TEST(Hostile, ARecordThatReachesAroundTheEndOfNumbers) {
+    Device device;
+    Fill(device, false);
+    const uint64_t page = device.content.size();
+    FileHeader header;
+    memcpy(&header, device.content.data(), sizeof header);
+    LogRecord record{};
+    record.magic = kRecordMagic;
+    record.kind = static_cast<uint16_t>(RecordKind::kFrame);
+    record.size = sizeof record;
+    record.fileId = header.fileId;
+    record.sequence = 1000;
+    record.slotOffset = 0ull - kPageSize;
+    record.dataSize = static_cast<uint32_t>(page + 2 * kPageSize - sizeof record);
+    record.crc = Crc32c(0, &record, offsetof(LogRecord, crc));
+    device.content.resize(page + kPageSize);
+    memcpy(device.content.data() + page + kPageSize - sizeof record, &record, sizeof record);
+    Opened file(device);
+    ASSERT_EQ(file.hr, S_OK);
+    EXPECT_EQ(file->FrameCount(), 180u);
+    EXPECT_EQ(file->OpenReport().tornRecords, 0u) << "it is no record at all";
+}
+
 TEST(Hostile, AnyBytesAnywhere) {
     Device original;
     Fill(original, true);

@@ -111,6 +111,80 @@ TEST_F(MediaFile, OverwritesGoToNewSpaceAndGiveTheOldBack) {
     EXPECT_EQ(bytes, FrameBytes(0, 2, 50000));
 }
 
+// A hole that could not be made is as good as a crash before it.
+TEST_F(MediaFile, SpaceThatACrashLeftIsGivenBackByTheNextWriter) {
+    uint64_t lost = 0;
+    {
+        Opened file(m_device);
+        ASSERT_EQ(file->BeginWriting(), S_OK);
+        ASSERT_EQ(WriteFrame(*file.file, 0, FrameBytes(0, 1, 50000)), S_OK);
+        ASSERT_EQ(WriteFrame(*file.file, 1, FrameBytes(1, 1, 50000)), S_OK);
+        ASSERT_EQ(file->Checkpoint(), S_OK);
+        PinnedFrame old{};
+        ASSERT_EQ(file->Pin(0, false, old), S_OK);
+        lost = old.slotOffset;
+        ASSERT_EQ(WriteFrame(*file.file, 0, FrameBytes(0, 2, 50000)), S_OK);
+        const HRESULT broken = HRESULT_FROM_WIN32(ERROR_IO_DEVICE);
+        m_device.faults.assign(8, {Call::kPunch, 0, broken});
+        ASSERT_EQ(file->EndWriting(), S_OK);
+        m_device.faults.clear();
+    }
+    const auto wasted = [&] {
+        const auto dead = m_device.content.begin() + static_cast<std::ptrdiff_t>(lost);
+        return std::any_of(dead, dead + 50000, [](uint8_t b) { return b != 0; });
+    };
+    ASSERT_TRUE(wasted());
+    const auto expectFrames = [](CMediaFile& file) {
+        std::vector<uint8_t> bytes;
+        for (uint32_t i = 0; i < 2; ++i) {
+            EXPECT_EQ(ReadFrame(file, i, bytes), S_OK);
+            EXPECT_EQ(bytes, FrameBytes(i, 2 - i, 50000));
+        }
+    };
+    {
+        Opened file(m_device);
+        expectFrames(*file.file);
+        EXPECT_TRUE(wasted()) << "who reads changes nothing";
+        const uint64_t writes = m_device.calls[static_cast<size_t>(Call::kWrite)];
+        ASSERT_EQ(file->BeginWriting(), S_OK);
+        ASSERT_EQ(file->EndWriting(), S_OK);
+        EXPECT_FALSE(wasted());
+        EXPECT_EQ(m_device.calls[static_cast<size_t>(Call::kWrite)], writes) << "nothing is new";
+        expectFrames(*file.file);
+    }
+    // Nothing is left to do for the next one.
+    const uint64_t punches = m_device.calls[static_cast<size_t>(Call::kPunch)];
+    Opened file(m_device);
+    ASSERT_EQ(file->BeginWriting(), S_OK);
+    ASSERT_EQ(file->EndWriting(), S_OK);
+    EXPECT_EQ(m_device.calls[static_cast<size_t>(Call::kPunch)], punches);
+    expectFrames(*file.file);
+}
+
+// The search takes for lost what waits for a reader, and the reader keeps it all the same.
+TEST_F(MediaFile, TheSearchForLostSpaceLeavesReadersTheirFrames) {
+    {
+        Opened file(m_device);
+        ASSERT_EQ(file->BeginWriting(), S_OK);
+        for (uint32_t i = 0; i < 3; ++i)
+            ASSERT_EQ(WriteFrame(*file.file, i, FrameBytes(i, 1, 5000)), S_OK);
+        ASSERT_EQ(file->EndWriting(), S_OK);
+    }
+    Opened file(m_device);
+    PinnedFrame held{};
+    ASSERT_EQ(file->Pin(1, true, held), S_OK);
+    ASSERT_EQ(file->Erase(1, 2), S_OK) << "without a writer";
+    ASSERT_EQ(file->BeginWriting(), S_OK);
+    ASSERT_EQ(file->EndWriting(), S_OK);
+    std::vector<uint8_t> bytes(held.dataSize);
+    size_t done = 0;
+    ASSERT_EQ(file->File().ReadAt(bytes.data(), bytes.size(), held.slotOffset, done), S_OK);
+    EXPECT_EQ(bytes, FrameBytes(1, 1, 5000));
+    file->Unpin(held.epoch);
+    ASSERT_EQ(file->File().ReadAt(bytes.data(), bytes.size(), held.slotOffset, done), S_OK);
+    EXPECT_EQ(bytes, std::vector<uint8_t>(5000)) << "and then it goes";
+}
+
 TEST_F(MediaFile, ErasedFramesGiveTheirSpaceBackWhileTheFileIsOpen) {
     Opened file(m_device);
     ASSERT_EQ(file->BeginWriting(), S_OK);

@@ -196,6 +196,7 @@ HRESULT CSimFile::ReadAt(void* to, size_t size, uint64_t offset, size_t& done) {
     done = 0;
     const HRESULT hr = m_device.Admit(Call::kRead);
     if (FAILED(hr)) return hr;
+    if (offset > INT64_MAX) return E_INVALIDARG;
     if (offset >= m_device.content.size()) return S_OK;
     done = std::min<size_t>(size, m_device.content.size() - offset);
     memcpy(to, m_device.content.data() + offset, done);
@@ -255,6 +256,19 @@ HRESULT CSimFile::PunchHole(uint64_t offset, uint64_t size) {
     const size_t room = std::min<size_t>(size, m_device.content.size() - offset);
     m_device.Change(offset, std::vector<uint8_t>(room, 0));
     return S_OK;
+}
+
+uint64_t CSimFile::NextData(uint64_t offset) {
+    const auto data = m_device.content.begin();
+    for (uint64_t size = m_device.content.size(); offset < size;) {
+        const uint64_t end = std::min(size, (offset / kPageSize + 1) * kPageSize);
+        const auto blank = [](uint8_t byte) { return byte == 0; };
+        if (!std::all_of(data + static_cast<std::ptrdiff_t>(offset),
+                         data + static_cast<std::ptrdiff_t>(end), blank))
+            return offset;
+        offset = end;
+    }
+    return m_device.content.size();
 }
 
 HRESULT CSimFile::LockForWriting() {

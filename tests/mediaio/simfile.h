@@ -96,6 +96,7 @@ public:
     bool Writable() const override { return true; }
     zemstore::FileIdentity Identity() const override { return {0, m_device.inode}; }
     bool Cached(uint64_t, size_t) override { return true; }
+    uint64_t NextData(uint64_t offset) override;  // a page of zeros is a hole
     void DropCache() override { m_device.Evict(); }
     void* MapView(uint64_t, size_t) override { return nullptr; }
     void UnmapView(void*) override {}
