@@ -42,12 +42,13 @@ CForeignClip::~CForeignClip() {
         if (view != nullptr) m_file->UnmapView(view);
 }
 
-HRESULT CForeignClip::Load(IVolume& volume, const std::string& path) {
-    if (!LoadIndex(volume, path, m_stamp, m_index)) {
-        const HRESULT hr = BuildFromTables(*m_file, m_stamp.size_bytes, m_index);
-        if (hr != S_OK) return hr;
-    }
-    return Prepare();
+HRESULT CForeignClip::LoadKept(IVolume& volume, const std::string& path) {
+    return LoadIndex(volume, path, m_stamp, m_index) ? Prepare() : S_FALSE;
+}
+
+HRESULT CForeignClip::LoadTables() {
+    const HRESULT hr = BuildFromTables(*m_file, m_stamp.size_bytes, m_index);
+    return hr == S_OK ? Prepare() : hr;
 }
 
 HRESULT CForeignClip::Pass(IVolume& volume, const std::string& path) {

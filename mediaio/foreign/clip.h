@@ -10,6 +10,7 @@
 #include "mediaio/store/framefile.h"
 
 #include <chrono>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -21,11 +22,15 @@ namespace zemstore {
 class CForeignClip {
 public:
     // The clip of an open file: one that is open already, as long as the file has not changed, or
-    // a new one. Where the file has to be read through, that is done by a thread of its own, and
-    // goes on when the callers have been sent away with ERROR_BUSY.
+    // a new one. It is opened by a thread of its own, which goes on when the callers have been sent
+    // away with ERROR_BUSY; only an index that is kept beside the file is read by the caller.
     static HRESULT Share(ForeignSource source, std::shared_ptr<CForeignClip>& clip);
-    static std::atomic<std::chrono::milliseconds> s_patience;  // how long a caller waits: 5 s
-    static void AwaitPasses();  // for tests: until no file is being read through
+    // How long after its beginning callers wait for an opening: 5 s; and those for whom there is no
+    // place among the few that may wait for a pass: 500 ms.
+    static std::atomic<std::chrono::milliseconds> s_patience;
+    static std::atomic<std::chrono::milliseconds> s_brief;
+    static int LongWaits();     // for tests: how many callers wait for a pass
+    static void AwaitPasses();  // for tests: until no file is being opened
 
     CForeignClip(std::unique_ptr<IStoreFile> file, const SourceStamp& stamp);
     ~CForeignClip();
@@ -46,7 +51,9 @@ public:
     const ZemEsDesc& Desc(size_t stream) const { return m_index.streams[stream].desc; }
 
 private:
-    HRESULT Load(IVolume& volume, const std::string& path);  // S_FALSE: Pass is needed
+    HRESULT LoadKept(IVolume& volume, const std::string& path);  // S_FALSE: none is kept
+    HRESULT Open(IVolume& volume, const std::string& path, const std::function<void()>& passBegins);
+    HRESULT LoadTables();  // S_FALSE: Pass is needed
     HRESULT Pass(IVolume& volume, const std::string& path);
     HRESULT Prepare();
     HRESULT PinPcm(const StreamIndex& stream, uint32_t position, bool withView, PinnedFrame& frame);

@@ -22,7 +22,8 @@ struct ForeignSource {
 };
 
 // Opens one stream: `stream` receives a reference, `kind` a kTokenKind value. ERROR_BAD_FORMAT: not
-// a container that can be read. ERROR_NOT_FOUND: it has no such stream. May read the whole file.
+// a container that can be read. ERROR_NOT_FOUND: it has no such stream. ERROR_BUSY: it is still
+// being opened, by threads of the module.
 using OpenForeignFunction = HRESULT (*)(ForeignSource source, const StreamName& name,
                                         MediaFileType type, CFrameFile*& stream, uint32_t& kind);
 

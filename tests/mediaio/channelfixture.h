@@ -126,8 +126,11 @@ protected:
     ULONGLONG Open(const char* name, DWORD flags = kFileRead, CZemChannelIo* channel = nullptr,
                    const WCHAR* aux = TEXT("")) {
         ULONGLONG token = 0;
-        const HRESULT hr =
-            Channel(channel).OpenFile(Wide(name).c_str(), aux, kMediaFileAny, flags, false, token);
+        HRESULT hr;
+        do {  // a foreign file may take longer to open than a caller is kept
+            hr = Channel(channel).OpenFile(Wide(name).c_str(), aux, kMediaFileAny, flags, false,
+                                           token);
+        } while (hr == HRESULT_FROM_WIN32(ERROR_BUSY));
         EXPECT_EQ(hr, S_OK) << name;
         return token;
     }

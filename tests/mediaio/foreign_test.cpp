@@ -311,7 +311,7 @@ TEST_F(Foreign, APassGoesOnWithoutTheCaller) {
         const std::string name = "clip" + std::to_string(attempt) + ".mkv";
         MakeMkv(name);
         ULONGLONG token = 0;
-        const HRESULT hr = TryOpen(name.c_str(), kFileRead, TEXT(""), token);
+        const HRESULT hr = OpenOnce(name.c_str(), kFileRead, TEXT(""), token);
         sentAway = hr == HRESULT_FROM_WIN32(ERROR_BUSY);
         EXPECT_EQ(hr, sentAway ? HRESULT_FROM_WIN32(ERROR_BUSY) : S_OK);
         CForeignClip::AwaitPasses();

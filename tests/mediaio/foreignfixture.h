@@ -1,6 +1,7 @@
 // foreignfixture.h: clips of foreign formats on a test's volume, made by ffmpeg.
 #pragma once
 
+#include "mediaio/foreign/foreign.h"
 #include "mediaio/store/crc32c.h"
 
 #include <cstdlib>
@@ -25,6 +26,33 @@ inline void StoreFile(const std::string& path, const std::vector<uint8_t>& bytes
               static_cast<std::streamsize>(bytes.size()));
 }
 
+// A file that is only read, for tests that look at how.
+class CSourceFile : public zemstore::IStoreFile {
+public:
+    explicit CSourceFile(std::unique_ptr<IStoreFile> file) : m_file(std::move(file)) {}
+    HRESULT ReadAt(void* to, size_t size, uint64_t offset, size_t& done) override {
+        return m_file->ReadAt(to, size, offset, done);
+    }
+    HRESULT WriteAt(const zemstore::IoSpan*, size_t, uint64_t, size_t&) override {
+        return E_ACCESSDENIED;
+    }
+    HRESULT Sync() override { return S_OK; }
+    HRESULT Size(uint64_t& size) override { return m_file->Size(size); }
+    HRESULT ModifiedTime(uint64_t& time) override { return m_file->ModifiedTime(time); }
+    HRESULT SetSize(uint64_t) override { return E_ACCESSDENIED; }
+    HRESULT PunchHole(uint64_t, uint64_t) override { return E_ACCESSDENIED; }
+    HRESULT LockForWriting() override { return E_ACCESSDENIED; }
+    void UnlockForWriting() override {}
+    bool Writable() const override { return false; }
+    zemstore::FileIdentity Identity() const override { return m_file->Identity(); }
+    bool Cached(uint64_t, size_t) override { return true; }
+    void* MapView(uint64_t offset, size_t size) override { return m_file->MapView(offset, size); }
+    void UnmapView(void* view) override { m_file->UnmapView(view); }
+
+private:
+    std::unique_ptr<IStoreFile> m_file;
+};
+
 class CForeignTest : public CVolumeTest {
 protected:
     // Runs ffmpeg with these arguments and the file's path.
@@ -45,8 +73,24 @@ protected:
     void MakeTs(const std::string& name) {
         Make(name, kPicture + "25" + kSound + "-t 2 -c:v mpeg2video -g 6 -threads 1 -c:a mp2");
     }
-    HRESULT TryOpen(const char* name, DWORD flags, const WCHAR* aux, ULONGLONG& token) {
+    HRESULT OpenOnce(const char* name, DWORD flags, const WCHAR* aux, ULONGLONG& token) {
         return m_channel->OpenFile(Wide(name).c_str(), aux, kMediaFileAny, flags, false, token);
+    }
+    // However long it takes.
+    HRESULT TryOpen(const char* name, DWORD flags, const WCHAR* aux, ULONGLONG& token) {
+        HRESULT hr;
+        do {
+            hr = OpenOnce(name, flags, aux, token);
+        } while (hr == HRESULT_FROM_WIN32(ERROR_BUSY));
+        return hr;
+    }
+    // As the store gives it to the readers.
+    zemstore::ForeignSource Source(const std::string& name) {
+        zemstore::ForeignSource source;
+        EXPECT_EQ(zemstore::OpenVolume(Path(""), source.volume), S_OK);
+        EXPECT_EQ(source.volume->Open(name, zemstore::OpenFor::kRead, source.file), S_OK);
+        source.path = name;
+        return source;
     }
     ZemEsDesc Info(ULONGLONG token) {
         ZemEsDesc desc{};
