@@ -2,6 +2,8 @@
 // must not change with its name.
 #include "mediaio/foreign/demuxer.h"
 
+#include "mediaio/foreign/movclaims.h"
+
 extern "C" {
 #include <libavutil/dict.h>
 #include <libavutil/log.h>
@@ -30,13 +32,18 @@ int RefuseOpen(AVFormatContext*, AVIOContext** io, const char*, int, AVDictionar
     return AVERROR(EACCES);
 }
 
+// The name is one of the format's short names.
+bool IsOneOf(const AVInputFormat& format, const char* name) {
+    const std::string names = std::string(",") + format.name + ",";
+    return names.find(std::string(",") + name + ",") != std::string::npos;
+}
+
 // Formats that describe other files, and text that merely looks like a format.
 bool IsRefused(const AVInputFormat& format) {
     if ((format.flags & AVFMT_NOFILE) != 0) return true;
-    const std::string names = std::string(",") + format.name + ",";
     for (const char* refused : {"concat", "hls", "dash", "tty", "sdp", "rtsp", "imf", "ffmetadata",
                                 "applehttp", "webm_dash_manifest"})
-        if (names.find(std::string(",") + refused + ",") != std::string::npos) return true;
+        if (IsOneOf(format, refused)) return true;
     return false;
 }
 
@@ -98,6 +105,9 @@ HRESULT CDemuxer::OpenFormat() {
     const int score = av_probe_input_buffer2(m_io, &input, "", nullptr, 0, 0);
     if (score < AVPROBE_SCORE_RETRY || input == nullptr || IsRefused(*input))
         return HRESULT_FROM_WIN32(ERROR_BAD_FORMAT);
+    if (!m_counted && IsOneOf(*input, "mov") && MovClaimsTooMuch(m_file, m_size))
+        return HRESULT_FROM_WIN32(ERROR_BAD_FORMAT);
+    m_counted = true;
     if (m_packet == nullptr) m_packet = av_packet_alloc();
     m_format = avformat_alloc_context();
     if (m_format == nullptr || m_packet == nullptr) return E_OUTOFMEMORY;
@@ -154,8 +164,7 @@ void CDemuxer::DiscardAllBut(int stream) {
 }
 
 bool CDemuxer::Is(const char* name) const {
-    const std::string names = std::string(",") + m_format->iformat->name + ",";
-    return names.find(std::string(",") + name + ",") != std::string::npos;
+    return IsOneOf(*m_format->iformat, name);
 }
 
 }  // namespace zemstore

@@ -61,6 +61,7 @@ private:
     AVIOContext* m_io = nullptr;
     AVPacket* m_packet = nullptr;
     bool m_streamInfo = false;
+    bool m_counted = false;  // what the file claims has been looked at
 };
 
 }  // namespace zemstore
