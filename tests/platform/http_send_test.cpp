@@ -335,6 +335,48 @@ TEST(Send, RestOfAViewIsCopiedForTheBackground) {
     EXPECT_TRUE(Eventually([] { return HttpTuneBackgroundBytes() == 0; }));
 }
 
+// The thread that answers is in the middle of the view, sent from the file or from its pages, when
+// the file is cut off by somebody else.
+TEST(Send, AViewCutInMidSendEndsTheConnection) {
+    const CTuned no_copy(HttpTune()->background_bytes, uint64_t{0});
+    const CTuned no_stall(HttpTune()->stall_ms, 3600000u);
+    struct Way {
+        uint32_t view_send_bytes;
+        ULONG error;
+    };
+    for (const Way way : {Way{32 * 1024, ERROR_HANDLE_EOF}, Way{~0u, ERROR_INVALID_ADDRESS}}) {
+        SCOPED_TRACE(way.view_send_bytes);
+        const CTuned tuned(HttpTune()->view_send_bytes, way.view_send_bytes);
+        CTextFile file(20u << 20);
+        const int fd = open(file.Path().c_str(), O_RDWR);
+        void* const view = MapFileView(fd, 0, file.text.size());
+        ASSERT_NE(view, nullptr);
+        CServer server;
+        CClient client(server.TcpPort(), 4096);
+        client.Send(Get("/zem/"));
+        CBlock* block = server.Take();
+        ASSERT_NE(block, nullptr);
+        ULONG error = NO_ERROR;
+        std::thread library([&] {
+            HTTP_DATA_CHUNK chunk{};
+            chunk.FromMemory.pBuffer = view;
+            chunk.FromMemory.BufferLength = static_cast<ULONG>(file.text.size());
+            std::vector<HTTP_DATA_CHUNK> chunks = {chunk};
+            HTTP_RESPONSE response = Response(chunks);
+            error = SendIt(server, block->Id(), response);
+        });
+        EXPECT_TRUE(Eventually([] { return HttpTuneBlockedThreads() == 1; }));
+        EXPECT_EQ(ftruncate(fd, 4096), 0);
+        const std::string got = client.ReadToEnd();
+        library.join();
+        EXPECT_EQ(error, way.error);
+        EXPECT_NE(got.find("Content-Length: 20971520\r\n"), std::string::npos);
+        EXPECT_LT(got.size(), file.text.size());
+        UnmapFileView(view);
+        close(fd);
+    }
+}
+
 TEST(Send, FileTruncatedInMidSendEndsTheConnection) {
     CTextFile file(40u << 20);
     CExchange x;
