@@ -305,6 +305,28 @@ TEST_F(MediaFile, ManyFramesThroughManyCheckpoints) {
     }
 }
 
+// Counted in reads: of a file that is open, a frame costs its own bytes, wherever it lies.
+TEST_F(MediaFile, EveryFrameCostsOneReadOfItsOwnBytes) {
+    constexpr uint32_t kFrames = 5000;
+    {
+        Opened file(m_device);
+        ASSERT_EQ(file->BeginWriting(), S_OK);
+        for (uint32_t i = 0; i < kFrames; ++i)
+            ASSERT_EQ(WriteFrame(*file.file, i, FrameBytes(i, 1, 80)), S_OK);
+        ASSERT_EQ(file->EndWriting(), S_OK);
+    }
+    Opened file(m_device);
+    const auto reads = [&] { return m_device.calls[static_cast<size_t>(Call::kRead)]; };
+    std::vector<uint8_t> bytes;
+    for (const uint32_t position : {0u, 1u, kFrames / 3, kFrames / 2, kFrames - 1, 0u}) {
+        const uint64_t calls = reads();
+        const uint64_t before = m_device.bytesRead;
+        ASSERT_EQ(ReadFrame(*file.file, position, bytes), S_OK);
+        EXPECT_EQ(reads() - calls, 1u) << position;
+        EXPECT_EQ(m_device.bytesRead - before, 80u) << position;
+    }
+}
+
 TEST_F(MediaFile, FrameDescriptions) {
     Opened file(m_device);
     ASSERT_EQ(file->BeginWriting(), S_OK);
