@@ -109,6 +109,13 @@ private:
     std::filesystem::path m_path;
 };
 
+inline ErrorLogSettings ToFile(const std::string& path) {
+    ErrorLogSettings settings;
+    settings.toStderr = false;
+    settings.path = path;
+    return settings;
+}
+
 inline std::string ReadAll(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};

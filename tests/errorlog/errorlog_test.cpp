@@ -259,9 +259,7 @@ TEST(ErrorLogVerbosityLevels, LeaveOutWhatIsWider) {
 
 TEST(ErrorLogFile, IsAppendedTo) {
     const CTempFolder folder;
-    ErrorLogSettings settings;
-    settings.toStderr = false;
-    settings.path = folder.File("log");
+    const ErrorLogSettings settings = ToFile(folder.File("log"));
     for (int round = 0; round < 2; ++round) {
         ASSERT_TRUE(ErrorLogConfigure(settings, nullptr));
         WriteMessage(kErrorLogLevelMessage, round == 0 ? TEXT("one") : TEXT("two"));
@@ -274,9 +272,7 @@ TEST(ErrorLogFile, IsAppendedTo) {
 
 TEST(ErrorLogFile, RotatesAndKeepsSoMany) {
     const CTempFolder folder;
-    ErrorLogSettings settings;
-    settings.toStderr = false;
-    settings.path = folder.File("log");
+    ErrorLogSettings settings = ToFile(folder.File("log"));
     settings.rotate_bytes = 200;
     settings.rotateKeep = 2;
     ASSERT_TRUE(ErrorLogConfigure(settings, nullptr));
@@ -325,10 +321,7 @@ void ExpectAllWritten(void (*end)()) {
     constexpr int kRecords = 500;
     EXPECT_EXIT(
         {
-            ErrorLogSettings settings;
-            settings.toStderr = false;
-            settings.path = path;
-            ErrorLogConfigure(settings, nullptr);
+            ErrorLogConfigure(ToFile(path), nullptr);
             for (int i = 0; i < kRecords; ++i)
                 WriteMessage(kErrorLogLevelMessage, TEXT("last words"));
             end();

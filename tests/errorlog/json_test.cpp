@@ -129,9 +129,7 @@ TEST_F(ErrorLogJson, EachRecordHasTheFormatThatWasInForceWhenItCame) {
 // What a tool that puts log files away does: it renames the file and has it opened again.
 TEST(ErrorLogFileRenamed, IsWrittenToUntilItIsOpenedAgain) {
     const CTempFolder folder;
-    ErrorLogSettings settings;
-    settings.toStderr = false;
-    settings.path = folder.File("log");
+    const ErrorLogSettings settings = ToFile(folder.File("log"));
     ASSERT_TRUE(ErrorLogConfigure(settings, nullptr));
     WriteMessage(kErrorLogLevelMessage, TEXT("one"));
     ASSERT_TRUE(ErrorLogFlush(kFlush_ms));
