@@ -15,6 +15,22 @@ enum MediaFileType : int32_t {
     kMediaFileData = 4,
 };
 
+// Its word, as programs print it.
+inline constexpr const char* MediaTypeText(int32_t mediaType) {
+    switch (mediaType) {
+        case kMediaFileVideo:
+            return "video";
+        case kMediaFileAudio:
+            return "audio";
+        case kMediaFileTimecode:
+            return "timecode";
+        case kMediaFileData:
+            return "data";
+        default:
+            return "unknown";
+    }
+}
+
 // Frame rate in which a client counts positions; kFrameRateFile takes the file's own.
 enum VioFrameRate_t : int32_t {
     kFrameRateFile = 0,

@@ -149,21 +149,6 @@ FileRef FileNamed(const std::string& name, const std::string& aux) {
     return file;
 }
 
-const char* MediaTypeText(int32_t media_type) {
-    switch (media_type) {
-        case kMediaFileVideo:
-            return "video";
-        case kMediaFileAudio:
-            return "audio";
-        case kMediaFileTimecode:
-            return "timecode";
-        case kMediaFileData:
-            return "data";
-        default:
-            return "unknown";
-    }
-}
-
 std::string RateText(uint32_t numerator, uint32_t denominator) {
     if (denominator == 0 || numerator == 0) return "none";
     if (numerator % denominator == 0) return std::to_string(numerator / denominator);

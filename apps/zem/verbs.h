@@ -140,7 +140,6 @@ struct VerbGroup {
 inline constexpr const char* kTypeFile = "FILE";
 
 FileRef FileNamed(const std::string& name, const std::string& aux = {});
-const char* MediaTypeText(int32_t media_type);
 std::string RateText(uint32_t numerator, uint32_t denominator);
 void PrintLine(const std::string& text);
 

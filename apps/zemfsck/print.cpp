@@ -9,21 +9,6 @@ using namespace zemstore;
 namespace zemfsck {
 namespace {
 
-const char* TypeOf(const FileHeader& header) {
-    switch (header.esDesc.mediaType) {
-        case kMediaFileVideo:
-            return "video";
-        case kMediaFileAudio:
-            return "audio";
-        case kMediaFileTimecode:
-            return "timecode";
-        case kMediaFileData:
-            return "data";
-        default:
-            return "unknown";
-    }
-}
-
 const char* StateOf(const LoadReport::Root& root) {
     switch (root.state) {
         case LoadReport::RootState::kValid:
@@ -118,7 +103,8 @@ std::string FindingAsJson(const Finding& finding) {
 
 std::string AsText(const std::string& name, const Report& report) {
     std::string out = Shown(name) + ": " + Number(report.size_bytes) + " bytes, " +
-                      TypeOf(report.header) + ", file id " + IdOf(report.header) + "\n";
+                      MediaTypeText(report.header.esDesc.mediaType) + ", file id " +
+                      IdOf(report.header) + "\n";
     if (report.loaded) {
         const LoadReport& load = report.load;
         out += "  roots: ";
@@ -148,7 +134,8 @@ std::string AsText(const std::string& name, const Report& report) {
 std::string AsJson(const std::string& name, const Report& report) {
     std::string out = "{\"file\":" + Quoted(name) + ",\"result\":";
     out += report.damages == 0 ? "\"clean\"" : "\"damaged\"";
-    out += ",\"size\":" + Number(report.size_bytes) + ",\"type\":" + Quoted(TypeOf(report.header)) +
+    out += ",\"size\":" + Number(report.size_bytes) +
+           ",\"type\":" + Quoted(MediaTypeText(report.header.esDesc.mediaType)) +
            ",\"fileId\":" + Quoted(IdOf(report.header));
     if (report.loaded) {
         const LoadReport& load = report.load;
