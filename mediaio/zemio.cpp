@@ -16,7 +16,7 @@ namespace {
 
 constexpr DWORD kOpenFlags = kFileRead | kFileWrite | kFileShare;
 
-// A file opened for the time of one call, by name.
+// A stream that is closed at the end of the call, however that ends, unless a token takes it over.
 class CBriefStream {
 public:
     CBriefStream() = default;
@@ -29,7 +29,12 @@ public:
         return io.OpenStreamOf(fileName, auxName, type, m_stream);
     }
     OpenStream* operator->() { return &m_stream; }
-    const OpenStream& operator*() const { return m_stream; }
+    OpenStream& operator*() { return m_stream; }
+    HRESULT GiveTo(CTokenTable& tokens, ULONGLONG& token) {
+        const HRESULT hr = tokens.Add(m_stream, token);
+        if (SUCCEEDED(hr)) m_stream = {};
+        return hr;
+    }
 
 private:
     OpenStream m_stream;
@@ -129,12 +134,9 @@ HRESULT CZemIo::CreateFileW(const WCHAR* fileName, const WCHAR* auxName, const Z
     if (security != nullptr) return E_INVALIDARG;
     const ZemEsDesc desc = esDesc;
     return Guarded([&] {
-        OpenStream stream;
-        HRESULT hr = m_io->CreateStream(fileName, auxName, desc, createFlags, stream);
-        if (FAILED(hr)) return hr;
-        hr = m_io->tokens.Add(stream, token);
-        if (FAILED(hr)) CIoState::CloseStream(stream);
-        return hr;
+        CBriefStream stream;
+        const HRESULT hr = m_io->CreateStream(fileName, auxName, desc, createFlags, *stream);
+        return FAILED(hr) ? hr : stream.GiveTo(m_io->tokens, token);
     });
 }
 
@@ -142,23 +144,18 @@ HRESULT CZemIo::OpenFile(const WCHAR* fileName, const WCHAR* auxName, MediaFileT
                          DWORD openFlags, bool, ULONGLONG& token) {
     if ((openFlags & ~kOpenFlags) != 0) return E_INVALIDARG;
     return Guarded([&] {
-        OpenStream stream;
-        HRESULT hr = m_io->OpenStreamOf(fileName, auxName, type, stream);
-        if (FAILED(hr)) return hr;
+        CBriefStream stream;
+        HRESULT hr = stream.Open(*m_io, fileName, auxName, type, openFlags);
         // Marks are set beside a writer; a borrowed timecode is never written.
-        if ((openFlags & kFileWrite) != 0 && stream.kind != kTokenKindMarker) {
-            const bool borrowed = stream.kind == kTokenKindTimecode &&
-                                  stream.file->EsDescAtCreation().mediaType != kMediaFileTimecode;
+        if (SUCCEEDED(hr) && (openFlags & kFileWrite) != 0 && stream->kind != kTokenKindMarker) {
+            const bool borrowed = stream->kind == kTokenKindTimecode &&
+                                  stream->file->EsDescAtCreation().mediaType != kMediaFileTimecode;
             CMediaFile* file = nullptr;
-            hr = ForWriting(stream, file);
+            hr = ForWriting(*stream, file);
             if (SUCCEEDED(hr)) hr = borrowed ? E_ACCESSDENIED : file->BeginWriting();
+            stream->writer = SUCCEEDED(hr);
         }
-        if (SUCCEEDED(hr)) {
-            stream.writer = (openFlags & kFileWrite) != 0 && stream.kind != kTokenKindMarker;
-            hr = m_io->tokens.Add(stream, token);
-        }
-        if (FAILED(hr)) CIoState::CloseStream(stream);
-        return hr;
+        return FAILED(hr) ? hr : stream.GiveTo(m_io->tokens, token);
     });
 }
 

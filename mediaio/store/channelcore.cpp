@@ -483,7 +483,9 @@ HRESULT CChannelCore::WriteFrame(const std::shared_ptr<CChannelCore>& self, CIoS
     }
     auto* job = new (std::nothrow) WriteJob;
     if (job == nullptr) {
-        ReleaseRun(desc);
+        ReleaseWriteFrameBuffers(desc);
+        for (uint32_t i = 0; i < desc.streamData->entryCount; ++i)
+            desc.streamData->entries[i].status = E_OUTOFMEMORY;
         return desc.status = E_OUTOFMEMORY;
     }
     job->core = self;
