@@ -20,24 +20,19 @@ namespace {
 
 using namespace mediatest;
 
-// true: no ring.
-class Channel : public CVolumeTest, public testing::WithParamInterface<bool> {
+// true: no ring. A base of its own, since it has to come before the first channel.
+class CEngineChoice : public testing::WithParamInterface<bool> {
 protected:
-    static bool Prepare() {
+    CEngineChoice() {
         if (GetParam()) {
             setenv("ZEM_NO_IO_URING", "1", 1);
         } else {
             unsetenv("ZEM_NO_IO_URING");
         }
-        return true;
     }
-    // Before the base makes the first channel.
-    struct Preparer {
-        Preparer() { Prepare(); }
-    };
 };
 
-class ChannelIo : public Channel::Preparer, public Channel {};
+class ChannelIo : public CEngineChoice, public CVolumeTest {};
 
 INSTANTIATE_TEST_SUITE_P(Ring, ChannelIo, testing::Values(false));
 INSTANTIATE_TEST_SUITE_P(Threads, ChannelIo, testing::Values(true));
