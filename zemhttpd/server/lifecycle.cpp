@@ -38,6 +38,7 @@ HRESULT LastErrorAsHresult() {
 }
 
 void NTAPI EndAlertableWait(ULONG_PTR) {}
+constexpr DWORD kAskAgain_ms = 1000;
 
 }  // namespace
 
@@ -214,8 +215,10 @@ void CHttpCommandHandler::StopLongThreads() {
     if (m_issuerThread) m_issuerBegun.wait(false);
     for (const HANDLE thread : {m_issuerThread, m_snifferThread}) {
         if (!thread) continue;
-        QueueUserAPC(EndAlertableWait, thread, 0);
-        WaitForSingleObject(thread, INFINITE);
+        // A wait of the system's own, inside one of its calls, may take the call for itself.
+        do
+            QueueUserAPC(EndAlertableWait, thread, 0);
+        while (WaitForSingleObject(thread, kAskAgain_ms) == WAIT_TIMEOUT);
     }
     for (HANDLE* thread : {&m_issuerThread, &m_snifferThread}) {
         if (!*thread) continue;
