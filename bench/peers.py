@@ -141,7 +141,7 @@ http {{
     keepalive_requests 1000000;
     keepalive_timeout 600;
     sendfile on;
-    tcp_nopush on;
+    tcp_nopush off;
     client_max_body_size 64m;
     {places}
     server {{
