@@ -38,7 +38,6 @@ HRESULT LastErrorAsHresult() {
 }
 
 void NTAPI EndAlertableWait(ULONG_PTR) {}
-constexpr DWORD kAskAgain_ms = 1000;
 
 }  // namespace
 
@@ -215,10 +214,8 @@ void CHttpCommandHandler::StopLongThreads() {
     if (m_issuerThread) m_issuerBegun.wait(false);
     for (const HANDLE thread : {m_issuerThread, m_snifferThread}) {
         if (!thread) continue;
-        // A wait of the system's own, inside one of its calls, may take the call for itself.
-        do
-            QueueUserAPC(EndAlertableWait, thread, 0);
-        while (WaitForSingleObject(thread, kAskAgain_ms) == WAIT_TIMEOUT);
+        QueueUserAPC(EndAlertableWait, thread, 0);
+        WaitForSingleObject(thread, INFINITE);
     }
     for (HANDLE* thread : {&m_issuerThread, &m_snifferThread}) {
         if (!*thread) continue;
