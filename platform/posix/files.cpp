@@ -194,7 +194,10 @@ HANDLE OpenToDelete(const CNativeName& name) {
     CNativeName folder = name;
     char* slash = std::strrchr(folder.path, '/');
     const char* leaf = slash ? name.path + (slash + 1 - folder.path) : name.path;
-    std::strcpy(slash ? (slash == folder.path ? slash + 1 : slash) : folder.path, slash ? "" : ".");
+    if (!slash)
+        std::strcpy(folder.path, ".");
+    else
+        slash[slash == folder.path ? 1 : 0] = 0;  // the root keeps its own
     auto* file = new CFile(folder.path, leaf);
     struct stat status;
     if (file->Descriptor() >= 0 && fstat(file->Descriptor(), &status) == 0 &&

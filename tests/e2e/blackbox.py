@@ -497,11 +497,7 @@ class CutFromOutside(ServerCase):
 def main():
     global PROGRAM, FILE_SERVER, TRACE
     arguments = sys.argv[1:]
-    if '--zemhost' not in arguments:
-        sys.exit(__doc__)
-    at = arguments.index('--zemhost')
-    PROGRAM = os.path.abspath(arguments[at + 1])
-    del arguments[at:at + 2]
+    PROGRAM = take_program(arguments, __doc__)
     FILE_SERVER = '--file-server' in arguments
     TRACE = '--trace' in arguments
     rest = [argument for argument in arguments if argument not in ('--file-server', '--trace')]

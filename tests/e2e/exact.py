@@ -400,11 +400,8 @@ class ExactCase(unittest.TestCase):
 
 def main():
     arguments = sys.argv[1:]
-    if '--zemhost' not in arguments:
-        sys.exit('usage: %s --zemhost PROGRAM [--file-server] [--trace] [unittest arguments]' % sys.argv[0])
-    at = arguments.index('--zemhost')
-    ExactCase.program = os.path.abspath(arguments[at + 1])
-    del arguments[at:at + 2]
+    ExactCase.program = take_program(
+        arguments, 'usage: %s --zemhost PROGRAM [--file-server] [--trace] [unittest arguments]' % sys.argv[0])
     ExactCase.file_server = '--file-server' in arguments
     ExactCase.trace_flag = '--trace' in arguments
     rest = [argument for argument in arguments if argument not in ('--file-server', '--trace')]

@@ -188,11 +188,7 @@ class Log(unittest.TestCase):
 def main():
     global PROGRAM
     arguments = sys.argv[1:]
-    if '--zemhost' not in arguments:
-        sys.exit(__doc__)
-    at = arguments.index('--zemhost')
-    PROGRAM = os.path.abspath(arguments[at + 1])
-    del arguments[at:at + 2]
+    PROGRAM = take_program(arguments, __doc__)
     unittest.main(argv=[sys.argv[0], *arguments])
 
 

@@ -8,6 +8,7 @@ import signal
 import socket
 import struct
 import subprocess
+import sys
 import tempfile
 import threading
 import time
@@ -211,6 +212,16 @@ def frame_of(reply, n=1):
 
 def stream_status(reply, i=0):
     return reply.word(8 + 96 * i)
+
+
+def take_program(arguments, usage):
+    """Takes "--zemhost PROGRAM" out of a suite's arguments; the program's path."""
+    if '--zemhost' not in arguments:
+        sys.exit(usage)
+    at = arguments.index('--zemhost')
+    program = os.path.abspath(arguments[at + 1])
+    del arguments[at:at + 2]
+    return program
 
 
 def free_port():

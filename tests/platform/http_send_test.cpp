@@ -305,6 +305,16 @@ TEST(Send, ViewsGoOutWithoutBeingRead) {
     UnmapFileView(view);
 }
 
+// The answer is the view, whole.
+ULONG SendView(CServer& server, HTTP_REQUEST_ID id, void* view, size_t bytes) {
+    HTTP_DATA_CHUNK chunk{};
+    chunk.FromMemory.pBuffer = view;
+    chunk.FromMemory.BufferLength = static_cast<ULONG>(bytes);
+    std::vector<HTTP_DATA_CHUNK> chunks = {chunk};
+    HTTP_RESPONSE response = Response(chunks);
+    return SendIt(server, id, response);
+}
+
 // What a view showed when the answer was given is what arrives: the application may give the bytes'
 // place in the file back as soon as its call has returned.
 TEST(Send, RestOfAViewIsCopiedForTheBackground) {
@@ -318,12 +328,7 @@ TEST(Send, RestOfAViewIsCopiedForTheBackground) {
     CBlock* block = server.Take();
     ASSERT_NE(block, nullptr);
     std::thread library([&] {  // no worker: it does not wait for the client
-        HTTP_DATA_CHUNK chunk{};
-        chunk.FromMemory.pBuffer = view;
-        chunk.FromMemory.BufferLength = static_cast<ULONG>(file.text.size());
-        std::vector<HTTP_DATA_CHUNK> chunks = {chunk};
-        HTTP_RESPONSE response = Response(chunks);
-        EXPECT_EQ(SendIt(server, block->Id(), response), NO_ERROR);
+        EXPECT_EQ(SendView(server, block->Id(), view, file.text.size()), NO_ERROR);
     });
     library.join();
     EXPECT_GT(HttpTuneBackgroundBytes(), 0u);
@@ -357,14 +362,7 @@ TEST(Send, AViewCutInMidSendEndsTheConnection) {
         CBlock* block = server.Take();
         ASSERT_NE(block, nullptr);
         ULONG error = NO_ERROR;
-        std::thread library([&] {
-            HTTP_DATA_CHUNK chunk{};
-            chunk.FromMemory.pBuffer = view;
-            chunk.FromMemory.BufferLength = static_cast<ULONG>(file.text.size());
-            std::vector<HTTP_DATA_CHUNK> chunks = {chunk};
-            HTTP_RESPONSE response = Response(chunks);
-            error = SendIt(server, block->Id(), response);
-        });
+        std::thread library([&] { error = SendView(server, block->Id(), view, file.text.size()); });
         EXPECT_TRUE(Eventually([] { return HttpTuneBlockedThreads() == 1; }));
         EXPECT_EQ(ftruncate(fd, 4096), 0);
         const std::string got = client.ReadToEnd();
