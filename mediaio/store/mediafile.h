@@ -42,6 +42,7 @@ struct WriteItem {
     HRESULT result = S_OK;
 
     WriteItem* next = nullptr;  // from here on the file's
+    bool awaitedSpace = false;  // once: the next failure for want of space is final
     uint64_t slotOffset = 0;
     uint64_t sequence = 0;
 };
@@ -136,6 +137,7 @@ private:
     // mediafile_write.cpp
     void Pump(std::unique_lock<std::mutex>& hold);
     bool BuildBatch();
+    bool SpaceComesBack();
     void FillRecord(WriteItem& item, uint8_t* tail, size_t tailSize);
     void BatchDone();
     void Start(IoRequest& request, std::unique_lock<std::mutex>& hold);
@@ -184,6 +186,7 @@ private:
     uint64_t m_appended = 0;
     uint64_t m_finished = 0;
     bool m_batchRunning = false;
+    bool m_spaceAwaited = false;  // the queue rests until the checkpoint has given space back
     uint64_t m_logEnd = kLogOffset;
     uint64_t m_sequence = 1;
     uint64_t m_knownSize = 0;  // of the file, when this object last read or wrote it

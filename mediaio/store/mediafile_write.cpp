@@ -79,6 +79,7 @@ void CMediaFile::Append(WriteItem& item) {
         return;
     }
     item.next = nullptr;
+    item.awaitedSpace = false;
     *m_queueEnd = &item;
     m_queueEnd = &item.next;
     ++m_appended;
@@ -189,9 +190,10 @@ void CMediaFile::Pump(std::unique_lock<std::mutex>& hold) {
             if (BeginCheckpoint()) ContinueCheckpoint(hold);
             continue;
         }
+        if (m_phase == Phase::kIdle) m_spaceAwaited = false;
         const bool held = m_phase != Phase::kIdle && m_phase != Phase::kPunch &&
                           m_logEnd - m_logStart > kTailLimit;
-        if (m_queue == nullptr || held || !BuildBatch()) return;
+        if (m_queue == nullptr || held || m_spaceAwaited || !BuildBatch()) return;
         m_batchRunning = true;
         AddRef();  // until BatchDone
         Start(m_batchRequest, hold);
@@ -309,9 +311,15 @@ void CMediaFile::BatchDone() {
         WriteItem& failed = *m_batch[whole];
         failed.result = FAILED(m_batchRequest.result) ? m_batchRequest.result
                                                       : HRESULT_FROM_WIN32(ERROR_DISK_FULL);
-        done[doneCount++] = &failed;
-        // What came after it in the batch has not had its own chance yet.
-        for (size_t i = m_batchCount; i-- > whole + 1;) {
+        size_t again = whole + 1;  // what came after it in the batch has not had its own chance yet
+        if (failed.result == HRESULT_FROM_WIN32(ERROR_DISK_FULL) && !failed.awaitedSpace &&
+            SpaceComesBack()) {
+            failed.awaitedSpace = m_spaceAwaited = true;
+            again = whole;
+        } else {
+            done[doneCount++] = &failed;
+        }
+        for (size_t i = m_batchCount; i-- > again;) {
             m_batch[i]->next = m_queue;
             if (m_queue == nullptr) m_queueEnd = &m_batch[i]->next;
             m_queue = m_batch[i];
@@ -325,6 +333,15 @@ void CMediaFile::BatchDone() {
     hold.lock();
     m_finished += doneCount;
     m_changed.notify_all();
+}
+
+// True when a checkpoint is on its way that gives space back, or is worth a try: whoever erased or
+// overwrote frames to make room need not know when the room is there. Called with the lock.
+bool CMediaFile::SpaceComesBack() {
+    if (m_phase != Phase::kIdle || m_wanted != Wanted::kNothing) return true;
+    if (!m_writer || m_dead.empty() || m_logEnd < m_retryAt) return false;
+    m_wanted = Wanted::kCheckpoint;
+    return true;
 }
 
 // Brings one record into the index. Called with the lock, or before anyone else sees the file.

@@ -1,4 +1,5 @@
 // What the store says it has put on the device, and what it reads to find it again.
+#include "mediaio/store/crc32c.h"
 #include "simfile.h"
 
 #include <gtest/gtest.h>
@@ -95,15 +96,15 @@ TEST(FailedSync, TheNextObjectKnowsOnlyWhatTheDeviceHas) {
     }
 }
 
-// A file whose first sync waits at a gate, and then ends as it is told. The system tells of a
-// failure once: every other sync says that all is well.
+// A file of which one sync waits at a gate, and then ends as it is told. The system tells of a
+// failure once: every other sync says that all is well. What is punched is room again.
 class CGatedFile final : public CSimFile {
 public:
-    explicit CGatedFile(Device& device) : CSimFile(device) {}
+    explicit CGatedFile(Device& device) : CSimFile(device), m_device(device) {}
     HRESULT Sync() override {
         std::unique_lock hold(m_lock);
         ++m_syncs;
-        if (!m_armed) {
+        if (!m_armed || m_before-- != 0) {
             std::lock_guard alone(m_deviceLock);
             return CSimFile::Sync();
         }
@@ -121,9 +122,15 @@ public:
         std::lock_guard alone(m_deviceLock);
         CSimFile::DropCache();
     }
-    void Arm(HRESULT result) {
+    HRESULT PunchHole(uint64_t offset, uint64_t size) override {
+        std::lock_guard alone(m_deviceLock);
+        if (m_device.capacity != ~0ull) m_device.capacity += size;
+        return CSimFile::PunchHole(offset, size);
+    }
+    void Arm(HRESULT result, uint32_t before = 0) {  // `before`: so many syncs go through first
         std::lock_guard hold(m_lock);
         m_armed = true;
+        m_before = before;
         m_open = m_waiting = false;
         m_result = result;
         m_syncs = 0;
@@ -143,10 +150,12 @@ public:
     }
 
 private:
+    Device& m_device;
     std::mutex m_deviceLock;
     std::mutex m_lock;  // guards what follows
     std::condition_variable m_changed;
     bool m_armed = false;
+    uint32_t m_before = 0;
     bool m_waiting = false;
     bool m_open = false;
     HRESULT m_result = S_OK;
@@ -229,6 +238,86 @@ TEST_F(SharedSync, ManyShareAFew) {
         thread.join();
     EXPECT_GE(m_gate->Syncs(), 1u);
     EXPECT_LE(m_gate->Syncs(), 21u);
+}
+
+// A frame that is written while the test looks on.
+struct Writing {
+    Writing(uint32_t position, size_t size) : bytes(FrameBytes(position, 1, size)) {
+        item.position = position;
+        item.data = bytes.data();
+        item.dataSize = static_cast<uint32_t>(bytes.size());
+        item.dataCrc = zemstore::Crc32c(0, bytes.data(), bytes.size());
+        item.context = this;
+        item.completed = [](WriteItem& written) {
+            static_cast<Writing*>(written.context)->done = true;
+        };
+    }
+    const std::vector<uint8_t> bytes;
+    WriteItem item;
+    std::atomic<bool> done{false};
+};
+
+// The device is full but for what frames of 50,000 bytes that nobody wants any more still hold.
+class FullDevice : public SharedSync {
+protected:
+    static constexpr HRESULT kFull = HRESULT_FROM_WIN32(ERROR_DISK_FULL);
+    void SetUp() override {
+        SharedSync::SetUp();
+        ASSERT_EQ(WriteFrame(*m_file, 1, FrameBytes(1, 1, 50000)), S_OK);
+    }
+    void Fill() { m_device.capacity = m_device.content.size() + 30000; }  // the index has room
+    HRESULT Write(uint32_t position) {
+        return WriteFrame(*m_file, position, FrameBytes(position, 1, 40000));
+    }
+};
+
+TEST_F(FullDevice, AWriteWaitsForTheSpaceThatACheckpointGivesBack) {
+    Fill();
+    m_gate->Arm(S_OK, 1);  // the record's own sync goes through, the checkpoint's first one waits
+    std::thread erase([&] { EXPECT_EQ(m_file->Erase(1, 2), S_OK); });
+    m_gate->AwaitSync();
+    Writing frame(2, 40000);
+    Writing small(3, 100);
+    m_file->Append(frame.item);
+    m_file->Append(small.item);
+    EXPECT_FALSE(frame.done);
+    EXPECT_FALSE(small.done) << "what comes after it keeps its place";
+    m_gate->Open();
+    erase.join();
+    EXPECT_EQ(m_file->Flush(), S_OK);
+    EXPECT_TRUE(frame.done);
+    EXPECT_EQ(frame.item.result, S_OK);
+    EXPECT_EQ(small.item.result, S_OK);
+    std::vector<uint8_t> bytes;
+    EXPECT_EQ(ReadFrame(*m_file, 2, bytes), S_OK);
+    EXPECT_EQ(bytes, frame.bytes);
+}
+
+TEST_F(FullDevice, AWriteAsksForTheSpaceOfWhatWasOverwritten) {
+    ASSERT_EQ(WriteFrame(*m_file, 1, FrameBytes(1, 2, 1000)), S_OK);
+    Fill();
+    EXPECT_EQ(Write(2), S_OK);
+    EXPECT_EQ(Write(3), kFull) << "and then there is none";
+}
+
+TEST_F(FullDevice, AWriteWaitsForNoReader) {
+    PinnedFrame held{};
+    ASSERT_EQ(m_file->Pin(1, true, held), S_OK);
+    Fill();
+    ASSERT_EQ(m_file->Erase(1, 2), S_OK);
+    EXPECT_EQ(Write(2), kFull);
+    m_file->Unpin(held.epoch);
+    EXPECT_EQ(Write(2), S_OK);
+}
+
+TEST_F(FullDevice, AWriteFailsWhenThereIsNoRoomForTheIndexEither) {
+    ASSERT_EQ(WriteFrame(*m_file, 1, FrameBytes(1, 2, 1000)), S_OK);
+    m_device.capacity = m_device.content.size();
+    EXPECT_EQ(Write(2), kFull);
+    const uint64_t writes = m_device.calls[static_cast<size_t>(Call::kWrite)];
+    EXPECT_EQ(Write(3), kFull);
+    EXPECT_EQ(m_device.calls[static_cast<size_t>(Call::kWrite)], writes + 1)
+        << "the index is not tried again with every frame";
 }
 
 // Two objects of one file are two processes: the one that only read knows nothing of the other.
