@@ -459,7 +459,7 @@ class _Wire:
     def exchange(self, method: str, path: str, headers: Sequence[tuple[str, str | bytes]] = (),
                  parts: Sequence[bytes | memoryview] = ()) -> Iterator[_Entity]:
         """Sends a request, whose entity is the parts one after another, and gives its answer to read. What of the
-        answer is not read by the end costs the connection."""
+        answer is not read by the end costs the connection; so does an answer that is none."""
         connection = self._connection
         try:
             self._notice_hang_up()
@@ -485,6 +485,9 @@ class _Wire:
                 yield entity
             finally:
                 left = entity.left > 0
+        except ZemProtocolError:
+            left = True
+            raise
         finally:
             response.close()
             if left:

@@ -37,8 +37,10 @@ struct CRegion {
     // One entry for each slot; all entries of a view's slots name the view. Anonymous pages: what
     // is unused costs nothing.
     std::atomic<CView*>* table = nullptr;
-    std::mutex lock;                // guards `free`
+    std::mutex lock;                // guards the maps
     std::map<size_t, size_t> free;  // first slot -> slots, never adjacent
+    // By first slot. The table alone would not do: leak checkers do not look into such pages.
+    std::map<size_t, CView> views;
 
     CRegion() {
         for (size_t size = kLargestRegion; size >= kSmallestRegion; size /= 4) {
@@ -91,6 +93,21 @@ struct CRegion {
         free.emplace(first, count);
     }
 
+    CView* Keep(const CView& view) {
+        const std::lock_guard guard(lock);
+        return &views.emplace(view.first_slot, view).first->second;
+    }
+
+    // The view ends here, and its slots are free.
+    void Forget(const CView& view) {
+        const CView gone = view;
+        {
+            const std::lock_guard guard(lock);
+            views.erase(gone.first_slot);
+        }
+        GiveSlots(gone.first_slot, gone.slots);
+    }
+
     // The addresses stay reserved; only what was mapped there goes.
     void Unmap(size_t first, size_t count) {
         mmap(base + first * kSlotBytes, count * kSlotBytes, PROT_NONE,
@@ -131,7 +148,7 @@ void* MapInto(CRegion& region, const CView& view, size_t lead) {
              static_cast<off_t>(view.offset - lead)) == MAP_FAILED) {
         return nullptr;
     }
-    auto* entry = new CView(view);
+    CView* entry = region.Keep(view);
     entry->start = place + lead;
     for (size_t i = 0; i < view.slots; ++i)
         region.table[view.first_slot + i].store(entry, std::memory_order_release);
@@ -174,8 +191,7 @@ void UnmapFileView(void* view) {
         region.table[found->first_slot + i].store(nullptr, std::memory_order_release);
     region.Unmap(found->first_slot, found->slots);
     close(found->descriptor);
-    region.GiveSlots(found->first_slot, found->slots);
-    delete found;
+    region.Forget(*found);
 }
 
 bool FindFileView(const void* address, size_t length, int* descriptor, uint64_t* offset_bytes) {
