@@ -236,7 +236,7 @@ bool CCommandServer::Lay(const Request& request, void* buffer, size_t& used) {
     view.remote = view.local = &address;
     view.connection_id = 1;
     view.request_id = ++m_lastId;
-    view.layout_bytes = posix::LayoutBytes(view);
+    posix::Measure(view);
     if (view.layout_bytes > kRequestBuffer_bytes - posix::kReserveBytes) return false;  // 431
     view.body = request.body.data();
     view.body_bytes = std::min(request.received_bytes, request.body.size());

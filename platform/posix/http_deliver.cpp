@@ -12,7 +12,6 @@ namespace posix {
 void CHttpConnection::FillView(CRequestView& view, const RequestHead& head,
                                const TargetParts& target, const CookedPath& path,
                                const char* base) {
-    view = {};
     view.head = &head;
     view.base = base;
     view.target = &target;
@@ -20,8 +19,11 @@ void CHttpConnection::FillView(CRequestView& view, const RequestHead& head,
     view.remote = &m_remote;
     view.local = &m_local;
     view.connection_id = m_connection_id;
+    view.request_id = 0;
+    view.body = view.raw = nullptr;
+    view.body_bytes = view.raw_bytes = 0;
     view.body_done = true;
-    view.layout_bytes = LayoutBytes(view);
+    Measure(view);
 }
 
 // Makes the buffer hold the view's head (if wanted), its body from `body_from` on, and the raw

@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <stdio.h>
 
+#include <charconv>
 #include <cstring>
 #include <new>
 
@@ -20,48 +21,35 @@ size_t AddressRoom(const CSocketAddress* address) {
     return Align(address->Size(), 8);
 }
 
-// The host of the full URL, always with a port: from the target, the Host field, or else the
-// address that the client connected to.
-struct CHostText {
-    char made[80];
-    std::string_view host;
-    char port[8];
-    size_t port_length;
+// The text of an address, as a URL has it.
+std::string_view WriteAddress(const CSocketAddress& address, char (&to)[80]) {
+    char text[INET6_ADDRSTRLEN] = "";
+    const bool six = address.any.sa_family == AF_INET6;
+    inet_ntop(address.any.sa_family,
+              six ? static_cast<const void*>(&address.v6.sin6_addr)
+                  : static_cast<const void*>(&address.v4.sin_addr),
+              text, sizeof text);
+    snprintf(to, sizeof to, six ? "[%s]" : "%s", text);
+    return to;
+}
 
-    explicit CHostText(const CRequestView& view) {
-        host = view.target->authority.empty() ? view.head->host : view.target->authority;
-        if (host.empty()) {
-            char text[INET6_ADDRSTRLEN] = "";
-            const bool six = view.local->any.sa_family == AF_INET6;
-            inet_ntop(view.local->any.sa_family,
-                      six ? static_cast<const void*>(&view.local->v6.sin6_addr)
-                          : static_cast<const void*>(&view.local->v4.sin_addr),
-                      text, sizeof text);
-            snprintf(made, sizeof made, six ? "[%s]" : "%s", text);
-            host = made;
-        }
-        const size_t colon = host.rfind(':');
-        const bool has_port = colon != std::string_view::npos && host.back() != ']';
-        port_length = 0;
-        if (!has_port) {
-            port[port_length++] = ':';
-            unsigned number = view.local->Port();
-            char digits[5];
-            int count = 0;
-            do
-                digits[count++] = static_cast<char>('0' + number % 10);
-            while (number /= 10);
-            while (count > 0)
-                port[port_length++] = digits[--count];
-        }
-    }
-    size_t Length() const { return host.size() + port_length; }
-};
+void SetHost(const CRequestView& view, CHostText& text) {
+    text.host = view.target->authority.empty() ? view.head->host : view.target->authority;
+    if (text.host.empty()) text.host = WriteAddress(*view.local, text.made);
+    text.port_length = 0;
+    const size_t colon = text.host.rfind(':');
+    if (colon != std::string_view::npos && text.host.back() != ']') return;
+    text.port[0] = ':';
+    char* const end =
+        std::to_chars(text.port + 1, text.port + sizeof text.port, unsigned{view.local->Port()})
+            .ptr;
+    text.port_length = static_cast<size_t>(end - text.port);
+}
 
 constexpr std::string_view kScheme = "http://";
 
-size_t FullUrlChars(const CRequestView& view, const CHostText& host) {
-    return kScheme.size() + host.Length() + view.path->length + view.target->query.size();
+size_t FullUrlChars(const CRequestView& view) {
+    return kScheme.size() + view.host.Length() + view.path->length + view.target->query.size();
 }
 
 class CRequestWriter {
@@ -72,7 +60,7 @@ public:
           m_request(*new (buffer) HTTP_REQUEST()),
           m_at(m_base + sizeof(HTTP_REQUEST)) {}
 
-    char* Write(const CHostText& host);
+    char* Write();
 
 private:
     std::string_view Name(const HeaderField& f) const {
@@ -105,7 +93,7 @@ private:
     }
     void WriteFields();
     void WriteRepeated(const HeaderField& field, HTTP_KNOWN_HEADER& known);
-    void WriteUrl(const CHostText& host);
+    void WriteUrl();
 
     const CRequestView& m_view;
     char* const m_base;
@@ -123,7 +111,7 @@ size_t UnknownCount(const CRequestView& view) {
 // A known field that came more than once is one value with the pieces joined, at most this big.
 constexpr size_t kJoinBytes = 2;
 
-char* CRequestWriter::Write(const CHostText& host) {
+char* CRequestWriter::Write() {
     const RequestHead& head = *m_view.head;
     m_request.ConnectionId = m_view.connection_id;
     m_request.RequestId = m_view.request_id;
@@ -138,7 +126,7 @@ char* CRequestWriter::Write(const CHostText& host) {
     }
     m_request.Address.pRemoteAddress = PutAddress(m_view.remote);
     m_request.Address.pLocalAddress = PutAddress(m_view.local);
-    WriteUrl(host);
+    WriteUrl();
     m_request.pRawUrl = PutText(head.target);
     m_request.RawUrlLength = static_cast<USHORT>(head.target.size());
     if (head.verb == HttpVerbUnknown) {
@@ -151,7 +139,8 @@ char* CRequestWriter::Write(const CHostText& host) {
     return end;
 }
 
-void CRequestWriter::WriteUrl(const CHostText& host) {
+void CRequestWriter::WriteUrl() {
+    const CHostText& host = m_view.host;
     HTTP_COOKED_URL& url = m_request.CookedUrl;
     const auto bytes = [](size_t chars) { return static_cast<USHORT>(chars * sizeof(WCHAR)); };
     url.pFullUrl = PutWide(kScheme);
@@ -166,7 +155,7 @@ void CRequestWriter::WriteUrl(const CHostText& host) {
         url.pQueryString = PutWide(m_view.target->query);
         url.QueryStringLength = bytes(m_view.target->query.size());
     }
-    url.FullUrlLength = bytes(FullUrlChars(m_view, host));
+    url.FullUrlLength = bytes(FullUrlChars(m_view));
     memset(m_at, 0, sizeof(WCHAR));
     m_at += sizeof(WCHAR);
 }
@@ -195,7 +184,7 @@ void CRequestWriter::WriteFields() {
 }
 
 // The joined value is written anew behind the last string when the first one is not the last, which
-// LayoutBytes allows for.
+// Measure allows for.
 void CRequestWriter::WriteRepeated(const HeaderField& field, HTTP_KNOWN_HEADER& known) {
     char* joined = m_at;
     memcpy(joined, known.pRawValue, known.RawValueLength);
@@ -230,15 +219,6 @@ size_t FieldBytes(const CRequestView& view) {
     return bytes;
 }
 
-size_t LayoutBytesWith(const CRequestView& view, const CHostText& host) {
-    const RequestHead& head = *view.head;
-    size_t bytes = sizeof(HTTP_REQUEST) + sizeof(HTTP_DATA_CHUNK) + AddressRoom(view.remote) +
-                   AddressRoom(view.local) + (FullUrlChars(view, host) + 1) * sizeof(WCHAR) +
-                   head.target.size() + 1 + FieldBytes(view);
-    if (head.verb == HttpVerbUnknown) bytes += head.method.size() + 1;
-    return Align(bytes, 8);
-}
-
 }  // namespace
 
 uint16_t CSocketAddress::Port() const {
@@ -254,15 +234,20 @@ void CSocketAddress::Unmap() {
     v4 = plain;
 }
 
-size_t LayoutBytes(const CRequestView& view) {
-    return LayoutBytesWith(view, CHostText(view));
+void Measure(CRequestView& view) {
+    SetHost(view, view.host);
+    const RequestHead& head = *view.head;
+    size_t bytes = sizeof(HTTP_REQUEST) + sizeof(HTTP_DATA_CHUNK) + AddressRoom(view.remote) +
+                   AddressRoom(view.local) + (FullUrlChars(view) + 1) * sizeof(WCHAR) +
+                   head.target.size() + 1 + FieldBytes(view);
+    if (head.verb == HttpVerbUnknown) bytes += head.method.size() + 1;
+    view.layout_bytes = Align(bytes, 8);
 }
 
 size_t LayOut(const CRequestView& view, ULONG flags, void* buffer, size_t size, size_t* copied) {
-    const CHostText host(view);
     CRequestWriter writer(view, buffer);
     char* const base = static_cast<char*>(buffer);
-    char* end = writer.Write(host);
+    char* end = writer.Write();
     auto& request = *static_cast<HTTP_REQUEST*>(buffer);
     auto* chunk = new (base + sizeof(HTTP_REQUEST)) HTTP_DATA_CHUNK();
     size_t used = static_cast<size_t>(end - base);

@@ -20,8 +20,23 @@ union CSocketAddress {
     void Unmap();
 };
 
-// A request ready to be delivered; everything refers to other storage.
+// The host of the full URL, always with a port: from the target, the Host field, or else the
+// address that the client connected to.
+struct CHostText {
+    std::string_view host;
+    size_t port_length;  // 0: `host` ends with one
+    char port[8];
+    char made[80];  // holds `host` where the client named none
+
+    size_t Length() const { return host.size() + port_length; }
+};
+
+// A request ready to be delivered; refers to other storage and, with its host, to itself.
 struct CRequestView {
+    CRequestView() = default;
+    CRequestView(const CRequestView&) = delete;
+    CRequestView& operator=(const CRequestView&) = delete;
+
     const RequestHead* head;
     const char* base;  // where the head's offsets start
     const TargetParts* target;
@@ -35,13 +50,14 @@ struct CRequestView {
     size_t raw_bytes;
     uint64_t connection_id;
     uint64_t request_id;
-    size_t layout_bytes;  // LayoutBytes of this
+    CHostText host;
+    size_t layout_bytes;  // that the request takes without its body; the body begins there
 };
 
-// Bytes that the request takes without its body; the body begins there.
-size_t LayoutBytes(const CRequestView& view);
+// Fills in the view's host and layout_bytes from the rest.
+void Measure(CRequestView& view);
 
-// Writes the request into buffer (of `size` bytes, LayoutBytes at least) and leaves the
+// Writes the request into buffer (of `size` bytes, layout_bytes at least) and leaves the
 // rest as it is. Returns the bytes used; *copied is how much of the body they hold.
 size_t LayOut(const CRequestView& view, ULONG flags, void* buffer, size_t size, size_t* copied);
 
