@@ -134,6 +134,26 @@ constexpr std::pair<int, std::string_view> kReasons[] = {{400, "Bad Request"},
                                                          {503, "Service Unavailable"},
                                                          {505, "HTTP Version Not Supported"}};
 
+// Whether a field's name is that one. Token characters, and these names' letters, digits and
+// dashes: the 0x20 bit is the case. Whole words, of which the last two overlap, so that no byte
+// behind the name is read.
+bool IsName(const char* name, const char* known, size_t length) {
+    const auto differ = [=](auto word, size_t at) {
+        decltype(word) a, b;
+        memcpy(&a, name + at, sizeof word);
+        memcpy(&b, known + at, sizeof word);
+        return static_cast<decltype(word)>((a | 0x2020202020202020u) ^ b);
+    };
+    if (length >= sizeof(uint64_t)) {
+        uint64_t differs = differ(uint64_t{}, 0) | differ(uint64_t{}, length - sizeof(uint64_t));
+        if (length > 2 * sizeof(uint64_t)) differs |= differ(uint64_t{}, sizeof(uint64_t));
+        return differs == 0;
+    }
+    if (length >= sizeof(uint32_t))
+        return (differ(uint32_t{}, 0) | differ(uint32_t{}, length - sizeof(uint32_t))) == 0;
+    return (differ(uint16_t{}, 0) | differ(uint16_t{}, length - sizeof(uint16_t))) == 0;
+}
+
 }  // namespace
 
 bool EqualsNoCase(std::string_view text, std::string_view lower) {
@@ -151,12 +171,7 @@ int FindRequestHeader(const char* name, size_t length) {
     for (int8_t id : kBuckets.id[length]) {
         if (id == kUnknownHeader) break;
         const char* known = kRequestNames[static_cast<size_t>(id)].data();
-        // Token characters and these names' letters, digits and dashes: the 0x20 bit is the case.
-        if ((name[0] | 0x20) != known[0]) continue;
-        size_t i = 1;
-        while (i < length && (name[i] | 0x20) == known[i])
-            ++i;
-        if (i == length) return id;
+        if ((name[0] | 0x20) == known[0] && IsName(name, known, length)) return id;
     }
     return kUnknownHeader;
 }
