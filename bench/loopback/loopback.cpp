@@ -221,10 +221,10 @@ std::string CPlay::Next(const std::string& reply, uint64_t fileBytes) {
 void CPlay::Report() {
     const Counts now = CountsSoFar();
     printf(
-        "%s requests %d recv %llu sendmsg %llu sendfile %llu setsockopt %llu ioctl %llu "
+        "%s requests %d recv %llu send %llu sendfile %llu setsockopt %llu ioctl %llu "
         "allocations %llu\n",
         m_works[m_work].name, m_requests, now.recv - m_before.recv + 0ull,
-        now.sendmsg - m_before.sendmsg + 0ull, now.sendfile - m_before.sendfile + 0ull,
+        now.send - m_before.send + 0ull, now.sendfile - m_before.sendfile + 0ull,
         now.setsockopt - m_before.setsockopt + 0ull, now.ioctl - m_before.ioctl + 0ull,
         now.allocations - m_before.allocations + 0ull);
 }

@@ -169,8 +169,18 @@ WIRE_CALL ssize_t recv(int fd, void* to, size_t room, int flags) {
 
 WIRE_CALL ssize_t sendmsg(int fd, const msghdr* message, int flags) {
     if (!g_wire || !g_wire->Is(fd)) return syscall(SYS_sendmsg, fd, message, flags);
-    ++g_counts.sendmsg;
+    ++g_counts.send;
     return g_wire->Take(*message);
+}
+
+WIRE_CALL ssize_t send(int fd, const void* from, size_t bytes, int flags) {
+    if (!g_wire || !g_wire->Is(fd)) return syscall(SYS_sendto, fd, from, bytes, flags, nullptr, 0);
+    ++g_counts.send;
+    iovec vector{const_cast<void*>(from), bytes};
+    msghdr message{};
+    message.msg_iov = &vector;
+    message.msg_iovlen = 1;
+    return g_wire->Take(message);
 }
 
 WIRE_CALL ssize_t sendfile(int fd, int file, off_t* offset, size_t bytes) noexcept {

@@ -1,6 +1,6 @@
 // One client's connection to a server in the same process, made of functions instead of a socket:
-// this program's own recv, sendmsg, sendfile, setsockopt and ioctl serve the accepted socket, so
-// that every request arrives whole and every reply is taken at once, on any machine. A real
+// this program's own recv, send, sendmsg, sendfile, setsockopt and ioctl serve the accepted socket,
+// so that every request arrives whole and every reply is taken at once, on any machine. A real
 // connection lies under it and carries one byte for each request, for epoll to tell of. The server
 // is unchanged: its libraries find these functions before the system's.
 // After the first request all of it runs in the thread that serves.
@@ -13,7 +13,7 @@
 
 struct Counts {
     uint64_t recv = 0;
-    uint64_t sendmsg = 0;
+    uint64_t send = 0;  // and sendmsg
     uint64_t sendfile = 0;
     uint64_t setsockopt = 0;
     uint64_t ioctl = 0;

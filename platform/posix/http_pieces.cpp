@@ -78,10 +78,11 @@ ESent CSendCursor::SendMemory(int socket, uint64_t* sent) {
     msghdr message{};
     message.msg_iov = vectors;
     message.msg_iovlen = count;
-    const int more = count < m_count ? MSG_MORE : 0;
+    const int flags = MSG_NOSIGNAL | MSG_DONTWAIT | (count < m_count ? MSG_MORE : 0);
     ssize_t n;
     do
-        n = sendmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT | more);
+        n = count == 1 ? send(socket, vectors->iov_base, vectors->iov_len, flags)
+                       : sendmsg(socket, &message, flags);
     while (n < 0 && errno == EINTR);
     if (n < 0) return ResultOfErrno();
     *sent += static_cast<uint64_t>(n);

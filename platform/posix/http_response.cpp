@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 
+#include <bit>
 #include <charconv>
 #include <cstring>
 #include <new>
@@ -46,6 +47,7 @@ bool FileHolds(int fd, uint64_t offset, uint64_t bytes) {
     return offset <= size && bytes <= size - offset;
 }
 
+constexpr size_t kSmallBody = 256;
 constexpr size_t kOwnFieldsRoom = 160;  // Content-Length, Date, Connection and the empty line
 
 }  // namespace
@@ -75,8 +77,27 @@ ULONG CResponseWire::Build(const HTTP_RESPONSE& response, bool head_only, bool c
         if (!m_heap_header) return ERROR_NOT_ENOUGH_MEMORY;
         header = m_heap_header.get();
     }
-    WriteHeader(response, header);
+    char* end = WriteHeader(response, header);
+    if (m_count > 1 && room + kSmallBody <= kStackHeader && FitsBehindHeader()) {
+        for (size_t i = 1; i < m_count; ++i) {
+            memcpy(end, m_pieces[i].data, m_pieces[i].bytes);
+            end += m_pieces[i].bytes;
+        }
+        m_count = 1;
+    }
+    m_pieces[0] = {header, static_cast<uint64_t>(end - header), -1, 0, false};
     return NO_ERROR;
+}
+
+// One run of memory costs the system less than two. The pages of a file may be gone, which only the
+// system can find out without harm.
+bool CResponseWire::FitsBehindHeader() const {
+    if (m_body_bytes > kSmallBody) return false;
+    int fd;
+    uint64_t offset;
+    for (size_t i = 1; i < m_count; ++i)
+        if (!m_pieces[i].data || FindFileView(m_pieces[i].data, 1, &fd, &offset)) return false;
+    return true;
 }
 
 ULONG CResponseWire::AddChunk(const HTTP_DATA_CHUNK& chunk) {
@@ -128,12 +149,15 @@ void CResponseWire::Look(const HTTP_RESPONSE& response) {
     if (result.ptr != length.data() + length.size() || said != m_body_bytes) m_close = true;
 }
 
-size_t CResponseWire::HeaderRoom(const HTTP_RESPONSE& response) const {
+size_t CResponseWire::HeaderRoom(const HTTP_RESPONSE& response) {
+    static_assert(HttpHeaderResponseMaximum <= 32);
     size_t room = 32u + response.ReasonLength + kOwnFieldsRoom;
+    m_known = m_adds_length ? 1u << HttpHeaderContentLength : 0;
     for (int id = 0; id < HttpHeaderResponseMaximum; ++id) {
         const HTTP_KNOWN_HEADER& header = response.Headers.KnownHeaders[id];
-        if (header.RawValueLength)
-            room += ResponseHeaderName(id).size() + header.RawValueLength + 4;
+        if (header.RawValueLength == 0 || id == HttpHeaderDate) continue;
+        room += ResponseHeaderName(id).size() + header.RawValueLength + 4;
+        m_known |= 1u << id;
     }
     for (USHORT i = 0; i < response.Headers.UnknownHeaderCount; ++i) {
         const HTTP_UNKNOWN_HEADER& header = response.Headers.pUnknownHeaders[i];
@@ -142,17 +166,18 @@ size_t CResponseWire::HeaderRoom(const HTTP_RESPONSE& response) const {
     return room;
 }
 
-void CResponseWire::WriteHeader(const HTTP_RESPONSE& response, char* to) {
+char* CResponseWire::WriteHeader(const HTTP_RESPONSE& response, char* to) {
     CText text(to);
     text << "HTTP/1.1 " << response.StatusCode << " "
          << std::string_view(response.pReason, response.pReason ? response.ReasonLength : 0u)
          << "\r\n";
-    for (int id = 0; id < HttpHeaderResponseMaximum; ++id) {
-        const HTTP_KNOWN_HEADER& header = response.Headers.KnownHeaders[id];
+    for (uint32_t left = m_known; left != 0; left &= left - 1) {
+        const int id = std::countr_zero(left);
         if (id == HttpHeaderContentLength && m_adds_length)
             text << "Content-Length: " << m_body_bytes << "\r\n";
-        if (header.RawValueLength == 0 || id == HttpHeaderDate) continue;
-        text << ResponseHeaderName(id) << ": " << Value(header) << "\r\n";
+        else
+            text << ResponseHeaderName(id) << ": " << Value(response.Headers.KnownHeaders[id])
+                 << "\r\n";
     }
     for (USHORT i = 0; i < response.Headers.UnknownHeaderCount; ++i) {
         const HTTP_UNKNOWN_HEADER& header = response.Headers.pUnknownHeaders[i];
@@ -162,7 +187,7 @@ void CResponseWire::WriteHeader(const HTTP_RESPONSE& response, char* to) {
     text << "Date: " << DateText() << "\r\n";
     if (m_close && !m_says_close) text << "Connection: close\r\n";
     text << "\r\n";
-    m_pieces[0] = {to, static_cast<uint64_t>(text.End() - to), -1, 0, false};
+    return text.End();
 }
 
 size_t WriteOwnAnswer(int status, bool head_only, bool close, char* to, size_t room) {

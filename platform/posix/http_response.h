@@ -28,8 +28,9 @@ private:
     ULONG AddChunk(const HTTP_DATA_CHUNK& chunk);
     ULONG AddFile(const HTTP_DATA_CHUNK& chunk);
     void Look(const HTTP_RESPONSE& response);
-    size_t HeaderRoom(const HTTP_RESPONSE& response) const;
-    void WriteHeader(const HTTP_RESPONSE& response, char* to);
+    size_t HeaderRoom(const HTTP_RESPONSE& response);
+    char* WriteHeader(const HTTP_RESPONSE& response, char* to);
+    bool FitsBehindHeader() const;
 
     CSendPiece m_stack_pieces[kStackPieces];
     char m_stack_header[kStackHeader];
@@ -41,6 +42,7 @@ private:
     bool m_close = false;
     bool m_says_close = false;  // the application's own Connection field does
     bool m_adds_length = false;
+    uint32_t m_known = 0;  // bit by bit, the known fields that are written
     bool m_bodyless = false;
 };
 

@@ -28,7 +28,7 @@ class Calls(unittest.TestCase):
         for kind, files in READS.items():
             with self.subTest(kind):
                 counts = self.counts[kind]
-                self.assertEqual((REQUESTS,) * 3, (counts['requests'], counts['recv'], counts['sendmsg']))
+                self.assertEqual((REQUESTS,) * 3, (counts['requests'], counts['recv'], counts['send']))
                 self.assertEqual(files * REQUESTS, counts['sendfile'])
                 self.assertEqual((0, 0), (counts['setsockopt'], counts['ioctl']))
 
@@ -40,7 +40,7 @@ class Calls(unittest.TestCase):
     def test_a_frame_is_received_in_place(self):
         """The head with the first bytes, then what is left of the entity's table, then all of the frame."""
         counts = self.counts['write-64k']
-        self.assertEqual((REQUESTS, REQUESTS), (counts['requests'], counts['sendmsg']))
+        self.assertEqual((REQUESTS, REQUESTS), (counts['requests'], counts['send']))
         self.assertLessEqual(counts['recv'], 3 * REQUESTS)
 
 
