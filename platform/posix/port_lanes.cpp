@@ -11,10 +11,14 @@
 #include <algorithm>
 #include <thread>
 
+#include "platform/posix/http_limits.h"
+
 namespace posix {
 namespace {
 
-constexpr int kBatch = 8;
+// What one look at the sockets brings at most. What is ready is run before the next look, which
+// comes after kPipelineTurn runs at the latest: a larger batch would only be looked behind.
+constexpr int kBatch = kPipelineTurn;
 
 bool Control(int epoll, int operation, int fd, uint32_t events, CPollTarget* target) {
     epoll_event event{};
