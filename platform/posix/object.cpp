@@ -40,7 +40,7 @@ struct CHandleTable {
 constinit CHandleTable g_table;
 static_assert(std::is_trivially_destructible_v<CHandleTable>);
 
-CSlot* SlotAt(uint32_t index) {
+inline CSlot* SlotAt(uint32_t index) {
     CSlot* chunk = g_table.chunks[index / kChunkSlots].load(std::memory_order_acquire);
     return chunk ? &chunk[index % kChunkSlots] : nullptr;
 }
@@ -56,7 +56,7 @@ struct CHandleParts {
     uint32_t generation;
 };
 
-CHandleParts Split(HANDLE handle) {
+[[gnu::always_inline]] inline CHandleParts Split(HANDLE handle) {  // for every call on a handle
     const auto bits = reinterpret_cast<uint64_t>(handle);
     if ((bits & 3) != 0 || (bits >> 56) != 0 || ((bits >> 22) & 3) != 0) return {nullptr, 0, 0};
     const auto index = static_cast<uint32_t>((bits >> 2) & 0xFFFFF);

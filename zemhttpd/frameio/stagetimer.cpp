@@ -1,6 +1,7 @@
 // The stage timer of a transaction. Marking costs one interlocked increment and one tick read;
 // everything else happens only for a timer that is destroyed late.
 #include <algorithm>
+#include <string_view>
 
 #include "mediaio/errorlog.h"
 #include "zemhttpd/frameio/httpxactn.h"
@@ -57,18 +58,17 @@ public:
     CNameWriter(const CNameWriter&) = delete;
     CNameWriter& operator=(const CNameWriter&) = delete;
 
-    void Text(const WCHAR* text) {
-        while (*text != 0 && m_at != m_end)
-            *m_at++ = *text++;
+    void Text(std::basic_string_view<WCHAR> text) {
+        m_at += text.copy(m_at, static_cast<size_t>(m_end - m_at));
     }
     void Number(DWORD number) {
-        WCHAR digits[11];
-        WCHAR* first = digits + 10;
-        *first = 0;
+        WCHAR digits[10];
+        WCHAR* const end = digits + 10;
+        WCHAR* first = end;
         do
             *--first = static_cast<WCHAR>(u'0' + number % 10);
         while (number /= 10);
-        Text(first);
+        Text({first, static_cast<size_t>(end - first)});
     }
 
 private:

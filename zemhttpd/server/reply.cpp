@@ -114,9 +114,9 @@ HRESULT CHttpCommandHandler::SendZemHttpResponse(CHttpXaction& xaction, HRESULT 
                                                  const WCHAR* clientId) {
     CZemEntry scope(TEXT("CHttpCommandHandler::SendZemHttpResponse"));
     try {
-        char reason[kReasonSize] = "OK";
-        if (hr != S_OK) _snprintf_s(reason, kReasonSize, _TRUNCATE, "Failed 0x%x", hr);
-        SetStatus(xaction.Response(), hr == S_OK ? 200 : 500, reason);
+        char failed[kReasonSize];
+        if (hr != S_OK) _snprintf_s(failed, kReasonSize, _TRUNCATE, "Failed 0x%x", hr);
+        SetStatus(xaction.Response(), hr == S_OK ? 200 : 500, hr == S_OK ? "OK" : failed);
         const ZemReplyHdr header = ReadReplyHeader(xaction.Response());
 
         xaction.Timer().MarkStage(kStageSendingZemReplyHdr);
