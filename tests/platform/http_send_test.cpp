@@ -291,11 +291,11 @@ TEST(Send, ViewsGoOutWithoutBeingRead) {
         EXPECT_EQ(x.server.Reply(x.block->Id(), "", 500), NO_ERROR);
         EXPECT_EQ(x.client.Read().status, 500);
     }
-    {
+    for (const ULONG bytes : {1000u, 100u}) {
         CExchange x;  // a small piece is not checked before: the connection ends in mid-response
         HTTP_DATA_CHUNK gone{};
         gone.FromMemory.pBuffer = view + 2000000;
-        gone.FromMemory.BufferLength = 1000;
+        gone.FromMemory.BufferLength = bytes;
         std::vector<HTTP_DATA_CHUNK> chunks = {gone};
         HTTP_RESPONSE response = Response(chunks);
         EXPECT_EQ(SendIt(x.server, x.block->Id(), response), ERROR_INVALID_ADDRESS);
