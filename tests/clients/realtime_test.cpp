@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <latch>
+#include <thread>
+
 namespace {
 
 constexpr DWORD kTrace = kErrorLogLevelTrace;
@@ -16,6 +19,12 @@ protected:
         EXPECT_EQ(http.Last().status, 200);
         EXPECT_EQ(http.Last().Body(), Bytes(transId, DWORD{15}, DWORD{4}, DWORD{0}));
         return hr;
+    }
+    // A command that goes straight to its second half, on any thread.
+    static ZemCommand Bare(const WCHAR* clientId) {
+        ZemCommand command{};
+        command.clientId = clientId;
+        return command;
     }
     WString Id() {
         WCHAR id[kNameUnits];
@@ -96,6 +105,62 @@ TEST_F(RealTime, OldClientThatIsNotInTheTableIsAmbiguous) {
               E_UNEXPECTED);
     EXPECT_EQ(Id(), TEXT("ghost"));
     EXPECT_EQ(Switches().size(), 1u);
+}
+
+// A client leaves in two steps: out of the table, then, with the table free again, out of the
+// real-time place. What a switch in between does is the same for every one: it fails, once.
+TEST_F(RealTime, SwitchWhileTheOldClientLeavesIsAmbiguousUntilItHasLeft) {
+    Join("first");
+    Join("second");
+    log.Reset();
+    bool reached = false;
+    log.written = [&](const LogRecord& record) {
+        if (record.text != TEXT("first: Relinquishing real-time status...")) return TRUE;
+        reached = true;
+        EXPECT_EQ(Switch("second"), S_OK);
+        return TRUE;
+    };
+    EXPECT_EQ(Post(Command(1, 16), "first"), S_OK);
+    EXPECT_TRUE(reached);
+    EXPECT_EQ(log.Texts(kErrorLogLevelError),
+              (std::vector<WString>{TEXT("second: Ambiguous old real-time client 'first': cannot "
+                                         "switch real-time mode; transId 5!")}));
+    EXPECT_EQ(Id(), TEXT("")) << "nobody has the status when the client has left";
+    log.Reset();
+    EXPECT_EQ(Switch("second"), S_OK);
+    EXPECT_TRUE(log.Texts(kErrorLogLevelError).empty());
+    EXPECT_EQ(Id(), TEXT("second"));
+}
+
+TEST_F(RealTime, LeavingTakesTheStatusFromNobodyElse) {
+    Join("first");
+    Join("second");
+    std::latch switching(1), leaving(1), switched(1);
+    media.onCall = [&](const MediaCall& call) {
+        if (call.op != "SetIoRealTime" || call.boolean) return;
+        switching.count_down();  // the old client has been found
+        leaving.wait();
+    };
+    log.Reset();
+    log.written = [&](const LogRecord& record) {
+        if (record.text == TEXT("first: Relinquishing real-time status...")) {
+            leaving.count_down();
+            switched.wait();
+        }
+        return TRUE;
+    };
+    std::thread leave([&] {
+        switching.wait();
+        server.DoCmdLeave(Bare(TEXT("first")));
+    });
+    EXPECT_EQ(server.DoCmdSetIoRealTime(Bare(TEXT("second"))), S_OK);
+    switched.count_down();
+    leave.join();
+    log.written = nullptr;
+    media.onCall = nullptr;
+    EXPECT_EQ(Id(), TEXT("second"));
+    EXPECT_EQ(Channel(TEXT("first")), nullptr);
+    EXPECT_TRUE(log.Texts(kErrorLogLevelError).empty());
 }
 
 TEST_F(RealTime, SenderIsRecordedEvenWhenItsChannelRefuses) {

@@ -275,7 +275,8 @@ HRESULT CHttpCommandHandler::DeleteZemClient(ZemClient* client) {
             const WCHAR* const clientId = client->channel->GetClientId();
             if (m_realTimeClient.Is(clientId)) {
                 scope.Trace(TEXT("%s: Relinquishing real-time status..."), clientId);
-                SetRealTimeIoClient(TEXT(""));
+                // A switch that looked this client up before it went may have recorded another.
+                m_realTimeClient.ClearIf(clientId);
             }
         }
     } catch (...) {  // Not reached in tests: logging does not throw
