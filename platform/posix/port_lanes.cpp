@@ -6,6 +6,7 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,6 +20,17 @@ namespace {
 // What one look at the sockets brings at most. What is ready is run before the next look, which
 // comes after kPipelineTurn runs at the latest: a larger batch would only be looked behind.
 constexpr int kBatch = kPipelineTurn;
+
+constexpr uint64_t kLook_ns = 50'000;  // before a thread sleeps
+constexpr uint64_t kSoon_ns = 80'000;  // a sleep so short was not worth it
+
+const unsigned kProcessors = std::thread::hardware_concurrency();
+
+uint64_t NowNs() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
+}
 
 bool Control(int epoll, int operation, int fd, uint32_t events, CPollTarget* target) {
     epoll_event event{};
@@ -135,7 +147,9 @@ CPollTarget* CPortLanes::Wait(int lane, int timeout_ms, bool may_sleep, bool* id
             return nullptr;
         }
     }
-    const int count = epoll_wait(here.epoll, events, limit, timeout_ms);
+    const int count = timeout_ms < 0 && limit == kBatch
+                          ? WaitForOne(here, events)
+                          : epoll_wait(here.epoll, events, limit, timeout_ms);
     if (may_sleep) here.sleepers.fetch_sub(1);
     *idle = count == 0;
     if (count <= 0) return nullptr;
@@ -143,6 +157,26 @@ CPollTarget* CPortLanes::Wait(int lane, int timeout_ms, bool may_sleep, bool* id
     // Whoever was woken for what anybody may do, but got something else to do, passes the wake on.
     if (first && (HasPackets() || !m_shared.Empty())) WakeAny();
     return first;
+}
+
+// Waits as long as it takes. One client that asks for one thing after another is back sooner than a
+// sleeping thread can be woken: while all that came was the same client, and soon, the sockets are
+// looked at for a while before the thread sleeps. With more clients than one there is no need: the
+// others' requests fill the time, and the processor may be theirs.
+int CPortLanes::WaitForOne(CLane& here, epoll_event* events) {
+    const uint64_t start_ns = NowNs();
+    int count = 0;
+    if (here.alone.load(std::memory_order_relaxed)) {
+        do
+            count = epoll_wait(here.epoll, events, kBatch, 0);
+        while (count == 0 && NowNs() - start_ns < kLook_ns);
+    }
+    if (count == 0) count = epoll_wait(here.epoll, events, kBatch, -1);
+    const void* const who = count == 1 ? events[0].data.ptr : nullptr;
+    const bool again = who && here.last.exchange(who, std::memory_order_relaxed) == who;
+    here.alone.store(again && NowNs() - start_ns < kSoon_ns && kProcessors > 1,
+                     std::memory_order_relaxed);
+    return count;
 }
 
 // Returns the first and queues the others.

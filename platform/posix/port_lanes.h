@@ -152,12 +152,15 @@ private:
     struct alignas(64) CLane {
         std::atomic<int32_t> sleepers{0};
         std::atomic<uint64_t> taken{0};
+        std::atomic<const void*> last{nullptr};  // of whom the last event told
+        std::atomic<bool> alone{false};          // nobody else came, and that one soon
         int epoll = -1;
         int wake = -1;
         CReadyList ready;
         CNestedTarget nested;
     };
 
+    static int WaitForOne(CLane& here, epoll_event* events);
     CPollTarget* Claim(int lane, const epoll_event* events, int count);
     bool IsOpen(int lane) const { return lane == 0 || (m_open.load() >> lane & 1) != 0; }
     bool Queued(int lane) const { return HasPackets() || HasReady(lane); }
