@@ -3,8 +3,11 @@
 #include <gtest/gtest.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <random>
 #include <thread>
@@ -12,6 +15,40 @@
 #include <vector>
 
 #include "platform/posix/port_lanes.h"
+
+namespace {
+
+// A client that comes back after a while, and what its server does until then. Time is what the
+// test says: a look at the sockets takes 5 us, a sleep ends when the client comes.
+struct CVisit {
+    int eventfd = -1;
+    uint64_t comes_ns = 0;
+    int looks = 0, sleeps = 0;
+};
+thread_local CVisit* t_visit = nullptr;
+thread_local uint64_t t_now_ns = 0;
+
+}  // namespace
+
+// These two stand in for the C library's.
+extern "C" int epoll_wait(int epoll, epoll_event* events, int room, int timeout_ms) {
+    if (!t_visit) return static_cast<int>(syscall(SYS_epoll_wait, epoll, events, room, timeout_ms));
+    CVisit& visit = *t_visit;
+    ++(timeout_ms == 0 ? visit.looks : visit.sleeps);
+    t_now_ns = timeout_ms == 0 ? t_now_ns + 5000 : std::max(t_now_ns, visit.comes_ns);
+    const uint64_t one = 1;
+    if (t_now_ns >= visit.comes_ns) {
+        EXPECT_EQ(write(visit.eventfd, &one, sizeof one), static_cast<ssize_t>(sizeof one));
+    }
+    return static_cast<int>(syscall(SYS_epoll_wait, epoll, events, room, 0));
+}
+
+extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept {
+    if (!t_visit) return static_cast<int>(syscall(SYS_clock_gettime, clock, now));
+    now->tv_sec = static_cast<time_t>(t_now_ns / 1'000'000'000);
+    now->tv_nsec = static_cast<long>(t_now_ns % 1'000'000'000);
+    return 0;
+}
 
 namespace posix {
 namespace {
@@ -73,6 +110,67 @@ protected:
     CPortLanes m_lanes;
     CCounter m_counter;
 };
+
+class PortLook : public PortLanes {
+protected:
+    void SetUp() override {
+        if (std::thread::hardware_concurrency() < 2) GTEST_SKIP() << "one processor: always sleeps";
+        PortLanes::SetUp();
+        ASSERT_TRUE(m_lanes.Add(0, m_other.Fd(), kEvents, &m_other));
+    }
+    CVisit Visit(CCounter& who, uint64_t after_ns) {
+        CVisit visit{who.Fd(), t_now_ns + after_ns};
+        t_visit = &visit;
+        bool idle;
+        EXPECT_EQ(m_lanes.Wait(0, -1, true, &idle), &who);
+        t_visit = nullptr;
+        EXPECT_EQ(who.Read(), 1u);
+        EXPECT_TRUE(who.Release());
+        return visit;
+    }
+    CCounter m_other;
+};
+
+TEST_F(PortLook, ComesBeforeSleepForOneClientThatIsBackSoon) {
+    EXPECT_EQ(Visit(m_counter, 20'000).sleeps, 1);
+    EXPECT_EQ(Visit(m_counter, 20'000).sleeps, 1) << "the same client, for the first time";
+    for (int i = 0; i < 3; ++i) {
+        const CVisit visit = Visit(m_counter, 20'000);
+        EXPECT_EQ(visit.looks, 4);
+        EXPECT_EQ(visit.sleeps, 0);
+    }
+}
+
+TEST_F(PortLook, EndsSoonAndIsNotRepeatedForWhoTakesLonger) {
+    for (int i = 0; i < 3; ++i)
+        Visit(m_counter, 20'000);
+    CVisit visit = Visit(m_counter, 1'000'000);
+    EXPECT_EQ(visit.looks, 10);
+    EXPECT_EQ(visit.sleeps, 1);
+    visit = Visit(m_counter, 20'000);
+    EXPECT_EQ(visit.looks, 0);
+    EXPECT_EQ(visit.sleeps, 1);
+    EXPECT_EQ(Visit(m_counter, 20'000).looks, 4) << "and soon again";
+}
+
+TEST_F(PortLook, IsForOneClientOnly) {
+    for (int i = 0; i < 10; ++i) {
+        CCounter& who = i % 2 == 0 ? m_counter : m_other;
+        EXPECT_EQ(Visit(who, 20'000).looks, 0);
+    }
+}
+
+TEST_F(PortLook, IsNotForWhoMayNotStay) {
+    for (int i = 0; i < 3; ++i)
+        Visit(m_counter, 20'000);
+    CVisit visit{m_counter.Fd(), t_now_ns + 20'000};
+    t_visit = &visit;
+    bool idle;
+    EXPECT_EQ(m_lanes.Wait(0, 100, true, &idle), &m_counter);
+    t_visit = nullptr;
+    EXPECT_EQ(visit.looks, 0);
+    EXPECT_EQ(visit.sleeps, 1);
+}
 
 TEST_F(PortLanes, AnEventOfAClosedLaneComesThroughLaneZero) {
     ASSERT_TRUE(m_lanes.Move(0, 2, m_counter.Fd(), kEvents, &m_counter));
