@@ -178,7 +178,7 @@ HRESULT CMediaFile::Erase(uint32_t first, uint64_t end) {
 // full, and then the next checkpoint may never become due.
 void CMediaFile::AskForCheckpoint() {
     std::unique_lock hold(m_lock);
-    if (!m_writer || m_wanted != Wanted::kNothing) return;
+    if (FAILED(m_failure) || !m_writer || m_wanted != Wanted::kNothing) return;
     m_wanted = Wanted::kCheckpoint;
     Pump(hold);
 }
@@ -336,8 +336,10 @@ void CMediaFile::BatchDone() {
 }
 
 // True when a checkpoint is on its way that gives space back, or is worth a try: whoever erased or
-// overwrote frames to make room need not know when the room is there. Called with the lock.
+// overwrote frames to make room need not know when the room is there. After a failed sync there are
+// no checkpoints: who waited for one would wait for ever. Called with the lock.
 bool CMediaFile::SpaceComesBack() {
+    if (FAILED(m_failure)) return false;
     if (m_phase != Phase::kIdle || m_wanted != Wanted::kNothing) return true;
     if (!m_writer || m_dead.empty() || m_logEnd < m_retryAt) return false;
     m_wanted = Wanted::kCheckpoint;

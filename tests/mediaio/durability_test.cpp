@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <latch>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -97,10 +98,10 @@ TEST(FailedSync, TheNextObjectKnowsOnlyWhatTheDeviceHas) {
 }
 
 // A file of which one sync waits at a gate, and then ends as it is told. The system tells of a
-// failure once: every other sync says that all is well. What is punched is room again.
+// failure once: every other sync says that all is well. A write may be kept waiting, too.
 class CGatedFile final : public CSimFile {
 public:
-    explicit CGatedFile(Device& device) : CSimFile(device), m_device(device) {}
+    explicit CGatedFile(Device& device) : CSimFile(device) {}
     HRESULT Sync() override {
         std::unique_lock hold(m_lock);
         ++m_syncs;
@@ -115,6 +116,10 @@ public:
         return m_result;
     }
     HRESULT WriteAt(const IoSpan* spans, size_t count, uint64_t offset, size_t& done) override {
+        if (m_holdsWrite.exchange(false)) {
+            m_writing.count_down();
+            m_written.wait();
+        }
         std::lock_guard alone(m_deviceLock);
         return CSimFile::WriteAt(spans, count, offset, done);
     }
@@ -124,7 +129,6 @@ public:
     }
     HRESULT PunchHole(uint64_t offset, uint64_t size) override {
         std::lock_guard alone(m_deviceLock);
-        if (m_device.capacity != ~0ull) m_device.capacity += size;
         return CSimFile::PunchHole(offset, size);
     }
     void Arm(HRESULT result, uint32_t before = 0) {  // `before`: so many syncs go through first
@@ -144,14 +148,19 @@ public:
         m_open = true;
         m_changed.notify_all();
     }
+    void HoldWrite() { m_holdsWrite = true; }  // the next one, once
+    void AwaitWrite() { m_writing.wait(); }
+    void OpenWrite() { m_written.count_down(); }
     uint32_t Syncs() {
         std::lock_guard hold(m_lock);
         return m_syncs;
     }
 
 private:
-    Device& m_device;
     std::mutex m_deviceLock;
+    std::atomic<bool> m_holdsWrite{false};
+    std::latch m_writing{1};
+    std::latch m_written{1};
     std::mutex m_lock;  // guards what follows
     std::condition_variable m_changed;
     bool m_armed = false;
@@ -318,6 +327,25 @@ TEST_F(FullDevice, AWriteFailsWhenThereIsNoRoomForTheIndexEither) {
     EXPECT_EQ(Write(3), kFull);
     EXPECT_EQ(m_device.calls[static_cast<size_t>(Call::kWrite)], writes + 1)
         << "the index is not tried again with every frame";
+}
+
+// There will be no checkpoint to wait for, and nobody who closes the file may wait for it either.
+TEST_F(FullDevice, AWriteAfterAFailedSyncFailsAtOnce) {
+    ASSERT_EQ(WriteFrame(*m_file, 1, FrameBytes(1, 2, 1000)), S_OK);
+    Fill();
+    m_gate->Arm(kBroken);
+    std::thread flush([&] { EXPECT_EQ(m_file->Flush(), kBroken); });
+    m_gate->AwaitSync();
+    m_gate->HoldWrite();
+    std::thread write([&] { EXPECT_EQ(Write(2), kFull); });
+    m_gate->AwaitWrite();
+    m_gate->Open();
+    flush.join();
+    const uint64_t writes = m_device.calls[static_cast<size_t>(Call::kWrite)];
+    m_gate->OpenWrite();
+    write.join();
+    EXPECT_EQ(m_device.calls[static_cast<size_t>(Call::kWrite)], writes + 1);
+    EXPECT_EQ(m_file->EndWriting(), kBroken);
 }
 
 // Two objects of one file are two processes: the one that only read knows nothing of the other.

@@ -220,6 +220,7 @@ HRESULT CSimFile::WriteAt(const IoSpan* spans, size_t count, uint64_t offset, si
     } else if (offset + part > m_device.capacity) {
         part = offset >= m_device.capacity ? 0 : m_device.capacity - offset;
         hr = HRESULT_FROM_WIN32(ERROR_DISK_FULL);
+        ++m_device.writesWithoutRoom;
     }
     bytes.resize(part);
     m_device.Change(offset, std::move(bytes));
@@ -255,6 +256,7 @@ HRESULT CSimFile::PunchHole(uint64_t offset, uint64_t size) {
     if (FAILED(hr) || offset >= m_device.content.size()) return hr;
     const size_t room = std::min<size_t>(size, m_device.content.size() - offset);
     m_device.Change(offset, std::vector<uint8_t>(room, 0));
+    if (m_device.capacity != ~0ull) m_device.capacity += room;
     return S_OK;
 }
 

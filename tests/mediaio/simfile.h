@@ -53,7 +53,8 @@ struct Device {
     std::vector<Fault> faults;
     uint32_t faultsHit = 0;
     uint32_t syncsFailed = 0;
-    uint64_t capacity = ~0ull;  // bytes of the file's length
+    uint32_t writesWithoutRoom = 0;
+    uint64_t capacity = ~0ull;  // bytes of the file's length; what is punched is room again
     std::array<uint64_t, kCalls> calls{};
     uint64_t bytesRead = 0;
     uint64_t inode = 0;
