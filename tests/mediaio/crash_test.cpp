@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <set>
+#include <utility>
 
 namespace {
 
@@ -61,6 +62,7 @@ struct Totals {
     uint64_t kills = 0;
     uint64_t failedSyncs = 0;
     uint64_t failedCalls = 0;
+    uint64_t withoutRoom = 0;
     uint64_t tornRecords = 0;
     uint64_t tailRecords = 0;
     uint64_t framesChecked = 0;
@@ -147,7 +149,8 @@ struct Plan {
     int callsLeft = -1;         // the machine or the process ends in this call; -1: later
     std::vector<Fault> faults;  // and these calls fail before
     bool checkpointFirst = false;
-    int cut = -1;  // what a power cut leaves; -1: by chance, as whether there is one
+    uint64_t room_bytes = ~0ull;  // of the device, beside what the file has
+    int cut = -1;                 // what a power cut leaves; -1: by chance, as whether there is one
 };
 
 // A file through some lives, each of which ends badly.
@@ -165,6 +168,10 @@ public:
             // Another crash while the first one's traces are being put in order.
             plan.callsLeft = static_cast<int>(Below(plan.checkpointFirst ? 6 : 60));
             if (!plan.checkpointFirst) plan.faults = SomeFaults();
+            if (Below(3) == 0) {
+                plan.room_bytes = Below(120000);
+                if (Below(2) == 0) plan.callsLeft = -1;  // long enough to fill it
+            }
             ASSERT_NO_FATAL_FAILURE(OpenThroughReadErrors());
             ASSERT_NO_FATAL_FAILURE(Life(plan));
         }
@@ -206,6 +213,7 @@ private:
         m_failed = false;
         m_device.callsLeft = plan.callsLeft;
         m_device.faults = plan.faults;
+        if (plan.room_bytes != ~0ull) m_device.capacity = m_device.content.size() + plan.room_bytes;
         if (plan.checkpointFirst) Took(file->Checkpoint());
         bool closed = false;
         for (uint32_t step = 0; step < 60 && !m_device.dead && !m_failed && !closed; ++step)
@@ -222,9 +230,11 @@ private:
         m_totals.failedSyncs += lost ? 1 : 0;
         m_totals.failedCalls += m_device.faultsHit;
         m_device.faultsHit = 0;
+        m_totals.withoutRoom += std::exchange(m_device.writesWithoutRoom, 0);
         m_device.faults.clear();
         m_device.dead = false;
         m_device.callsLeft = -1;
+        m_device.capacity = ~0ull;
         m_device.writer = nullptr;
         if (cut >= 0 || Below(3) != 0) {
             m_ending = Ending::kPowerCut;
@@ -452,12 +462,14 @@ TEST(Crash, EveryFlushedFrameSurvivesAndNoneIsTorn) {
         if (HasFailure()) break;
     }
     printf(
-        "seeds %u to %u: %llu power cuts, %llu kills, %llu failed syncs, %llu failed calls; "
+        "seeds %u to %u: %llu power cuts, %llu kills, %llu failed syncs, %llu failed calls, "
+        "%llu writes without room; "
         "found %llu records, %llu of them torn; %llu frames compared\n",
         first, first + count - 1, static_cast<unsigned long long>(totals.powerCuts),
         static_cast<unsigned long long>(totals.kills),
         static_cast<unsigned long long>(totals.failedSyncs),
         static_cast<unsigned long long>(totals.failedCalls),
+        static_cast<unsigned long long>(totals.withoutRoom),
         static_cast<unsigned long long>(totals.tailRecords),
         static_cast<unsigned long long>(totals.tornRecords),
         static_cast<unsigned long long>(totals.framesChecked));
@@ -473,7 +485,7 @@ TEST(Crash, InEveryCallWithEveryRest) {
             for (int cut = 0; cut < static_cast<int>(kCuts); cut += kCutStep) {
                 SCOPED_TRACE(testing::Message()
                              << "seed " << seed << ", call " << call << ", cut " << cut);
-                met = CCrashRun(seed, totals).RunOnce({call, {}, false, cut});
+                met = CCrashRun(seed, totals).RunOnce({call, {}, false, ~0ull, cut});
                 ++runs;
                 if (HasFailure()) return;
             }
@@ -494,7 +506,8 @@ TEST(Crash, EveryCallFailsOnce) {
                 for (uint32_t nth = 0; met; ++nth) {
                     SCOPED_TRACE(testing::Message() << "seed " << seed << ", call of kind "
                                                     << static_cast<int>(call) << ", " << nth);
-                    met = CCrashRun(seed, totals).RunOnce({-1, {{call, nth, error}}, false, -1});
+                    met = CCrashRun(seed, totals)
+                              .RunOnce({-1, {{call, nth, error}}, false, ~0ull, -1});
                     ++runs;
                     if (HasFailure()) return;
                 }
