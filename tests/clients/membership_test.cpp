@@ -451,48 +451,7 @@ TEST_F(Membership, LeaveMarksItsStages) {
     Pool().Release(&xaction);
 }
 
-// The client's next request may open the files again that its channel had open for writing.
-TEST_F(Membership, LeaveAnswersWhenTheLastCallHasLetTheChannelGo) {
-    Join();
-    std::latch left(1);
-    CZemClientRef inUse = server.LookupClient(TEXT("client"), true);
-    log.written = [&](const LogRecord& record) {
-        if (record.text == TEXT("client: Relinquishing real-time status...")) left.count_down();
-        return TRUE;
-    };
-    std::thread call([&, held = std::move(inUse)]() mutable {
-        left.wait();
-        for (int i = 0; i < 100; ++i)
-            std::this_thread::yield();
-        const CZemClientRef last = std::move(held);
-    });
-    EXPECT_EQ(Leave(), S_OK);
-    EXPECT_EQ(media.LiveChannels(), 0);
-    call.join();
-    log.written = nullptr;
-}
-
-TEST_F(Membership, LeaveDoesNotWaitForWritesThatAreNotAnswered) {
-    Join();
-    CHttpXaction& first = Take();
-    CHttpXaction& second = Take();
-    const CZemClientRef client = server.LookupClient(TEXT("client"), true);
-    EXPECT_EQ(client.Record()->TakeTurn(first), ZemClient::ETurn::Mine);
-    EXPECT_FALSE(client.Record()->InOtherCalls()) << "the table's reference and the write's";
-    EXPECT_EQ(client.Record()->TakeTurn(second), ZemClient::ETurn::InLine);
-    EXPECT_FALSE(client.Record()->InOtherCalls()) << "and that of the write in line";
-    client.Record()->Answering();
-    EXPECT_TRUE(client.Record()->InOtherCalls());
-    EXPECT_EQ(client.Record()->PassTurn(), &second);
-    second.SetInLine(nullptr);
-    client.Record()->Release();
-    client.Record()->Answering();
-    EXPECT_TRUE(client.Record()->InOtherCalls());
-    Pool().Release(&first);
-    Pool().Release(&second);
-}
-
-TEST_F(Membership, LeaveDoesNotWaitForEverAndTheChannelStaysWhileInUse) {
+TEST_F(Membership, LeaveWaitsForNobodyButTheChannelStaysWhileInUse) {
     Join();
     {
         const CZemClientRef inUse = server.LookupClient(TEXT("client"), true);

@@ -4,9 +4,6 @@
 #include "zemhttpd/entry/entrypoint.h"
 #include "zemhttpd/frameio/httpxactn.h"
 
-#include <chrono>
-#include <thread>
-
 namespace {
 
 constexpr LONG kCatchLineDetach = 1399;
@@ -46,12 +43,10 @@ ZemClient::ETurn ZemClient::TakeTurn(CHttpXaction& xaction, bool room) {
     const CSectionGuard guard(m_lineLock);
     if (!m_atWork) {
         m_atWork = true;
-        m_unanswered.fetch_add(1);
         return ETurn::Mine;
     }
     if (!room || m_inLine == kMaxInLine) return ETurn::LineIsFull;
     AddRef();
-    m_unanswered.fetch_add(1);
     xaction.SetInLine(this);
     xaction.nextInLine = nullptr;
     (m_lineLast ? m_lineLast->nextInLine : m_lineFirst) = &xaction;
@@ -71,16 +66,6 @@ CHttpXaction* ZemClient::PassTurn() {
     if (!m_lineFirst) m_lineLast = nullptr;
     --m_inLine;
     return next;
-}
-
-void ZemClient::AwaitOtherCalls() const {
-    constexpr int kYields = 50;
-    constexpr int kWaits = 500;
-    constexpr std::chrono::milliseconds kWait{1};
-    for (int i = 0; i < kYields && InOtherCalls(); ++i)
-        std::this_thread::yield();
-    for (int i = 0; i < kWaits && InOtherCalls(); ++i)
-        std::this_thread::sleep_for(kWait);
 }
 
 void ZemClient::Release() {

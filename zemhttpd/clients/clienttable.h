@@ -54,18 +54,9 @@ struct ZemClient {
     enum class ETurn { Mine, InLine, LineIsFull };
     static constexpr int kMaxInLine = 64;
     // With InLine the transaction has a reference to the record, and is somebody else's by now.
-    // With Mine and InLine the write counts as unanswered until Answering.
     ETurn TakeTurn(CHttpXaction& xaction, bool room = true);
-    void Answering() { m_unanswered.fetch_sub(1); }
     // The turn is over: the transaction whose turn it is now, or null.
     CHttpXaction* PassTurn();
-
-    // True while somebody beside the caller has a reference, but for writes that are not answered:
-    // their clients may take as long as they like.
-    bool InOtherCalls() const { return m_references.load() > 1 + m_unanswered.load(); }
-    // Waits for that to end, for half a second at most: a call that has answered its client, or
-    // that another client made, may hold its reference for an instant more.
-    void AwaitOtherCalls() const;
 
     void AddRef() { m_references.fetch_add(1, std::memory_order_relaxed); }
     // The last release detaches the channel's read allocator and destroys channel, lock and record,
@@ -76,8 +67,7 @@ private:
     ~ZemClient();
 
     std::atomic<LONG> m_references{1};
-    std::atomic<LONG> m_unanswered{0};  // writes that have their turn, or stand in line
-    CRITICAL_SECTION m_lineLock;        // guards the four below; nothing is called under it
+    CRITICAL_SECTION m_lineLock;  // guards the four below; nothing is called under it
     bool m_atWork = false;
     int m_inLine = 0;
     CHttpXaction* m_lineFirst = nullptr;

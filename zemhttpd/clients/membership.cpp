@@ -239,11 +239,7 @@ HRESULT CHttpCommandHandler::DoCmdLeave(const ZemCommand& command) {
     } catch (...) {  // Not reached in tests: neither the table nor logging throws
         LogCaught(scope, kSourceCmdHdlr, kCatchLineDoLeave);
     }
-    // The answer says that the client's files are closed: it may open them again at once. So the
-    // last reference goes here, not with a call that is through but for letting go.
-    const CZemClientRef leaving(record);
     DeleteZemClient(record);
-    if (leaving) leaving.Record()->AwaitOtherCalls();
     return scope.GetResult();
 }
 

@@ -5,7 +5,6 @@
 // of one client run one after another.
 #include <algorithm>
 #include <cstring>
-#include <utility>
 
 #include "zemhttpd/commands/commandtable.h"
 #include "zemhttpd/frameio/framecommon.h"
@@ -87,21 +86,6 @@ public:
 private:
     CHttpCommandHandler& m_handler;
     ZemClient& m_client;
-};
-
-// Counts a write that has its turn as unanswered until it is answered, or fails before.
-class CUnanswered {
-public:
-    explicit CUnanswered(ZemClient& client) : m_client(&client) {}
-    ~CUnanswered() { End(); }
-    CUnanswered(const CUnanswered&) = delete;
-    CUnanswered& operator=(const CUnanswered&) = delete;
-    void End() {
-        if (m_client) std::exchange(m_client, nullptr)->Answering();
-    }
-
-private:
-    ZemClient* m_client;
 };
 
 // Marks an answered write as on its way to the media library, until that has it.
@@ -217,7 +201,6 @@ HRESULT CHttpCommandHandler::DoCmdWriteFrame(const ZemCommand& command, const Fr
                 return S_FALSE;
             }
         }
-        CUnanswered unanswered(*client.Record());
         const CWriteTurn turn(*this, *client.Record());
         const CSectionGuard lock(*client.RecordLock());
         CZemChannelIo& channel = *client.Channel();
@@ -226,7 +209,6 @@ HRESULT CHttpCommandHandler::DoCmdWriteFrame(const ZemCommand& command, const Fr
         CFrameBlockGuard guard(*m_framePool);
         guard.Guard(frame, &channel);
         const CHandOverMark mark(frame ? client.Record() : nullptr);
-        unanswered.End();
         SendWriteReply(*this, scope, command);
         if (!frame) {
             scope.SetResult(hrGet);
