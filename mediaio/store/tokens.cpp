@@ -1,6 +1,8 @@
 // Tokens. Bits 0 to 9 name the slot, bits 24 to 31 the stream kind, all others are random.
 #include "mediaio/store/tokens.h"
 
+#include "platform/atomicwait.h"
+
 namespace zemstore {
 namespace {
 constexpr ULONGLONG kSlotMask = CTokenTable::kMaxOpen - 1;
@@ -21,7 +23,7 @@ CTokenTable::Slot* CTokenTable::Find(ULONGLONG token) {
 void CTokenTable::CUse::End() {
     if (m_slot == nullptr) return;
     const bool last = m_slot->users.fetch_sub(1) == 1;
-    if (last && m_slot->token.load() != m_token) m_slot->users.notify_all();
+    if (last && m_slot->token.load() != m_token) WakeWaiters(m_slot->users);
     m_slot = nullptr;
 }
 
@@ -68,7 +70,7 @@ HRESULT CTokenTable::Remove(ULONGLONG token, OpenStream& stream) {
     ULONGLONG expected = token;
     if (!slot.token.compare_exchange_strong(expected, 0)) return E_HANDLE;
     for (uint32_t users = slot.users.load(); users != 0; users = slot.users.load())
-        slot.users.wait(users);
+        WaitWhile(slot.users, users);
     stream = slot.stream;
     slot.stream = {};
     std::lock_guard hold(m_lock);

@@ -7,6 +7,7 @@
 #include <memory>
 #include <vector>
 
+#include "platform/atomicwait.h"
 #include "platform/platform.h"
 
 namespace {
@@ -468,6 +469,44 @@ TEST(Apc, NoneIsLostAgainstWaits) {
     EXPECT_EQ(ran, kCalls);
     EXPECT_EQ(taken, kCalls);
     EXPECT_GT(interrupted, 0);
+}
+
+// A wake that gets lost stops the round for ever. Where the wait can lose one, a thread that has
+// just begun is the likeliest to bring that about.
+TEST(AtomicWait, LosesNoWakeOfAThreadThatBegins) {
+    for (int round = 0; round < 300; ++round) {
+        std::atomic<bool> begun{false};
+        CTestThread thread([&] {
+            begun = true;
+            WakeWaiters(begun);
+            return 0u;
+        });
+        WaitWhile(begun, false);
+    }
+}
+
+TEST(AtomicWait, SeesAChangeThatWasThereBefore) {
+    std::atomic<bool> begun{true};
+    WaitWhile(begun, false);
+    WakeWaiters(begun);  // nobody waits
+}
+
+TEST(AtomicWait, WakesAllThatWait) {
+    std::atomic<bool> begun{false};
+    std::vector<std::unique_ptr<CTestThread>> waiting;
+    for (int i = 0; i < 4; ++i)
+        waiting.push_back(std::make_unique<CTestThread>([&] {
+            WaitWhile(begun, false);
+            return static_cast<unsigned>(begun.load());
+        }));
+    begun = true;
+    WakeWaiters(begun);
+    for (const auto& thread : waiting) {
+        thread->Join();
+        DWORD got = 0;
+        EXPECT_TRUE(GetExitCodeThread(thread->Handle(), &got));
+        EXPECT_EQ(got, 1u);
+    }
 }
 
 TEST(Handle, ClosingWhileSomebodyWaitsIsSafe) {

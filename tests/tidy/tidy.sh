@@ -22,6 +22,11 @@ breach 'a system header or call outside the seams:' "$(
         zemhttpd mediaio | grep -vE '^mediaio/(store|foreign|allocator|errorlog)/[a-z_]*posix[a-z_]*\.(h|cpp):' || true)"
 breach 'wide literals are TEXT("..."):' "$(search '(^|[^A-Za-z0-9_])L"' zemhttpd mediaio platform)"
 
+# The store and the server wait with std::condition_variable on a lock named hold or lock.
+breach 'a wait on an atomic is WaitWhile of platform/atomicwait.h, and a latch or semaphore the system'"'"'s:' "$(
+    search '\.wait\(|std::(latch|barrier|counting_semaphore|binary_semaphore)\b' zemhttpd mediaio apps/zemhost apps/zemfsck |
+        grep -vE '\.wait\((hold|lock)|^mediaio/foreign/' || true)"
+
 breach 'no room reaches into a source file:' "$(search '#include ".*\.cpp"' "${library[@]}" platform tests)"
 
 # Form.

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "mediaio/zemchannelio.h"
+#include "platform/atomicwait.h"
 #include "platform/platform.h"
 #include "zemhttpd/server/binmap.h"
 #include "zemhttpd/server/sectionguard.h"
@@ -40,12 +41,12 @@ struct ZemClient {
     void BeginHandOver() { m_handOver.fetch_add(1); }
     void EndHandOver() {
         m_handOver.fetch_add(1);
-        m_handOver.notify_all();
+        WakeWaiters(m_handOver);
     }
     bool HandingOver() const { return (m_handOver.load() & 1) != 0; }
     void AwaitHandOver() const {
         const DWORD phase = m_handOver.load();
-        if (phase & 1) m_handOver.wait(phase);
+        if (phase & 1) WaitWhile(m_handOver, phase);
     }
 
     // Whose turn it is to write. A write that finds another at work stands in line instead of

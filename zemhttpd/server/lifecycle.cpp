@@ -1,6 +1,7 @@
 // Start and stop of the server, on the host's thread: the request queue with its URLs, the
 // completion port, the memory allocator, the pools and the threads. Stopping takes it down in the
 // order of who uses what, from any state.
+#include "platform/atomicwait.h"
 #include "zemhttpd/entry/entrypoint.h"
 #include "zemhttpd/server/httpcmdhdlr.h"
 #include "zemhttpd/server/narrowtext.h"
@@ -211,7 +212,7 @@ void CHttpCommandHandler::Shutdown() {
 void CHttpCommandHandler::StopLongThreads() {
     // A call that is queued before its thread has begun may run ahead of the thread's routine, and
     // would end no wait.
-    if (m_issuerThread) m_issuerBegun.wait(false);
+    if (m_issuerThread) WaitWhile(m_issuerBegun, false);
     for (const HANDLE thread : {m_issuerThread, m_snifferThread}) {
         if (!thread) continue;
         QueueUserAPC(EndAlertableWait, thread, 0);

@@ -1,6 +1,7 @@
 // The receive loop: one issuer thread keeps a receive outstanding for every free transaction block,
 // and a fixed number of workers take the completed ones off the port and process them where they
 // are.
+#include "platform/atomicwait.h"
 #include "zemhttpd/entry/entrypoint.h"
 #include "zemhttpd/server/httpcmdhdlr.h"
 
@@ -100,7 +101,7 @@ unsigned WINAPI CHttpCommandHandler::HttpRequestIssuer(void* server) {
     try {
         CHttpCommandHandler& self = *static_cast<CHttpCommandHandler*>(server);
         self.m_issuerBegun = true;
-        self.m_issuerBegun.notify_all();
+        WakeWaiters(self.m_issuerBegun);
         CHttpXaction* xaction = nullptr;
         bool posted = true;
         // The stop APC ends the wait inside; a block whose receive failed is not given back.
