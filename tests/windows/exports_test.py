@@ -71,8 +71,9 @@ def main():
         problems.append('the slots are %s' % slots)
     if not problems:
         windows_server.start_wine()
-        windows_server.run('reg', 'add', 'HKLM\\Software\\Quorvane Group\\ZEM', '/v', 'HttpPort', '/t', 'REG_DWORD',
-                           '/d', str(wire.free_port()), '/f')
+        for value, number in (('HttpPort', wire.free_port()), ('HttpFileServer', 0)):  # another test may have left others
+            windows_server.run('reg', 'add', 'HKLM\\Software\\Quorvane Group\\ZEM', '/v', value, '/t', 'REG_DWORD',
+                               '/d', str(number), '/f')
         # Wine has no event log: it says what it would write there.
         run = subprocess.run([*options.run, *slots], stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=90,
                              env=dict(os.environ, WINEDEBUG='-all,err+eventlog,warn+eventlog,trace+eventlog'))
