@@ -58,9 +58,15 @@ def exit_code(code, said, last_words):
     return 0
 
 
+def wine(program, *arguments):
+    """The command that runs a Windows program, ours by its path or one of the system's by its name. By a name alone Wine starts
+    a second program that looks for it, and now and then does not find it."""
+    return [WINE, program if '/' in program else 'C:\\windows\\system32\\%s.exe' % program, *arguments]
+
+
 def run(*command):
     """Runs a Windows program: its exit code, and what it said."""
-    done = subprocess.run([WINE, *command], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    done = subprocess.run(wine(*command), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
     return done.returncode, done.stdout.decode(errors='replace')
 
 
@@ -96,10 +102,8 @@ class WindowsServer(wire.Server):
             except OSError:  # nothing for ten seconds, or the driver is gone
                 pass
             bell.close()
-            super().kill()
+            self.kill()
             note('the HTTP driver did not notice the first connection: Wine was started anew')
-            stop_wine()
-            start_wine()
         raise wire.NotStarted('the server does not answer')
 
     def silence(self):
@@ -108,8 +112,13 @@ class WindowsServer(wire.Server):
             bell.close()
 
     def kill(self):
+        """Starts Wine anew as well: a program that ends with receives posted lets the wineserver cancel what the driver has
+        completed meanwhile. That ends the driver, some tenths of a second later: a server that starts in between is refused its
+        URLs."""
         self.silence()
         super().kill()
+        stop_wine()
+        start_wine()
 
     def stop(self, timeout_s=None):
         self.silence()
@@ -137,10 +146,10 @@ def start_wine(errors=subprocess.DEVNULL, debug='-all'):
     quiet = {'stdin': subprocess.DEVNULL, 'stdout': subprocess.DEVNULL, 'stderr': errors,
              'env': dict(os.environ, WINEDEBUG=debug)}
     if not os.path.exists(os.path.join(PREFIX, 'system.reg')):
-        subprocess.run([WINE, 'cmd', '/c', 'exit'], check=True, **quiet)
+        subprocess.run(wine('cmd', '/c', 'exit'), check=True, **quiet)
         stop_wine()
     subprocess.run([WINE_SERVER, '-p'], **quiet)  # fails where one runs already
-    subprocess.run([WINE, 'cmd', '/c', 'exit'], check=True, **quiet)
+    subprocess.run(wine('cmd', '/c', 'exit'), check=True, **quiet)
 
 
 def stop_wine():
