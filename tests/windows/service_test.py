@@ -91,6 +91,7 @@ def main():
     options = parser.parse_args()
     folder = tempfile.mkdtemp(prefix='zem-service-')
     said = os.path.join(folder, 'said')
+    log = os.path.join(folder, windows_server.WindowsServer.log_name)
     named = lambda path: 'Z:' + path.replace('/', '\\')
     windows_server.stop_wine()
     with open(said, 'wb') as out:
@@ -109,7 +110,6 @@ def main():
         run('reg', 'add', 'HKLM\\Software\\Quorvane Group\\ZEM', '/v', 'HttpPort', '/t', 'REG_DWORD', '/d', str(port), '/f')
         run('reg', 'add', 'HKLM\\Software\\Quorvane Group\\RUD\\vfs', '/v', '0', '/t', 'REG_SZ', '/d', named(folder), '/f')
 
-        log = os.path.join(folder, 'log')
         run(options.zemhost, '--remove', code=6)
         run(options.zemhost, '--install', '--log', named(log))
         installed = True
@@ -140,8 +140,8 @@ def main():
         with open(said, encoding='utf-8', errors='replace') as text:
             print('what the background said:\n' + text.read())
         print(windows_server.run('sc', 'query', 'zemhost')[1])
-        if os.path.exists(os.path.join(folder, 'log')):
-            with open(os.path.join(folder, 'log'), encoding='utf-8', errors='replace') as text:
+        if os.path.exists(log):
+            with open(log, encoding='utf-8', errors='replace') as text:
                 print('the log:\n' + text.read())
         raise
     finally:
