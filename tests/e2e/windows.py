@@ -125,7 +125,7 @@ def main():
 
     windows_server.start_wine()
     module = importlib.import_module(options.suite)
-    if options.suite == 'blackbox':
+    if hasattr(module, 'PROGRAM'):
         module.PROGRAM, module.FILE_SERVER, module.TRACE = options.zemhost, options.file_server, options.trace
     else:
         base = module.ExactCase
