@@ -198,6 +198,40 @@ TEST_F(ReceiveLoop, RequestThatWentAsynchronousKeepsItsBlock) {
     EXPECT_EQ(Pool().FreeCount(), kBlocks);
 }
 
+// While every block is with the media library no receive is posted: what comes waits in the HTTP
+// interface. Nothing is said of it, and nothing is lost when the blocks come back.
+TEST_F(ReceiveLoop, AllBlocksOutIsOverWhenTheyComeBack) {
+    Join();
+    log.Reset();
+    http.Forget();
+    media.pendReads = true;
+    ASSERT_EQ(server.InitRequestThreadPool(), S_OK);
+    StartIssuer();
+    const auto receives = system.WaitForReceives(kBlocks);
+    for (DWORD i = 0; i < kBlocks; ++i) {
+        RequestSpec read;
+        read.entity =
+            Command(i, 3, Bytes(DWORD{0}, DWORD{1}, ULONGLONG{0}) + std::string(96, '\0'));
+        Deliver(receives[i], read);
+    }
+    system.WaitUntilIdle(4);
+    EXPECT_EQ(media.PendingCount(), static_cast<size_t>(kBlocks));
+    EXPECT_EQ(Pool().FreeCount(), 0);
+    EXPECT_EQ(system.ReceiveCount(), static_cast<size_t>(kBlocks));
+    EXPECT_EQ(http.SentCount(), 0u);
+    EXPECT_EQ(media.CompletePending(), static_cast<size_t>(kBlocks));
+    EXPECT_EQ(http.SentCount(), static_cast<size_t>(kBlocks));
+    RequestSpec alive;
+    alive.entity = Command(9, 17);
+    Deliver(system.WaitForReceives(kBlocks + kBlocks / 2)[kBlocks], alive);
+    system.WaitUntilIdle(4);
+    for (const SentResponse& response : http.Sent())
+        EXPECT_EQ(response.status, 200);
+    EXPECT_EQ(http.Last().Body(), Bytes(DWORD{9}, DWORD{14}, DWORD{4}, DWORD{0}));
+    EXPECT_TRUE(log.Texts(kErrorLogLevelError).empty());
+    EXPECT_EQ(server.FramePool().ActiveCount(), 0);
+}
+
 TEST_F(ReceiveLoop, FailedRequestGivesItsBlockBackWhateverTheChainId) {
     log.chainId = [](HRESULT) { return 1u; };
     ASSERT_EQ(server.InitRequestThreadPool(), S_OK);
