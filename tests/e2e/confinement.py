@@ -89,7 +89,9 @@ NAMES = [
     ('long part', 'x' * 256, TOO_LONG),
     ('long part, by its bytes', '\u00df' * 130, TOO_LONG),
     ('long part above', 'x' * 256 + '/a', TOO_LONG),
-    # Symbolic links
+]
+# The same for symbolic links, and a pipe.
+LINKS = [
     ('through a link', 'link/secret', DENIED),
     ('through a link, new', 'link/new', DENIED),
     ('through a link to a folder there', 'link/folder/secret', DENIED),
@@ -105,8 +107,8 @@ NAMES = [
     ('a link to where nothing is', 'dangling', LAST),
     ('a link that is a folder', 'link', LAST),
     ('a pipe', 'pipe', LAST),
-    ('below a file', 'inside/clip/secret', BELOW_FILE),
 ]
+BELOW = [('below a file', 'inside/clip/secret', BELOW_FILE)]
 # What a name is for the server is not what a URL would make of it: these lie inside.
 LITERAL = ['%2e%2e/outside/secret', '..%2foutside%2fsecret', '%2e%2e%5coutside', '%c0%ae%c0%ae/secret', '%00', '%252e%252e/secret',
            '\u2024\u2024/outside/secret', '\uff0e\uff0e\uff0foutside', '\u2025/secret', '..\u2215outside', '~/secret', '$HOME/secret',
@@ -257,8 +259,17 @@ class Case(unittest.TestCase):
 
 class Names(Case):
     def test_every_name_with_every_command(self):
+        self.try_all(NAMES)
+
+    def test_every_link_with_every_command(self):
+        self.try_all(LINKS)
+
+    def test_a_name_below_a_file_with_every_command(self):
+        self.try_all(BELOW)
+
+    def try_all(self, names):
         expected, inside = [], tree(self.root)
-        for label, name, result in NAMES:
+        for label, name, result in names:
             name = name.format(root=self.root, out=self.outside) if '{' in name else name
             for command, scope, code, body, (shows, shown) in ((*c[:4], c[4] or ('', None)) for c in COMMANDS):
                 words = '%s: %s' % (command, label)
@@ -309,7 +320,7 @@ class Names(Case):
 
     def test_names_of_streams_and_attributes(self):
         """They name no file: whatever they are, none is looked for."""
-        for _, name, _ in NAMES:
+        for _, name, _ in NAMES + LINKS + BELOW:
             name = name.format(root=self.root, out=self.outside) if '{' in name else name
             for code, body in ((CREATE, field('inside/clip') + field(name) + es_desc() + struct.pack('<I', 3)),
                                (OPEN, field('inside/clip') + field(name) + struct.pack('<II', 0, 1) + bytes(2))):
@@ -318,7 +329,7 @@ class Names(Case):
                 self.assertEqual(self.client.post(code, block('inside/clip', name) + rest).status, 200)
             self.assertEqual(self.client.post(CFG_ATTR, field(name) + units('1\0')).word(0), 0)
             self.assert_outside_untouched(name)
-        self.assertEqual(len(self.failures(9)), 6 * len(NAMES))
+        self.assertEqual(len(self.failures(9)), 6 * len(NAMES + LINKS + BELOW))
 
 
 # Targets of GET and DELETE with the status that they get; {root}, {out} as above.
