@@ -574,6 +574,17 @@ TEST_F(Membership, DeletionWhoseTraceThrowsDeletesAllTheSame) {
     EXPECT_EQ(media.LiveChannels(), 0);
 }
 
+TEST_F(Membership, ChannelThatThrowsWhenItIsAskedForItsClientIsDestroyed) {
+    Join();
+    log.Reset();
+    media.results["GetClientId"] = E_UNEXPECTED;
+    EXPECT_EQ(Post(Command(3, 16)), S_OK);
+    EXPECT_EQ(http.Last().Body(), Bytes(DWORD{3}, DWORD{13}, DWORD{4}, S_OK));
+    EXPECT_EQ(log.EntryPoints(TEXT("CHttpCommandHandler::DeleteZemClient")), 1u);
+    EXPECT_EQ(Clients(), 0u);
+    EXPECT_EQ(media.LiveChannels(), 0);
+}
+
 TEST_F(Membership, ChannelThatThrowsWhenItIsDetachedIsDestroyed) {
     Join();
     log.Reset();

@@ -279,7 +279,7 @@ HRESULT CHttpCommandHandler::DeleteZemClient(ZemClient* client) {
                 m_realTimeClient.ClearIf(clientId);
             }
         }
-    } catch (...) {  // Not reached in tests: logging does not throw
+    } catch (...) {  // a host's media library may throw anything
         LogCaught(scope, kSourceCmdHdlr, kCatchLineDelete);
     }
     // Channel, lock and record go here, or with the last call that still uses them.
