@@ -150,6 +150,20 @@ def start_wine(errors=subprocess.DEVNULL, debug='-all'):
         stop_wine()
     subprocess.run([WINE_SERVER, '-p'], **quiet)  # fails where one runs already
     subprocess.run(wine('cmd', '/c', 'exit'), check=True, **quiet)
+    start_http()
+
+
+def start_http(patience_s=60):
+    """The HTTP service, so that no server is the first to need it: its first start may fail while the other services begin."""
+    end = time.monotonic() + patience_s
+    while True:
+        code, text = run('net', 'start', 'http')
+        if code == 0 or 'already running' in text or 'started successfully' in text:
+            return
+        note('the HTTP service did not start: ' + text.strip())
+        if time.monotonic() > end:
+            raise wire.NotStarted('the HTTP service of Wine does not start')
+        time.sleep(0.2)
 
 
 def stop_wine():
