@@ -1,7 +1,6 @@
 // The HTTP Server API's calls. Differences from the kernel's own interface:
-// - Only what http_calls.h names exists; flags it does not name are refused. HttpSendHttpResponse
-// is
-//   synchronous and takes a whole response. Prefixes have '*' or '+' as host and no context.
+// - Only what http_calls.h names exists; other flags are refused. A response is sent whole and
+//   synchronously. Prefixes have '*' or '+' as host and no context.
 // - The work is done by the threads that wait in the port. Without such a thread only a synchronous
 //   receive serves the queue. Two queues cannot share a TCP port.
 // - Requests that could be read in two ways are refused: both lengths, equal lengths twice, folded

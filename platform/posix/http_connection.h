@@ -121,10 +121,6 @@ private:
     bool Keep(const CRequestView& view, size_t head_bytes, size_t body_from, size_t wanted);
     uint64_t NextId() { return ++m_sequence << 20 | m_slot; }
 
-    // http_answer.cpp
-    EStep Refuse(int status, bool keep_connection = false);
-    void SendContinue();
-
     // http_entity.cpp
     ULONG ReadSocketBody(char*& to, char* to_end);
     EStep RunAsyncBody(CPacket& packet);
@@ -143,6 +139,8 @@ private:
     void WatchOut();
     bool GoHome();
     EStep CloseGently(bool linger);
+    EStep Refuse(int status, bool keep_connection = false);
+    void SendContinue();
 
     // http_stall.cpp
     bool WaitSocket(short events, uint64_t until_ms);

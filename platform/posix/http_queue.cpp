@@ -128,12 +128,7 @@ CHttpConnection* CRequestQueue::PostReceive(const CPostedReceive& receive, ULONG
         *error = ERROR_OPERATION_ABORTED;
         return nullptr;
     }
-    if (CHttpConnection* connection = m_waiting_head) {
-        m_waiting_head = connection->m_next_waiting;
-        if (!m_waiting_head) m_waiting_tail = nullptr;
-        m_waiting_count.fetch_sub(1);
-        return connection;
-    }
+    if (CHttpConnection* connection = PopWaiting()) return connection;
     auto* kept = new (receive.buffer) CPostedReceive(receive);
     kept->next = m_receives;
     m_receives = kept;
@@ -142,6 +137,11 @@ CHttpConnection* CRequestQueue::PostReceive(const CPostedReceive& receive, ULONG
 
 CHttpConnection* CRequestQueue::TakeWaiting() {
     const std::lock_guard lock(m_lock);
+    return PopWaiting();
+}
+
+// The oldest request that waits, or null. With the lock held.
+CHttpConnection* CRequestQueue::PopWaiting() {
     CHttpConnection* connection = m_waiting_head;
     if (!connection) return nullptr;
     m_waiting_head = connection->m_next_waiting;

@@ -80,7 +80,7 @@ private:
     CRequestQueue() : CObject(kKind) {}
     ~CRequestQueue() override;
     void SetRoutes(Routes routes);
-    ULONG Listen(uint16_t port, std::unique_ptr<CListenPort>& listen);
+    CHttpConnection* PopWaiting();
 
     CRef<CCompletionPort> m_port;
     ULONG_PTR m_key = 0;

@@ -19,8 +19,7 @@ struct HttpTuning {
     std::atomic<uint32_t> stall_bytes{64 * 1024};  // progress that a window must show
     std::atomic<uint32_t> send_rate_bytes{150};    // per second, at least
     std::atomic<uint32_t> send_window_ms{20000};   // over which the rate is measured
-    std::atomic<uint64_t> background_bytes{64ull
-                                           << 20};     // copies held for background sends, in all
+    std::atomic<uint64_t> background_bytes{64 << 20};  // copies held for background sends, in all
     std::atomic<uint32_t> view_send_bytes{32 * 1024};  // mapped chunks from here go by sendfile
     std::atomic<uint32_t> waiting_requests{1000};      // of a queue; the next is answered 503
 };
