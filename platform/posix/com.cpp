@@ -112,24 +112,6 @@ HRESULT VariantClear(VARIANT* variant) {
     return S_OK;
 }
 
-HRESULT VariantCopy(VARIANT* to, const VARIANT* from) {
-    if (!to || !from) return E_INVALIDARG;
-    if (!IsKnown(from->vt)) return DISP_E_BADVARTYPE;
-    VARIANT copy = *from;
-    if (copy.vt == VT_BSTR && copy.bstrVal) {
-        copy.bstrVal = SysAllocStringLen(from->bstrVal, SysStringLen(from->bstrVal));
-        if (!copy.bstrVal) return E_OUTOFMEMORY;
-    }
-    if ((copy.vt == VT_DISPATCH || copy.vt == VT_UNKNOWN) && copy.punkVal) copy.punkVal->AddRef();
-    const HRESULT result = VariantClear(to);
-    if (FAILED(result)) {
-        VariantClear(&copy);
-        return result;
-    }
-    *to = copy;
-    return S_OK;
-}
-
 HRESULT CoInitializeEx(LPVOID reserved, DWORD model) {
     if (reserved || (model & ~kKnownModels) != 0) return E_INVALIDARG;
     CApartment& apartment = t_apartment;

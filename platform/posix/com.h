@@ -112,7 +112,6 @@ struct VARIANT {
         };
     };
 };
-using VARIANTARG = VARIANT;
 static_assert(sizeof(VARIANT) == 24 && offsetof(VARIANT, bstrVal) == 8);
 
 extern const IID IID_IUnknown;
@@ -130,10 +129,9 @@ UINT SysStringLen(BSTR text);
 UINT SysStringByteLen(BSTR text);
 
 // Clear frees a BSTR or releases an interface and leaves VT_EMPTY. DISP_E_BADVARTYPE, changing
-// nothing, for a type not in VARENUM. Copy clears `to` first.
+// nothing, for a type not in VARENUM.
 void VariantInit(VARIANT* variant);
 HRESULT VariantClear(VARIANT* variant);
-HRESULT VariantCopy(VARIANT* to, const VARIANT* from);
 
 // Counted per thread: S_OK the first time, S_FALSE when already in that model, RPC_E_CHANGED_MODE
 // (not counted) in the other one, E_INVALIDARG for unknown flags.

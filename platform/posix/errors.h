@@ -64,13 +64,14 @@
 #define ERROR_NO_UNICODE_TRANSLATION 1113
 #define ERROR_IO_DEVICE 1117
 #define ERROR_TOO_MANY_LINKS 1142
-#define ERROR_RETRY 1237
+#define ERROR_NOT_FOUND 1168
+#define ERROR_CANCELLED 1223
 #define ERROR_CONNECTION_REFUSED 1225
 #define ERROR_GRACEFUL_DISCONNECT 1226
 #define ERROR_CONNECTION_INVALID 1229
 #define ERROR_CONNECTION_ABORTED 1236
-#define ERROR_NOT_FOUND 1168
-#define ERROR_CANCELLED 1223
+#define ERROR_RETRY 1237
+#define ERROR_REVISION_MISMATCH 1306
 #define ERROR_NO_SYSTEM_RESOURCES 1450
 #define ERROR_WORKING_SET_QUOTA 1453
 #define ERROR_TIMEOUT 1460
@@ -91,19 +92,17 @@
 #define E_OUTOFMEMORY (static_cast<HRESULT>(0x8007000E))
 #define E_INVALIDARG (static_cast<HRESULT>(0x80070057))
 #define RPC_E_CHANGED_MODE (static_cast<HRESULT>(0x80010106))
-#define DISP_E_TYPEMISMATCH (static_cast<HRESULT>(0x80020005))
-#define DISP_E_BADVARTYPE (static_cast<HRESULT>(0x80020008))
 #define DISP_E_UNKNOWNINTERFACE (static_cast<HRESULT>(0x80020001))
 #define DISP_E_MEMBERNOTFOUND (static_cast<HRESULT>(0x80020003))
+#define DISP_E_TYPEMISMATCH (static_cast<HRESULT>(0x80020005))
 #define DISP_E_UNKNOWNNAME (static_cast<HRESULT>(0x80020006))
+#define DISP_E_BADVARTYPE (static_cast<HRESULT>(0x80020008))
 #define CLASS_E_NOAGGREGATION (static_cast<HRESULT>(0x80040110))
 #define REGDB_E_CLASSNOTREG (static_cast<HRESULT>(0x80040154))
 #define CO_E_NOTINITIALIZED (static_cast<HRESULT>(0x800401F0))
 
 #define SUCCEEDED(hr) ((static_cast<HRESULT>(hr)) >= 0)
 #define FAILED(hr) ((static_cast<HRESULT>(hr)) < 0)
-#define HRESULT_CODE(hr) ((hr)&0xFFFF)
-#define HRESULT_FACILITY(hr) (((hr) >> 16) & 0x1FFF)
 #define FACILITY_WIN32 7
 
 // The rule of the whole tree: zero and negative values pass, a positive error becomes 0x8007xxxx.

@@ -6,10 +6,8 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <iterator>
 #include <string>
 
 #include "platform/posix/filesinternal.h"
@@ -19,48 +17,6 @@
 
 namespace posix {
 namespace {
-
-struct CErrorPair {
-    int error;
-    DWORD win32;
-};
-
-constexpr CErrorPair kErrors[] = {
-    {EACCES, ERROR_ACCESS_DENIED},
-    {EAGAIN, ERROR_NO_SYSTEM_RESOURCES},
-    {EBADF, ERROR_INVALID_HANDLE},
-    {EBUSY, ERROR_BUSY},
-    {ECONNABORTED, ERROR_CONNECTION_ABORTED},
-    {ECONNREFUSED, ERROR_CONNECTION_REFUSED},
-    {ECONNRESET, ERROR_NETNAME_DELETED},
-    {EDQUOT, ERROR_DISK_FULL},
-    {EEXIST, ERROR_ALREADY_EXISTS},
-    {EFAULT, ERROR_INVALID_ADDRESS},
-    {EFBIG, ERROR_FILE_TOO_LARGE},
-    {EINVAL, ERROR_INVALID_PARAMETER},
-    {EIO, ERROR_IO_DEVICE},
-    {EISDIR, ERROR_ACCESS_DENIED},
-    {ELOOP, ERROR_CANT_RESOLVE_FILENAME},
-    {EMFILE, ERROR_TOO_MANY_OPEN_FILES},
-    {EMLINK, ERROR_TOO_MANY_LINKS},
-    {ENAMETOOLONG, ERROR_FILENAME_EXCED_RANGE},
-    {ENFILE, ERROR_NO_SYSTEM_RESOURCES},
-    {ENODEV, ERROR_DEV_NOT_EXIST},
-    {ENOENT, ERROR_FILE_NOT_FOUND},
-    {ENOMEM, ERROR_NOT_ENOUGH_MEMORY},
-    {ENOSPC, ERROR_DISK_FULL},
-    {ENOSYS, ERROR_CALL_NOT_IMPLEMENTED},
-    {ENOTDIR, ERROR_PATH_NOT_FOUND},
-    {ENOTEMPTY, ERROR_DIR_NOT_EMPTY},
-    {ENXIO, ERROR_ACCESS_DENIED},
-    {EOPNOTSUPP, ERROR_NOT_SUPPORTED},
-    {EPERM, ERROR_ACCESS_DENIED},
-    {EPIPE, ERROR_BROKEN_PIPE},
-    {EROFS, ERROR_WRITE_PROTECT},
-    {ETIMEDOUT, ERROR_SEM_TIMEOUT},
-    {ETXTBSY, ERROR_SHARING_VIOLATION},
-    {EXDEV, ERROR_NOT_SAME_DEVICE},
-};
 
 class CFile final : public CObject {
 public:
@@ -114,57 +70,33 @@ bool KindAllowed(mode_t mode, DWORD flags) {
     return S_ISREG(mode) || (S_ISDIR(mode) && (flags & FILE_FLAG_BACKUP_SEMANTICS) != 0);
 }
 
-constexpr DWORD kKnownFlags = FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN |
-                              FILE_FLAG_RANDOM_ACCESS | FILE_FLAG_BACKUP_SEMANTICS |
-                              FILE_FLAG_OPEN_REPARSE_POINT;
+constexpr DWORD kKnownFlags =
+    FILE_ATTRIBUTE_NORMAL | FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT;
 constexpr DWORD kKnownShares = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
 DWORD CheckOpen(DWORD access, DWORD share, LPSECURITY_ATTRIBUTES attributes, DWORD disposition,
                 DWORD flags, HANDLE template_file) {
     if (attributes) return ERROR_NOT_SUPPORTED;
-    if (access == DELETE) {
-        const bool known = disposition == OPEN_EXISTING && flags == FILE_FLAG_OPEN_REPARSE_POINT &&
-                           (share & ~kKnownShares) == 0 && !template_file;
-        return known ? 0 : ERROR_INVALID_PARAMETER;
-    }
-    if ((access & ~(GENERIC_READ | GENERIC_WRITE)) != 0 || (share & ~kKnownShares) != 0 ||
-        template_file || (flags & ~kKnownFlags) != 0 || disposition < CREATE_NEW ||
-        disposition > TRUNCATE_EXISTING) {
-        return ERROR_INVALID_PARAMETER;
-    }
-    const bool writes = (access & GENERIC_WRITE) != 0;
-    if (disposition == TRUNCATE_EXISTING && !writes) return ERROR_INVALID_PARAMETER;
-    if ((flags & FILE_FLAG_BACKUP_SEMANTICS) != 0 && (writes || disposition != OPEN_EXISTING))
+    const bool known = access == DELETE
+                           ? flags == FILE_FLAG_OPEN_REPARSE_POINT
+                           : (access & ~GENERIC_READ) == 0 && (flags & ~kKnownFlags) == 0;
+    if (!known || (share & ~kKnownShares) != 0 || disposition != OPEN_EXISTING || template_file)
         return ERROR_INVALID_PARAMETER;
     return 0;
 }
 
-int OpenFlags(DWORD access, DWORD disposition, DWORD flags) {
-    constexpr int kDisposition[] = {0, O_CREAT | O_EXCL, O_CREAT | O_TRUNC, 0, O_CREAT, O_TRUNC};
-    int result = O_CLOEXEC | O_NONBLOCK | O_NOCTTY | kDisposition[disposition];
-    if ((access & GENERIC_WRITE) == 0) {
-        result |= O_RDONLY;
-    } else {
-        result |= (access & GENERIC_READ) != 0 ? O_RDWR : O_WRONLY;
-    }
-    if ((flags & FILE_FLAG_OPEN_REPARSE_POINT) != 0) result |= O_NOFOLLOW;
-    return result;
-}
-
-HANDLE OpenNative(const char* path, DWORD access, DWORD disposition, DWORD flags) {
+HANDLE OpenToRead(const char* path, DWORD flags) {
     struct stat status;
     const bool existed = stat(path, &status) == 0;
-    if (existed && disposition == CREATE_NEW) return Fail(ERROR_FILE_EXISTS), INVALID_HANDLE_VALUE;
     if (existed && !KindAllowed(status.st_mode, flags))
         return Fail(ERROR_ACCESS_DENIED), INVALID_HANDLE_VALUE;
-    const int descriptor = open(path, OpenFlags(access, disposition, flags), 0666);
+    const int follow = (flags & FILE_FLAG_OPEN_REPARSE_POINT) != 0 ? O_NOFOLLOW : 0;
+    const int descriptor = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | follow);
     if (descriptor < 0) {
         // A link that is not to be followed; one that leads nowhere or in a circle has failed
         // above.
         if (errno == ELOOP && existed) {
             SetLastError(ERROR_ACCESS_DENIED);
-        } else if (errno == EEXIST) {
-            SetLastError(ERROR_FILE_EXISTS);
         } else {
             FailErrno(path, errno);
         }
@@ -174,14 +106,8 @@ HANDLE OpenNative(const char* path, DWORD access, DWORD disposition, DWORD flags
         close(descriptor);
         return Fail(ERROR_ACCESS_DENIED), INVALID_HANDLE_VALUE;
     }
-    if ((flags & FILE_FLAG_SEQUENTIAL_SCAN) != 0)
-        posix_fadvise(descriptor, 0, 0, POSIX_FADV_SEQUENTIAL);
-    if ((flags & FILE_FLAG_RANDOM_ACCESS) != 0) posix_fadvise(descriptor, 0, 0, POSIX_FADV_RANDOM);
     const HANDLE handle = OpenHandle(new CFile(descriptor));
-    if (!handle) return INVALID_HANDLE_VALUE;
-    if (disposition == CREATE_ALWAYS || disposition == OPEN_ALWAYS)
-        SetLastError(existed ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS);
-    return handle;
+    return handle ? handle : INVALID_HANDLE_VALUE;
 }
 
 bool IsReadOnly(const struct stat& status) {
@@ -214,62 +140,11 @@ HANDLE OpenToDelete(const CNativeName& name) {
     return INVALID_HANDLE_VALUE;
 }
 
-// One read or write; `offset` null means at the file's own position.
-template <class Plain, class Positioned>
-BOOL Move(HANDLE file, LPDWORD moved, LPOVERLAPPED overlapped, bool reads, DWORD size, Plain plain,
-          Positioned positioned) {
-    if (moved) *moved = 0;
-    const CPin<CFile> pin(file);
-    if (!pin) return FALSE;
-    if (!moved && !overlapped) return Fail(ERROR_INVALID_PARAMETER);
-    if (overlapped && overlapped->hEvent) return Fail(ERROR_NOT_SUPPORTED);
-    ssize_t done;
-    do {
-        if (overlapped) {
-            const uint64_t offset = (uint64_t{overlapped->OffsetHigh} << 32) | overlapped->Offset;
-            if (offset >> 63) return Fail(ERROR_INVALID_PARAMETER);
-            done = positioned(pin->Descriptor(), static_cast<off_t>(offset));
-        } else {
-            done = plain(pin->Descriptor());
-        }
-    } while (done < 0 && errno == EINTR);
-    if (done < 0) return Fail(errno == EBADF ? ERROR_ACCESS_DENIED : ErrorFromErrno(errno));
-    if (moved) *moved = static_cast<DWORD>(done);
-    if (overlapped) {
-        overlapped->Internal = 0;
-        overlapped->InternalHigh = static_cast<ULONG_PTR>(done);
-        if (reads && done == 0 && size > 0) return Fail(ERROR_HANDLE_EOF);
-    }
-    return TRUE;
-}
-
 }  // namespace
-
-DWORD ErrorFromErrno(int error) {
-    const auto* found = std::find_if(std::begin(kErrors), std::end(kErrors),
-                                     [error](const CErrorPair& p) { return p.error == error; });
-    return found == std::end(kErrors) ? ERROR_GEN_FAILURE : found->win32;
-}
 
 int FileDescriptorOf(HANDLE file) {
     const CPin<CFile> pin(file);
     return pin ? pin->Descriptor() : -1;
-}
-
-bool CNativeName::Set(LPCWSTR name) {
-    if (!name || *name == 0) return Fail(ERROR_PATH_NOT_FOUND);
-    size_t length = 0;
-    while (*name != 0) {
-        const CDecoded decoded = DecodeUtf16(name, name[1] == 0 ? 1 : 2);
-        if (!decoded.valid) return Fail(ERROR_INVALID_NAME);
-        name += decoded.units;
-        const char32_t code = decoded.code == U'\\' ? U'/' : decoded.code;
-        if (code == U'/' && length > 0 && path[length - 1] == '/') continue;
-        if (length + 4 >= sizeof(path)) return Fail(ERROR_FILENAME_EXCED_RANGE);
-        length += EncodeUtf8(code, path + length);
-    }
-    path[length] = 0;
-    return true;
 }
 
 }  // namespace posix
@@ -285,7 +160,7 @@ HANDLE CreateFileW(LPCWSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTE
     CNativeName native;
     if (!native.Set(name)) return INVALID_HANDLE_VALUE;
     if (access == DELETE) return OpenToDelete(native);
-    return OpenNative(native.path, access, disposition, flags);
+    return OpenToRead(native.path, flags);
 }
 
 DWORD GetFileAttributesW(LPCWSTR name) {
@@ -310,17 +185,6 @@ DWORD GetFileAttributesW(LPCWSTR name) {
     return attributes != 0 ? attributes : FILE_ATTRIBUTE_NORMAL;
 }
 
-BOOL DeleteFileW(LPCWSTR name) {
-    CNativeName native;
-    if (!native.Set(name)) return FALSE;
-    struct stat status;
-    if (lstat(native.path, &status) != 0) return FailErrno(native.path, errno);
-    if (!S_ISLNK(status.st_mode) && (!S_ISREG(status.st_mode) || IsReadOnly(status)))
-        return Fail(ERROR_ACCESS_DENIED);
-    if (unlink(native.path) != 0) return FailErrno(native.path, errno);
-    return TRUE;
-}
-
 BOOL SetFileInformationByHandle(HANDLE file, FILE_INFO_BY_HANDLE_CLASS kind, LPVOID information,
                                 DWORD size) {
     const CPin<CFile> pin(file);
@@ -342,37 +206,6 @@ BOOL SetFileInformationByHandle(HANDLE file, FILE_INFO_BY_HANDLE_CLASS kind, LPV
     return TRUE;
 }
 
-BOOL CreateDirectoryW(LPCWSTR name, LPSECURITY_ATTRIBUTES attributes) {
-    if (attributes) return Fail(ERROR_NOT_SUPPORTED);
-    CNativeName native;
-    if (!native.Set(name)) return FALSE;
-    if (mkdir(native.path, 0777) == 0) return TRUE;
-    // What is missing here can only be a folder above.
-    return Fail(errno == ENOENT ? ERROR_PATH_NOT_FOUND : ErrorFromErrno(errno));
-}
-
-BOOL GetFileSizeEx(HANDLE file, LARGE_INTEGER* size) {
-    const CPin<CFile> pin(file);
-    if (!pin) return FALSE;
-    struct stat status;
-    if (!size) return Fail(ERROR_INVALID_PARAMETER);
-    if (fstat(pin->Descriptor(), &status) != 0) return Fail(ErrorFromErrno(errno));
-    size->QuadPart = status.st_size;
-    return TRUE;
-}
-
-BOOL ReadFile(HANDLE file, LPVOID buffer, DWORD size, LPDWORD moved, LPOVERLAPPED overlapped) {
-    return Move(
-        file, moved, overlapped, true, size, [=](int fd) { return read(fd, buffer, size); },
-        [=](int fd, off_t offset) { return pread(fd, buffer, size, offset); });
-}
-
-BOOL WriteFile(HANDLE file, LPCVOID buffer, DWORD size, LPDWORD moved, LPOVERLAPPED overlapped) {
-    return Move(
-        file, moved, overlapped, false, size, [=](int fd) { return write(fd, buffer, size); },
-        [=](int fd, off_t offset) { return pwrite(fd, buffer, size, offset); });
-}
-
 BOOL GetDiskFreeSpaceExW(LPCWSTR name, ULARGE_INTEGER* available, ULARGE_INTEGER* total,
                          ULARGE_INTEGER* total_free) {
     CNativeName native;
@@ -392,7 +225,7 @@ BOOL GetDiskFreeSpaceExW(LPCWSTR name, ULARGE_INTEGER* available, ULARGE_INTEGER
 DWORD GetFinalPathNameByHandleW(HANDLE file, LPWSTR buffer, DWORD count, DWORD flags) {
     const CPin<CFile> pin(file);
     if (!pin) return 0;
-    if ((flags & ~VOLUME_NAME_NONE) != 0 || (!buffer && count > 0))
+    if (flags != FILE_NAME_NORMALIZED || (!buffer && count > 0))
         return Fail(ERROR_INVALID_PARAMETER), 0;
     struct stat status;
     if (fstat(pin->Descriptor(), &status) != 0) return Fail(ErrorFromErrno(errno)), 0;

@@ -1,6 +1,6 @@
-// Files by name and handle. Names are UTF-16; `/` and `\` both separate, repeated separators count
-// as one; there are no drives, streams or device names, and every character but NUL and the
-// separators may occur in a name. Any thread.
+// Files by name and handle: looked at, opened to be read or deleted; and the host's name. Names are
+// UTF-16; `/` and `\` both separate, repeated separators count as one; there are no drives, streams
+// or device names, and every character but NUL and the separators may occur in a name. Any thread.
 //
 // Failures: INVALID_HANDLE_VALUE, FALSE or INVALID_FILE_ATTRIBUTES with the last error set:
 // ERROR_FILE_NOT_FOUND (the last part is missing), ERROR_PATH_NOT_FOUND (a folder is, or the name
@@ -17,19 +17,13 @@
 #include "platform/posix/errors.h"
 
 #define GENERIC_READ 0x80000000u
-#define GENERIC_WRITE 0x40000000u
-
 #define DELETE 0x00010000u
 
 #define FILE_SHARE_READ 0x1u
 #define FILE_SHARE_WRITE 0x2u
 #define FILE_SHARE_DELETE 0x4u
 
-#define CREATE_NEW 1u
-#define CREATE_ALWAYS 2u
 #define OPEN_EXISTING 3u
-#define OPEN_ALWAYS 4u
-#define TRUNCATE_EXISTING 5u
 
 #define FILE_ATTRIBUTE_READONLY 0x1u
 #define FILE_ATTRIBUTE_DIRECTORY 0x10u
@@ -38,14 +32,10 @@
 #define FILE_ATTRIBUTE_REPARSE_POINT 0x400u
 #define INVALID_FILE_ATTRIBUTES 0xFFFFFFFFu
 
-#define FILE_FLAG_SEQUENTIAL_SCAN 0x08000000u
-#define FILE_FLAG_RANDOM_ACCESS 0x10000000u
 #define FILE_FLAG_BACKUP_SEMANTICS 0x02000000u
 #define FILE_FLAG_OPEN_REPARSE_POINT 0x00200000u
 
 #define FILE_NAME_NORMALIZED 0x0u
-#define VOLUME_NAME_DOS 0x0u
-#define VOLUME_NAME_NONE 0x4u
 
 enum FILE_INFO_BY_HANDLE_CLASS { FileDispositionInfo = 4 };
 struct FILE_DISPOSITION_INFO {
@@ -56,24 +46,19 @@ static_assert(sizeof(FILE_DISPOSITION_INFO) == 1);
 #pragma GCC visibility push(default)
 extern "C" {
 
-// Opens a regular file, close-on-exec, without ever blocking: a device, FIFO or socket gives
-// ERROR_ACCESS_DENIED, and so does a folder unless FILE_FLAG_BACKUP_SEMANTICS is given (then
-// GENERIC_READ and OPEN_EXISTING only). `access` is 0 (as GENERIC_READ) or any of GENERIC_READ,
-// GENERIC_WRITE; `flags` any of FILE_ATTRIBUTE_NORMAL and the four FILE_FLAG_... above; any other
-// bit or disposition, attributes or a template give ERROR_INVALID_PARAMETER (security attributes
-// ERROR_NOT_SUPPORTED). CREATE_NEW of an existing file gives ERROR_FILE_EXISTS; CREATE_ALWAYS and
-// OPEN_ALWAYS leave ERROR_ALREADY_EXISTS or 0 as last error of a success.
-// `access` DELETE, alone, with OPEN_EXISTING and FILE_FLAG_OPEN_REPARSE_POINT, opens a regular file
-// for nothing but GetFinalPathNameByHandleW and SetFileInformationByHandle.
+// Opens a regular file to be read, close-on-exec, without ever blocking: a device, FIFO or socket
+// gives ERROR_ACCESS_DENIED, and so does a folder unless FILE_FLAG_BACKUP_SEMANTICS is given.
+// `access` is GENERIC_READ or 0, which means the same; `disposition` OPEN_EXISTING; `flags` any of
+// FILE_ATTRIBUTE_NORMAL and the two FILE_FLAG_... above; anything else, a template too, gives
+// ERROR_INVALID_PARAMETER (security attributes ERROR_NOT_SUPPORTED).
+// `access` DELETE, alone, with FILE_FLAG_OPEN_REPARSE_POINT, opens a regular file for nothing but
+// GetFinalPathNameByHandleW and SetFileInformationByHandle.
 HANDLE CreateFileW(LPCWSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES attributes,
                    DWORD disposition, DWORD flags, HANDLE template_file);
 
 // FILE_ATTRIBUTE_NORMAL, or a sum of DIRECTORY, READONLY (nobody may write it), DEVICE (neither
 // file nor folder) and REPARSE_POINT (a symbolic link; DIRECTORY then tells what it leads to).
 DWORD GetFileAttributesW(LPCWSTR name);
-// A folder, a device and a read-only file give ERROR_ACCESS_DENIED; a symbolic link goes, not what
-// it leads to. An open file stays readable through its handles.
-BOOL DeleteFileW(LPCWSTR name);
 // Deletes a file that was opened with DELETE, from the folder in which it was found then, also when
 // another one has that folder's name by now. FileDispositionInfo with DeleteFile set is all that is
 // known (ERROR_INVALID_PARAMETER else). A read-only file, or a handle opened otherwise, gives
@@ -81,15 +66,6 @@ BOOL DeleteFileW(LPCWSTR name);
 // goes at once, not when the last handle is closed.
 BOOL SetFileInformationByHandle(HANDLE file, FILE_INFO_BY_HANDLE_CLASS kind, LPVOID information,
                                 DWORD size);
-// ERROR_ALREADY_EXISTS when the name is taken.
-BOOL CreateDirectoryW(LPCWSTR name, LPSECURITY_ATTRIBUTES attributes);
-
-BOOL GetFileSizeEx(HANDLE file, LARGE_INTEGER* size);
-// Synchronous. Without `overlapped` at the file's position, which moves on; at the end TRUE and 0
-// bytes. With it at the offset given (hEvent must be null, else ERROR_NOT_SUPPORTED); at the end
-// FALSE with ERROR_HANDLE_EOF. `moved` may be null only with `overlapped`.
-BOOL ReadFile(HANDLE file, LPVOID buffer, DWORD size, LPDWORD moved, LPOVERLAPPED overlapped);
-BOOL WriteFile(HANDLE file, LPCVOID buffer, DWORD size, LPDWORD moved, LPOVERLAPPED overlapped);
 
 // Space of the volume that holds the folder `name` (null: the current one; not a folder:
 // ERROR_DIRECTORY). Any result may be null.
@@ -98,7 +74,7 @@ BOOL GetDiskFreeSpaceExW(LPCWSTR name, ULARGE_INTEGER* available, ULARGE_INTEGER
 
 // The absolute name of the open file or folder, links resolved, with `/` and without any prefix.
 // Returns its length, or the size needed with its NUL when `count` characters do not hold it, or 0
-// (ERROR_FILE_NOT_FOUND when it was deleted). `flags` is 0 or VOLUME_NAME_NONE.
+// (ERROR_FILE_NOT_FOUND when it was deleted). `flags` is 0.
 DWORD GetFinalPathNameByHandleW(HANDLE file, LPWSTR buffer, DWORD count, DWORD flags);
 
 // The host name up to its first dot, as it is written (not shortened to 15 characters). `count`

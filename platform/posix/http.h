@@ -13,37 +13,26 @@ using PSOCKADDR = sockaddr*;
 #define HTTP_RECEIVE_REQUEST_FLAG_COPY_BODY 0x00000001
 #define HTTP_RECEIVE_REQUEST_ENTITY_BODY_FLAG_FILL_BUFFER 0x00000001
 #define HTTP_SEND_RESPONSE_FLAG_DISCONNECT 0x00000001
-#define HTTP_SEND_RESPONSE_FLAG_MORE_DATA 0x00000002
-#define HTTP_SEND_RESPONSE_FLAG_BUFFER_DATA 0x00000004
 #define HTTP_REQUEST_FLAG_MORE_ENTITY_BODY_EXISTS 0x00000001
-
-#ifndef ERROR_REVISION_MISMATCH
-#define ERROR_REVISION_MISMATCH 1306
-#endif
 
 using HTTP_OPAQUE_ID = ULONGLONG;
 using HTTP_REQUEST_ID = HTTP_OPAQUE_ID;
-using PHTTP_REQUEST_ID = HTTP_REQUEST_ID*;
 using HTTP_CONNECTION_ID = HTTP_OPAQUE_ID;
 using HTTP_RAW_CONNECTION_ID = HTTP_OPAQUE_ID;
 using HTTP_URL_CONTEXT = ULONGLONG;
 
 #define HTTP_NULL_ID (0ull)
-#define HTTP_IS_NULL_ID(pid) (HTTP_NULL_ID == *(pid))
-#define HTTP_SET_NULL_ID(pid) (*(pid) = HTTP_NULL_ID)
 #define HTTP_BYTE_RANGE_TO_EOF (static_cast<ULONGLONG>(-1))
 
 struct HTTP_BYTE_RANGE {
     ULARGE_INTEGER StartingOffset;
     ULARGE_INTEGER Length;
 };
-using PHTTP_BYTE_RANGE = HTTP_BYTE_RANGE*;
 
 struct HTTP_VERSION {
     USHORT MajorVersion;
     USHORT MinorVersion;
 };
-using PHTTP_VERSION = HTTP_VERSION*;
 
 enum HTTP_VERB {
     HttpVerbUnparsed = 0,
@@ -68,7 +57,6 @@ enum HTTP_VERB {
     HttpVerbSEARCH,
     HttpVerbMaximum
 };
-using PHTTP_VERB = HTTP_VERB*;
 
 // Requests and responses share the numbers below 20; from there each has its own names.
 enum HTTP_HEADER_ID {
@@ -127,13 +115,11 @@ enum HTTP_HEADER_ID {
     HttpHeaderResponseMaximum = 30,
     HttpHeaderMaximum = 41
 };
-using PHTTP_HEADER_ID = HTTP_HEADER_ID*;
 
 struct HTTP_KNOWN_HEADER {
     USHORT RawValueLength;  // bytes, without the NUL that follows a received value
     PCSTR pRawValue;
 };
-using PHTTP_KNOWN_HEADER = HTTP_KNOWN_HEADER*;
 
 struct HTTP_UNKNOWN_HEADER {
     USHORT NameLength;
@@ -151,7 +137,6 @@ enum HTTP_DATA_CHUNK_TYPE {
     HttpDataChunkFromFragmentCacheEx,
     HttpDataChunkMaximum
 };
-using PHTTP_DATA_CHUNK_TYPE = HTTP_DATA_CHUNK_TYPE*;
 
 struct HTTP_DATA_CHUNK {
     HTTP_DATA_CHUNK_TYPE DataChunkType;
@@ -179,7 +164,6 @@ struct HTTP_REQUEST_HEADERS {
     PHTTP_UNKNOWN_HEADER pTrailers;
     HTTP_KNOWN_HEADER KnownHeaders[HttpHeaderRequestMaximum];
 };
-using PHTTP_REQUEST_HEADERS = HTTP_REQUEST_HEADERS*;
 
 struct HTTP_RESPONSE_HEADERS {
     USHORT UnknownHeaderCount;
@@ -188,13 +172,11 @@ struct HTTP_RESPONSE_HEADERS {
     PHTTP_UNKNOWN_HEADER pTrailers;
     HTTP_KNOWN_HEADER KnownHeaders[HttpHeaderResponseMaximum];
 };
-using PHTTP_RESPONSE_HEADERS = HTTP_RESPONSE_HEADERS*;
 
 struct HTTP_TRANSPORT_ADDRESS {
     PSOCKADDR pRemoteAddress;
     PSOCKADDR pLocalAddress;
 };
-using PHTTP_TRANSPORT_ADDRESS = HTTP_TRANSPORT_ADDRESS*;
 
 // UTF-16; the lengths are bytes. The parts point into the full URL, so only the last is followed by
 // a NUL.
@@ -208,7 +190,6 @@ struct HTTP_COOKED_URL {
     PCWSTR pAbsPath;
     PCWSTR pQueryString;
 };
-using PHTTP_COOKED_URL = HTTP_COOKED_URL*;
 
 struct HTTP_SSL_INFO;
 struct HTTP_REQUEST_INFO;

@@ -68,9 +68,8 @@ void SetRegistryFile(const char* path);
 void RegistryFileInUse(char* path, DWORD size);
 
 // Puts a value over the file's for this process, in keys opened from now on. `key` is the whole
-// name as in the file
-// ("HKEY_LOCAL_MACHINE\Software\..."); null `data` takes the override away again. False when `key`
-// is malformed. Only this layer has it.
+// name as in the file ("HKEY_LOCAL_MACHINE\Software\..."); null `data` takes the override away
+// again. False when `key` is malformed. Only this layer has it.
 bool OverrideRegistryValue(LPCWSTR key, LPCWSTR name, DWORD type, const void* data, DWORD size);
 }
 #pragma GCC visibility pop

@@ -1,13 +1,16 @@
 // A registry file's text and what it holds. Internal to the layer; pure functions and plain data.
 // The format is the registry editor's export: a first line "Windows Registry Editor Version 5.00"
 // or "REGEDIT4"; UTF-16 with a byte-order mark or UTF-8 with or without one; then
-//   ; a comment
-//   [HKEY_LOCAL_MACHINE\Software\...]      a key; [-HKEY_...] removes it and all below
-//   "name"="text"                          \\ and \" \r \n in names and texts; @ for the default
-//   value "name"=dword:00000050 "name"=hex:01,02,\                     bytes; hex(2) expandable
-//   text, hex(7) several texts, hex(b) 64-bit number;
-//     03,04                                a backslash at the end continues the line
-//   "name"=-                               removes the value
+//
+//     ; a comment
+//     [HKEY_LOCAL_MACHINE\Software\...]  a key; [-HKEY_...] removes it and all below
+//     "name"="text"                      \\ and \" \r \n in names and texts
+//     @="text"                           the key's default value
+//     "name"=dword:00000050
+//     "name"=hex:01,02,\                 bytes; hex(2) expandable text, hex(7) several texts,
+//       03,04                            hex(b) 64-bit number; a backslash continues the line
+//     "name"=-                           removes the value
+//
 // In a REGEDIT4 file the bytes of hex(1), hex(2) and hex(7) are 8-bit text (UTF-8), in a version 5
 // file UTF-16.
 #pragma once

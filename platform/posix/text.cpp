@@ -3,12 +3,9 @@
 
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
 #include <cstring>
 
 #include "platform/posix/utf.h"
-
-using posix::AsciiLower;
 
 namespace {
 
@@ -45,14 +42,6 @@ int CompareNoCase(const C* a, const C* b, size_t count) {
         const auto y = static_cast<std::make_unsigned_t<C>>(LowerOf(b[i]));
         if (x != y) return x < y ? -1 : 1;
         if (x == 0) return 0;
-    }
-    return 0;
-}
-
-int CompareWide(const WCHAR* a, const WCHAR* b, size_t count) {
-    for (size_t i = 0; i < count; ++i) {
-        if (a[i] != b[i]) return a[i] < b[i] ? -1 : 1;
-        if (a[i] == 0) return 0;
     }
     return 0;
 }
@@ -126,46 +115,16 @@ errno_t strcpy_s(char* to, size_t size, const char* from) {
     return Copy(to, size, from);
 }
 
-errno_t strcat_s(char* to, size_t size, const char* from) {
-    if (!to || size == 0) return EINVAL;
-    const size_t used = BoundedLength(to, size);
-    // A target without a NUL in its size is no text at all.
-    const errno_t result = used == size ? EINVAL : Copy(to + used, size - used, from);
-    if (result != 0) to[0] = 0;
-    return result;
-}
-
 int _wcsicmp(const WCHAR* a, const WCHAR* b) {
-    for (size_t i = 0;; ++i) {
-        const WCHAR x = AsciiLower(a[i]), y = AsciiLower(b[i]);
-        if (x != y) return x < y ? -1 : 1;
-        if (x == 0) return 0;
-    }
+    return CompareNoCase(a, b, kNoLimit);
 }
 
 int _wcsnicmp(const WCHAR* a, const WCHAR* b, size_t count) {
-    for (size_t i = 0; i < count; ++i) {
-        const WCHAR x = AsciiLower(a[i]), y = AsciiLower(b[i]);
-        if (x != y) return x < y ? -1 : 1;
-        if (x == 0) return 0;
-    }
-    return 0;
-}
-
-int _stricmp(const char* a, const char* b) {
-    return CompareNoCase(a, b, kNoLimit);
+    return CompareNoCase(a, b, count);
 }
 
 int _strnicmp(const char* a, const char* b, size_t count) {
     return CompareNoCase(a, b, count);
-}
-
-int64_t _atoi64(const char* text) {
-    return text ? std::strtoll(text, nullptr, 10) : 0;
-}
-
-uint64_t _strtoui64(const char* text, char** end, int base) {
-    return std::strtoull(text, end, base);
 }
 
 int MultiByteToWideChar(UINT code_page, DWORD flags, LPCSTR from, int from_size, LPWSTR to,
@@ -200,22 +159,9 @@ size_t wcslen(const WCHAR* text) {
 }
 
 int wcscmp(const WCHAR* a, const WCHAR* b) {
-    return CompareWide(a, b, kNoLimit);
-}
-
-int wcsncmp(const WCHAR* a, const WCHAR* b, size_t count) {
-    return CompareWide(a, b, count);
-}
-
-const WCHAR* wcschr(const WCHAR* text, WCHAR wanted) {
-    for (;; ++text) {
-        if (*text == wanted) return text;
-        if (*text == 0) return nullptr;
-    }
-}
-
-WCHAR* wcschr(WCHAR* text, WCHAR wanted) {
-    return const_cast<WCHAR*>(wcschr(static_cast<const WCHAR*>(text), wanted));
+    for (; *a == *b; ++a, ++b)
+        if (*a == 0) return 0;
+    return *a < *b ? -1 : 1;
 }
 
 const WCHAR* wcsrchr(const WCHAR* text, WCHAR wanted) {

@@ -41,9 +41,7 @@ int _snprintf_s(char* buffer, size_t size, size_t count, const char* format, ...
 
 // The whole text or nothing: a text that does not fit leaves the empty string and gives -1
 // (ERANGE).
-int vswprintf_s(WCHAR* buffer, size_t size, const WCHAR* format, va_list args);
 int swprintf_s(WCHAR* buffer, size_t size, const WCHAR* format, ...);
-int vsprintf_s(char* buffer, size_t size, const char* format, va_list args);
 int sprintf_s(char* buffer, size_t size, const char* format, ...);
 
 // 0, or EINVAL (null, size 0) or ERANGE (does not fit), both with an empty result where there is
@@ -52,23 +50,15 @@ int sprintf_s(char* buffer, size_t size, const char* format, ...);
 errno_t wcscpy_s(WCHAR* to, size_t size, const WCHAR* from);
 errno_t wcsncpy_s(WCHAR* to, size_t size, const WCHAR* from, size_t count);
 errno_t strcpy_s(char* to, size_t size, const char* from);
-errno_t strcat_s(char* to, size_t size, const char* from);
 
 int _wcsicmp(const WCHAR* a, const WCHAR* b);
 int _wcsnicmp(const WCHAR* a, const WCHAR* b, size_t count);
-int _stricmp(const char* a, const char* b);
 int _strnicmp(const char* a, const char* b, size_t count);
-
-// A decimal number with leading white space and sign; clamps at the type's limits.
-int64_t _atoi64(const char* text);
-// As strtoull: base 0 or 2 to 36, `end` may be null.
-uint64_t _strtoui64(const char* text, char** end, int base);
 
 // Characters written, or needed when `to_size` is 0; 0 on failure: ERROR_INSUFFICIENT_BUFFER,
 // ERROR_INVALID_PARAMETER, ERROR_INVALID_FLAGS (a flag not named above),
-// ERROR_NO_UNICODE_TRANSLATION (ill-formed text, only with the
-// ..._ERR_INVALID_CHARS flag). A source length of -1 means up to and with the NUL. The
-// default-character arguments must be null.
+// ERROR_NO_UNICODE_TRANSLATION (ill-formed text, only with the ..._ERR_INVALID_CHARS flag). A
+// source length of -1 means up to and with the NUL. The default-character arguments must be null.
 int MultiByteToWideChar(UINT code_page, DWORD flags, LPCSTR from, int from_size, LPWSTR to,
                         int to_size);
 int WideCharToMultiByte(UINT code_page, DWORD flags, LPCWSTR from, int from_size, LPSTR to,
@@ -78,9 +68,6 @@ int WideCharToMultiByte(UINT code_page, DWORD flags, LPCWSTR from, int from_size
 // Overloads of the runtime's names for 16-bit text.
 size_t wcslen(const WCHAR* text);
 int wcscmp(const WCHAR* a, const WCHAR* b);
-int wcsncmp(const WCHAR* a, const WCHAR* b, size_t count);
-const WCHAR* wcschr(const WCHAR* text, WCHAR wanted);
-WCHAR* wcschr(WCHAR* text, WCHAR wanted);
 const WCHAR* wcsrchr(const WCHAR* text, WCHAR wanted);
 WCHAR* wcsrchr(WCHAR* text, WCHAR wanted);
 #pragma GCC visibility pop

@@ -469,20 +469,12 @@ int _snprintf_s(char* buffer, size_t size, size_t count, const char* format, ...
 }
 
 // A count of the buffer's own size allows no cut.
-int vswprintf_s(WCHAR* buffer, size_t size, const WCHAR* format, va_list args) {
-    return Format(buffer, size, size, format, args);
-}
-
 int swprintf_s(WCHAR* buffer, size_t size, const WCHAR* format, ...) {
     va_list args;
     va_start(args, format);
     const int result = Format(buffer, size, size, format, args);
     va_end(args);
     return result;
-}
-
-int vsprintf_s(char* buffer, size_t size, const char* format, va_list args) {
-    return Format(buffer, size, size, format, args);
 }
 
 int sprintf_s(char* buffer, size_t size, const char* format, ...) {

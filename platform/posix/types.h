@@ -9,11 +9,9 @@
 
 #define WINAPI
 #define CALLBACK
-#define APIENTRY
 #define NTAPI
 #define STDMETHODCALLTYPE
 #define __stdcall
-#define __cdecl
 
 #define __TEXT(quote) u##quote
 #define TEXT(quote) __TEXT(quote)
@@ -35,51 +33,29 @@ using BOOLEAN = uint8_t;
 using HRESULT = int32_t;
 using LONGLONG = int64_t;
 using ULONGLONG = uint64_t;
-using LONG64 = int64_t;
-using ULONG64 = uint64_t;
-using DWORD64 = uint64_t;
-using DWORDLONG = uint64_t;
-using INT_PTR = int64_t;
-using UINT_PTR = uint64_t;
 using LONG_PTR = int64_t;
 using ULONG_PTR = uint64_t;
-using DWORD_PTR = uint64_t;
-using SIZE_T = uint64_t;
-using VOID = void;
 
 using PVOID = void*;
 using LPVOID = void*;
 using LPCVOID = const void*;
-using PBYTE = BYTE*;
 using LPBYTE = BYTE*;
 using PUCHAR = UCHAR*;
-using PUSHORT = USHORT*;
 using PULONG = ULONG*;
-using PDWORD = DWORD*;
 using LPDWORD = DWORD*;
-using LPWORD = WORD*;
 using LPLONG = LONG*;
-using PLONG = LONG*;
 using LPBOOL = BOOL*;
 using PULONG_PTR = ULONG_PTR*;
-using PULONGLONG = ULONGLONG*;
-using PCHAR = CHAR*;
 using LPSTR = CHAR*;
-using PSTR = CHAR*;
 using LPCSTR = const CHAR*;
 using PCSTR = const CHAR*;
 using LPWSTR = WCHAR*;
-using PWSTR = WCHAR*;
 using LPCWSTR = const WCHAR*;
 using PCWSTR = const WCHAR*;
-using LPCTSTR = const WCHAR*;
-using LPTSTR = WCHAR*;
-using TCHAR = WCHAR;
 
 // An opaque number; 0 and INVALID_HANDLE_VALUE never name an object.
 using HANDLE = void*;
 using PHANDLE = HANDLE*;
-using LPHANDLE = HANDLE*;
 
 #define TRUE 1
 #define FALSE 0
@@ -88,15 +64,10 @@ using LPHANDLE = HANDLE*;
 #define MAX_PATH 260
 #define MAX_COMPUTERNAME_LENGTH 15
 
-#define MAXDWORD 0xFFFFFFFFu
-#define LOWORD(l) (static_cast<WORD>(static_cast<DWORD_PTR>(l) & 0xFFFF))
-#define HIWORD(l) (static_cast<WORD>((static_cast<DWORD_PTR>(l) >> 16) & 0xFFFF))
-
 struct FILETIME {
     DWORD dwLowDateTime;
     DWORD dwHighDateTime;
 };
-using PFILETIME = FILETIME*;
 using LPFILETIME = FILETIME*;
 
 struct SYSTEMTIME {
@@ -109,7 +80,6 @@ struct SYSTEMTIME {
     WORD wSecond;
     WORD wMilliseconds;
 };
-using PSYSTEMTIME = SYSTEMTIME*;
 using LPSYSTEMTIME = SYSTEMTIME*;
 
 union LARGE_INTEGER {
@@ -123,7 +93,6 @@ union LARGE_INTEGER {
     } u;
     LONGLONG QuadPart;
 };
-using PLARGE_INTEGER = LARGE_INTEGER*;
 
 union ULARGE_INTEGER {
     struct {
@@ -136,7 +105,6 @@ union ULARGE_INTEGER {
     } u;
     ULONGLONG QuadPart;
 };
-using PULARGE_INTEGER = ULARGE_INTEGER*;
 
 struct GUID {
     DWORD Data1;
@@ -146,7 +114,6 @@ struct GUID {
 };
 using IID = GUID;
 using CLSID = GUID;
-using REFGUID = const GUID&;
 using REFIID = const IID&;
 using REFCLSID = const CLSID&;
 

@@ -37,16 +37,12 @@ struct CCounted final : IUnknown {
 };
 #pragma GCC diagnostic pop
 
-TEST(Variant, ClearsAndCopies) {
-    VARIANT a, b;
+TEST(Variant, ClearFreesWhatItHolds) {
+    VARIANT a;
     VariantInit(&a);
-    VariantInit(&b);
     EXPECT_EQ(a.vt, VT_EMPTY);
     a.vt = VT_BSTR;
     a.bstrVal = SysAllocString(TEXT("text"));
-    EXPECT_EQ(VariantCopy(&b, &a), S_OK);
-    EXPECT_NE(a.bstrVal, b.bstrVal);
-    EXPECT_EQ(WString(b.bstrVal), TEXT("text"));
     EXPECT_EQ(VariantClear(&a), S_OK);
     EXPECT_EQ(a.vt, VT_EMPTY);
 
@@ -54,9 +50,7 @@ TEST(Variant, ClearsAndCopies) {
     a.vt = VT_UNKNOWN;
     a.punkVal = &object;
     object.AddRef();
-    EXPECT_EQ(VariantCopy(&b, &a), S_OK);  // frees the BSTR in b
-    EXPECT_EQ(object.refs, 3u);
-    EXPECT_EQ(VariantClear(&b), S_OK);
+    EXPECT_EQ(object.refs, 2u);
     EXPECT_EQ(VariantClear(&a), S_OK);
     EXPECT_EQ(object.refs, 1u);
 

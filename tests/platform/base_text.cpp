@@ -1,4 +1,4 @@
-// Copies, comparison, numbers and code pages. One thread.
+// Copies, comparison and code pages. One thread.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -47,21 +47,6 @@ TEST(Text, CopiesACount) {
     EXPECT_EQ(WString(to), TEXT("ab"));
 }
 
-TEST(Text, Appends) {
-    char to[6] = "ab";
-    EXPECT_EQ(strcat_s(to, 6, "cde"), 0);
-    EXPECT_STREQ(to, "abcde");
-    EXPECT_EQ(strcat_s(to, 6, ""), 0);
-    EXPECT_EQ(strcat_s(to, 6, "f"), ERANGE);
-    EXPECT_STREQ(to, "");
-    strcpy_s(to, 6, "ab");
-    EXPECT_EQ(strcat_s(to, 6, nullptr), EINVAL);
-    EXPECT_STREQ(to, "");
-    std::memset(to, 'x', 6);
-    EXPECT_EQ(strcat_s(to, 6, "a"), EINVAL);
-    EXPECT_EQ(strcat_s(nullptr, 6, "a"), EINVAL);
-}
-
 TEST(Text, Compares) {
     EXPECT_EQ(_wcsicmp(TEXT("Media"), TEXT("mEDIA")), 0);
     EXPECT_LT(_wcsicmp(TEXT("a"), TEXT("B")), 0);
@@ -71,35 +56,19 @@ TEST(Text, Compares) {
     EXPECT_EQ(_wcsnicmp(TEXT("/MEDIA/STATUSxyz"), TEXT("/media/status"), 13), 0);
     EXPECT_NE(_wcsnicmp(TEXT("/media"), TEXT("/media/status"), 13), 0);
     EXPECT_EQ(_wcsnicmp(TEXT("a"), TEXT("b"), 0), 0);
-    EXPECT_EQ(_stricmp("AbC", "aBc"), 0);
-    EXPECT_LT(_stricmp("a\x7F", "a\x80"), 0);
+    EXPECT_LT(_strnicmp("a\x7F", "a\x80", 2), 0);
     EXPECT_EQ(_strnicmp("abX", "ABy", 2), 0);
     EXPECT_LT(_strnicmp("abX", "ABy", 3), 0);
     EXPECT_EQ(wcscmp(TEXT("a"), TEXT("a")), 0);
     EXPECT_LT(wcscmp(TEXT("A"), TEXT("a")), 0);
-    EXPECT_EQ(wcsncmp(TEXT("abc"), TEXT("abd"), 2), 0);
 }
 
 TEST(Text, Searches) {
     const WCHAR* text = TEXT("a\\b\\c");
     EXPECT_EQ(wcslen(text), 5u);
-    EXPECT_EQ(wcschr(text, u'\\'), text + 1);
     EXPECT_EQ(wcsrchr(text, u'\\'), text + 3);
     EXPECT_EQ(wcsrchr(text, u'/'), nullptr);
-    EXPECT_EQ(wcschr(text, u'x'), nullptr);
-    EXPECT_EQ(wcschr(text, 0), text + 5);
     EXPECT_EQ(wcsrchr(text, 0), text + 5);
-}
-
-TEST(Text, Numbers) {
-    EXPECT_EQ(_atoi64(" -9223372036854775808x"), INT64_MIN);
-    EXPECT_EQ(_atoi64("99999999999999999999"), INT64_MAX);
-    EXPECT_EQ(_atoi64("x"), 0);
-    char* end = nullptr;
-    const char* text = "18446744073709551615,";
-    EXPECT_EQ(_strtoui64(text, &end, 10), UINT64_MAX);
-    EXPECT_EQ(*end, ',');
-    EXPECT_EQ(_strtoui64("0xff", nullptr, 0), 255u);
 }
 
 int ToWide(const char* from, int size, WCHAR* to, int room, DWORD flags = 0) {

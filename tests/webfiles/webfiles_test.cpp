@@ -98,10 +98,11 @@ protected:
             ASSERT_EQ(chunk.type, HttpDataChunkFromFileHandle);
             EXPECT_EQ(chunk.offset, 0u);
             EXPECT_EQ(chunk.length, HTTP_BYTE_RANGE_TO_EOF);
-            char buffer[256];
-            DWORD read = 0;
-            EXPECT_TRUE(ReadFile(chunk.file, buffer, sizeof(buffer), &read, nullptr));
-            data.assign(buffer, read);
+            WCHAR name[1024];
+            const DWORD length =
+                GetFinalPathNameByHandleW(chunk.file, name, 1024, FILE_NAME_NORMALIZED);
+            std::ifstream file(std::filesystem::path(WString(name, length)), std::ios::binary);
+            data.assign(std::istreambuf_iterator<char>(file), {});
         };
         EXPECT_EQ(Get(path), S_OK);
         http.onSend = nullptr;
