@@ -392,6 +392,30 @@ TEST_F(FramePool, ABlockKnowsItsParts) {
     GiveBack(block);
 }
 
+TEST_F(FramePool, ABlockIsStampedOnceWhenThePoolIsFilled) {
+    const auto ticks = [] {
+        LARGE_INTEGER now;
+        QueryPerformanceCounter(&now);
+        return static_cast<uint64_t>(now.QuadPart);
+    };
+    const uint64_t before = ticks();
+    const auto filled = std::make_unique<CFrameIoXactionPool>();
+    filled->Initialize(kHandler);
+    const uint64_t after = ticks();
+    CFrameIoXaction* block = filled->AcquireBlock();
+    const uint64_t stamp = block->ioDesc.stamp;
+    EXPECT_GE(stamp, before);
+    EXPECT_LE(stamp, after);
+    filled->ReleaseBlock(block);
+    filled->EndIo();
+    EXPECT_EQ(block->ioDesc.stamp, stamp) << "a release leaves it";
+    CFrameIoXaction* other = filled->AcquireBlock();
+    EXPECT_NE(other, block);
+    EXPECT_EQ(other->ioDesc.stamp, stamp);
+    filled->ReleaseBlock(other);
+    filled->EndIo();
+}
+
 TEST_F(FramePool, The7201stBlockIsNull) {
     std::vector<CFrameIoXaction*> blocks;
     while (CFrameIoXaction* block = pool->AcquireBlock())

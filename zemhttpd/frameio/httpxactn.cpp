@@ -3,15 +3,15 @@
 // that no pool ever allocates.
 #include "zemhttpd/frameio/httpxactn.h"
 
+#include "zemhttpd/entry/entrypoint.h"
+#include "zemhttpd/server/registrykey.h"
+#include "zemhttpd/server/sectionguard.h"
+
 #include <algorithm>
 #include <cassert>
 #include <cstring>
 #include <iterator>
 #include <new>
-
-#include "zemhttpd/entry/entrypoint.h"
-#include "zemhttpd/server/registrykey.h"
-#include "zemhttpd/server/sectionguard.h"
 
 namespace {
 
@@ -170,8 +170,11 @@ CFrameIoXactionPool::~CFrameIoXactionPool() {
 }
 
 void CFrameIoXactionPool::Initialize(CHttpCommandHandler* handler) {
+    LARGE_INTEGER now;
+    QueryPerformanceCounter(&now);
     for (CFrameIoXaction& block : m_blocks) {
         block.owner = handler;
+        block.ioDesc.stamp = static_cast<uint64_t>(now.QuadPart);
         block.streamData.entries = block.entries;
         block.ioDesc.streamData = &block.streamData;
         m_free[m_freeCount++] = &block;
