@@ -2,13 +2,13 @@
 // Worker threads; CFrameIoEnd also on the media library's.
 #pragma once
 
-#include <algorithm>
-#include <cstring>
-
 #include "zemhttpd/commands/wire.h"
 #include "zemhttpd/entry/entrypoint.h"
 #include "zemhttpd/frameio/httpxactn.h"
 #include "zemhttpd/server/httpcmdhdlr.h"
+
+#include <algorithm>
+#include <cstring>
 
 inline constexpr HRESULT kEndOfMedia = HRESULT_FROM_WIN32(ERROR_END_OF_MEDIA);
 inline constexpr HRESULT kNoResources = HRESULT_FROM_WIN32(ERROR_NO_SYSTEM_RESOURCES);
@@ -28,8 +28,10 @@ struct FrameRequest {
     // entry it reads `lastEntry_bytes`. A count that is not allowed asks for no entries: it is
     // refused later, in the command's own way.
     bool ReadFrom(const ZemCommand& command, size_t lastEntry_bytes) {
-        if (!CopyFromBody(command, 0, head) || !CopyNumber(command, 24, token) ||
-            !CopyNumber(command, 32, position)) {
+        constexpr size_t kToken = kFirstEntryOffset + offsetof(WireFrameEntry, token);
+        constexpr size_t kPosition = kFirstEntryOffset + offsetof(WireFrameEntry, position);
+        if (!CopyFromBody(command, 0, head) || !CopyNumber(command, kToken, token) ||
+            !CopyNumber(command, kPosition, position)) {
             return false;
         }
         return !CountAllowed() ||

@@ -1,11 +1,11 @@
 // CMD_READ_FRAME: one frame, every stream of it. A worker hands the request to the media library;
 // the completion, on the library's thread or at once on the worker, sends the reply header and
 // stream table from the stack and the frame data straight from the library's buffers.
-#include <algorithm>
-#include <cstring>
-
 #include "zemhttpd/commands/commandtable.h"
 #include "zemhttpd/frameio/framecommon.h"
+
+#include <algorithm>
+#include <cstring>
 
 namespace {
 
@@ -37,7 +37,13 @@ struct ReadReply {
     }
 };
 
-constexpr size_t kDataArea = 24;  // of a reply entry: 13 words
+// An entry's data in the reply, one buffer however many the library used: their number (1), the low
+// half of the first one's address here, the sum of the lengths; the places of others are zero.
+constexpr size_t kDataArea = offsetof(WireFrameEntry, bufferCount);
+constexpr size_t kDataCount = kDataArea;
+constexpr size_t kDataAddress = 28;
+constexpr size_t kDataLength = 32;
+constexpr size_t kDataSlot_bytes = 8;
 
 // The word at `offset` of a reply entry.
 void PutWord(BYTE* entry, size_t offset, DWORD value) {
@@ -60,18 +66,19 @@ void BuildHead(ReadReply& reply, const CHttpXaction& xaction, DWORD entries) {
         std::memcpy(reply.bytes, received.pBuffer,
                     std::min<ULONG>(kZemHeader_bytes + 1, received.BufferLength));
     }
-    PutWord(reply.bytes, 4, kReadReplyCode);
-    PutWord(reply.bytes, 8, body_bytes);
-    PutWord(reply.bytes + kZemHeader_bytes, 4, entries);
+    PutWord(reply.bytes, offsetof(ZemReplyHdr, replyCode), kReadReplyCode);
+    PutWord(reply.bytes, offsetof(ZemReplyHdr, dataSize_bytes), body_bytes);
+    PutWord(reply.bytes + kZemHeader_bytes, offsetof(WireFrameHead, entryCount), entries);
 }
 
 void FillEntry(BYTE* out, const ElemStrmEntry& entry) {
     if (IsSpecialToken(entry.token)) {
         std::memcpy(out + kDataArea, entry.special, sizeof(entry.special));
     } else {
-        PutWord(out, 24, 1);
-        PutWord(out, 28, static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(entry.buffers[0].data)));
-        PutWord(out, 32, static_cast<DWORD>(entry.buffers[0].length_bytes));
+        const ZemIoBuffer& first = entry.buffers[0];
+        PutWord(out, kDataCount, 1);
+        PutWord(out, kDataAddress, static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(first.data)));
+        PutWord(out, kDataLength, static_cast<DWORD>(first.length_bytes));
     }
     PutReply(out, offsetof(WireFrameEntry, status), entry.status);
     PutReply(out, offsetof(WireFrameEntry, token), entry.token);
@@ -108,11 +115,11 @@ bool AddData(BYTE* out, const ElemStrmEntry& entry, ChunkList& list, ULONGLONG& 
         total_bytes += buffer.length_bytes;
         if (!list.Add(buffer.data, buffer.length_bytes)) return false;
         if (k == 0) continue;
-        const size_t slot = static_cast<size_t>(k) * 8;
-        PutWord(out, 24, 1);
-        PutWord(out, 28 + slot, 0);
-        PutWord(out, 32 + slot, 0);
-        AddWord(out, 32, static_cast<DWORD>(buffer.length_bytes));
+        const size_t slot = static_cast<size_t>(k) * kDataSlot_bytes;
+        PutWord(out, kDataCount, 1);
+        PutWord(out, kDataAddress + slot, 0);
+        PutWord(out, kDataLength + slot, 0);
+        AddWord(out, kDataLength, static_cast<DWORD>(buffer.length_bytes));
     }
     return true;
 }
