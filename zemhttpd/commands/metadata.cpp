@@ -2,11 +2,11 @@
 // its two marks; each by token and by name. These commands lay out the reply before they call the
 // library and write its answer into the reply body, over the request: what the library leaves alone
 // stays as the client sent it. Worker threads.
+#include "zemhttpd/commands/filecommand.h"
+
 #include <algorithm>
 #include <memory>
 #include <new>
-
-#include "zemhttpd/commands/filecommand.h"
 
 namespace {
 
@@ -232,8 +232,7 @@ HRESULT CHttpCommandHandler::On_CMD_GET_FRAME_DESC(const ZemCommand& command) {
 HRESULT CHttpCommandHandler::DoCmdGetFrameDesc2(const ZemCommand& command, LONG count,
                                                 ZemFrameDesc* descs) {
     return CallChannel(*this, kFrameDesc2, command, [&](CZemChannelIo& channel) -> HRESULT {
-        // The count of the reply stands in the third and fourth unit of the name
-        // by now.
+        // The count of the reply stands in the third and fourth unit of the name by now.
         WireFrameDescByName request;
         if (!CopyFromBody(command, 0, request)) return E_INVALIDARG;
         const WireNameBlock& block = request.block;

@@ -165,8 +165,8 @@ static_assert(offsetof(WireFrameEntry, userData32) == 88);
 inline constexpr size_t kFirstEntryOffset = 16;  // in the request body; in the reply body it is 8
 inline constexpr size_t kFirstReplyEntryOffset = 8;
 
-inline constexpr size_t kAttrValueOffset =
-    520;  // CMD_UPDATE_CFG_ATTR_STR: the value behind the name
+// CMD_UPDATE_CFG_ATTR_STR: the value behind the name.
+inline constexpr size_t kAttrValueOffset = 520;
 
 inline constexpr size_t kFrameDescEntry_bytes = 12;
 struct WireFrameDesc {  // reply: what is passed on of a ZemFrameDesc

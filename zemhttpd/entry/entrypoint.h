@@ -80,8 +80,8 @@ protected:
 class CEntryPoint : public CEntryPointException {
 public:
     CEntryPoint();
-    explicit CEntryPoint(const WCHAR* format,
-                         ...);  // formats the function name, at most 127 characters
+    // Formats the function name, at most 127 characters.
+    explicit CEntryPoint(const WCHAR* format, ...);
     CEntryPoint(const CEntryPoint& other);
     CEntryPoint& operator=(const CEntryPoint& other);
     // Checks a callee's result: stores it and, when it is negative, writes an entry-point record

@@ -1,10 +1,10 @@
 // The stage timer of a transaction. Marking costs one interlocked increment and one tick read;
 // everything else happens only for a timer that is destroyed late.
-#include <algorithm>
-#include <string_view>
-
 #include "mediaio/errorlog.h"
 #include "zemhttpd/frameio/httpxactn.h"
+
+#include <algorithm>
+#include <string_view>
 
 namespace {
 

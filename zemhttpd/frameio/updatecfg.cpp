@@ -1,12 +1,12 @@
 // Channel configuration: CMD_UPDATE_CFG carries an XML document for the client's channel,
 // CMD_UPDATE_CFG_ATTR_STR one attribute. Workers, which have entered their apartment; the update of
 // a document runs under the client table's lock, so that it never overlaps a join, leave or purge.
+#include "zemhttpd/commands/filecommand.h"
+
 #include <algorithm>
 #include <cstring>
 #include <memory>
 #include <new>
-
-#include "zemhttpd/commands/filecommand.h"
 
 namespace {
 

@@ -3,12 +3,12 @@
 // media library; the completion, on the library's thread or at once on the worker, sends nothing.
 // The client's record lock is held from the look-up until the write was issued, so that the writes
 // of one client run one after another.
-#include <algorithm>
-#include <cstring>
-
 #include "zemhttpd/commands/commandtable.h"
 #include "zemhttpd/frameio/framecommon.h"
 #include "zemhttpd/server/sectionguard.h"
+
+#include <algorithm>
+#include <cstring>
 
 namespace {
 

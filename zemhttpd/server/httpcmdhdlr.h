@@ -63,8 +63,8 @@ public:
     HRESULT SendZemHttpResponse(CHttpXaction& xaction, HRESULT hr, ULONGLONG contentLength_bytes,
                                 const WCHAR* clientId);
     HRESULT SendGenericZemFailureResponse(HRESULT hr, const WCHAR* clientId, CHttpXaction& xaction);
-    HRESULT SendStatusOnlyError(HRESULT hr, const WCHAR* clientId,
-                                CHttpXaction& xaction);  // 500 "Error 0x..."
+    // 500 "Error 0x...".
+    HRESULT SendStatusOnlyError(HRESULT hr, const WCHAR* clientId, CHttpXaction& xaction);
     HRESULT SendHttpResponse(const WCHAR* clientId, CHttpXaction& xaction, USHORT status,
                              const char* reason);
 

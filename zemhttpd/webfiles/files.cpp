@@ -1,11 +1,11 @@
 // Answers to GET and DELETE: the text pages, whole-file download and deletion below the volume
 // root. Worker threads; files go out straight from their handles.
-#include <cstring>
-
 #include "zemhttpd/entry/entrypoint.h"
 #include "zemhttpd/server/httpcmdhdlr.h"
 #include "zemhttpd/server/responsefields.h"
 #include "zemhttpd/webfiles/volumepath.h"
+
+#include <cstring>
 
 namespace {
 
@@ -26,7 +26,6 @@ constexpr WCHAR kClientsPage[] = TEXT("/media/clients");
 constexpr int kPage_bytes = 5200;
 
 constexpr DWORD kContentType_bytes = 260;
-constexpr REGSAM kKeyReadWrite = 0x2001F;
 constexpr char kDefaultType[] = "application/octet-stream";
 
 template <size_t N>
@@ -35,21 +34,23 @@ bool BeginsWith(const WCHAR* path, const WCHAR (&page)[N]) {
 }
 
 // The type that the registry gives the extension. A path without a registered one is a plain
-// download.
+// download, and so is one whose key this process may not write: both rights are asked for.
 void FindContentType(const WCHAR* fullPath, char (&type)[kContentType_bytes]) {
+    constexpr REGSAM kReadWrite = KEY_READ | KEY_WRITE;
+    static_assert(kReadWrite == 0x2001F);
     strcpy_s(type, sizeof(type), kDefaultType);
     const WCHAR* extension = wcsrchr(fullPath, TEXT('.'));
     HKEY key;
     if (!extension ||
-        RegOpenKeyExW(HKEY_CLASSES_ROOT, extension, 0, kKeyReadWrite, &key) != ERROR_SUCCESS) {
+        RegOpenKeyExW(HKEY_CLASSES_ROOT, extension, 0, kReadWrite, &key) != ERROR_SUCCESS) {
         return;
     }
     char value[kContentType_bytes] = {};
     DWORD size = sizeof(value), valueType = 0;
     if (RegQueryValueExA(key, "Content Type", nullptr, &valueType, reinterpret_cast<BYTE*>(value),
                          &size) == ERROR_SUCCESS &&
-        (valueType == REG_SZ || valueType == REG_EXPAND_SZ) && value[sizeof(value) - 1] == 0 &&
-        value[0] != 0) {
+        (valueType == REG_SZ || valueType == REG_EXPAND_SZ) && value[0] != 0 &&
+        value[sizeof(value) - 1] == 0) {  // the registry does not promise that a text ends
         std::memcpy(type, value, sizeof(type));
     }
     RegCloseKey(key);

@@ -1,8 +1,8 @@
 // The two text pages, /media/status and /media/clients. Worker threads.
-#include <cstring>
-
 #include "zemhttpd/entry/entrypoint.h"
 #include "zemhttpd/server/httpcmdhdlr.h"
+
+#include <cstring>
 
 namespace {
 
