@@ -1,4 +1,4 @@
-// channelconfig.h: the attributes of a channel that clients may set, by name. Any thread.
+// The attributes of a channel that clients may set, by name. Any thread.
 #pragma once
 
 #include "mediaio/store/channelcore.h"

@@ -1,4 +1,4 @@
-// channelcore.h: the asynchronous half of a channel: frame reads and writes under way, the memory
+// The asynchronous half of a channel: frame reads and writes under way, the memory
 // they use and the count that destruction waits for. It outlives the channel object as long as a
 // request of it does. Any thread.
 #pragma once

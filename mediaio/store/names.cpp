@@ -46,6 +46,15 @@ bool HasDrive(std::string_view text) {
 
 }  // namespace
 
+std::string ParentOf(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? std::string() : path.substr(0, slash);
+}
+
+std::string LeafOf(const std::string& path) {
+    return path.substr(path.rfind('/') + 1);  // from 0 on without a slash
+}
+
 bool ToStrictUtf8(WStringView text, std::string& utf8) {
     utf8.clear();
     for (size_t i = 0; i < text.size(); ++i) {

@@ -1,4 +1,4 @@
-// names.h: from the names that clients send to paths below the volume root. Pure functions, any
+// From the names that clients send to paths below the volume root. Pure functions, any
 // thread. What the file system itself could still do to leave the root (links, mounts made
 // meanwhile) is the volume's to prevent.
 #pragma once
@@ -32,6 +32,10 @@ struct StreamName {
 };
 // E_INVALIDARG for anything else; null and empty are the first stream.
 HRESULT ParseStreamName(const WCHAR* name, StreamName& stream);
+
+// The folder of a path as ParseName gives it, empty for the root, and the name in it.
+std::string ParentOf(const std::string& path);
+std::string LeafOf(const std::string& path);
 
 // Strict UTF-8: false for unpaired surrogates.
 bool ToStrictUtf8(WStringView text, std::string& utf8);
