@@ -1,6 +1,7 @@
 // Sample tables of MOV and MP4, the index of AVI, and files that are one run of PCM.
 #include "mediaio/foreign/containerindex.h"
 
+#include "mediaio/foreign/bigendian.h"
 #include "mediaio/foreign/esdesc.h"
 #include "mediaio/store/format.h"
 
@@ -12,11 +13,6 @@ namespace zemstore {
 namespace {
 
 constexpr int kCheckedPackets = 48;
-
-uint32_t BigEndian32(const uint8_t* bytes) {
-    return static_cast<uint32_t>(bytes[0]) << 24 | static_cast<uint32_t>(bytes[1]) << 16 |
-           static_cast<uint32_t>(bytes[2]) << 8 | bytes[3];
-}
 
 // The demuxer cuts or joins what lies in the container for these.
 bool IsReparsed(AVCodecID codec) {
@@ -95,9 +91,7 @@ bool PacketsAgree(CDemuxer& demuxer, IStoreFile& file, uint64_t size_bytes,
     for (int count = 0; count < kCheckedPackets; ++count) {
         const AVPacket* packet = demuxer.Next();
         if (packet == nullptr) break;
-        size_t which = 0;
-        while (which < index.streams.size() && index.streams[which].avIndex != packet->stream_index)
-            ++which;
+        const size_t which = StreamOf(index, *packet);
         if (which == index.streams.size()) continue;
         const StreamIndex& stream = index.streams[which];
         const auto size = static_cast<uint32_t>(packet->size);
@@ -202,6 +196,13 @@ bool TakePcmFile(CDemuxer& demuxer, IStoreFile& file, uint64_t size_bytes, ClipI
 }
 
 }  // namespace
+
+size_t StreamOf(const ClipIndex& index, const AVPacket& packet) {
+    size_t which = 0;
+    while (which < index.streams.size() && index.streams[which].avIndex != packet.stream_index)
+        ++which;
+    return which;
+}
 
 bool HoldsBytes(IStoreFile& file, uint64_t offset, const uint8_t* bytes, size_t size) {
     std::vector<uint8_t> there(size);

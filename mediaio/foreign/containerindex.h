@@ -1,4 +1,4 @@
-// containerindex.h: an index without reading the file through, from the tables that containers
+// An index without reading the file through, from the tables that containers
 // have. What was taken from them is compared with packets that the demuxer delivers, at the
 // beginning of every stream, before it is believed. One thread.
 #pragma once
@@ -19,6 +19,9 @@ bool TakeMxfIndex(CDemuxer& demuxer, IStoreFile& file, uint64_t size_bytes, Clip
 
 // Reads every packet of the file. What was found until a failure stays.
 HRESULT ScanFile(CDemuxer& demuxer, IStoreFile& file, uint64_t size_bytes, ClipIndex& index);
+
+// Which stream of the index a packet is of; their number when of none.
+size_t StreamOf(const ClipIndex& index, const AVPacket& packet);
 
 // True when the file holds exactly these bytes there.
 bool HoldsBytes(IStoreFile& file, uint64_t offset, const uint8_t* bytes, size_t size);

@@ -2,6 +2,8 @@
 // like a table, anywhere but in the media data, counts as one.
 #include "mediaio/foreign/movclaims.h"
 
+#include "mediaio/foreign/bigendian.h"
+
 #include <algorithm>
 #include <cstring>
 #include <vector>
@@ -12,11 +14,6 @@ namespace {
 constexpr size_t kPiece = 64 << 10;
 constexpr size_t kReach = 20;         // from a box's type to the last byte that is looked at
 constexpr uint32_t kPcmEntry = 1024;  // samples of PCM in an entry of libavformat's index
-
-uint32_t BigEndian32(const uint8_t* bytes) {
-    return static_cast<uint32_t>(bytes[0]) << 24 | static_cast<uint32_t>(bytes[1]) << 16 |
-           static_cast<uint32_t>(bytes[2]) << 8 | bytes[3];
-}
 
 constexpr uint32_t Code(const char (&text)[5]) {
     return static_cast<uint32_t>(text[0]) << 24 | static_cast<uint32_t>(text[1]) << 16 |

@@ -1,6 +1,8 @@
 // Reading MXF structure.
 #include "mediaio/foreign/mxf.h"
 
+#include "mediaio/foreign/bigendian.h"
+
 #include <algorithm>
 #include <cstring>
 #include <set>
@@ -24,13 +26,6 @@ bool Begins(const uint8_t* key, const uint8_t (&wanted)[N]) {
     for (size_t i = 0; i < N; ++i)
         if (i != 7 && key[i] != wanted[i]) return false;
     return true;
-}
-
-uint64_t BigEndian(const uint8_t* bytes, size_t count) {
-    uint64_t value = 0;
-    for (size_t i = 0; i < count; ++i)
-        value = value << 8 | bytes[i];
-    return value;
 }
 
 bool ReadAll(IStoreFile& file, uint64_t offset, uint8_t* to, size_t size) {

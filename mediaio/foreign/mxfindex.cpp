@@ -41,14 +41,6 @@ private:
                ParseKlv(head, done, klv);
     }
 
-    size_t StreamOf(const AVPacket& packet) const {
-        size_t which = 0;
-        while (which < m_index.streams.size() &&
-               m_index.streams[which].avIndex != packet.stream_index)
-            ++which;
-        return which;
-    }
-
     // All picture tracks must be as long as the table.
     bool DurationsAgree(uint64_t count) const {
         for (const StreamIndex& stream : m_index.streams) {
@@ -143,7 +135,7 @@ private:
         const uint64_t enough = std::min(kLearnFrom, count);
         std::vector<uint64_t> seen(m_index.streams.size());
         for (int i = 0; i < kMostPackets && packet != nullptr; ++i, packet = m_demuxer.Next()) {
-            const size_t which = StreamOf(*packet);
+            const size_t which = StreamOf(m_index, *packet);
             if (which == seen.size()) continue;
             if (!PacketAgrees(m_index.streams[which], seen[which]++, *packet)) return false;
             if (std::all_of(seen.begin(), seen.end(), [&](uint64_t n) { return n >= enough; }))

@@ -108,9 +108,7 @@ HRESULT ScanFile(CDemuxer& demuxer, IStoreFile& file, uint64_t size_bytes, ClipI
     CScan scan(file, size_bytes);
     std::vector<StreamScan> states(index.streams.size());
     while (const AVPacket* packet = demuxer.Next()) {
-        size_t which = 0;
-        while (which < states.size() && index.streams[which].avIndex != packet->stream_index)
-            ++which;
+        const size_t which = StreamOf(index, *packet);
         if (which == states.size() || packet->size < 0) continue;
         StreamIndex& stream = index.streams[which];
         StreamScan& state = states[which];
