@@ -1,4 +1,4 @@
-// cadence.h: how sound is cut to pictures. Shared by the media library and the client, so that both
+// How sound is cut to pictures. Shared by the media library and the client, so that both
 // cut alike. Pure, any thread.
 #pragma once
 

@@ -1,4 +1,4 @@
-// errorlog.h: the error-log interface that the server imports (module ErrorLog). Every logging
+// The error-log interface that the server imports (module ErrorLog). Every logging
 // scope writes through these four functions, from any thread and at any time; none of them throws,
 // allocates for the caller, keeps a pointer that it was given, or waits for a disk or a terminal. A
 // host may bring a module of its own with the same four functions; ours is the default, its

@@ -54,8 +54,8 @@ public:
                                  DWORD openFlags, DWORD position, LONG count, ZemFrameDesc* descs);
     virtual HRESULT GetFrameDesc(ULONGLONG token, DWORD position, LONG count, ZemFrameDesc* descs,
                                  VioFrameRate_t rate);
-    virtual HRESULT FlushBuffers(
-        ULONGLONG token);  // returns after data and index are on the device
+    // Returns after data and index are on the device.
+    virtual HRESULT FlushBuffers(ULONGLONG token);
     // Marks that were never set are 0 and the frame count. They are set by writing frames 0 and 1
     // of stream `mk`: the description's position is the mark.
     virtual HRESULT GetFileMarks(ULONGLONG token, DWORD& firstMark, DWORD& secondMark);
@@ -82,8 +82,8 @@ public:
     virtual HRESULT CreateDirectoryW(const WCHAR* directoryName);
     virtual HRESULT MoveFileW(const WCHAR* fromName, const WCHAR* toName);
 
-    void SetClientId(
-        const WCHAR* clientId);  // at most 259 characters are kept; set once, before any I/O
+    // At most 259 characters are kept; set once, before any I/O.
+    void SetClientId(const WCHAR* clientId);
 
 protected:
     struct State;

@@ -87,8 +87,8 @@ struct ZemFrameDesc {
     uint32_t dataSize;  // bytes of coded data
     uint32_t position;  // frame number in the file
     uint32_t flags;     // kFrameFlag…
-    uint32_t
-        presentationTimeLow;  // presentation time from the start of the file, 100 ns units, 64 bits
+    // Presentation time from the start of the file, 100 ns units, 64 bits in two halves.
+    uint32_t presentationTimeLow;
     vdrTimecode_s timecode;
     uint32_t presentationTimeHigh;
 };
@@ -135,9 +135,8 @@ inline constexpr uint32_t kStripeDropFrame = 0x1;
 
 // Results of the media library that have no system error of their own (severity error, interface
 // facility).
-inline constexpr int32_t kErrorFrameHole = static_cast<int32_t>(0x80040201u);  // never written
-inline constexpr int32_t kErrorFrameErased =
-    static_cast<int32_t>(0x80040202u);  // erased by CMD_ERASE_SEGMENT
+inline constexpr auto kErrorFrameHole = static_cast<int32_t>(0x80040201u);    // never written
+inline constexpr auto kErrorFrameErased = static_cast<int32_t>(0x80040202u);  // CMD_ERASE_SEGMENT
 
 // One data buffer of a frame.
 struct ZemIoBuffer {

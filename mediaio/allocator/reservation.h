@@ -1,4 +1,4 @@
-// reservation.h: the address space behind an allocator. Pages cost memory only once they are
+// The address space behind an allocator. Pages cost memory only once they are
 // touched and until they are dropped. Any thread; the caller keeps two threads off the same pages.
 #pragma once
 

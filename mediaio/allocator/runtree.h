@@ -1,4 +1,4 @@
-// runtree.h: which pages of a reservation are free, as a binary tree over the pages in which every
+// Which pages of a reservation are free, as a binary tree over the pages in which every
 // node knows the free run at its left edge, at its right edge and the longest inside. Taking the
 // lowest run that is long enough and giving one back cost O(log pages); neighbours merge by
 // themselves. Not thread-safe: its allocator's lock guards it.
@@ -27,8 +27,8 @@ public:
         Assign(1, 0, m_leaves, first, first + pages, false);
     }
     uint32_t LongestRun() const { return m_nodes[1].longest; }
-    // The free run of at least one page that begins at or after `from`, at most `limit` pages of
-    // it; false when there is none. Walks page by page at the leaves of taken stretches only.
+    // Free pages at or after `from`: the first of them, and how many are known to follow it at once
+    // (more may). False when there is none. Whole stretches of taken pages are skipped.
     bool NextFree(uint32_t from, uint32_t& first, uint32_t& pages) const;
 
 private:

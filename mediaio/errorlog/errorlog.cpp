@@ -1,4 +1,4 @@
-// errorlog.cpp: the four functions of the error-log interface, on the default sink. Called by any
+// The four functions of the error-log interface, on the default sink. Called by any
 // thread.
 #include "mediaio/errorlog.h"
 

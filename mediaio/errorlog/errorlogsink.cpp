@@ -1,4 +1,4 @@
-// errorlogsink.cpp: the error log's queue and writer thread.
+// The error log's queue and writer thread.
 #include "mediaio/errorlog/errorlogsink.h"
 
 #include <cstring>

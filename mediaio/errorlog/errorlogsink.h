@@ -1,4 +1,4 @@
-// errorlogsink.h: the queue between every thread that logs and the one that writes. Put copies a
+// The queue between every thread that logs and the one that writes. Put copies a
 // record into a ring under a mutex that is never held during output; the writer thread starts with
 // the first record. The sink is never destroyed: threads of the host may log until the process is
 // gone.

@@ -1,4 +1,4 @@
-// lineassembler.cpp: one line per message.
+// One line per message.
 #include "mediaio/errorlog/lineassembler.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// lineassembler.h: puts the pieces of a message together again, so that one message is one line. A
+// Puts the pieces of a message together again, so that one message is one line. A
 // piece that may be followed by another waits for a moment; pieces of several threads may be mixed.
 // Used by the writer thread only.
 #pragma once

@@ -1,4 +1,4 @@
-// output.cpp: the destinations of the error log. Files are opened for appending, so that two
+// The destinations of the error log. Files are opened for appending, so that two
 // processes, or a tool that copies and truncates, do not overwrite each other's lines.
 #include "mediaio/errorlog/output.h"
 

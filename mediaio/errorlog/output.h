@@ -1,4 +1,4 @@
-// output.h: where the lines of the error log go: a file that rotates by size, standard error, a
+// Where the lines of the error log go: a file that rotates by size, standard error, a
 // function of the host, or several of them. Used by one thread at a time (the writer, or
 // ErrorLogConfigure while the writer waits).
 #pragma once

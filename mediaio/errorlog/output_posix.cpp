@@ -1,4 +1,4 @@
-// output_posix.cpp: the file of the error log, on Linux.
+// The file of the error log, on Linux.
 #include "mediaio/errorlog/output.h"
 
 std::FILE* OpenToAppend(const std::filesystem::path& path) {

@@ -1,5 +1,5 @@
-// output_windows.cpp: the file of the error log, on Windows: by its wide name, since the ANSI code
-// page need not have every letter of it.
+// The file of the error log, on Windows: by its wide name, since the ANSI code page need not have
+// every letter of it.
 #include "mediaio/errorlog/output.h"
 
 #include "platform/platform.h"

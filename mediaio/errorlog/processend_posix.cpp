@@ -1,5 +1,4 @@
-// processend_posix.cpp: the end of the process runs this module's destructors beside the threads
-// that still run.
+// The end of the process runs this module's destructors beside the threads that still run.
 #include "mediaio/errorlog/errorlogsink.h"
 
 namespace {

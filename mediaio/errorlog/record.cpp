@@ -1,4 +1,4 @@
-// record.cpp: how a record reads. Runs on the log's writer thread only; CopyText on every logging
+// How a record reads. Runs on the log's writer thread only; CopyText on every logging
 // thread.
 #include "mediaio/errorlog/record.h"
 

@@ -1,4 +1,4 @@
-// record.h: one error-log record as it waits in the queue, and its line of text. Records are plain
+// One error-log record as it waits in the queue, and its line of text. Records are plain
 // arrays so that taking one costs a copy and never an allocation. Filled by any thread, turned into
 // text by the writer thread.
 #pragma once

@@ -1,4 +1,4 @@
-// sink.h: settings of the default error log, for the host that loads it. Records go through a
+// Settings of the default error log, for the host that loads it. Records go through a
 // bounded queue to one writer thread, so no caller ever waits for a disk or a terminal; when the
 // queue is full the oldest record is dropped, and the next line that is written says how many went.
 // Without any call here the log writes everything to standard error. At process exit what is queued

@@ -1,4 +1,4 @@
-// avdesc.h: the FFmpeg libraries' description of a stream in the terms of the server. Shared by the
+// The FFmpeg libraries' description of a stream in the terms of the server. Shared by the
 // readers of foreign files and the client, so that a clip is described alike whether it is read
 // where it lies or brought in. Pure functions, any thread.
 #pragma once

@@ -1,4 +1,4 @@
-// clip.h: one foreign file that is open, shared by all channels that read it: its index, the views
+// One foreign file that is open, shared by all channels that read it: its index, the views
 // of its pages, and the demuxers of the streams that need one. Any thread; one short lock, never
 // held across a system call of the read path.
 #pragma once

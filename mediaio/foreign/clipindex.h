@@ -1,4 +1,4 @@
-// clipindex.h: what is known of a foreign file: for every stream, where each of its frames lies.
+// What is known of a foreign file: for every stream, where each of its frames lies.
 // Plain data; whoever shares it guards it.
 #pragma once
 

@@ -1,4 +1,4 @@
-// demuxer.h: libavformat over an open file of the volume: it sees that file's bytes and nothing
+// libavformat over an open file of the volume: it sees that file's bytes and nothing
 // else, no name, no other file, no network. One thread at a time.
 #pragma once
 

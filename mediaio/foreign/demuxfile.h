@@ -1,4 +1,4 @@
-// demuxfile.h: the frames of a stream that only a demuxer can put together, as a file: frame N lies
+// The frames of a stream that only a demuxer can put together, as a file: frame N lies
 // at N << 32. It is read like any other, but by threads that may wait (its engine), never by those
 // that serve the device. Any thread; one frame at a time.
 #pragma once

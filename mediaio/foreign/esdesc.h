@@ -1,4 +1,4 @@
-// esdesc.h: a container's stream as an elementary-stream descriptor. Pure functions.
+// A container's stream as an elementary-stream descriptor. Pure functions.
 #pragma once
 
 #include "mediaio/foreign/clipindex.h"
@@ -15,8 +15,8 @@ namespace zemstore {
 // Cover pictures, subtitles and attachments are left out.
 void DescribeStreams(AVFormatContext& format, ClipIndex& index);
 
-// Takes the rate from the distance of the frames, which is more exact than what some containers
-// declare. `regular`: all frames are that far apart.
+// Takes the rate from the distance of two frames, in units of the time base: more exact than what
+// some containers declare. A distance that tells no rate changes nothing.
 void SetRate(StreamIndex& stream, const AVRational& timeBase, int64_t frameDistance);
 
 }  // namespace zemstore

@@ -1,4 +1,4 @@
-// foreign.h: the door to the readers of foreign containers (MXF, MOV, MKV ...). They are a module
+// The door to the readers of foreign containers (MXF, MOV, MKV ...). They are a module
 // of their own, loaded when the first file that is not a native one is opened, so that a server
 // without such files carries nothing of it and a build may leave it out (ZEM_FOREIGN). Any thread.
 #pragma once

@@ -1,4 +1,4 @@
-// indexcache.h: the index of a file that had to be read through, kept beside it. It counts only as
+// The index of a file that had to be read through, kept beside it. It counts only as
 // long as size and time of the file are those that it was made for; a damaged one counts for
 // nothing. docs/media.md has its layout to the byte. Any thread.
 #pragma once

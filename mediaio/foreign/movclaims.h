@@ -1,4 +1,4 @@
-// movclaims.h: how many samples a MOV or MP4 file says that it has. libavformat makes room for each
+// How many samples a MOV or MP4 file says that it has. libavformat makes room for each
 // before it looks whether there is one, and a few kilobytes can say that there are billions.
 #pragma once
 

@@ -1,4 +1,4 @@
-// mxf.h: as much of MXF (SMPTE ST 377-1) as finding frames takes: key-length-value triplets,
+// As much of MXF (SMPTE ST 377-1) as finding frames takes: key-length-value triplets,
 // partitions, index table segments. Everything read is checked against the file's size; what is not
 // understood makes the caller scan the file instead.
 #pragma once

@@ -1,4 +1,4 @@
-// stream.h: one stream of a foreign clip as a reader's frame file. A thin handle: what it knows is
+// One stream of a foreign clip as a reader's frame file. A thin handle: what it knows is
 // the clip's. Any thread.
 #pragma once
 

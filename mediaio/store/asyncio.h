@@ -1,4 +1,4 @@
-// asyncio.h: the store's asynchronous file I/O, one for the process while any channel or writer is
+// The store's asynchronous file I/O, one for the process while any channel or writer is
 // alive. What the real-time client asked for has a queue and threads of its own, so nothing of the
 // others' is ever before it but at the device; and there, while it is active, is at most one
 // request of theirs. The work is done by the kernel's rings where it lets us have them

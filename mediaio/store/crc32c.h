@@ -1,4 +1,4 @@
-// crc32c.h: CRC-32C (Castagnoli), by the processor's instruction where it has one. Any thread.
+// CRC-32C (Castagnoli), by the processor's instruction where it has one. Any thread.
 #pragma once
 
 #include <cstddef>

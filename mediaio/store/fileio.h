@@ -1,7 +1,7 @@
-// fileio.h: everything the store asks of the operating system's files, as two interfaces. The
-// implementations for production are fileio_posix.cpp and fileio_windows.cpp; tests put a device of
-// their own under the store that loses, tears and refuses writes. Any thread, several at once on
-// one file; the store itself keeps writes to one range apart.
+// Everything the store asks of the operating system's files, as two interfaces. In
+// production fileio_posix.cpp and volume_posix.cpp implement them, or their namesakes for Windows;
+// tests put a device of their own under the store that loses, tears and refuses writes. Any thread,
+// several at once on one file; the store itself keeps writes to one range apart.
 #pragma once
 
 #include "platform/platform.h"

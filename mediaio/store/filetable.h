@@ -1,4 +1,4 @@
-// filetable.h: the process's open media files, one shared object for each file however many
+// The process's open media files, one shared object for each file however many
 // channels opened it and under whatever names. Any thread; opening one file never waits for
 // another.
 #pragma once

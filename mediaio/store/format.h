@@ -1,4 +1,4 @@
-// format.h: the native media file to the byte. One file holds one elementary stream; everything is
+// The native media file to the byte. One file holds one elementary stream; everything is
 // little-endian; pages are 4096 bytes; positions in the file are byte offsets.
 //
 //   0       FileHeader (page), written once

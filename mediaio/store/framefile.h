@@ -1,4 +1,4 @@
-// framefile.h: a stream of frames as its readers see it, whether it lies in a native file
+// A stream of frames as its readers see it, whether it lies in a native file
 // (mediafile.h) or in a container of somebody else's (mediaio/foreign). Reference-counted: a token
 // and every pinned frame hold it. Any thread.
 #pragma once

@@ -1,4 +1,4 @@
-// frameindex.h: where every frame of one file is, in memory, in the shape that format.h gives it on
+// Where every frame of one file is, in memory, in the shape that format.h gives it on
 // disk: a tree of fixed height in which changed nodes are known, so that a checkpoint writes those
 // alone. Not thread-safe: its file's lock guards it.
 #pragma once
@@ -23,9 +23,8 @@ struct DeadRange {
 };
 
 // Runtime bits beside the kFrameFlag… ones of an entry; never written to disk.
-inline constexpr uint32_t kEntryVerified =
-    0x80000000u;  // the checksum matched since the file is open
-inline constexpr uint32_t kEntryCorrupt = 0x40000000u;  // it did not
+inline constexpr uint32_t kEntryVerified = 0x80000000u;  // the checksum matched since it was opened
+inline constexpr uint32_t kEntryCorrupt = 0x40000000u;   // it did not
 inline constexpr uint32_t kEntryRuntimeBits = 0xC0000000u;
 
 struct IndexEntry {

@@ -1,4 +1,4 @@
-// iostate.h: what one client's I/O object holds: where its files are and which it has open. Shared
+// What one client's I/O object holds: where its files are and which it has open. Shared
 // by the base class and the channel class; any thread.
 #pragma once
 

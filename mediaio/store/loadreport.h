@@ -1,4 +1,4 @@
-// loadreport.h: what opening a native media file found: for the log, for tests and for the checker.
+// What opening a native media file found: for the log, for tests and for the checker.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// log.h: what the store has to say beyond an HRESULT, as error-log records. Any thread; cheap.
+// What the store has to say beyond an HRESULT, as error-log records. Any thread; cheap.
 #pragma once
 
 #include "platform/platform.h"

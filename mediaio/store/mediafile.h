@@ -1,4 +1,4 @@
-// mediafile.h: one native media file, shared by every channel of the process that has it open: its
+// One native media file, shared by every channel of the process that has it open: its
 // frame index, its one writer's queue, its checkpoints, and the views of its pages that readers
 // hand out. format.h says what is on disk. Any thread; one short lock per file, never held across
 // a system call of the read path. Writes go to the end of the file in the order of the queue, one
@@ -63,7 +63,7 @@ public:
     HRESULT EndWriting();  // everything on the device, index included; the writer is gone anyway
     bool HasWriter() const;
 
-    // Queues a record. REQUIRES: BeginWriting, or AppendNow's guard.
+    // Queues a record. REQUIRES: BeginWriting, or AppendDurably's guard.
     void Append(WriteItem& item);
     // Appends and waits for a record that is not a frame, then puts it on the device. Works without
     // a writer.
@@ -118,8 +118,8 @@ private:
     static constexpr uint64_t kCheckpointBytes = uint64_t{64} << 20;
     static constexpr uint32_t kCheckpointRecords = 1024;
     static constexpr uint64_t kTailLimit = uint64_t{1} << 30;
-    static constexpr uint64_t kWindow = uint64_t{1}
-                                        << 30;  // a view's step; it is longer by a frame
+    // A view's step; it is longer by a frame.
+    static constexpr uint64_t kWindow = uint64_t{1} << 30;
     static constexpr uint64_t kWindowOverlap = uint64_t{256} << 20;
     enum class Phase { kIdle, kNodes, kNodesSync, kRoot, kRootSync, kPunch };
 

@@ -1,4 +1,4 @@
-// readahead.h: what is fetched ahead of the reader of one open stream. The system's own read-ahead
+// What is fetched ahead of the reader of one open stream. The system's own read-ahead
 // goes past the queue in which the real-time client overtakes the others, so the store does it
 // itself: a few requests at a time, behind everything that somebody waits for. Bytes follow each
 // other in a file as frames do, and what lies between them (sound beside pictures) is wanted as

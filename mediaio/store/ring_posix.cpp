@@ -3,12 +3,12 @@
 // What the ring cannot do, or does only in part, is finished by an ordinary call.
 #include <fcntl.h>
 #include <liburing.h>
+#include <linux/falloc.h>
 #include <sys/eventfd.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
-#include <linux/falloc.h>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>

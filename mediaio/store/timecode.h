@@ -1,4 +1,4 @@
-// timecode.h: frame rates as ratios, positions between rates, and time addresses as in SMPTE
+// Frame rates as ratios, positions between rates, and time addresses as in SMPTE
 // ST 12-1. Integers only. Pure functions, any thread.
 #pragma once
 

@@ -1,4 +1,4 @@
-// tokens.h: a channel's open streams behind unguessable numbers. Looking one up takes no lock: a
+// A channel's open streams behind unguessable numbers. Looking one up takes no lock: a
 // user is counted in its slot, and closing waits until the slot has no user. Any thread.
 #pragma once
 

@@ -1,4 +1,4 @@
-// channelfixture.h: channels on a volume of their own in a temporary directory, used as the server
+// Channels on a volume of their own in a temporary directory, used as the server
 // uses them, with each call waited for.
 #pragma once
 

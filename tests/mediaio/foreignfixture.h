@@ -1,4 +1,4 @@
-// foreignfixture.h: clips of foreign formats on a test's volume, made by ffmpeg.
+// Clips of foreign formats on a test's volume, made by ffmpeg.
 #pragma once
 
 #include "mediaio/foreign/foreign.h"

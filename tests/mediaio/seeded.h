@@ -1,4 +1,4 @@
-// seeded.h: 32-bit random numbers that a seed repeats.
+// 32-bit random numbers that a seed repeats.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// simfile.h: a file on a device that can lose power. What was written since the last sync may be
+// A file on a device that can lose power. What was written since the last sync may be
 // there or not, call by call and sector by sector, in any order; the Nth call of a kind fails when
 // it is told to; room can run out; a failed sync loses what it could not write. One thread.
 #pragma once
