@@ -113,9 +113,8 @@ private:
 
 struct Tally {
     uint64_t requests = 0;
-    uint64_t errors =
-        0;               // replies that are none, or not of 2xx, or too short, and lost connections
-    uint64_t bytes = 0;  // of bodies
+    uint64_t errors = 0;  // no reply, one that is not of 2xx or too short, a lost connection
+    uint64_t bytes = 0;   // of bodies
     Histogram nanoseconds;
 
     void Add(const Tally& other) {

@@ -100,8 +100,9 @@ Device Make(uint8_t which) {
         file->AppendSettings({1, 7, {}, kSettingStriped});
         for (uint32_t i = 8; i < 14; ++i)
             WriteFrame(*file.file, i, FrameBytes(i, 2, 300));
-        if (which != 2) file->EndWriting();
-        if (which == 2) {
+        if (which == 1) {
+            file->EndWriting();
+        } else {
             file->Flush();
             Device left = device;  // as a killed process leaves it
             left.writer = nullptr;

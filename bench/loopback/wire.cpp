@@ -1,3 +1,4 @@
+// See wire.h.
 #include "bench/loopback/wire.h"
 
 #include <arpa/inet.h>
@@ -148,8 +149,7 @@ Counts CountsSoFar() {
     return counts;
 }
 
-// The calls that the server makes
-// -------------------------------------------------------------------
+// The calls that the server makes.
 
 #define WIRE_CALL extern "C" __attribute__((visibility("default")))
 
