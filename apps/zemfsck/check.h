@@ -1,4 +1,4 @@
-// check.h: looks at every part of a native media file and says what is wrong. The file is loaded by
+// Looks at every part of a native media file and says what is wrong. The file is loaded by
 // the store's own loader, so what is found is what a server would serve; on top of that come the
 // things that a server need not look at. Nothing is ever written. One thread.
 #pragma once

@@ -20,8 +20,10 @@ constexpr char kUsage[] =
     "  --json     one JSON object for each file, on a line of its own\n"
     "  --version  the version\n"
     "  --help     this text\n"
-    "Exit code: 0 all files are clean, 1 damage was found, 2 a file could not be checked, or the\n"
-    "command line is wrong.\n";
+    "Exit codes:\n"
+    "  0  all files are clean\n"
+    "  1  damage was found\n"
+    "  2  a file could not be checked, or the command line is wrong\n";
 
 constexpr int kClean = 0;
 constexpr int kDamaged = 1;

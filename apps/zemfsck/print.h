@@ -1,4 +1,4 @@
-// print.h: a report for people, and as JSON for programs.
+// A report for people, and as JSON for programs.
 #pragma once
 
 #include "apps/zemfsck/check.h"

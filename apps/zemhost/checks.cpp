@@ -1,4 +1,4 @@
-// checks.cpp: settings, looked at before and after the start.
+// Settings, looked at before and after the start.
 #include "apps/zemhost/checks.h"
 
 #include <array>

@@ -1,5 +1,5 @@
-// checks.h: what can be found wrong before the server is started, each as one sentence that says
-// what to do; an empty text means that nothing is wrong. Main thread only.
+// What can be found wrong before the server is started, each as one sentence that says what to do;
+// an empty text means that nothing is wrong. Main thread only.
 #pragma once
 
 #include <string>

@@ -1,7 +1,7 @@
-// hostsystem.h: what zemhost needs of the operating system beside the platform layer: its command
-// line, stop signals, the limit of open files, a trial of an address, and being a service.
-// Implemented by hostsystem_posix.cpp and rights_posix.cpp, or hostsystem_windows.cpp and
-// service_windows.cpp. The thread that serves only.
+// What zemhost needs of the operating system beside the platform layer: its command line, stop
+// signals, the limit of open files, a trial of an address, and being a service. Implemented by
+// hostsystem_posix.cpp and rights_posix.cpp, or hostsystem_windows.cpp and service_windows.cpp. The
+// thread that serves only.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
-// hostsystem_posix.cpp: hostsystem.h on Linux. Signals are taken with sigwait on the main thread,
-// so that nothing runs in a signal handler.
+// hostsystem.h on Linux. Signals are taken with sigwait on the main thread, so that nothing runs in
+// a signal handler.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <signal.h>

@@ -1,5 +1,5 @@
-// hostsystem_windows.cpp: hostsystem.h on Windows. Console events and the service's stop control
-// arrive on threads of the system, which only set an event; the thread that serves waits for it.
+// hostsystem.h on Windows. Console events and the service's stop control arrive on threads of the
+// system, which only set an event; the thread that serves waits for it.
 #include "apps/zemhost/hostsystem.h"
 
 #include <atomic>

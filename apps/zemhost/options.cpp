@@ -1,4 +1,4 @@
-// options.cpp: the command line as a table: one row per option.
+// The command line as a table: one row per option.
 #include "apps/zemhost/options.h"
 
 #include <algorithm>
@@ -59,10 +59,10 @@ std::string HelpText() {
     }
     return text + "\n" + kSystemHelp.whereSettingsAre +
            "\n"
-           "Exit codes: 0 stopped as asked; 2 wrong command line; 3 a setting cannot be used "
-           "(registry file, volume, user,\n"
-           "log file, address); 4 the server could not start, for example because the port is "
-           "taken; 5 "
-           "it did not stop in\n"
-           "order.\n";
+           "Exit codes:\n"
+           "  0  stopped as asked\n"
+           "  2  wrong command line\n"
+           "  3  a setting cannot be used (registry file, volume, user, log file, address)\n"
+           "  4  the server could not start, for example because the port is taken\n"
+           "  5  it did not stop in order\n";
 }

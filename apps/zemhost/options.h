@@ -1,4 +1,4 @@
-// options.h: the command line of zemhost. Main thread only.
+// The command line of zemhost. Main thread only.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
-// options_posix.cpp: the options that lay settings over the registry file, where the registry is
-// the platform layer's own.
+// The options that lay settings over the registry file, where the registry is the platform layer's
+// own.
 #include <charconv>
 
 #include "apps/zemhost/checks.h"
@@ -42,12 +42,12 @@ std::span<const Option> SystemOptions() {
 
 const SystemHelp kSystemHelp = {
     "Makes the media of a volume reachable over HTTP, until SIGINT or SIGTERM; a second signal "
-    "ends it at once.\n"
-    "SIGUSR1 opens the log file again.\n",
-    "Options come before the registry file. Without --registry the file is the one that the "
-    "environment variable\n"
-    "ZEM_REGISTRY names, else /etc/zemhttpd/zemhttpd.reg. Without any setting the port is "
-    "80 on every address.\n"};
+    "ends\n"
+    "it at once. SIGUSR1 opens the log file again.\n",
+    "Options come before the registry file. Without --registry the file is the one that the\n"
+    "environment variable ZEM_REGISTRY names, else /etc/zemhttpd/zemhttpd.reg. Without any "
+    "setting\n"
+    "the port is 80 on every address.\n"};
 
 const SettingAdvice kSettingAdvice = {
     "--port N", "--listen ADDRESS", "--volume DIR",

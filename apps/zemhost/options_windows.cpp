@@ -1,5 +1,4 @@
-// options_windows.cpp: the options of a program that can be a service. Settings are the registry's
-// own.
+// The options of a program that can be a service. Settings are the registry's own.
 #include "apps/zemhost/checks.h"
 #include "apps/zemhost/optiontable.h"
 #include "apps/zemhost/settings.h"
@@ -25,9 +24,8 @@ std::span<const Option> SystemOptions() {
 const SystemHelp kSystemHelp = {
     "Makes the media of a volume reachable over HTTP, until Ctrl-C; a second one ends it at "
     "once.\n",
-    "Settings stand in the registry (zemhttpd.reg lists them). Without any setting the port is 80 "
-    "on "
-    "every address.\n"};
+    "Settings stand in the registry (zemhttpd.reg lists them). Without any setting the port is 80\n"
+    "on every address.\n"};
 
 const SettingAdvice kSettingAdvice = {
     "the registry value HttpPort", "the registry value ListenOnlyList",

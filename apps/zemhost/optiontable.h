@@ -1,4 +1,4 @@
-// optiontable.h: the command line as rows. Some options only one system has: options_posix.cpp and
+// The command line as rows. Some options only one system has: options_posix.cpp and
 // options_windows.cpp bring theirs.
 #pragma once
 

@@ -1,5 +1,4 @@
-// registryplaces.h: where the settings that zemhost itself looks at stand, under
-// HKEY_LOCAL_MACHINE.
+// Where the settings that zemhost itself looks at stand, under HKEY_LOCAL_MACHINE, and their text.
 #pragma once
 
 #include "platform/platform.h"

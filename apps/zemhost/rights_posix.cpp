@@ -1,6 +1,5 @@
-// rights_posix.cpp: becoming another user, and giving up what only the start needs. Main thread,
-// while it is the only one: capabilities belong to threads, and those that come later inherit what
-// is left.
+// Becoming another user, and giving up what only the start needs. Main thread, while it is the only
+// one: capabilities belong to threads, and those that come later inherit what is left.
 #include <grp.h>
 #include <linux/capability.h>
 #include <pwd.h>

@@ -1,5 +1,5 @@
-// service_windows.cpp: install, remove and run as a service. The service control starts ServiceMain
-// on a thread of its own and delivers controls on another; what serves is the same as on a console.
+// Install, remove and run as a service. The service control starts ServiceMain on a thread of its
+// own and delivers controls on another; what serves is the same as on a console.
 #include "apps/zemhost/service.h"
 
 #include <cstdio>

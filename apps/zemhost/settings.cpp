@@ -1,4 +1,4 @@
-// settings.cpp: where each setting stands in the registry.
+// Where each setting stands in the registry.
 #include "apps/zemhost/settings.h"
 
 #include "apps/zemhost/registryplaces.h"

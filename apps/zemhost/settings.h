@@ -1,5 +1,5 @@
-// settings.h: the settings that zemhost itself looks at: it puts the command line over the
-// registry, where the server reads them, and reads back what is in force. Main thread only.
+// The settings that zemhost itself looks at: it puts the command line over the registry, where the
+// server reads them, and reads back what is in force. Main thread only.
 #pragma once
 
 #include <cstdint>

@@ -16,8 +16,7 @@ grep -oE '^  --[a-z]+' "$work/help" | tr -d ' ' | sort >"$work/told"
 sed -n '/^\.SH OPTIONS/,/^\.SH [^O]/p' "$page" | sed -n '/^\.BI\{0,1\} /s/\\//gp' | grep -oE -- '--[a-z]+' | sort -u >"$work/listed"
 diff "$work/told" "$work/listed" || fail 'the page has other options than --help'
 
-# "Exit codes: 0 this; 1 that" in the last lines of --help.
-tr '\n' ' ' <"$work/help" | sed 's/.*Exit code//' | grep -oE '[:;,] [0-9] ' | tr -dc '0-9\n' >"$work/told"
+sed -n '/^Exit codes:/,$s/^  \([0-9]\)  .*/\1/p' "$work/help" >"$work/told"
 [ -s "$work/told" ] || fail '--help tells no exit codes'
 sed -n '/^\.SH EXIT STATUS/,/^\.SH [^E]/p' "$page" | sed -n 's/^\.B \([0-9]\)$/\1/p' >"$work/listed"
 diff "$work/told" "$work/listed" || fail 'the page has other exit codes than --help'

@@ -8,7 +8,8 @@ case_help() {
     for option in --registry --listen --port --volume --user --log --settings --version --help; do
         says out "  $option"
     done
-    says out 'Exit codes: 0 '
+    says out 'Exit codes:'
+    says out '  0  stopped as asked'
 }
 
 case_version() {
