@@ -13,6 +13,7 @@
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
 #include "apps/zem/output.h"
+#include "apps/zem/session.h"
 #include "apps/zem/terminal.h"
 #include "apps/zem/verbs.h"
 
@@ -185,17 +186,6 @@ double PerSecond(uint64_t count, double seconds) {
     return seconds > 0 ? static_cast<double>(count) / seconds : 0;
 }
 
-std::string DurationOf(double duration_us) {
-    std::array<char, 32> text{};
-    if (duration_us < 1000)
-        std::snprintf(text.data(), text.size(), "%.0f us", duration_us);
-    else if (duration_us < 1e6)
-        std::snprintf(text.data(), text.size(), "%.4g ms", duration_us / 1e3);
-    else
-        std::snprintf(text.data(), text.size(), "%.4g s", duration_us / 1e6);
-    return text.data();
-}
-
 struct Quantile {
     const char* title;
     const char* key;
@@ -221,7 +211,7 @@ void PrintHistogram(const CLatency& latency) {
         const uint64_t count = latency.RowCount(row);
         const bool open = row + 1 == CLatency::kRows;
         const std::string bound =
-            DurationOf(static_cast<double>(CLatency::RowBound_us(open ? row - 1 : row)));
+            LatencyText(static_cast<double>(CLatency::RowBound_us(open ? row - 1 : row)));
         // A row that is not empty shows at least a little.
         const size_t length = static_cast<size_t>((count * kBar + most - 1) / most);
         std::printf("  %s %7s %10llu  %s\n", open ? "over " : "up to", bound.c_str(),
@@ -243,12 +233,12 @@ void CBench::PrintRun(const Run& run) const {
                 std::to_string(static_cast<long>(PerSecond(total.bytes, run.seconds) / 1e6)))
             .c_str());
     std::printf("  latency  least %s",
-                DurationOf(static_cast<double>(total.latency.Min_us())).c_str());
+                LatencyText(static_cast<double>(total.latency.Min_us())).c_str());
     for (const Quantile& quantile : kQuantiles) {
         const auto duration_us = static_cast<double>(total.latency.Percentile_us(quantile.part));
-        std::printf("  %s %s", quantile.title, DurationOf(duration_us).c_str());
+        std::printf("  %s %s", quantile.title, LatencyText(duration_us).c_str());
     }
-    std::printf("  most %s\n", DurationOf(static_cast<double>(total.latency.Max_us())).c_str());
+    std::printf("  most %s\n", LatencyText(static_cast<double>(total.latency.Max_us())).c_str());
     if (m_plan.rate_per_s > 0) {
         std::printf("  late     %s of %llu frames were answered after the next one was due\n",
                     Painted(Stream::kOut, total.late == 0 ? Colour::kGreen : Colour::kYellow,
@@ -260,7 +250,8 @@ void CBench::PrintRun(const Run& run) const {
 }
 
 void CBench::Print() const {
-    std::printf("%s: %u connection(s), ", m_line.server.c_str(), m_plan.connections);
+    std::printf("%s: %s, ", m_line.server.c_str(),
+                Counted(m_plan.connections, "connection").c_str());
     if (m_plan.file.empty())
         std::printf("frames of %s\n", HumanBytes(m_plan.frame_bytes).c_str());
     else
@@ -271,11 +262,9 @@ void CBench::Print() const {
     if (m_lost == 0) {
         std::printf("\nAll frames read back as they were written.\n");
     } else {
-        std::printf("\n%s\n", Painted(Stream::kOut, Colour::kRed,
-                                      std::to_string(m_lost) +
-                                          " frame(s) did not read back as they were written; the "
-                                          "server's log has the reason.")
-                                  .c_str());
+        const std::string lost = Counted(m_lost, "frame") +
+                                 " did not read back as written; the server's log has the reason.";
+        std::printf("\n%s\n", Painted(Stream::kOut, Colour::kRed, lost).c_str());
     }
 }
 

@@ -9,14 +9,10 @@
 
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
-#include "apps/zem/verbs.h"
+#include "apps/zem/session.h"
 
 namespace zem {
 namespace {
-
-// Together the connections leave so much unconfirmed: a third of the smaller of the two frame
-// memories that servers have. A server whose disk falls behind drops frames.
-constexpr uint64_t kUnflushed_bytes = 40u << 20;
 
 using Stamp = std::array<uint64_t, 2>;  // position, sequence
 static_assert(sizeof(Stamp) == 16);
@@ -141,7 +137,7 @@ void CBenchWorker::WriteOne(uint32_t position) {
 }
 
 void CBenchWorker::FlushIf(uint64_t more_bytes) {
-    const uint64_t share = kUnflushed_bytes / m_plan.connections;
+    const uint64_t share = kUnconfirmed_bytes / m_plan.connections;
     if (m_unflushed_bytes + more_bytes > share) {
         m_client.Flush(m_token);
         m_unflushed_bytes = 0;
@@ -194,13 +190,7 @@ void CBenchWorker::Read(Clock::time_point start) {
         const uint32_t position = NextPosition();
         const Clock::time_point issued = Clock::now();
         const StreamFrame& frame = ReadOneFrame(m_client, m_token, position);
-        const bool gap = frame.status == kErrorFrameHole || frame.status == kErrorFrameErased;
-        if (frame.status < 0 && !gap) {
-            throw CZemError(ErrorKind::kRefused,
-                            Printable(m_name) + ": frame " + std::to_string(position) +
-                                " cannot be read: " + HresultText(frame.status),
-                            frame.status);
-        }
+        if (!IsGap(frame.status)) RequireRead(m_name, position, frame.status);
         Count(due, issued, frame.data.size());
     }
 }

@@ -9,6 +9,7 @@
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
 #include "apps/zem/output.h"
+#include "apps/zem/session.h"
 #include "apps/zem/verbs.h"
 
 namespace zem {

@@ -5,7 +5,6 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 #include <libavutil/dict.h>
-#include <libavutil/error.h>
 #include <libavutil/log.h>
 }
 
@@ -13,6 +12,7 @@ extern "C" {
 #include <array>
 #include <cstdio>
 
+#include "apps/zem/averror.h"
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
 #include "mediaio/foreign/avdesc.h"
@@ -21,12 +21,6 @@ namespace zem {
 namespace {
 
 constexpr size_t kNoStream = static_cast<size_t>(-1);
-
-[[noreturn]] void ThrowAv(const std::string& path, int error, const char* what) {
-    std::array<char, AV_ERROR_MAX_STRING_SIZE> text{};
-    av_strerror(error, text.data(), text.size());
-    throw CZemError(ErrorKind::kLocalFile, Printable(path) + ": " + what + ": " + text.data());
-}
 
 }  // namespace
 

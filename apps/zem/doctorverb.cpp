@@ -15,6 +15,7 @@
 #include "apps/zem/client/zemerror.h"
 #include "apps/zem/output.h"
 #include "apps/zem/serverpages.h"
+#include "apps/zem/session.h"
 #include "apps/zem/terminal.h"
 #include "apps/zem/verbs.h"
 
@@ -64,7 +65,7 @@ private:
     std::time_t m_askedAt = 0;
     std::time_t m_answeredAt = 0;
     std::string m_name;  // of the file that it writes
-    std::array<int, kFindings.size()> m_count{};
+    std::array<uint64_t, kFindings.size()> m_count{};
     int m_exit = kExitOk;
     CJson m_json;
 };
@@ -193,7 +194,7 @@ void CDoctor::Join() {
     if (listed || list.perhapsMore) {
         Say(Finding::kOk, "join",
             "joined; " + std::string(list.perhapsMore ? "at least " : "") +
-                std::to_string(list.ids.size()) + " client(s) with this one");
+                Counted(list.ids.size(), "client") + " with this one");
         return;
     }
     Say(Finding::kFail, "join", "the server answered the join, but does not list this client",
@@ -285,10 +286,11 @@ int CDoctor::Run() {
         Try("leave", "the server drops a silent client by itself", [this] { m_client->Leave(); });
     }
     if (m_line.json) {
-        m_json.Close().Number("warnings", m_count[1]).Number("failures", m_count[2]);
+        m_json.Close().Unsigned("warnings", m_count[1]).Unsigned("failures", m_count[2]);
         PrintLine(m_json.Number("exit_code", m_exit).Close().Str());
     } else if (!m_line.quiet) {
-        std::printf("%d ok, %d warning(s), %d failure(s)\n", m_count[0], m_count[1], m_count[2]);
+        std::printf("%llu ok, %s, %s\n", static_cast<unsigned long long>(m_count[0]),
+                    Counted(m_count[1], "warning").c_str(), Counted(m_count[2], "failure").c_str());
     }
     return m_exit;
 }

@@ -18,6 +18,7 @@ extern "C" {
 #include "apps/zem/demux.h"
 #include "apps/zem/mux.h"
 #include "apps/zem/output.h"
+#include "apps/zem/session.h"
 #include "apps/zem/terminal.h"
 #include "apps/zem/verbs.h"
 #include "mediaio/foreign/avdesc.h"
@@ -87,14 +88,6 @@ private:
     std::vector<ExportStream> m_streams;
 };
 
-void CheckFrame(const std::string& name, uint32_t position, const StreamFrame& frame) {
-    if (frame.status >= 0) return;
-    throw CZemError(ErrorKind::kRefused,
-                    Printable(name) + ": frame " + std::to_string(position) +
-                        " cannot be read: " + HresultText(frame.status),
-                    frame.status);
-}
-
 void CExport::Open(ExportStream& stream, ZemEsDesc& desc) {
     stream.token = m_session->Open(FileNamed(stream.name));
     desc = m_session->FileInfo(stream.token);
@@ -106,7 +99,7 @@ void CExport::ReadHeads() {
     COpenFile file(*m_session, m_session->Open(FileNamed(name)));
     const auto read = [&](uint32_t position) {
         const StreamFrame& frame = ReadOneFrame(*m_session, file.Token(), position);
-        CheckFrame(name, position, frame);
+        RequireRead(name, position, frame.status);
         return frame.data;
     };
     const size_t count = ReadClipHead(read(0));
@@ -192,7 +185,7 @@ int64_t CExport::DueAt(const ExportStream& stream) {
 
 void CExport::WriteNext(CMuxer& muxer, ExportStream& stream) {
     const StreamFrame& frame = ReadOneFrame(*m_session, stream.token, stream.next);
-    CheckFrame(stream.name, stream.next, frame);
+    RequireRead(stream.name, stream.next, frame.status);
     const StreamHead& head = stream.head;
     const int64_t dts = DueAt(stream);
     int64_t pts = dts;

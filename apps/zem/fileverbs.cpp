@@ -9,6 +9,7 @@
 #include "apps/zem/client/zemerror.h"
 #include "apps/zem/demux.h"
 #include "apps/zem/output.h"
+#include "apps/zem/session.h"
 #include "apps/zem/verbs.h"
 #include "mediaio/foreign/avdesc.h"
 
@@ -86,8 +87,8 @@ int Info(const CommandLine& line, const FileOptions& options) {
     std::printf("rate      %s\n", RateText(desc.rateNumerator, desc.rateDenominator).c_str());
     if (desc.width != 0) std::printf("size      %ux%u\n", desc.width, desc.height);
     if (desc.sampleRate != 0) {
-        std::printf("audio     %u Hz, %u channel(s), %u bits\n", desc.sampleRate, desc.channels,
-                    desc.bitsPerSample);
+        std::printf("audio     %u Hz, %s, %u bits\n", desc.sampleRate,
+                    Counted(desc.channels, "channel").c_str(), desc.bitsPerSample);
     }
     std::printf("timecode  %s\n", TimecodeText(desc.startTimecode).c_str());
     std::printf("flags     %s\n", EsFlagsText(desc.flags).c_str());

@@ -13,6 +13,7 @@ extern "C" {
 #include "apps/zem/client/zemerror.h"
 #include "apps/zem/demux.h"
 #include "apps/zem/output.h"
+#include "apps/zem/session.h"
 #include "apps/zem/terminal.h"
 #include "apps/zem/verbs.h"
 
@@ -43,10 +44,6 @@ std::string Md5Of(std::span<const uint8_t> data) {
     return text;
 }
 
-bool IsGap(int32_t status) {
-    return status == kErrorFrameHole || status == kErrorFrameErased;
-}
-
 // Calls `visit` for every frame from the first to the end of the file or of the count, gaps
 // included (their status tells). Returns how many positions were seen. Any other failure of a frame
 // is thrown.
@@ -59,12 +56,7 @@ uint32_t ForEachFrame(CZemClient& client, uint64_t token, const FrameOptions& op
         const uint32_t position = options.from + seen;
         const StreamFrame& frame = ReadOneFrame(client, token, position);
         if (frame.status == kHrEndOfMedia) break;
-        if (frame.status < 0 && !IsGap(frame.status)) {
-            throw CZemError(ErrorKind::kRefused,
-                            Printable(options.name) + ": frame " + std::to_string(position) +
-                                " cannot be read: " + HresultText(frame.status),
-                            frame.status);
-        }
+        if (!IsGap(frame.status)) RequireRead(options.name, position, frame.status);
         visit(position, frame);
     }
     return seen;
@@ -144,7 +136,8 @@ int Read(const CommandLine& line, const FrameOptions& options) {
                                                  std::to_string(options.from));
     }
     output.Finish();
-    if (gaps > 0) std::fprintf(stderr, "zem: %u missing frame(s) were left out\n", gaps);
+    if (gaps > 0)
+        std::fprintf(stderr, "zem: left out: %s\n", Counted(gaps, "missing frame").c_str());
     if (line.json) {
         CJson json;
         json.Open('{').Text("name", options.name).Text("output", options.output);
@@ -239,10 +232,9 @@ void AddFrameVerbs(CLI::App& app, CommandLine& line) {
         std::make_shared<FrameOptions>(), &FrameMd5);
 
     auto read = std::make_shared<FrameOptions>();
-    CLI::App* verb = Add(group, "read",
-                         "Write the frames' data, one after another, to a "
-                         "file or a pipe",
-                         read, &Read);
+    CLI::App* verb =
+        Add(group, "read", "Write the frames' data, one after another, to a file or a pipe", read,
+            &Read);
     verb->add_option("-o,--output", read->output, "File; - is stdout")
         ->type_name(kTypeFile)
         ->capture_default_str();
@@ -250,13 +242,11 @@ void AddFrameVerbs(CLI::App& app, CommandLine& line) {
 
     auto frames = std::make_shared<FrameOptions>();
     verb = Add(group, "frames",
-               "List the frames: size, flags (Key, Present, Erased, "
-               "Corrupt), timecode",
-               frames, &Frames);
-    CLI::Option* by_name =
-        verb->add_flag("--by-name", frames->byName,
-                       "Ask without opening the file; few names survive what the "
-                       "protocol does to them");
+               "List the frames: size, flags (Key, Present, Erased, Corrupt), timecode", frames,
+               &Frames);
+    CLI::Option* by_name = verb->add_flag(
+        "--by-name", frames->byName,
+        "Ask without opening the file; few names survive what the protocol does to them");
     verb->add_option("--rate", frames->rate,
                      "Count positions in this rate: 0 the file's own, 1 23.976, 2 24, 3 25, "
                      "4 29.97, 5 30, 6 50, 7 59.94, 8 60")

@@ -58,9 +58,7 @@ public:
         const bool verbs = !app->get_subcommands([](const CLI::App*) { return true; }).empty();
         for (const CLI::Option* option : app->get_options()) {
             if (option->nonpositional() || !option->get_positional()) continue;
-            const ArgumentRow row = RowOf(*option);
-            const std::string word = row.names.front() + (row.many ? "..." : "");
-            text += row.required ? " " + word : " [" + word + "]";
+            text += PlaceOf(RowOf(*option));
         }
         return text + (verbs ? " VERB" : "") + " [options]\n\n";
     }

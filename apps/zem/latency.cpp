@@ -4,8 +4,24 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <cstdio>
 
 namespace zem {
+
+std::string LatencyText(double duration_us) {
+    // Bounds of half a digit less: what is rounded up to 1000 has the next unit.
+    constexpr double kMost = 999.5;
+    std::array<char, 32> text{};
+    if (duration_us < kMost)
+        std::snprintf(text.data(), text.size(), "%.0f us", duration_us);
+    else if (duration_us < kMost * 1e3)
+        std::snprintf(text.data(), text.size(), "%.3g ms", duration_us / 1e3);
+    else if (duration_us < kMost * 1e6)
+        std::snprintf(text.data(), text.size(), "%.3g s", duration_us / 1e6);
+    else
+        std::snprintf(text.data(), text.size(), "%.0f s", duration_us / 1e6);
+    return text.data();
+}
 
 size_t CLatency::BucketOf(uint64_t value) {
     if (value < (uint64_t{1} << kFineBits)) return static_cast<size_t>(value);

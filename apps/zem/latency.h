@@ -5,8 +5,12 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 namespace zem {
+
+// For people, three digits: "42 us", "5.18 ms", "1.25 s".
+std::string LatencyText(double duration_us);
 
 class CLatency {
 public:

@@ -95,6 +95,11 @@ std::string NamesOf(const ArgumentRow& row) {
     return NamesOf(row, "", "", "");
 }
 
+std::string PlaceOf(const ArgumentRow& row) {
+    const std::string word = row.names.front() + (row.many ? "..." : "");
+    return row.required ? " " + word : " [" + word + "]";
+}
+
 std::string HelpOf(const ArgumentRow& row) {
     std::string text = row.help;
     if (!row.choices.empty()) {
@@ -118,9 +123,7 @@ std::string Sentence(const std::string& text) {
 std::string UsageOf(const VerbRow& verb) {
     std::string text = verb.name;
     for (const ArgumentRow& row : verb.arguments) {
-        if (!row.positional) continue;
-        const std::string word = row.names.front() + (row.many ? "..." : "");
-        text += row.required ? " " + word : " [" + word + "]";
+        if (row.positional) text += PlaceOf(row);
     }
     return text;
 }
@@ -247,7 +250,7 @@ std::string ManPage(const std::vector<VerbRow>& table) {
     page += ".SH EXAMPLES\n";
     for (const ExampleRow& row : kExamples)
         page += ".TP\n.B " + Roff(row.command) + "\n" + Roff(row.meaning) + "\n";
-    return page + ".SH SEE ALSO\n.BR zemhost (8)\n";
+    return page + ".SH SEE ALSO\n.BR zemfsck (1),\n.BR zemhost (8)\n";
 }
 
 std::string ManualMarkdown(const std::vector<VerbRow>& table) {

@@ -34,7 +34,9 @@ struct VerbRow {
 
 ArgumentRow RowOf(const CLI::Option& option);
 std::string NamesOf(const ArgumentRow& row);  // "-o, --output FILE"
-std::string HelpOf(const ArgumentRow& row);   // with choices and what holds without it
+std::string PlaceOf(
+    const ArgumentRow& row);  // in a usage line, of a positional: " NAME...", " [NAME]"
+std::string HelpOf(const ArgumentRow& row);  // with choices and what holds without it
 
 // Makes zem --help and zem VERB --help from the same rows.
 void SetHelpForm(CLI::App& app);

@@ -9,24 +9,18 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
-#include <array>
 #include <cstring>
 #include <filesystem>
 #include <iterator>
 #include <string_view>
 #include <vector>
 
+#include "apps/zem/averror.h"
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
 
 namespace zem {
 namespace {
-
-[[noreturn]] void ThrowAv(const std::string& path, int error, const char* what) {
-    std::array<char, AV_ERROR_MAX_STRING_SIZE> text{};
-    av_strerror(error, text.data(), text.size());
-    throw CZemError(ErrorKind::kLocalFile, Printable(path) + ": " + what + ": " + text.data());
-}
 
 struct FilterDeleter {
     void operator()(AVBSFContext* filter) const { av_bsf_free(&filter); }

@@ -48,6 +48,10 @@ bool ParseBytes(std::string_view text, uint64_t& bytes) {
     return true;
 }
 
+std::string Counted(uint64_t count, const char* what) {
+    return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+}
+
 void CJson::Begin(std::string_view key) {
     if (!m_first) m_text += ",";
     m_first = false;

@@ -8,6 +8,7 @@
 #include "apps/zem/client/zemerror.h"
 #include "apps/zem/output.h"
 #include "apps/zem/serverpages.h"
+#include "apps/zem/session.h"
 #include "apps/zem/terminal.h"
 #include "apps/zem/verbs.h"
 

@@ -15,14 +15,6 @@ extern "C" {
 #include "mediaio/foreign/avdesc.h"
 
 namespace zem {
-namespace {
-
-// So much may be under way unconfirmed: a third of the smaller of the two frame memories that
-// servers have. A server whose disk falls behind drops frames without telling; waiting for its disk
-// now and then keeps it from that.
-constexpr uint64_t kFlushEvery_bytes = 40u << 20;
-
-}  // namespace
 
 int CPut::Run() {
     bool complete = false;
@@ -202,7 +194,7 @@ void CPut::Send(PutFile& file, std::span<const uint8_t> data, bool isKey) {
                         Printable(m_options.clip) + ": frame " + std::to_string(position) +
                             " has " + HumanBytes(data.size()) + ", more than a server can take");
     }
-    if (m_unconfirmed_bytes + data.size() > kFlushEvery_bytes) {
+    if (m_unconfirmed_bytes + data.size() > kUnconfirmed_bytes) {
         for (const PutFile& each : m_files)
             Flush(each.token);
         for (const PutFile& each : m_files)

@@ -14,7 +14,7 @@ extern "C" {
 #include "apps/zem/client/zemerror.h"
 #include "apps/zem/clipfile.h"
 #include "apps/zem/demux.h"
-#include "apps/zem/verbs.h"
+#include "apps/zem/session.h"
 
 namespace zem {
 

@@ -32,8 +32,8 @@ void CPut::Summary() const {
                     HumanBytes(file.total_bytes).c_str());
     }
     if (m_clip.SkippedStreams() > 0) {
-        std::printf("%d stream(s) that are neither video nor audio were left out\n",
-                    m_clip.SkippedStreams());
+        std::printf("left out, neither video nor audio: %s\n",
+                    Counted(static_cast<uint64_t>(m_clip.SkippedStreams()), "stream").c_str());
     }
 }
 
@@ -50,8 +50,7 @@ void AddPutVerbs(CLI::App& app, CommandLine& line) {
          false},
         {"import",
          "Bring a whole clip in: as put, with PCM cut to the pictures and a description, "
-         "NAME.clip, "
-         "from which export makes the clip again",
+         "NAME.clip, from which export makes the clip again",
          true},
     };
     for (const Verb& each : verbs) {

@@ -1,5 +1,6 @@
-// What several verbs share: a client that joined and stays alive, open files, files of this
-// machine. Main thread, but for the keep-alives.
+// See session.h.
+#include "apps/zem/session.h"
+
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -10,7 +11,6 @@
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
 #include "apps/zem/terminal.h"
-#include "apps/zem/verbs.h"
 
 namespace zem {
 
@@ -82,6 +82,18 @@ const StreamFrame& ReadOneFrame(CZemClient& client, uint64_t token, uint32_t pos
         if (frame.status != kHrNoResources || attempt == 6) return frame;
         std::this_thread::sleep_for(std::chrono::milliseconds(10 << attempt));
     }
+}
+
+bool IsGap(int32_t status) {
+    return status == kErrorFrameHole || status == kErrorFrameErased;
+}
+
+void RequireRead(const std::string& name, uint32_t position, int32_t status) {
+    if (status >= 0) return;
+    throw CZemError(ErrorKind::kRefused,
+                    Printable(name) + ": frame " + std::to_string(position) +
+                        " cannot be read: " + HresultText(status),
+                    status);
 }
 
 struct COutputFile::State {

@@ -45,13 +45,13 @@ public:
         m_http.SetStopCheck(&StopRequested);
         m_state.server = line.server;
         m_state.interval_s = options.interval_s;
+        m_state.onScreen = !line.json && StdoutIsTerminal() && isatty(STDIN_FILENO) == 1;
     }
 
     int Run() {
         // An address that is wrong is told at once; what fails later is waited for.
         Sample();
-        const bool screen = !m_line.json && StdoutIsTerminal() && isatty(STDIN_FILENO) == 1;
-        if (screen)
+        if (m_state.onScreen)
             Watch();
         else
             Print();

@@ -16,13 +16,6 @@ namespace {
 
 constexpr uint64_t kFreshSamples = 5;
 
-std::string Milliseconds(uint64_t duration_us) {
-    std::array<char, 32> text{};
-    std::snprintf(text.data(), text.size(), duration_us < 100000 ? "%.1f ms" : "%.0f ms",
-                  static_cast<double>(duration_us) / 1000);
-    return text.data();
-}
-
 double UsedPart(const VolumeStatus& volume) {
     const uint64_t free_bytes = std::min(volume.free_bytes, volume.total_bytes);
     return 1 - static_cast<double>(free_bytes) / static_cast<double>(volume.total_bytes);
@@ -168,16 +161,19 @@ std::vector<std::string> TopPicture(const TopState& state, size_t columns, size_
     std::array<char, 48> every{};
     std::snprintf(every.data(), every.size(), "every %g s, q ends", state.interval_s);
     rows.Add("zem top", Colour::kBold, state.server,
-             "  " + Printable(state.volume.serverName) + "   " + state.now + "   " + every.data());
+             "  " + Printable(state.volume.serverName) + "   " + state.now +
+                 (state.onScreen ? std::string("   ") + every.data() : ""));
     if (!state.failure.empty())
         rows.Add("No answer", Colour::kRed, " since " + state.failingSince + ": " + state.failure,
                  "");
     rows.Add("");
     AddVolume(rows, state.volume);
-    rows.Add("Answers", Colour::kBold, Milliseconds(state.last_us),
-             "   median " + Milliseconds(state.latency.Percentile_us(0.5)) + "   99 % within " +
-                 Milliseconds(state.latency.Percentile_us(0.99)) + "   worst " +
-                 Milliseconds(state.latency.Max_us()) + "   of " +
+    const auto within = [&](double part) {
+        return LatencyText(static_cast<double>(state.latency.Percentile_us(part)));
+    };
+    rows.Add("Answers", Colour::kBold, LatencyText(static_cast<double>(state.last_us)),
+             "   median " + within(0.5) + "   99 % within " + within(0.99) + "   worst " +
+                 LatencyText(static_cast<double>(state.latency.Max_us())) + "   of " +
                  std::to_string(state.latency.Count()));
     AddClients(rows, state);
     return rows.Take();

@@ -16,6 +16,7 @@ class TopState {
 public:
     std::string server;
     double interval_s = 1;
+    bool onScreen = false;  // a live picture, which a key ends
 
     void TakeLatency(uint64_t duration_us);
     // `now` is the time of day as it is shown.

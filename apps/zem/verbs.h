@@ -1,18 +1,12 @@
-// The verbs of the program zem. Each Add… function puts one group of verbs into the command line
-// and tells Run what to call. A verb talks to people on stdout and stderr and reports failure by
-// CZemError or its exit code. Main thread, but for the keep-alives.
+// The verbs of the program zem. Each Add… function puts one group of verbs into the command line;
+// the one that the user chose is CommandLine::verb. A verb talks to people on stdout and stderr and
+// reports failure by CZemError or its exit code. Main thread.
 #pragma once
 
-#include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <memory>
-#include <mutex>
 #include <span>
 #include <string>
-#include <thread>
 
 #include "apps/zem/client/zemclient.h"
 
@@ -51,80 +45,6 @@ struct CommandLine {
     void RequireId(const char* verb_name) const;
 };
 
-// Tells the server from time to time that the client is alive, on a connection and thread of its
-// own: a verb that waits for a pipe sends nothing for a while, and a server drops a client that was
-// silent for 50 seconds.
-class CKeepAlive {
-public:
-    CKeepAlive(const ConnectionOptions& options, int period_s);
-    ~CKeepAlive();
-    CKeepAlive(const CKeepAlive&) = delete;
-    CKeepAlive& operator=(const CKeepAlive&) = delete;
-
-private:
-    void Run();
-    CZemClient m_client;
-    const std::chrono::seconds m_period;
-    std::atomic<bool> m_stop{false};
-    std::mutex m_lock;
-    std::condition_variable m_wake;
-    std::thread m_thread;  // last: it uses all the others
-};
-
-// A client that joined. It leaves at the end unless it is to stay; a failed leave is no failure of
-// the verb.
-class CSession {
-public:
-    explicit CSession(const CommandLine& line, bool stay = false);
-    ~CSession();
-    CSession(const CSession&) = delete;
-    CSession& operator=(const CSession&) = delete;
-
-    CZemClient* operator->() { return &m_client; }
-    CZemClient& operator*() { return m_client; }
-
-private:
-    CSession(const CommandLine& line, const ConnectionOptions& options, bool stay);
-    CZemClient m_client;
-    bool m_stay;
-    std::unique_ptr<CKeepAlive> m_keepAlive;
-};
-
-// Closes its file when it goes out of scope; a file that was closed by then is left alone.
-class COpenFile {
-public:
-    COpenFile(CZemClient& client, uint64_t token) : m_client(client), m_token(token) {}
-    ~COpenFile();
-    COpenFile(const COpenFile&) = delete;
-    COpenFile& operator=(const COpenFile&) = delete;
-    uint64_t Token() const { return m_token; }
-    void Close();
-
-private:
-    CZemClient& m_client;
-    uint64_t m_token;
-};
-
-// Reads one frame; a server that is short of memory for a moment is asked again. The data stay
-// valid until the next call.
-const StreamFrame& ReadOneFrame(CZemClient& client, uint64_t token, uint32_t position);
-
-// A file of this machine that appears under its name only when it is complete.
-class COutputFile {
-public:
-    // "-" is stdout. Throws CZemError(kLocalFile) when the file exists and `force` is not set.
-    COutputFile(const std::string& path, bool force);
-    ~COutputFile();  // removes what is incomplete
-    COutputFile(const COutputFile&) = delete;
-    COutputFile& operator=(const COutputFile&) = delete;
-    void Write(std::span<const uint8_t> bytes);
-    void Finish();
-
-private:
-    struct State;
-    std::unique_ptr<State> m_state;
-};
-
 // The group of verbs under which help and manual list them.
 struct VerbGroup {
     CLI::App& app;
@@ -139,8 +59,6 @@ struct VerbGroup {
 // name a file of this machine are completed with files.
 inline constexpr const char* kTypeFile = "FILE";
 
-FileRef FileNamed(const std::string& name, const std::string& aux = {});
-std::string RateText(uint32_t numerator, uint32_t denominator);
 void PrintLine(const std::string& text);
 
 void AddPutVerbs(CLI::App& app, CommandLine& line);     // put import

@@ -220,6 +220,21 @@ TEST(ZemCliLatency, NothingAndTheLargest) {
     EXPECT_EQ(zem::CLatency::RowBound_us(5), 50u);
 }
 
+TEST(ZemCliLatency, IsToldInThreeDigits) {
+    const std::pair<double, const char*> told[] = {
+        {0, "0 us"},     {42, "42 us"},      {999, "999 us"},    {999.5, "1 ms"},
+        {1000, "1 ms"},  {5183, "5.18 ms"},  {92530, "92.5 ms"}, {999499, "999 ms"},
+        {999500, "1 s"}, {1.25e6, "1.25 s"}, {59.99e6, "60 s"},  {3600e6, "3600 s"},
+    };
+    for (const auto& [duration_us, text] : told)
+        EXPECT_EQ(zem::LatencyText(duration_us), text);
+}
+TEST(ZemCliOutput, CountsOneAndSeveral) {
+    EXPECT_EQ(zem::Counted(0, "client"), "0 clients");
+    EXPECT_EQ(zem::Counted(1, "client"), "1 client");
+    EXPECT_EQ(zem::Counted(2, "client"), "2 clients");
+}
+
 class ZemCliTop : public testing::Test {
 protected:
     ZemCliTop() {
@@ -256,6 +271,15 @@ TEST_F(ZemCliTop, TellsWhoCameAndWent) {
     EXPECT_FALSE(Shows("cam-2"));
     Take("10:00:09", {"cam-1", "cam-2", "cam-3"});
     EXPECT_TRUE(Shows("+ 10:00:09  cam-2")) << "it came back";
+}
+TEST_F(ZemCliTop, NamesTheKeyThatEndsItOnlyOnAScreen) {
+    Take("10:00:00", {});
+    EXPECT_TRUE(Shows("10:00:00"));
+    EXPECT_FALSE(Shows("q ends"));
+    state.onScreen = true;
+    EXPECT_TRUE(Shows("10:00:00   every 1 s, q ends"));
+    EXPECT_TRUE(
+        Shows("Answers  400 us   median 400 us   99 % within 400 us   worst 400 us   of 1"));
 }
 TEST_F(ZemCliTop, AListThatMayBeCutOffTellsNoChanges) {
     Take("10:00:00", {"a", "b"});
