@@ -130,8 +130,8 @@ CRequest MakeBare(Command command, uint32_t trans_id);  // leave, keep alive, re
 CRequest MakeCreateFile(uint32_t trans_id, std::u16string_view name, std::u16string_view aux,
                         const ZemEsDesc& desc, uint32_t create_flags);
 CRequest MakeOpenFile(uint32_t trans_id, const FileRef& file, bool open_bool);
-CRequest MakeToken(Command command, uint32_t trans_id,
-                   uint64_t token);  // close, info, marks, flush
+// close, info, marks, flush
+CRequest MakeToken(Command command, uint32_t trans_id, uint64_t token);
 CRequest MakeFileRef(Command command, uint32_t trans_id, const FileRef& file);  // info2, marks2
 CRequest MakeFrameDesc(uint32_t trans_id, uint64_t token, uint32_t position, int32_t count,
                        int32_t rate);
