@@ -2,9 +2,9 @@
 // thread.
 #include "mediaio/errorlog.h"
 
-#include <cstring>
-
 #include "mediaio/errorlog/errorlogsink.h"
+
+#include <cstring>
 
 namespace {
 

@@ -1,9 +1,9 @@
 // The error log's queue and writer thread.
 #include "mediaio/errorlog/errorlogsink.h"
 
-#include <cstring>
-
 #include "mediaio/errorlog.h"
+
+#include <cstring>
 
 namespace {
 

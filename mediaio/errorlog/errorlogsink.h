@@ -4,6 +4,11 @@
 // gone.
 #pragma once
 
+#include "mediaio/errorlog/lineassembler.h"
+#include "mediaio/errorlog/output.h"
+#include "mediaio/errorlog/record.h"
+#include "mediaio/errorlog/sink.h"
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -12,11 +17,6 @@
 #include <optional>
 #include <string>
 #include <thread>
-
-#include "mediaio/errorlog/lineassembler.h"
-#include "mediaio/errorlog/output.h"
-#include "mediaio/errorlog/record.h"
-#include "mediaio/errorlog/sink.h"
 
 class CErrorLogSink {
 public:

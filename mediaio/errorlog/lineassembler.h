@@ -3,12 +3,12 @@
 // Used by the writer thread only.
 #pragma once
 
+#include "mediaio/errorlog/record.h"
+
 #include <chrono>
 #include <optional>
 #include <string>
 #include <vector>
-
-#include "mediaio/errorlog/record.h"
 
 class CLineAssembler {
 public:

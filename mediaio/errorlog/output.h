@@ -3,12 +3,12 @@
 // ErrorLogConfigure while the writer waits).
 #pragma once
 
+#include "mediaio/errorlog/sink.h"
+
 #include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <string>
-
-#include "mediaio/errorlog/sink.h"
 
 // Opens, or creates, a file of any name for appending, without translation of line ends; null:
 // errno says why. The caller closes it. In output_posix.cpp and output_windows.cpp.

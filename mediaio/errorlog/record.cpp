@@ -2,10 +2,10 @@
 // thread.
 #include "mediaio/errorlog/record.h"
 
+#include "mediaio/errorlog.h"
+
 #include <algorithm>
 #include <cstdio>
-
-#include "mediaio/errorlog.h"
 
 namespace {
 

@@ -3,11 +3,11 @@
 // text by the writer thread.
 #pragma once
 
-#include <cstdint>
-#include <string>
-
 #include "mediaio/errorlog/sink.h"
 #include "platform/platform.h"
+
+#include <cstdint>
+#include <string>
 
 enum class ErrorRecordKind : uint8_t { kText, kScope, kOwner };
 

@@ -1,10 +1,10 @@
 // Loads the module with the container readers at its first use. It stays loaded: its threads may
 // still end what the last reader left.
-#include <dlfcn.h>
-
 #include "mediaio/errorlog.h"
 #include "mediaio/foreign/foreign.h"
 #include "mediaio/store/log.h"
+
+#include <dlfcn.h>
 
 namespace zemstore {
 namespace {

@@ -1,6 +1,11 @@
 // Asynchronous I/O by io_uring: a ring and a thread for each side of the queue, which submits,
 // reaps and runs completions. Others wake it through an event counter that the ring itself reads.
 // What the ring cannot do, or does only in part, is finished by an ordinary call.
+#include "mediaio/allocator/reservation.h"
+#include "mediaio/errorlog.h"
+#include "mediaio/store/asyncio.h"
+#include "mediaio/store/log.h"
+
 #include <fcntl.h>
 #include <liburing.h>
 #include <linux/falloc.h>
@@ -17,11 +22,6 @@
 #include <system_error>
 #include <thread>
 #include <vector>
-
-#include "mediaio/allocator/reservation.h"
-#include "mediaio/errorlog.h"
-#include "mediaio/store/asyncio.h"
-#include "mediaio/store/log.h"
 
 namespace zemstore {
 namespace {

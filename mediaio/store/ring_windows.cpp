@@ -3,14 +3,14 @@
 // file has to belong to a completion port); others wake it through an event. Flushes and holes,
 // which Windows has no asynchronous form of, go to the system's thread pool. What is done only in
 // part is finished by an ordinary call.
+#include "mediaio/allocator/reservation.h"
+#include "mediaio/store/asyncio.h"
+
 #include <cstring>
 #include <mutex>
 #include <system_error>
 #include <thread>
 #include <vector>
-
-#include "mediaio/allocator/reservation.h"
-#include "mediaio/store/asyncio.h"
 
 namespace zemstore {
 namespace {
