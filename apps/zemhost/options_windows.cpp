@@ -22,7 +22,7 @@ std::span<const Option> SystemOptions() {
 }
 
 const SystemHelp kSystemHelp = {
-    "Makes the media of a volume reachable over HTTP, until Ctrl-C; a second one ends it at "
+    "Makes the media of a volume reachable over HTTP, until Ctrl-C; a second one ends it at\n"
     "once.\n",
     "Settings stand in the registry (zemhttpd.reg lists them). Without any setting the port is 80\n"
     "on every address.\n"};
