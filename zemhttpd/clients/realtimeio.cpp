@@ -70,13 +70,15 @@ HRESULT CHttpCommandHandler::DoCmdSetIoRealTime(const ZemCommand& command) {
         WCHAR old[kNameUnits];
         if (GetRealTimeIoClient(old) && _wcsicmp(old, clientId) != 0) {
             scope.Trace(TEXT("%s: Disabling real-time IO for %s..."), clientId, old);
-            const CZemClientRef oldClient = LookupClient(old, true);
-            if (!oldClient)
-                ThrowError(scope, E_UNEXPECTED, kSourceCmdHdlr, kLineAmbiguous,
-                           TEXT("%s: Ambiguous old real-time client '%s': cannot switch real-time "
-                                "mode; transId %u!"),
-                           clientId, old, command.transId);
-            scope.SetResult(oldClient.Channel()->SetIoRealTime(FALSE));
+            {  // held no longer than needed: if it leaves now, its files close with this reference
+                const CZemClientRef oldClient = LookupClient(old, true);
+                if (!oldClient)
+                    ThrowError(scope, E_UNEXPECTED, kSourceCmdHdlr, kLineAmbiguous,
+                               TEXT("%s: Ambiguous old real-time client '%s': cannot switch "
+                                    "real-time mode; transId %u!"),
+                               clientId, old, command.transId);
+                scope.SetResult(oldClient.Channel()->SetIoRealTime(FALSE));
+            }
             SetRealTimeIoClient(TEXT(""));
             scope.Trace(TEXT("%s: Real-time IO disabled for %s"), clientId, old);
         }
