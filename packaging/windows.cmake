@@ -17,6 +17,7 @@ change_setting("; Every setting of the server, in the registry editor's export f
 ; What is read at start needs a restart of the service.")
 change_setting("\"0\"=\"/var/lib/zemhttpd/volume\"" [["0"="D:\\\\media"]])
 change_setting("\"ListenOnlyList\"=" "; Of every service that uses the system's HTTP interface, so only if that is wanted:\n; \"ListenOnlyList\"=")
+string(REPLACE "\n" "\r\n" settings "${settings}")
 file(WRITE ${CMAKE_BINARY_DIR}/zemhttpd.reg "${settings}")
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/packaging/zemhttpd.reg)
 install(FILES ${CMAKE_BINARY_DIR}/zemhttpd.reg DESTINATION .)

@@ -1,6 +1,6 @@
 // The one door to the operating system. The rest of the tree is written in Windows terms and
 // includes this file: on Windows it brings the system's own headers, elsewhere the layer that
-// supplies the same calls. Nothing else asks which system it is compiled for.
+// supplies the same calls. Beside it only atomicwait.h asks which system it is compiled for.
 #pragma once
 
 #ifdef _WIN32

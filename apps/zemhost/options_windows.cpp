@@ -25,7 +25,7 @@ const SystemHelp kSystemHelp = {
     "Makes the media of a volume reachable over HTTP, until Ctrl-C; a second one ends it at\n"
     "once.\n",
     "Settings stand in the registry (zemhttpd.reg lists them). Without any setting the port is 80\n"
-    "on every address.\n"};
+    "on every address. Exit code 6: the service control did not do what was asked.\n"};
 
 const SettingAdvice kSettingAdvice = {
     "the registry value HttpPort", "the registry value ListenOnlyList",

@@ -2,6 +2,7 @@
 // own and delivers controls on another; what serves is the same as on a console.
 #include "apps/zemhost/service.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "apps/zemhost/hostsystem.h"
@@ -75,13 +76,28 @@ void WINAPI ServiceMain(DWORD, LPWSTR*) {
     Report(SERVICE_STOPPED, 0, (*g_serve)());
 }
 
+// What a call writes that takes a buffer and its size, and gives the length or the size it wants.
+template <typename Call>
+WString TextOf(Call call) {
+    WString text(MAX_PATH, 0);
+    for (;;) {
+        const DWORD length = call(text.data(), static_cast<DWORD>(text.size()));
+        if (length < text.size()) return text.substr(0, length);
+        text.resize(std::max<size_t>(length, text.size() * 2));
+    }
+}
+
+// A service begins in the system's folder, so nothing in its command line is relative.
 WString CommandLine(const HostOptions& options) {
-    WCHAR program[MAX_PATH] = {};
-    GetModuleFileNameW(nullptr, program, MAX_PATH);
-    WString line = TEXT("\"");
-    line.append(program).append(TEXT("\" --service"));
-    if (!options.log.empty()) line.append(TEXT(" --log \"")).append(WidenText(options.log)) += u'"';
-    return line;
+    const WString program =
+        TextOf([](WCHAR* to, DWORD units) { return GetModuleFileNameW(nullptr, to, units); });
+    WString line = TEXT("\"") + program + TEXT("\" --service");
+    if (options.log.empty()) return line;
+    const WString given = WidenText(options.log);
+    const WString log = TextOf([&](WCHAR* to, DWORD units) {
+        return GetFullPathNameW(given.c_str(), units, to, nullptr);
+    });
+    return line + TEXT(" --log \"") + log + TEXT("\"");
 }
 
 int Install(const HostOptions& options) {
@@ -104,6 +120,8 @@ int Install(const HostOptions& options) {
     failure.lpsaActions = &restart;
     ChangeServiceConfig2W(service.Get(), SERVICE_CONFIG_FAILURE_ACTIONS, &failure);
     std::printf("The service zemhost is installed; start it with: sc start zemhost\n");
+    if (options.log.empty())
+        std::printf("What it says is lost; for a log, --remove it and repeat with --log FILE\n");
     return 0;
 }
 

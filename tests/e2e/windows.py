@@ -44,6 +44,8 @@ def by_itself(options, name, quiet=False):
 
 def run_case(found, name):
     result = unittest.TextTestRunner().run(unittest.TestSuite(test for test in found if name_of(test) == name))
+    if result.skipped:
+        return NOT_BEGUN
     if result.wasSuccessful():
         return PASSED
     if not result.testsRun or any('wire.NotStarted' in text for _, text in result.errors):
@@ -67,19 +69,23 @@ def probe(options, name):
     return None
 
 
+def complaint(options, name):
+    """What is wrong with a listed case: nothing where it begins and fails."""
+    passes = probe(options, name)
+    if passes is None:
+        return 'does not fail as it should: repeat with --case ' + name
+    return 'passes by now: take it off the list' if passes else ''
+
+
 def run_exempt(options, names):
     """Each listed case must begin, and must fail."""
     failed = False
     exempt = [name for name in names if listed(EXEMPT, options.suite, name)]
     for name in exempt:
-        passes = probe(options, name)
-        if passes is None:
-            print('FAIL: %s does not fail as it should: repeat with --case %s' % (name, name))
-        elif passes:
-            print('FAIL: %s passes by now: take it off the list' % name)
-        else:
-            print('exempt: %s.%s: %s' % (options.suite, name, listed(EXEMPT, options.suite, name)[2]))
-        failed = failed or passes is not False
+        wrong = complaint(options, name)
+        print('FAIL: %s %s' % (name, wrong) if wrong else
+              'exempt: %s.%s: %s' % (options.suite, name, listed(EXEMPT, options.suite, name)[2]))
+        failed = failed or bool(wrong)
     windows_server.stop_wine()
     for row in EXEMPT + ALONE + LONG + NO_SERVER + NOT_RUN:
         if row[0] == options.suite and not any(name.startswith(row[1]) for name in names):
@@ -133,7 +139,7 @@ def main():
 
     found = list(cases(unittest.defaultTestLoader.loadTestsFromModule(module)))
     if options.watch:
-        return PASSED if probe(options, options.watch) else FAILED
+        return PASSED if complaint(options, options.watch).startswith('passes') else FAILED
     if options.case:
         if listed(EXEMPT, options.suite, options.case):
             # That long for an answer that is not expected, and for the end of a server whose driver has stopped.
