@@ -21,8 +21,7 @@ namespace {
 // comes after kPipelineTurn runs at the latest: a larger batch would only be looked behind.
 constexpr int kBatch = kPipelineTurn;
 
-constexpr uint64_t kLook_ns = 50'000;  // before a thread sleeps
-constexpr uint64_t kSoon_ns = 80'000;  // a sleep so short was not worth it
+constexpr uint64_t kLook_ns = 60'000;  // before a thread sleeps; who takes longer is not looked for
 
 const unsigned kProcessors = std::thread::hardware_concurrency();
 
@@ -174,7 +173,7 @@ int CPortLanes::WaitForOne(CLane& here, epoll_event* events) {
     if (count == 0) count = epoll_wait(here.epoll, events, kBatch, -1);
     const void* const who = count == 1 ? events[0].data.ptr : nullptr;
     const bool again = who && here.last.exchange(who, std::memory_order_relaxed) == who;
-    here.alone.store(again && NowNs() - start_ns < kSoon_ns && kProcessors > 1,
+    here.alone.store(again && NowNs() - start_ns < kLook_ns && kProcessors > 1,
                      std::memory_order_relaxed);
     return count;
 }

@@ -145,7 +145,7 @@ TEST_F(PortLook, EndsSoonAndIsNotRepeatedForWhoTakesLonger) {
     for (int i = 0; i < 3; ++i)
         Visit(m_counter, 20'000);
     CVisit visit = Visit(m_counter, 1'000'000);
-    EXPECT_EQ(visit.looks, 10);
+    EXPECT_EQ(visit.looks, 12);
     EXPECT_EQ(visit.sleeps, 1);
     visit = Visit(m_counter, 20'000);
     EXPECT_EQ(visit.looks, 0);
