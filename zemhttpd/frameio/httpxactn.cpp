@@ -19,12 +19,10 @@ constexpr LONG kLineAllocate = 71;
 constexpr LONG kLineSemaphore = 85;
 constexpr LONG kCatchLineInit = 93;
 
-#ifndef NDEBUG
-bool AllZero(const void* bytes, size_t size) {
+[[maybe_unused]] bool AllZero(const void* bytes, size_t size) {  // asserted only
     const BYTE* const first = static_cast<const BYTE*>(bytes);
     return std::all_of(first, first + size, [](BYTE byte) { return byte == 0; });
 }
-#endif
 
 bool ReclaimWanted() {
     DWORD value = 0;
