@@ -64,14 +64,15 @@ private:
         bool SubmitWaiting();
         void Start(Slot& slot);
         void Finish(Slot& slot, int result);
-        void Reap(std::vector<Slot*>& done);
+        void Reap();
 
         const std::shared_ptr<Waiting> waiting;
         const bool realTime;
         io_uring ring{};
+        std::vector<Slot> slots;
+        std::vector<Slot*> done;  // the thread's; has room for all, so that it needs no memory
         int event = -1;
         uint64_t eventCount = 0;
-        std::vector<Slot> slots;
         char* scratch = nullptr;
         std::atomic<bool> signalled{false};
     };
@@ -101,8 +102,9 @@ void SayThatThereIsNoRing(int error) {
 CRingIo::Side::Side(std::shared_ptr<Waiting> shared, bool isRealTime)
     : waiting(std::move(shared)),
       realTime(isRealTime),
-      event(eventfd(0, EFD_CLOEXEC)),
-      slots(isRealTime ? kRealTimeSlots : kBackgroundSlots) {
+      slots(isRealTime ? kRealTimeSlots : kBackgroundSlots),
+      done(slots.size()),
+      event(eventfd(0, EFD_CLOEXEC)) {
     if (event < 0) throw std::bad_alloc();
     {
         const std::lock_guard hold(RingLock());
@@ -293,7 +295,8 @@ void CRingIo::Side::Finish(Slot& slot, int result) {
     waiting->queue.Finished(request);
 }
 
-void CRingIo::Side::Reap(std::vector<Slot*>& done) {
+void CRingIo::Side::Reap() {
+    done.clear();
     io_uring_cqe* entries[64];
     const unsigned count = io_uring_peek_batch_cqe(&ring, entries, 64);
     for (unsigned i = 0; i < count; ++i) {
@@ -323,8 +326,6 @@ void PreferThisThread() {
 void CRingIo::Side::Run() {
     EnterIoThread();
     if (realTime) PreferThisThread();
-    std::vector<Slot*> done;
-    done.reserve(slots.size());
     ArmWake();
     for (;;) {
         SubmitWaiting();
@@ -334,8 +335,7 @@ void CRingIo::Side::Run() {
             if (waiting->stop && queue.Empty(realTime) && queue.InFlight(realTime) == 0) return;
         }
         io_uring_submit_and_wait(&ring, 1);
-        done.clear();
-        Reap(done);
+        Reap();
         // The device works on while completions run here.
         if (SubmitWaiting()) io_uring_submit(&ring);
         for (Slot* slot : done) {
