@@ -13,10 +13,11 @@ class Result:
         self.ours = [getattr(ours, field) for ours, _ in pairs]
         self.theirs = [getattr(theirs, field) for _, theirs in pairs]
         self.ratios = [a / b for a, b in zip(self.ours, self.theirs)]
-        self.ratio = statistics.median(self.ratios)
-        spent = [ours.cpu_us / theirs.cpu_us for ours, theirs in pairs if theirs.cpu_us]
-        self.cpu_ratio = statistics.median(spent) if spent else None
+        # Of the medians, which decide; the ratios of the pairs are the spread.
+        self.ratio = statistics.median(self.ours) / statistics.median(self.theirs)
         self.cpu_us = statistics.median(ours.cpu_us for ours, _ in pairs)
+        their_cpu_us = statistics.median(theirs.cpu_us for _, theirs in pairs)
+        self.cpu_ratio = self.cpu_us / their_cpu_us if their_cpu_us else None
 
     def verdict(self):
         target, cpu_target = self.scenario.target, self.scenario.cpu_target
@@ -34,7 +35,8 @@ class Result:
         if self.scenario.cpu_target is not None:
             target += f'; CPU ≤ {self.scenario.cpu_target:g}'
         return [self.scenario.title, self.scenario.peer, spread(self.ours, unit(self.scenario)),
-                spread(self.theirs, unit(self.scenario)), spread(self.ratios, '', 3), f'{self.cpu_us:.1f}', cpu, target,
+                spread(self.theirs, unit(self.scenario)),
+                f'{self.ratio:.3f} [{min(self.ratios):.3f} .. {max(self.ratios):.3f}]', f'{self.cpu_us:.1f}', cpu, target,
                 self.verdict()]
 
 
