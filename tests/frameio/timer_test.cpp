@@ -77,6 +77,18 @@ TEST_F(Timer, StartXactionNamesTheCommand) {
     timer.Discard();
 }
 
+TEST_F(Timer, ALongNameIsCutWhereverItsEndFalls) {
+    const WString client(250, TEXT('c'));
+    for (const size_t units : {0u, 1u, 300u}) {
+        CZemHttpdXactionTimer timer;
+        timer.StartXaction(client.c_str(), WString(units, TEXT('d')).c_str(), 7);
+        const WString whole = TEXT("ZemHttpdXaction ") + client + TEXT(": ") +
+                              WString(units, TEXT('d')) + TEXT(", transId 7");
+        EXPECT_EQ(WString(timer.Name()), whole.substr(0, 259));
+        timer.Discard();
+    }
+}
+
 TEST_F(Timer, FiveHundredMillisecondsAreNotSlow) {
     clock.SetTick(1000);
     CZemHttpdXactionTimer timer;

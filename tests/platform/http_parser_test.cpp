@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cctype>
 #include <memory>
 #include <string>
 
@@ -194,8 +196,19 @@ TEST(Parser, KnowsEveryRequestHeaderInAnyCase) {
                                  "Translate",
                                  "User-Agent"};
     int id = 0;
-    for (const char* name : names)
-        EXPECT_EQ(FindRequestHeader(name, strlen(name)), id++) << name;
+    for (const std::string name : names) {
+        EXPECT_EQ(FindRequestHeader(name.data(), name.size()), id) << name;
+        std::string upper = name;
+        std::transform(upper.begin(), upper.end(), upper.begin(),
+                       [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+        EXPECT_EQ(FindRequestHeader(upper.data(), upper.size()), id++) << upper;
+        // Wherever another letter stands, it is another name.
+        for (size_t i = 0; i < name.size(); ++i) {
+            std::string other = name;
+            other[i] = other[i] == '-' ? 'q' : '-';
+            EXPECT_EQ(FindRequestHeader(other.data(), other.size()), kUnknownHeader) << other;
+        }
+    }
     EXPECT_EQ(FindRequestHeader("Zem-Id", 6), kUnknownHeader);
     EXPECT_EQ(FindRequestHeader("Hos", 3), kUnknownHeader);
     EXPECT_EQ(FindRequestHeader("Hosts", 5), kUnknownHeader);

@@ -123,6 +123,27 @@ TEST(Send, FieldsGoOutAsGiven) {
     EXPECT_LT(reply.head.find("zem-ver"), reply.head.find("X: ab"));
 }
 
+// The largest bodies that go out behind the header in one run, and the smallest that do not.
+TEST(Send, BodiesOfFewBytesArriveWhole) {
+    for (const size_t bytes : {1, 2, 255, 256, 257, 300}) {
+        std::string first(bytes / 2, 'a'), second(bytes - bytes / 2, 'b');
+        std::vector<HTTP_DATA_CHUNK> chunks = {Memory(first), Memory(second)};
+        HTTP_RESPONSE response = Response(chunks);
+        const std::string field(1500, 'f');  // with it the header has no room for more
+        HTTP_UNKNOWN_HEADER unknown = {1, static_cast<USHORT>(field.size()), "X", field.data()};
+        response.Headers.pUnknownHeaders = &unknown;
+        for (const USHORT fields : {USHORT{0}, USHORT{1}}) {
+            CExchange x;
+            response.Headers.UnknownHeaderCount = fields;
+            EXPECT_EQ(SendIt(x.server, x.block->Id(), response), NO_ERROR);
+            const CReply reply = x.client.Read();
+            EXPECT_EQ(reply.body, first + second);
+            EXPECT_EQ(reply.Field("Content-Length"), std::to_string(bytes));
+            EXPECT_EQ(reply.Field("X"), fields == 0 ? "(none)" : field);
+        }
+    }
+}
+
 TEST(Send, GivenLengthIsKeptAndAWrongOneClosesTheConnection) {
     for (const char* length : {"5", "100", "2"}) {
         CExchange x;
