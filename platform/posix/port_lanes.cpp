@@ -23,8 +23,6 @@ constexpr int kBatch = kPipelineTurn;
 
 constexpr uint64_t kLook_ns = 60'000;  // before a thread sleeps; who takes longer is not looked for
 
-const unsigned kProcessors = std::thread::hardware_concurrency();
-
 uint64_t NowNs() {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
@@ -161,7 +159,8 @@ CPollTarget* CPortLanes::Wait(int lane, int timeout_ms, bool may_sleep, bool* id
 // Waits as long as it takes. One client that asks for one thing after another is back sooner than a
 // sleeping thread can be woken: while all that came was the same client, and soon, the sockets are
 // looked at for a while before the thread sleeps. With more clients than one there is no need: the
-// others' requests fill the time, and the processor may be theirs.
+// others' requests fill the time, and the processor may be theirs. On a machine with one processor,
+// and so with one lane, it is the client's.
 int CPortLanes::WaitForOne(CLane& here, epoll_event* events) {
     const uint64_t start_ns = NowNs();
     int count = 0;
@@ -173,7 +172,7 @@ int CPortLanes::WaitForOne(CLane& here, epoll_event* events) {
     if (count == 0) count = epoll_wait(here.epoll, events, kBatch, -1);
     const void* const who = count == 1 ? events[0].data.ptr : nullptr;
     const bool again = who && here.last.exchange(who, std::memory_order_relaxed) == who;
-    here.alone.store(again && NowNs() - start_ns < kLook_ns && kProcessors > 1,
+    here.alone.store(again && NowNs() - start_ns < kLook_ns && m_count > 1,
                      std::memory_order_relaxed);
     return count;
 }

@@ -160,7 +160,7 @@ private:
         CNestedTarget nested;
     };
 
-    static int WaitForOne(CLane& here, epoll_event* events);
+    int WaitForOne(CLane& here, epoll_event* events);
     CPollTarget* Claim(int lane, const epoll_event* events, int count);
     bool IsOpen(int lane) const { return lane == 0 || (m_open.load() >> lane & 1) != 0; }
     bool Queued(int lane) const { return HasPackets() || HasReady(lane); }
