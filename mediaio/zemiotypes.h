@@ -184,7 +184,7 @@ static_assert(sizeof(ZemElemStrmIoData) == 16);
 // WriteFrame until it calls the completion routine. The library never keeps a pointer to it after
 // that call began: the routine may free it.
 struct ZemIoDesc {
-    uint64_t stamp;  // performance counter when the descriptor was made
+    uint64_t stamp;  // performance counter when the descriptor was made; 0 in the server's pool
     int32_t status;  // HRESULT of the whole I/O, set by the library before it completes
     uint64_t reserved;
     void (*completionRoutine)(void* context);

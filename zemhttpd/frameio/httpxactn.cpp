@@ -168,11 +168,8 @@ CFrameIoXactionPool::~CFrameIoXactionPool() {
 }
 
 void CFrameIoXactionPool::Initialize(CHttpCommandHandler* handler) {
-    LARGE_INTEGER now;
-    QueryPerformanceCounter(&now);
     for (CFrameIoXaction& block : m_blocks) {
         block.owner = handler;
-        block.ioDesc.stamp = static_cast<uint64_t>(now.QuadPart);
         block.streamData.entries = block.entries;
         block.ioDesc.streamData = &block.streamData;
         m_free[m_freeCount++] = &block;
