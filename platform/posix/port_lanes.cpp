@@ -177,7 +177,9 @@ int CPortLanes::WaitForOne(CLane& here, epoll_event* events) {
     return count;
 }
 
-// Returns the first and queues the others.
+// Returns the first and queues the others. The lane may have been closed since it was looked at:
+// then nobody comes for its list any more. Who closes it clears its bit and then shares the list,
+// this fills the list and then looks at the bit, so one of the two sees the other.
 CPollTarget* CPortLanes::Claim(int lane, const epoll_event* events, int count) {
     CPollTarget* first = nullptr;
     bool left = false;
@@ -190,7 +192,11 @@ CPollTarget* CPortLanes::Claim(int lane, const epoll_event* events, int count) {
             left |= m_lanes[lane].ready.Push(target);
         }
     }
-    if (left && HasSleeper(lane)) Wake(lane);
+    if (left && !IsOpen(lane)) {
+        Share(lane);
+    } else if (left && HasSleeper(lane)) {
+        Wake(lane);
+    }
     return first;
 }
 

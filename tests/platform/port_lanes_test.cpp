@@ -8,7 +8,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
+#include <functional>
 #include <random>
 #include <thread>
 #include <utility>
@@ -61,6 +63,7 @@ public:
     CCounter() : m_fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
     ~CCounter() { close(m_fd); }
     bool Claim(uint32_t) override {
+        if (m_on_claim) m_on_claim();
         int state = m_state.load();
         for (;;) {
             if (state == kOwnedEvent) return false;
@@ -88,6 +91,7 @@ public:
         return false;
     }
     int m_lane = 0;
+    std::function<void()> m_on_claim;
 
 private:
     static constexpr int kIdle = 0, kOwned = 1, kOwnedEvent = 2;
@@ -219,6 +223,29 @@ TEST_F(PortLanes, WhatWaitsInALaneThatClosesIsForAnybody) {
     EXPECT_EQ(m_lanes.Pop(2), nullptr);
 }
 
+// The worker of the lane was looking at the sockets when the lane was taken from it; it comes back
+// to lane 0.
+TEST_F(PortLanes, WhatComesInALaneThatClosesMeanwhileIsForAnybody) {
+    CCounter second, third;
+    m_lanes.Open(1);
+    ASSERT_TRUE(m_lanes.Move(0, 1, m_counter.Fd(), kEvents, &m_counter));
+    for (CCounter* counter : {&second, &third})
+        ASSERT_TRUE(m_lanes.Add(1, counter->Fd(), kEvents, counter));
+    bool closed = false;
+    for (CCounter* counter : {&m_counter, &second, &third}) {
+        counter->m_on_claim = [&] {
+            if (!std::exchange(closed, true)) m_lanes.Close(1);
+        };
+        counter->Write();
+    }
+    bool idle;
+    EXPECT_NE(m_lanes.Wait(1, 0, true, &idle), nullptr);
+    EXPECT_TRUE(closed);
+    EXPECT_NE(m_lanes.Pop(0), nullptr);
+    EXPECT_NE(m_lanes.Pop(0), nullptr);
+    EXPECT_EQ(m_lanes.Pop(0), nullptr);
+}
+
 TEST_F(PortLanes, NobodyFallsAsleepInAClosedLane) {
     m_lanes.Open(1);
     std::thread sleeper([&] {
@@ -255,8 +282,9 @@ TEST_F(PortLanes, WhatIsPushedWakesASleeperInWhateverLane) {
     EXPECT_EQ(got, &m_counter);
 }
 
-// Workers in every lane; two of the lanes open and close all the time, and whoever has a counter in
-// hand moves it on. Every write is read by somebody: who misses one would wait for ever.
+// Two of the lanes open and close all the time, their workers come to lane 0 meanwhile, and whoever
+// has a counter in hand moves it on. Every write is read by somebody: who misses one would wait for
+// ever.
 TEST_F(PortLanes, NoEventIsLostWhileLanesComeAndGo) {
     constexpr int kCounters = 24;
     constexpr uint64_t kWrites = 20000;
@@ -267,9 +295,11 @@ TEST_F(PortLanes, NoEventIsLostWhileLanesComeAndGo) {
         ASSERT_TRUE(m_lanes.Add(0, counter.Fd(), kEvents, &counter));
     std::atomic<uint64_t> read{0};
     std::atomic<bool> done{false};
-    const auto work = [&](int lane) {
-        std::minstd_rand random(seed + static_cast<unsigned>(lane));
+    std::array<std::atomic<bool>, 3> open{};
+    const auto work = [&](int own) {
+        std::minstd_rand random(seed + static_cast<unsigned>(own));
         while (!done.load()) {
+            const int lane = open[static_cast<size_t>(own)].load() ? own : 0;
             auto* counter = static_cast<CCounter*>(m_lanes.Pop(lane));
             bool idle;
             if (!counter)
@@ -304,7 +334,9 @@ TEST_F(PortLanes, NoEventIsLostWhileLanesComeAndGo) {
         while (!done.load()) {
             for (int lane : {1, 2}) {
                 m_lanes.Open(lane);
+                open[static_cast<size_t>(lane)].store(true);
                 std::this_thread::yield();
+                open[static_cast<size_t>(lane)].store(false);
                 m_lanes.Close(lane);
             }
         }
