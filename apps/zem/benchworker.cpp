@@ -43,8 +43,8 @@ CBenchWorker::CBenchWorker(const BenchPlan& plan, unsigned number, std::atomic<b
 }
 
 void CBenchWorker::Prepare() {
+    m_joined = true;  // also when a stop comes before the answer
     m_client.Join(0);
-    m_joined = true;
     if (!m_plan.file.empty()) {
         m_token = m_client.Open(FileNamed(m_name));
         m_frames = m_client.FileInfo(m_token).frameCount;
@@ -95,7 +95,8 @@ bool CBenchWorker::Due(Clock::time_point start, Clock::time_point& due) {
         due = start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(
                           static_cast<double>(result.frames) / m_plan.rate_per_s));
     }
-    if (due >= end) return false;
+    // However short the run and slow the server: what was measured is at least a frame.
+    if (due >= end && result.frames > 0) return false;
     // In short pieces: a stop must not wait for a slow rate.
     for (Clock::time_point now = Clock::now(); now < due; now = Clock::now()) {
         if (m_stop) return false;

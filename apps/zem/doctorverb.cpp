@@ -278,12 +278,15 @@ int CDoctor::Run() {
         Versions();
         Clock();
         Try("volume", "", [this] { Volume(); });
+        if (StopRequested()) throw CZemError(ErrorKind::kInterrupted, "stopped");
+        m_client->Http().SetStopCheck({});  // what comes now it also puts away
         const bool joined = Try("join", "the server's log has the reason", [this] { Join(); });
-        if (joined && !m_options.readOnly && Try("frames", kNoRights, [this] { Frames(); })) {
+        const bool writes = joined && !m_options.readOnly && !StopRequested();
+        if (writes && Try("frames", kNoRights, [this] { Frames(); }))
             Try("download", "", [this] { Download(); });
-        }
         if (!m_name.empty()) Try("delete", kNoRights, [this] { Delete(); });
         Try("leave", "the server drops a silent client by itself", [this] { m_client->Leave(); });
+        if (StopRequested()) throw CZemError(ErrorKind::kInterrupted, "stopped");
     }
     if (m_line.json) {
         m_json.Close().Unsigned("warnings", m_count[1]).Unsigned("failures", m_count[2]);

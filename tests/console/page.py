@@ -24,7 +24,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.abspath(os.path.join(HERE, '..', '..'))
 sys.path[:0] = [HERE, os.path.join(HERE, '..', 'e2e')]
 from browser import Browser  # noqa: E402
-from wire import JOIN, LEAVE, Client, Server, free_port  # noqa: E402
+from wire import JOIN, LEAVE, Client, Server, closed_port  # noqa: E402
 
 PROGRAMS = None
 PAGE = os.path.join(ROOT, 'apps', 'console', 'console.html')
@@ -237,7 +237,8 @@ class Live(unittest.TestCase):
         self.page.run('''(() => { const s = document.createElement("script"); s.textContent = "window.pwned = 1";
                           document.body.append(s); document.body.setAttribute("onclick", "window.pwned = 2"); document.body.click(); })()''')
         self.assertEqual(self.page.run('typeof window.pwned'), 'undefined')
-        self.assertTrue(self.page.run('fetch("http://127.0.0.1:%d/").then(() => false, () => true)' % free_port()))
+        with closed_port() as port:
+            self.assertTrue(self.page.run('fetch("http://127.0.0.1:%d/").then(() => false, () => true)' % port))
         self.assertTrue(self.page.run('fetch("http://localhost:%d/media/status").then(() => false, () => true)' % self.server.port))
 
     def test_it_asks_only_this_server(self):

@@ -1,6 +1,7 @@
 """The command protocol written out by hand, and a zemhost process to speak it to. Standard library only; shares no code
 with the server. Sizes and offsets are literal on purpose: this file is the second opinion."""
 
+import contextlib
 import os
 import re
 import shutil
@@ -228,6 +229,14 @@ def free_port():
     with socket.socket() as probe:
         probe.bind(('127.0.0.1', 0))
         return probe.getsockname()[1]
+
+
+@contextlib.contextmanager
+def closed_port():
+    """A port that nobody listens on, and nobody else can take meanwhile."""
+    with socket.socket() as held:
+        held.bind(('127.0.0.1', 0))
+        yield held.getsockname()[1]
 
 
 class NotStarted(RuntimeError):

@@ -37,8 +37,8 @@ TEST_F(ZemCli, FailuresAreJsonToo) {
         refused.out,
         "{\"error\":\"media/none: there is no such file\",\"exit_code\":1,\"hresult\":null}\n");
     EXPECT_EQ(refused.err, "zem: media/none: there is no such file\n");
-    const Outcome away =
-        RunOn("http://127.0.0.1:" + std::to_string(UnusedPort()), {"--json", "status"});
+    const CClosedPort nowhere;
+    const Outcome away = RunOn(nowhere.Url(), {"--json", "status"});
     EXPECT_EQ(away.code, 3);
     EXPECT_TRUE(Has(away.out, "\"exit_code\":3")) << away.out;
     const Outcome usage = Run({"read", "media/v", "--json"});
@@ -56,8 +56,8 @@ TEST_F(ZemCli, TheServerMayComeFromTheEnvironment) {
     EXPECT_EQ(shell(" status"), 0);
     EXPECT_TRUE(Has(Contents(m_dir / "out"), m_server.Url()));
     m_server.Settle();
-    const std::string nowhere = "http://127.0.0.1:" + std::to_string(UnusedPort());
-    EXPECT_EQ(shell(" --server " + nowhere + " status"), 3) << "the option goes first";
+    const CClosedPort nowhere;
+    EXPECT_EQ(shell(" --server " + nowhere.Url() + " status"), 3) << "the option goes first";
 }
 
 TEST_F(ZemCli, ColoursAreAskedForOrNotThere) {
@@ -156,9 +156,9 @@ TEST_F(ZemCli, WrongUsageIs2AndSendsNothing) {
 }
 
 TEST_F(ZemCli, UnreachableServerIs3) {
-    const std::string nowhere = "http://127.0.0.1:" + std::to_string(UnusedPort());
-    EXPECT_EQ(RunOn(nowhere, {"status"}).code, 3);
-    EXPECT_EQ(RunOn(nowhere, {"framemd5", "media/x"}).code, 3);
+    const CClosedPort nowhere;
+    EXPECT_EQ(RunOn(nowhere.Url(), {"status"}).code, 3);
+    EXPECT_EQ(RunOn(nowhere.Url(), {"framemd5", "media/x"}).code, 3);
 }
 
 TEST_F(ZemCli, AnotherKindOfServerIs4) {

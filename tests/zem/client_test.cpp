@@ -1,6 +1,7 @@
 // The client library against a server that answers whatever the test wants.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <set>
 
@@ -107,7 +108,8 @@ TEST(ZemClientHttp, AddressAndIdAreChecked) {
 }
 
 TEST(ZemClientUnreachable, ConnectionRefused) {
-    CZemClient client(Options("http://127.0.0.1:" + std::to_string(UnusedPort())));
+    const CClosedPort nowhere;
+    CZemClient client(Options(nowhere.Url()));
     EXPECT_EQ(KindOf([&] { client.Join(0); }), ErrorKind::kUnreachable);
 }
 TEST(ZemClientUnreachable, ServerClosesWithoutAnAnswer) {
@@ -350,12 +352,44 @@ TEST(ZemClientPages, AnEndlessPageIsBrokenOff) {
     EXPECT_EQ(KindOf([&] { http.Get("/media/status"); }), ErrorKind::kBadReply);
 }
 
-TEST(ZemClientPages, StopCheckEndsATransfer) {
-    CFakeMedia media;
-    CScriptServer server(std::ref(media));
-    CZemClient client(Options(server.Url()));
-    client.Http().SetStopCheck([] { return true; });
-    EXPECT_EQ(KindOf([&] { client.Join(0); }), ErrorKind::kInterrupted);
+// A stop that comes when `code` has arrived at the server, before that is answered.
+class ZemClientStop : public testing::Test {
+protected:
+    void StopAt(uint32_t code) { m_code = code; }
+
+    CFakeMedia m_media;
+    uint32_t m_code = 0;
+    std::atomic<bool> m_stop{false};
+    CScriptServer m_server{[this](const ScriptRequest& request) {
+        if (request.body.substr(4, 4) == Le32(m_code)) m_stop = true;
+        return m_media(request);
+    }};
+    CZemClient m_client{Options(m_server.Url())};
+
+    void SetUp() override {
+        m_client.Http().SetStopCheck([this] { return m_stop.load(); });
+    }
+};
+
+TEST_F(ZemClientStop, BreaksARequestOff) {
+    StopAt(15);
+    EXPECT_EQ(KindOf([&] { m_client.Join(0); }), ErrorKind::kInterrupted);
+}
+
+TEST_F(ZemClientStop, SendsNothingMore) {
+    m_stop = true;
+    EXPECT_EQ(KindOf([&] { m_client.Join(0); }), ErrorKind::kInterrupted);
+    EXPECT_EQ(KindOf([&] { m_client.Create(u"media/v", u"", VideoDesc(), kFileWrite); }),
+              ErrorKind::kInterrupted);
+    EXPECT_TRUE(m_server.Requests().empty());
+}
+
+// Else a file would stay that nobody knows of, open for writing as long as its client lives.
+TEST_F(ZemClientStop, WaitsForTheAnswerToACreation) {
+    m_client.Join(0);
+    StopAt(1);
+    EXPECT_NE(m_client.Create(u"media/v", u"", VideoDesc(), kFileWrite), 0u);
+    EXPECT_EQ(KindOf([&] { m_client.KeepAlive(); }), ErrorKind::kInterrupted);
 }
 
 }  // namespace

@@ -1,9 +1,6 @@
 // zem put and import from outside: what arrives, and what they do when the server loses frames
 // without saying so.
-#include <signal.h>
-
 #include <algorithm>
-#include <utility>
 
 #include "tests/zem/zemcli.h"
 
@@ -134,25 +131,6 @@ TEST_F(ZemCli, PutOfWhatIsNoClipIs5AndTouchesNoServer) {
     std::ofstream(m_dir / "text.mov") << "this is no clip";
     EXPECT_EQ(Run({"put", "text.mov", "media/clip"}).code, 5);
     EXPECT_TRUE(m_server.Requests().empty());
-}
-
-TEST_F(ZemCli, AStoppedPutLeavesAndSaysWhatIsLeftBehind) {
-    MakeClip();
-    const fs::path pid_file = m_dir / "pid";
-    bool signalled = false;  // once: a second signal ends the program at once
-    CScriptServer server([&](const ScriptRequest& request) {
-        if (request.body.substr(4, 4) == Le32(4) && !std::exchange(signalled, true)) {
-            kill(std::stoi(Contents(pid_file)), SIGTERM);
-        }
-        return m_media(request);
-    });
-    const int code = Shell("sh -c 'echo $$ >pid; exec \"$0\" \"$@\"' " + Quoted(ZEM_PROGRAM) +
-                           " --server " + server.Url() + " put clip.mov media/clip 2>err");
-    server.Settle();
-    EXPECT_EQ(code, 130);
-    EXPECT_TRUE(Has(Contents(m_dir / "err"), "incomplete")) << Contents(m_dir / "err");
-    EXPECT_EQ(m_media.log.back(), "16");
-    EXPECT_LT(m_media.files["media/clip.v0"].frames.size(), 25u);
 }
 
 }  // namespace

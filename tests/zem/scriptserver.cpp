@@ -27,6 +27,10 @@ int BoundSocket(int& port) {
     return listener;
 }
 
+std::string UrlOf(int port) {
+    return "http://127.0.0.1:" + std::to_string(port);
+}
+
 void SendAll(int socket, const std::string& bytes) {
     for (size_t sent = 0; sent < bytes.size();) {
         const ssize_t n = send(socket, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
@@ -71,7 +75,7 @@ CScriptServer::~CScriptServer() {
 }
 
 std::string CScriptServer::Url() const {
-    return "http://127.0.0.1:" + std::to_string(m_port);
+    return UrlOf(m_port);
 }
 
 std::vector<ScriptRequest> CScriptServer::Requests() const {
@@ -145,10 +149,12 @@ void CScriptServer::Serve(int socket) {
     shutdown(socket, SHUT_RDWR);
 }
 
-int UnusedPort() {
-    int port = 0;
-    close(BoundSocket(port));
-    return port;
+CClosedPort::CClosedPort() : m_socket(BoundSocket(m_port)) {}
+CClosedPort::~CClosedPort() {
+    close(m_socket);
+}
+std::string CClosedPort::Url() const {
+    return UrlOf(m_port);
 }
 
 std::string Le16(uint16_t value) {

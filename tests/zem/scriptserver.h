@@ -56,8 +56,20 @@ private:
     std::thread m_acceptor;
 };
 
-// A port of 127.0.0.1 on which nothing listens (it was bound a moment ago).
-int UnusedPort();
+// A port of 127.0.0.1 that nobody listens on, and that nobody else can take as long as this lives.
+class CClosedPort {
+public:
+    CClosedPort();
+    ~CClosedPort();
+    CClosedPort(const CClosedPort&) = delete;
+    CClosedPort& operator=(const CClosedPort&) = delete;
+
+    std::string Url() const;
+
+private:
+    int m_port = 0;
+    const int m_socket;
+};
 
 std::string Le16(uint16_t value);
 std::string Le32(uint32_t value);

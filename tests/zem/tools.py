@@ -18,7 +18,7 @@ import unittest
 from email.utils import formatdate
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', 'e2e'))
-from wire import Server, free_port  # noqa: E402
+from wire import Server, closed_port  # noqa: E402
 
 PROGRAMS = None
 
@@ -58,7 +58,7 @@ class Bench(ServerCase):
         result = self.bench('--seconds', '0.5', '--connections', '3', '--frames', '8', '--frame-size', '64k')
         self.assertEqual([run['mode'] for run in result['runs']], ['write', 'read'])
         for run in result['runs']:
-            self.assertGreater(run['frames'], 3)
+            self.assertGreaterEqual(run['frames'], 3, 'one of each connection, however slow')
             self.assertEqual(run['bytes'], run['frames'] * 65536)
         self.assertEqual(result['lost'], 0)
         self.assertEqual(os.listdir(self.media), [])
@@ -86,7 +86,7 @@ class Bench(ServerCase):
         text = self.zem('bench', '--mode', 'write', '--seconds', '0.2', '--frames', '4', '--frame-size', '1k')
         self.assertRegex(text, r'write  \d+ frames in [\d.]+ s: \d+ frames/s, \d+ MB/s')
         self.assertRegex(text, r'latency  least .* median .* 90 % .* 99 % .* 99.9 % .* most ')
-        self.assertRegex(text, r'  up to +\d+ [um]s +\d+  #')
+        self.assertRegex(text, r'  up to +\d+ [um]?s +\d+  #')
         self.assertIn('All frames read back as they were written.', text)
 
     def test_a_folder_that_cannot_be_says_so(self):
@@ -104,9 +104,12 @@ class Bench(ServerCase):
         process = subprocess.Popen([PROGRAMS.zem, '--server', 'http://127.0.0.1:%d' % self.server.port, 'bench',
                                     '--seconds', '600', '--frames', '2', '--frame-size', '1k'],
                                    stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
-        end = time.monotonic() + 60
-        while len(os.listdir(self.media)) < 4 and time.monotonic() < end:
-            pass  # until all connections have made their files
+        def files():
+            return [name for name in os.listdir(self.media) if name.startswith('zem-bench')]
+
+        while len(files()) < 4:  # until all connections have made theirs
+            self.assertIsNone(process.poll(), 'it ended by itself')
+            time.sleep(0.01)
         process.terminate()
         _, errors = process.communicate(timeout=60)
         self.assertEqual((process.returncode, errors), (130, 'zem: stopped\n'))
@@ -114,7 +117,8 @@ class Bench(ServerCase):
         self.assertEqual(self.zem('clients'), 'No clients\n')
 
     def test_an_unreachable_server_is_3(self):
-        self.assertEqual(zem(free_port(), 'bench').returncode, 3)
+        with closed_port() as port:
+            self.assertEqual(zem(port, 'bench').returncode, 3)
 
 
 class Doctor(ServerCase):
@@ -163,7 +167,8 @@ class Doctor(ServerCase):
         self.assertNotIn('delete', found)
 
     def test_nobody_there_is_3(self):
-        done = zem(free_port(), 'doctor', '--json')
+        with closed_port() as port:
+            done = zem(port, 'doctor', '--json')
         self.assertEqual(done.returncode, 3)
         checks = json.loads(done.stdout)['checks']
         self.assertEqual([check['check'] for check in checks], ['reach'])

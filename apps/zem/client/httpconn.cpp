@@ -210,7 +210,7 @@ size_t CHttpConnection::OnBody(char* data, size_t size, size_t count, void* exch
 
 int CHttpConnection::OnProgress(void* connection, int64_t, int64_t, int64_t, int64_t) noexcept {
     const auto& self = *static_cast<CHttpConnection*>(connection);
-    return self.m_stop && self.m_stop() ? 1 : 0;
+    return self.m_onStop == OnStop::kBreakOff && self.m_stop && self.m_stop() ? 1 : 0;
 }
 
 CHttpConnection::CHttpConnection(ConnectionOptions options) : m_options(std::move(options)) {
@@ -278,6 +278,7 @@ void CHttpConnection::Perform(Exchange& exchange, std::string_view path) {
     m_handle->Set(CURLOPT_WRITEDATA, &exchange);
     m_handle->errorText[0] = '\0';
     const CURLcode code = curl_easy_perform(m_handle->curl);
+    m_onStop = OnStop::kBreakOff;
     if (exchange.sinkError) std::rethrow_exception(exchange.sinkError);
     if (exchange.stopped || code == CURLE_ABORTED_BY_CALLBACK)
         throw CZemError(ErrorKind::kInterrupted, "stopped");
@@ -293,7 +294,9 @@ void CHttpConnection::Perform(Exchange& exchange, std::string_view path) {
     }
 }
 
-HttpReply CHttpConnection::Post(std::span<const uint8_t> request, uint64_t limit_bytes) {
+HttpReply CHttpConnection::Post(std::span<const uint8_t> request, uint64_t limit_bytes,
+                                OnStop onStop) {
+    if (m_stop && m_stop()) throw CZemError(ErrorKind::kInterrupted, "stopped");
     Exchange exchange;
     exchange.limit_bytes = limit_bytes;
     m_handle->Set(CURLOPT_CUSTOMREQUEST, static_cast<const char*>(nullptr));
@@ -301,6 +304,7 @@ HttpReply CHttpConnection::Post(std::span<const uint8_t> request, uint64_t limit
     m_handle->Set(CURLOPT_HTTPHEADER, m_handle->postHeaders.get());
     m_handle->Set(CURLOPT_POSTFIELDS, reinterpret_cast<const char*>(request.data()));
     m_handle->Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.size()));
+    m_onStop = onStop;
     Perform(exchange, kCommandPath);
     return std::move(exchange.reply);
 }

@@ -42,10 +42,13 @@ public:
     CHttpConnection(const CHttpConnection&) = delete;
     CHttpConnection& operator=(const CHttpConnection&) = delete;
 
+    // What a stop does to a command that is on its way.
+    enum class OnStop { kBreakOff, kWaitForAnswer };
     // Sends one command and returns whatever was answered. An answer longer than `limit_bytes` is
     // broken off, so a server cannot make this process large. Throws CZemError: kUnreachable,
-    // kBadReply, kInterrupted.
-    HttpReply Post(std::span<const uint8_t> request, uint64_t limit_bytes);
+    // kBadReply, kInterrupted; with kWaitForAnswer the last only before anything is sent.
+    HttpReply Post(std::span<const uint8_t> request, uint64_t limit_bytes,
+                   OnStop onStop = OnStop::kBreakOff);
 
     // `path` begins with a slash and is already encoded. The text of the answer is kept up to 1
     // MiB.
@@ -76,6 +79,7 @@ private:
     ConnectionOptions m_options;
     std::unique_ptr<Handle> m_handle;
     std::function<bool()> m_stop;
+    OnStop m_onStop = OnStop::kBreakOff;  // of the request that is on its way
 };
 
 // Percent-encodes the UTF-8 `name` as a URL path with a leading slash; slashes stay.

@@ -60,8 +60,9 @@ uint32_t CZemClient::NextTransId() {
     return m_trans_id;
 }
 
-CheckedReply CZemClient::Exchange(CRequest request, size_t body_bytes) {
-    m_reply = m_http.Post(request.Finish(), kSmallReplyLimit_bytes);
+CheckedReply CZemClient::Exchange(CRequest request, size_t body_bytes,
+                                  CHttpConnection::OnStop onStop) {
+    m_reply = m_http.Post(request.Finish(), kSmallReplyLimit_bytes, onStop);
     return CheckReply(m_reply, request.Code(), request.TransId(), body_bytes);
 }
 
@@ -85,8 +86,11 @@ void CZemClient::SetIoRealTime() {
 
 uint64_t CZemClient::Create(std::u16string_view name, std::u16string_view aux,
                             const ZemEsDesc& desc, uint32_t create_flags) {
-    return TokenOf(Exchange(MakeCreateFile(NextTransId(), name, aux, desc, create_flags)), "create",
-                   name);
+    CRequest request = MakeCreateFile(NextTransId(), name, aux, desc, create_flags);
+    const size_t body_bytes = ReplyBodySize_bytes(request.Code());
+    return TokenOf(
+        Exchange(std::move(request), body_bytes, CHttpConnection::OnStop::kWaitForAnswer), "create",
+        name);
 }
 
 uint64_t CZemClient::Open(const FileRef& file, bool open_bool) {

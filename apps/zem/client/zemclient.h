@@ -28,7 +28,8 @@ public:
     void SetIoRealTime();
 
     // Files. Create and Open return a token that is never 0: the 0 of a failed operation is thrown
-    // as kRefused.
+    // as kRefused. A stop does not break a creation off once it is sent: who is told that a file
+    // was made can put it away.
     uint64_t Create(std::u16string_view name, std::u16string_view aux, const ZemEsDesc& desc,
                     uint32_t create_flags);
     uint64_t Open(const FileRef& file, bool open_bool = false);
@@ -76,7 +77,8 @@ public:
     CHttpConnection& Http() { return m_http; }
 
 private:
-    CheckedReply Exchange(CRequest request, size_t body_bytes);
+    CheckedReply Exchange(CRequest request, size_t body_bytes,
+                          CHttpConnection::OnStop onStop = CHttpConnection::OnStop::kBreakOff);
     CheckedReply Exchange(CRequest request);
     uint32_t NextTransId();
 
