@@ -238,6 +238,9 @@ ssize_t CHttpConnection::Receive(char* to, size_t room) {
         n = recv(m_fd, to, room, MSG_DONTWAIT);
     while (n < 0 && errno == EINTR);
     m_drained = n < static_cast<ssize_t>(room);
+    // A late event can have marked the slot's next connection. Who believed such a mark would read
+    // on for ever; a client that does close its side from here on is announced again.
+    if (n < 0 && errno == EAGAIN && m_hangup.load()) m_hangup.store(false);
     return n;
 }
 

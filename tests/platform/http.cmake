@@ -18,6 +18,7 @@ zem_test(platform_http LABEL platform
         ${CMAKE_CURRENT_LIST_DIR}/http_conformance_framing.cpp
         ${CMAKE_CURRENT_LIST_DIR}/http_conformance_requestline.cpp
         ${CMAKE_CURRENT_LIST_DIR}/http_conformance_test.cpp
+        ${CMAKE_CURRENT_LIST_DIR}/http_late_test.cpp
         ${CMAKE_CURRENT_LIST_DIR}/http_listen_test.cpp
         ${CMAKE_CURRENT_LIST_DIR}/http_load_test.cpp
         ${CMAKE_CURRENT_LIST_DIR}/http_port_test.cpp
