@@ -342,18 +342,20 @@ class Server:
         with open(self.log, encoding='utf-8', errors='replace') as text:
             return text.read()
 
-    def lines(self):
-        """The log's records; the further pieces of a long message ("... ") are put back to the first."""
+    def lines(self, older=()):
+        """The log's records, after those of the files that it had before; the further pieces of a long message ("... ")
+        are put back to the first."""
         records, last = [], {}
-        with open(self.log, encoding='utf-8') as text:
-            for line in text.read().splitlines():
-                match = re.match(r'.{23} \S+ +(\[\d+\]) (\S+\(\d+\) 0x[0-9a-f]+: )?(\.\.\. )?(.*)', line)
-                if match and match[3] and match[1] in last:
-                    records[last[match[1]]] += match[4]
-                    continue
-                if match:
-                    last[match[1]] = len(records)
-                records.append(line)
+        for file in [*older, self.log]:
+            with open(file, encoding='utf-8') as text:
+                for line in text.read().splitlines():
+                    match = re.match(r'.{23} \S+ +(\[\d+\]) (\S+\(\d+\) 0x[0-9a-f]+: )?(\.\.\. )?(.*)', line)
+                    if match and match[3] and match[1] in last:
+                        records[last[match[1]]] += match[4]
+                        continue
+                    if match:
+                        last[match[1]] = len(records)
+                    records.append(line)
         return records
 
     def wait_for_line(self, part, timeout_s=120):
