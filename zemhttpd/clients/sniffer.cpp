@@ -45,7 +45,7 @@ HRESULT CHttpCommandHandler::FindDeadClients(CDeadClients& dead) {
             dead.Append(client);
             return true;
         });
-    } catch (...) {  // Not reached in tests: nothing in the walk allocates or throws
+    } catch (...) {  // Not reached in tests: nothing in the walk throws
         LogCaught(scope, kSourceCmdHdlr, kCatchLineFind);
     }
     if (scope.Failed()) return scope.GetResult();
