@@ -234,6 +234,28 @@ class FrameMemory(unittest.TestCase):
             client.close()
 
 
+class OpenFiles(unittest.TestCase):
+    def test_a_client_that_only_opens(self):
+        """What it may have open is bounded; others' is theirs, and what it closes it may open again."""
+        server = Server(PROGRAM)
+        self.addCleanup(server.remove)
+        greedy, other = Client(server.port, 'greedy'), Client(server.port, 'other')
+        for client in (greedy, other):
+            client.join()
+        tokens = [greedy.create('clip')]
+        while len(tokens) < 2000 and tokens[-1]:
+            tokens.append(greedy.open('clip'))
+        self.assertEqual(tokens.index(0), 1024)
+        server.wait_for_line('0x%08x in CHttpCommandHandler::DoCmdOpenFile' % TOO_MANY_OPEN_FILES)
+        self.assertNotEqual(other.open('clip'), 0)
+        greedy.post(CLOSE, struct.pack('<Q', tokens[1]))
+        self.assertNotEqual(greedy.open('clip'), 0)
+        self.assertEqual(greedy.open('clip'), 0)
+        for client in (greedy, other):
+            self.assertEqual(client.post(LEAVE).status, 200)
+            client.close()
+
+
 def main():
     global PROGRAM
     arguments = sys.argv[1:]
