@@ -389,6 +389,28 @@ TEST_F(ReceiveLoop, ShutdownForgetsWritesInLine) {
     EXPECT_EQ(media.LiveAllocators(), 0);
 }
 
+// A block that the system may still write into is not freed: every receive is waited for, and what
+// else comes meanwhile is not taken for one.
+TEST_F(ReceiveLoop, ShutdownTakesBackEveryReceiveBesideAWriteWhoseTurnHasCome) {
+    Join();
+    CHttpXaction stranger;
+    {
+        const CZemClientRef client = server.LookupClient(TEXT("client"), false);
+        ASSERT_EQ(client.Record()->TakeTurn(stranger), ZemClient::ETurn::Mine);
+    }
+    CHttpXaction& write = Take();
+    Lay(write, OneByteWrite(3));
+    EXPECT_EQ(server.ProcessRequest(write), S_FALSE);
+    CHttpXaction& posted = Take();
+    Pool().ReceivePosted();
+    system.Complete(write.Overlapped(), kKey);  // and no worker is left for it
+    system.Complete(posted.Overlapped(), kKey, ERROR_OPERATION_ABORTED);
+    access.RequestQueue() = nullptr;  // the fixture's own, not opened here
+    server.Shutdown();
+    EXPECT_TRUE(system.Empty());
+    EXPECT_EQ(media.LiveChannels(), 0);
+}
+
 TEST_F(ReceiveLoop, PacketOfAStrangerIsIgnoredWhateverItSays) {
     ASSERT_EQ(server.InitRequestThreadPool(), S_OK);
     OVERLAPPED stranger{};

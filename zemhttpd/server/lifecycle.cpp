@@ -251,7 +251,9 @@ bool CHttpCommandHandler::TakeBackReceives() {
         const BOOL ok = GetQueuedCompletionStatus(m_completionPort, &moved_bytes, &key, &overlapped,
                                                   kTakeBack_ms);
         if (!ok && !overlapped) return false;
-        if (overlapped && m_xactionPool->Owns(overlapped)) m_xactionPool->ReceivePickedUp();
+        const CHttpXaction* xaction = overlapped ? m_xactionPool->Owns(overlapped) : nullptr;
+        // The packet of a write whose turn has come is none of a receive.
+        if (xaction && !xaction->InLine()) m_xactionPool->ReceivePickedUp();
     }
     return true;
 }
