@@ -4,7 +4,7 @@ import dataclasses
 import json
 import subprocess
 
-from peers import BUILD, ROOT, BenchError, cpu_seconds
+from peers import BUILD, ROOT, BenchError, Processors, cpu_seconds
 
 
 @dataclasses.dataclass
@@ -41,9 +41,9 @@ def _run(words):
     return result.stdout
 
 
-def load(peer, request, connections, seconds, threads=None, rate=0, idle=0, requests=0):
+def load(peer, request, connections, seconds, rate=0, idle=0, requests=0):
     words = [BUILD / 'bench/load', peer.port, *request.load_arguments(), '--connections', connections,
-             '--threads', threads or min(2, connections), '--seconds', seconds, '--idle', idle]
+             '--threads', min(len(Processors.clients), connections), '--seconds', seconds, '--idle', idle]
     if rate:
         words += ['--rate', rate]
     if requests:
@@ -57,7 +57,7 @@ def load(peer, request, connections, seconds, threads=None, rate=0, idle=0, requ
 
 
 def wrk(peer, request, connections, seconds):
-    words = ['wrk', '-t', min(2, connections), '-c', connections, '-d', f'{seconds}s', '--timeout', '10s',
+    words = ['wrk', '-t', min(len(Processors.clients), connections), '-c', connections, '-d', f'{seconds}s', '--timeout', '10s',
              '-s', ROOT / 'bench/request.lua', f'http://127.0.0.1:{peer.port}{request.path}', '--']
     if request.body:
         words.append(request.body)

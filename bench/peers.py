@@ -1,5 +1,6 @@
 """The servers that are measured, each started on a free port of 127.0.0.1 and ended by stop()."""
 
+import contextlib
 import os
 import pathlib
 import shutil
@@ -20,6 +21,30 @@ TICKS = os.sysconf('SC_CLK_TCK')
 
 class BenchError(Exception):
     pass
+
+
+class Processors:
+    """Where the servers run, and where their clients do."""
+    servers = clients = sorted(os.sched_getaffinity(0))
+
+    @classmethod
+    def pin(cls):
+        """The first half is the servers', the second the clients', this process among them."""
+        half = len(cls.servers) // 2
+        if half == 0:
+            raise BenchError('with one processor nobody can be pinned: bench/run --unpinned')
+        cls.servers, cls.clients = cls.servers[:half], cls.servers[half:]
+        os.sched_setaffinity(0, cls.clients)
+
+    @classmethod
+    @contextlib.contextmanager
+    def of_servers(cls):
+        """What is started inside belongs to the servers."""
+        os.sched_setaffinity(0, cls.servers)
+        try:
+            yield
+        finally:
+            os.sched_setaffinity(0, cls.clients)
 
 
 def children(pid):
@@ -45,7 +70,8 @@ class ZemHost:
         # wire.Server makes its volume where temporary files go.
         before, tempfile.tempdir = tempfile.tempdir, str(folder)
         try:
-            self.server = wire.Server(str(BUILD / 'bin/zemhost'), file_server=file_server)
+            with Processors.of_servers():
+                self.server = wire.Server(str(BUILD / 'bin/zemhost'), file_server=file_server)
         finally:
             tempfile.tempdir = before
         self.port = self.server.port
@@ -116,8 +142,9 @@ class Nginx:
             self.port = wire.free_port()
             conf = self.folder / 'conf'
             conf.write_text(self._configuration())
-            self.process = subprocess.Popen(
-                [binary, '-p', self.folder, '-c', conf, '-e', self.folder / 'error.log'], stderr=subprocess.DEVNULL)
+            with Processors.of_servers():
+                self.process = subprocess.Popen(
+                    [binary, '-p', self.folder, '-c', conf, '-e', self.folder / 'error.log'], stderr=subprocess.DEVNULL)
             while self.process.poll() is None:
                 try:
                     urllib.request.urlopen(f'http://127.0.0.1:{self.port}/media/', timeout=5).read()
@@ -131,7 +158,7 @@ class Nginx:
         places = ''.join(f'{kind}_temp_path {self.folder}/{kind};\n'
                          for kind in ('client_body', 'proxy', 'fastcgi', 'uwsgi', 'scgi'))
         return f'''{user}
-worker_processes 2;
+worker_processes {len(Processors.servers)};
 daemon off;
 pid {self.folder}/pid;
 worker_rlimit_nofile 20000;
@@ -172,9 +199,10 @@ class RawLoop:
         (self.folder / 'frame').write_bytes(data)
         for _ in range(5):
             self.port = wire.free_port()
-            self.process = subprocess.Popen(
-                [BUILD / 'bench/rawloop', mode, str(self.port), '2', self.folder / 'head', self.folder / 'frame'],
-                stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            with Processors.of_servers():
+                self.process = subprocess.Popen(
+                    [BUILD / 'bench/rawloop', mode, str(self.port), str(len(Processors.servers)), self.folder / 'head',
+                     self.folder / 'frame'], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
             if self.process.stdout.readline().strip() == b'ready':
                 return
             error = self.process.communicate()[1]
