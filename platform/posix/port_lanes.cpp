@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "platform/posix/http_limits.h"
+#include "platform/posix/processors.h"
 
 namespace posix {
 namespace {
@@ -91,8 +92,8 @@ CPortLanes::~CPortLanes() {
 }
 
 bool CPortLanes::Init(int count) {
-    if (count == 0) count = static_cast<int>(std::thread::hardware_concurrency());
-    m_count = std::clamp(count, 1, kMost);
+    m_looks = count != 1 && std::thread::hardware_concurrency() > 1;
+    m_count = std::clamp(count ? count : UsableProcessors(), 1, kMost);
     for (int i = 0; i < m_count; ++i) {
         CLane& lane = m_lanes[i];
         lane.epoll = epoll_create1(EPOLL_CLOEXEC);
@@ -126,7 +127,7 @@ int CPortLanes::HomeOf(int socket, int lane) const {
     socklen_t length = sizeof processor;
     if (getsockopt(socket, SOL_SOCKET, SO_INCOMING_CPU, &processor, &length) != 0 || processor < 0)
         return lane;
-    const int home = processor % m_count;
+    const int home = ProcessorPlace(processor) % m_count;
     return open >> home & 1 ? home : 0;
 }
 
@@ -159,8 +160,8 @@ CPollTarget* CPortLanes::Wait(int lane, int timeout_ms, bool may_sleep, bool* id
 // Waits as long as it takes. One client that asks for one thing after another is back sooner than a
 // sleeping thread can be woken: while all that came was the same client, and soon, the sockets are
 // looked at for a while before the thread sleeps. With more clients than one there is no need: the
-// others' requests fill the time, and the processor may be theirs. On a machine with one processor,
-// and so with one lane, it is the client's.
+// others' requests fill the time, and the processor may be theirs. On a machine with one processor
+// it is the client's.
 int CPortLanes::WaitForOne(CLane& here, epoll_event* events) {
     const uint64_t start_ns = NowNs();
     int count = 0;
@@ -172,8 +173,7 @@ int CPortLanes::WaitForOne(CLane& here, epoll_event* events) {
     if (count == 0) count = epoll_wait(here.epoll, events, kBatch, -1);
     const void* const who = count == 1 ? events[0].data.ptr : nullptr;
     const bool again = who && here.last.exchange(who, std::memory_order_relaxed) == who;
-    here.alone.store(again && NowNs() - start_ns < kLook_ns && m_count > 1,
-                     std::memory_order_relaxed);
+    here.alone.store(again && NowNs() - start_ns < kLook_ns && m_looks, std::memory_order_relaxed);
     return count;
 }
 

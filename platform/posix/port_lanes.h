@@ -71,7 +71,8 @@ public:
     CPortLanes(const CPortLanes&) = delete;
     CPortLanes& operator=(const CPortLanes&) = delete;
 
-    // False with errno set. One lane for each processor if not said otherwise, kMost at most.
+    // False with errno set. One lane for each processor that the process may run on if not said
+    // otherwise, kMost at most. A count of 1 stands for a machine with one processor.
     bool Init(int count = 0);
     int Count() const { return m_count; }
 
@@ -168,6 +169,7 @@ private:
 
     std::array<CLane, kMost> m_lanes;
     int m_count = 0;
+    bool m_looks = false;  // before a sleep, for a client that is alone
     CWakeTarget m_wake_target;
     std::atomic<uint32_t> m_open{0};  // a bit for each lane but 0
     std::atomic<uint32_t> m_changes{0};

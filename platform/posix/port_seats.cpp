@@ -9,8 +9,9 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <thread>
 #include <utility>
+
+#include "platform/posix/processors.h"
 
 namespace posix {
 namespace {
@@ -22,7 +23,7 @@ constexpr int kBusyWatches = 5;
 constexpr int kRetryWatches = 2500;
 constexpr int kWindowWatches = 50;
 
-const int kProcessors = std::max(1, static_cast<int>(std::thread::hardware_concurrency()));
+const int kProcessors = UsableProcessors();
 
 // The state letter of a thread of this process, as in proc(5); 0 when it cannot be read.
 char ThreadState(pid_t thread) {

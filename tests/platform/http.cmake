@@ -9,7 +9,8 @@ zem_test(platform_http_parts LABEL unit
         ${CMAKE_CURRENT_LIST_DIR}/../../platform/posix/http_names.cpp
         ${CMAKE_CURRENT_LIST_DIR}/../../platform/posix/http_parser.cpp
         ${CMAKE_CURRENT_LIST_DIR}/../../platform/posix/http_url.cpp
-        ${CMAKE_CURRENT_LIST_DIR}/../../platform/posix/port_lanes.cpp)
+        ${CMAKE_CURRENT_LIST_DIR}/../../platform/posix/port_lanes.cpp
+        ${CMAKE_CURRENT_LIST_DIR}/../../platform/posix/processors.cpp)
 zem_test(platform_http LABEL platform
     SOURCES
         ${CMAKE_CURRENT_LIST_DIR}/http_cooked_test.cpp
