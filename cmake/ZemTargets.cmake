@@ -73,6 +73,19 @@ function(zem_library name kind)
     endif()
 endfunction()
 
+# zem_optimise_whole(TARGET [OBJECTS]): what a request passes through is optimised as one piece when the library is linked
+# (a sixteenth of a small request's processor time). OBJECTS: the target that has its objects; whoever else links these
+# finds ordinary code in them.
+function(zem_optimise_whole name)
+    if(NOT ZEM_WHOLE)
+        return()
+    endif()
+    foreach(target ${name} ${ARGN})
+        target_compile_options(${target} PRIVATE -flto=auto -ffat-lto-objects)
+    endforeach()
+    target_link_options(${name} PRIVATE -flto=auto)
+endfunction()
+
 # zem_program(NAME SOURCES... [LIBS...]): a program in build/<preset>/bin.
 function(zem_program name)
     cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
