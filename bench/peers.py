@@ -217,6 +217,15 @@ class RawLoop:
         shutil.rmtree(self.folder)
 
 
+def raw_read_seconds(path, way):
+    """How long the bare loop needs to read a file once; `way`: direct (O_DIRECT) or cached."""
+    with Processors.of_servers():
+        result = subprocess.run([BUILD / 'bench/rawloop', 'read', path, way], capture_output=True, text=True)
+    if result.returncode != 0:
+        raise BenchError('rawloop read: ' + result.stderr)
+    return float(result.stdout)
+
+
 def answer_head(reply, frame_bytes):
     """All of an answer of ours but its last `frame_bytes`, for rawloop."""
     lines = [f'HTTP/1.1 {reply.status} {reply.reason}', *(f'{name}: {value}' for name, value in reply.headers)]

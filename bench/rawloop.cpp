@@ -5,6 +5,11 @@
 //   sendfile  the same with `sendfile` for the frame
 //   write     every request's body is received in place and HEAD answered; then comes CRC-32C, then
 //             `pwrite` to the next of 256 places of FRAME (a server that answers before it writes)
+//
+// And the least that a reader can do, nothing is sent:
+//
+//   read      FILE is read once from its beginning to its end, 1 MiB at a time, through the page
+//             cache or past it (`direct`); prints the seconds
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -13,6 +18,7 @@
 #include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -34,6 +40,7 @@ namespace {
 
 constexpr size_t kRoom = size_t{16} << 20;  // of one request
 constexpr unsigned kPlaces = 256;
+constexpr size_t kPiece = size_t{1} << 20;  // of what is read
 
 struct Setup {
     bool write = false;
@@ -166,17 +173,40 @@ std::string Contents(const char* name) {
     return bytes;
 }
 
+double Seconds() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+int ReadOnce(const char* name, bool direct) {
+    const int file = open(name, O_RDONLY | (direct ? O_DIRECT : 0));
+    if (file < 0) Fail(name);
+    void* piece = mmap(nullptr, kPiece, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (piece == MAP_FAILED) Fail("mmap");
+    const double begin = Seconds();
+    ssize_t n;
+    while ((n = read(file, piece, kPiece)) > 0) {
+    }
+    if (n < 0) Fail(name);
+    printf("%.6f\n", Seconds() - begin);
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     Setup setup;
+    if (argc == 4 && std::string_view(argv[1]) == "read")
+        return ReadOnce(argv[2], std::string_view(argv[3]) == "direct");
     const std::string_view mode = argc == 6 ? argv[1] : "";
     setup.write = mode == "write";
     setup.map = mode == "map";
     if (!setup.write && !setup.map && mode != "sendfile") {
         fputs(
             "usage: rawloop sendfile|map|write PORT THREADS HEAD_FILE FRAME_FILE\n"
-            "Answers on 127.0.0.1 until it is killed; prints \"ready\".\n",
+            "       rawloop read FILE direct|cached\n"
+            "Answers on 127.0.0.1 until it is killed; prints \"ready\". Or reads once.\n",
             stderr);
         return 2;
     }

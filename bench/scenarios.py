@@ -1,9 +1,7 @@
 """What is measured: a table of scenarios, each with a peer and a target."""
 
 import dataclasses
-import mmap
 import os
-import time
 from collections.abc import Callable
 from pathlib import Path
 
@@ -189,9 +187,8 @@ def table(bench, memory):
         read(64 * KIB, 1.2), read(256 * KIB, 1.2), read(MIB, 1.1), read(8 * MIB, 1.3),
         read(MIB, 1.0, 16), read(MIB, 1.0, 16, wrk), read(MIB, None, 1, wrk),
         *(read_raw(size, mode) for size in (64 * KIB, MIB, 8 * MIB) for mode in ('sendfile', 'map')),
-        *(Scenario(f'cold{mode}', 'READ_FRAME 1 MiB in order, not in the page cache', f'plain read{name}', 0.9,
-                   bench.cold_read, lambda s, flags=flags: plain_read(bench, flags))
-          for mode, name, flags in (('', '', 0), ('-direct', ', O_DIRECT', os.O_DIRECT))),
+        *(Scenario(f'cold-{way}', 'READ_FRAME 1 MiB in order, not in the page cache', f'rawloop read {way}', 0.9,
+                   bench.cold_read, lambda s, way=way: raw_read(bench, way)) for way in ('cached', 'direct')),
         Scenario('write-nginx', 'WRITE_FRAME 1 MiB, 4 connections', 'nginx PUT', 3.0,
                  lambda s: load(memory.zemhost, memory.write(MIB), 4, s),
                  lambda s: load(memory.nginx, memory.put(MIB), 4, s)),
@@ -217,25 +214,15 @@ def half_load(bench):
     return bench._last['half']
 
 
-def plain_read(bench, flags):
-    """The same bytes of a plain file that is not in the page cache, read in order, 1 MiB at a time."""
+def raw_read(bench, way):
+    """The same bytes of a plain file that is not in the page cache, read by the bare loop."""
     path = bench.folder / 'plain'
-    size = bench.COLD_FRAMES * MIB
     if not path.exists():
         with open(path, 'wb') as out:
             for _ in range(bench.COLD_FRAMES):
                 out.write(bench.data(MIB))
     forget(path)
-    buffer = mmap.mmap(-1, MIB)
-    fd = os.open(path, os.O_RDONLY | flags)
-    begin = time.monotonic()
-    try:
-        for at in range(0, size, MIB):
-            if os.preadv(fd, [buffer], at) != MIB:
-                raise peers.BenchError('a plain file is short')
-    finally:
-        os.close(fd)
-    return Sample(bench.COLD_FRAMES / (time.monotonic() - begin), 0, 0)
+    return Sample(bench.COLD_FRAMES / peers.raw_read_seconds(path, way), 0, 0)
 
 
 def floors(bench):
