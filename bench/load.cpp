@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -49,7 +50,7 @@ struct Setup {
     std::vector<std::string> headers;
     unsigned connections = 1;
     unsigned threads = 1;
-    unsigned idle = 0;  // connections that never send
+    unsigned idle = 0;  // further connections, silent
     double seconds = 1;
     uint64_t requests = 0;  // closed loop: ends after so many, unless 0
     double rate = 0;        // requests a second of all connections; 0: closed loop
@@ -385,10 +386,18 @@ void BuildRequest(Setup& setup) {
     }
 }
 
+void AskOnce(const Setup& setup, int fd) {
+    if (send(fd, setup.request.data(), setup.request.size(), MSG_NOSIGNAL) < 0) Fail("send");
+    pollfd answered{fd, POLLIN, 0};
+    poll(&answered, 1, -1);
+}
+
 Tally Measure(const Setup& setup, double* seconds) {
     std::vector<int> idle;
     for (unsigned i = 0; i < setup.idle; ++i)
         idle.push_back(Connect(setup));
+    // The server takes them in the order in which they came: who answers the last one has them all.
+    if (!idle.empty()) AskOnce(setup, idle.back());
     std::atomic<uint64_t> number{0};
     std::vector<std::unique_ptr<Loop>> loops;
     for (unsigned i = 0; i < setup.threads; ++i)
@@ -423,7 +432,7 @@ int main(int argc, char** argv) {
     app.add_option("--header", setup.headers, "header line; may be repeated");
     app.add_option("--connections", setup.connections)->check(CLI::Range(1, 100000));
     app.add_option("--threads", setup.threads)->check(CLI::Range(1, 64));
-    app.add_option("--idle", setup.idle, "further connections that never send")
+    app.add_option("--idle", setup.idle, "further connections, open and silent")
         ->check(CLI::Range(0, 100000));
     app.add_option("--seconds", setup.seconds)->check(CLI::PositiveNumber);
     app.add_option("--requests", setup.requests, "ends after so many, closed loop only");
