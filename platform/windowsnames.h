@@ -1,6 +1,6 @@
 // Which path below a folder means a plain file on Windows, where some names mean a device or a
-// stream of a file wherever they stand. Pure: it is compiled and tested on every system, and asked
-// where it matters.
+// stream of a file wherever they stand. Pure: it is compiled and tested on every system. The store
+// refuses such names everywhere, plain GET and DELETE only where they mean something else.
 #pragma once
 
 // REQUIRES: included by platform.h, which brings WCHAR and WStringView.

@@ -3,27 +3,24 @@
 #include "mediaio/store/names.h"
 
 #include <algorithm>
+#include <iterator>
 #include <string_view>
 
 namespace zemstore {
 namespace {
 
+constexpr size_t kMostPart_bytes = 255;
+
 bool IsDeviceName(std::string_view part) {
-    std::string stem(part.substr(0, part.find('.')));
-    while (!stem.empty() && stem.back() == ' ')
-        stem.pop_back();
-    std::transform(stem.begin(), stem.end(), stem.begin(), [](char c) {
-        return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
-    });
-    for (const char* name : {"CON", "PRN", "AUX", "NUL", "CONIN$", "CONOUT$"})
-        if (stem == name) return true;
-    const bool port = stem.size() == 4 && (stem.starts_with("COM") || stem.starts_with("LPT"));
-    return port && stem[3] >= '0' && stem[3] <= '9';
+    WCHAR wide[kMostPart_bytes];
+    const int length = MultiByteToWideChar(CP_UTF8, 0, part.data(), static_cast<int>(part.size()),
+                                           wide, static_cast<int>(std::size(wide)));
+    return windowsnames::IsDevice(WStringView(wide, static_cast<size_t>(length)));
 }
 
 HRESULT CheckPart(std::string_view part) {
     if (part == "..") return E_ACCESSDENIED;
-    if (part.size() > 255) return HRESULT_FROM_WIN32(ERROR_FILENAME_EXCED_RANGE);
+    if (part.size() > kMostPart_bytes) return HRESULT_FROM_WIN32(ERROR_FILENAME_EXCED_RANGE);
     for (const char c : part) {
         if (c == ':') return E_ACCESSDENIED;
         if (static_cast<unsigned char>(c) < 0x20 ||

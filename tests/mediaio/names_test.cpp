@@ -36,6 +36,8 @@ TEST(Names, Rules) {
         {TEXT("nul"), denied, nullptr},
         {TEXT("media/Com1.v0"), denied, nullptr},
         {TEXT("con .txt"), denied, nullptr},
+        {TEXT("media/LPT\u00b3.v0"), denied, nullptr},
+        {TEXT("com\u2070"), S_OK, "com\xE2\x81\xB0"},
         {TEXT("console"), S_OK, "console"},
         {TEXT("com10"), S_OK, "com10"},
         {TEXT("a*"), bad, nullptr},
