@@ -54,6 +54,13 @@ struct vdrTimecode_s {
     uint8_t hours;
 };
 static_assert(sizeof(vdrTimecode_s) == 4);
+inline constexpr uint8_t kTimecodeDropFrameBit = 0x40;  // in `frames`
+inline constexpr uint8_t kTimecodeFieldBit = 0x80;      // in `seconds`
+// The digits beside the flags.
+inline constexpr uint8_t kTimecodeFramesDigits = 0x3F;
+inline constexpr uint8_t kTimecodeSecondsDigits = 0x7F;
+inline constexpr uint8_t kTimecodeMinutesDigits = 0x7F;
+inline constexpr uint8_t kTimecodeHoursDigits = 0x3F;
 
 // Elementary-stream descriptor: what a file holds. A client fills it for CMD_CREATE_FILE
 // (frameCount and flags are then ignored) and receives it from CMD_GET_FILE_INFO. Fields that do

@@ -121,15 +121,18 @@ int FromBcd(int byte) {
 }  // namespace
 
 bool IsDropFrame(const vdrTimecode_s& timecode) {
-    return (timecode.frames & 0x40) != 0;
+    return (timecode.frames & kTimecodeDropFrameBit) != 0;
 }
 
 std::string TimecodeText(const vdrTimecode_s& timecode) {
     std::array<char, 32> text{};
     std::snprintf(text.data(), text.size(), "%02d:%02d:%02d%c%02d%s",
-                  FromBcd(timecode.hours & 0x3F), FromBcd(timecode.minutes & 0x7F),
-                  FromBcd(timecode.seconds & 0x7F), IsDropFrame(timecode) ? ';' : ':',
-                  FromBcd(timecode.frames & 0x3F), (timecode.seconds & 0x80) != 0 ? ".1" : "");
+                  FromBcd(timecode.hours & kTimecodeHoursDigits),
+                  FromBcd(timecode.minutes & kTimecodeMinutesDigits),
+                  FromBcd(timecode.seconds & kTimecodeSecondsDigits),
+                  IsDropFrame(timecode) ? ';' : ':',
+                  FromBcd(timecode.frames & kTimecodeFramesDigits),
+                  (timecode.seconds & kTimecodeFieldBit) != 0 ? ".1" : "");
     return text.data();
 }
 

@@ -9,16 +9,25 @@ extern "C" {
 #include <array>
 #include <cstdio>
 #include <numeric>
+#include <string_view>
 
 namespace zemav {
 namespace {
 
-constexpr uint32_t Fourcc(const char (&text)[5]) {
+constexpr uint32_t Fourcc(std::string_view text) {
     uint32_t code = 0;
-    for (int i = 0; i < 4; ++i)
+    for (size_t i = 0; i < 4; ++i)
         code |= static_cast<uint32_t>(static_cast<uint8_t>(text[i])) << (8 * i);
     return code;
 }
+
+// Tags up to here are AVI's numbers of sound formats, not four characters.
+constexpr uint32_t kLastFormatNumber = 0xFFFF;
+constexpr int kMostChannels = UINT16_MAX;  // room of the descriptor
+// Two rates that are less than a 2500th (0.04 %) apart are one: 24 and 23.976 differ by 0.1 %.
+constexpr int64_t kSameRatePart = 2500;
+// Above it an address names two frames: two digits of BCD have room for 39 beside the flags.
+constexpr uint32_t kMostAddressesPerSecond = 30;
 
 // QuickTime's codes, which tell the byte order of 16 bits only; the others, little-endian, are the
 // big-endian ones written backwards.
@@ -65,7 +74,7 @@ void DescribeAudio(const AVCodecParameters& codec, ZemEsDesc& desc) {
     desc.mediaType = kMediaFileAudio;
     desc.sampleRate = Positive(codec.sample_rate);
     const int channels = codec.ch_layout.nb_channels;
-    desc.channels = static_cast<uint16_t>(channels > 0 && channels <= 0xFFFF ? channels : 0);
+    desc.channels = static_cast<uint16_t>(channels > 0 && channels <= kMostChannels ? channels : 0);
     // A coded audio frame holds so many samples.
     if (codec.frame_size <= 1 || desc.sampleRate == 0) return;
     const uint32_t samples = Positive(codec.frame_size);
@@ -79,17 +88,15 @@ void DescribeAudio(const AVCodecParameters& codec, ZemEsDesc& desc) {
 uint32_t FourccOf(const AVCodecParameters& codec) {
     for (const auto& pcm : kPcmCodes)
         if (pcm.id == codec.codec_id) return pcm.code;
-    if (codec.codec_tag > 0xFFFF) return codec.codec_tag;  // AVI's numbers of sound are no codes
+    if (codec.codec_tag > kLastFormatNumber) return codec.codec_tag;
     const AVCodecTag* const tables[] = {avformat_get_mov_video_tags(),
                                         avformat_get_mov_audio_tags(),
                                         avformat_get_riff_video_tags(), nullptr};
-    if (const unsigned tag = av_codec_get_tag(tables, codec.codec_id); tag > 0xFFFF) return tag;
-    uint32_t code = 0;
+    if (const unsigned tag = av_codec_get_tag(tables, codec.codec_id); tag > kLastFormatNumber)
+        return tag;
     std::string name = avcodec_get_name(codec.codec_id);
     name.resize(4, ' ');
-    for (size_t i = 0; i < 4; ++i)
-        code |= static_cast<uint32_t>(static_cast<uint8_t>(name[i])) << (8 * i);
-    return code;
+    return Fourcc(name);
 }
 
 AVCodecID CodecOf(MediaFileType type, uint32_t fourcc) {
@@ -108,7 +115,8 @@ uint32_t PcmSampleSize(const AVCodecParameters& codec) {
     if (!name.starts_with("pcm_") || name.ends_with("_planar")) return 0;
     if (bits <= 0 || bits % 8 != 0 || codec.sample_rate <= 0) return 0;
     const int channels = codec.ch_layout.nb_channels;
-    return channels > 0 && channels <= 0xFFFF ? static_cast<uint32_t>(bits / 8 * channels) : 0;
+    return channels > 0 && channels <= kMostChannels ? static_cast<uint32_t>(bits / 8 * channels)
+                                                     : 0;
 }
 
 AVRational NearestRate(const AVRational& rate) {
@@ -117,11 +125,10 @@ AVRational NearestRate(const AVRational& rate) {
                                             {30, 1},       {48, 1},        {50, 1}, {60000, 1001},
                                             {60, 1},       {120000, 1001}, {120, 1}};
     for (const AVRational& known : kKnown) {
-        // Less than 0.04 % apart: 24 and 23.976 differ by 0.1 %.
         const int64_t here = int64_t{rate.num} * known.den;
         const int64_t there = int64_t{rate.den} * known.num;
         const int64_t apart = here > there ? here - there : there - here;
-        if (apart <= there / 2500) return known;
+        if (apart <= there / kSameRatePart) return known;
     }
     return rate;
 }
@@ -146,12 +153,13 @@ bool ParseTimecode(const std::string& text, bool pairs, vdrTimecode_s& timecode)
     if (hours < 0 || hours > 23 || minutes < 0 || minutes > 59 || seconds < 0 || seconds > 59)
         return false;
     if (mark != ':' && mark != ';' && mark != '.') return false;
-    // Two digits of BCD have room for 39 beside the flags: rates above 30 count pairs.
-    if (frames < 0 || frames > (pairs ? 59 : 29)) return false;
+    const auto limit =
+        static_cast<int>(pairs ? 2 * kMostAddressesPerSecond : kMostAddressesPerSecond);
+    if (frames < 0 || frames >= limit) return false;
     const bool secondOfPair = pairs && frames % 2 == 1;
-    timecode.frames =
-        static_cast<uint8_t>(Bcd(pairs ? frames / 2 : frames) | (mark == ':' ? 0 : 0x40));
-    timecode.seconds = static_cast<uint8_t>(Bcd(seconds) | (secondOfPair ? 0x80 : 0));
+    timecode.frames = static_cast<uint8_t>(Bcd(pairs ? frames / 2 : frames) |
+                                           (mark == ':' ? 0 : kTimecodeDropFrameBit));
+    timecode.seconds = static_cast<uint8_t>(Bcd(seconds) | (secondOfPair ? kTimecodeFieldBit : 0));
     timecode.minutes = Bcd(minutes);
     timecode.hours = Bcd(hours);
     return true;
@@ -159,17 +167,20 @@ bool ParseTimecode(const std::string& text, bool pairs, vdrTimecode_s& timecode)
 
 std::string TimecodeSpelling(const vdrTimecode_s& timecode, bool pairs) {
     const auto number = [](int bcd) { return (bcd >> 4) * 10 + (bcd & 0xF); };
-    int frames = number(timecode.frames & 0x3F);
-    if (pairs) frames = frames * 2 + ((timecode.seconds & 0x80) != 0 ? 1 : 0);
-    const char mark = (timecode.frames & 0x40) != 0 ? ';' : ':';
+    int frames = number(timecode.frames & kTimecodeFramesDigits);
+    if (pairs) frames = frames * 2 + ((timecode.seconds & kTimecodeFieldBit) != 0 ? 1 : 0);
+    const char mark = (timecode.frames & kTimecodeDropFrameBit) != 0 ? ';' : ':';
     std::array<char, 32> text{};
-    std::snprintf(text.data(), text.size(), "%02d:%02d:%02d%c%02d", number(timecode.hours & 0x3F),
-                  number(timecode.minutes & 0x7F), number(timecode.seconds & 0x7F), mark, frames);
+    std::snprintf(text.data(), text.size(), "%02d:%02d:%02d%c%02d",
+                  number(timecode.hours & kTimecodeHoursDigits),
+                  number(timecode.minutes & kTimecodeMinutesDigits),
+                  number(timecode.seconds & kTimecodeSecondsDigits), mark, frames);
     return text.data();
 }
 
 bool CountsPairs(const ZemEsDesc& desc) {
-    return desc.rateDenominator != 0 && desc.rateNumerator / desc.rateDenominator > 30;
+    return desc.rateDenominator != 0 &&
+           desc.rateNumerator / desc.rateDenominator > kMostAddressesPerSecond;
 }
 
 ZemEsDesc Describe(AVFormatContext& format, AVStream& stream) {
@@ -186,7 +197,7 @@ ZemEsDesc Describe(AVFormatContext& format, AVStream& stream) {
     }
     if (desc.mediaType != kMediaFileData) desc.bitsPerSample = static_cast<uint16_t>(BitsOf(codec));
     if (ParseTimecode(TimecodeOf(format, stream), CountsPairs(desc), desc.startTimecode) &&
-        (desc.startTimecode.frames & 0x40) != 0)
+        (desc.startTimecode.frames & kTimecodeDropFrameBit) != 0)
         desc.flags |= kEsFlagDropFrame;
     return desc;
 }

@@ -78,11 +78,14 @@ bool TimecodeToCount(const vdrTimecode_s& timecode, const FrameRate& rate, bool 
     uint32_t seconds;
     uint32_t frames;
     if (!CountingOf(rate, dropFrame, counting)) return false;
-    if (!FromBcd(timecode.hours & 0x3Fu, 24, hours) || (timecode.hours & 0xC0) != 0) return false;
-    if (!FromBcd(timecode.minutes & 0x7Fu, 60, minutes) || (timecode.minutes & 0x80) != 0)
+    const bool noFlags = (timecode.hours & ~kTimecodeHoursDigits) == 0 &&
+                         (timecode.minutes & ~kTimecodeMinutesDigits) == 0;
+    const uint32_t secondDigits = timecode.seconds & kTimecodeSecondsDigits;
+    const uint32_t frameDigits = timecode.frames & kTimecodeFramesDigits;
+    if (!noFlags || !FromBcd(timecode.hours, 24, hours) || !FromBcd(timecode.minutes, 60, minutes))
         return false;
-    if (!FromBcd(timecode.seconds & 0x7Fu, 60, seconds)) return false;
-    if (!FromBcd(timecode.frames & 0x3Fu, counting.base, frames)) return false;
+    if (!FromBcd(secondDigits, 60, seconds) || !FromBcd(frameDigits, counting.base, frames))
+        return false;
     const uint32_t field = (timecode.seconds & kTimecodeFieldBit) != 0 ? 1 : 0;
     if (field != 0 && counting.pair == 1) return false;
     const bool gap = seconds == 0 && minutes % 10 != 0 && frames < counting.dropped;

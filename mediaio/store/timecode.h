@@ -36,9 +36,6 @@ bool TimecodeToCount(const vdrTimecode_s& timecode, const FrameRate& rate, bool 
 // The other way; the count wraps after 24 hours. All zero without a rate.
 vdrTimecode_s CountToTimecode(uint64_t count, const FrameRate& rate, bool dropFrame);
 
-inline constexpr uint8_t kTimecodeDropFrameBit = 0x40;  // in `frames`
-inline constexpr uint8_t kTimecodeFieldBit = 0x80;      // in `seconds`
-
 }  // namespace zemstore
 
 #pragma GCC visibility pop
