@@ -4,8 +4,8 @@
 
 #include <atomic>
 
-#include "apps/zemhost/registryplaces.h"
 #include "apps/zemhost/service.h"
+#include "apps/zemhost/widetext.h"
 #include "platform/platform.h"
 
 #include <shellapi.h>

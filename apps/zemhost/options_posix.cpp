@@ -6,6 +6,7 @@
 #include "apps/zemhost/optiontable.h"
 #include "apps/zemhost/registryplaces.h"
 #include "apps/zemhost/settings.h"
+#include "apps/zemhost/widetext.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-// Where the settings that zemhost itself looks at stand, under HKEY_LOCAL_MACHINE, and their text.
+// Where the settings that zemhost itself looks at stand, under HKEY_LOCAL_MACHINE.
 #pragma once
 
 #include "platform/platform.h"
@@ -14,10 +14,5 @@ inline constexpr RegistryPlace kVolumePlace = {TEXT("Software\\Quorvane Group\\R
                                                TEXT("0")};
 inline constexpr RegistryPlace kListenPlace = {
     TEXT("System\\CurrentControlSet\\Services\\HTTP\\Parameters"), TEXT("ListenOnlyList")};
-
 inline constexpr RegistryPlace kLogFormatPlace = {TEXT("Software\\Quorvane Group\\ZEM"),
                                                   TEXT("LogFormat")};
-
-// UTF-8 and back.
-WString WidenText(const std::string& text);
-std::string NarrowText(const WString& text);

@@ -6,7 +6,7 @@
 #include <cstdio>
 
 #include "apps/zemhost/hostsystem.h"
-#include "apps/zemhost/registryplaces.h"
+#include "apps/zemhost/widetext.h"
 #include "platform/platform.h"
 
 namespace {
