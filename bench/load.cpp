@@ -168,11 +168,10 @@ public:
                                       : recv(m_fd, m_text + m_head, kHeadRoom - m_head, 0);
             if (n < 0 && errno == EAGAIN) return EResult::Waits;
             if (n <= 0) return EResult::Lost;
-            if (m_whole) {
+            if (m_whole)
                 m_body += static_cast<uint64_t>(n);
-            } else if (!TakeHead(static_cast<size_t>(n))) {
+            else if (!TakeHead(static_cast<size_t>(n)))
                 return EResult::Lost;
-            }
         }
         m_busy = false;
         if (m_status / 100 != 2 || m_length < m_setup.least) ++tally.errors;
@@ -261,9 +260,10 @@ public:
         if (m_epoll < 0) Fail("epoll_create1");
         for (unsigned i = first; i < setup.connections; i += setup.threads)
             Open();
-        if (setup.rate > 0)
+        if (setup.rate > 0) {
             m_gap = std::chrono::duration_cast<Clock::duration>(
                 std::chrono::duration<double>(setup.threads / setup.rate));
+        }
     }
     ~Loop() { close(m_epoll); }
 

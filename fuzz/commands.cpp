@@ -117,10 +117,11 @@ void CSession::Name() {
     } else if (choice == 0xFF) {
         name = fuzz::CCommandServer::Instance().Root() + u"/a";
     } else {
-        for (const char c : m_input.TakeBytes(choice - std::size(kNames)))
+        for (const char c : m_input.TakeBytes(choice - std::size(kNames))) {
             name += static_cast<unsigned char>(c) < 0x80
                         ? static_cast<char16_t>(c)
                         : static_cast<char16_t>(static_cast<unsigned char>(c) * 0x101);
+        }
     }
     name.resize(kNameUnits, u'\0');
     Put(name.data(), kNameUnits * sizeof(char16_t));
@@ -235,11 +236,10 @@ void CSession::Plain() {
 void CSession::Run() {
     for (size_t i = 0; i < kMostRequests && !m_input.AtEnd(); ++i) {
         const auto code = m_input.Take<uint8_t>();
-        if (code == 0xFE) {
+        if (code == 0xFE)
             Plain();
-        } else {
+        else
             Command(code);
-        }
     }
 }
 

@@ -223,8 +223,9 @@ bool CCommandServer::Lay(const Request& request, void* buffer, size_t& used) {
     posix::TargetParts target;
     if (posix::ParseHead(request.head.data(), request.head.size(), head) != posix::EParse::Done ||
         posix::SplitTarget(head.verb, head.target, target) != 0 ||
-        posix::CookPath(target.path, path) != 0)
+        posix::CookPath(target.path, path) != 0) {
         return false;
+    }
     posix::CSocketAddress address{};
     address.v4.sin_family = AF_INET;
     address.v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);

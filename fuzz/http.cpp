@@ -177,9 +177,10 @@ void CServer::CheckLayout(Block& block, DWORD bytes) {
     Require(url.AbsPathLength >= 2 && url.pAbsPath[0] == u'/', "a path begins with a slash");
     const auto prefix = [&](std::u16string_view wanted) {
         std::u16string lower;
-        for (const WCHAR* at = url.pAbsPath; at != path_end; ++at)
+        for (const WCHAR* at = url.pAbsPath; at != path_end; ++at) {
             if (*at != u'/' || lower.empty() || lower.back() != u'/')
                 lower += *at >= u'A' && *at <= u'Z' ? static_cast<char16_t>(*at + 32) : *at;
+        }
         return (lower + u'/').starts_with(wanted);
     };
     Require(prefix(u"/zem/") || prefix(u"/media/"), "nothing else is delivered");
@@ -282,11 +283,10 @@ Block* CServer::Next(DWORD timeout_ms) {
         if (block.reading) {
             block.body.append(block.piece, ok ? bytes : 0);
             Require(block.body.size() < kMostBody, "a body is no longer than what was sent");
-            if (ok && bytes > 0) {
+            if (ok && bytes > 0)
                 ReadOn(block);
-            } else {
+            else
                 Finish(block, error == ERROR_HANDLE_EOF);
-            }
             return &block;
         }
         if (error == ERROR_MORE_DATA) {
@@ -442,11 +442,10 @@ void CServer::CheckReplies(std::vector<std::string>& entries) {
                     "answers come in order");
             ++application;
         }
-        if (status == 200 || status == 404) {
+        if (status == 200 || status == 404)
             entries.push_back(status == 404 ? "404" : std::string(body));
-        } else {
+        else
             entries.push_back("error");
-        }
     }
     Require(application == m_answered.size(), "every answer came");
     // What follows a refusal is not looked at.

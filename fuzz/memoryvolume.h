@@ -36,9 +36,10 @@ public:
         for (size_t i = 0; i < count; ++i) {
             const size_t end = offset + done + spans[i].size_bytes;
             if (end > m_file->bytes.size()) m_file->bytes.resize(end);
-            if (spans[i].size_bytes > 0)
+            if (spans[i].size_bytes > 0) {
                 std::memcpy(m_file->bytes.data() + offset + done, spans[i].data,
                             spans[i].size_bytes);
+            }
             done += spans[i].size_bytes;
         }
         return S_OK;

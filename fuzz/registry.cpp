@@ -63,8 +63,9 @@ bool Equal(const CRegistryTree& a, const CRegistryTree& b) {
         for (const auto& [name, value] : values) {
             const auto found = others->find(name);
             if (found == others->end() || found->second.type != value.type ||
-                found->second.data != value.data)
+                found->second.data != value.data) {
                 return false;
+            }
         }
     }
     return true;
@@ -78,9 +79,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const CRegistryTree tree = posix::ParseRegistryFile(bytes, &complaints);
     const auto lines = static_cast<size_t>(std::count(bytes.begin(), bytes.end(), '\n')) + 1;
     Require(complaints.size() <= lines + 1, "a line is complained about once, the first one twice");
-    for (const posix::CRegistryComplaint& complaint : complaints)
+    for (const posix::CRegistryComplaint& complaint : complaints) {
         Require(complaint.line >= 1 && complaint.line <= lines && complaint.reason,
                 "a complaint names a line");
+    }
     CheckParents(tree);
 
     std::vector<posix::CRegistryComplaint> none;

@@ -146,11 +146,10 @@ void CScript::Write(uint32_t position, size_t size) {
     if (!Writer()) return;
     const uint32_t version = ++m_version;
     const HRESULT hr = WriteFrame(*m_file->file, position, FrameBytes(position, version, size));
-    if (SUCCEEDED(hr) && !m_faulty) {
+    if (SUCCEEDED(hr) && !m_faulty)
         m_written[position] = {version, size};
-    } else {
+    else
         m_written.erase(position);
-    }
 }
 
 void CScript::Erase(uint32_t first, uint64_t end) {
@@ -270,11 +269,10 @@ void CScript::Run() {
     m_device.capacity = kMostFileBytes;
     for (int i = 0; i < kMostSteps && !m_input.AtEnd(); ++i) {
         const uint8_t step = m_input.Take<uint8_t>() % kStepCount;
-        if (step <= kForge) {
+        if (step <= kForge)
             Change(step);
-        } else {
+        else
             Act(step);
-        }
     }
     ReadAll();
     m_device.dead = false;

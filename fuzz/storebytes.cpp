@@ -38,9 +38,10 @@ void ForgeNodes(std::vector<uint8_t>& bytes) {
             NodeHeader* node = NodeAt(bytes, at);
             if (!node || node->level != level) continue;
             if (level > 0) {
-                for (ChildRef& child : At<InnerNode>(bytes, at)->children)
+                for (ChildRef& child : At<InnerNode>(bytes, at)->children) {
                     if (const NodeHeader* below = NodeAt(bytes, child.offset))
                         child.crc = below->crc;
+                }
             }
             node->crc = 0;
             node->crc = Crc32c(0, node, kPageSize);

@@ -92,11 +92,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const bool wide = reader.Take<uint8_t>() == 'w';
     const std::string_view bytes = reader.TakeRest();
     std::u16string text(bytes.size() / 2, u'\0');
-    if (wide) {
+    if (wide)
         std::memcpy(text.data(), bytes.data(), text.size() * 2);
-    } else {
+    else
         text = posix::ToUtf16(bytes);
-    }
 
     IXMLDOMDocument* document = nullptr;
     Require(CoCreateInstance(CLSID_FreeThreadedDOMDocument60, nullptr, CLSCTX_ALL,

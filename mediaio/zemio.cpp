@@ -95,10 +95,11 @@ HRESULT ReadWholeFrame(CFrameFile& file, uint32_t position, DWORD& size_bytes, v
     const DWORD room = size_bytes;
     if (SUCCEEDED(hr)) {
         size_bytes = frame.dataSize;
-        if (frame.dataSize != 0)
+        if (frame.dataSize != 0) {
             hr = frame.dataSize > room || buffer == nullptr
                      ? HRESULT_FROM_WIN32(ERROR_INSUFFICIENT_BUFFER)
                      : file.ReadNow(frame, buffer);
+        }
     }
     if (pinned) file.Unpin(frame.epoch);
     return hr;

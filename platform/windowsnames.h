@@ -25,8 +25,9 @@ constexpr bool IsDevice(WStringView name) {
         name.remove_suffix(1);
     for (const WStringView device :
          {WStringView(TEXT("CON")), WStringView(TEXT("PRN")), WStringView(TEXT("AUX")),
-          WStringView(TEXT("NUL")), WStringView(TEXT("CONIN$")), WStringView(TEXT("CONOUT$"))})
+          WStringView(TEXT("NUL")), WStringView(TEXT("CONIN$")), WStringView(TEXT("CONOUT$"))}) {
         if (EqualsUpper(name, device)) return true;
+    }
     if (name.size() != 4) return false;
     const WStringView port = name.substr(0, 3);
     if (!EqualsUpper(port, TEXT("COM")) && !EqualsUpper(port, TEXT("LPT"))) return false;

@@ -165,9 +165,8 @@ int CBench::Go() {
             Everywhere("fill", 0, [](CBenchWorker& worker) { worker.Fill(); });
             Measure("read", &CBenchWorker::Read);
         }
-        if (m_plan.file.empty()) {
+        if (m_plan.file.empty())
             Everywhere("compare", 0, [](CBenchWorker& worker) { worker.Check(); });
-        }
     } catch (...) {
         clean();
         throw;

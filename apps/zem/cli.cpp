@@ -198,9 +198,8 @@ int RunZem(int argc, const char* const* argv) {
     try {
         CatchStopSignals();
         const int code = line.verb();
-        if (std::fflush(stdout) != 0) {
+        if (std::fflush(stdout) != 0)
             throw CZemError(ErrorKind::kLocalFile, "stdout cannot be written");
-        }
         return code;
     } catch (const CZemError& error) {
         return ReportFailure(line, ExitCodeOf(error.Kind()), error.what(), error.Hr());

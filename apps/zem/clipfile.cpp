@@ -204,8 +204,9 @@ StreamHead ReadStreamHead(std::span<const uint8_t> bytes) {
     const auto count = in.Number<uint32_t>();
     if (count != in.Left() / sizeof(PacketTime) || head.timeBase.num <= 0 ||
         head.timeBase.den <= 0 ||
-        (head.sampleSize != 0 && head.sampleSize != zemav::PcmSampleSize(p)))
+        (head.sampleSize != 0 && head.sampleSize != zemav::PcmSampleSize(p))) {
         throw CZemError(ErrorKind::kBadReply, "the clip's description is damaged");
+    }
     head.times.resize(count);
     for (PacketTime& time : head.times)
         time = in.Number<PacketTime>();

@@ -76,9 +76,10 @@ std::vector<std::string> ValuedOptions(const std::vector<VerbRow>& table) {
     for (const VerbRow& verb : table) {
         for (const ArgumentRow& row : verb.arguments) {
             if (row.positional || row.type.empty()) continue;
-            for (const std::string& name : row.names)
+            for (const std::string& name : row.names) {
                 if (std::find(names.begin(), names.end(), name) == names.end())
                     names.push_back(name);
+            }
         }
     }
     return names;
@@ -97,8 +98,9 @@ std::vector<const VerbRow*> Below(const std::vector<VerbRow>& table, const std::
     const std::string head = path.empty() ? "" : path + " ";
     for (const VerbRow& verb : table) {
         if (verb.name.size() > head.size() && verb.name.starts_with(head) &&
-            verb.name.find(' ', head.size()) == std::string::npos)
+            verb.name.find(' ', head.size()) == std::string::npos) {
             rows.push_back(&verb);
+        }
     }
     return rows;
 }
@@ -197,9 +199,10 @@ std::string BashCompletion(const std::vector<VerbRow>& table) {
         for (const ArgumentRow& row : verb.arguments) {
             if (row.positional || row.type.empty()) continue;
             std::vector<std::string> patterns;
-            for (const std::string& name : row.names)
+            for (const std::string& name : row.names) {
                 patterns.push_back(verb.name.empty() ? "*\" " + name + "\""
                                                      : "\"" + verb.name + " " + name + "\"");
+            }
             text += "        " + Joined(patterns, " | ") + ") " + BashValues(row) + "; return ;;\n";
         }
     }
@@ -224,9 +227,10 @@ std::string BashCompletion(const std::vector<VerbRow>& table) {
         size_t place = 0;
         for (const ArgumentRow& row : verb.arguments) {
             if (!row.positional) continue;
-            if (row.IsFile() || !row.choices.empty())
+            if (row.IsFile() || !row.choices.empty()) {
                 text += "                \"" + verb.name + " " + std::to_string(place) + "\") " +
                         BashValues(row) + " ;;\n";
+            }
             ++place;
         }
     }

@@ -68,9 +68,8 @@ CDemuxer::CDemuxer(const std::string& path) : m_path(path), m_context(new Contex
         m_streamOfIndex.push_back(m_streams.size());
         m_streams.push_back(clip);
     }
-    if (m_streams.empty()) {
+    if (m_streams.empty())
         throw CZemError(ErrorKind::kLocalFile, Printable(path) + ": no video and no audio in it");
-    }
 }
 
 CDemuxer::~CDemuxer() = default;

@@ -158,11 +158,12 @@ void CDoctor::Clock() {
                                  : "the server's is " + DurationText(std::fabs(apart)) +
                                        (apart > 0 ? " ahead of" : " behind") + " this machine's";
     // The header tells whole seconds.
-    if (std::fabs(apart) <= 2)
+    if (std::fabs(apart) <= 2) {
         Say(Finding::kOk, "clock", text);
-    else
+    } else {
         Say(Finding::kWarn, "clock", text,
             "let both follow a time server (timedatectl): else times in logs do not match");
+    }
 }
 
 void CDoctor::Volume() {
@@ -229,10 +230,11 @@ void CDoctor::Frames() {
     m_client->Flush(token);
     const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - start;
     const StreamFrame& frame = ReadOneFrame(*m_client, token, 0);
-    if (frame.status < 0)
+    if (frame.status < 0) {
         throw CZemError(ErrorKind::kRefused,
                         "a frame that was written cannot be read: " + HresultText(frame.status),
                         frame.status);
+    }
     if (!std::equal(frame.data.begin(), frame.data.end(), data.begin(), data.end()))
         throw CZemError(ErrorKind::kRefused, "a frame reads back with other contents");
     file.Close();

@@ -49,11 +49,10 @@ public:
         : m_line(line), m_options(options), m_session(line) {}
 
     int Run() {
-        if (Exists(ClipFileName(m_options.name))) {
+        if (Exists(ClipFileName(m_options.name)))
             ReadHeads();
-        } else {
+        else
             GuessHeads();
-        }
         CMuxer muxer(m_options.clip, m_options.force);
         for (const ExportStream& stream : m_streams)
             muxer.AddStream(stream.head);
@@ -109,9 +108,10 @@ void CExport::ReadHeads() {
         stream.name = m_options.name + "." + stream.head.suffix;
         ZemEsDesc desc;
         Open(stream, desc);
-        if (stream.head.sampleSize == 0 && stream.head.times.size() != stream.frames)
+        if (stream.head.sampleSize == 0 && stream.head.times.size() != stream.frames) {
             throw CZemError(ErrorKind::kRefused,
                             Printable(stream.name) + ": it was changed since it was imported");
+        }
         m_streams.push_back(std::move(stream));
     }
     file.Close();
@@ -130,9 +130,10 @@ void CExport::GuessHeads() {
             m_streams.push_back(std::move(stream));
         }
     }
-    if (m_streams.empty())
+    if (m_streams.empty()) {
         throw CZemError(ErrorKind::kRefused, "there is no clip " + Printable(m_options.name) +
                                                  " (neither .clip nor .v0 nor .a0)");
+    }
 }
 
 void CExport::GuessHead(const ZemEsDesc& desc, ExportStream& stream) {
@@ -149,11 +150,12 @@ void CExport::GuessHead(const ZemEsDesc& desc, ExportStream& stream) {
     codec.sample_rate = static_cast<int>(desc.sampleRate);
     codec.bits_per_coded_sample = desc.bitsPerSample;
     av_channel_layout_default(&codec.ch_layout, desc.channels);
-    if (codec.codec_id == AV_CODEC_ID_NONE || (video && desc.rateNumerator == 0))
+    if (codec.codec_id == AV_CODEC_ID_NONE || (video && desc.rateNumerator == 0)) {
         throw CZemError(ErrorKind::kRefused, Printable(stream.name) + ": codec " +
                                                  FourccText(desc.codec) +
                                                  " or its rate cannot be told; clips that are "
                                                  "brought in by import can leave again");
+    }
     head.sampleSize = zemav::PcmSampleSize(codec);
     head.timeBase = {static_cast<int>(desc.rateDenominator), static_cast<int>(desc.rateNumerator)};
     if (head.sampleSize != 0 || desc.rateNumerator == 0)
@@ -218,8 +220,9 @@ void CExport::WriteAll(CMuxer& muxer) {
         for (ExportStream& stream : m_streams) {
             if (stream.next == stream.frames) continue;
             if (due == nullptr || av_compare_ts(DueAt(stream), stream.head.timeBase, DueAt(*due),
-                                                due->head.timeBase) < 0)
+                                                due->head.timeBase) < 0) {
                 due = &stream;
+            }
         }
         if (due == nullptr) break;
         const uint64_t before = due->bytes;
@@ -249,9 +252,10 @@ void CExport::Verify(const std::string& path) const {
         const std::string what = Printable(stream.name) + ": of " + std::to_string(here) +
                                  (pcm ? " bytes " : " frames ") + std::to_string(there) +
                                  " are in the clip that was written";
-        if (!m_options.allowShort)
+        if (!m_options.allowShort) {
             throw CZemError(ErrorKind::kRefused,
                             what + "; --allow-short keeps it, another container may hold it all");
+        }
         std::fprintf(stderr, "zem: %s\n", what.c_str());
     }
 }

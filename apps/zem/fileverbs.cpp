@@ -143,9 +143,8 @@ int Stat(const CommandLine& line, const FileOptions& options) {
     CSession session(line);
     const std::u16string name = FileNamed(options.name).name;
     const uint32_t attributes = session->Attributes(name);
-    if (attributes == kNoAttributes) {
+    if (attributes == kNoAttributes)
         throw CZemError(ErrorKind::kRefused, Printable(options.name) + ": there is no such file");
-    }
     const bool directory = (attributes & kAttributeDirectory) != 0;
     const uint64_t size_bytes = directory ? 0 : session->Size_bytes(name);
     CJson json;
@@ -192,13 +191,11 @@ int Remove(const CommandLine& line, const FileOptions& options) {
     for (const std::string& name : options.names) {
         const std::u16string wide = FileNamed(name).name;
         const uint32_t before = session->Attributes(wide);
-        if (before == kNoAttributes) {
+        if (before == kNoAttributes)
             throw CZemError(ErrorKind::kRefused, Printable(name) + ": there is no such file");
-        }
         session->Remove(wide);
-        if (session->Attributes(wide) != kNoAttributes) {
+        if (session->Attributes(wide) != kNoAttributes)
             ThrowNotDone(Printable(name) + " was not deleted");
-        }
         PrintDone(line, "removed", name);
     }
     return kExitOk;
@@ -208,16 +205,13 @@ int Move(const CommandLine& line, const FileOptions& options) {
     CSession session(line);
     const std::u16string from = FileNamed(options.name).name;
     const std::u16string to = FileNamed(options.to).name;
-    if (session->Attributes(from) == kNoAttributes) {
+    if (session->Attributes(from) == kNoAttributes)
         throw CZemError(ErrorKind::kRefused, Printable(options.name) + ": there is no such file");
-    }
-    if (session->Attributes(to) != kNoAttributes) {
+    if (session->Attributes(to) != kNoAttributes)
         throw CZemError(ErrorKind::kRefused, Printable(options.to) + " exists");
-    }
     session->Move(from, to);
-    if (session->Attributes(from) != kNoAttributes || session->Attributes(to) == kNoAttributes) {
+    if (session->Attributes(from) != kNoAttributes || session->Attributes(to) == kNoAttributes)
         ThrowNotDone(Printable(options.name) + " was not moved");
-    }
     PrintDone(line, "moved", options.name);
     return kExitOk;
 }
@@ -225,14 +219,12 @@ int Move(const CommandLine& line, const FileOptions& options) {
 int MakeDirectory(const CommandLine& line, const FileOptions& options) {
     CSession session(line);
     const std::u16string name = FileNamed(options.name).name;
-    if (session->Attributes(name) != kNoAttributes) {
+    if (session->Attributes(name) != kNoAttributes)
         throw CZemError(ErrorKind::kRefused, Printable(options.name) + " exists");
-    }
     session->MakeDirectory(name);
     const uint32_t after = session->Attributes(name);
-    if (after == kNoAttributes || (after & kAttributeDirectory) == 0) {
+    if (after == kNoAttributes || (after & kAttributeDirectory) == 0)
         ThrowNotDone(Printable(options.name) + " was not created");
-    }
     PrintDone(line, "created", options.name);
     return kExitOk;
 }
@@ -279,9 +271,8 @@ int Erase(const CommandLine& line, const FileOptions& options) {
     const std::vector<FrameDescEntry> descs =
         session->FrameDescs(file.Token(), options.from, options.count);
     for (size_t i = 0; i < descs.size(); ++i) {
-        if ((descs[i].flags & kFrameFlagPresent) != 0) {
+        if ((descs[i].flags & kFrameFlagPresent) != 0)
             ThrowNotDone("frame " + std::to_string(options.from + i) + " was not erased");
-        }
     }
     file.Close();
     PrintDone(line, "erased", options.name);

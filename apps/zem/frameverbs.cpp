@@ -91,11 +91,10 @@ int FrameMd5(const CommandLine& line, const FrameOptions& options) {
             progress.Show(done, expected, done, bytes);
             if (line.json) {
                 json.Open('{').Unsigned("frame", position);
-                if (IsGap(frame.status)) {
+                if (IsGap(frame.status))
                     json.Null("size").Null("md5").Close();
-                } else {
+                else
                     json.Unsigned("size", frame.data.size()).Text("md5", Md5Of(frame.data)).Close();
-                }
             } else if (IsGap(frame.status)) {
                 std::printf("# %u: %s\n", position, HresultText(frame.status).c_str());
             } else {
@@ -109,9 +108,8 @@ int FrameMd5(const CommandLine& line, const FrameOptions& options) {
 }
 
 int Read(const CommandLine& line, const FrameOptions& options) {
-    if (line.json && options.output == "-") {
+    if (line.json && options.output == "-")
         throw CZemError(ErrorKind::kUsage, "--json needs -o FILE: the frames go to stdout");
-    }
     COutputFile output(options.output, options.force);
     CSession session(line);
     COpenFile file(*session, session->Open(FileNamed(options.name, options.aux)));

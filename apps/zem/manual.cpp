@@ -19,11 +19,10 @@ void TakeBounds(const std::string& bounds, ArgumentRow& row) {
     if (brace != std::string::npos) {
         std::string word;
         for (size_t at = brace + 1; at < bounds.size(); ++at) {
-            if (bounds[at] != ',' && bounds[at] != '}') {
+            if (bounds[at] != ',' && bounds[at] != '}')
                 word += bounds[at];
-            } else if (!word.empty()) {
+            else if (!word.empty())
                 row.choices.push_back(std::exchange(word, {}));
-            }
         }
         return;
     }
@@ -143,15 +142,14 @@ std::vector<std::string> GroupsOf(const std::vector<VerbRow>& table) {
 std::string Roff(const std::string& text) {
     std::string out;
     for (const char c : text) {
-        if (c == '\\') {
+        if (c == '\\')
             out += "\\e";
-        } else if (c == '-') {
+        else if (c == '-')
             out += "\\-";
-        } else if ((c == '.' || c == '\'') && (out.empty() || out.back() == '\n')) {
+        else if ((c == '.' || c == '\'') && (out.empty() || out.back() == '\n'))
             out += std::string("\\&") + c;
-        } else {
+        else
             out += c;
-        }
     }
     return out;
 }

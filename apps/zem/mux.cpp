@@ -76,9 +76,10 @@ CMuxer::CMuxer(const std::string& path, bool force) : m_path(path), m_context(ne
     if (!force && std::filesystem::exists(path, error))
         throw CZemError(ErrorKind::kLocalFile, path + " exists; --force replaces it");
     const AVOutputFormat* container = av_guess_format(nullptr, path.c_str(), nullptr);
-    if (container == nullptr || m_context->packet == nullptr)
+    if (container == nullptr || m_context->packet == nullptr) {
         throw CZemError(ErrorKind::kUsage,
                         Printable(path) + ": its ending names no container; .mov or .mxf do");
+    }
     int result = avformat_alloc_output_context2(&m_context->format, container, nullptr, nullptr);
     if (result < 0) ThrowAv(path, result, "cannot be written");
     m_context->partPath = path + ".part";
@@ -99,11 +100,10 @@ void CMuxer::AddStream(const StreamHead& head) {
         avcodec_parameters_copy(&codec, filter->par_out);
     // A four-character code of another container means nothing in this one.
     const AVCodecTag* const* tables = m_context->format->oformat->codec_tag;
-    if (tables == nullptr) {
+    if (tables == nullptr)
         codec.codec_tag = codec.codec_id == AV_CODEC_ID_PRORES ? ProResTag(codec.profile) : 0;
-    } else if (av_codec_get_id(tables, codec.codec_tag) != codec.codec_id) {
+    else if (av_codec_get_id(tables, codec.codec_tag) != codec.codec_id)
         codec.codec_tag = av_codec_get_tag(tables, codec.codec_id);
-    }
     stream->time_base = head.timeBase;
     if (head.rate.num > 0 && head.rate.den > 0) {
         stream->avg_frame_rate = head.rate;

@@ -70,9 +70,8 @@ int Get(const CommandLine& line, const GetOptions& options) {
     std::string target = options.output;
     if (target.empty()) target = std::filesystem::path(options.name).filename().string();
     if (target.empty()) throw CZemError(ErrorKind::kUsage, "say with -o where the file goes");
-    if (line.json && target == "-") {
+    if (line.json && target == "-")
         throw CZemError(ErrorKind::kUsage, "--json needs -o FILE: the file goes to stdout");
-    }
     CHttpConnection http(line.Connection());
     http.SetStopCheck(&StopRequested);
     COutputFile output(target, options.force);
@@ -94,9 +93,8 @@ int Get(const CommandLine& line, const GetOptions& options) {
                             " (there is no such file below a path that the server offers, or it "
                             "cannot be read)");
     }
-    if (total_bytes >= 0 && static_cast<uint64_t>(total_bytes) != done_bytes) {
+    if (total_bytes >= 0 && static_cast<uint64_t>(total_bytes) != done_bytes)
         throw CZemError(ErrorKind::kBadReply, "the download is incomplete");
-    }
     output.Finish();
     if (line.json) {
         CJson json;

@@ -31,11 +31,10 @@ int CPut::Run() {
         if (m_options.import) Publish();
     } catch (const CZemError& error) {
         std::string left;
-        if (m_options.import) {
+        if (m_options.import)
             left = TakeBack(error.Kind());
-        } else if (!complete && !m_files.empty()) {
+        else if (!complete && !m_files.empty())
             left = "; the files on the server are incomplete";
-        }
         throw CZemError(error.Kind(), error.what() + left, error.Hr());
     }
     Summary();
@@ -67,8 +66,9 @@ void CPut::Create(PutFile file) {
     const bool replace = m_options.force || m_options.import;
     const uint32_t flags = kFileRead | kFileWrite | (replace ? kFileTruncate : kFileCreateNew);
     if (m_options.import && !m_options.force &&
-        m_session->Attributes(FileNamed(file.name).name) != kNoAttributes)
+        m_session->Attributes(FileNamed(file.name).name) != kNoAttributes) {
         throw CZemError(ErrorKind::kRefused, Printable(file.name) + " exists; --force replaces it");
+    }
     try {
         file.token = m_session->Create(FileNamed(file.written).name, u"", file.desc, flags);
     } catch (const CZemError& error) {
@@ -92,8 +92,9 @@ void CPut::PrepareHead(size_t stream, PutFile& file) {
     head.timeBase = source.time_base;
     head.parameters.reset(avcodec_parameters_alloc());
     if (head.parameters == nullptr ||
-        avcodec_parameters_copy(head.parameters.get(), source.codecpar) < 0)
+        avcodec_parameters_copy(head.parameters.get(), source.codecpar) < 0) {
         throw std::bad_alloc();
+    }
     if (file.desc.mediaType == kMediaFileVideo && file.desc.rateDenominator != 0) {
         head.rate = {static_cast<int>(file.desc.rateNumerator),
                      static_cast<int>(file.desc.rateDenominator)};
@@ -131,9 +132,8 @@ void CPut::SendAll() {
         ++packets;
         progress.Show(m_clip.Position_bytes(), clip_bytes, packets, sent_bytes);
     }
-    if (packets == 0) {
+    if (packets == 0)
         throw CZemError(ErrorKind::kLocalFile, Printable(m_options.clip) + ": no frame in it");
-    }
     for (PutFile& file : m_files)
         SendCut(file, true);
 }
@@ -142,11 +142,12 @@ void CPut::Take(const ClipPacket& packet) {
     PutFile& file = m_files[packet.stream];
     StreamHead& head = file.head;
     if (head.sampleSize != 0) {
-        if (file.frames.empty() && file.rest.empty())
+        if (file.frames.empty() && file.rest.empty()) {
             head.firstPts = packet.pts == kNoTime
                                 ? 0
                                 : av_rescale_q(packet.pts, m_clip.Source(packet.stream).time_base,
                                                head.timeBase);
+        }
         file.rest.insert(file.rest.end(), packet.data.begin(), packet.data.end());
         return SendCut(file, false);
     }

@@ -70,13 +70,11 @@ void CPut::VerifyDescs(const PutFile& file, uint64_t token, bool& implemented) {
 void CPut::VerifyFrame(const PutFile& file, uint64_t token, uint32_t position) {
     if (StopRequested()) throw CZemError(ErrorKind::kInterrupted, "stopped while verifying");
     const StreamFrame& frame = ReadOneFrame(*m_session, token, position);
-    if (frame.status < 0) {
+    if (frame.status < 0)
         ThrowLost(file, position, "cannot be read back: " + HresultText(frame.status));
-    }
     const SentFrame& sent = file.frames[position];
-    if (frame.data.size() != sent.size_bytes || CrcOf(frame.data) != sent.crc) {
+    if (frame.data.size() != sent.size_bytes || CrcOf(frame.data) != sent.crc)
         ThrowLost(file, position, "reads back with other contents");
-    }
 }
 
 }  // namespace zem

@@ -105,21 +105,18 @@ struct COutputFile::State {
 COutputFile::COutputFile(const std::string& path, bool force) : m_state(new State) {
     m_state->path = path;
     if (path == "-") {
-        if (StdoutIsTerminal()) {
+        if (StdoutIsTerminal())
             throw CZemError(ErrorKind::kUsage, "media data does not go to a terminal: use -o FILE");
-        }
         m_state->file = stdout;
         return;
     }
     std::error_code error;
-    if (!force && std::filesystem::exists(path, error)) {
+    if (!force && std::filesystem::exists(path, error))
         throw CZemError(ErrorKind::kLocalFile, path + " exists; --force replaces it");
-    }
     m_state->partPath = path + ".part";
     m_state->file = std::fopen(m_state->partPath.c_str(), "wb");
-    if (m_state->file == nullptr) {
+    if (m_state->file == nullptr)
         throw CZemError(ErrorKind::kLocalFile, m_state->partPath + " cannot be written");
-    }
 }
 
 COutputFile::~COutputFile() {
@@ -130,16 +127,14 @@ COutputFile::~COutputFile() {
 }
 
 void COutputFile::Write(std::span<const uint8_t> bytes) {
-    if (std::fwrite(bytes.data(), 1, bytes.size(), m_state->file) != bytes.size()) {
+    if (std::fwrite(bytes.data(), 1, bytes.size(), m_state->file) != bytes.size())
         throw CZemError(ErrorKind::kLocalFile, m_state->path + ": " + std::strerror(errno));
-    }
 }
 
 void COutputFile::Finish() {
     std::FILE* const file = m_state->file;
-    if (std::fflush(file) != 0) {
+    if (std::fflush(file) != 0)
         throw CZemError(ErrorKind::kLocalFile, m_state->path + ": " + std::strerror(errno));
-    }
     if (m_state->partPath.empty()) return;
     m_state->file = nullptr;
     std::error_code error;

@@ -75,11 +75,12 @@ void AddVolume(CRows& rows, const VolumeStatus& volume) {
 
 void AddClients(CRows& rows, const TopState& state) {
     std::string changes;
-    if (state.perhapsMore)
+    if (state.perhapsMore) {
         changes = "   the server's list is full: there may be more";
-    else
+    } else {
         changes = "   " + std::to_string(state.came) + " came, " + std::to_string(state.went) +
                   " went while watching";
+    }
     rows.Add("Clients", Colour::kBold,
              (state.perhapsMore ? "at least " : "") + std::to_string(state.joined) + " joined",
              changes);
@@ -163,9 +164,10 @@ std::vector<std::string> TopPicture(const TopState& state, size_t columns, size_
     rows.Add("zem top", Colour::kBold, state.server,
              "  " + Printable(state.volume.serverName) + "   " + state.now +
                  (state.onScreen ? std::string("   ") + every.data() : ""));
-    if (!state.failure.empty())
+    if (!state.failure.empty()) {
         rows.Add("No answer", Colour::kRed, " since " + state.failingSince + ": " + state.failure,
                  "");
+    }
     rows.Add("");
     AddVolume(rows, state.volume);
     const auto within = [&](double part) {

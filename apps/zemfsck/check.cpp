@@ -82,11 +82,10 @@ private:
             return HRESULT_FROM_WIN32(ERROR_BAD_FORMAT);
         const char* fault = CMediaFile::HeaderFault(header);
         if (done != sizeof header) fault = "cut off";
-        if (fault != nullptr) {
+        if (fault != nullptr)
             Damage("header", -1, 0, std::string(fault) + "; the file does not open");
-        } else if (header.compatible != 0) {
+        else if (header.compatible != 0)
             Remark("header", -1, 0, "features that this version does not know: it only reads");
-        }
         return S_OK;
     }
 
@@ -111,24 +110,26 @@ private:
         size_t done = 0;
         constexpr uint64_t kReserved = kLogOffset - kPageSize;
         if (FAILED(m_disk.ReadAt(page, sizeof page, kReserved, done))) return;
-        if (done != sizeof page) {
+        if (done != sizeof page)
             Damage("root", -1, kReserved, "the file ends before its log begins");
-        } else if (std::any_of(page, page + sizeof page, [](uint8_t byte) { return byte != 0; })) {
+        else if (std::any_of(page, page + sizeof page, [](uint8_t byte) { return byte != 0; }))
             Damage("root", -1, kReserved, "the reserved page is not blank");
-        }
     }
 
     void Index() {
         const LoadReport& load = m_report.load;
-        if (load.fault.what != nullptr)
+        if (load.fault.what != nullptr) {
             Damage("index", load.fault.firstPosition, load.fault.offset_bytes,
                    "page of level " + std::to_string(load.fault.level) + ": " + load.fault.what);
-        if (load.rebuilt)
+        }
+        if (load.rebuilt) {
             Damage("index", -1, load.logStart_bytes,
                    "no index can be read; what follows is what the records tell");
-        if (load.otherRoot)
+        }
+        if (load.otherRoot) {
             Damage("index", -1, load.logStart_bytes,
                    "the older index is used, and the records since");
+        }
         m_report.frameCount = m_file->FrameCount();
         m_nextSequence = m_file->NextSequence();
         uint64_t end = 0;
@@ -144,10 +145,11 @@ private:
         m_report.holes =
             m_report.frameCount -
             std::min<uint64_t>(m_report.frameCount, m_report.present + m_report.erased);
-        if (end != m_report.frameCount)
+        if (end != m_report.frameCount) {
             Damage("index", -1, kRootOffset[0],
                    "the file says that it has " + std::to_string(m_report.frameCount) +
                        " frames, the index ends at " + std::to_string(end));
+        }
     }
 
     void Take(uint32_t position, const IndexEntry& entry) {
@@ -167,14 +169,16 @@ private:
 
     void Log() {
         const LoadReport& load = m_report.load;
-        if (load.tailRecords != 0)
+        if (load.tailRecords != 0) {
             Remark("log", -1, load.logStart_bytes,
                    "not closed: " + std::to_string(load.tailRecords) +
                        " records since the last checkpoint");
-        for (const LoadReport::Torn& torn : load.torn)
+        }
+        for (const LoadReport::Torn& torn : load.torn) {
             Remark("log", torn.position, torn.slotOffset_bytes,
                    "a write of " + std::to_string(torn.dataSize_bytes) +
                        " bytes that was cut off; it does not count");
+        }
     }
 
     // In the order of the file, which is how the device reads it best.
@@ -234,11 +238,10 @@ private:
             record.kind == static_cast<uint16_t>(RecordKind::kFrame) &&
             record.sequence == frame.entry.sequence && record.position == frame.position &&
             record.dataSize == frame.entry.dataSize && record.dataCrc == frame.entry.dataCrc;
-        if (!whole) {
+        if (!whole)
             Damage("frame", frame.position, at, "its record is damaged");
-        } else if (!fits) {
+        else if (!fits)
             Damage("frame", frame.position, at, "its record is another frame's");
-        }
         return S_OK;
     }
 
@@ -259,10 +262,11 @@ private:
         };
         const Extent* last = nullptr;
         for (const Extent& extent : m_extents) {
-            if (extent.offset < end)
+            if (extent.offset < end) {
                 Damage("extent", extent.position, extent.offset,
                        name(extent) + " lies in the place of " +
                            (last == nullptr ? "the header" : name(*last)));
+            }
             if (extent.offset > end) bury(end, extent.offset);
             if (extent.offset + extent.size > end) {
                 end = extent.offset + extent.size;
@@ -272,10 +276,11 @@ private:
         if (last != nullptr && end > RoundedSize())
             Damage("extent", last->position, last->offset, name(*last) + " ends behind the file");
         if (end < m_report.size_bytes) bury(end, m_report.size_bytes);
-        if (m_report.deadBytes != 0)
+        if (m_report.deadBytes != 0) {
             Remark("space", -1, kLogOffset,
                    std::to_string(m_report.deadBytes) + " bytes in " + std::to_string(pieces) +
                        " places belong to nothing any more and were not given back");
+        }
     }
     uint64_t RoundedSize() const {
         return (m_report.size_bytes + kPageSize - 1) / kPageSize * kPageSize;

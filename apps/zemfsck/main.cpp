@@ -87,11 +87,10 @@ int CheckOne(const std::string& name, bool json) {
     HRESULT hr = Open(name, file);
     if (SUCCEEDED(hr)) hr = Check(std::move(file), report);
     std::string text;
-    if (FAILED(hr)) {
+    if (FAILED(hr))
         text = json ? FailureAsJson(name, hr) : FailureAsText(name, hr);
-    } else {
+    else
         text = json ? AsJson(name, report) : AsText(name, report);
-    }
     fputs(text.c_str(), FAILED(hr) && !json ? stderr : stdout);
     if (FAILED(hr)) return kUnchecked;
     return report.damages == 0 ? kClean : kDamaged;

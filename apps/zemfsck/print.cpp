@@ -140,9 +140,10 @@ std::string AsJson(const std::string& name, const Report& report) {
     if (report.loaded) {
         const LoadReport& load = report.load;
         out += ",\"roots\":[";
-        for (int i = 0; i < 2; ++i)
+        for (int i = 0; i < 2; ++i) {
             out += std::string(i == 0 ? "" : ",") + "{\"state\":" + Quoted(StateOf(load.roots[i])) +
                    ",\"generation\":" + Number(load.roots[i].generation) + "}";
+        }
         out += "],\"indexPages\":" + Number(report.indexNodes);
         out += ",\"log\":{\"start\":" + Number(load.logStart_bytes) +
                ",\"bytes\":" + Number(load.tailBytes) + ",\"records\":" + Number(load.tailRecords) +

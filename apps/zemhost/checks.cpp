@@ -47,10 +47,11 @@ std::string CheckRegistryFile(const std::string& path, bool mustExist) {
     std::ifstream file(PathOf(path), std::ios::binary);
     if (error || !file)
         return named + "cannot be read; change its rights or give another with --registry FILE";
-    if (!HasExportTitle(file))
+    if (!HasExportTitle(file)) {
         return named +
                "is not a registry export; its first line must be: Windows Registry Editor Version "
                "5.00";
+    }
     return {};
 }
 
@@ -60,17 +61,20 @@ std::string CheckLogFormat(const HostSettings& settings) {
 }
 
 std::string CheckAddresses(const HostSettings& settings) {
-    for (const std::string& address : settings.addresses)
-        if (!IsIpAddress(address))
+    for (const std::string& address : settings.addresses) {
+        if (!IsIpAddress(address)) {
             return "'" + address + "' is not an IP address; give one, such as 127.0.0.1, with " +
                    kSettingAdvice.listen;
+        }
+    }
     return {};
 }
 
 std::string CheckVolume(const HostSettings& settings) {
-    if (settings.volume.empty())
+    if (settings.volume.empty()) {
         return std::string("no volume root is set; give the directory that holds the media with ") +
                kSettingAdvice.volume;
+    }
     std::error_code error;
     const std::string named = "the volume root '" + settings.volume + "' ";
     const std::string advice = std::string(" or give another with ") + kSettingAdvice.volume;
@@ -97,9 +101,10 @@ std::string WarnOfVolume(const HostSettings& settings) {
 }
 
 std::string ExplainStartFailure(const HostSettings& settings, int32_t hr) {
-    if (settings.port == 0 || settings.port > 65535)
+    if (settings.port == 0 || settings.port > 65535) {
         return std::to_string(settings.port) +
                " is not a port; give a number from 1 to 65535 with " + kSettingAdvice.port;
+    }
     std::vector<std::string> addresses = settings.addresses;
     if (addresses.empty()) addresses = {"0.0.0.0"};
     const std::string port = "port " + std::to_string(settings.port);

@@ -17,9 +17,11 @@ constexpr Option kOptions[] = {
 };
 
 const Option* FindOption(const std::string& name) {
-    for (const std::span<const Option> rows : {SystemOptions(), std::span<const Option>(kOptions)})
+    for (const std::span<const Option> rows :
+         {SystemOptions(), std::span<const Option>(kOptions)}) {
         for (const Option& row : rows)
             if (name == row.name) return &row;
+    }
     return nullptr;
 }
 

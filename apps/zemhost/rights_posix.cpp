@@ -44,9 +44,10 @@ std::string CheckUser(const std::string& user) {
     if (!entry) return "there is no user '" + user + "'; give one that exists with --user NAME";
     if (entry->pw_uid == 0 || entry->pw_gid == 0)
         return "the user '" + user + "' has root's rights; give one without with --user NAME";
-    if (geteuid() != 0 && geteuid() != entry->pw_uid)
+    if (geteuid() != 0 && geteuid() != entry->pw_uid) {
         return "only root can become the user '" + user +
                "'; start zemhost as root or without --user";
+    }
     return {};
 }
 

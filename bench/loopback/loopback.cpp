@@ -249,8 +249,9 @@ uint16_t FreePort() {
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof(address);
     if (probe < 0 || bind(probe, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-        getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+        getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
         Fail("no free port");
+    }
     close(probe);
     return ntohs(address.sin_port);
 }

@@ -76,8 +76,9 @@ CWire::CWire(uint16_t port, Taken taken) : m_taken(std::move(taken)) {
     address.sin_port = htons(port);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     if (m_client < 0 ||
-        connect(m_client, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0)
+        connect(m_client, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
         Fail("no connection");
+    }
 }
 
 CWire::~CWire() {
@@ -100,10 +101,11 @@ void CWire::Nudge() {
 
 __attribute__((noinline)) long CWire::Receive(int fd, void* to, size_t room, int flags) {
     char nudges[64];
-    if (!(flags & MSG_PEEK))
+    if (!(flags & MSG_PEEK)) {
         while (syscall(SYS_recvfrom, fd, nudges, sizeof(nudges), MSG_DONTWAIT, nullptr, nullptr) >
                0) {
         }
+    }
     const size_t bytes = std::min(room, m_request.size() - m_at);
     if (bytes == 0) {
         errno = EAGAIN;

@@ -51,10 +51,11 @@ bool CErrorLogOutput::Write(const std::string& lines) {
     bool written = true;
     if (!m_settings.path.empty()) {
         if (m_settings.rotate_bytes != 0 && m_file_bytes != 0 &&
-            m_file_bytes + lines.size() > m_settings.rotate_bytes)
+            m_file_bytes + lines.size() > m_settings.rotate_bytes) {
             Rotate();
-        // A file that could not be opened again, say on a full disk, is tried anew with every
-        // write.
+            // A file that could not be opened again, say on a full disk, is tried anew with every
+            // write.
+        }
         if (!m_file) OpenFile();
         written = m_file &&
                   std::fwrite(lines.data(), 1, lines.size(), m_file.get()) == lines.size() &&

@@ -62,27 +62,27 @@ void AppendWhenAndWho(const ErrorRecord& record, ErrorLogFormat format, std::str
     char number[24];
     std::snprintf(number, sizeof number, "level%u", static_cast<unsigned>(record.level));
     const char* word = number;
-    if (record.kind == ErrorRecordKind::kScope)
+    if (record.kind == ErrorRecordKind::kScope) {
         word = "scope";
-    else if (record.kind == ErrorRecordKind::kOwner)
+    } else if (record.kind == ErrorRecordKind::kOwner) {
         word = "owner";
-    else
+    } else {
         for (const LevelWord& entry : kLevelWords)
             if (entry.level == record.level) word = entry.word;
+    }
     AppendStart(record.time, word, record.threadId, format, out);
 }
 
 void AppendUtf8(char32_t c, std::string& out) {
     const auto tail = [](char32_t bits) { return static_cast<char>(0x80 | (bits & 0x3F)); };
-    if (c < 0x80) {
+    if (c < 0x80)
         out += static_cast<char>(c);
-    } else if (c < 0x800) {
+    else if (c < 0x800)
         out += {static_cast<char>(0xC0 | (c >> 6)), tail(c)};
-    } else if (c < 0x10000) {
+    else if (c < 0x10000)
         out += {static_cast<char>(0xE0 | (c >> 12)), tail(c >> 6), tail(c)};
-    } else {
+    else
         out += {static_cast<char>(0xF0 | (c >> 18)), tail(c >> 12), tail(c >> 6), tail(c)};
-    }
 }
 
 // What could forge a line or rearrange it on a terminal: C0, DEL, C1, line and paragraph
@@ -182,11 +182,12 @@ void AppendJsonStart(const ErrorRecord& record, std::string& out) {
 
 size_t CopyText(WCHAR* target, size_t capacity, const WCHAR* source) {
     size_t count = 0;
-    if (source)
+    if (source) {
         while (count + 1 < capacity && source[count] != 0) {
             target[count] = source[count];
             ++count;
         }
+    }
     target[count] = 0;
     return count;
 }

@@ -148,8 +148,9 @@ bool ParseTimecode(const std::string& text, bool pairs, vdrTimecode_s& timecode)
     int length = 0;
     if (std::sscanf(text.c_str(), "%2d:%2d:%2d%c%2d%n", &hours, &minutes, &seconds, &mark, &frames,
                     &length) != 5 ||
-        static_cast<size_t>(length) != text.size())
+        static_cast<size_t>(length) != text.size()) {
         return false;
+    }
     if (hours < 0 || hours > 23 || minutes < 0 || minutes > 59 || seconds < 0 || seconds > 59)
         return false;
     if (mark != ':' && mark != ';' && mark != '.') return false;
@@ -188,17 +189,17 @@ ZemEsDesc Describe(AVFormatContext& format, AVStream& stream) {
     ZemEsDesc desc{};
     desc.sizeVersion = kEsDescVersion1;
     desc.codec = FourccOf(codec);
-    if (codec.codec_type == AVMEDIA_TYPE_VIDEO) {
+    if (codec.codec_type == AVMEDIA_TYPE_VIDEO)
         DescribeVideo(format, stream, desc);
-    } else if (codec.codec_type == AVMEDIA_TYPE_AUDIO) {
+    else if (codec.codec_type == AVMEDIA_TYPE_AUDIO)
         DescribeAudio(codec, desc);
-    } else {
+    else
         desc.mediaType = kMediaFileData;
-    }
     if (desc.mediaType != kMediaFileData) desc.bitsPerSample = static_cast<uint16_t>(BitsOf(codec));
     if (ParseTimecode(TimecodeOf(format, stream), CountsPairs(desc), desc.startTimecode) &&
-        (desc.startTimecode.frames & kTimecodeDropFrameBit) != 0)
+        (desc.startTimecode.frames & kTimecodeDropFrameBit) != 0) {
         desc.flags |= kEsFlagDropFrame;
+    }
     return desc;
 }
 

@@ -210,11 +210,10 @@ HRESULT CForeignClip::Look(size_t which, PinnedFrame& frame, bool withView, cons
     frame.lookSize = 0;
     std::lock_guard hold(m_lock);
     FramePlace place{found.offset, 0, 0, 0, 0};
-    if (found.outcome == ElementSearch::kFound && found.length <= kMaxFrameSize) {
+    if (found.outcome == ElementSearch::kFound && found.length <= kMaxFrameSize)
         place.size = static_cast<uint32_t>(found.length);
-    } else {
+    else
         place.flags = kPlaceCorrupt;
-    }
     stream.located.insert_or_assign(frame.position, place);
     return Complete(stream, place, withView, frame);
 }
@@ -247,11 +246,10 @@ void CForeignClip::ReportVerified(size_t which, const PinnedFrame& frame, bool g
     std::lock_guard hold(m_lock);
     uint32_t& flags = stream.frames[frame.position].flags;
     // What comes out of a demuxer is another set of bytes each time: it stays to be compared.
-    if (!good) {
+    if (!good)
         flags |= kPlaceCorrupt;
-    } else if ((flags & kPlaceDemux) == 0) {
+    else if ((flags & kPlaceDemux) == 0)
         flags &= ~kPlaceHasCrc;
-    }
 }
 
 void CForeignClip::ReportCached(size_t which, const PinnedFrame& frame, uint32_t stamp) {

@@ -177,9 +177,10 @@ bool TakePcmFile(CDemuxer& demuxer, IStoreFile& file, uint64_t size_bytes, ClipI
     uint64_t samples = (size_bytes - first) / stream.sampleSize;
     if (source.duration > 0) samples = static_cast<uint64_t>(source.duration);
     const bool jumps = samples > stream.desc.sampleRate;
-    if (jumps &&
-        !demuxer.SeekToTime(stream.avIndex, static_cast<int64_t>(samples - stream.desc.sampleRate)))
+    if (jumps && !demuxer.SeekToTime(stream.avIndex,
+                                     static_cast<int64_t>(samples - stream.desc.sampleRate))) {
         return false;
+    }
     uint64_t end = first + static_cast<uint64_t>(packet->size);
     bool any = !jumps;
     while ((packet = demuxer.Next()) != nullptr) {
@@ -187,8 +188,9 @@ bool TakePcmFile(CDemuxer& demuxer, IStoreFile& file, uint64_t size_bytes, ClipI
         any = true;
         end = static_cast<uint64_t>(packet->pos) + static_cast<uint64_t>(packet->size);
         if (!HoldsBytes(file, static_cast<uint64_t>(packet->pos), packet->data,
-                        static_cast<size_t>(packet->size)))
+                        static_cast<size_t>(packet->size))) {
             return false;
+        }
     }
     if (!any) return false;
     stream.AddRun(first, (end - first) / stream.sampleSize * stream.sampleSize);

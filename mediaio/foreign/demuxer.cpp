@@ -42,8 +42,9 @@ bool IsOneOf(const AVInputFormat& format, const char* name) {
 bool IsRefused(const AVInputFormat& format) {
     if ((format.flags & AVFMT_NOFILE) != 0) return true;
     for (const char* refused : {"concat", "hls", "dash", "tty", "sdp", "rtsp", "imf", "ffmetadata",
-                                "applehttp", "webm_dash_manifest"})
+                                "applehttp", "webm_dash_manifest"}) {
         if (IsOneOf(format, refused)) return true;
+    }
     return false;
 }
 

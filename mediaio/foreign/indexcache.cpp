@@ -125,14 +125,16 @@ bool LoadIndex(IVolume& volume, const std::string& path, const SourceStamp& stam
     if (FAILED(file->ReadAt(&header, sizeof header, 0, done)) || done != sizeof header)
         return false;
     if (header.magic != kIndexMagic || header.version != kIndexVersion ||
-        header.crc != Crc32c(0, &header, offsetof(IndexHeader, crc)))
+        header.crc != Crc32c(0, &header, offsetof(IndexHeader, crc))) {
         return false;
+    }
     if (stamp != SourceStamp{header.sourceSize, header.sourceModified}) return false;
     if (header.payloadSize > kMostBytes || header.payloadSize != size - sizeof header) return false;
     std::vector<uint8_t> bytes(header.payloadSize);
     if (FAILED(file->ReadAt(bytes.data(), bytes.size(), sizeof header, done)) ||
-        done != bytes.size() || Crc32c(0, bytes.data(), bytes.size()) != header.payloadCrc)
+        done != bytes.size() || Crc32c(0, bytes.data(), bytes.size()) != header.payloadCrc) {
         return false;
+    }
     ClipIndex loaded;
     if (!Parse(bytes, header.streamCount, stamp.size_bytes, loaded)) return false;
     index = std::move(loaded);

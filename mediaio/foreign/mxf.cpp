@@ -215,8 +215,9 @@ bool MxfMap::ReadSegments(IStoreFile& file, const Partition& partition, uint32_t
         if (!ParseKlv(&bytes[at], bytes.size() - at, klv)) return false;
         if (klv.length > bytes.size() - at - klv.headSize) return false;
         if (Begins(klv.key.data(), kSegmentKey) &&
-            !TakeSegment(&bytes[at + klv.headSize], klv.length, bodySid))
+            !TakeSegment(&bytes[at + klv.headSize], klv.length, bodySid)) {
             return false;
+        }
         at += klv.headSize + klv.length;
     }
     return true;
@@ -256,9 +257,10 @@ bool MxfMap::Load(IStoreFile& file, uint64_t size_bytes) {
     for (const auto& [start, entries] : m_segments) {
         if (static_cast<uint64_t>(start) > units.size()) return false;
         const size_t known = units.size() - static_cast<size_t>(start);
-        if (known < entries.size())
+        if (known < entries.size()) {
             units.insert(units.end(), entries.begin() + static_cast<std::ptrdiff_t>(known),
                          entries.end());
+        }
     }
     m_segments.clear();
     unitCount = units.size();

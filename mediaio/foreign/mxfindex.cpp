@@ -63,10 +63,12 @@ private:
 
     bool ListPackages() {
         uint64_t count = m_map.unitCount;
-        for (const StreamIndex& stream : m_index.streams)
-            if (count == 0 && stream.desc.mediaType == kMediaFileVideo)
+        for (const StreamIndex& stream : m_index.streams) {
+            if (count == 0 && stream.desc.mediaType == kMediaFileVideo) {
                 count = static_cast<uint64_t>(
                     std::max<int64_t>(0, m_demuxer.Format().streams[stream.avIndex]->duration));
+            }
+        }
         if (count == 0 || count > kMostFrames || !DurationsAgree(count)) return false;
         if (m_map.unitSize != 0 && count > m_size / m_map.unitSize + 1) return false;
         // Not all writers flag the frames of codecs that know no others.
@@ -167,11 +169,10 @@ private:
         const uint64_t begin = m_map.essenceOffset + klv.headSize;
         if (klv.length > m_size - begin) return false;
         const uint64_t end = begin + klv.length;
-        if (stream.IsPcm()) {
+        if (stream.IsPcm())
             stream.AddRun(begin, klv.length / stream.sampleSize * stream.sampleSize);
-        } else if (!ListClipFrames(stream, begin, end)) {
+        else if (!ListClipFrames(stream, begin, end))
             return false;
-        }
         uint64_t expected = begin;
         for (uint64_t i = 0; i < kLearnFrom && packet != nullptr; ++i, packet = m_demuxer.Next()) {
             const auto size = static_cast<size_t>(packet->size);

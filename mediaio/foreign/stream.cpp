@@ -38,11 +38,10 @@ void CForeignStream::FrameDesc(uint32_t position, ZemFrameDesc& desc) const {
     HRESULT hr = m_clip->Pin(m_stream, position, false, frame);
     if (SUCCEEDED(hr)) hr = const_cast<CForeignStream*>(this)->LookNow(frame);
     desc.flags = kFrameFlagPresent | m_clip->FlagsOf(m_stream, position);
-    if (SUCCEEDED(hr)) {
+    if (SUCCEEDED(hr))
         desc.dataSize = frame.dataSize;
-    } else {
+    else
         desc.flags |= kFrameFlagCorrupt;
-    }
     const ZemEsDesc& stream = EsDescAtCreation();
     const bool dropFrame = (stream.flags & kEsFlagDropFrame) != 0;
     FillFrameTimes(position, stream, stream.startTimecode, dropFrame, desc);

@@ -177,11 +177,10 @@ void CThreadIo::Stop() {
     m_core->urgent.notify_all();
     m_core->work.notify_all();
     for (std::thread& thread : m_threads) {
-        if (thread.get_id() == std::this_thread::get_id()) {
+        if (thread.get_id() == std::this_thread::get_id())
             thread.detach();
-        } else {
+        else
             thread.join();
-        }
     }
 }
 

@@ -123,11 +123,10 @@ HRESULT SetAttribute(WStringView name, WStringView value, ChannelConfig& config)
 
 HRESULT SetAttributes(const VARIANT& document, ChannelConfig& config) {
     IDispatch* object = nullptr;
-    if (document.vt == VT_DISPATCH) {
+    if (document.vt == VT_DISPATCH)
         object = document.pdispVal;
-    } else if (document.vt == (VT_DISPATCH | kByReference) && document.byref != nullptr) {
+    else if (document.vt == (VT_DISPATCH | kByReference) && document.byref != nullptr)
         object = *static_cast<IDispatch**>(document.byref);
-    }
     if (object == nullptr) return E_INVALIDARG;
     CRef<IXMLDOMDocument> xml;
     if (FAILED(object->QueryInterface(IID_IXMLDOMDocument, xml.OutVoid()))) return E_INVALIDARG;

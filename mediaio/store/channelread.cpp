@@ -155,9 +155,10 @@ void CChannelCore::ReadJob::PieceDone() {
 
 // Ends the current frame and goes on with the next, or completes the read.
 void CChannelCore::ReadJob::Step(HRESULT hr) {
-    if (hr == HRESULT_FROM_WIN32(ERROR_CRC))
+    if (hr == HRESULT_FROM_WIN32(ERROR_CRC)) {
         LogStore(kErrorLogLevelError, hr, kSourceChannel,
                  "a stored frame is damaged, position " + std::to_string(frames[current].position));
+    }
     FrameDone(hr);
     if (NextFrame()) return ReadPiece();
     if (realTime) core->async->EndRealTimeRead();
@@ -174,9 +175,10 @@ void CChannelCore::ReadJob::FrameDone(HRESULT hr) {
     CFrameFile* file = files[current];
     entry.status = hr;
     // Now that the reader has what it waited for.
-    if (SUCCEEDED(hr) && aheads[current] != nullptr)
+    if (SUCCEEDED(hr) && aheads[current] != nullptr) {
         CReadAhead::Note(aheads[current], {core->Config().readAhead, realTime, core->async}, *file,
                          frame);
+    }
     if (SUCCEEDED(hr) && frame.dataSize == 0) {  // found by looking
         file->Unpin(frame.epoch);
         return;
@@ -208,11 +210,10 @@ CChannelCore::Found CChannelCore::FindFrame(CIoState& io, const ChannelConfig& c
                                             ElemStrmEntry& entry, PinnedFrame& frame,
                                             CFrameFile*& file, std::shared_ptr<CReadAhead>& ahead) {
     const bool special = IsSpecialToken(entry.token);
-    if (special) {
+    if (special)
         memset(entry.special, 0, sizeof entry.special);
-    } else {
+    else
         ClearBuffers(entry);
-    }
     CTokenTable::CUse stream;
     uint32_t position = entry.position;
     entry.status = io.tokens.Use(entry.token, stream);
@@ -244,9 +245,10 @@ CChannelCore::Found CChannelCore::FindFrame(CIoState& io, const ChannelConfig& c
         if (config.readAhead != 0) ahead = stream->ahead;
         return Found::kMustLoad;
     }
-    if (config.readAhead != 0)
+    if (config.readAhead != 0) {
         CReadAhead::Note(stream->ahead, {config.readAhead, io.realTime.load(), async}, *file,
                          frame);
+    }
     Deliver(entry, frame, file);
     return Found::kDone;
 }
@@ -302,11 +304,10 @@ HRESULT CChannelCore::ReadFrameComplete(ZemElemStrmIoData& streams) {
         const ZemIoBuffer hold = entry.buffers[kHoldSlot];
         void* const run = entry.buffers[0].data;
         ClearBuffers(entry);
-        if ((hold.length_bytes & ~uint64_t{1}) == kHoldsView) {
+        if ((hold.length_bytes & ~uint64_t{1}) == kHoldsView)
             static_cast<CFrameFile*>(hold.data)->Unpin(hold.length_bytes & 1);
-        } else if (hold.length_bytes == kHoldsRun) {
+        else if (hold.length_bytes == kHoldsRun)
             static_cast<IZemMemAllocator*>(hold.data)->Free(run);
-        }
     }
     return S_OK;
 }

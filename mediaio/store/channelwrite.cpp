@@ -97,10 +97,11 @@ void CChannelCore::WriteJob::Finish() {
         if (files[i] != nullptr) {
             entry.status = items[i].result;
             files[i]->Release();
-            if (FAILED(entry.status))
+            if (FAILED(entry.status)) {
                 LogStore(kErrorLogLevelError, entry.status, kSourceChannel,
                          "the device did not take the frame at position " +
                              std::to_string(entry.position));
+            }
         }
         if (IsSpecialToken(entry.token)) continue;
         for (int32_t k = 0; k < entry.bufferCount; ++k)

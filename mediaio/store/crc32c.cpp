@@ -22,9 +22,10 @@ constexpr std::array<ByteTable, 8> MakeTables() {
             crc = (crc >> 1) ^ (crc & 1 ? kPolynomial : 0);
         tables[0][i] = crc;
     }
-    for (uint32_t i = 0; i < 256; ++i)
+    for (uint32_t i = 0; i < 256; ++i) {
         for (size_t k = 1; k < 8; ++k)
             tables[k][i] = (tables[k - 1][i] >> 8) ^ tables[0][tables[k - 1][i] & 0xFF];
+    }
     return tables;
 }
 constexpr auto kTables = MakeTables();
@@ -55,10 +56,12 @@ std::array<ByteTable, 4> MakeShift() {
     for (size_t bit = 0; bit < 32; ++bit)
         unit[bit] = RunTables(1u << bit, zeros, kBlock);
     std::array<ByteTable, 4> shift{};
-    for (size_t byte = 0; byte < 4; ++byte)
-        for (size_t value = 0; value < 256; ++value)
+    for (size_t byte = 0; byte < 4; ++byte) {
+        for (size_t value = 0; value < 256; ++value) {
             for (size_t bit = 0; bit < 8; ++bit)
                 if (value & (size_t{1} << bit)) shift[byte][value] ^= unit[byte * 8 + bit];
+        }
+    }
     return shift;
 }
 

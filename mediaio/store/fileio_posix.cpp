@@ -143,8 +143,9 @@ public:
 
     HRESULT PunchHole(uint64_t offset_bytes, uint64_t size_bytes) override {
         if (fallocate(m_fd.Get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE,
-                      static_cast<off_t>(offset_bytes), static_cast<off_t>(size_bytes)) == 0)
+                      static_cast<off_t>(offset_bytes), static_cast<off_t>(size_bytes)) == 0) {
             return S_OK;
+        }
         return errno == EOPNOTSUPP || errno == ENOSYS ? S_OK : LastFailure();
     }
 

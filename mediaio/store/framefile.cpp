@@ -73,8 +73,9 @@ void FillFrameTimes(uint32_t position, const ZemEsDesc& stream, const vdrTimecod
     const vdrTimecode_s none{};
     uint32_t first = 0;
     if (memcmp(&desc.timecode, &none, sizeof none) == 0 &&
-        TimecodeToCount(start, rate, dropFrame, first))
+        TimecodeToCount(start, rate, dropFrame, first)) {
         desc.timecode = CountToTimecode(uint64_t{first} + position, rate, dropFrame);
+    }
 }
 
 }  // namespace zemstore

@@ -44,9 +44,10 @@ public:
     void AddRef() { m_refs.fetch_add(1, std::memory_order_relaxed); }
     bool TryAddRef() {
         uint32_t refs = m_refs.load(std::memory_order_relaxed);
-        while (refs != 0)
+        while (refs != 0) {
             if (m_refs.compare_exchange_weak(refs, refs + 1, std::memory_order_acquire))
                 return true;
+        }
         return false;
     }
     void Release() {

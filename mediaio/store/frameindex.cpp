@@ -62,11 +62,10 @@ CFrameIndex::Leaf& CFrameIndex::ChangeLeaf(uint32_t position) {
     std::unique_ptr<Node>* at = &m_top;
     for (uint32_t level = kTopLevel;; --level) {
         if (*at == nullptr) {
-            if (level > 0) {
+            if (level > 0)
                 *at = std::make_unique<Inner>();
-            } else {
+            else
                 *at = std::make_unique<Leaf>();
-            }
             ++m_nodes;
         }
         MarkChanged(**at);
@@ -87,9 +86,10 @@ const uint8_t* CFrameIndex::Description(uint32_t position) {
 
 void CFrameIndex::SetDescription(uint32_t position, const uint8_t* description) {
     Leaf& leaf = ChangeLeaf(position);
-    if (leaf.descriptions == nullptr)
+    if (leaf.descriptions == nullptr) {
         leaf.descriptions =
             std::make_unique<std::array<std::array<uint8_t, kDescriptionSize>, kLeafEntries>>();
+    }
     memcpy((*leaf.descriptions)[position % kLeafEntries].data(), description, kDescriptionSize);
 }
 
@@ -224,8 +224,9 @@ public:
             return Refuse({what, offset, level, firstPosition});
         };
         if (offset < kLogOffset || offset % kPageSize != 0 || offset > m_limit ||
-            m_limit - offset < kPageSize)
+            m_limit - offset < kPageSize) {
             return bad("lies outside of the file");
+        }
         if (offset < m_begin || offset + kPageSize > m_begin + m_filled) {
             // Nodes that lie side by side are read from the low end up; a node among frames is
             // read alone.
@@ -303,9 +304,10 @@ HRESULT CFrameIndex::LoadNode(CReader& reader, uint32_t level, uint32_t firstPos
                                 from.timecode,
                                 0};
             if (!AnyByte(from.description)) continue;
-            if (leaf->descriptions == nullptr)
+            if (leaf->descriptions == nullptr) {
                 leaf->descriptions = std::make_unique<
                     std::array<std::array<uint8_t, kDescriptionSize>, kLeafEntries>>();
+            }
             memcpy((*leaf->descriptions)[i].data(), from.description, kDescriptionSize);
         }
         node = std::move(leaf);

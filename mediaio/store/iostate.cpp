@@ -18,8 +18,9 @@ constexpr const WCHAR* kSource = TEXT("iostate.cpp");
 std::string ReadVolumeRoot() {
     HKEY key = nullptr;
     if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, TEXT("Software\\Quorvane Group\\RUD\\vfs"), 0, KEY_READ,
-                      &key) != ERROR_SUCCESS)
+                      &key) != ERROR_SUCCESS) {
         return {};
+    }
     WCHAR value[kNameRoom] = {};
     DWORD type = 0;
     DWORD size = sizeof value - sizeof value[0];
@@ -122,11 +123,10 @@ CIoState::~CIoState() {
         for (OpenStream& stream : streams)
             CloseStream(stream);
     };
-    if (!open.empty() && IAsyncIo::OnOwnThread()) {
+    if (!open.empty() && IAsyncIo::OnOwnThread())
         std::thread([close, open]() mutable { close(open); }).detach();
-    } else {
+    else
         close(open);
-    }
 }
 
 HRESULT CIoState::Volume(std::shared_ptr<IVolume>& volume) const {

@@ -131,11 +131,10 @@ HRESULT CMediaFile::Description(uint32_t position, uint8_t (&description)[kDescr
     if (entry == nullptr || entry->sequence == 0) return kErrorFrameHole;
     if ((entry->flags & kFrameFlagErased) != 0) return kErrorFrameErased;
     const uint8_t* bytes = m_index.Description(position);
-    if (bytes != nullptr) {
+    if (bytes != nullptr)
         memcpy(description, bytes, kDescriptionSize);
-    } else {
+    else
         memset(description, 0, kDescriptionSize);
-    }
     return S_OK;
 }
 

@@ -133,8 +133,9 @@ bool CMediaFile::RecordIsValid(const LogRecord& record, uint64_t pageOffset,
     if (record.fileId != m_header.fileId || record.sequence < m_sequence) return false;
     if (Crc32c(0, &record, offsetof(LogRecord, crc)) != record.crc) return false;
     if (record.kind < static_cast<uint16_t>(RecordKind::kFrame) ||
-        record.kind > static_cast<uint16_t>(RecordKind::kSettings))
+        record.kind > static_cast<uint16_t>(RecordKind::kSettings)) {
         return false;
+    }
     return record.sequence < kCountLimit && record.dataSize <= kMaxFrameSize &&
            record.slotOffset % kPageSize == 0 && record.slotOffset >= scanned &&
            record.slotOffset <= pageOffset &&

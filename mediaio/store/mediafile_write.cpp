@@ -50,11 +50,10 @@ HRESULT CMediaFile::BeginWriting() {
         if (m_writer) hr = HRESULT_FROM_WIN32(ERROR_SHARING_VIOLATION);
         m_writer = true;
     }
-    if (FAILED(hr)) {
+    if (FAILED(hr))
         Unguard();
-    } else {
+    else
         FindLostSpace();
-    }
     return hr;
 }
 

@@ -24,8 +24,9 @@ HRESULT CheckPart(std::string_view part) {
     for (const char c : part) {
         if (c == ':') return E_ACCESSDENIED;
         if (static_cast<unsigned char>(c) < 0x20 ||
-            std::string_view("*?\"<>|").find(c) != std::string_view::npos)
+            std::string_view("*?\"<>|").find(c) != std::string_view::npos) {
             return HRESULT_FROM_WIN32(ERROR_INVALID_NAME);
+        }
     }
     if (part.back() == '.' || part.back() == ' ') return HRESULT_FROM_WIN32(ERROR_INVALID_NAME);
     return IsDeviceName(part) ? E_ACCESSDENIED : S_OK;

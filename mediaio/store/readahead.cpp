@@ -81,17 +81,15 @@ void CReadAhead::Done(Step& step) {
     Step ended;
     {
         const std::lock_guard hold(m_lock);
-        if (whole && Prepare(step, *step.request.file)) {
+        if (whole && Prepare(step, *step.request.file))
             step.request.realTime = realTime;
-        } else {
+        else
             ended = std::exchange(step, {});
-        }
     }
-    if (ended.owner) {
+    if (ended.owner)
         ended.file->Release();
-    } else {
+    else
         step.engine->Submit(step.request);
-    }
 }
 
 }  // namespace zemstore

@@ -158,11 +158,10 @@ void CRingIo::Stop() {
         std::thread& thread = m_threads[realTime];
         if (!thread.joinable()) continue;
         m_sides[realTime]->Wake();
-        if (thread.get_id() == std::this_thread::get_id()) {
+        if (thread.get_id() == std::this_thread::get_id())
             thread.detach();
-        } else {
+        else
             thread.join();
-        }
     }
 }
 

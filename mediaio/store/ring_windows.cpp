@@ -101,11 +101,10 @@ COverlappedIo::~COverlappedIo() {
         m_core->stop = true;
     }
     m_core->Wake();
-    if (m_thread.get_id() == std::this_thread::get_id()) {
+    if (m_thread.get_id() == std::this_thread::get_id())
         m_thread.detach();
-    } else {
+    else
         m_thread.join();
-    }
 }
 
 void COverlappedIo::Submit(IoRequest& request) {
@@ -146,9 +145,10 @@ bool COverlappedIo::Core::StartTransfer(Slot& slot) {
     slot.overlapped = {};
     slot.overlapped.Offset = static_cast<DWORD>(at);
     slot.overlapped.OffsetHigh = static_cast<DWORD>(at >> 32);
-    if (Reads(request.op))
+    if (Reads(request.op)) {
         return ReadFileEx(file, request.data, static_cast<DWORD>(request.size_bytes),
                           &slot.overlapped, Transferred) != 0;
+    }
     return WriteFileEx(file, slot.data, static_cast<DWORD>(slot.size_bytes), &slot.overlapped,
                        Transferred) != 0;
 }
@@ -238,15 +238,14 @@ void CALLBACK COverlappedIo::Core::Transferred(DWORD error, DWORD moved_bytes,
     Slot& slot = *reinterpret_cast<Slot*>(overlapped);
     Core& core = *slot.core;
     slot.moved_bytes += moved_bytes;
-    if (Reads(slot.request->op)) {
+    if (Reads(slot.request->op))
         core.Finish(slot, error == ERROR_SUCCESS && moved_bytes == slot.request->size_bytes);
-    } else if (error != ERROR_SUCCESS || moved_bytes != slot.size_bytes) {
+    else if (error != ERROR_SUCCESS || moved_bytes != slot.size_bytes)
         core.Finish(slot, false);
-    } else if (!core.NextWrite(slot)) {
+    else if (!core.NextWrite(slot))
         core.Finish(slot, true);
-    } else if (!core.StartTransfer(slot)) {
+    else if (!core.StartTransfer(slot))
         core.Finish(slot, false);
-    }
 }
 
 void CALLBACK COverlappedIo::Core::PerformInPool(PTP_CALLBACK_INSTANCE, void* argument) {

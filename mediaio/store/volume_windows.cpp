@@ -123,11 +123,10 @@ HRESULT ReplaceOpen(HANDLE file, HANDLE folder, const WString& name) {
     if (SUCCEEDED(hr)) hr = Rename(old.Get(), folder, Widen(aside), false);
     if (FAILED(hr)) return hr;
     hr = Rename(file, folder, name, false);
-    if (FAILED(hr)) {
+    if (FAILED(hr))
         Rename(old.Get(), folder, name, false);
-    } else {
+    else
         Remove(old.Get());
-    }
     return hr;
 }
 
@@ -377,9 +376,10 @@ HRESULT CWindowsVolume::Space(const std::string& path, uint64_t& total_bytes,
 HRESULT OpenVolume(const std::string& root, std::shared_ptr<IVolume>& volume) {
     const HANDLE folder = CreateFileW(Widen(root).c_str(), kFolderAccess, kShareAll, nullptr,
                                       OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
-    if (folder == INVALID_HANDLE_VALUE)
+    if (folder == INVALID_HANDLE_VALUE) {
         return GetLastError() == ERROR_ACCESS_DENIED ? E_ACCESSDENIED
                                                      : HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND);
+    }
     CHandle opened(folder);
     BY_HANDLE_FILE_INFORMATION info;
     if (!GetFileInformationByHandle(folder, &info)) return LastFailure();

@@ -95,11 +95,10 @@ HANDLE OpenToRead(const char* path, DWORD flags) {
     if (descriptor < 0) {
         // A link that is not to be followed; one that leads nowhere or in a circle has failed
         // above.
-        if (errno == ELOOP && existed) {
+        if (errno == ELOOP && existed)
             SetLastError(ERROR_ACCESS_DENIED);
-        } else {
+        else
             FailErrno(path, errno);
-        }
         return INVALID_HANDLE_VALUE;
     }
     if (fstat(descriptor, &status) != 0 || !KindAllowed(status.st_mode, flags)) {
@@ -131,11 +130,10 @@ HANDLE OpenToDelete(const CNativeName& name) {
         const HANDLE handle = OpenHandle(file);
         return handle ? handle : INVALID_HANDLE_VALUE;
     }
-    if (file->Descriptor() >= 0) {
+    if (file->Descriptor() >= 0)
         SetLastError(ERROR_ACCESS_DENIED);
-    } else {
+    else
         FailErrno(name.path, errno);
-    }
     file->Release();
     return INVALID_HANDLE_VALUE;
 }
@@ -175,13 +173,12 @@ DWORD GetFileAttributesW(LPCWSTR name) {
         // A link that leads nowhere still has a name.
         if (stat(native.path, &status) != 0) return attributes;
     }
-    if (S_ISDIR(status.st_mode)) {
+    if (S_ISDIR(status.st_mode))
         attributes |= FILE_ATTRIBUTE_DIRECTORY;
-    } else if (!S_ISREG(status.st_mode)) {
+    else if (!S_ISREG(status.st_mode))
         attributes |= FILE_ATTRIBUTE_DEVICE;
-    } else if (IsReadOnly(status)) {
+    else if (IsReadOnly(status))
         attributes |= FILE_ATTRIBUTE_READONLY;
-    }
     return attributes != 0 ? attributes : FILE_ATTRIBUTE_NORMAL;
 }
 

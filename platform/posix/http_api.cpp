@@ -101,8 +101,9 @@ ULONG HttpReceiveHttpRequest(HANDLE ReqQueueHandle, HTTP_REQUEST_ID RequestId, U
     const CPin<CRequestQueue> queue(ReqQueueHandle);
     if (!queue) return ERROR_INVALID_HANDLE;
     if (!pRequestBuffer || (Flags & ~static_cast<ULONG>(HTTP_RECEIVE_REQUEST_FLAG_COPY_BODY)) ||
-        reinterpret_cast<uintptr_t>(pRequestBuffer) % alignof(HTTP_REQUEST) != 0)
+        reinterpret_cast<uintptr_t>(pRequestBuffer) % alignof(HTTP_REQUEST) != 0) {
         return ERROR_INVALID_PARAMETER;
+    }
     if (RequestBufferLength < sizeof(HTTP_REQUEST)) return ERROR_INSUFFICIENT_BUFFER;
     if (pOverlapped && !queue->IsBound()) return ERROR_INVALID_PARAMETER;
 
@@ -156,8 +157,9 @@ ULONG HttpSendHttpResponse(HANDLE ReqQueueHandle, HTTP_REQUEST_ID RequestId, ULO
     const CPin<CRequestQueue> queue(ReqQueueHandle);
     if (!queue) return ERROR_INVALID_HANDLE;
     if (!pHttpResponse || (Flags & ~static_cast<ULONG>(HTTP_SEND_RESPONSE_FLAG_DISCONNECT)) ||
-        pReserved1 || pReserved2 || Reserved3 || pOverlapped || pReserved4)
+        pReserved1 || pReserved2 || Reserved3 || pOverlapped || pReserved4) {
         return ERROR_INVALID_PARAMETER;
+    }
     CHttpConnection* connection = CHttpConnection::Find(RequestId);
     bool busy = false;
     if (!connection || !connection->EnterCall(RequestId, queue.Get(), &busy))

@@ -35,15 +35,14 @@ int CBodyDecoder::Decode(const char*& in, const char* in_end, char*& out, const 
 
 int CBodyDecoder::AddSizeDigit(char c) {
     uint64_t digit;
-    if (c >= '0' && c <= '9') {
+    if (c >= '0' && c <= '9')
         digit = static_cast<uint64_t>(c - '0');
-    } else if (c >= 'A' && c <= 'F') {
+    else if (c >= 'A' && c <= 'F')
         digit = static_cast<uint64_t>(c - 'A' + 10);
-    } else if (c >= 'a' && c <= 'f') {
+    else if (c >= 'a' && c <= 'f')
         digit = static_cast<uint64_t>(c - 'a' + 10);
-    } else {
+    else
         return 400;
-    }
     if (m_left >> 58) return 413;
     m_left = m_left * 16 + digit;
     m_state = EState::Size;

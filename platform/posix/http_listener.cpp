@@ -50,16 +50,18 @@ std::vector<BYTE> ReadListenOnlyList() {
     HKEY key;
     if (RegOpenKeyExW(HKEY_LOCAL_MACHINE,
                       TEXT("System\\CurrentControlSet\\Services\\HTTP\\Parameters"), 0, KEY_READ,
-                      &key) != ERROR_SUCCESS)
+                      &key) != ERROR_SUCCESS) {
         return {};
+    }
     std::vector<BYTE> value;
     DWORD type = 0, size = 0;
     if (RegQueryValueExA(key, "ListenOnlyList", nullptr, &type, nullptr, &size) == ERROR_SUCCESS &&
         type == REG_MULTI_SZ) {
         value.resize(size);
         if (RegQueryValueExA(key, "ListenOnlyList", nullptr, &type, value.data(), &size) !=
-            ERROR_SUCCESS)
+            ERROR_SUCCESS) {
             size = 0;
+        }
         value.resize(size);
     }
     RegCloseKey(key);

@@ -91,9 +91,10 @@ struct NameBuckets {
 
 constexpr NameBuckets MakeBuckets() {
     NameBuckets buckets{};
-    for (auto& bucket : buckets.id)
+    for (auto& bucket : buckets.id) {
         for (auto& id : bucket)
             id = kUnknownHeader;
+    }
     for (size_t i = 0; i < kRequestNames.size(); ++i) {
         auto& bucket = buckets.id[kRequestNames[i].size()];
         size_t place = 0;

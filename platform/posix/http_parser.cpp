@@ -25,11 +25,13 @@ constexpr std::array<uint8_t, 256> MakeClasses() {
             (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
         uint8_t bits = c == '#' ? 0 : kTarget;
         if (alnum || std::string_view("!#$%&'*+-.^_`|~").find(static_cast<char>(c)) !=
-                         std::string_view::npos)
+                         std::string_view::npos) {
             bits |= kToken;
+        }
         if (alnum || std::string_view("-._~%!$&'()*+,;=").find(static_cast<char>(c)) !=
-                         std::string_view::npos)
+                         std::string_view::npos) {
             bits |= kHost;
+        }
         classes[static_cast<size_t>(c)] = bits;
     }
     return classes;

@@ -82,11 +82,10 @@ CHttpConnection::EStep CHttpConnection::AcceptHead(const RequestHead& head, char
                                                    CPacket& packet) {
     m_close = head.close;
     m_head_only = head.verb == HttpVerbHEAD;
-    if (head.chunked) {
+    if (head.chunked)
         m_decoder.SetChunked();
-    } else {
+    else
         m_decoder.SetLength(head.content_length);
-    }
     TargetParts target;
     CookedPath path;
     int status = SplitTarget(head.verb, head.target, target);
@@ -156,11 +155,10 @@ bool CHttpConnection::BodyIsReady() const {
 void CHttpConnection::SetBodyDeadline() {
     const HttpTuning& tune = *HttpTune();
     m_body_limit_ms = ClockMs() + tune.body_ms;
-    if (m_body_end > m_body_begin) {
+    if (m_body_end > m_body_begin)
         SetDeadline(tune.short_body_ms, true);
-    } else {
+    else
         SetDeadline(tune.body_ms);
-    }
 }
 
 CHttpConnection::EStep CHttpConnection::RunBody(CPacket& packet) {

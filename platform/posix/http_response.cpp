@@ -173,11 +173,12 @@ char* CResponseWire::WriteHeader(const HTTP_RESPONSE& response, char* to) {
          << "\r\n";
     for (uint32_t left = m_known; left != 0; left &= left - 1) {
         const int id = std::countr_zero(left);
-        if (id == HttpHeaderContentLength && m_adds_length)
+        if (id == HttpHeaderContentLength && m_adds_length) {
             text << "Content-Length: " << m_body_bytes << "\r\n";
-        else
+        } else {
             text << ResponseHeaderName(id) << ": " << Value(response.Headers.KnownHeaders[id])
                  << "\r\n";
+        }
     }
     for (USHORT i = 0; i < response.Headers.UnknownHeaderCount; ++i) {
         const HTTP_UNKNOWN_HEADER& header = response.Headers.pUnknownHeaders[i];

@@ -89,11 +89,10 @@ void Recycle(CSlot* slot, uint32_t index) {
     slot->word.store(uint64_t{generation} << 32, std::memory_order_release);
     std::lock_guard guard(table.lock);
     slot->next_free = kNoSlot;
-    if (table.last_free == kNoSlot) {
+    if (table.last_free == kNoSlot)
         table.first_free = index;
-    } else {
+    else
         SlotAt(table.last_free)->next_free = index;
-    }
     table.last_free = index;
 }
 

@@ -86,9 +86,10 @@ CPollTarget* CReadyList::Take(bool (*wanted)(const CPollTarget*, const void*), c
 }
 
 CPortLanes::~CPortLanes() {
-    for (CLane& lane : m_lanes)
+    for (CLane& lane : m_lanes) {
         for (const int fd : {lane.wake, lane.epoll})
             if (fd >= 0) close(fd);
+    }
 }
 
 bool CPortLanes::Init(int count) {
@@ -101,8 +102,9 @@ bool CPortLanes::Init(int count) {
         lane.nested.Set(this, i);
         if (lane.epoll < 0 || lane.wake < 0 ||
             !Add(i, lane.wake, EPOLLIN | EPOLLET, &m_wake_target) ||
-            (i > 0 && !Add(0, lane.epoll, EPOLLIN, &lane.nested)))
+            (i > 0 && !Add(0, lane.epoll, EPOLLIN, &lane.nested))) {
             return false;
+        }
     }
     return true;
 }
@@ -186,17 +188,15 @@ CPollTarget* CPortLanes::Claim(int lane, const epoll_event* events, int count) {
     for (int i = 0; i < count; ++i) {
         auto* target = static_cast<CPollTarget*>(events[i].data.ptr);
         if (!target->Claim(events[i].events)) continue;
-        if (!first) {
+        if (!first)
             first = target;
-        } else {
+        else
             left |= m_lanes[lane].ready.Push(target);
-        }
     }
-    if (left && !IsOpen(lane)) {
+    if (left && !IsOpen(lane))
         Share(lane);
-    } else if (left && HasSleeper(lane)) {
+    else if (left && HasSleeper(lane))
         Wake(lane);
-    }
     return first;
 }
 

@@ -74,13 +74,12 @@ void CWorkerSeats::Leave(CHere* here) {
     m_seats.erase(std::find(m_seats.begin(), m_seats.end(), here));
     const int lane = here->lane.load();
     if (lane != 0) TakeLaneAway(lane);
-    if (m_seated.fetch_sub(1) == 1) {
+    if (m_seated.fetch_sub(1) == 1)
         Call(ECall::Needed);
-    } else if (!HasOthers(0, nullptr) && !m_seats.empty()) {
+    else if (!HasOthers(0, nullptr) && !m_seats.empty())
         // Somebody must see to lane 0, and the fewer work the better: nobody new is called. (With
         // no seat taken, who was called and is on the way comes to lane 0.)
         TakeLaneAway(m_seats.back()->lane.load());
-    }
 }
 
 // With the lock held: the calling thread takes a seat that was counted already.
@@ -165,11 +164,10 @@ void CWorkerSeats::Park(std::unique_lock<std::mutex>& lock) {
     m_parked.push_back(&me);
     m_parked_count.fetch_add(1);
     while (!me.seated && !m_closed) {
-        if (m_parked.front() != &me || !m_watched.load()) {
+        if (m_parked.front() != &me || !m_watched.load())
             me.called.wait(lock);
-        } else if (me.called.wait_for(lock, kWatch) == std::cv_status::timeout && !me.seated) {
+        else if (me.called.wait_for(lock, kWatch) == std::cv_status::timeout && !me.seated)
             Watch();
-        }
     }
     if (!me.seated) {
         m_parked.erase(std::find(m_parked.begin(), m_parked.end(), &me));
@@ -248,11 +246,12 @@ void CWorkerSeats::CompareLanes() {
 
 // With the lock held. Whether every lane has somebody waiting; after a while the watch ends.
 bool CWorkerSeats::IsIdle() {
-    for (int lane = 0; lane < m_lanes->Count(); ++lane)
+    for (int lane = 0; lane < m_lanes->Count(); ++lane) {
         if (IsOpen(lane) && !m_lanes->HasSleeper(lane)) {
             m_quiet = 0;
             return false;
         }
+    }
     const uint64_t taken = m_lanes->Taken();
     m_quiet = taken == m_last_taken ? m_quiet + 1 : 0;
     m_last_taken = taken;
@@ -287,11 +286,10 @@ bool CWorkerSeats::WatchLane(int lane) {
     watch.busy = 0;
     if (!OccupantsSleep(lane) && ++watch.stuck < kStuckWatches) return false;
     watch.stuck = 0;
-    if (lane != 0) {
+    if (lane != 0)
         TakeLaneAway(lane);
-    } else {
+    else
         Call(ECall::Needed);
-    }
     return false;
 }
 

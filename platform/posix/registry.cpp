@@ -307,9 +307,10 @@ bool OverrideRegistryValue(LPCWSTR key, LPCWSTR name, DWORD type, const void* da
     const std::lock_guard guard(registry.lock);
     std::erase_if(registry.overrides,
                   [&](const COverride& o) { return o.key == path && o.name == lower_name; });
-    if (data)
+    if (data) {
         registry.overrides.push_back(
             {path, lower_name, {type, std::string(static_cast<const char*>(data), size)}});
+    }
     registry.current = nullptr;
     return true;
 }

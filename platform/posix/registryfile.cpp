@@ -176,11 +176,10 @@ private:
 
     const char* ValueAt(View line) {
         std::u16string name;
-        if (line.front() == u'@') {
+        if (line.front() == u'@')
             line.remove_prefix(1);
-        } else if (!TakeQuoted(&line, &name)) {
+        else if (!TakeQuoted(&line, &name))
             return "neither a key, a value nor a comment";
-        }
         line = Trim(line);
         if (!TakePrefix(&line, u"=")) return "a value without =";
         line = Trim(line);
@@ -190,11 +189,10 @@ private:
         if (problem || m_ignore) return problem;
         if (!m_current) return "a value outside a key";
         name = LowerCase(name);
-        if (removes) {
+        if (removes)
             m_current->erase(name);
-        } else {
+        else
             (*m_current)[name] = std::move(value);
-        }
         return nullptr;
     }
 
@@ -300,9 +298,10 @@ bool ParseRootedPath(View text, std::u16string* path, bool* outside) {
     // Empty parts name no key.
     if (rest.find(u"\\\\") != View::npos ||
         (end != std::u16string::npos &&
-         (rest.empty() || rest.front() == u'\\' || rest.back() == u'\\')))
+         (rest.empty() || rest.front() == u'\\' || rest.back() == u'\\'))) {
         return false;
-    // Bounds what Make does for the parents of one line.
+        // Bounds what Make does for the parents of one line.
+    }
     if (static_cast<size_t>(std::count(rest.begin(), rest.end(), u'\\')) >= kMaxDepth) return false;
     if (root == u"hkey_local_machine") {
         *path = rest;

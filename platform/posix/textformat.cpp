@@ -43,11 +43,10 @@ public:
             }
             const C* next = Convert(format + 1, arguments);
             if (m_refused) return Outcome::Refused;
-            if (next) {
+            if (next)
                 format = next;
-            } else {
+            else
                 Put(*format++);  // unknown: as it stands
-            }
         }
         return m_cut ? Outcome::Cut : Outcome::Complete;
     }
@@ -59,11 +58,10 @@ private:
     static constexpr size_t kFloatPrecisionLimit = 128;
 
     void Put(C c) {
-        if (m_length < m_capacity) {
+        if (m_length < m_capacity)
             m_to[m_length++] = c;
-        } else {
+        else
             m_cut = true;
-        }
     }
     // How many of so many characters there is room for; fewer than all cut the text.
     size_t Fitting(size_t count) {
@@ -85,11 +83,10 @@ private:
     void PutCode(char32_t code) {
         C units[4];
         uint32_t count;
-        if constexpr (std::is_same_v<C, char>) {
+        if constexpr (std::is_same_v<C, char>)
             count = posix::EncodeUtf8(code, units);
-        } else {
+        else
             count = posix::EncodeUtf16(code, units);
-        }
         for (uint32_t i = 0; i < count; ++i)
             Put(units[i]);
     }
@@ -309,11 +306,10 @@ private:
 
     void String(const CConversion& c, bool capital, CArguments& arguments) {
         const size_t limit = c.has_precision ? c.precision : static_cast<size_t>(-1);
-        if (IsOther(c, capital)) {  // NOLINT(bugprone-branch-clone): the types differ
+        if (IsOther(c, capital))  // NOLINT(bugprone-branch-clone): the types differ
             Terminated(c, va_arg(arguments.list, const Other*), limit);
-        } else {
+        else
             Terminated(c, va_arg(arguments.list, const C*), limit);
-        }
     }
 
     template <class T>
@@ -368,11 +364,10 @@ private:
             for (size_t i = 0; i < size;) {
                 const posix::CDecoded decoded = Decode(text + i, size - i);
                 C out[4];
-                if constexpr (std::is_same_v<C, char>) {
+                if constexpr (std::is_same_v<C, char>)
                     units += posix::EncodeUtf8(decoded.code, out);
-                } else {
+                else
                     units += posix::EncodeUtf16(decoded.code, out);
-                }
                 i += decoded.units;
             }
             return units;

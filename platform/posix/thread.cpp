@@ -44,11 +44,10 @@ public:
     // A thread that was seen to end is gone, its thread-local objects included, when its handle is
     // closed.
     void OnClose() override {
-        if (m_done.load(std::memory_order_acquire)) {
+        if (m_done.load(std::memory_order_acquire))
             pthread_join(m_thread, nullptr);
-        } else {
+        else
             pthread_detach(m_thread);
-        }
     }
 
     DWORD Id() {

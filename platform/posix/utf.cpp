@@ -35,9 +35,8 @@ CDecoded DecodeUtf8(const char* text, size_t size) {
 CDecoded DecodeUtf16(const WCHAR* text, size_t size) {
     const char32_t first = text[0];
     if (first < 0xD800 || first > 0xDFFF) return {first, 1, true};
-    if (first < 0xDC00 && size > 1 && text[1] >= 0xDC00 && text[1] <= 0xDFFF) {
+    if (first < 0xDC00 && size > 1 && text[1] >= 0xDC00 && text[1] <= 0xDFFF)
         return {0x10000 + ((first - 0xD800) << 10) + (text[1] - 0xDC00u), 2, true};
-    }
     return {kReplacement, 1, false};
 }
 
@@ -49,9 +48,8 @@ uint32_t EncodeUtf8(char32_t code, char* to) {
     const uint32_t more = code < 0x800 ? 1 : code < 0x10000 ? 2 : 3;
     constexpr uint8_t kLead[] = {0, 0xC0, 0xE0, 0xF0};
     to[0] = static_cast<char>(kLead[more] | (code >> (6 * more)));
-    for (uint32_t i = 1; i <= more; ++i) {
+    for (uint32_t i = 1; i <= more; ++i)
         to[i] = static_cast<char>(0x80 | ((code >> (6 * (more - i))) & 0x3F));
-    }
     return more + 1;
 }
 

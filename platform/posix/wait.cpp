@@ -51,11 +51,10 @@ void CParker::Unpark() {
 uint32_t CWaitable::Unlocked() const {
     uint32_t word = m_word.load();
     for (int i = 0; word & kLocked; ++i, word = m_word.load()) {
-        if (i < 64) {
+        if (i < 64)
             SpinPause();
-        } else {
+        else
             sched_yield();
-        }
     }
     return word;
 }

@@ -189,13 +189,12 @@ private:
         char32_t code = 0;
         for (const WCHAR c : digits) {
             const WCHAR lower = AsciiLower(c);
-            if (c >= u'0' && c <= u'9') {
+            if (c >= u'0' && c <= u'9')
                 code = code * (hex ? 16 : 10) + (c - u'0');
-            } else if (hex && lower >= u'a' && lower <= u'f') {
+            else if (hex && lower >= u'a' && lower <= u'f')
                 code = code * 16 + (lower - u'a' + 10u);
-            } else {
+            else
                 return false;
-            }
         }
         return code <= 0x10FFFF && !(code >= 0xD800 && code <= 0xDFFF) && IsCharacter(code);
     }

@@ -134,7 +134,7 @@ TEST_F(ClientTable, LookUpsAndLeavesMayRunAtOnce) {
     std::atomic<bool> stop{false};
     std::atomic<int> found{0};
     std::vector<std::thread> threads;
-    for (int t = 0; t < 3; ++t)
+    for (int t = 0; t < 3; ++t) {
         threads.emplace_back([&] {
             while (!stop) {
                 const CZemClientRef client = table.Find(TEXT("a"));
@@ -146,6 +146,7 @@ TEST_F(ClientTable, LookUpsAndLeavesMayRunAtOnce) {
                 ++found;
             }
         });
+    }
     int rounds = 0;
     while (rounds < 300 || found < 100) {
         Insert(TEXT("a"));

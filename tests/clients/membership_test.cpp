@@ -275,9 +275,7 @@ TEST_F(Membership, JoinThatRunsOutOfMemoryAnywhereLeavesNothing) {
             break;
         }
         EXPECT_LT(hr, 0);
-        if (skipped == 0) {
-            EXPECT_EQ(log.Error(kNoChannelMessage).hr, E_OUTOFMEMORY);
-        }
+        if (skipped == 0) EXPECT_EQ(log.Error(kNoChannelMessage).hr, E_OUTOFMEMORY);
         EXPECT_EQ(Clients(), 0u);
         EXPECT_EQ(media.LiveChannels(), 0);
         EXPECT_EQ(RealTime(), TEXT(""));
@@ -376,7 +374,7 @@ TEST_F(Membership, FailedJoinIsTracedWhenTheFlagIsSet) {
 TEST_F(Membership, TwoJoinsOfOneClientAtOnceCreateOneRecord) {
     std::latch start(2);
     std::vector<std::thread> threads;
-    for (int t = 0; t < 2; ++t)
+    for (int t = 0; t < 2; ++t) {
         threads.emplace_back([&] {
             CHttpXaction* xaction = nullptr;
             ASSERT_EQ(Pool().Acquire(xaction), S_OK);
@@ -387,6 +385,7 @@ TEST_F(Membership, TwoJoinsOfOneClientAtOnceCreateOneRecord) {
             EXPECT_EQ(server.DoCmdJoin(command, 1), S_OK);
             Pool().Release(xaction);
         });
+    }
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(Clients(), 1u);

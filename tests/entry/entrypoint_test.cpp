@@ -528,13 +528,14 @@ TEST_F(EntryPoint, FieldsStandInTheirOrder) {
 
 TEST_F(EntryPoint, ScopesOfManyThreadsLogAtOnce) {
     std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
+    for (int t = 0; t < 4; ++t) {
         threads.emplace_back([t] {
             for (int i = 0; i < 100; ++i) {
                 CZemEntry scope(TEXT("f"));
                 scope.Trace(TEXT("%d:%d %s"), t, i, WString(200, u'x').c_str());
             }
         });
+    }
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(log.Messages().size(), 400u);

@@ -138,9 +138,10 @@ inline SYSTEMTIME NewTime() {
 }
 
 inline void WriteInPieces(const WString& text, const SYSTEMTIME& time) {
-    for (size_t i = 0; i < text.size(); i += 127)
+    for (size_t i = 0; i < text.size(); i += 127) {
         EXPECT_TRUE(ErrorLogWriteExW(0, &time, 7, kErrorLogLevelMessage, TEXT(""), -1, 0,
                                      text.substr(i, 127).c_str(), 0));
+    }
 }
 inline void WriteInPieces(const WString& text) {
     WriteInPieces(text, NewTime());

@@ -205,7 +205,7 @@ TEST(ErrorLogQueue, RecordsOfManyThreadsKeepTheirOrderAndTheirLines) {
     constexpr int kThreads = 4;
     constexpr int kRecords = 400;  // all of them fit the queue
     std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t)
+    for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([t] {
             for (int i = 0; i < kRecords; ++i) {
                 const std::string text =
@@ -213,6 +213,7 @@ TEST(ErrorLogQueue, RecordsOfManyThreadsKeepTheirOrderAndTheirLines) {
                 WriteMessage(kErrorLogLevelTrace, WString(text.begin(), text.end()).c_str());
             }
         });
+    }
     for (std::thread& thread : threads)
         thread.join();
     std::map<std::string, int> next;

@@ -130,9 +130,10 @@ ULONG CFakeHttp::Send(HANDLE queue, HTTP_REQUEST_ID requestId, ULONG flags,
     sent.reason.assign(response.pReason, response.ReasonLength);
     for (int id = 0; id < HttpHeaderResponseMaximum; ++id) {
         const HTTP_KNOWN_HEADER& header = response.Headers.KnownHeaders[id];
-        if (header.pRawValue)
+        if (header.pRawValue) {
             sent.known.emplace_back(static_cast<HTTP_HEADER_ID>(id),
                                     std::string(header.pRawValue, header.RawValueLength));
+        }
     }
     for (USHORT i = 0; i < response.Headers.UnknownHeaderCount; ++i) {
         const HTTP_UNKNOWN_HEADER& header = response.Headers.pUnknownHeaders[i];

@@ -69,9 +69,10 @@ ULONG __wrap_HttpReceiveHttpRequest(HANDLE queue, HTTP_REQUEST_ID requestId, ULO
                                     LPOVERLAPPED overlapped) {
     const CAllocationFaultPause pause;
     CFakeSystem* system = g_system;
-    if (!system)
+    if (!system) {
         return __real_HttpReceiveHttpRequest(queue, requestId, flags, buffer, size, received,
                                              overlapped);
+    }
     const auto error = system->errors.find("HttpReceiveHttpRequest");
     const ULONG answer = error == system->errors.end() ? ULONG{ERROR_IO_PENDING} : error->second;
     if (answer != ERROR_IO_PENDING && answer != NO_ERROR) {

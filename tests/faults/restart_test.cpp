@@ -155,9 +155,10 @@ public:
         EXPECT_TRUE(first.Join());
         const ULONGLONG token = first.Create("stalled" + std::to_string(m_round));
         EXPECT_NE(token, 0u);
-        for (int i = 0; i < 6; ++i)
+        for (int i = 0; i < 6; ++i) {
             Add("stalled").Begin(4, CClient::WriteBody(token, 0, 2u << 20), 2u << 20,
                                  std::string(1500000, 's'));
+        }
         EXPECT_TRUE(Add("other").Join());
     }
     void UnreadReplies() {
@@ -175,7 +176,7 @@ public:
     // Clients that write, read, switch real time, leave and join again as fast as they can.
     void Busy() {
         std::latch under_way(3);
-        for (int i = 0; i < 3; ++i)
+        for (int i = 0; i < 3; ++i) {
             m_threads.emplace_back([this, i, &under_way] {
                 CClient client(m_port, "busy-" + std::to_string(i));
                 client.Join();
@@ -194,6 +195,7 @@ public:
                     client.Join();
                 }
             });
+        }
         under_way.wait();
     }
 

@@ -92,9 +92,7 @@ TEST(Allocator, RunsNeverOverlapAndKeepTheirBytes) {
             char* run = static_cast<char*>(allocator.Allocate(size));
             if (run == nullptr) continue;
             const auto next = live.lower_bound(run);
-            if (next != live.end()) {
-                ASSERT_LE(run + size, next->first);
-            }
+            if (next != live.end()) ASSERT_LE(run + size, next->first);
             if (next != live.begin()) {
                 const auto before = std::prev(next);
                 ASSERT_LE(before->first + before->second.first, run);
@@ -148,11 +146,10 @@ size_t LargestRun(CZemMemAllocator& allocator, size_t memory) {
         const size_t middle = (low + high + 1) / 2;
         void* run = allocator.Allocate(middle * kPage);
         allocator.Free(run);
-        if (run == nullptr) {
+        if (run == nullptr)
             high = middle - 1;
-        } else {
+        else
             low = middle;
-        }
     }
     return low * kPage;
 }
@@ -171,11 +168,10 @@ TEST(Allocator, FragmentationStaysBounded) {
         static constexpr size_t kSizes[] = {7680, 9600, 150000, 400000, 1048576, 2500000, 5529600};
         const size_t base = kSizes[random() % std::size(kSizes)];
         void* run = allocator.Allocate(base / 2 + random() % base);
-        if (run == nullptr) {
+        if (run == nullptr)
             ++failures;
-        } else {
+        else
             live.push_back(run);
-        }
         while (allocator.BytesInUse() > kSize / 2) {
             const size_t which = random() % std::min<size_t>(live.size(), 8);
             allocator.Free(live[which]);

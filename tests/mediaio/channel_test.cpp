@@ -24,11 +24,10 @@ using namespace mediatest;
 class CEngineChoice : public testing::WithParamInterface<bool> {
 protected:
     CEngineChoice() {
-        if (GetParam()) {
+        if (GetParam())
             setenv("ZEM_NO_IO_URING", "1", 1);
-        } else {
+        else
             unsetenv("ZEM_NO_IO_URING");
-        }
     }
 };
 
@@ -39,11 +38,10 @@ INSTANTIATE_TEST_SUITE_P(Threads, ChannelIo, testing::Values(true));
 
 TEST_P(ChannelIo, UsesTheRingUnlessTold) {
     const std::string kind = zemstore::IAsyncIo::Shared()->Kind();
-    if (GetParam()) {
+    if (GetParam())
         EXPECT_EQ(kind, "threads");
-    } else if (kind != "io_uring") {
+    else if (kind != "io_uring")
         GTEST_SKIP() << "this kernel gives no ring";
-    }
 }
 
 TEST_P(ChannelIo, WhatIsWrittenIsReadAtOnceFromItsPages) {
@@ -319,11 +317,10 @@ TEST_P(ChannelIo, ADeletedChannelHasNothingUnderWay) {
                 self->channel->ReadFrameComplete(self->streams);
                 ++*self->count;
             };
-            if (other->ReadFrame(io->desc) == kPending) {
+            if (other->ReadFrame(io->desc) == kPending)
                 ++expected;
-            } else {
+            else
                 other->ReadFrameComplete(io->streams);
-            }
             ios.push_back(std::move(io));
         }
         other.reset();

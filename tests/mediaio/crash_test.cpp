@@ -104,11 +104,10 @@ public:
     }
     void Marked(uint32_t mark, bool done) {
         m_possibleMarks.insert(mark);
-        if (done) {
+        if (done)
             m_marks = mark;
-        } else {
+        else
             m_unsureMarks.insert(mark);
-        }
     }
     // `lost`: unsynced writes may be gone. `kept`: what is found is on the device.
     void Found(uint32_t index, Version found, bool lost, bool kept) {
@@ -355,11 +354,10 @@ private:
             index >= kFirstSpecial
                 ? WriteDescription(file, position, version)
                 : WriteFrame(file, position, FrameBytes(position, version, SizeOf(version)));
-        if (SUCCEEDED(hr)) {
+        if (SUCCEEDED(hr))
             m_model.Wrote(index, version);
-        } else {
+        else
             m_model.Tried(index, version);
-        }
     }
 
     void Erase(CMediaFile& file, uint32_t first, uint32_t end) {
@@ -412,9 +410,7 @@ private:
             const bool known = hr == S_OK || hr == kErrorFrameErased || hr == kErrorFrameHole ||
                                hr == HRESULT_FROM_WIN32(ERROR_END_OF_MEDIA);
             ASSERT_TRUE(known) << "position " << kPositions[i] << std::hex << " 0x" << hr;
-            if (hr == S_OK) {
-                ASSERT_NE(found, 0u) << "a torn frame at position " << kPositions[i];
-            }
+            if (hr == S_OK) ASSERT_NE(found, 0u) << "a torn frame at position " << kPositions[i];
             ASSERT_NO_FATAL_FAILURE(m_model.Found(i, found, lost, kept));
         }
         ASSERT_NO_FATAL_FAILURE(m_model.FoundMarks(file.CurrentSettings().firstMark, lost, kept));

@@ -19,9 +19,10 @@ std::vector<uint8_t> Join(const std::vector<std::vector<uint8_t>>& parts) {
 
 std::vector<uint8_t> Words(const Bytes32& words) {
     std::vector<uint8_t> bytes;
-    for (const uint32_t word : words)
+    for (const uint32_t word : words) {
         for (const int shift : {24, 16, 8, 0})
             bytes.push_back(static_cast<uint8_t>(word >> shift));
+    }
     return bytes;
 }
 

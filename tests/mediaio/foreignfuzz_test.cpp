@@ -109,8 +109,9 @@ protected:
             const double seconds = static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC;
             EXPECT_LT(seconds, kSoon_s) << "round " << round;
             if (const char* folder = std::getenv("ZEM_FUZZ_KEEP");
-                folder != nullptr && HasFailure())
+                folder != nullptr && HasFailure()) {
                 std::filesystem::copy_file(Path(victim), std::string(folder) + "/" + victim);
+            }
             std::filesystem::remove(Path(victim));
             std::filesystem::remove(Path("." + victim + ".zemindex"));
         }

@@ -279,8 +279,9 @@ TEST_F(Media, ChannelConfigurationAsADocument) {
     EXPECT_EQ(Read(token, 8, bytes), kEndOfMedia) << "all or nothing";
     for (const WCHAR* twice :
          {TEXT("<channelConfig><frameRate>50</frameRate><frameRate>50</frameRate></channelConfig>"),
-          TEXT("<channelConfig readAhead='2'><readAhead>2</readAhead></channelConfig>")})
+          TEXT("<channelConfig readAhead='2'><readAhead>2</readAhead></channelConfig>")}) {
         EXPECT_EQ(load(twice), E_INVALIDARG) << "an attribute stands in a document once";
+    }
     EXPECT_EQ(load(TEXT("<other/>")), E_INVALIDARG);
     EXPECT_EQ(load(TEXT("<channelConfig>")), E_INVALIDARG) << "not well-formed";
     IDispatch* dispatch = document;

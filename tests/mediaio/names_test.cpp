@@ -99,8 +99,9 @@ TEST(Names, Streams) {
     EXPECT_EQ(stream.kind, StreamKind::kTimecode);
     EXPECT_EQ(ParseStreamName(TEXT("mk"), stream), S_OK);
     for (const WCHAR* wrong :
-         {TEXT("v"), TEXT("x0"), TEXT("v0x"), TEXT("v1000"), TEXT("tcc"), TEXT("longername")})
+         {TEXT("v"), TEXT("x0"), TEXT("v0x"), TEXT("v1000"), TEXT("tcc"), TEXT("longername")}) {
         EXPECT_EQ(ParseStreamName(wrong, stream), E_INVALIDARG);
+    }
 }
 
 }  // namespace

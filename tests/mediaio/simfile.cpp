@@ -176,11 +176,10 @@ void Device::FailSync() {
     std::vector<Write> sizes;
     const uint64_t size = durable.size();
     for (Write& write : pending) {
-        if (write.isSize) {
+        if (write.isSize)
             sizes.push_back(std::move(write));
-        } else {
+        else
             Apply(durable, write, 0.5);
-        }
     }
     // What lies behind the length is not there before the length is.
     if (durable.size() > size && random() % 2 == 0) {
@@ -232,11 +231,10 @@ HRESULT CSimFile::WriteAt(const IoSpan* spans, size_t count, uint64_t offset, si
 HRESULT CSimFile::Sync() {
     if (m_device.dead) return HRESULT_FROM_WIN32(ERROR_IO_DEVICE);
     const HRESULT hr = m_device.Admit(Call::kSync);
-    if (SUCCEEDED(hr)) {
+    if (SUCCEEDED(hr))
         m_device.Settle();
-    } else if (!m_device.dead) {
+    else if (!m_device.dead)
         m_device.FailSync();
-    }
     return hr;
 }
 
@@ -266,8 +264,9 @@ uint64_t CSimFile::NextData(uint64_t offset) {
         const uint64_t end = std::min(size, (offset / kPageSize + 1) * kPageSize);
         const auto blank = [](uint8_t byte) { return byte == 0; };
         if (!std::all_of(data + static_cast<std::ptrdiff_t>(offset),
-                         data + static_cast<std::ptrdiff_t>(end), blank))
+                         data + static_cast<std::ptrdiff_t>(end), blank)) {
             return offset;
+        }
         offset = end;
     }
     return m_device.content.size();

@@ -123,9 +123,10 @@ TEST(PortSeats, EveryWorkerCanBeBusyAtOnce) {
     std::barrier all(kWorkers);
     CWorkers::Job meets = [&] { all.arrive_and_wait(); };
     CWorkers workers(kWorkers);
-    for (int round = 0; round < 3; ++round)
+    for (int round = 0; round < 3; ++round) {
         for (int i = 0; i < kWorkers; ++i)
             workers.Run(meets);
+    }
 }
 
 TEST(PortSeats, AWorkerThatEndsLeavesItsSeat) {

@@ -322,8 +322,9 @@ TEST_F(Registry, MalformedLinesAreSkippedAndReportedOnce) {
     EXPECT_EQ(Number(key, TEXT("z")), 0x26u);
     for (const WCHAR* name :
          {TEXT("outside"), TEXT("b"), TEXT("c"), TEXT("d"), TEXT("e"), TEXT("f"), TEXT("g"),
-          TEXT("h"), TEXT("i"), TEXT("j"), TEXT("k"), TEXT("last")})
+          TEXT("h"), TEXT("i"), TEXT("j"), TEXT("k"), TEXT("last")}) {
         EXPECT_FALSE(Get(key, name)) << testing::PrintToString(WString(name));
+    }
     const std::vector<std::string> lines = TakeSyslogLines();
     EXPECT_EQ(lines.size(), 13u);
     ASSERT_GE(lines.size(), 3u);

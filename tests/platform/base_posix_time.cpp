@@ -35,11 +35,10 @@ TEST(PosixTime, ZoneOfTheEnvironment) {
         EXPECT_GE(Units(local) + kWest + 10'000, Units(first));
         EXPECT_LE(Units(local) + kWest, Units(last));
     }).join();
-    if (before) {
+    if (before)
         setenv("TZ", saved.c_str(), 1);
-    } else {
+    else
         unsetenv("TZ");
-    }
     tzset();
 }
 

@@ -494,11 +494,12 @@ TEST(AtomicWait, SeesAChangeThatWasThereBefore) {
 TEST(AtomicWait, WakesAllThatWait) {
     std::atomic<bool> begun{false};
     std::vector<std::unique_ptr<CTestThread>> waiting;
-    for (int i = 0; i < 4; ++i)
+    for (int i = 0; i < 4; ++i) {
         waiting.push_back(std::make_unique<CTestThread>([&] {
             WaitWhile(begun, false);
             return static_cast<unsigned>(begun.load());
         }));
+    }
     begun = true;
     WakeWaiters(begun);
     for (const auto& thread : waiting) {

@@ -62,11 +62,10 @@ void PrintTo(const CWireCase& test, std::ostream* out) {
 std::string NameOf(const testing::TestParamInfo<CWireCase>& info) {
     std::string name;
     for (const char c : std::string(info.param.section) + " " + info.param.name) {
-        if (std::isalnum(static_cast<unsigned char>(c))) {
+        if (std::isalnum(static_cast<unsigned char>(c)))
             name.push_back(c);
-        } else if (!name.empty() && name.back() != '_') {
+        else if (!name.empty() && name.back() != '_')
             name.push_back('_');
-        }
     }
     return name;
 }
@@ -107,13 +106,12 @@ std::string NextAnswer(CClient& client, const std::string& expected, CReply* who
         const bool none = reply.status == 204 || reply.status == 304;
         EXPECT_EQ(reply.Field("Content-Length") == "(none)", none);
     }
-    if (head) {
+    if (head)
         text += " -";
-    } else if (own) {
+    else if (own)
         EXPECT_NE(reply.body.find(text), std::string::npos);
-    } else if (!reply.body.empty()) {
+    else if (!reply.body.empty())
         text += " " + reply.body;
-    }
     if (whole) *whole = std::move(reply);
     return text;
 }

@@ -26,8 +26,9 @@ TEST(Initialize, TakesVersionOneOnly) {
 TEST(Listen, RefusesOtherPrefixes) {
     CServer server(0);
     for (const WCHAR* url :
-         {TEXT(""), TEXT("https://*:1/a/"), TEXT("http://host:1/a/"), TEXT("http://*:1/a")})
+         {TEXT(""), TEXT("https://*:1/a/"), TEXT("http://host:1/a/"), TEXT("http://*:1/a")}) {
         EXPECT_EQ(HttpAddUrl(server.Queue(), url, nullptr), ERROR_INVALID_PARAMETER);
+    }
     EXPECT_EQ(HttpAddUrl(server.Queue(), nullptr, nullptr), ERROR_INVALID_PARAMETER);
     EXPECT_EQ(HttpAddUrl(server.Port(), Prefix(0, "/a/").c_str(), nullptr), ERROR_INVALID_HANDLE);
     EXPECT_EQ(HttpRemoveUrl(server.Queue(), Prefix(0, "/a/").c_str()), ERROR_FILE_NOT_FOUND);

@@ -76,7 +76,7 @@ TEST(Port, EveryPacketIsTakenOnceByManyThreads) {
     std::atomic<uint64_t> sum{0};
     std::atomic<int> taken{0};
     std::vector<std::thread> takers, posters;
-    for (int i = 0; i < kThreads; ++i)
+    for (int i = 0; i < kThreads; ++i) {
         takers.emplace_back([&] {
             for (;;) {
                 const CGot got = Get1(port, INFINITE);
@@ -85,11 +85,13 @@ TEST(Port, EveryPacketIsTakenOnceByManyThreads) {
                 ++taken;
             }
         });
-    for (int i = 0; i < 2; ++i)
+    }
+    for (int i = 0; i < 2; ++i) {
         posters.emplace_back([&] {
             for (DWORD n = 1; n <= kPackets; ++n)
                 PostQueuedCompletionStatus(port, n, 1, nullptr);
         });
+    }
     for (std::thread& poster : posters)
         poster.join();
     for (int i = 0; i < kThreads; ++i)
@@ -105,13 +107,15 @@ TEST(Port, ClosingItFreesEveryWaiter) {
     const HANDLE port = NewPort();
     std::atomic<int> abandoned{0};
     std::vector<std::thread> waiters;
-    for (int i = 0; i < 5; ++i)
+    for (int i = 0; i < 5; ++i) {
         waiters.emplace_back([&] {
             const CGot got = Get1(port, INFINITE);
             if (!got.ok && !got.overlapped &&
-                (got.error == ERROR_ABANDONED_WAIT_0 || got.error == ERROR_INVALID_HANDLE))
+                (got.error == ERROR_ABANDONED_WAIT_0 || got.error == ERROR_INVALID_HANDLE)) {
                 ++abandoned;
+            }
         });
+    }
     CloseHandle(port);
     for (std::thread& waiter : waiters)
         waiter.join();

@@ -198,9 +198,10 @@ TEST(Receive, NextRequestMayLieRightBehindABodyThatIsReadExactly) {
     CBlock* block = server.Take();
     ASSERT_NE(block, nullptr);
     std::string body = block->Body();
-    while (body.size() < sent.size())
+    while (body.size() < sent.size()) {
         ASSERT_EQ(server.ReadBody(block->Id(), body, static_cast<ULONG>(sent.size() - body.size())),
                   NO_ERROR);
+    }
     server.Reply(block->Id(), "");
     block = server.Take();
     ASSERT_NE(block, nullptr);
@@ -255,11 +256,10 @@ TEST(Receive, DisconnectInMidBody) {
         CBlock* block = server.Take();
         ASSERT_NE(block, nullptr);
         EXPECT_EQ(block->Body(), "some");
-        if (reset) {
+        if (reset)
             client.Reset();
-        } else {
+        else
             client.EndSending();
-        }
         std::string body;
         EXPECT_EQ(server.ReadBody(block->Id(), body), ERROR_NETNAME_DELETED);
         EXPECT_EQ(server.ReadBody(block->Id(), body), ERROR_NETNAME_DELETED);

@@ -187,13 +187,14 @@ TEST(Shutdown, UnderLoadAgainAndAgain) {
         CServer server(8);
         server.StartWorkers(3);
         std::vector<std::thread> clients;
-        for (int i = 0; i < 4; ++i)
+        for (int i = 0; i < 4; ++i) {
             clients.emplace_back([&] {
                 CClient client(server.TcpPort());
                 while (client.TrySend(PostHead(4) + "load" + Get("/zem/x")) &&
                        client.Read().status == 200 && client.Read().status == 200) {
                 }
             });
+        }
         ASSERT_TRUE(Eventually([] { return HttpTuneConnections() == 4; }));
         server.StopWorkers();
         server.CloseQueue();
@@ -207,12 +208,13 @@ TEST(Shutdown, QueueClosedUnderWorkers) {
         CServer server(8);
         server.StartWorkers(3);
         std::vector<std::thread> clients;
-        for (int i = 0; i < 4; ++i)
+        for (int i = 0; i < 4; ++i) {
             clients.emplace_back([&] {
                 CClient client(server.TcpPort());
                 while (client.TrySend(PostHead(4) + "load") && client.Read().status == 200) {
                 }
             });
+        }
         ASSERT_TRUE(Eventually([] { return HttpTuneConnections() == 4; }));
         server.CloseQueue();  // aborted receives end some workers, as they should
         for (std::thread& client : clients)

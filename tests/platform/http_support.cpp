@@ -202,9 +202,10 @@ CClient::CClient(uint16_t port, int receive_buffer_bytes) {
     setsockopt(m_socket, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
     const int on = 1;
     setsockopt(m_socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    if (receive_buffer_bytes > 0)
+    if (receive_buffer_bytes > 0) {
         setsockopt(m_socket, SOL_SOCKET, SO_RCVBUF, &receive_buffer_bytes,
                    sizeof receive_buffer_bytes);
+    }
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);

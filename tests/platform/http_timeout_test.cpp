@@ -124,8 +124,9 @@ TEST(Timeout, LongBodyIsDeliveredWhenTheSocketIsFull) {
     ULONG got = 0;
     while (HttpReceiveRequestEntityBody(server.Queue(), block->Id(), 0, piece.data(),
                                         static_cast<ULONG>(piece.size()), &got,
-                                        nullptr) == NO_ERROR)
+                                        nullptr) == NO_ERROR) {
         total += got;
+    }
     EXPECT_EQ(total, 30u << 20);
     server.Reply(block->Id(), "");
     sender.join();

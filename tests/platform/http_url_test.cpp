@@ -104,8 +104,9 @@ TEST(Target, IsTakenApart) {
     EXPECT_EQ(parts.path, "/");
     EXPECT_EQ(parts.query, "?q");
     for (const char* bad : {"a", "*", "http:/a", "http://", "http:///a", "ftp://h/", "http://u@h/",
-                            "https://h/", "http://h\\a/", "host:80", "?q", "\\a"})
+                            "https://h/", "http://h\\a/", "host:80", "?q", "\\a"}) {
         EXPECT_EQ(SplitTarget(HttpVerbGET, bad, parts), 400) << bad;
+    }
     EXPECT_EQ(SplitTarget(HttpVerbOPTIONS, "*", parts), 404);
 }
 
@@ -118,8 +119,9 @@ TEST(Prefix, IsParsed) {
     for (const char16_t* bad :
          {u"", u"http", u"https://*:80/a/", u"http://*/a/", u"http://*:/a/", u"http://*:80/a",
           u"http://*:80", u"http://*:65536/a/", u"http://host:80/a/", u"http://*:80//a/",
-          u"http://*:80/a?b/", u"http://*:80/../a/", u"http://*:80/./", u"http://*:8x/a/"})
+          u"http://*:80/a?b/", u"http://*:80/../a/", u"http://*:80/./", u"http://*:8x/a/"}) {
         EXPECT_FALSE(ParsePrefix(bad, prefix));
+    }
 }
 
 TEST(Prefix, LongestMatchWins) {

@@ -39,9 +39,8 @@ extern "C" int epoll_wait(int epoll, epoll_event* events, int room, int timeout_
     ++(timeout_ms == 0 ? visit.looks : visit.sleeps);
     t_now_ns = timeout_ms == 0 ? t_now_ns + 5000 : std::max(t_now_ns, visit.comes_ns);
     const uint64_t one = 1;
-    if (t_now_ns >= visit.comes_ns) {
+    if (t_now_ns >= visit.comes_ns)
         EXPECT_EQ(write(visit.eventfd, &one, sizeof one), static_cast<ssize_t>(sizeof one));
-    }
     return static_cast<int>(syscall(SYS_epoll_wait, epoll, events, room, 0));
 }
 
@@ -302,18 +301,18 @@ TEST_F(PortLanes, NoEventIsLostWhileLanesComeAndGo) {
             const int lane = open[static_cast<size_t>(own)].load() ? own : 0;
             auto* counter = static_cast<CCounter*>(m_lanes.Pop(lane));
             bool idle;
-            if (!counter)
+            if (!counter) {
                 counter =
                     static_cast<CCounter*>(m_lanes.Wait(lane, lane == 0 ? -1 : 20, true, &idle));
+            }
             if (!counter) continue;
             do {
                 read += counter->Read();
                 if (random() % 8 == 0) {
                     const int to = static_cast<int>(random() % 3);
                     const int from = std::exchange(counter->m_lane, to);
-                    if (from != to) {
+                    if (from != to)
                         EXPECT_TRUE(m_lanes.Move(from, to, counter->Fd(), kEvents, counter));
-                    }
                 }
                 if (random() % 16 == 0 && read.load() < kWrites) {
                     m_lanes.Push(counter, true);

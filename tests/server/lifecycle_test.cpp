@@ -399,9 +399,7 @@ TEST_F(Lifecycle, ShutdownFromEveryFailedStartReleasesWhatThereIs) {
             if (failing == kPool) FailNextNothrowAllocation(300 * 4096);
             const HRESULT hr = failed->Initialize();
             EXPECT_EQ(NothrowAllocationFailed(), memory);
-            if (memory) {
-                EXPECT_EQ(hr, E_OUTOFMEMORY);
-            }
+            if (memory) EXPECT_EQ(hr, E_OUTOFMEMORY);
         }
         EXPECT_EQ(OpenHandles(), handles);
         EXPECT_EQ(media.LiveAllocators(), 0);
@@ -429,10 +427,11 @@ TEST_F(Lifecycle, ShutdownDeletesTheRemainingClients) {
     ASSERT_EQ(server->Initialize(), S_OK);
     {
         const CClientTable::CLock lock(access.Clients());
-        for (int i = 0; i < 100; ++i)
+        for (int i = 0; i < 100; ++i) {
             access.Clients().Insert(
                 WString(TEXT("c")) + static_cast<WCHAR>(u'0' + i),
                 new ZemClient(TEXT(""), new CZemChannelIo(static_cast<DWORD>(i)), 0));
+        }
         access.Clients().Insert(TEXT("empty"), nullptr);
     }
     server->SetRealTimeIoClient(TEXT("x"));

@@ -60,8 +60,9 @@ int main(int argc, char** argv) {
     if (construct(first) != first || !Named(first, TEXT("")))
         return Fail("the first constructor does not return its object");
     if (constructNamed(second, TEXT("%s %d%%"), TEXT("name"), 42) != second ||
-        !Named(second, TEXT("name 42%")))
+        !Named(second, TEXT("name 42%"))) {
         return Fail("the constructor with a name does not");
+    }
     if (constructCopy(third, second) != third || !Named(third, TEXT("name 42%")))
         return Fail("the copy constructor does not");
 

@@ -148,10 +148,9 @@ TEST_F(ZemCli, WrongUsageIs2AndSendsNothing) {
         EXPECT_EQ(outcome.code, 2) << (arguments.empty() ? "" : arguments[0]) << outcome.err;
         EXPECT_EQ(outcome.err.rfind("zem: ", 0), 0u);
     }
-    for (const ScriptRequest& request : m_server.Requests()) {
+    for (const ScriptRequest& request : m_server.Requests())
         // The ill-formed name is found after the join.
         EXPECT_EQ(request.Header("Zem-Id").rfind("zem-", 0), 0u);
-    }
     EXPECT_LE(m_server.Requests().size(), 2u);
 }
 

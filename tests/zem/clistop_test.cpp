@@ -22,8 +22,9 @@ protected:
         bool signalled = false;  // once: a second signal ends the program at once
         CScriptServer server([&](const ScriptRequest& request) {
             if (request.method == "POST" && request.body.substr(4, 4) == Le32(command) &&
-                !std::exchange(signalled, true))
+                !std::exchange(signalled, true)) {
                 kill(std::stoi(Contents(pidFile)), SIGTERM);
+            }
             return m_media(request);
         });
         const int code = Shell("sh -c 'echo $$ >pid; exec \"$0\" \"$@\"' " + Quoted(ZEM_PROGRAM) +

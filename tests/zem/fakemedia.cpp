@@ -8,9 +8,8 @@ constexpr uint32_t kNoResources = 0x800705AA;
 
 uint32_t U32(const std::string& bytes, size_t at) {
     uint32_t value = 0;
-    for (size_t i = 0; i < 4; ++i) {
+    for (size_t i = 0; i < 4; ++i)
         value |= static_cast<uint32_t>(static_cast<uint8_t>(bytes.at(at + i))) << (8 * i);
-    }
     return value;
 }
 uint64_t U64(const std::string& bytes, size_t at) {
@@ -29,9 +28,8 @@ const uint32_t kReplyCode[27] = {0,  2,  2,  3,  4,  5,  6,  6,  7,  7,  8,  9, 
 
 ScriptAnswer CFakeMedia::operator()(const ScriptRequest& request) {
     if (request.method == "POST") return {Post(request), false};
-    if (request.target == "/media/status") {
+    if (request.target == "/media/status")
         return {PageReplyBytes(200, "OK", "0 1099511627776 4398046511104"), false};
-    }
     if (request.target == "/media/clients") {
         std::string text;
         for (const std::string& client : clients)
@@ -39,9 +37,8 @@ ScriptAnswer CFakeMedia::operator()(const ScriptRequest& request) {
         return {PageReplyBytes(200, "OK", text.empty() ? "No Clients\r\n" : text), false};
     }
     const auto found = files.find(request.target.substr(1));
-    if (found == files.end() || found->second.isDirectory) {
+    if (found == files.end() || found->second.isDirectory)
         return {PageReplyBytes(400, "Bad Request", ""), false};
-    }
     if (request.method == "DELETE") {
         files.erase(found);
         return {PageReplyBytes(200, "OK", ""), false};
@@ -58,12 +55,10 @@ std::string CFakeMedia::Post(const ScriptRequest& request) {
     const std::string body = request.body.substr(12, U32(request.body, 8));
     const std::string client = request.Header("Zem-Id");
     log.push_back(std::to_string(code));
-    if (notImplemented.count(code) != 0) {
+    if (notImplemented.count(code) != 0)
         return CommandReply(500, "Failed ZEM request", trans_id, code, Le32(0x80004001));
-    }
-    if (ignored.count(code) != 0) {
+    if (ignored.count(code) != 0)
         return CommandReply(200, "OK", trans_id, kReplyCode[code], Body(0, body));
-    }
     if (code == 15 && U32(body, 0) != 255) clients.insert(client);
     if (code == 16) clients.erase(client);
     if (code == 3) return ReadFrame(trans_id, body);
@@ -91,9 +86,8 @@ std::string CFakeMedia::Body(uint32_t code, const std::string& body) {
         case 1: {
             const std::string name = NameAt(body, 0);
             const uint32_t flags = U32(body, 1096);
-            if (noCreate.count(name) != 0 || (files.count(name) != 0 && (flags & 0x10) == 0)) {
+            if (noCreate.count(name) != 0 || (files.count(name) != 0 && (flags & 0x10) == 0))
                 return ok + Le32(0) + Le64(0);
-            }
             files[name] = File{body.substr(1040, 56), {}, false};
             return ok + Le32(0) + Le64(OpenToken(name));
         }
@@ -164,9 +158,8 @@ std::string CFakeMedia::FileBody(uint32_t code, const std::string& body) {
             }
             return ok;
         case 25:
-            for (uint32_t i = U32(body, 8); file != nullptr && i < U32(body, 12); ++i) {
+            for (uint32_t i = U32(body, 8); file != nullptr && i < U32(body, 12); ++i)
                 file->frames.erase(i);
-            }
             return ok;
         default:
             return ok;

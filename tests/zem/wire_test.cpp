@@ -27,9 +27,8 @@ std::string Hex(const std::string& text) {
     for (const char c : text) {
         if (c != ' ') digits.push_back(c);
     }
-    for (size_t i = 0; i + 1 < digits.size(); i += 2) {
+    for (size_t i = 0; i + 1 < digits.size(); i += 2)
         out.push_back(static_cast<char>(std::strtoul(digits.substr(i, 2).c_str(), nullptr, 16)));
-    }
     return out;
 }
 std::string Zeros(size_t count) {
@@ -90,9 +89,8 @@ HttpReply Reply(const std::string& entity, int status = 200) {
     reply.entity.assign(entity.begin(), entity.end());
     if (entity.size() >= 12) {
         reply.headerLength_bytes = 12;
-        for (size_t i = 0; i < 4; ++i) {
+        for (size_t i = 0; i < 4; ++i)
             reply.headerLength_bytes += static_cast<int64_t>(reply.entity[8 + i]) << (8 * i);
-        }
     }
     return reply;
 }
@@ -428,9 +426,8 @@ TEST(ZemWireMalformed, EveryFieldOfTheReplyHeaderIsChecked) {
                ErrorKind::kBadReply;
     };
     EXPECT_FALSE(good.empty());
-    for (size_t length = 0; length < good.size(); ++length) {
+    for (size_t length = 0; length < good.size(); ++length)
         EXPECT_TRUE(refused(Reply(good.substr(0, length)))) << length;
-    }
     EXPECT_TRUE(refused(Reply(Hex("05030201 0c000000 04000000 00000000")))) << "transaction";
     EXPECT_TRUE(refused(Reply(Hex("04030201 0d000000 04000000 00000000")))) << "reply code";
     EXPECT_TRUE(refused(Reply(Hex("04030201 0c000000 05000000 00000000")))) << "too long a size";
@@ -479,9 +476,8 @@ TEST(ZemWireFuzz, DamagedRepliesAreDecodedOrRefused) {
     int decoded = 0;
     for (int round = 0; round < 40000; ++round) {
         std::string bytes = seeds[random() % std::size(seeds)];
-        for (uint64_t edits = random() % 4; edits > 0; --edits) {
+        for (uint64_t edits = random() % 4; edits > 0; --edits)
             bytes[random() % bytes.size()] = static_cast<char>(random());
-        }
         if (random() % 4 == 0) bytes.resize(random() % (bytes.size() + 8));
         HttpReply reply = Reply(bytes, random() % 4 == 0 ? 500 : 200);
         if (random() % 16 == 0) reply.headerLength_bytes = static_cast<int64_t>(random());

@@ -45,10 +45,12 @@ protected:
     // What there is to say about one part of the file, each finding in a line.
     std::string Damages() const {
         std::string text;
-        for (const zemfsck::Finding& finding : m_report.findings)
-            if (finding.damage)
+        for (const zemfsck::Finding& finding : m_report.findings) {
+            if (finding.damage) {
                 text += std::string(finding.part) + " " + std::to_string(finding.position) + ": " +
                         finding.text + "\n";
+            }
+        }
         return text;
     }
     std::string Remarks() const {

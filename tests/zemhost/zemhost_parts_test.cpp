@@ -49,8 +49,9 @@ HostSettings SettingsOf(const HostOptions& options) {
           std::pair(TEXT("HKEY_LOCAL_MACHINE\\Software\\Quorvane Group\\RUD\\vfs"), TEXT("0")),
           std::pair(
               TEXT("HKEY_LOCAL_MACHINE\\System\\CurrentControlSet\\Services\\HTTP\\Parameters"),
-              TEXT("ListenOnlyList"))})
+              TEXT("ListenOnlyList"))}) {
         OverrideRegistryValue(key, value, 0, nullptr, 0);
+    }
     return settings;
 }
 
@@ -229,8 +230,9 @@ TEST(ZemhostChecks, TakeARegistryExportInAnyEncoding) {
 TEST(ZemhostChecks, RefuseOtherFiles) {
     const CTempFolder folder;
     for (const char* const text :
-         {"", "Windows Registry Editor", "port=8080\n", "\n[HKEY_LOCAL_MACHINE]\n"})
+         {"", "Windows Registry Editor", "port=8080\n", "\n[HKEY_LOCAL_MACHINE]\n"}) {
         EXPECT_NE(CheckRegistryFile(folder.Write("file", text)), "") << text;
+    }
     EXPECT_EQ(CheckRegistryFile(folder.Path("")),
               "the registry file '" + folder.Path("") +
                   "' is not a file; give a file with --registry FILE");

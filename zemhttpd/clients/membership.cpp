@@ -34,9 +34,10 @@ class CDescription {
 public:
     explicit CDescription(const HTTP_REQUEST& request) {
         const HTTP_KNOWN_HEADER& agent = request.Headers.KnownHeaders[HttpHeaderUserAgent];
-        if (agent.pRawValue)
+        if (agent.pRawValue) {
             std::memcpy(m_userAgent, agent.pRawValue,
                         std::min<size_t>(agent.RawValueLength, kUserAgent_bytes - 1));
+        }
         if (const char* bracket = std::strchr(m_userAgent, '(')) m_text = bracket;
     }
     CDescription(const CDescription&) = delete;
@@ -106,9 +107,10 @@ HRESULT CHttpCommandHandler::On_CMD_JOIN(const ZemCommand& command) {
 
         DWORD channelId = 0;
         if (!CopyNumber(command, 0, channelId)) scope = E_INVALIDARG;
-        if (Tracing())
+        if (Tracing()) {
             scope.Trace(TEXT("%s: handling CMD_JOIN, chanId %d, transId %u"), command.clientId,
                         channelId, command.transId);
+        }
         xaction.Timer().MarkStage(kStageIssuingZemRequest);
         if (channelId != kNoChannel) DoCmdJoin(command, channelId);
         xaction.Timer().MarkStage(kStagePreparingReply);
@@ -142,10 +144,11 @@ HRESULT CHttpCommandHandler::DoCmdJoin(const ZemCommand& command, DWORD channelI
         if (m_clients.Full()) scope = E_OUTOFMEMORY;
 
         std::unique_ptr<CZemChannelIo> channel = NewChannel(channelId + kChannelNumberBase);
-        if (!channel)
+        if (!channel) {
             ThrowError(scope, E_OUTOFMEMORY, kSourceCmdHdlr, kLineNoChannel,
                        TEXT("%s: Error associating IO memory allocator with a new ZEM instance"),
                        clientId);
+        }
         channel->SetClientId(clientId);
         channel->SetAllocators(m_allocator, nullptr);
 
@@ -177,9 +180,10 @@ void CHttpCommandHandler::DecideRealTime(CZemEntry& scope, const WCHAR* clientId
     bool realTime = false;
     WCHAR current[kNameUnits];
     if (GetRealTimeIoClient(current)) {
-        if (Tracing())
+        if (Tracing()) {
             scope.Trace(TEXT("%s: Could not set real-time client status; existing client %s"),
                         clientId, current);
+        }
     } else {
         wcscpy_s(current, kNameUnits, clientId);
         realTime = SUCCEEDED(channel.SetIoRealTime(TRUE));
@@ -189,10 +193,11 @@ void CHttpCommandHandler::DecideRealTime(CZemEntry& scope, const WCHAR* clientId
             scope.Trace(TEXT("%s: Could not set real-time client status"), clientId);
     }
     status[0] = 0;
-    if (!FileServerMode())
+    if (!FileServerMode()) {
         _snwprintf_s(status, kStatusUnits, _TRUNCATE,
                      TEXT("as '%s' client (current real-time client '%s')"),
                      realTime ? TEXT("real-time") : TEXT("non-real-time"), current);
+    }
 }
 
 HRESULT CHttpCommandHandler::On_CMD_LEAVE(const ZemCommand& command) {
@@ -200,9 +205,10 @@ HRESULT CHttpCommandHandler::On_CMD_LEAVE(const ZemCommand& command) {
     try {
         CHttpXaction& xaction = *command.xaction;
         xaction.Timer().StartXaction(command.clientId, TEXT("LEAVE"), command.transId);
-        if (Tracing())
+        if (Tracing()) {
             scope.Trace(TEXT("%s: handling CMD_LEAVE, transId %u"), command.clientId,
                         command.transId);
+        }
         xaction.Timer().MarkStage(kStageIssuingZemRequest);
         DoCmdLeave(command);
         xaction.Timer().MarkStage(kStagePreparingReply);
@@ -229,13 +235,15 @@ HRESULT CHttpCommandHandler::DoCmdLeave(const ZemCommand& command) {
             const CClientTable::CLock lock(m_clients);
             record = m_clients.Unlink(command.clientId);
             // Another leave, or the sniffer, may have been faster.
-            if (record)
+            if (record) {
                 scope.Trace(TEXT("%s: Leaving (%d clients remaining), transId %u...!"),
                             command.clientId, static_cast<int>(m_clients.Count()), command.transId);
+            }
         }
-        if (Tracing())
+        if (Tracing()) {
             scope.Trace(TEXT("%s: Deleting ZEM client, transId %u..."), command.clientId,
                         command.transId);
+        }
     } catch (...) {  // Not reached in tests: neither the table nor logging throws
         LogCaught(scope, kSourceCmdHdlr, kCatchLineDoLeave);
     }
@@ -248,22 +256,25 @@ HRESULT CHttpCommandHandler::On_CMD_KEEP_ALIVE(const ZemCommand& command) {
     try {
         CHttpXaction& xaction = *command.xaction;
         xaction.Timer().StartXaction(command.clientId, TEXT("KEEP_ALIVE"), command.transId);
-        if (Tracing())
+        if (Tracing()) {
             scope.Trace(TEXT("%s: handling CMD_KEEP_ALIVE, transId %u"), command.clientId,
                         command.transId);
+        }
         BYTE* body = nullptr;
         scope = GetZemReplyMsg(xaction, kStatusBody_bytes, ReplyCode(command.code), &body);
         PutReply(body, 0, LONG{0});
-        if (Tracing())
+        if (Tracing()) {
             scope.Trace(TEXT("%s: CMD_KEEP_ALIVE OK, transId %u"), command.clientId,
                         command.transId);
+        }
         SendZemHttpResponse(xaction, scope.GetResult(), kStatusReply_bytes, command.clientId);
     } catch (...) {
         LogCaught(scope, kSourceCmdHdlr, kCatchLineOnKeepAlive);
     }
-    if (scope.Failed() && Tracing())
+    if (scope.Failed() && Tracing()) {
         scope.Trace(TEXT("%s: error CMD_KEEP_ALIVE, transId %u"), command.clientId,
                     command.transId);
+    }
     return scope.GetResult();
 }
 

@@ -35,9 +35,10 @@ HRESULT CHttpCommandHandler::On_CMD_SET_IO_REAL_TIME(const ZemCommand& command) 
     try {
         CHttpXaction& xaction = *command.xaction;
         xaction.Timer().StartXaction(command.clientId, TEXT("SET_IO_REAL_TIME"), command.transId);
-        if (Tracing())
+        if (Tracing()) {
             scope.Trace(TEXT("%s: handling CM_SET_IO_REAL_TIME, transId %u"), command.clientId,
                         command.transId);
+        }
         xaction.Timer().MarkStage(kStageIssuingZemRequest);
         DoCmdSetIoRealTime(command);
         xaction.Timer().MarkStage(kStagePreparingReply);
@@ -45,16 +46,18 @@ HRESULT CHttpCommandHandler::On_CMD_SET_IO_REAL_TIME(const ZemCommand& command) 
         BYTE* body = nullptr;
         scope = GetZemReplyMsg(xaction, kStatusBody_bytes, ReplyCode(command.code), &body);
         PutReply(body, 0, scope.GetResult());
-        if (Tracing())
+        if (Tracing()) {
             scope.Trace(TEXT("%s: CM_SET_IO_REAL_TIME OK, transId %u"), command.clientId,
                         command.transId);
+        }
         SendZemHttpResponse(xaction, scope.GetResult(), kStatusReply_bytes, command.clientId);
     } catch (...) {
         LogCaught(scope, kSourceCmdHdlr, kCatchLineOnSetIoRealTime);
     }
-    if (scope.Failed() && Tracing())
+    if (scope.Failed() && Tracing()) {
         scope.Trace(TEXT("%s: error CM_SET_IO_REAL_TIME, transId %u"), command.clientId,
                     command.transId);
+    }
     return scope.GetResult();
 }
 
@@ -64,19 +67,21 @@ HRESULT CHttpCommandHandler::DoCmdSetIoRealTime(const ZemCommand& command) {
         if (FileServerMode()) return S_OK;
         const WCHAR* const clientId = command.clientId;
         const CZemClientRef sender = LookupClient(clientId, true);
-        if (!sender)
+        if (!sender) {
             ThrowError(scope, E_INVALIDARG, kSourceCmdHdlr, kLineUnknownClient, kUnknownClient,
                        clientId, command.transId);
+        }
         WCHAR old[kNameUnits];
         if (GetRealTimeIoClient(old) && _wcsicmp(old, clientId) != 0) {
             scope.Trace(TEXT("%s: Disabling real-time IO for %s..."), clientId, old);
             {  // held no longer than needed: if it leaves now, its files close with this reference
                 const CZemClientRef oldClient = LookupClient(old, true);
-                if (!oldClient)
+                if (!oldClient) {
                     ThrowError(scope, E_UNEXPECTED, kSourceCmdHdlr, kLineAmbiguous,
                                TEXT("%s: Ambiguous old real-time client '%s': cannot switch "
                                     "real-time mode; transId %u!"),
                                clientId, old, command.transId);
+                }
                 scope.SetResult(oldClient.Channel()->SetIoRealTime(FALSE));
             }
             SetRealTimeIoClient(TEXT(""));

@@ -26,11 +26,10 @@ HRESULT CreateZemHttpSvr(CHttpCommandHandler** server) {
         LogCaught(scope, kSourceEntry, kCatchLineCreate);
     }
     // Only exactly S_OK hands the server out; a positive result neither does nor frees it.
-    if (scope.GetResult() == S_OK) {
+    if (scope.GetResult() == S_OK)
         *server = created;
-    } else if (scope.Failed()) {
+    else if (scope.Failed())
         delete created;
-    }
     return scope.GetResult();
 }
 

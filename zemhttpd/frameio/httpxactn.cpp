@@ -214,11 +214,10 @@ void CFrameIoXactionPool::ReleaseBlock(CFrameIoXaction* block) {
 }
 
 void CFrameIoXactionPool::KeepBlock(CFrameIoXaction* block) {
-    if (m_reclaim) {
+    if (m_reclaim)
         ReleaseBlock(block);
-    } else {
+    else
         m_kept.fetch_add(1, std::memory_order_relaxed);
-    }
 }
 
 void CFrameIoXactionPool::WaitUntilIdle() const {

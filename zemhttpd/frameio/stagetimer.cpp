@@ -97,9 +97,8 @@ void CZemTimer::SetName(const WCHAR* format, ...) {
 
 void CZemTimer::MarkStage(DWORD stage) {
     const LONG slot = m_count.fetch_add(1, std::memory_order_relaxed);
-    if (slot >= 0 && slot < kMaxStages) {
+    if (slot >= 0 && slot < kMaxStages)
         m_stages[slot] = GetTickCount() | (static_cast<ULONGLONG>(stage) << 32);
-    }
 }
 
 const WCHAR* CZemTimer::StageName(DWORD stage) const {

@@ -322,9 +322,8 @@ HRESULT CHttpCommandHandler::ReadFrameDataIntoBuffer(const ZemCommand& command, 
                        command.clientId, static_cast<DWORD>(command.frameData_bytes),
                        static_cast<DWORD>(payload_bytes));
         }
-        if (command.frameData_bytes > 0) {
+        if (command.frameData_bytes > 0)
             std::memcpy(destination, command.frameData, command.frameData_bytes);
-        }
         ULONGLONG offset_bytes = command.frameData_bytes;
         while (offset_bytes < payload_bytes) {
             const ULONG wanted_bytes =

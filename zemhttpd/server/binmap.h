@@ -90,9 +90,10 @@ public:
     // The same until visit returns false.
     template <class Visit>
     void ForEachWhile(Visit visit) {
-        for (Node* node : m_bins)
+        for (Node* node : m_bins) {
             for (; node; node = node->next)
                 if (!visit(std::as_const(node->key), node->value)) return;
+        }
     }
 
     // Takes out every entry for which take(const Key&, Value&) is true. No entry moves during the

@@ -94,15 +94,17 @@ HRESULT CHttpCommandHandler::ProcessCommand(CZemEntry& scope, WCHAR (&clientId)[
                                             CHttpXaction& xaction, bool& keepsBlock) {
     HTTP_REQUEST& request = *xaction.Request();
     const HTTP_UNKNOWN_HEADER* zemId = ZemIdHeader(request);
-    if (!zemId)
+    if (!zemId) {
         ThrowError(scope, E_UNEXPECTED, kSourceCmdHdlr, kLineNoZemId,
                    TEXT("ZEM client ID HTTP header not present in HTTP request, discarding..."));
+    }
     WidenText(zemId->pRawValue, zemId->RawValueLength, clientId, kNameUnits);
 
     if (request.EntityChunkCount == 0 || !request.pEntityChunks ||
-        request.pEntityChunks[0].FromMemory.BufferLength == 0)
+        request.pEntityChunks[0].FromMemory.BufferLength == 0) {
         ThrowError(scope, E_UNEXPECTED, kSourceCmdHdlr, kLineNoHeader,
                    TEXT("%s: ZEM request header not present in HTTP request."), clientId);
+    }
     const HTTP_DATA_CHUNK& chunk = request.pEntityChunks[0];
     BYTE* const entity = static_cast<BYTE*>(chunk.FromMemory.pBuffer);
     const size_t room_bytes = EntityRoom_bytes(xaction, chunk);
@@ -129,10 +131,11 @@ HRESULT CHttpCommandHandler::ProcessCommand(CZemEntry& scope, WCHAR (&clientId)[
     xaction.SetTransId(header.transId);
 
     const CommandRow* row = FindCommand(command.code);
-    if (!row)
+    if (!row) {
         ThrowError(scope, E_NOTIMPL, kSourceCmdHdlr, kLineNotImplemented,
                    TEXT("%s: ZEM command %d not implemented, transId %u."), clientId, command.code,
                    command.transId);
+    }
     CheckSize(scope, *row, command);
     if (row->sizeRule == SizeRule::WriteFrame) {
         command.payload_bytes = ContentLength(request) - LONGLONG{command.expected_bytes};
@@ -155,11 +158,12 @@ void CHttpCommandHandler::CheckSize(CZemEntry& scope, const CommandRow& row, Zem
         if (command.received_bytes >= command.expected_bytes) return;
     }
     const unsigned received_bytes = static_cast<unsigned>(command.received_bytes);
-    if (row.sizeRule == SizeRule::Completion)
+    if (row.sizeRule == SizeRule::Completion) {
         ThrowError(scope, E_INVALIDARG, kSourceCmdHdlr, kLineShortBody,
                    TEXT("%s: ZEM request data size %u for %S < expected size %u, transId %u"),
                    command.clientId, received_bytes, row.name, command.expected_bytes,
                    command.transId);
+    }
     ThrowError(scope, E_INVALIDARG, kSourceCmdHdlr, kLineShortStrictBody,
                TEXT("%s: ZEM request data size (%u) for %S < expected size (%u), transId %u"),
                command.clientId, received_bytes, row.name, command.expected_bytes, command.transId);
@@ -209,12 +213,13 @@ HRESULT CHttpCommandHandler::GetCompleteRequest(ZemCommand& command) {
                 static_cast<ULONG>(command.expected_bytes - received_bytes), &read_bytes, nullptr);
             // A success that brings nothing would repeat for ever.
             if (error == NO_ERROR && read_bytes == 0) error = ERROR_HANDLE_EOF;
-            if (error != NO_ERROR)
+            if (error != NO_ERROR) {
                 ThrowError(scope, HRESULT_FROM_WIN32(error), kSourceCmdHdlr, kLineReadRest,
                            TEXT("%s: Error receving remaining ZEM request. Total request sz %d "
                                 "bytes, received %d bytes"),
                            command.clientId, command.expected_bytes,
                            static_cast<int>(received_bytes));
+            }
             if (Tracing())
                 scope.Trace(TEXT("%s: read remaining len %u"), command.clientId, read_bytes);
             xaction.BumpReceiveCount();

@@ -86,24 +86,27 @@ HRESULT CHttpCommandHandler::Initialize() {
     } catch (...) {
         LogCaught(scope, kSourceCmdHdlr, kCatchLineInitialize);
     }
-    if (scope.Failed())
+    if (scope.Failed()) {
         scope.LogError(scope.GetResult(), kSourceCmdHdlr, kLineInitializeFailed,
                        TEXT("Error initializing ZEM HTTP server: remote video IO with this system "
                             "will fail."));
+    }
     return scope.GetResult();
 }
 
 void CHttpCommandHandler::CreateRequestQueue(CZemEntry& scope) {
     HTTPAPI_VERSION version = HTTPAPI_VERSION_1;
     ULONG error = HttpInitialize(version, HTTP_INITIALIZE_SERVER, nullptr);
-    if (error != NO_ERROR)
+    if (error != NO_ERROR) {
         ThrowError(scope, HRESULT_FROM_WIN32(error), kSourceCmdHdlr, kLineHttpInit,
                    TEXT("Unable to init HTTP server API"));
+    }
     m_httpInitialized = true;
     error = HttpCreateHttpHandle(&m_requestQueue, 0);
-    if (error != NO_ERROR)
+    if (error != NO_ERROR) {
         ThrowError(scope, HRESULT_FROM_WIN32(error), kSourceCmdHdlr, kLineCreateQueue,
                    TEXT("Unable create HTTP server queue"));
+    }
 }
 
 void CHttpCommandHandler::ReadMode() {
@@ -120,18 +123,20 @@ void CHttpCommandHandler::ReadMode() {
 void CHttpCommandHandler::CreatePortAndAllocator(CZemEntry& scope) {
     m_completionPort = CreateIoCompletionPort(
         m_requestQueue, nullptr, reinterpret_cast<ULONG_PTR>(this), ConcurrentWorkers());
-    if (!m_completionPort)
+    if (!m_completionPort) {
         ThrowError(scope, LastErrorAsHresult(), kSourceCmdHdlr, kLineCreatePort,
                    TEXT("Unable to create HTTP request completion port"));
+    }
     m_allocator = new (std::nothrow) CZemMemAllocator;
     if (!m_allocator) scope = E_OUTOFMEMORY;
     const DWORD size_bytes =
         FileServerMode() ? kFileServerAllocator_bytes : kOrdinaryAllocator_bytes;
     scope.SetResult(m_allocator->Initialize(size_bytes, nullptr));
-    if (scope.Failed())
+    if (scope.Failed()) {
         ThrowError(scope, scope.GetResult(), kSourceCmdHdlr, kLineAllocator,
                    TEXT("Error initializing ZEM IO memory allocator (size requested %u bytes)"),
                    size_bytes);
+    }
 }
 
 void CHttpCommandHandler::RegisterUrls(CZemEntry& scope) {
@@ -139,9 +144,10 @@ void CHttpCommandHandler::RegisterUrls(CZemEntry& scope) {
         WString url;
         GetBaseUrl(word, url);
         const ULONG error = HttpAddUrl(m_requestQueue, url.c_str(), nullptr);
-        if (error != NO_ERROR)
+        if (error != NO_ERROR) {
             ThrowError(scope, HRESULT_FROM_WIN32(error), kSourceCmdHdlr, kLineAddUrl,
                        TEXT("Unable to register base URL '%s' with HTTP server API"), word.c_str());
+        }
     }
 }
 
@@ -172,14 +178,16 @@ void CHttpCommandHandler::StartThreads(CZemEntry& scope) {
     unsigned threadId = 0;
     m_issuerThread =
         reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, HttpRequestIssuer, this, 0, &threadId));
-    if (!m_issuerThread)
+    if (!m_issuerThread) {
         ThrowError(scope, kLastHttpResult, kSourceCmdHdlr, kLineIssuerThread,
                    TEXT("Unable to create HTTP request issuer"));
+    }
     m_snifferThread =
         reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, SniffDeadClients, this, 0, &threadId));
-    if (!m_snifferThread)
+    if (!m_snifferThread) {
         ThrowError(scope, kLastHttpResult, kSourceCmdHdlr, kLineSnifferThread,
                    TEXT("Unable to create dead-client sniffer thread"));
+    }
 }
 
 void CHttpCommandHandler::Shutdown() {

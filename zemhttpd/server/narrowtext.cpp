@@ -27,10 +27,12 @@ size_t WidenText(const char* text, size_t length, WCHAR* out, size_t outUnits) {
     while (done < length && units < room) {
         // Characters are whole within a step: no byte of a longer one is left behind at its end.
         size_t step = std::min(length - done, kStep);
-        if (done + step < length)
+        if (done + step < length) {
             while (step > kStep - 4 &&
-                   (static_cast<unsigned char>(text[done + step]) & 0xC0u) == 0x80u)
+                   (static_cast<unsigned char>(text[done + step]) & 0xC0u) == 0x80u) {
                 --step;
+            }
+        }
         WCHAR wide[kStep];
         const int converted = MultiByteToWideChar(CP_ACP, 0, text + done, static_cast<int>(step),
                                                   wide, static_cast<int>(kStep));

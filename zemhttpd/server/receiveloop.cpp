@@ -43,11 +43,12 @@ HRESULT CHttpCommandHandler::InitRequestThreadPool() {
             unsigned threadId = 0;
             const HANDLE thread = reinterpret_cast<HANDLE>(
                 _beginthreadex(nullptr, 0, HttpRequestHandler, this, 0, &threadId));
-            if (!thread)
+            if (!thread) {
                 ThrowError(scope, HRESULT_FROM_WIN32(GetLastError()), kSourceCmdHdlr,
                            kLineWorkerThread,
                            TEXT("Unable to create completion-port thread-pool thread #%d."),
                            m_workerCount);
+            }
             m_workerThreads[m_workerCount] = thread;
         }
     } catch (...) {
@@ -85,9 +86,10 @@ HRESULT CHttpCommandHandler::IssueHttpRequest(CHttpXaction& xaction, bool& poste
         const ULONG error = HttpReceiveHttpRequest(
             m_requestQueue, xaction.RequestId(), HTTP_RECEIVE_REQUEST_FLAG_COPY_BODY,
             xaction.Request(), CHttpXaction::RequestBufferSize(), nullptr, xaction.Overlapped());
-        if (error != NO_ERROR && error != ERROR_IO_PENDING)
+        if (error != NO_ERROR && error != ERROR_IO_PENDING) {
             ThrowError(scope, HRESULT_FROM_WIN32(error), kSourceCmdHdlr, kLineIssueReceive,
                        TEXT("Error issuing HTTP receive request"));
+        }
         m_xactionPool->ReceivePosted();
         posted = true;
     } catch (...) {
@@ -121,10 +123,11 @@ unsigned WINAPI CHttpCommandHandler::HttpRequestHandler(void* server) {
         scope = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
         inApartment = true;
         const LONGLONG serviced = self.ServiceRequests();
-        if (self.Tracing())
+        if (self.Tracing()) {
             scope.Trace(TEXT("%I64d HTTP requests serviced on ZEM HTTP command handler thread ID "
                              "0x%x"),
                         serviced, GetCurrentThreadId());
+        }
     } catch (...) {
         LogCaught(scope, kSourceCmdHdlr, kCatchLineHandler);
     }

@@ -13,8 +13,9 @@ bool CRegistryKey::ReadDword(const WCHAR* name, DWORD& value) const {
     DWORD size = sizeof(read);
     if (RegQueryValueExW(m_key, name, nullptr, &type, reinterpret_cast<LPBYTE>(&read), &size) !=
             ERROR_SUCCESS ||
-        type != REG_DWORD || size != sizeof(read))
+        type != REG_DWORD || size != sizeof(read)) {
         return false;
+    }
     value = read;
     return true;
 }
@@ -25,8 +26,9 @@ bool CRegistryKey::ReadString(const WCHAR* name, WCHAR* text, DWORD& length_unit
     DWORD type = 0;
     DWORD size = static_cast<DWORD>(std::min<size_t>(length_units, kNameUnits) * sizeof(WCHAR));
     if (RegQueryValueExW(m_key, name, nullptr, &type, reinterpret_cast<LPBYTE>(read), &size) !=
-        ERROR_SUCCESS)
+        ERROR_SUCCESS) {
         return false;
+    }
     if (type != REG_SZ && type != REG_EXPAND_SZ) return false;
     const DWORD units = size / DWORD{sizeof(WCHAR)};
     if (size % sizeof(WCHAR) != 0 || (units > 0 && read[units - 1] != 0)) return false;

@@ -134,11 +134,12 @@ HRESULT CHttpCommandHandler::SendZemHttpResponse(CHttpXaction& xaction, HRESULT 
             xaction.Timer().MarkStage(kStageZemReplyHdrSent);
         }
         const DWORD elapsed_ms = GetTickCount() - xaction.StartTick();
-        if (elapsed_ms > kSlow_ms)
+        if (elapsed_ms > kSlow_ms) {
             scope.LogSlowOperation(
                 elapsed_ms,
                 TEXT("%s: Slow ZEM HTTP server processing for reply code %d, transId %u"), clientId,
                 header.replyCode, header.transId);
+        }
     } catch (...) {  // Not reached in tests: neither the interface nor logging throws
         LogCaught(scope, kSourceCmdHdlr, kCatchLineSendReply);
     }
@@ -206,10 +207,11 @@ HRESULT CHttpCommandHandler::SendHttpResponse(const WCHAR* clientId, CHttpXactio
         const ULONG error = SendResponse(xaction);
         xaction.BumpSendCount();
         xaction.SetReplySent();
-        if (error != NO_ERROR && Tracing())
+        if (error != NO_ERROR && Tracing()) {
             scope.LogError(HRESULT_FROM_WIN32(error), kSourceCmdHdlr, kLineSendBasic,
                            TEXT("%s: Error sending basic HTTP response"),
                            clientId ? clientId : TEXT(""));
+        }
     } catch (...) {  // Not reached in tests: neither the interface nor logging throws
         LogCaught(scope, kSourceCmdHdlr, kCatchLineSendBasic);
     }

@@ -138,9 +138,7 @@ HRESULT CHttpCommandHandler::SendHttpGetResponse(CHttpXaction& xaction, USHORT s
         SetStatus(response, status, reason);
         if (!request) scope = E_UNEXPECTED;
         const UrlText path(request->CookedUrl.pAbsPath, request->CookedUrl.AbsPathLength);
-        if (Tracing()) {
-            scope.Trace(TEXT("%s: Generic GET request for '%s'"), host.text, path.text);
-        }
+        if (Tracing()) scope.Trace(TEXT("%s: Generic GET request for '%s'"), host.text, path.text);
         char page[kPage_bytes];
         char contentType[kContentType_bytes];
         HTTP_UNKNOWN_HEADER serverName;
@@ -148,11 +146,10 @@ HRESULT CHttpCommandHandler::SendHttpGetResponse(CHttpXaction& xaction, USHORT s
         const bool statusPage = BeginsWith(path.text, kStatusPage);
         if (statusPage || BeginsWith(path.text, kClientsPage)) {
             page[0] = 0;
-            if (statusPage) {
+            if (statusPage)
                 GetCapacityString(host.text, page, kPage_bytes);
-            } else {
+            else
                 GetClientsInfo(host.text, page, kPage_bytes);
-            }
             SetPage(xaction, page, serverName, m_serverName, m_computerName);
         } else {
             const CVolumePath target(m_volumeRoot, TEXT(""), path);
@@ -197,9 +194,7 @@ HRESULT CHttpCommandHandler::SendHttpDeleteResponse(CHttpXaction& xaction, USHOR
             ThrowError(scope, E_UNEXPECTED, kSourceCmdHdlr, kLineDeleteAttributes, kNoAttributes,
                        host.text, target.FullPath());
         }
-        if (Tracing()) {
-            scope.Trace(TEXT("%s: Deleting file '%s'..."), host.text, target.FullPath());
-        }
+        if (Tracing()) scope.Trace(TEXT("%s: Deleting file '%s'..."), host.text, target.FullPath());
         DeleteTarget(scope, target, host.text);
         ULONG sent_bytes = 0;
         const ULONG error =

@@ -104,9 +104,8 @@ struct CHttpConnection::Handle {
 
     template <typename T>
     void Set(CURLoption option, T value) {
-        if (curl_easy_setopt(curl, option, value) != CURLE_OK) {
+        if (curl_easy_setopt(curl, option, value) != CURLE_OK)
             throw CZemError(ErrorKind::kUnreachable, "libcurl lacks an option that is needed");
-        }
     }
     void AddPostHeader(const std::string& line) {
         curl_slist* longer = curl_slist_append(postHeaders.get(), line.c_str());
@@ -216,9 +215,8 @@ int CHttpConnection::OnProgress(void* connection, int64_t, int64_t, int64_t, int
 CHttpConnection::CHttpConnection(ConnectionOptions options) : m_options(std::move(options)) {
     CheckServer(m_options.server);
     CheckClientId(m_options.clientId);
-    if (!IsPlainHeaderText(m_options.userAgent)) {
+    if (!IsPlainHeaderText(m_options.userAgent))
         throw CZemError(ErrorKind::kUsage, "the User-Agent holds control characters");
-    }
     InitCurlOnce();
     m_handle = std::make_unique<Handle>();
     // Zem-Id has to be the first header that HTTP does not know; nothing else of that sort is sent.

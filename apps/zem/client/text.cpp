@@ -92,11 +92,10 @@ std::string ToUtf8(std::u16string_view text) {
     out.reserve(text.size());
     for (size_t at = 0; at < text.size(); ++at) {
         uint32_t point = text[at];
-        if (IsHighSurrogate(point) && at + 1 < text.size() && IsLowSurrogate(text[at + 1])) {
+        if (IsHighSurrogate(point) && at + 1 < text.size() && IsLowSurrogate(text[at + 1]))
             point = 0x10000 + ((point - 0xD800) << 10) + (text[++at] - 0xDC00u);
-        } else if (IsHighSurrogate(point) || IsLowSurrogate(point)) {
+        else if (IsHighSurrogate(point) || IsLowSurrogate(point))
             point = 0xFFFD;
-        }
         AppendUtf8(out, point);
     }
     return out;

@@ -41,9 +41,8 @@ constexpr std::array<CommandInfo, kCommandCount> kCommands = {{
 
 template <typename T>
 void AppendLe(std::vector<uint8_t>& out, T value) {
-    for (size_t i = 0; i < sizeof(T); ++i) {
+    for (size_t i = 0; i < sizeof(T); ++i)
         out.push_back(static_cast<uint8_t>(value >> (8 * i)));
-    }
 }
 
 uint32_t TimecodeWord(const vdrTimecode_s& timecode) {
@@ -60,9 +59,8 @@ CRequest& PutFileRef(CRequest& request, const FileRef& file) {
 }
 
 void CheckEntryCount(size_t count) {
-    if (count < 1 || count > static_cast<size_t>(kMaxStreamEntries)) {
+    if (count < 1 || count > static_cast<size_t>(kMaxStreamEntries))
         throw CZemError(ErrorKind::kUsage, "a frame request takes 1 to 22 streams");
-    }
 }
 
 }  // namespace
@@ -109,18 +107,16 @@ CRequest& CRequest::Name(std::u16string_view name) {
         throw CZemError(ErrorKind::kUsage, "a name may have at most 259 characters: '" +
                                                Printable(ToUtf8(name.substr(0, 60))) + "...'");
     }
-    if (name.find(u'\0') != std::u16string_view::npos) {
+    if (name.find(u'\0') != std::u16string_view::npos)
         throw CZemError(ErrorKind::kUsage, "a name may not contain a NUL character");
-    }
     for (const char16_t unit : name)
         U16(static_cast<uint16_t>(unit));
     return Zeros(2 * (kNameField_units - name.size()));
 }
 
 CRequest& CRequest::Text(std::u16string_view text) {
-    if (text.find(u'\0') != std::u16string_view::npos) {
+    if (text.find(u'\0') != std::u16string_view::npos)
         throw CZemError(ErrorKind::kUsage, "a text may not contain a NUL character");
-    }
     m_bytes.reserve(m_bytes.size() + 2 * text.size() + 2);
     for (const char16_t unit : text)
         U16(static_cast<uint16_t>(unit));
@@ -267,13 +263,11 @@ CRequest MakeWriteFrame(uint32_t trans_id, uint32_t word, std::span<const WriteE
             request.Bytes(entry.special).Zeros(32);
         } else {
             const size_t buffers = entry.bufferLengths_bytes.size();
-            if (buffers > static_cast<size_t>(kMaxBuffersPerEntry)) {
+            if (buffers > static_cast<size_t>(kMaxBuffersPerEntry))
                 throw CZemError(ErrorKind::kUsage, "a stream of a frame takes at most 6 buffers");
-            }
             request.U32(static_cast<uint32_t>(buffers)).Zeros(4);
-            for (const uint32_t length_bytes : entry.bufferLengths_bytes) {
+            for (const uint32_t length_bytes : entry.bufferLengths_bytes)
                 request.U32(length_bytes).Zeros(4);
-            }
             request.Zeros(8 * (static_cast<size_t>(kMaxBuffersPerEntry) - buffers));
         }
         request.U64(entry.userData64).U32(entry.userData32).Zeros(4);

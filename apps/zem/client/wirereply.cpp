@@ -16,9 +16,8 @@ namespace {
 
 template <typename T>
 T ReadLe(std::span<const uint8_t> bytes, size_t offset) {
-    if (offset > bytes.size() || bytes.size() - offset < sizeof(T)) {
+    if (offset > bytes.size() || bytes.size() - offset < sizeof(T))
         ThrowBadReply("it ends inside a field");
-    }
     T value = 0;
     for (size_t i = 0; i < sizeof(T); ++i) {
         value =
@@ -99,9 +98,8 @@ ReplyHead CheckHead(const HttpReply& reply, Command command, uint32_t trans_id) 
         (reply.status != 200 && reply.status != 500)) {
         ThrowWithoutEntity(reply, command);
     }
-    if (reply.protocolVersion != "1") {
+    if (reply.protocolVersion != "1")
         ThrowBadReply("protocol version '" + Printable(reply.protocolVersion) + "', expected '1'");
-    }
     const std::span<const uint8_t> entity(reply.entity);
     const ReplyHead head{U32At(entity, 4), U32At(entity, 8)};
     if (U32At(entity, 0) != trans_id) ThrowBadReply("it belongs to another transaction");
@@ -126,9 +124,8 @@ ReplyHead CheckHead(const HttpReply& reply, Command command, uint32_t trans_id) 
 // gave up before a handler could answer, under the request's code.
 [[noreturn]] void ThrowFailure(const HttpReply& reply, Command command, const ReplyHead& head) {
     const uint32_t own = InfoOf(command).replyCode;
-    if (head.code != own && head.code != static_cast<uint32_t>(command)) {
+    if (head.code != own && head.code != static_cast<uint32_t>(command))
         ThrowBadReply("reply code " + std::to_string(head.code) + " for " + InfoOf(command).name);
-    }
     if (head.bodySize_bytes < 4) ThrowBadReply("a failure without its result");
     const auto hr = static_cast<int32_t>(U32At(reply.entity, kHeaderSize_bytes));
     ThrowRefused(command, hr == 0 ? kHrFail : hr);
@@ -229,9 +226,8 @@ std::vector<StreamFrame> DecodeReadFrame(const HttpReply& reply, uint32_t trans_
                         "more), or the server is out of frame blocks; its log has the reason",
                         kHrFail);
     }
-    if (head.bodySize_bytes != ReadFrameBodySize_bytes(asked.size())) {
+    if (head.bodySize_bytes != ReadFrameBodySize_bytes(asked.size()))
         ThrowBadReply("a stream table of " + std::to_string(head.bodySize_bytes) + " bytes");
-    }
     const CheckedReply checked = Slice(reply, head);
     if (U32At(checked.body, 4) != asked.size()) ThrowBadReply("another number of streams");
     std::vector<StreamFrame> frames(asked.size());

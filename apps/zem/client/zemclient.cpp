@@ -196,9 +196,8 @@ void CZemClient::WriteFrames(std::span<const WriteEntry> entries, std::span<cons
         for (const uint32_t length_bytes : entry.bufferLengths_bytes)
             total_bytes += length_bytes;
     }
-    if (total_bytes != payload.size()) {
+    if (total_bytes != payload.size())
         throw CZemError(ErrorKind::kUsage, "the buffer lengths do not add up to the frame data");
-    }
     CRequest request = MakeWriteFrame(NextTransId(), word, entries);
     request.Payload(payload);
     Exchange(std::move(request));

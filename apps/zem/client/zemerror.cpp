@@ -55,9 +55,8 @@ std::string HresultText(int32_t hr) {
     std::array<char, 16> number{};
     std::snprintf(number.data(), number.size(), "0x%08x", static_cast<uint32_t>(hr));
     for (const HresultWords& entry : kWords) {
-        if (entry.hr == static_cast<uint32_t>(hr)) {
+        if (entry.hr == static_cast<uint32_t>(hr))
             return std::string(number.data()) + " (" + entry.words + ")";
-        }
     }
     return number.data();
 }
