@@ -1,4 +1,5 @@
-"""Every relative link of the documents leads somewhere: links_test.py SOURCE_DIR. Files must be there, headings too."""
+"""Every relative link of the documents leads somewhere, and every file that a page, a source or a script names is there:
+links_test.py SOURCE_DIR. Of links the headings must be there, too."""
 
 import glob
 import os
@@ -18,8 +19,8 @@ def headings(path):
 
 
 def pages():
-    for pattern in ('*.md', 'docs/*.md', 'clients/**/*.md'):
-        yield from sorted(glob.glob(os.path.join(ROOT, pattern), recursive=True))
+    for pattern in ('*.md', 'docs/*.md'):
+        yield from sorted(glob.glob(os.path.join(ROOT, pattern)))
 
 
 good, count = True, 0
@@ -41,4 +42,37 @@ for page in pages():
             good = False
 if count < 50:
     sys.exit('found only %d links' % count)
+
+# Names of files in texts: what begins with a folder of the tree. A star stands for some.
+FOLDERS = ('apps', 'bench', 'clients', 'cmake', 'docs', 'examples', 'fuzz', 'mediaio', 'packaging', 'platform', 'tests', 'zemhttpd')
+NAMED = re.compile(r'(?<![\w/.$}{-])((?:%s)/[\w./*+-]*[\w*])(?![{}])' % '|'.join(FOLDERS))
+MADE = ('apps/generated', 'fuzz/found', 'zemhttpd/sample.cpp')  # when it is built, when there is one, by a test
+
+
+def texts():
+    for top, folders, names in os.walk(ROOT):
+        folders[:] = [one for one in folders if one not in ('build', '.git', 'volume')]
+        for name in names:
+            if name.endswith(('.pack', '.png', '.svg', '.ico')):
+                continue
+            try:
+                with open(os.path.join(top, name), encoding='utf-8') as file:
+                    yield os.path.relpath(os.path.join(top, name), ROOT), file.read()
+            except UnicodeDecodeError:
+                pass
+
+
+count = 0
+for path, text in texts():
+    for found in NAMED.finditer(text):
+        name = found.group(1)
+        count += 1
+        # From the root, or from where it is named; a source may be named without its ending.
+        places = [os.path.join(ROOT, name), os.path.join(ROOT, os.path.dirname(path), name),
+                  os.path.join(ROOT, 'zemhttpd', name)]
+        if not name.startswith(MADE) and not any(glob.glob(place) or glob.glob(place + '[._]*') for place in places):
+            print('%s:%d: there is no %s' % (path, text.count('\n', 0, found.start()) + 1, name))
+            good = False
+if count < 500:
+    sys.exit('found only %d names of files' % count)
 sys.exit(0 if good else 1)

@@ -48,12 +48,6 @@ class Readme(unittest.TestCase):
         for line in re.findall(r'(?m)^# -> (.*)$', script):
             self.assertIn(line, printed, 'not printed, or not in this order; all of it:\n' + done.stdout)
 
-    def test_its_links_lead_somewhere(self):
-        links = re.findall(r'\]\(([^)#]+)[^)]*\)', self.text)
-        self.assertGreater(len(links), 10)
-        for link in links:
-            self.assertTrue(os.path.exists(os.path.join(ROOT, link)), link)
-
 
 if __name__ == '__main__':
     parser = argparse.ArgumentParser(add_help=False)
