@@ -41,7 +41,7 @@ for _ in 1 2 3 4 5; do
     port=$((10000 + RANDOM % 20000))
     coproc HOST { exec "$zemhost" --listen 127.0.0.1 --port "$port" --volume "$work/volume" 2>"$work/host.log"; }
     server=$HOST_PID
-    if read -t 30 -r ready <&"${HOST[0]}"; then break; fi
+    if read -t 120 -r ready <&"${HOST[0]}"; then break; fi
     wait "$server" || true
     server=''
 done
@@ -61,7 +61,7 @@ for _ in 1 2 3 4 5; do
     "$nginx" -t -q -c "$work/nginx.conf" 2>/dev/null || { "$nginx" -t -c "$work/nginx.conf" || true; fail 'nginx does not take it'; }
     "$nginx" -c "$work/nginx.conf" 2>>nginx.log &
     proxy=$!
-    end=$((SECONDS + 20))
+    end=$((SECONDS + 120))
     until (exec 3<>"/dev/tcp/127.0.0.1/$front") 2>/dev/null; do
         kill -0 "$proxy" 2>/dev/null || { proxy=''; break; }
         [ $SECONDS -lt $end ] || fail 'nginx does not listen'
@@ -70,7 +70,7 @@ for _ in 1 2 3 4 5; do
 done
 [ -n "$proxy" ] || fail 'nginx does not run'
 
-ask() { curl -sS --max-time 30 --cacert studio-ca.pem --resolve "localhost:$front:127.0.0.1" -o answer -w '%{http_code}' "$@"; }
+ask() { curl -sS --max-time 120 --cacert studio-ca.pem --resolve "localhost:$front:127.0.0.1" -o answer -w '%{http_code}' "$@"; }
 with=(--cert client.pem --key client.key)
 [ "$(ask "${with[@]}" "https://localhost:$front/media/status")" = 200 ] || fail 'no status page'
 grep -qE '^0 [0-9]+ [0-9]+$' answer || fail 'the status page is something else'

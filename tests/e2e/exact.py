@@ -149,7 +149,7 @@ class Ledger:
                 self.last[thread] = len(self.kept)
                 self.kept.append(record)
 
-    def take(self, count, good=None, timeout_s=20):
+    def take(self, count, good=None, timeout_s=120):
         """All lines since the last call but the mark that is set now. At least `count` are waited for, and until they are
         `good`; what a worker writes after its reply may come later than the mark."""
         mark = self.mark()

@@ -89,7 +89,7 @@ class Descriptors(unittest.TestCase):
         client = Client(self.server.port, 'client')
         client.join()
         self.limit(True)
-        waiting = [socket.create_connection(('127.0.0.1', self.server.port), timeout=30) for _ in range(5)]
+        waiting = [socket.create_connection(('127.0.0.1', self.server.port), timeout=120) for _ in range(5)]
         for connection in waiting:
             connection.sendall(b'GET /media/status HTTP/1.1\r\nHost: x\r\n\r\n')
         for _ in range(20):

@@ -20,7 +20,7 @@ import time
 from wire import *
 
 READERS = 3
-PATIENCE_S = 30  # for a frame to appear
+PATIENCE_S = 120  # for a frame to appear
 GROWING = 4
 
 

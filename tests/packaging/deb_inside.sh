@@ -17,7 +17,7 @@ fail() {
 trap 'fail "line $LINENO: $BASH_COMMAND"' ERR
 step() { printf '%s\n' "$1"; }
 answers() {  # answers PORT
-    [[ $(curl -sS --max-time 20 "http://127.0.0.1:$1/media/status") =~ ^0\ [0-9]+\ [0-9]+ ]] || fail "port $1 does not answer"
+    [[ $(curl -sS --max-time 120 "http://127.0.0.1:$1/media/status") =~ ^0\ [0-9]+\ [0-9]+ ]] || fail "port $1 does not answer"
 }
 main_pid() { systemctl show -P MainPID zemhttpd.service; }
 owner() { stat -c %U:%G "$1"; }
@@ -40,7 +40,7 @@ step 'is started, and at every boot'
 systemctl is-active zemhttpd.service
 answers 8080
 zem status
-curl -sS --max-time 20 http://127.0.0.1:8080/media/console.html | cmp - /usr/share/zemhttpd/console.html
+curl -sS --max-time 120 http://127.0.0.1:8080/media/console.html | cmp - /usr/share/zemhttpd/console.html
 
 step 'runs in its sandbox'
 pid=$(main_pid)
@@ -85,11 +85,11 @@ step 'has its log put away'
 [ -s $log ]
 logrotate -f /etc/logrotate.d/zemhttpd
 [ "$(find /var/log/zemhttpd -name 'zemhost.log-*' | wc -l)" -eq 1 ]
-end=$((SECONDS + 30))
+end=$((SECONDS + 120))
 until [ -e $log ]; do [ $SECONDS -lt $end ] || fail 'the log is not opened again'; done
 python3 -B -c "from zemclient import ZemClient
 with ZemClient('http://127.0.0.1:8080', 'after'): pass"
-end=$((SECONDS + 30))
+end=$((SECONDS + 120))
 until grep -q "after" $log; do [ $SECONDS -lt $end ] || fail 'nothing goes to the new log'; done
 
 step 'serves at port 80 when it is told to'
@@ -110,7 +110,7 @@ answers 80
 
 step 'is started again when it was killed'
 systemctl kill -s KILL zemhttpd.service
-end=$((SECONDS + 30))
+end=$((SECONDS + 120))
 until curl -s --max-time 5 -o /dev/null http://127.0.0.1/media/status; do [ $SECONDS -lt $end ] || fail 'it stays down'; done
 
 step 'upgrades, and keeps the settings and the media'

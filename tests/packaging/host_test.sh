@@ -69,7 +69,7 @@ END
     env -i "$host" "$work/settings.reg" <"$work/in" >"$work/out" 2>"$work/err" &
     pid=$!
     exec 6>"$work/in" 5<"$work/out"
-    if read -t 30 -r ready <&5; then break; fi
+    if read -t 120 -r ready <&5; then break; fi
     exec 6>&- 5<&-
     wait "$pid" || true
     pid=''
@@ -77,7 +77,7 @@ done
 [ "$ready" = 'host: ready' ] || fail "it says '$ready', not that it is ready"
 exec 7<>"/dev/tcp/127.0.0.1/$port"
 printf 'GET /media/status HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n' >&7
-timeout 30 cat <&7 >"$work/answer" || fail 'no whole answer'
+timeout 120 cat <&7 >"$work/answer" || fail 'no whole answer'
 grep -q '^HTTP/1.1 200 OK' "$work/answer" || fail "it answers $(head -n 1 "$work/answer")"
 exec 6>&-  # the end of its input
 status=0

@@ -72,7 +72,7 @@ ask() {
     exec 6<>"/dev/tcp/127.0.0.1/$port"
     # shellcheck disable=SC2059
     printf "$1" >&6
-    timeout 30 cat <&6 >"$work/out" || fail 'no whole answer'
+    timeout 120 cat <&6 >"$work/out" || fail 'no whole answer'
     exec 6>&-
 }
 
@@ -104,7 +104,7 @@ start() {
             --volume "$work/volume" "$@" >"$work/pipe" 2>"$work/err" &
         pid=$!
         exec 5<"$work/pipe"
-        if read -t 30 -r ready <&5; then return; fi
+        if read -t 120 -r ready <&5; then return; fi
         wait "$pid" || true
         pid=''
         grep -qF 'is taken by another program' "$work/err" || break

@@ -72,7 +72,7 @@ case_run_serves_a_volume_of_its_own_with_the_console_page() {
         PATH=$work/built:$PATH "$tree/run" --port "$port" >"$work/pipe" 2>"$work/err" &
         pid=$!
         exec 5<"$work/pipe"
-        while read -t 60 -r line <&5; do
+        while read -t 120 -r line <&5; do
             if [[ $line == 'zemhost ready'* ]]; then break 2; fi
         done
         wait "$pid" || true
@@ -200,7 +200,7 @@ case_port_is_free_again_after_a_stop() {
     "$zemhost" --listen 127.0.0.1 --port "$port" --volume "$work/volume" >"$work/pipe" 2>"$work/err" &
     pid=$!
     exec 5<"$work/pipe"
-    read -t 30 -r ready <&5 || fail 'no second ready line'
+    read -t 120 -r ready <&5 || fail 'no second ready line'
     stop TERM
 }
 
@@ -208,7 +208,7 @@ case_status_page() {
     start
     exec 6<>"/dev/tcp/127.0.0.1/$port"
     printf 'GET /media/status HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n' >&6
-    timeout 30 cat <&6 >"$work/out" || fail "no whole answer"
+    timeout 120 cat <&6 >"$work/out" || fail "no whole answer"
     says out 'HTTP/1.1 200 OK'
     grep -qE '^0 [0-9]+ [0-9]+$' "$work/out" || fail 'no capacity'
     stop TERM
@@ -219,7 +219,7 @@ case_join_is_in_the_log_file() {
     exec 6<>"/dev/tcp/127.0.0.1/$port"
     printf 'POST /media/ HTTP/1.1\r\nHost: x\r\nZem-Id: studio-1\r\nContent-Length: 16\r\nConnection: close\r\n\r\n' >&6
     printf '\1\0\0\0\17\0\0\0\4\0\0\0\0\0\0\0' >&6
-    timeout 30 cat <&6 >"$work/out" || fail "no whole answer"
+    timeout 120 cat <&6 >"$work/out" || fail "no whole answer"
     says out 'HTTP/1.1 200 OK'
     stop TERM
     cp "$work/log" "$work/out"
@@ -254,7 +254,7 @@ case_log_is_opened_again_at_sigusr1() {
     start --log "$work/log"
     mv "$work/log" "$work/log.old"
     kill -USR1 "$pid"
-    local end=$((SECONDS + 30))
+    local end=$((SECONDS + 120))
     until [ -e "$work/log" ]; do [ $SECONDS -lt $end ] || fail 'no new log file'; done
     ask 'POST /media/ HTTP/1.1\r\nHost: x\r\nZem-Id: studio-1\r\nContent-Length: 16\r\nConnection: close\r\n\r\n\1\0\0\0\17\0\0\0\4\0\0\0\0\0\0\0'
     stop TERM
