@@ -2,29 +2,28 @@
 """What is made from zem's table of verbs: the manual page, its reference in docs/zem.md, completions in the shells
 themselves.
 
-usage: manual.py --zem PROGRAM [unittest arguments]
+usage: manual.py --zemhost PROGRAM --zem PROGRAM [unittest arguments]
 """
 
-import argparse
 import os
 import pty
 import re
 import select
 import subprocess
-import sys
 import tempfile
 import time
 import unittest
 
+import zemcase
+
 ROOT = os.path.abspath(os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', '..'))
-PROGRAMS = None
 VERBS = ['put', 'import', 'export', 'framemd5', 'read', 'frames', 'info', 'marks', 'df', 'stat', 'rm', 'mv', 'mkdir',
          'stripe', 'erase', 'flush', 'get', 'status', 'clients', 'top', 'bench', 'doctor', 'join', 'leave',
          'keepalive', 'realtime', 'config', 'completion', 'manual']
 
 
 def zem(*arguments):
-    return subprocess.run([PROGRAMS.zem, *arguments], check=True, capture_output=True, text=True,
+    return subprocess.run([zemcase.PROGRAMS.zem, *arguments], check=True, capture_output=True, text=True,
                           env={**os.environ, 'ZEM_SERVER': 'http://not-in-the-manual:1'}).stdout
 
 
@@ -165,8 +164,4 @@ class Completion(unittest.TestCase):
 
 
 if __name__ == '__main__':
-    parser = argparse.ArgumentParser(add_help=False)
-    parser.add_argument('--zemhost')  # not needed
-    parser.add_argument('--zem', required=True)
-    PROGRAMS, rest = parser.parse_known_args()
-    unittest.main(argv=[sys.argv[0], *rest])
+    zemcase.main()

@@ -12,13 +12,12 @@ import tempfile
 
 import zemcase
 from clips import framemd5, columns
-from wire import Server
 
 PICTURE = ['-f', 'lavfi', '-i', 'testsrc2=size=1280x720:rate=25']
 SOUND = ['-f', 'lavfi', '-i', 'sine=frequency=440:sample_rate=48000']
 
 
-class RoundTrip(zemcase.ZemCase):
+class RoundTrip(zemcase.OwnServerCase):
     @classmethod
     def setUpClass(cls):
         cls.folder = tempfile.TemporaryDirectory(prefix='zem-roundtrip-')
@@ -35,13 +34,6 @@ class RoundTrip(zemcase.ZemCase):
         path = os.path.join(cls.folder.name, name)
         subprocess.run(['ffmpeg', '-v', 'error', '-nostdin', *arguments, path], check=True)
         return path
-
-    def setUp(self):
-        """A server for each test."""
-        self.server = Server(zemcase.PROGRAMS.zemhost)
-        self.addCleanup(self.server.remove)
-        self.addCleanup(lambda: self.assertEqual(self.server.stop(), 0))
-        os.mkdir(os.path.join(self.server.volume, 'media'))
 
     def assert_same(self, name, expected):
         self.assertEqual(columns(self.zem('framemd5', name)), expected)

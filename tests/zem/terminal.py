@@ -5,7 +5,6 @@ that names which clients gave themselves do not steer the terminal.
 usage: terminal.py --zemhost PROGRAM --zem PROGRAM [unittest arguments]
 """
 
-import argparse
 import fcntl
 import os
 import pty
@@ -14,16 +13,14 @@ import select
 import signal
 import struct
 import subprocess
-import sys
 import tempfile
 import termios
 import time
 import unittest
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', 'e2e'))
-from wire import Client, Server  # noqa: E402
+import zemcase
+from wire import Client, Server
 
-PROGRAMS = None
 ENTER, LEAVE = b'\x1b[?1049h\x1b[?25l', b'\x1b[0m\x1b[?25h\x1b[?1049l'
 PATIENCE_S = 60
 
@@ -90,7 +87,7 @@ class Terminal:
 class OnATerminal(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.server = Server(PROGRAMS.zemhost)
+        cls.server = Server(zemcase.PROGRAMS.zemhost)
         os.mkdir(os.path.join(cls.server.volume, 'media'))
         cls.folder = tempfile.TemporaryDirectory(prefix='zem-terminal-')
         cls.clip = os.path.join(cls.folder.name, 'clip.mov')
@@ -108,7 +105,7 @@ class OnATerminal(unittest.TestCase):
         variables = {name: value for name, value in os.environ.items() if name not in ('NO_COLOR', 'ZEM_SERVER')}
         variables.update({'TERM': 'xterm', **(environment or {})})
         address = address or 'http://127.0.0.1:%d' % (server or self.server).port
-        terminal = Terminal([PROGRAMS.zem, '--server', address, *arguments], variables, **options)
+        terminal = Terminal([zemcase.PROGRAMS.zem, '--server', address, *arguments], variables, **options)
         self.addCleanup(terminal.close)
         return terminal
 
@@ -194,7 +191,7 @@ class OnATerminal(unittest.TestCase):
         self.assertEqual(top.end(), 0)
 
     def test_top_says_that_the_server_is_away_and_goes_on(self):
-        server = Server(PROGRAMS.zemhost)
+        server = Server(zemcase.PROGRAMS.zemhost)
         self.addCleanup(server.remove)
         top = self.zem('top', '--interval', '0.1', server=server)
         top.expect(b'0 joined')
@@ -223,11 +220,12 @@ class OnATerminal(unittest.TestCase):
     # Progress and colours.
 
     def test_long_work_tells_rate_and_time_left(self):
-        bench = self.zem('bench', '--seconds', '1', '--frames', '4', '--frame-size', '64k', '--connections', '1')
-        self.assertEqual(bench.end(), 0)
-        self.assertRegex(bench.seen,
-                         rb'bench write  \[#+\.+\] +\d+ %  \d+ frames  [\d.]+ [KMG]iB/s  \d:\d\d left')
-        self.assertIn(b'\r\x1b[Khttp://', bench.seen, 'the line is cleared before the result')
+        bench = self.zem('bench', '--seconds', '30', '--frames', '4', '--frame-size', '64k', '--connections', '1')
+        bench.read_until(lambda seen: re.search(
+            rb'bench write  \[#+\.+\] +\d+ %  \d+ frames  [\d.]+ [KMG]iB/s  \d:\d\d left', seen))
+        bench.type(b'\x03')
+        self.assertEqual(bench.end(), 130)
+        self.assertRegex(bench.seen, rb'\r\x1b\[K[^[]*\x1b\[31mzem:', 'the line is cleared before what comes then')
 
     def test_a_put_draws_its_progress(self):
         put = self.zem('put', '--force', '--verify', 'all', self.clip, 'media/drawn')
@@ -250,8 +248,4 @@ class OnATerminal(unittest.TestCase):
 
 
 if __name__ == '__main__':
-    parser = argparse.ArgumentParser(add_help=False)
-    parser.add_argument('--zemhost', required=True)
-    parser.add_argument('--zem', required=True)
-    PROGRAMS, rest = parser.parse_known_args()
-    unittest.main(argv=[sys.argv[0], *rest])
+    zemcase.main()

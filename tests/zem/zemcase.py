@@ -1,4 +1,4 @@
-"""What the tests of zem share: a zemhost of the class's own, the program against it, clips on its volume.
+"""What the tests of zem share: a zemhost of the class's own or of each test's, the program against it, clips on its volume.
 
 A test file ends with zemcase.main().
 """
@@ -17,6 +17,15 @@ from wire import Client, Server  # noqa: E402
 PROGRAMS = argparse.Namespace()
 
 
+def command(port, *arguments):
+    return [PROGRAMS.zem, '--server', 'http://127.0.0.1:%d' % port, *arguments]
+
+
+def run(port, *arguments, **how):
+    """zem against whatever listens there."""
+    return subprocess.run(command(port, *arguments), capture_output=True, text=True, timeout=300, **how)
+
+
 class ZemCase(unittest.TestCase):
     """Names of clips and files are below media/ of the volume."""
 
@@ -33,15 +42,15 @@ class ZemCase(unittest.TestCase):
         assert code == 0, 'zemhost ended with %d' % code
 
     def command(self, *arguments):
-        return [PROGRAMS.zem, '--server', 'http://127.0.0.1:%d' % self.server.port, *arguments]
+        return command(self.server.port, *arguments)
 
     def run_zem(self, *arguments, **how):
-        return subprocess.run(self.command(*arguments), capture_output=True, text=True, timeout=300, **how)
+        return run(self.server.port, *arguments, **how)
 
     def zem(self, *arguments, code=0):
         """Runs zem, checks its exit code, returns what it wrote to stdout."""
         done = self.run_zem(*arguments)
-        self.assertEqual(done.returncode, code, ' '.join(arguments) + ': ' + done.stderr)
+        self.assertEqual(done.returncode, code, ' '.join(arguments) + ': ' + done.stdout + done.stderr)
         return done.stdout
 
     def frames(self, name, *arguments):
@@ -61,6 +70,25 @@ class ZemCase(unittest.TestCase):
         self.addCleanup(client.close)
         client.join()
         return client
+
+
+class OwnServerCase(ZemCase):
+    """A server for each test."""
+
+    @classmethod
+    def setUpClass(cls):
+        pass
+
+    @classmethod
+    def tearDownClass(cls):
+        pass
+
+    def setUp(self):
+        self.server = Server(PROGRAMS.zemhost)
+        self.addCleanup(self.server.remove)
+        self.addCleanup(lambda: self.assertEqual(self.server.stop(), 0))
+        self.media = os.path.join(self.server.volume, 'media')
+        os.mkdir(self.media)
 
 
 def main():

@@ -1,47 +1,25 @@
 #!/usr/bin/env python3
 """zem bench and zem doctor against the service, and doctor against servers that have something wrong with them.
 
-usage: tools.py --zemhost PROGRAM --zem PROGRAM [unittest arguments]
+usage: benchdoctor.py --zemhost PROGRAM --zem PROGRAM [unittest arguments]
 """
 
-import argparse
 import contextlib
 import http.server
 import json
 import os
 import re
 import subprocess
-import sys
 import threading
 import time
 import unittest
 from email.utils import formatdate
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', 'e2e'))
-from wire import Server, closed_port  # noqa: E402
-
-PROGRAMS = None
+import zemcase
+from wire import Server, closed_port
 
 
-def zem(port, *arguments, timeout=120):
-    return subprocess.run([PROGRAMS.zem, '--server', 'http://127.0.0.1:%d' % port, *arguments], capture_output=True,
-                          text=True, timeout=timeout)
-
-
-class ServerCase(unittest.TestCase):
-    def setUp(self):
-        self.server = Server(PROGRAMS.zemhost)
-        self.addCleanup(self.server.remove)
-        self.media = os.path.join(self.server.volume, 'media')
-        os.mkdir(self.media)
-
-    def zem(self, *arguments, code=0):
-        done = zem(self.server.port, *arguments)
-        self.assertEqual(done.returncode, code, ' '.join(arguments) + ': ' + done.stdout + done.stderr)
-        return done.stdout
-
-
-class Bench(ServerCase):
+class Bench(zemcase.OwnServerCase):
     def bench(self, *arguments, code=0):
         result = json.loads(self.zem('bench', '--json', *arguments, code=code))
         for run in result['runs']:
@@ -90,19 +68,18 @@ class Bench(ServerCase):
         self.assertIn('All frames read back as they were written.', text)
 
     def test_a_folder_that_cannot_be_says_so(self):
-        done = zem(self.server.port, 'bench', '--seconds', '0.2', '--folder', '../out')
+        done = self.run_zem('bench', '--seconds', '0.2', '--folder', '../out')
         self.assertEqual(done.returncode, 1)
         self.assertIn('may the server write the folder ../out?', done.stderr)
 
     def test_more_than_the_volume_holds_is_not_begun(self):
-        done = zem(self.server.port, 'bench', '--frame-size', '240M', '--frames', '1000000')
+        done = self.run_zem('bench', '--frame-size', '240M', '--frames', '1000000')
         self.assertEqual(done.returncode, 1)
         self.assertIn('free, and this test wants', done.stderr)
         self.assertEqual(os.listdir(self.media), [])
 
     def test_a_stopped_bench_tidies_up(self):
-        process = subprocess.Popen([PROGRAMS.zem, '--server', 'http://127.0.0.1:%d' % self.server.port, 'bench',
-                                    '--seconds', '600', '--frames', '2', '--frame-size', '1k'],
+        process = subprocess.Popen(self.command('bench', '--seconds', '600', '--frames', '2', '--frame-size', '1k'),
                                    stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
         def files():
             return [name for name in os.listdir(self.media) if name.startswith('zem-bench')]
@@ -118,10 +95,10 @@ class Bench(ServerCase):
 
     def test_an_unreachable_server_is_3(self):
         with closed_port() as port:
-            self.assertEqual(zem(port, 'bench').returncode, 3)
+            self.assertEqual(zemcase.run(port, 'bench').returncode, 3)
 
 
-class Doctor(ServerCase):
+class Doctor(zemcase.OwnServerCase):
     def doctor(self, *arguments, code=0):
         result = json.loads(self.zem('doctor', '--json', *arguments, code=code))
         self.assertEqual(result['exit_code'], code)
@@ -168,7 +145,7 @@ class Doctor(ServerCase):
 
     def test_nobody_there_is_3(self):
         with closed_port() as port:
-            done = zem(port, 'doctor', '--json')
+            done = zemcase.run(port, 'doctor', '--json')
         self.assertEqual(done.returncode, 3)
         checks = json.loads(done.stdout)['checks']
         self.assertEqual([check['check'] for check in checks], ['reach'])
@@ -178,10 +155,10 @@ class Doctor(ServerCase):
 class Rights(unittest.TestCase):
     @unittest.skipIf(os.geteuid() != 0, 'only root can run the service as another user')
     def test_a_folder_that_the_service_may_not_write(self):
-        server = Server(PROGRAMS.zemhost, user=65534)
+        server = Server(zemcase.PROGRAMS.zemhost, user=65534)
         self.addCleanup(server.remove)
         os.mkdir(os.path.join(server.volume, 'media'), 0o755)
-        done = zem(server.port, 'doctor')
+        done = zemcase.run(server.port, 'doctor')
         self.assertEqual(done.returncode, 1, done.stdout)
         self.assertRegex(done.stdout, r"(?m)^fail  frames      the server could not create.*\n +-> may the service's user")
 
@@ -221,7 +198,7 @@ class Strange(unittest.TestCase):
                 thread.join()
 
     def doctor(self, port):
-        done = zem(port, 'doctor', '--json')
+        done = zemcase.run(port, 'doctor', '--json')
         return done.returncode, {check['check']: check for check in json.loads(done.stdout)['checks']}
 
     def clock_apart(self, skew_s, **options):
@@ -262,8 +239,4 @@ class Strange(unittest.TestCase):
 
 
 if __name__ == '__main__':
-    parser = argparse.ArgumentParser(add_help=False)
-    parser.add_argument('--zemhost', required=True)
-    parser.add_argument('--zem', required=True)
-    PROGRAMS, rest = parser.parse_known_args()
-    unittest.main(argv=[sys.argv[0], *rest])
+    zemcase.main()
