@@ -1,8 +1,7 @@
-// What the tests of the error log share: a destination that they can hold, a folder, and records.
+// What the tests of the error log share: a destination that they can hold, and records.
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -16,6 +15,7 @@
 #include "mediaio/errorlog.h"
 #include "mediaio/errorlog/sink.h"
 #include "platform/platform.h"
+#include "tests/tempfolder.h"
 
 namespace logtest {
 
@@ -93,20 +93,6 @@ private:
     std::string m_text;
     bool m_hold = false;
     bool m_held = false;
-};
-
-class CTempFolder {
-public:
-    CTempFolder() {
-        std::string name = (std::filesystem::temp_directory_path() / "errorlogXXXXXX").string();
-        if (!mkdtemp(name.data())) throw std::runtime_error("mkdtemp");
-        m_path = name;
-    }
-    ~CTempFolder() { std::filesystem::remove_all(m_path); }
-    std::string File(const std::string& name) const { return (m_path / name).string(); }
-
-private:
-    std::filesystem::path m_path;
 };
 
 inline ErrorLogSettings ToFile(const std::string& path) {

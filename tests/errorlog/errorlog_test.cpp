@@ -15,8 +15,8 @@
 #include "mediaio/errorlog.h"
 #include "mediaio/errorlog/sink.h"
 #include "platform/platform.h"
-#include "tests/errorlog/allocations.h"
 #include "tests/errorlog/capture.h"
+#include "tests/fakes/allocfault.h"
 
 namespace {
 

@@ -1,6 +1,7 @@
 // The allocation functions, in a file of their own so that no caller sees their bodies.
 #include "tests/fakes/allocfault.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <new>
 #include <utility>
@@ -11,6 +12,7 @@ constexpr size_t kNone = static_cast<size_t>(-1);
 thread_local size_t t_failFrom = kNone;
 thread_local bool t_failed = false;
 thread_local uint64_t t_allocations = 0;
+thread_local size_t t_largest_bytes = 0;
 thread_local size_t t_watchedSize = kNone;
 thread_local void* t_watched = nullptr;
 constexpr uint64_t kNever = static_cast<uint64_t>(-1);
@@ -28,6 +30,7 @@ bool FailsInTurn(size_t bytes) {
 }
 
 void* Allocate(size_t bytes) {
+    t_largest_bytes = std::max(t_largest_bytes, bytes);
     if (!CAllocationFaultPause::Active() && FailsInTurn(bytes)) return nullptr;
     return std::malloc(bytes ? bytes : 1);
 }
@@ -73,6 +76,12 @@ void* WatchedAllocation() {
 }
 uint64_t AllocationsOfThisThread() {
     return t_allocations;
+}
+void ResetLargestAllocation() {
+    t_largest_bytes = 0;
+}
+size_t LargestAllocation_bytes() {
+    return t_largest_bytes;
 }
 
 void* operator new(size_t bytes) {

@@ -1,5 +1,5 @@
-// Failure of allocations on demand: replaces the allocation functions of the test that links it.
-// Any thread.
+// Counts of allocations, and their failure on demand: replaces the allocation functions of the test
+// that links it. Any thread.
 #pragma once
 
 #include <cstddef>
@@ -42,3 +42,7 @@ void* WatchedAllocation();
 
 // Allocations of the calling thread with operator new, of any form, pauses apart.
 uint64_t AllocationsOfThisThread();
+// The largest one since the reset: tells memory that was taken on a peer's word from memory for
+// what really arrived.
+void ResetLargestAllocation();
+size_t LargestAllocation_bytes();

@@ -7,7 +7,7 @@
 #include "tests/fakes/allocfault.h"
 #include "tests/faults/callfaults.h"
 #include "tests/frameio/frametest.h"
-#include "tests/platform/tempfolder.h"
+#include "tests/tempfolder.h"
 
 #include <algorithm>
 #include <array>
@@ -170,7 +170,8 @@ class Faults : public CFrameTest, public ::testing::WithParamInterface<Case> {
 protected:
     Faults() {
         std::filesystem::create_directory(folder.Path() / "media");
-        wcscpy_s(access.VolumeRoot(), kNameUnits, (folder.Wide() + TEXT("\\")).c_str());
+        wcscpy_s(access.VolumeRoot(), kNameUnits,
+                 (folder.Path().string<WCHAR>() + TEXT("\\")).c_str());
         SetTracing(true);
         EXPECT_GE(CoInitializeEx(nullptr, COINIT_MULTITHREADED), 0);
         Disarm();

@@ -23,7 +23,7 @@
 #include "platform/platform.h"
 #include "platform/posix/http_tuning.h"
 #include "platform/posix/object.h"
-#include "tests/platform/tempfolder.h"
+#include "tests/tempfolder.h"
 #include "zemhttpd/entry/zemhttpd.h"
 
 namespace {

@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <stdlib.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -21,6 +20,7 @@
 #include <vector>
 
 #include "platform/posix/views.h"
+#include "tests/tempfolder.h"
 
 namespace mediatest {
 
@@ -92,8 +92,6 @@ inline std::vector<uint8_t> Fetch(const ZemIoBuffer& buffer) {
 class CVolumeTest : public testing::Test {
 protected:
     CVolumeTest() {
-        char name[] = "/tmp/zem-media-XXXXXX";
-        m_root = mkdtemp(name);
         const WString root = Wide(m_root);
         OverrideRegistryValue(TEXT("HKEY_LOCAL_MACHINE\\Software\\Quorvane Group\\RUD\\vfs"),
                               TEXT("0"), REG_SZ, root.c_str(),
@@ -105,7 +103,6 @@ protected:
         m_channel.reset();
         EXPECT_EQ(m_allocator.BytesInUse(), 0u) << "all frame memory came home";
         zemstore::AwaitNoMediaFiles();  // no file stays open
-        std::filesystem::remove_all(m_root);
     }
 
     std::unique_ptr<CZemChannelIo> NewChannel() {
@@ -187,7 +184,8 @@ protected:
     }
     std::string Path(const std::string& name) const { return m_root + "/" + name; }
 
-    std::string m_root;
+    const CTempFolder m_folder;
+    const std::string m_root = m_folder.Path().string();
     CZemMemAllocator m_allocator;
     std::unique_ptr<CZemChannelIo> m_channel;
 };

@@ -5,13 +5,15 @@
 #include <fstream>
 
 #include "platform/platform.h"
-#include "tests/platform/tempfolder.h"
+#include "tests/tempfolder.h"
 
 namespace {
 
 class Files : public testing::Test {
 protected:
-    WString Path(const WCHAR* name) const { return m_folder.Wide() + TEXT("/") + name; }
+    WString Path(const WCHAR* name) const {
+        return m_folder.Path().string<WCHAR>() + TEXT("/") + name;
+    }
 
     static HANDLE Open(const WString& path, DWORD flags = FILE_ATTRIBUTE_NORMAL,
                        DWORD disposition = OPEN_EXISTING) {
@@ -82,8 +84,8 @@ TEST_F(Files, BothSeparatorsAndRepeatedOnes) {
     Make(TEXT("a/b"));
     const WString name = NameOf(Path(TEXT("a/b")));
     ASSERT_FALSE(name.empty());
-    EXPECT_EQ(NameOf(m_folder.Wide() + TEXT("\\/a\\\\/b")), name);
-    EXPECT_EQ(NameOf(m_folder.Wide() + TEXT("\\a//b")), name);
+    EXPECT_EQ(NameOf(m_folder.Path().string<WCHAR>() + TEXT("\\/a\\\\/b")), name);
+    EXPECT_EQ(NameOf(m_folder.Path().string<WCHAR>() + TEXT("\\a//b")), name);
 }
 
 TEST_F(Files, NamesBeyondAscii) {
@@ -94,8 +96,8 @@ TEST_F(Files, NamesBeyondAscii) {
 
 TEST_F(Files, DiskSpace) {
     ULARGE_INTEGER available, total, all_free;
-    ASSERT_TRUE(
-        GetDiskFreeSpaceExW((m_folder.Wide() + TEXT("\\")).c_str(), &available, &total, &all_free));
+    ASSERT_TRUE(GetDiskFreeSpaceExW((m_folder.Path().string<WCHAR>() + TEXT("\\")).c_str(),
+                                    &available, &total, &all_free));
     EXPECT_GT(total.QuadPart, 0u);
     EXPECT_LE(available.QuadPart, total.QuadPart);
     EXPECT_LE(available.QuadPart, all_free.QuadPart);
@@ -138,6 +140,21 @@ TEST(ComputerName, FillsOrTellsTheSize) {
     EXPECT_EQ(exact, size + 1);
     EXPECT_TRUE(GetComputerNameW(name, &exact));
     EXPECT_EQ(exact, size);
+}
+
+// On every system: what Windows takes for a device or a stream.
+TEST(WindowsNames, StreamsAndDevicesAreNoPlainFiles) {
+    for (const WCHAR* path :
+         {TEXT("/media/a.mxf:stream"), TEXT("/media/a.mxf::$DATA"), TEXT("C:/x"), TEXT("NUL"),
+          TEXT("/media/nul"), TEXT("/media/Con.txt"), TEXT("\\media\\aux \\x"), TEXT("/prn.tar.gz"),
+          TEXT("/COM1"), TEXT("/lpt9.txt"), TEXT("/com\u00b2"), TEXT("/conin$")}) {
+        EXPECT_FALSE(windowsnames::ArePlain(path)) << std::filesystem::path(path);
+    }
+    for (const WCHAR* path :
+         {TEXT(""), TEXT("/"), TEXT("/media/clip.mxf"), TEXT("/null"), TEXT("/COM"), TEXT("/com10"),
+          TEXT("/comx"), TEXT("/media/.nul"), TEXT("/a.con"), TEXT("/console/lpt")}) {
+        EXPECT_TRUE(windowsnames::ArePlain(path)) << std::filesystem::path(path);
+    }
 }
 
 }  // namespace

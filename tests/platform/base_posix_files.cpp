@@ -11,7 +11,7 @@
 #include <fstream>
 
 #include "platform/platform.h"
-#include "tests/platform/tempfolder.h"
+#include "tests/tempfolder.h"
 
 namespace {
 
@@ -29,8 +29,9 @@ TEST(PosixFiles, RefusesFifosDevicesAndSocketsAtOnce) {
     address.sun_family = AF_UNIX;
     std::strncpy(address.sun_path, folder.File("socket").c_str(), sizeof(address.sun_path) - 1);
     ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-    for (const WString& path : {folder.Wide() + TEXT("/fifo"), folder.Wide() + TEXT("/socket"),
-                                WString(TEXT("/dev/null"))}) {
+    for (const WString& path :
+         {folder.Path().string<WCHAR>() + TEXT("/fifo"),
+          folder.Path().string<WCHAR>() + TEXT("/socket"), WString(TEXT("/dev/null"))}) {
         EXPECT_EQ(Open(path), INVALID_HANDLE_VALUE);
         EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
         EXPECT_EQ(GetFileAttributesW(path.c_str()), FILE_ATTRIBUTE_DEVICE);
@@ -45,7 +46,9 @@ TEST(PosixFiles, LinksAreReparsePoints) {
     std::filesystem::create_symlink(".", folder.Path() / "folder");
     std::filesystem::create_symlink("nothing", folder.Path() / "broken");
     std::filesystem::create_symlink("circle", folder.Path() / "circle");
-    const auto path = [&](const WCHAR* name) { return folder.Wide() + TEXT("\\") + name; };
+    const auto path = [&](const WCHAR* name) {
+        return folder.Path().string<WCHAR>() + TEXT("\\") + name;
+    };
     EXPECT_EQ(GetFileAttributesW(path(TEXT("file")).c_str()), FILE_ATTRIBUTE_NORMAL);
     EXPECT_EQ(GetFileAttributesW(path(TEXT("link")).c_str()), FILE_ATTRIBUTE_REPARSE_POINT);
     EXPECT_EQ(GetFileAttributesW(path(TEXT("folder")).c_str()),
@@ -73,16 +76,17 @@ TEST(PosixFiles, LinksAreReparsePoints) {
 
 TEST(PosixFiles, BadNames) {
     const CTempFolder folder;
-    const WString lone = folder.Wide() + TEXT("/") + WCHAR{0xDC00};
+    const WString lone = folder.Path().string<WCHAR>() + TEXT("/") + WCHAR{0xDC00};
     EXPECT_EQ(Open(lone), INVALID_HANDLE_VALUE);
     EXPECT_EQ(GetLastError(), ERROR_INVALID_NAME);
     EXPECT_EQ(GetFileAttributesW(lone.c_str()), INVALID_FILE_ATTRIBUTES);
     EXPECT_EQ(GetLastError(), ERROR_INVALID_NAME);
-    const WString last = folder.Wide() + TEXT("/") + WCHAR{0xD800};
+    const WString last = folder.Path().string<WCHAR>() + TEXT("/") + WCHAR{0xD800};
     EXPECT_EQ(Open(last), INVALID_HANDLE_VALUE);
     EXPECT_EQ(GetLastError(), ERROR_INVALID_NAME);
     for (const size_t length : {size_t{256}, size_t{5000}, size_t{100000}}) {
-        EXPECT_EQ(Open(folder.Wide() + TEXT("/") + WString(length, u'x')), INVALID_HANDLE_VALUE);
+        EXPECT_EQ(Open(folder.Path().string<WCHAR>() + TEXT("/") + WString(length, u'x')),
+                  INVALID_HANDLE_VALUE);
         EXPECT_EQ(GetLastError(), ERROR_FILENAME_EXCED_RANGE);
     }
     // Every length around the buffer's end, in a character of three bytes.
@@ -96,7 +100,7 @@ TEST(PosixFiles, BadNames) {
 TEST(PosixFiles, RefusesFlagsAndAttributes) {
     const CTempFolder folder;
     std::ofstream(folder.File("file")) << "x";
-    const WString path = folder.Wide() + TEXT("/file");
+    const WString path = folder.Path().string<WCHAR>() + TEXT("/file");
     for (const DWORD flag :
          {0x40000000u /* overlapped */, 0x20000000u /* no buffering */, 0x04000000u, 0x1u}) {
         EXPECT_EQ(Open(path, GENERIC_READ, flag), INVALID_HANDLE_VALUE);
@@ -136,12 +140,13 @@ TEST(PosixFiles, OpenToDeleteTakesRegularFilesAlone) {
     std::ofstream(folder.File("file")) << "x";
     ASSERT_EQ(mkfifo(folder.File("fifo").c_str(), 0666), 0);
     for (const WCHAR* name : {TEXT("/folder"), TEXT("/link"), TEXT("/fifo")}) {
-        EXPECT_EQ(OpenToDelete(folder.Wide() + name), INVALID_HANDLE_VALUE);
+        EXPECT_EQ(OpenToDelete(folder.Path().string<WCHAR>() + name), INVALID_HANDLE_VALUE);
         EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
     }
-    EXPECT_EQ(OpenToDelete(folder.Wide() + TEXT("/none")), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(OpenToDelete(folder.Path().string<WCHAR>() + TEXT("/none")), INVALID_HANDLE_VALUE);
     EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(OpenToDelete(folder.Wide() + TEXT("/none/file")), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(OpenToDelete(folder.Path().string<WCHAR>() + TEXT("/none/file")),
+              INVALID_HANDLE_VALUE);
     EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
     EXPECT_EQ(OpenToDelete(TEXT("/")), INVALID_HANDLE_VALUE);
     EXPECT_EQ(OpenToDelete(TEXT("no such file here")), INVALID_HANDLE_VALUE);
@@ -152,7 +157,7 @@ TEST(PosixFiles, AnOpenFileIsDeletedFromTheFolderInWhichItWasFound) {
     const CTempFolder folder;
     std::filesystem::create_directory(folder.Path() / "folder");
     std::ofstream(folder.File("folder/file")) << "x";
-    const HANDLE file = OpenToDelete(folder.Wide() + TEXT("/folder/file"));
+    const HANDLE file = OpenToDelete(folder.Path().string<WCHAR>() + TEXT("/folder/file"));
     ASSERT_NE(file, INVALID_HANDLE_VALUE);
     std::filesystem::rename(folder.Path() / "folder", folder.Path() / "moved");
     std::filesystem::create_directory(folder.Path() / "folder");
@@ -172,7 +177,7 @@ TEST(PosixFiles, AnOpenFileIsDeletedFromTheFolderInWhichItWasFound) {
 TEST(PosixFiles, OnlyWhatWasOpenedToBeDeletedIs) {
     const CTempFolder folder;
     std::ofstream(folder.File("file")) << "x";
-    const WString path = folder.Wide() + TEXT("/file");
+    const WString path = folder.Path().string<WCHAR>() + TEXT("/file");
     HANDLE file = Open(path);
     EXPECT_FALSE(DeleteOpen(file));
     EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
@@ -201,7 +206,7 @@ TEST(PosixFiles, NobodyMayWriteAReadOnlyFile) {
     const CTempFolder folder;
     std::ofstream(folder.File("file")) << "x";
     ASSERT_EQ(chmod(folder.File("file").c_str(), 0444), 0);
-    const WString path = folder.Wide() + TEXT("/file");
+    const WString path = folder.Path().string<WCHAR>() + TEXT("/file");
     EXPECT_EQ(GetFileAttributesW(path.c_str()), FILE_ATTRIBUTE_READONLY);
 }
 

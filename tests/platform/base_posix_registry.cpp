@@ -12,7 +12,7 @@
 #include "platform/platform.h"
 #include "platform/posix/object.h"
 #include "tests/platform/sysloglines.h"
-#include "tests/platform/tempfolder.h"
+#include "tests/tempfolder.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "platform/platform.h"
-#include "tests/platform/tempfolder.h"
+#include "tests/tempfolder.h"
 
 namespace {
 

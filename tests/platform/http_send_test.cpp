@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -10,6 +9,7 @@
 
 #include "http_support.h"
 #include "platform/posix/views.h"
+#include "tests/tempfolder.h"
 
 namespace httptest {
 namespace {
@@ -18,17 +18,10 @@ namespace {
 class CTextFile {
 public:
     explicit CTextFile(size_t bytes) {
-        char name[] = "/tmp/httpsendXXXXXX";
-        m_folder = mkdtemp(name);
-        m_path = m_folder + "/file";
         while (text.size() < bytes)
             text += std::to_string(text.size()) + ".";
         text.resize(bytes);
         std::ofstream(m_path, std::ios::binary) << text;
-    }
-    ~CTextFile() {
-        unlink(m_path.c_str());
-        rmdir(m_folder.c_str());
     }
     HANDLE Open() const {
         const std::u16string wide(m_path.begin(), m_path.end());
@@ -39,8 +32,8 @@ public:
     std::string text;
 
 private:
-    std::string m_folder;
-    std::string m_path;
+    const CTempFolder m_folder;
+    const std::string m_path = m_folder.File("file");
 };
 
 HTTP_DATA_CHUNK Memory(const std::string& text) {

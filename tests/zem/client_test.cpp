@@ -7,7 +7,7 @@
 
 #include "apps/zem/client/zemclient.h"
 #include "apps/zem/client/zemerror.h"
-#include "tests/zem/allocations.h"
+#include "tests/fakes/allocfault.h"
 #include "tests/zem/fakemedia.h"
 #include "tests/zem/scriptserver.h"
 

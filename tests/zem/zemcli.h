@@ -3,7 +3,6 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/wait.h>
 
 #include <filesystem>
@@ -13,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/tempfolder.h"
 #include "tests/zem/fakemedia.h"
 #include "tests/zem/scriptserver.h"
 
@@ -26,11 +26,7 @@ struct Outcome {
 
 class ZemCli : public testing::Test {
 protected:
-    ZemCli() : m_server(std::ref(m_media)) {
-        std::string pattern = (fs::temp_directory_path() / "zemcli-XXXXXX").string();
-        m_dir = mkdtemp(pattern.data());
-    }
-    ~ZemCli() override { fs::remove_all(m_dir); }
+    ZemCli() : m_server(std::ref(m_media)) {}
 
     static std::string Quoted(const std::string& text) {
         std::string out = "'";
@@ -79,7 +75,8 @@ protected:
         return Contents(m_dir / "columns");
     }
 
-    fs::path m_dir;
+    const CTempFolder m_folder;
+    const fs::path& m_dir = m_folder.Path();
     CFakeMedia m_media;
     CScriptServer m_server;
 };

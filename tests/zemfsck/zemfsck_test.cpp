@@ -3,9 +3,9 @@
 #include "apps/zemfsck/print.h"
 #include "mediaio/store/crc32c.h"
 #include "tests/mediaio/simfile.h"
+#include "tests/tempfolder.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/wait.h>
 
 #include <cstddef>
@@ -285,18 +285,9 @@ TEST_F(Fsck, ADeviceThatDoesNotRead) {
 
 class FsckProgram : public testing::Test {
 protected:
-    FsckProgram() {
-        std::string name = (std::filesystem::temp_directory_path() / "zemfsckXXXXXX").string();
-        m_folder = mkdtemp(name.data());
-        Fill(m_device, true);
-    }
-    ~FsckProgram() override { std::filesystem::remove_all(m_folder); }
+    FsckProgram() { Fill(m_device, true); }
     std::string Put(const std::string& name) const {
-        const std::string path = m_folder + "/" + name;
-        std::ofstream(path, std::ios::binary)
-            .write(reinterpret_cast<const char*>(m_device.content.data()),
-                   static_cast<std::streamsize>(m_device.content.size()));
-        return path;
+        return m_folder.Write(name, {m_device.content.begin(), m_device.content.end()});
     }
     int Run(const std::string& arguments) {
         const std::string command = ZEMFSCK_PROGRAM " " + arguments + " 2>&1";
@@ -310,7 +301,7 @@ protected:
     }
     bool Says(const std::string& text) const { return m_output.find(text) != std::string::npos; }
     Device m_device;
-    std::string m_folder;
+    const CTempFolder m_folder;
     std::string m_output;
 };
 
@@ -331,12 +322,12 @@ TEST_F(FsckProgram, DamageIs1) {
 }
 
 TEST_F(FsckProgram, WhatCannotBeCheckedIs2) {
-    EXPECT_EQ(Run(m_folder + "/none"), 2);
+    EXPECT_EQ(Run(m_folder.File("none")), 2);
     EXPECT_TRUE(Says("not checked: no such file")) << m_output;
-    std::ofstream(m_folder + "/text") << "hello";
-    EXPECT_EQ(Run(m_folder + "/text " + Put("good")), 2);
+    m_folder.Write("text", "hello");
+    EXPECT_EQ(Run(m_folder.File("text") + " " + Put("good")), 2);
     EXPECT_TRUE(Says("not a native media file")) << m_output;
-    EXPECT_EQ(Run(m_folder), 2);
+    EXPECT_EQ(Run(m_folder.Path().string()), 2);
     EXPECT_EQ(Run(""), 2);
     EXPECT_TRUE(Says("Usage:")) << m_output;
     EXPECT_EQ(Run("--nonsense"), 2);
@@ -353,7 +344,7 @@ TEST_F(FsckProgram, AsksForHelpAndVersion) {
 TEST_F(FsckProgram, JsonIsOneObjectALine) {
     m_device.content[kLogOffset + 5 * SlotSize(kFrame) + 123] ^= 4;
     const std::string bad = Put("a \"quoted\" name");
-    EXPECT_EQ(Run("--json '" + bad + "' " + m_folder + "/none"), 2);
+    EXPECT_EQ(Run("--json '" + bad + "' " + m_folder.File("none")), 2);
     const std::string expected = R"(\"quoted\" name","result":"damaged","size":)" +
                                  std::to_string(m_device.content.size()) +
                                  R"(,"type":"video","fileId":")";

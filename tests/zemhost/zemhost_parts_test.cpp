@@ -2,38 +2,16 @@
 // checks, and how it waits for a stop signal.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
-#include <stdexcept>
 
 #include "apps/zemhost/checks.h"
 #include "apps/zemhost/hostsystem.h"
 #include "apps/zemhost/options.h"
 #include "apps/zemhost/settings.h"
 #include "platform/platform.h"
+#include "tests/tempfolder.h"
 
 namespace {
-
-class CTempFolder {
-public:
-    CTempFolder() {
-        std::string name = (std::filesystem::temp_directory_path() / "zemhostXXXXXX").string();
-        if (!mkdtemp(name.data())) throw std::runtime_error("mkdtemp");
-        m_path = name;
-    }
-    ~CTempFolder() { std::filesystem::remove_all(m_path); }
-    std::string Path(const std::string& name) const { return (m_path / name).string(); }
-    std::string Write(const std::string& name, const std::string& text) const {
-        std::ofstream(Path(name), std::ios::binary) << text;
-        return Path(name);
-    }
-
-private:
-    std::filesystem::path m_path;
-};
 
 std::string Parse(const std::vector<std::string>& arguments, HostOptions& options) {
     options = {};
@@ -98,7 +76,7 @@ TEST(ZemhostOptions, RefuseWhatIsNoPort) {
 TEST(ZemhostSettings, AreTheDefaultsWithoutARegistryFile) {
     const CTempFolder folder;
     HostOptions options;
-    options.registry = folder.Path("none");
+    options.registry = folder.File("none");
     const HostSettings settings = SettingsOf(options);
     EXPECT_EQ(settings.port, 80u);
     EXPECT_TRUE(settings.addresses.empty());
@@ -233,8 +211,8 @@ TEST(ZemhostChecks, RefuseOtherFiles) {
          {"", "Windows Registry Editor", "port=8080\n", "\n[HKEY_LOCAL_MACHINE]\n"}) {
         EXPECT_NE(CheckRegistryFile(folder.Write("file", text)), "") << text;
     }
-    EXPECT_EQ(CheckRegistryFile(folder.Path("")),
-              "the registry file '" + folder.Path("") +
+    EXPECT_EQ(CheckRegistryFile(folder.File("")),
+              "the registry file '" + folder.File("") +
                   "' is not a file; give a file with --registry FILE");
 }
 

@@ -1,19 +1,18 @@
-// A folder that exists as long as the object. One thread.
+// A folder for a test's files that goes with the object, whatever is in it then. One thread.
 #pragma once
 
 #include <filesystem>
+#include <fstream>
 #include <random>
 #include <string>
-
-#include "platform/platform.h"
 
 class CTempFolder {
 public:
     CTempFolder() {
         std::random_device random;
         do {
-            m_path = std::filesystem::temp_directory_path() /
-                     ("zem-platform-" + std::to_string(random()));
+            m_path =
+                std::filesystem::temp_directory_path() / ("zem-test-" + std::to_string(random()));
         } while (!std::filesystem::create_directory(m_path));
     }
     CTempFolder(const CTempFolder&) = delete;
@@ -23,8 +22,12 @@ public:
         std::filesystem::remove_all(m_path, ignored);
     }
     const std::filesystem::path& Path() const { return m_path; }
-    std::string File(const char* name) const { return (m_path / name).string(); }
-    WString Wide() const { return m_path.string<WCHAR>(); }
+    std::string File(const std::string& name) const { return (m_path / name).string(); }
+    // Writes a file; its path.
+    std::string Write(const std::string& name, const std::string& data) const {
+        std::ofstream(m_path / name, std::ios::binary) << data;
+        return File(name);
+    }
 
 private:
     std::filesystem::path m_path;
