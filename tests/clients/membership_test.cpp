@@ -275,7 +275,9 @@ TEST_F(Membership, JoinThatRunsOutOfMemoryAnywhereLeavesNothing) {
             break;
         }
         EXPECT_LT(hr, 0);
-        if (skipped == 0) EXPECT_EQ(log.Error(kNoChannelMessage).hr, E_OUTOFMEMORY);
+        if (skipped == 0) {
+            EXPECT_EQ(log.Error(kNoChannelMessage).hr, E_OUTOFMEMORY);
+        }
         EXPECT_EQ(Clients(), 0u);
         EXPECT_EQ(media.LiveChannels(), 0);
         EXPECT_EQ(RealTime(), TEXT(""));

@@ -343,7 +343,9 @@ TEST_P(Faults, NothingIsLost) {
             const bool failed = RunWith(fault, skipped);
             SCOPED_TRACE(std::string(words) + ", after " + std::to_string(skipped) + " (" +
                          CCallFaults::Name() + ")");
-            if (!failed && fault != Fault::NoMemory) EXPECT_EQ(m_answered, 1);
+            if (!failed && fault != Fault::NoMemory) {
+                EXPECT_EQ(m_answered, 1);
+            }
             ExpectWhole(fault);
             ExpectServed();
             if (HasFailure() || !failed) break;

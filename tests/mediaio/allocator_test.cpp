@@ -92,7 +92,9 @@ TEST(Allocator, RunsNeverOverlapAndKeepTheirBytes) {
             char* run = static_cast<char*>(allocator.Allocate(size));
             if (run == nullptr) continue;
             const auto next = live.lower_bound(run);
-            if (next != live.end()) ASSERT_LE(run + size, next->first);
+            if (next != live.end()) {
+                ASSERT_LE(run + size, next->first);
+            }
             if (next != live.begin()) {
                 const auto before = std::prev(next);
                 ASSERT_LE(before->first + before->second.first, run);

@@ -38,10 +38,11 @@ INSTANTIATE_TEST_SUITE_P(Threads, ChannelIo, testing::Values(true));
 
 TEST_P(ChannelIo, UsesTheRingUnlessTold) {
     const std::string kind = zemstore::IAsyncIo::Shared()->Kind();
-    if (GetParam())
+    if (GetParam()) {
         EXPECT_EQ(kind, "threads");
-    else if (kind != "io_uring")
+    } else if (kind != "io_uring") {
         GTEST_SKIP() << "this kernel gives no ring";
+    }
 }
 
 TEST_P(ChannelIo, WhatIsWrittenIsReadAtOnceFromItsPages) {

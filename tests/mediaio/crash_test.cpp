@@ -410,7 +410,9 @@ private:
             const bool known = hr == S_OK || hr == kErrorFrameErased || hr == kErrorFrameHole ||
                                hr == HRESULT_FROM_WIN32(ERROR_END_OF_MEDIA);
             ASSERT_TRUE(known) << "position " << kPositions[i] << std::hex << " 0x" << hr;
-            if (hr == S_OK) ASSERT_NE(found, 0u) << "a torn frame at position " << kPositions[i];
+            if (hr == S_OK) {
+                ASSERT_NE(found, 0u) << "a torn frame at position " << kPositions[i];
+            }
             ASSERT_NO_FATAL_FAILURE(m_model.Found(i, found, lost, kept));
         }
         ASSERT_NO_FATAL_FAILURE(m_model.FoundMarks(file.CurrentSettings().firstMark, lost, kept));

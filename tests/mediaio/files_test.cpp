@@ -16,14 +16,18 @@ protected:
         ULONGLONG token = 0;
         const HRESULT hr = m_channel->CreateFileW(name, TEXT(""), Describe(kMediaFileVideo), flags,
                                                   nullptr, token, true);
-        if (SUCCEEDED(hr)) EXPECT_EQ(m_channel->CloseFile(token), S_OK);
+        if (SUCCEEDED(hr)) {
+            EXPECT_EQ(m_channel->CloseFile(token), S_OK);
+        }
         return hr;
     }
     HRESULT TryOpen(const WCHAR* name) {
         ULONGLONG token = 0;
         const HRESULT hr =
             m_channel->OpenFile(name, TEXT(""), kMediaFileAny, kFileRead, false, token);
-        if (SUCCEEDED(hr)) EXPECT_EQ(m_channel->CloseFile(token), S_OK);
+        if (SUCCEEDED(hr)) {
+            EXPECT_EQ(m_channel->CloseFile(token), S_OK);
+        }
         return hr;
     }
 };

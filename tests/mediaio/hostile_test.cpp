@@ -23,7 +23,9 @@ void Fill(Device& device, bool closed) {
     ASSERT_EQ(file->Checkpoint(), S_OK);
     for (uint32_t i = 100; i < 180; ++i)
         ASSERT_EQ(WriteFrame(*file.file, i, FrameBytes(i, 2, 700)), S_OK);
-    if (closed) ASSERT_EQ(file->EndWriting(), S_OK);
+    if (closed) {
+        ASSERT_EQ(file->EndWriting(), S_OK);
+    }
 }
 
 TEST(Hostile, NotAMediaFile) {
@@ -205,7 +207,9 @@ TEST(Hostile, ForgedNodes) {
         if (FAILED(file.hr)) continue;
         std::vector<uint8_t> bytes;
         for (uint32_t i = 0; i < 200; ++i) {
-            if (SUCCEEDED(ReadFrame(*file.file, i, bytes))) ASSERT_EQ(bytes.size(), 700u);
+            if (SUCCEEDED(ReadFrame(*file.file, i, bytes))) {
+                ASSERT_EQ(bytes.size(), 700u);
+            }
         }
     }
 }

@@ -224,7 +224,9 @@ TEST_F(MediaFile, ErasedFramesSaySoAndComeBackWhenWritten) {
         Opened file(m_device);
         ASSERT_EQ(file->BeginWriting(), S_OK);
         for (uint32_t i = 0; i < 10; ++i) {
-            if (i != 4) ASSERT_EQ(WriteFrame(*file.file, i, FrameBytes(i, 1, 3000)), S_OK);
+            if (i != 4) {
+                ASSERT_EQ(WriteFrame(*file.file, i, FrameBytes(i, 1, 3000)), S_OK);
+            }
         }
         ASSERT_EQ(file->Erase(3, 6), S_OK);
         std::vector<uint8_t> bytes;
@@ -286,7 +288,9 @@ TEST_F(MediaFile, ManyFramesThroughManyCheckpoints) {
         ASSERT_EQ(file->BeginWriting(), S_OK);
         for (uint32_t i = 0; i < 3000; ++i) {
             ASSERT_EQ(WriteFrame(*file.file, i, FrameBytes(i, 1, i % 300)), S_OK);
-            if (i % 100 == 99) ASSERT_EQ(file->Checkpoint(), S_OK);
+            if (i % 100 == 99) {
+                ASSERT_EQ(file->Checkpoint(), S_OK);
+            }
         }
         for (uint32_t i = 0; i < 3000; i += 7)
             ASSERT_EQ(WriteFrame(*file.file, i, FrameBytes(i, 2, 40)), S_OK);

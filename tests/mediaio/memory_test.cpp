@@ -27,7 +27,9 @@ TEST_F(Memory, AnOpeningThatFindsNoneMayBeTriedAgain) {
                                              kFileRead | kFileWrite, false, token);
         failed = AllocationFailed();
         ASSERT_TRUE(hr == S_OK || (failed && hr == E_OUTOFMEMORY)) << std::hex << hr;
-        if (SUCCEEDED(hr)) ASSERT_EQ(channel->CloseFile(token), S_OK);
+        if (SUCCEEDED(hr)) {
+            ASSERT_EQ(channel->CloseFile(token), S_OK);
+        }
         // Whoever could not open it holds nothing of it, least of all the right to write.
         zemstore::AwaitNoMediaFiles();
     }

@@ -89,7 +89,9 @@ TEST_F(Sharing, ReadersNeverSeeATornOrStaleFrame) {
             EXPECT_EQ(Write(writer, i, make(i, version)), S_OK);
             completed[i] = version;
         }
-        if (version % 10 == 0) EXPECT_EQ(m_channel->FlushBuffers(writer), S_OK);
+        if (version % 10 == 0) {
+            EXPECT_EQ(m_channel->FlushBuffers(writer), S_OK);
+        }
     }
     stop = true;
     for (std::thread& reader : readers)
@@ -109,7 +111,9 @@ TEST_F(Sharing, OpenCloseAndUseFromManyThreads) {
             for (uint32_t i = 0; i < 150; ++i) {
                 const HRESULT hr = Read(shared, t, bytes);
                 ASSERT_TRUE(hr == S_OK || hr == E_HANDLE);
-                if (hr == S_OK) ASSERT_EQ(bytes, Bytes(t, 5000));
+                if (hr == S_OK) {
+                    ASSERT_EQ(bytes, Bytes(t, 5000));
+                }
                 ZemEsDesc desc{};
                 m_channel->GetFileInfo(shared, desc);
             }

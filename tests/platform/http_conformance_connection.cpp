@@ -217,7 +217,9 @@ TEST_P(Expectation, IsMetOnce) {
     server.StartWorkers(1, AnswerAsSeen);
     CClient client(server.TcpPort());
     client.Send(test.head);
-    if (!test.first.empty()) EXPECT_EQ(NextAnswer(client, test.first), test.first);
+    if (!test.first.empty()) {
+        EXPECT_EQ(NextAnswer(client, test.first), test.first);
+    }
     client.Send(test.body);
     EXPECT_EQ(NextAnswer(client, test.last), test.last);
     if (test.then == Closed) {

@@ -106,12 +106,13 @@ std::string NextAnswer(CClient& client, const std::string& expected, CReply* who
         const bool none = reply.status == 204 || reply.status == 304;
         EXPECT_EQ(reply.Field("Content-Length") == "(none)", none);
     }
-    if (head)
+    if (head) {
         text += " -";
-    else if (own)
+    } else if (own) {
         EXPECT_NE(reply.body.find(text), std::string::npos);
-    else if (!reply.body.empty())
+    } else if (!reply.body.empty()) {
         text += " " + reply.body;
+    }
     if (whole) *whole = std::move(reply);
     return text;
 }

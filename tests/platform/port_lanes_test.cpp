@@ -39,8 +39,9 @@ extern "C" int epoll_wait(int epoll, epoll_event* events, int room, int timeout_
     ++(timeout_ms == 0 ? visit.looks : visit.sleeps);
     t_now_ns = timeout_ms == 0 ? t_now_ns + 5000 : std::max(t_now_ns, visit.comes_ns);
     const uint64_t one = 1;
-    if (t_now_ns >= visit.comes_ns)
+    if (t_now_ns >= visit.comes_ns) {
         EXPECT_EQ(write(visit.eventfd, &one, sizeof one), static_cast<ssize_t>(sizeof one));
+    }
     return static_cast<int>(syscall(SYS_epoll_wait, epoll, events, room, 0));
 }
 
@@ -311,8 +312,9 @@ TEST_F(PortLanes, NoEventIsLostWhileLanesComeAndGo) {
                 if (random() % 8 == 0) {
                     const int to = static_cast<int>(random() % 3);
                     const int from = std::exchange(counter->m_lane, to);
-                    if (from != to)
+                    if (from != to) {
                         EXPECT_TRUE(m_lanes.Move(from, to, counter->Fd(), kEvents, counter));
+                    }
                 }
                 if (random() % 16 == 0 && read.load() < kWrites) {
                     m_lanes.Push(counter, true);

@@ -399,7 +399,9 @@ TEST_F(Lifecycle, ShutdownFromEveryFailedStartReleasesWhatThereIs) {
             if (failing == kPool) FailNextNothrowAllocation(300 * 4096);
             const HRESULT hr = failed->Initialize();
             EXPECT_EQ(NothrowAllocationFailed(), memory);
-            if (memory) EXPECT_EQ(hr, E_OUTOFMEMORY);
+            if (memory) {
+                EXPECT_EQ(hr, E_OUTOFMEMORY);
+            }
         }
         EXPECT_EQ(OpenHandles(), handles);
         EXPECT_EQ(media.LiveAllocators(), 0);

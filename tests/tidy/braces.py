@@ -1,5 +1,6 @@
-"""One way to brace: braces.py [--fix] SOURCE_DIR. Braces stand around a body of more than one line, around every branch of an
-if with an else when one of them has them, and around what follows a condition of several lines; a single line has none.
+"""One way to brace: braces.py [--fix] SOURCE_DIR. Braces stand around a body of more than one line, around every branch of
+an if with an else when one of them has them, around what follows a condition of several lines, and around an EXPECT or
+ASSERT behind an if, where the compiler asks for them; a single line has none.
 Prints every place that differs, and exits 1 on any; --fix mends them (clang-format then joins what fits on a line).
 
 It reads lines, not C++: the sources are as clang-format leaves them, so indentation tells what belongs together."""
@@ -83,14 +84,22 @@ def wants_braces(chain, raw):
     ends = [branch.body[0] if branch.body else branch.rest for branch in chain]
     if any(not end.endswith(';') for end in ends):
         return None
-    # An if within: an else behind it would be whose?
+    # An if within, or in a macro of GoogleTest: an else behind it would be whose?
+    if HEAD.match(raw[chain[0].first]).group().strip().startswith('if') and any(
+            re.match(r'\s*(?:EXPECT|ASSERT)_', end) for end in ends):
+        return True
     return None if any(re.match(r'\s*(?:if|do)\b', end) for end in ends) else False
 
 
 def mend(raw, chain, braces):
     """New text of the chain's lines, as a list; everything else keeps its place."""
     out, last = {}, chain[-1].end
-    for number, branch in enumerate(chain):
+    pad = ' ' * indent(raw[chain[0].first])
+    if chain[0].rest not in ('', '{'):  # a body on the line of its condition, which has no else
+        head = raw[chain[0].head_end]
+        at = head.rindex(chain[0].rest[:8])
+        return {chain[0].head_end: head[:at] + '{\n' + pad + '    ' + head[at:] + '\n' + pad + '}'}
+    for branch in chain:
         if branch.braced == braces:
             continue
         head = raw[branch.head_end]
@@ -99,7 +108,6 @@ def mend(raw, chain, braces):
             out[branch.head_end] = head[:length] + ' {' + head[length:]
         else:
             out[branch.head_end] = head[:length - 1].rstrip() + head[length:]
-    pad = ' ' * indent(raw[chain[0].first])
     for branch, following in zip(chain, chain[1:]):
         head = out.get(following.first, raw[following.first])
         if braces and not branch.braced:
