@@ -187,7 +187,7 @@ def table(bench, memory):
         keep_alive(16), keep_alive(256),
         read(64 * KIB, 1.2), read(256 * KIB, 1.2), read(MIB, 1.1), read(8 * MIB, 1.3),
         read(MIB, 1.0, 16), read(MIB, 1.0, 16, wrk), read(MIB, None, 1, wrk),
-        *(read_raw(size, mode) for size in (64 * KIB, MIB, 8 * MIB) for mode in ('sendfile', 'map')),
+        *(read_raw(size, mode) for size in (64 * KIB, 256 * KIB, MIB, 8 * MIB) for mode in ('sendfile', 'map')),
         *(Scenario(f'cold-{way}', 'READ_FRAME 1 MiB in order, not in the page cache', f'rawloop read {way}', 0.9,
                    bench.cold_read, lambda s, way=way: raw_read(bench, way)) for way in ('cached', 'direct')),
         Scenario('write-nginx', 'WRITE_FRAME 1 MiB, 4 connections', 'nginx PUT', 3.0,
