@@ -37,6 +37,11 @@ class Processors:
         os.sched_setaffinity(0, cls.clients)
 
     @classmethod
+    def unpin(cls):
+        cls.servers = cls.clients = sorted({*cls.servers, *cls.clients})
+        os.sched_setaffinity(0, cls.clients)
+
+    @classmethod
     @contextlib.contextmanager
     def of_servers(cls):
         """What is started inside belongs to the servers."""
