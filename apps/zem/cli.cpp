@@ -99,7 +99,10 @@ void AddGlobalOptions(CLI::App& app, CommandLine& line) {
         ->envname("ZEM_SERVER")
         ->type_name("URL")
         ->capture_default_str();
-    app.add_option("--id", line.clientId, "Client ID (default: one that no other client has)")
+    app.add_option(
+           "--id", line.clientId,
+           "Client ID (default: one that no other client has); a verb acts as that client and "
+           "leaves at the end, see --stay")
         ->type_name("ID");
     app.add_option("--channel", line.channel, "Channel to join; 255 joins none")
         ->type_name("N")

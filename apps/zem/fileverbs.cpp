@@ -326,7 +326,9 @@ void AddQueryVerbs(const VerbGroup& verbs) {
 
 void AddChangeVerbs(const VerbGroup& verbs) {
     auto remove = std::make_shared<FileOptions>();
-    CLI::App* verb = Add(verbs, "rm", "Delete files", remove, &Remove);
+    CLI::App* verb =
+        Add(verbs, "rm", "Delete files, in order; ends at the first that cannot be deleted", remove,
+            &Remove);
     verb->add_option("NAME", remove->names, "Files on the server")->required();
     verb->add_flag("--http", remove->overHttp, "By plain HTTP DELETE, without joining");
 

@@ -76,9 +76,9 @@ void CPut::Create(PutFile file) {
         throw CZemError(
             error.Kind(),
             std::string(error.what()) +
-                (m_options.force ? "; is its directory there, and may the server write it?"
-                                 : "; if it exists, --force replaces it; else see whether its "
-                                   "directory is there"),
+                (m_options.force ? "; may the server write there, and has nobody the file open?"
+                                 : "; if it exists, --force replaces it; else the volume may be "
+                                   "full or read-only, or somebody has the file open"),
             error.Hr());
     }
     m_files.push_back(std::move(file));

@@ -1,5 +1,5 @@
 // The 26 commands: code, name as it stands in size messages, reply code, size rule and handler.
-// Dispatch, size messages and the protocol page come from this table.
+// Dispatch and size messages come from this table; docs/protocol.md is compared with it.
 #pragma once
 
 #include "zemhttpd/commands/command.h"
