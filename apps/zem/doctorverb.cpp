@@ -253,7 +253,7 @@ void CDoctor::Download() {
     Say(Finding::kFail, "download",
         "GET of a file answers " + std::to_string(reply.status) + " " + Printable(reply.reason),
         "is the volume root set in the registry (zemhost --settings), and may the service read "
-        "there?");
+        "there? GET reaches only what lies in media and zem");
 }
 
 void CDoctor::Delete() {
@@ -262,7 +262,7 @@ void CDoctor::Delete() {
     if (m_client->Attributes(name) != kNoAttributes)
         throw CZemError(ErrorKind::kRefused, Printable(m_name) + " was not deleted");
     m_name.clear();
-    Say(Finding::kOk, "delete", "what was written is gone again");
+    Say(Finding::kOk, "delete", "the file is gone again");
 }
 
 int CDoctor::Run() {
