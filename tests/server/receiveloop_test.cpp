@@ -37,6 +37,11 @@ protected:
         access.IssuerThread() = nullptr;
         return static_cast<HRESULT>(code);
     }
+    // Another write of the client is under way, in that block.
+    void TakeTurnFor(CHttpXaction& other, LPCWSTR clientId = TEXT("client")) {
+        const CZemClientRef client = server.LookupClient(clientId, false);
+        ASSERT_EQ(client.Record()->TakeTurn(other), ZemClient::ETurn::Mine);
+    }
     // Fills the block of a posted receive and completes it.
     void Deliver(const CFakeSystem::Receive& receive, const RequestSpec& given) {
         CHttpXaction* xaction = Pool().Owns(receive.overlapped);
@@ -341,9 +346,7 @@ TEST_F(ReceiveLoop, WritesStandInLineInHalfOfTheBlocks) {
     CHttpXaction stranger;
     for (const char* clientId : {"a", "b"}) {
         Join(clientId);
-        const CZemClientRef client =
-            server.LookupClient(clientId[0] == 'a' ? TEXT("a") : TEXT("b"), false);
-        ASSERT_EQ(client.Record()->TakeTurn(stranger), ZemClient::ETurn::Mine);
+        TakeTurnFor(stranger, clientId[0] == 'a' ? TEXT("a") : TEXT("b"));
     }
     const auto write = [&](const char* clientId) {
         CHttpXaction& xaction = Take();
@@ -372,10 +375,7 @@ TEST_F(ReceiveLoop, WritesStandInLineInHalfOfTheBlocks) {
 TEST_F(ReceiveLoop, ShutdownForgetsWritesInLine) {
     Join();
     CHttpXaction stranger;
-    {
-        const CZemClientRef client = server.LookupClient(TEXT("client"), false);
-        ASSERT_EQ(client.Record()->TakeTurn(stranger), ZemClient::ETurn::Mine);
-    }
+    TakeTurnFor(stranger);
     CHttpXaction& xaction = Take();
     Lay(xaction, OneByteWrite(3));
     const size_t answered = http.SentCount();
@@ -394,10 +394,7 @@ TEST_F(ReceiveLoop, ShutdownForgetsWritesInLine) {
 TEST_F(ReceiveLoop, ShutdownTakesBackEveryReceiveBesideAWriteWhoseTurnHasCome) {
     Join();
     CHttpXaction stranger;
-    {
-        const CZemClientRef client = server.LookupClient(TEXT("client"), false);
-        ASSERT_EQ(client.Record()->TakeTurn(stranger), ZemClient::ETurn::Mine);
-    }
+    TakeTurnFor(stranger);
     CHttpXaction& write = Take();
     Lay(write, OneByteWrite(3));
     EXPECT_EQ(server.ProcessRequest(write), S_FALSE);
