@@ -24,16 +24,17 @@ set_target_properties(zem_platform PROPERTIES EXPORT_NAME platform)
 
 # For host programs and media modules: the headers, CMake's package and pkg-config's.
 set(include_dir ${CMAKE_INSTALL_INCLUDEDIR}/zemhttpd)
-foreach(header
-        zemhttpd/entry/zemhttpd.h zemhttpd/entry/entrypoint.h
-        mediaio/errorlog.h mediaio/errorlog/sink.h
-        mediaio/zemio.h mediaio/zemchannelio.h mediaio/zemiotypes.h mediaio/zemmemallocator.h
-        platform/platform.h platform/windowsnames.h)
+set(headers
+    zemhttpd/entry/zemhttpd.h zemhttpd/entry/entrypoint.h
+    mediaio/errorlog.h mediaio/errorlog/sink.h
+    mediaio/zemio.h mediaio/zemchannelio.h mediaio/zemiotypes.h mediaio/zemmemallocator.h
+    platform/platform.h platform/windowsnames.h)
+foreach(header com errors eventlog files http http_calls port registry sync text time types xmldom)
+    list(APPEND headers platform/posix/${header}.h)
+endforeach()
+foreach(header ${headers})
     get_filename_component(folder ${header} DIRECTORY)
     install(FILES ${header} DESTINATION ${include_dir}/${folder})
-endforeach()
-foreach(header com errors eventlog files http http_calls port registry sync text time types xmldom)
-    install(FILES platform/posix/${header}.h DESTINATION ${include_dir}/platform/posix)
 endforeach()
 include(CMakePackageConfigHelpers)
 set(cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/zemhttpd)
@@ -50,10 +51,19 @@ install(FILES ${CMAKE_BINARY_DIR}/packaging/zemhttpd.pc DESTINATION ${CMAKE_INST
 
 install(FILES packaging/zemhost.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 install(FILES packaging/zemfsck.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-install(FILES README.md ARCHITECTURE.md packaging/deb/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})
-install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES packaging/deb/copyright DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(FILES clients/python/zemclient.py DESTINATION ${CMAKE_INSTALL_DOCDIR}/clients/python)
 install(FILES examples/host.cpp examples/CMakeLists.txt DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples)
+include(packaging/documents.cmake)
+file(RELATIVE_PATH include_from_doc ${CMAKE_INSTALL_FULL_DOCDIR} ${CMAKE_INSTALL_FULL_INCLUDEDIR}/zemhttpd)
+file(RELATIVE_PATH data_from_doc ${CMAKE_INSTALL_FULL_DOCDIR} ${CMAKE_INSTALL_FULL_DATADIR}/zemhttpd)
+set(elsewhere LICENSE=copyright apps/console/console.html=${data_from_doc}/console.html mediaio=${include_from_doc}/mediaio)
+foreach(header ${headers})
+    list(APPEND elsewhere ${header}=${include_from_doc}/${header})
+endforeach()
+zem_documents(DESTINATION ${CMAKE_INSTALL_DOCDIR}
+    BESIDE clients/python/zemclient.py examples/host.cpp
+    ELSEWHERE ${elsewhere})
 
 # What belongs to the machine and not below a prefix: only in the package, or with --component system.
 install(FILES packaging/zemhttpd.reg DESTINATION /etc/zemhttpd COMPONENT system EXCLUDE_FROM_ALL)
