@@ -1,7 +1,8 @@
 """docs/operations.md is complete: operations_test.py SOURCE_DIR.
 
-Every registry value that a source reads stands in its table of settings, every error, warning, message and slow operation
-that the server, the media library or zemhost writes to the error log in its table of lines, and neither table has others.
+Every registry value that a source reads or packaging/zemhttpd.reg sets stands in its table of settings, every error, warning,
+message and slow operation that the server, the media library or zemhost writes to the error log in its table of lines, and
+neither table has others.
 Texts are compared as they stand in the sources, with an ellipsis for every value that is filled in. --list prints them."""
 
 import glob
@@ -96,6 +97,10 @@ def registry_values():
                         r'RegistryPlace k\w+ = \{\s*TEXT\("[^"]*"\),\s*TEXT\("([^"]+)"\)'):
             for name in re.findall(pattern, text):
                 found.setdefault(name, path)
+    shipped = 'packaging/zemhttpd.reg'
+    with open(os.path.join(ROOT, shipped), encoding='utf-8') as file:
+        for name in re.findall(r'(?m)^"([^"]+)"=', file.read()):
+            found.setdefault(name, shipped)
     return found
 
 
