@@ -52,7 +52,7 @@ bool Parse(int argc, char** argv, Options& options) {
         } else if (strcmp(argument, "--version") == 0) {
             options.version = true;
         } else {
-            fprintf(stderr, "zemfsck: unknown option %s\n", argument);
+            fprintf(stderr, "zemfsck: there is no option '%s'; see zemfsck --help\n", argument);
             return false;
         }
     }

@@ -127,8 +127,8 @@ std::string AsText(const std::string& name, const Report& report) {
     const uint64_t all = report.damages + report.remarks;
     if (all > report.findings.size())
         out += "  and " + Number(all - report.findings.size()) + " more\n";
-    out += report.damages == 0 ? "  clean\n" : "  " + Number(report.damages) + " damages\n";
-    return out;
+    if (report.damages == 0) return out + "  clean\n";
+    return out + "  " + Number(report.damages) + (report.damages == 1 ? " damage\n" : " damages\n");
 }
 
 std::string AsJson(const std::string& name, const Report& report) {

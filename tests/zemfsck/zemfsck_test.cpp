@@ -318,7 +318,15 @@ TEST_F(FsckProgram, DamageIs1) {
     EXPECT_EQ(Run(good + " " + Put("bad") + " " + good), 1);
     EXPECT_TRUE(Says("  DAMAGE frame, position 5, offset 36864: 700 bytes: wrong checksum\n"))
         << m_output;
-    EXPECT_TRUE(Says("  1 damages\n"));
+    EXPECT_TRUE(Says("  1 damage\n"));
+    m_device.content[kLogOffset + 6 * SlotSize(kFrame) + 123] ^= 4;
+    EXPECT_EQ(Run(Put("worse")), 1);
+    EXPECT_TRUE(Says("  2 damages\n")) << m_output;
+}
+
+TEST_F(FsckProgram, AnOptionThatDoesNotExistIs2) {
+    EXPECT_EQ(Run("--repair " + Put("good")), 2);
+    EXPECT_EQ(m_output, "zemfsck: there is no option '--repair'; see zemfsck --help\n");
 }
 
 TEST_F(FsckProgram, WhatCannotBeCheckedIs2) {
