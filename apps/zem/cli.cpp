@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::array<ExitMeaning, 7> kExitMeanings = {{
     {kExitOk, "done"},
-    {kExitFailed, "the server refused, or what was asked for did not happen"},
+    {kExitFailed, "the server refused, what was asked for is not there, or it did not happen"},
     {kExitUsage, "wrong usage"},
     {kExitUnreachable, "the server cannot be reached, or the connection broke"},
     {kExitBadReply, "the answer is not one of a media server"},

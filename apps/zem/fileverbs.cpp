@@ -262,9 +262,13 @@ int Erase(const CommandLine& line, const FileOptions& options) {
     ref.openFlags = kFileRead | kFileWrite;
     COpenFile file(*session, session->Open(ref));
     const ZemEsDesc info = session->FileInfo(file.Token());
-    if (options.count > info.frameCount || options.from > info.frameCount - options.count) {
-        throw CZemError(ErrorKind::kUsage, Printable(options.name) + " has " +
-                                               std::to_string(info.frameCount) + " frames only");
+    RequireFirst(options.name, options.from, info.frameCount);
+    const uint32_t left = info.frameCount - options.from;
+    if (options.count > left) {
+        throw CZemError(ErrorKind::kRefused, Printable(options.name) + ": from " +
+                                                 std::to_string(options.from) + " on it has " +
+                                                 Counted(left, "frame") + ", not " +
+                                                 std::to_string(options.count));
     }
     session->EraseSegment(file.Token(), options.from, options.from + options.count, info.mediaType);
     session->Flush(file.Token());

@@ -8,6 +8,7 @@ extern "C" {
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <numeric>
 
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
@@ -62,15 +63,46 @@ uint32_t ForEachFrame(CZemClient& client, uint64_t token, const FrameOptions& op
     return seen;
 }
 
+// How many of `all` frames are asked for.
+uint32_t Wanted(const FrameOptions& options, uint32_t all) {
+    RequireFirst(options.name, options.from, all);
+    return std::min(options.count, all - options.from);
+}
+
 // How many frames ForEachFrame will see, for the progress line: the file may grow meanwhile.
 uint32_t Expected(CZemClient& client, uint64_t token, const FrameOptions& options) {
-    const uint32_t all = client.FileInfo(token).frameCount;
-    return std::min(options.count, all > options.from ? all - options.from : 0);
+    return Wanted(options, client.FileInfo(token).frameCount);
+}
+
+// How many positions a file has when they are counted in a rate of the protocol: those that lie
+// before its end.
+uint32_t PositionsAt(const ZemEsDesc& info, int32_t rate) {
+    static constexpr std::array<std::array<uint64_t, 2>, 9> kRates = {{{0, 0},
+                                                                       {24000, 1001},
+                                                                       {24, 1},
+                                                                       {25, 1},
+                                                                       {30000, 1001},
+                                                                       {30, 1},
+                                                                       {50, 1},
+                                                                       {60000, 1001},
+                                                                       {60, 1}}};
+    const auto [numerator, denominator] = kRates.at(static_cast<size_t>(rate));
+    uint64_t above = info.rateDenominator * numerator;
+    uint64_t below = info.rateNumerator * denominator;
+    if (above == 0 || below == 0) return info.frameCount;  // the file's own, or it has none
+    const uint64_t common = std::gcd(above, below);
+    above /= common;
+    below /= common;
+    if (above > 0xFFFFFFFFu) return info.frameCount;  // no rate that anything has
+    const uint64_t parts = info.frameCount * above;
+    return static_cast<uint32_t>(
+        std::min<uint64_t>(parts / below + (parts % below != 0 ? 1 : 0), 0xFFFFFFFFu));
 }
 
 int FrameMd5(const CommandLine& line, const FrameOptions& options) {
     CSession session(line);
     COpenFile file(*session, session->Open(FileNamed(options.name, options.aux)));
+    const uint32_t expected = Expected(*session, file.Token(), options);
     CJson json;
     if (line.json) {
         json.Open('{').Text("name", options.name).Open('[', "frames");
@@ -82,7 +114,6 @@ int FrameMd5(const CommandLine& line, const FrameOptions& options) {
             "#stream#, dts,        pts, duration,     size, hash");
     }
     CProgress progress("framemd5 " + Printable(options.name), !line.quiet && !StdoutIsTerminal());
-    const uint32_t expected = Expected(*session, file.Token(), options);
     uint64_t bytes = 0;
     const uint32_t seen = ForEachFrame(
         *session, file.Token(), options, [&](uint32_t position, const StreamFrame& frame) {
@@ -129,10 +160,6 @@ int Read(const CommandLine& line, const FrameOptions& options) {
                                            progress.Show(done, expected, done, total_bytes);
                                        });
     file.Close();
-    if (seen == 0) {
-        throw CZemError(ErrorKind::kRefused, Printable(options.name) + ": no frame at position " +
-                                                 std::to_string(options.from));
-    }
     output.Finish();
     if (gaps > 0)
         std::fprintf(stderr, "zem: left out: %s\n", Counted(gaps, "missing frame").c_str());
@@ -167,8 +194,7 @@ int Frames(const CommandLine& line, const FrameOptions& options) {
     COpenFile file(*session, options.byName ? 0 : session->Open(ref));
     const ZemEsDesc info =
         options.byName ? session->FileInfo(ref) : session->FileInfo(file.Token());
-    const uint32_t total = info.frameCount > options.from ? info.frameCount - options.from : 0;
-    const uint32_t count = options.count < total ? options.count : total;
+    const uint32_t count = Wanted(options, PositionsAt(info, options.rate));
     CJson json;
     if (line.json) {
         json.Open('{').Text("name", options.name).Unsigned("frame_count", info.frameCount);
@@ -176,7 +202,8 @@ int Frames(const CommandLine& line, const FrameOptions& options) {
     } else {
         PrintLine("     frame       size  flags  timecode");
     }
-    for (uint32_t done = 0; done < count && !StopRequested();) {
+    for (uint32_t done = 0; done < count;) {
+        if (StopRequested()) throw CZemError(ErrorKind::kInterrupted, "stopped");
         const uint32_t from = options.from + done;
         const uint32_t some = count - done < kChunk ? count - done : kChunk;
         const std::vector<FrameDescEntry> descs =

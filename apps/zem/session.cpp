@@ -10,6 +10,7 @@
 
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
+#include "apps/zem/output.h"
 #include "apps/zem/terminal.h"
 
 namespace zem {
@@ -86,6 +87,14 @@ const StreamFrame& ReadOneFrame(CZemClient& client, uint64_t token, uint32_t pos
 
 bool IsGap(int32_t status) {
     return status == kErrorFrameHole || status == kErrorFrameErased;
+}
+
+void RequireFirst(const std::string& name, uint32_t from, uint32_t count) {
+    if (from == 0 || from < count) return;
+    const std::string has =
+        count == 0 ? "none" : Counted(count, "frame") + ", 0 to " + std::to_string(count - 1);
+    throw CZemError(ErrorKind::kRefused, Printable(name) + ": there is no frame " +
+                                             std::to_string(from) + ", it has " + has);
 }
 
 void RequireRead(const std::string& name, uint32_t position, int32_t status) {

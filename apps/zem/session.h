@@ -79,6 +79,10 @@ bool IsGap(int32_t status);
 // Throws CZemError(kRefused) when the frame at `position` of the file could not be read.
 void RequireRead(const std::string& name, uint32_t position, int32_t status);
 
+// Throws CZemError(kRefused) when a file of `count` frames has none at `from`. All of a file
+// without frames is nothing, and no fault: `from` 0 always passes.
+void RequireFirst(const std::string& name, uint32_t from, uint32_t count);
+
 // So much may a program leave unconfirmed by a flush: a third of the smaller of the two frame
 // memories that servers have. A server whose disk falls behind drops frames without telling;
 // waiting for its disk now and then keeps it from that.
