@@ -15,6 +15,7 @@
 #include "apps/zem/output.h"
 #include "apps/zem/session.h"
 #include "apps/zem/terminal.h"
+#include "apps/zem/usage.h"
 #include "apps/zem/verbs.h"
 
 namespace zem {
@@ -313,28 +314,28 @@ void AddBenchVerb(CLI::App& app, CommandLine& line) {
     verb->add_option("--mode", options->mode,
                      "What to do: write, read, or both one after the other")
         ->type_name("MODE")
-        ->check(CLI::IsMember({"read", "write", "both"}))
+        ->check(OneOf({"read", "write", "both"}))
         ->capture_default_str();
     verb->add_option("--connections", plan.connections, "Clients at the same time")
         ->type_name("N")
-        ->check(CLI::Range(1, 256))
+        ->transform(WholeNumber(1, 256))
         ->capture_default_str();
     verb->add_option("--seconds", plan.seconds, "How long each mode goes on")
         ->type_name("SECONDS")
-        ->check(CLI::Range(0.1, 86400.0))
+        ->check(Number(0.1, 86400))
         ->capture_default_str();
     verb->add_option("--frame-size", options->frameSize, "Bytes of a frame; k, M and G count 1024")
         ->type_name("BYTES")
         ->capture_default_str();
     verb->add_option("--frames", plan.frames, "Frames in the file of a connection")
         ->type_name("N")
-        ->check(CLI::Range(1, 1000000))
+        ->transform(WholeNumber(1, 1000000))
         ->capture_default_str();
     verb->add_option("--rate", plan.rate_per_s,
                      "Frames a second of a connection, as in playout (default: as fast as they are "
                      "answered). Latency then counts from when a frame was due")
         ->type_name("FPS")
-        ->check(CLI::Range(0.1, 100000.0));
+        ->check(Number(0.1, 100000));
     verb->add_flag("--random", plan.random, "Frames by chance instead of one after another");
     verb->add_option("--folder", plan.folder, "Where the files are made")
         ->type_name("FOLDER")

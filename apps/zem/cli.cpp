@@ -2,8 +2,10 @@
 // Main thread only.
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
+#include <string_view>
 
 #include "apps/generated/version.h"
 #include "apps/zem/client/text.h"
@@ -11,6 +13,7 @@
 #include "apps/zem/manual.h"
 #include "apps/zem/output.h"
 #include "apps/zem/terminal.h"
+#include "apps/zem/usage.h"
 #include "apps/zem/verbs.h"
 
 namespace zem {
@@ -106,16 +109,17 @@ void AddGlobalOptions(CLI::App& app, CommandLine& line) {
         ->type_name("ID");
     app.add_option("--channel", line.channel, "Channel to join; 255 joins none")
         ->type_name("N")
+        ->transform(WholeNumber(0))
         ->capture_default_str();
     app.add_option("--timeout", line.timeout_s,
                    "Seconds without a byte after which a transfer is given up")
         ->type_name("SECONDS")
-        ->check(CLI::Range(1, 86400))
+        ->transform(WholeNumber(1, 86400))
         ->capture_default_str();
     app.add_option("--keep-alive", line.keepAlive_s,
                    "Seconds between signs of life while a verb waits, for a pipe for example")
         ->type_name("SECONDS")
-        ->check(CLI::Range(1, 40))
+        ->transform(WholeNumber(1, 40))
         ->capture_default_str();
     app.add_flag("--stay", line.stay,
                  "Do not leave at the end: the client stays joined until zem leave, or until it "
@@ -125,7 +129,7 @@ void AddGlobalOptions(CLI::App& app, CommandLine& line) {
     app.add_option("--color", line.colour,
                    "auto: colours on a terminal, unless NO_COLOR is set; always; never")
         ->type_name("WHEN")
-        ->check(CLI::IsMember({"auto", "always", "never"}))
+        ->check(OneOf({"auto", "always", "never"}))
         ->capture_default_str();
     app.set_version_flag("--version", std::string("zem ") + kZemVersion);
 }
@@ -154,14 +158,6 @@ void SayError(const char* text) {
     std::fprintf(stderr, "%s %s\n", Painted(Stream::kErr, Colour::kRed, "zem:").c_str(), text);
 }
 
-int ReportUsage(const CLI::App& app, const CLI::ParseError& error) {
-    // Help and version are no errors: they go to stdout.
-    if (error.get_exit_code() == 0) return app.exit(error) == 0 ? kExitOk : kExitUsage;
-    SayError(Printable(error.what()).c_str());
-    std::fprintf(stderr, "Try zem --help, or zem VERB --help.\n");
-    return kExitUsage;
-}
-
 // The failure on stderr, and for a program that reads JSON on stdout, too.
 int ReportFailure(const CommandLine& line, int code, const char* text, int32_t hr) {
     std::fflush(stdout);
@@ -178,6 +174,12 @@ int ReportFailure(const CommandLine& line, int code, const char* text, int32_t h
     return code;
 }
 
+// The parser may have ended before it came to the option.
+bool AsksForJson(std::span<const char* const> arguments) {
+    return std::any_of(arguments.begin(), arguments.end(),
+                       [](std::string_view one) { return one == "--json"; });
+}
+
 ColourMode ColourModeOf(const std::string& word) {
     if (word == "always") return ColourMode::kAlways;
     return word == "never" ? ColourMode::kNever : ColourMode::kAuto;
@@ -192,11 +194,13 @@ int RunZem(int argc, const char* const* argv) {
     try {
         app.parse(argc, argv);
         SetColourMode(ColourModeOf(line.colour));
-        // Asked for here, not of the parser: an unknown word is then named instead of "a verb is
-        // missing".
+        // Asked for here, not of the parser: an unknown word is then what is told of.
         if (!line.verb) throw CLI::RequiredError("a verb");
     } catch (const CLI::ParseError& error) {
-        return ReportUsage(app, error);
+        // Help and version are no errors: they go to stdout.
+        if (error.get_exit_code() == 0) return app.exit(error);
+        line.json = AsksForJson({argv, static_cast<size_t>(argc)});
+        return ReportFailure(line, kExitUsage, Printable(UsageText(app, error)).c_str(), 0);
     }
     try {
         CatchStopSignals();
@@ -205,7 +209,9 @@ int RunZem(int argc, const char* const* argv) {
             throw CZemError(ErrorKind::kLocalFile, "stdout cannot be written");
         return code;
     } catch (const CZemError& error) {
-        return ReportFailure(line, ExitCodeOf(error.Kind()), error.what(), error.Hr());
+        const bool away = error.Kind() == ErrorKind::kUnreachable;
+        const std::string text = std::string(error.what()) + (away ? "; zem doctor tells why" : "");
+        return ReportFailure(line, ExitCodeOf(error.Kind()), text.c_str(), error.Hr());
     } catch (const std::exception& error) {
         return ReportFailure(line, kExitFailed, error.what(), 0);
     }

@@ -10,6 +10,7 @@
 #include "apps/zem/demux.h"
 #include "apps/zem/output.h"
 #include "apps/zem/session.h"
+#include "apps/zem/usage.h"
 #include "apps/zem/verbs.h"
 #include "mediaio/foreign/avdesc.h"
 
@@ -352,17 +353,21 @@ void AddChangeVerbs(const VerbGroup& verbs) {
         ->required();
     verb->add_option("--flags", stripe->flags, "Stripe flags of the server's media library")
         ->type_name("N")
+        ->transform(WholeNumber(0))
         ->capture_default_str();
 
     auto erase = std::make_shared<FileOptions>();
     verb =
         Add(verbs, "erase", "Erase frames of a media file; the space is given back", erase, &Erase);
     AddName(verb, erase, true);
-    verb->add_option("--from", erase->from, "First frame to erase")->type_name("N")->required();
+    verb->add_option("--from", erase->from, "First frame to erase")
+        ->type_name("N")
+        ->required()
+        ->transform(WholeNumber(0));
     verb->add_option("--count", erase->count, "How many frames")
         ->type_name("N")
         ->required()
-        ->check(CLI::Range(1u, 0x7FFFFFFFu));
+        ->transform(WholeNumber(1, 0x7FFFFFFF));
 
     auto flush = std::make_shared<FileOptions>();
     verb = Add(verbs, "flush", "Return when all that was written to a file is on the device", flush,

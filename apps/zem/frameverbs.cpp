@@ -16,6 +16,7 @@ extern "C" {
 #include "apps/zem/output.h"
 #include "apps/zem/session.h"
 #include "apps/zem/terminal.h"
+#include "apps/zem/usage.h"
 #include "apps/zem/verbs.h"
 
 namespace zem {
@@ -243,9 +244,13 @@ CLI::App* Add(const VerbGroup& group, const char* name, const char* help, const 
     verb->add_option("NAME", options->name, "File on the server")->required();
     verb->add_option("--stream", options->aux, "Stream of a file with several: v0, a1, tc")
         ->type_name("STREAM");
-    verb->add_option("--from", options->from, "First frame")->type_name("N")->capture_default_str();
+    verb->add_option("--from", options->from, "First frame")
+        ->type_name("N")
+        ->transform(WholeNumber(0))
+        ->capture_default_str();
     verb->add_option("--count", options->count, "How many frames (default: to the end)")
-        ->type_name("N");
+        ->type_name("N")
+        ->transform(WholeNumber(1));
     return verb;
 }
 
@@ -276,7 +281,7 @@ void AddFrameVerbs(CLI::App& app, CommandLine& line) {
                      "Count positions in this rate: 0 the file's own, 1 23.976, 2 24, 3 25, "
                      "4 29.97, 5 30, 6 50, 7 59.94, 8 60")
         ->type_name("N")
-        ->check(CLI::Range(0, 8))
+        ->transform(WholeNumber(0, 8))
         ->excludes(by_name)
         ->capture_default_str();
 }

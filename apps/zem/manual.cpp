@@ -13,7 +13,7 @@
 namespace zem {
 namespace {
 
-// What stands in a type's name behind the colon: "{quick,all}", "INT in [1 - 40]".
+// What stands in a type's name behind the colon: "{quick,all}", "1 to 40".
 void TakeBounds(const std::string& bounds, ArgumentRow& row) {
     const size_t brace = bounds.find('{');
     if (brace != std::string::npos) {
@@ -26,13 +26,7 @@ void TakeBounds(const std::string& bounds, ArgumentRow& row) {
         }
         return;
     }
-    const size_t open = bounds.find('[');
-    const size_t dash = bounds.find(" - ", open);
-    const size_t close = bounds.find(']', open);
-    if (open == std::string::npos || dash == std::string::npos || close == std::string::npos)
-        return;
-    row.help += "; " + bounds.substr(open + 1, dash - open - 1) + " to " +
-                bounds.substr(dash + 3, close - dash - 3);
+    row.help += "; " + bounds;
 }
 
 }  // namespace
@@ -174,10 +168,11 @@ void AddRoffArguments(const VerbRow& verb, std::string& page) {
     }
 }
 
-constexpr const char* kManualDate = "2026-11-21";  // of its last change in kind
+constexpr const char* kManualDate = "2026-11-22";  // of its last change in kind
 constexpr const char* kIntroduction =
     "zem speaks to a media server: it brings clips in and out, reads single frames, keeps files in "
-    "order, and watches and measures the server. Options may stand before or behind the verb.";
+    "order, and watches and measures the server. The options of every verb may stand before or "
+    "behind it.";
 constexpr const char* kNames =
     "NAME is a file below the server's volume root, with slashes: media/clip.v0. FILE and CLIP are "
     "files of this machine.";

@@ -3,6 +3,7 @@
 
 #include "apps/zem/manual.h"
 #include "apps/zem/output.h"
+#include "apps/zem/usage.h"
 #include "apps/zem/verbs.h"
 
 namespace zem {
@@ -34,7 +35,7 @@ void AddForms(const VerbGroup& group, const char* name, const char* help, const 
         }
         return static_cast<int>(kExitOk);
     });
-    verb->add_option(what, *chosen, whatHelp)->required()->check(CLI::IsMember(names));
+    verb->add_option(what, *chosen, whatHelp)->required()->check(OneOf(names));
 }
 
 }  // namespace

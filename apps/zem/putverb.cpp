@@ -7,6 +7,7 @@
 #include "apps/zem/output.h"
 #include "apps/zem/put.h"
 #include "apps/zem/terminal.h"
+#include "apps/zem/usage.h"
 #include "apps/zem/verbs.h"
 
 namespace zem {
@@ -69,7 +70,7 @@ void AddPutVerbs(CLI::App& app, CommandLine& line) {
                          "quick: compare the size of every frame and the contents of the last; "
                          "all: read every frame back")
             ->type_name("HOW")
-            ->check(CLI::IsMember({"quick", "all"}))
+            ->check(OneOf({"quick", "all"}))
             ->capture_default_str();
     }
 }

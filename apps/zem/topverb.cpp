@@ -16,6 +16,7 @@
 #include "apps/zem/output.h"
 #include "apps/zem/terminal.h"
 #include "apps/zem/topview.h"
+#include "apps/zem/usage.h"
 #include "apps/zem/verbs.h"
 
 namespace zem {
@@ -166,10 +167,11 @@ void AddTopVerb(CLI::App& app, CommandLine& line) {
         [options, &line] { return CTop(line, *options).Run(); });
     verb->add_option("--interval", options->interval_s, "Seconds between samples")
         ->type_name("SECONDS")
-        ->check(CLI::Range(0.1, 3600.0))
+        ->check(Number(0.1, 3600))
         ->capture_default_str();
     verb->add_option("--count", options->count, "End after so many samples (default: none)")
-        ->type_name("N");
+        ->type_name("N")
+        ->transform(WholeNumber(1));
 }
 
 }  // namespace zem

@@ -66,6 +66,22 @@ class Manual(unittest.TestCase):
         self.assertEqual(there[1], zem('manual', 'markdown'),
                          'docs/zem.md: put what `zem manual markdown` prints between the marks')
 
+    def test_every_number_is_checked_in_words_of_our_own(self):
+        found = 0
+        verb = ['status']  # for the options of every verb
+        for line in zem('manual', 'markdown').splitlines():
+            named = re.match(r'\*\*`zem ([a-z0-9 ]+)', line)
+            if named:
+                verb = named[1].split()
+            option = re.match(r'- (?:`-\w`, )?`(--[a-z-]+)` `(N|SECONDS|FPS)`:', line)
+            if option:
+                found += 1
+                done = subprocess.run([zemcase.PROGRAMS.zem, *verb, option[1], 'x'], capture_output=True, text=True)
+                self.assertRegex(done.stderr, r"^zem: %s: 'x' is no number from [0-9.]+ to [0-9]+; see zem %s --help\n$"
+                                 % (option[1], ' '.join(verb)))
+                self.assertEqual(done.returncode, 2)
+        self.assertGreaterEqual(found, 18)
+
 
 class Completion(unittest.TestCase):
     def setUp(self):
