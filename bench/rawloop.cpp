@@ -4,7 +4,7 @@
 //   map       every request gets HEAD and FRAME in one `sendmsg`, the frame from its mapping
 //   sendfile  the same with `sendfile` for the frame
 //   write     every request's body is received in place and HEAD answered; then comes CRC-32C, then
-//             `pwrite` to the next of 256 places of FRAME (a server that answers before it writes)
+//             `pwrite` behind the one before in FRAME (a server that answers before it writes)
 //
 // And the least that a reader can do, nothing is sent:
 //
@@ -39,7 +39,6 @@
 namespace {
 
 constexpr size_t kRoom = size_t{16} << 20;  // of one request
-constexpr unsigned kPlaces = 256;
 constexpr size_t kPiece = size_t{1} << 20;  // of what is read
 
 struct Setup {
@@ -127,12 +126,12 @@ bool Connection::Answer(const Setup& setup) {
 }
 
 void Connection::Store(const Setup& setup) const {
-    static std::atomic<unsigned> next{0};
+    static std::atomic<off_t> next{0};
     static std::atomic<uint32_t> seen{0};
     const char* body = buffer.get() + headBytes;
     const size_t size = wanted - headBytes;
     seen.fetch_xor(zemstore::Crc32c(0, body, size));
-    const auto place = static_cast<off_t>((next++ % kPlaces) * ((size + 4095) / 4096 * 4096));
+    const off_t place = next.fetch_add(static_cast<off_t>((size + 4095) / 4096 * 4096));
     if (pwrite(setup.file, body, size, place) != static_cast<ssize_t>(size)) Fail("pwrite");
 }
 

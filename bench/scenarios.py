@@ -2,12 +2,15 @@
 
 import dataclasses
 import os
+import struct
+import time
 from collections.abc import Callable
 from pathlib import Path
 
 import peers
 import wire
 from clients import Request, Sample, load, wrk
+from peers import BenchError
 
 KIB, MIB, GIB = 1 << 10, 1 << 20, 1 << 30
 
@@ -116,16 +119,43 @@ class Bench:
             os.link(self.nginx.html / path[1:], link)
         return Request(path='/media' + path, least=size)
 
-    def write(self, size):
-        """WRITE_FRAME to 64 positions of one file, round and round."""
-        zemhost = self.joined()
-        token = zemhost.create('written')
-        body = wire.write_body([(token, 0, [size])])
-        entity = peers.ZemHost.entity(wire.WRITE, body, self.data(size))
-        return Request(method='POST', body=self.file('write', entity), step_at=peers.ZemHost.POSITION_AT, steps=64)
+    # Recording --------------------------------------------------------------------------------------------------------
 
-    def put(self, size):
-        return Request(path='/put/frame', method='PUT', body=self.file('put', self.data(size)))
+    RECORDED = 2048
+
+    def recording(self, token):
+        """WRITE_FRAME of 1 MiB to one new position after another."""
+        body = wire.write_body([(token, 0, [MIB])])
+        entity = peers.ZemHost.entity(wire.WRITE, body, self.data(MIB))
+        return Request(method='POST', body=self.file('write', entity), step_at=peers.ZemHost.POSITION_AT, steps=self.RECORDED)
+
+    def record(self, _):
+        """A new file, until a flush says that all of it is written: a reply says only that a frame has arrived. Frames that
+        are missing then would make the server look faster than it is."""
+        zemhost = self.joined()
+        token = zemhost.create('recorded')
+        request = self.recording(token)
+        cpu_s = peers.cpu_seconds(zemhost.pids())
+        sample = load(zemhost, request, 4, 60, requests=self.RECORDED)
+        flushed_s = -time.monotonic()
+        zemhost.client.flush(token)
+        flushed_s += time.monotonic()
+        cpu_s = peers.cpu_seconds(zemhost.pids()) - cpu_s
+        if missing := self.RECORDED - zemhost.frames_of(token, self.RECORDED, MIB):
+            raise BenchError(f'{missing} of {self.RECORDED} frames were dropped')
+        zemhost.client.post(wire.CLOSE, struct.pack('<Q', token))
+        (zemhost.volume / 'recorded').unlink()
+        return Sample(self.RECORDED / (self.RECORDED / sample.rate + flushed_s), cpu_s * 1e6 / self.RECORDED, sample.p99_us)
+
+    def record_raw(self, _):
+        raw = self.raw('write', MIB)
+        os.truncate(raw.folder / 'frame', 0)
+        return load(raw, self.recording(0), 4, 60, requests=self.RECORDED)
+
+    def put(self, _):
+        """PUT of the same bytes, each time a new file in the place of the one before."""
+        request = Request(path='/put/frame', method='PUT', body=self.file('put', self.data(MIB)))
+        return load(self.nginx, request, 4, 60, requests=self.RECORDED)
 
     # Reading from the device ------------------------------------------------------------------------------------------
 
@@ -190,12 +220,8 @@ def table(bench, memory):
         *(read_raw(size, mode) for size in (64 * KIB, 256 * KIB, MIB, 8 * MIB) for mode in ('sendfile', 'map')),
         *(Scenario(f'cold-{way}', 'READ_FRAME 1 MiB in order, not in the page cache', f'rawloop read {way}', 0.9,
                    bench.cold_read, lambda s, way=way: raw_read(bench, way)) for way in ('cached', 'direct')),
-        Scenario('write-nginx', 'WRITE_FRAME 1 MiB, 4 connections', 'nginx PUT', 3.0,
-                 lambda s: load(memory.zemhost, memory.write(MIB), 4, s),
-                 lambda s: load(memory.nginx, memory.put(MIB), 4, s)),
-        Scenario('write-raw', 'WRITE_FRAME 1 MiB, 4 connections', 'rawloop write', 0.85,
-                 lambda s: load(memory.zemhost, memory.write(MIB), 4, s),
-                 lambda s: load(memory.raw('write', MIB), memory.write(MIB), 4, s)),
+        Scenario('write-nginx', 'WRITE_FRAME 1 MiB, 4 connections', 'nginx PUT', 3.0, memory.record, memory.put),
+        Scenario('write-raw', 'WRITE_FRAME 1 MiB, 4 connections', 'rawloop write', 0.85, memory.record, memory.record_raw),
         fetch(8 * MIB), fetch(GIB),
         Scenario('p99', 'p99 of READ_FRAME 1 MiB at half of full load, 16 connections', 'nginx', 1.0,
                  lambda s: load(bench.zemhost, bench.read(MIB), 16, s, rate=half_load(bench)),
