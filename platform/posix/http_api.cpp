@@ -44,7 +44,7 @@ ULONG ReceiveNow(CRequestQueue& queue, const CPostedReceive& receive, PULONG rec
             if (received) *received = packet.bytes;
             return packet.error;
         }
-        if (queue.Port()->RunOnce(kSyncSliceMs, packet)) queue.Port()->Post(packet);
+        if (queue.Port()->RunOnce(kSyncSliceMs, packet)) queue.Port()->Complete(packet);
     }
 }
 
@@ -124,7 +124,7 @@ ULONG HttpReceiveHttpRequest(HANDLE ReqQueueHandle, HTTP_REQUEST_ID RequestId, U
     if (pBytesReceived) *pBytesReceived = used;
     if (!pOverlapped || error != NO_ERROR) return error;
     pOverlapped->InternalHigh = used;
-    queue->Port()->Post({used, queue->Key(), pOverlapped, NO_ERROR});
+    queue->Port()->Complete({used, queue->Key(), pOverlapped, NO_ERROR});
     return ERROR_IO_PENDING;
 }
 

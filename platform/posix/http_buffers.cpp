@@ -1,11 +1,12 @@
 // The free list of read buffers.
 #include "platform/posix/http_buffers.h"
 
-#include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <new>
 
 #include "platform/posix/http_limits.h"
+#include "platform/posix/http_tuning.h"
 
 namespace posix {
 namespace {
@@ -15,14 +16,12 @@ struct CFreeBuffer {
     CFreeBuffer* next;
 };
 
-constexpr size_t kKeptBuffers = 1024;
-
 std::mutex g_lock;  // guards the list
 CFreeBuffer* g_free = nullptr;
 size_t g_free_count = 0;
 
 char* Take() {
-    {
+    if (HttpTune()->kept_buffers > 0) {
         const std::lock_guard lock(g_lock);
         if (CFreeBuffer* buffer = g_free) {
             g_free = buffer->next;
@@ -30,12 +29,12 @@ char* Take() {
             return reinterpret_cast<char*>(buffer);
         }
     }
-    return static_cast<char*>(malloc(kReadBytes));
+    return new (std::nothrow) char[kReadBytes];
 }
 
 bool Give(char* data) {
     const std::lock_guard lock(g_lock);
-    if (g_free_count == kKeptBuffers) return false;
+    if (g_free_count >= HttpTune()->kept_buffers) return false;
     g_free = new (data) CFreeBuffer{g_free};
     ++g_free_count;
     return true;
@@ -46,7 +45,7 @@ bool Give(char* data) {
 bool CReadBuffer::Reserve(size_t bytes, size_t keep) {
     if (bytes <= m_capacity) return true;
     const size_t capacity = bytes <= kReadBytes ? kReadBytes : bytes;
-    char* data = capacity == kReadBytes ? Take() : static_cast<char*>(malloc(capacity));
+    char* data = capacity == kReadBytes ? Take() : new (std::nothrow) char[capacity];
     if (!data) return false;
     if (keep > 0) memcpy(data, m_data, keep);
     Free();
@@ -57,7 +56,7 @@ bool CReadBuffer::Reserve(size_t bytes, size_t keep) {
 
 void CReadBuffer::Free() {
     if (!m_data) return;
-    if (m_capacity != kReadBytes || !Give(m_data)) free(m_data);
+    if (m_capacity != kReadBytes || !Give(m_data)) delete[] m_data;
     m_data = nullptr;
     m_capacity = 0;
 }

@@ -9,6 +9,7 @@
 
 #include <mutex>
 #include <new>
+#include <type_traits>
 
 #include "platform/posix/http_background.h"
 #include "platform/posix/http_clock.h"
@@ -24,10 +25,7 @@ constexpr uint32_t kBlocks = (1u << kSlotBits) / kBlockSize;
 // Blocks are added and never taken away, so a slot is found without a lock.
 class CConnectionSlab {
 public:
-    static CConnectionSlab& Instance() {
-        static auto* slab = new CConnectionSlab();
-        return *slab;
-    }
+    static CConnectionSlab& Instance() { return s_slab; }
 
     CHttpConnection* At(uint32_t slot) {
         CHttpConnection* block = m_blocks[slot / kBlockSize].load(std::memory_order_acquire);
@@ -50,7 +48,13 @@ private:
     std::atomic<uint32_t> m_slots{0};
     std::atomic<uint32_t> m_count{0};
     std::atomic<CHttpConnection*> m_blocks[kBlocks]{};
+
+    static CConnectionSlab s_slab;
 };
+
+// Never destroyed: threads may still look for connections while the process ends.
+constinit CConnectionSlab CConnectionSlab::s_slab;
+static_assert(std::is_trivially_destructible_v<CConnectionSlab>);
 
 bool CConnectionSlab::Grow() {
     const uint32_t first = m_slots.load();
@@ -221,7 +225,7 @@ void CHttpConnection::Dispose() {
     m_background.reset();
     if (OVERLAPPED* overlapped = std::exchange(m_async, nullptr)) {
         const DWORD error = m_queue->Closing() ? ERROR_OPERATION_ABORTED : ERROR_NETNAME_DELETED;
-        m_queue->Port()->Post({0, m_queue->Key(), overlapped, error});
+        m_queue->Port()->Complete({0, m_queue->Key(), overlapped, error});
     }
     CConnectionSlab::Instance().Give(this);
 }
@@ -328,7 +332,7 @@ CCompletionPort::ETick CHttpConnection::Sweep(CCompletionPort* port) {
         const bool here = !port || queue->Port() == port;
         if (here && c->m_deadline.load() <= now && c->m_deadline.load() != 0)
             step = c->OnDeadline(packet);
-        if (step == EStep::Packet) queue->Port()->Post(packet);
+        if (step == EStep::Packet) queue->Port()->Complete(packet);
         if (step == EStep::Again && !c->Release()) queue->Port()->PushReady(c, EWake::Now);
     }
     if (port) CListener::Resume(port);

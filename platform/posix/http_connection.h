@@ -137,7 +137,7 @@ private:
     void FinishResponse();
     EStep NextRequest();
     void WatchOut();
-    bool GoHome();
+    void GoHome();
     EStep CloseGently(bool linger);
     EStep Refuse(int status, bool keep_connection = false);
     void SendContinue();

@@ -100,12 +100,13 @@ CHttpConnection::EStep CHttpConnection::Deliver(CRequestView& view, CPacket& pac
     } else {
         step = HandOver(view, receive, packet);
     }
-    if (step != EStep::More) return step;
+    if (step == EStep::Packet) return step;
     m_queue->Serve(receive);
-    return Refuse(431);
+    return step == EStep::More ? Refuse(431) : Die();
 }
 
-// More: the head is too large for any receive of this kind; the receive was not used.
+// More: the head is too large for any receive of this kind. Gone: there is no memory for what lies
+// behind the request, and the client must go. In both cases the receive was not used.
 CHttpConnection::EStep CHttpConnection::HandOver(CRequestView& view, const CPostedReceive& receive,
                                                  CPacket& packet) {
     const size_t needed = view.layout_bytes;
@@ -127,11 +128,10 @@ CHttpConnection::EStep CHttpConnection::HandOver(CRequestView& view, const CPost
         m_phase = EPhase::Delivered;
     }
     if (!kept) {
-        packet.error = ERROR_NOT_ENOUGH_MEMORY;
-        Dispose();
-    } else if (!Publish(view.request_id)) {
-        packet.error = ERROR_OPERATION_ABORTED;
+        memset(receive.buffer, 0, receive.size);  // the next request finds it as it was posted
+        return EStep::Gone;
     }
+    if (!Publish(view.request_id)) packet.error = ERROR_OPERATION_ABORTED;
     if (packet.overlapped) packet.overlapped->InternalHigh = packet.bytes;
     return EStep::Packet;
 }
@@ -147,8 +147,12 @@ CHttpConnection::EStep CHttpConnection::HandOverKept(const CPostedReceive& recei
 }
 
 bool CHttpConnection::DeliverWaiting(const CPostedReceive& receive, CPacket& packet) {
-    if (HandOverKept(receive, packet) == EStep::Packet) return true;
-    if (Refuse(431) == EStep::Again) m_queue->Port()->PushReady(this, EWake::Now);
+    const EStep step = HandOverKept(receive, packet);
+    if (step == EStep::Packet) return true;
+    if (step == EStep::Gone)
+        Dispose();
+    else if (Refuse(431) == EStep::Again)
+        m_queue->Port()->PushReady(this, EWake::Now);
     return false;
 }
 

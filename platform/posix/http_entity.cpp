@@ -108,7 +108,7 @@ ULONG CHttpConnection::StartAsyncBody(char* to, ULONG size, OVERLAPPED* overlapp
         const CRef<CRequestQueue> queue(m_queue);
         LeaveCall();
         if (error != NO_ERROR) return error;
-        queue->Port()->Post({got, queue->Key(), overlapped, NO_ERROR});
+        queue->Port()->Complete({got, queue->Key(), overlapped, NO_ERROR});
         return ERROR_IO_PENDING;
     }
     m_async_to = to;

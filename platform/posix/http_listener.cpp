@@ -187,22 +187,27 @@ ULONG ReservePort(uint16_t port) {
     return NO_ERROR;
 }
 
-CListener* CListener::Start(int fd, CRequestQueue* queue, CCompletionPort* port) try {
+CListener* CListener::Start(int fd, CRequestQueue* queue, CCompletionPort* port, ULONG* error) try {
     CListener* listener;
     {
         CListenerStore& store = Store();
         const std::lock_guard lock(store.lock);
         listener = &store.all.emplace_back();
     }
-    const std::lock_guard lock(listener->m_lock);
-    listener->m_fd = fd;
-    listener->m_queue = queue;
-    listener->m_port = port;
-    listener->m_paused = false;
-    port->Lanes().Add(0, fd, EPOLLIN | EPOLLONESHOT, listener);
-    return listener;
+    {
+        const std::lock_guard lock(listener->m_lock);
+        listener->m_fd = fd;
+        listener->m_queue = queue;
+        listener->m_port = port;
+        listener->m_paused = false;
+        if (port->Lanes().Add(0, fd, EPOLLIN | EPOLLONESHOT, listener)) return listener;
+        *error = ErrorOfWatch(errno);
+    }
+    listener->Stop();
+    return nullptr;
 } catch (const std::bad_alloc&) {
     close(fd);
+    *error = ERROR_NOT_ENOUGH_MEMORY;
     return nullptr;
 }
 
@@ -215,7 +220,13 @@ void CListener::Stop() {
 }
 
 void CListener::Arm() {
-    m_port->Lanes().Modify(0, m_fd, EPOLLIN | EPOLLONESHOT, this);
+    if (!m_port->Lanes().Modify(0, m_fd, EPOLLIN | EPOLLONESHOT, this)) Pause();
+}
+
+// The clients wait in the backlog until the next tick.
+void CListener::Pause() {
+    m_paused = true;
+    m_port->EnsureTick(CCompletionPort::ETick::Quick);
 }
 
 bool CListener::Run(CPacket&) {
@@ -230,9 +241,7 @@ bool CListener::Run(CPacket&) {
             continue;
         }
         if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-            // The clients wait in the backlog until the next tick.
-            m_paused = true;
-            m_port->EnsureTick(CCompletionPort::ETick::Quick);
+            Pause();
             return false;
         }
         if (errno == EAGAIN) break;
@@ -256,6 +265,7 @@ ULONG CListenPort::Start(uint16_t port, CRequestQueue* queue, CCompletionPort* c
     m_asked = m_bound = port;
     const std::vector<CSocketAddress> addresses = ListenAddresses();
     if (addresses.empty()) return ERROR_INVALID_PARAMETER;
+    m_listeners.reserve(addresses.size());
     for (const CSocketAddress& address : addresses) {
         const ULONG error = Bind(address, queue, completion_port);
         if (error == NO_ERROR) continue;
@@ -277,10 +287,10 @@ ULONG CListenPort::Bind(const CSocketAddress& where, CRequestQueue* queue, CComp
         return error;
     }
     m_bound = address.Port();
-    CListener* listener = CListener::Start(fd, queue, port);
-    if (!listener) return ERROR_NOT_ENOUGH_MEMORY;
-    m_listeners.push_back(listener);
-    return NO_ERROR;
+    ULONG error = NO_ERROR;
+    if (CListener* listener = CListener::Start(fd, queue, port, &error))
+        m_listeners.push_back(listener);  // there is room
+    return error;
 }
 
 void CListenPort::Stop() {

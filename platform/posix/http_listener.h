@@ -18,14 +18,16 @@ public:
     bool Claim(uint32_t) override { return true; }
     bool Run(CPacket& packet) override;
 
-    // A free listener for the socket, which it takes over; null when it cannot be watched.
-    static CListener* Start(int fd, CRequestQueue* queue, CCompletionPort* port);
+    // A free listener for the socket, which it takes over; null, with the Win32 error number, when
+    // it cannot be watched.
+    static CListener* Start(int fd, CRequestQueue* queue, CCompletionPort* port, ULONG* error);
     void Stop();
-    // Accepts again after the process had run out of descriptors.
+    // Accepts again after the process had run out of descriptors or memory.
     static void Resume(CCompletionPort* port);
 
 private:
     void Arm();
+    void Pause();
 
     std::mutex m_lock;  // guards everything
     int m_fd = -1;

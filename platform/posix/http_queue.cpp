@@ -184,14 +184,14 @@ void CRequestQueue::Serve(const CPostedReceive& receive) {
         if (!connection) return;
         CPacket packet;
         if (!connection->DeliverWaiting(receive, packet)) continue;
-        m_port->Post(packet);
+        m_port->Complete(packet);
         return;
     }
 }
 
 void CRequestQueue::Abort(const CPostedReceive& receive) {
     receive.overlapped->InternalHigh = 0;
-    m_port->Post({0, m_key, receive.overlapped, ERROR_OPERATION_ABORTED});
+    m_port->Complete({0, m_key, receive.overlapped, ERROR_OPERATION_ABORTED});
 }
 
 void CRequestQueue::OnClose() {

@@ -146,7 +146,8 @@ CHttpConnection::EStep CHttpConnection::NextRequest() {
     m_head_bytes = m_body_begin = m_body_end = 0;
     m_window_open = m_slow = false;
     SetLowWater(1);
-    if (m_broken || !GoHome()) return Die();
+    if (m_broken) return Die();
+    GoHome();
     if (!m_decoder.Done()) {
         m_phase = EPhase::Draining;
         SetDeadline(HttpTune()->drain_ms);
@@ -167,17 +168,16 @@ CHttpConnection::EStep CHttpConnection::NextRequest() {
 }
 
 // Packets come to another processor when the client's thread or the network card says so: now and
-// then a connection looks whether it is still in the right lane. False: it can no longer be
-// watched.
-bool CHttpConnection::GoHome() {
+// then a connection looks whether it is still in the right lane. Where it cannot move it stays.
+void CHttpConnection::GoHome() {
     CPortLanes& lanes = m_queue->Port()->Lanes();
     const uint32_t changes = lanes.Changes();
-    if (++m_requests % kRequestsAtHome != 0 && changes == m_lane_changes) return true;
+    if (++m_requests % kRequestsAtHome != 0 && changes == m_lane_changes) return;
     m_lane_changes = changes;
     const int home = lanes.HomeOf(m_fd, m_lane);
-    if (home == m_lane) return true;
-    const int from = std::exchange(m_lane, home);
-    return lanes.Move(from, home, m_fd, m_watches_out ? kWatched | EPOLLOUT : kWatched, this);
+    if (home == m_lane) return;
+    const uint32_t watched = m_watches_out ? kWatched | EPOLLOUT : kWatched;
+    if (lanes.Move(m_lane, home, m_fd, watched, this)) m_lane = home;
 }
 
 // A socket that is closed with bytes unread resets the connection, which can destroy the response

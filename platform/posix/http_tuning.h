@@ -22,6 +22,7 @@ struct HttpTuning {
     std::atomic<uint64_t> background_bytes{64 << 20};  // copies held for background sends, in all
     std::atomic<uint32_t> view_send_bytes{32 * 1024};  // mapped chunks from here go by sendfile
     std::atomic<uint32_t> waiting_requests{1000};      // of a queue; the next is answered 503
+    std::atomic<uint32_t> kept_buffers{1024};  // free read buffers; 0: each comes from the heap
 };
 
 extern "C" {

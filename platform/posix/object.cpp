@@ -5,6 +5,7 @@
 #include <array>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <type_traits>
 
 namespace posix {
@@ -74,8 +75,9 @@ uint32_t TakeFreeSlot() {
     }
     if (table.used == kChunks * kChunkSlots) return kNoSlot;
     if (table.used % kChunkSlots == 0) {
-        table.chunks[table.used / kChunkSlots].store(new CSlot[kChunkSlots],
-                                                     std::memory_order_release);
+        auto* const chunk = new (std::nothrow) CSlot[kChunkSlots];
+        if (!chunk) return kNoSlot;
+        table.chunks[table.used / kChunkSlots].store(chunk, std::memory_order_release);
     }
     return table.used++;
 }

@@ -87,7 +87,7 @@ private:
 };
 
 // Enters the object in the table, which takes over the caller's reference (also when it fails).
-// Null with ERROR_NO_SYSTEM_RESOURCES when the table (1,048,576 handles) is full.
+// Null with ERROR_NO_SYSTEM_RESOURCES when the table (1,048,576 handles) is full or cannot grow.
 HANDLE OpenHandle(CObject* object);
 
 // Keeps the handle's object in place until UnpinHandle; null with ERROR_INVALID_HANDLE for anything

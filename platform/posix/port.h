@@ -17,14 +17,18 @@ extern "C" {
 HANDLE CreateIoCompletionPort(HANDLE FileHandle, HANDLE ExistingCompletionPort,
                               ULONG_PTR CompletionKey, DWORD NumberOfConcurrentThreads) noexcept;
 
-// Waits for a packet. FALSE with *lpOverlapped null: nothing was taken (WAIT_TIMEOUT, or
+// Waits for a packet. Needs no memory, nor does an operation that ends: its packet lies in its
+// OVERLAPPED (all of it but hEvent), which is the port's until the packet was taken here or the
+// port is closed. FALSE with *lpOverlapped null: nothing was taken (WAIT_TIMEOUT, or
 // ERROR_ABANDONED_WAIT_0 when the port was closed). FALSE with *lpOverlapped set: the operation
 // failed and GetLastError tells how.
 BOOL GetQueuedCompletionStatus(HANDLE CompletionPort, LPDWORD lpNumberOfBytesTransferred,
                                PULONG_PTR lpCompletionKey, LPOVERLAPPED* lpOverlapped,
                                DWORD dwMilliseconds) noexcept;
 
-// Queues a packet of the caller's own; the three values come out as they went in.
+// Queues a packet of the caller's own; the three values come out as they went in, lpOverlapped need
+// not name anything. 64 packets need no memory; FALSE with ERROR_NOT_ENOUGH_MEMORY when a further
+// one finds none.
 BOOL PostQueuedCompletionStatus(HANDLE CompletionPort, DWORD dwNumberOfBytesTransferred,
                                 ULONG_PTR dwCompletionKey, LPOVERLAPPED lpOverlapped) noexcept;
 }

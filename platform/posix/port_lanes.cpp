@@ -101,8 +101,7 @@ bool CPortLanes::Init(int count) {
         lane.wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
         lane.nested.Set(this, i);
         if (lane.epoll < 0 || lane.wake < 0 ||
-            !Add(i, lane.wake, EPOLLIN | EPOLLET, &m_wake_target) ||
-            (i > 0 && !Add(0, lane.epoll, EPOLLIN, &lane.nested))) {
+            !Add(i, lane.wake, EPOLLIN | EPOLLET, &m_wake_target) || (i > 0 && !WatchClosed(i))) {
             return false;
         }
     }
@@ -118,8 +117,9 @@ bool CPortLanes::Modify(int lane, int fd, uint32_t events, CPollTarget* target) 
 }
 
 bool CPortLanes::Move(int from, int to, int fd, uint32_t events, CPollTarget* target) {
+    if (!Add(to, fd, events, target)) return false;
     Control(m_lanes[from].epoll, EPOLL_CTL_DEL, fd, 0, nullptr);
-    return Add(to, fd, events, target);
+    return true;
 }
 
 int CPortLanes::HomeOf(int socket, int lane) const {
@@ -147,15 +147,20 @@ CPollTarget* CPortLanes::Wait(int lane, int timeout_ms, bool may_sleep, bool* id
             return nullptr;
         }
     }
-    const int count = timeout_ms < 0 && limit == kBatch
+    int wait_ms = timeout_ms;
+    if (lane == 0 && m_unwatched.load() != 0) {
+        LookIntoUnwatched();
+        wait_ms = Queued(0) ? 0 : timeout_ms < 0 ? kLookMs : std::min(timeout_ms, kLookMs);
+    }
+    const int count = wait_ms < 0 && limit == kBatch
                           ? WaitForOne(here, events)
-                          : epoll_wait(here.epoll, events, limit, timeout_ms);
+                          : epoll_wait(here.epoll, events, limit, wait_ms);
     if (may_sleep) here.sleepers.fetch_sub(1);
-    *idle = count == 0;
+    *idle = count == 0 && wait_ms == timeout_ms;
     if (count <= 0) return nullptr;
     CPollTarget* first = Claim(lane, events, count);
     // Whoever was woken for what anybody may do, but got something else to do, passes the wake on.
-    if (first && (HasPackets() || !m_shared.Empty())) WakeAny();
+    if (first && (HasPackets() || !m_shared.Empty() || m_unwatched.load() != 0)) WakeAny();
     return first;
 }
 
@@ -245,7 +250,9 @@ void CPortLanes::WakeAny() {
 }
 
 void CPortLanes::Open(int lane) {
+    const std::lock_guard lock(m_watch_lock);
     Control(m_lanes[0].epoll, EPOLL_CTL_DEL, m_lanes[lane].epoll, 0, nullptr);
+    m_unwatched.fetch_and(~(1u << lane));
     m_open.fetch_or(1u << lane);
     m_changes.fetch_add(1);
 }
@@ -256,8 +263,34 @@ void CPortLanes::Close(int lane) {
     m_open.fetch_and(~(1u << lane));
     m_changes.fetch_add(1);
     if (HasSleeper(lane)) Wake(lane);
-    Add(0, m_lanes[lane].epoll, EPOLLIN, &m_lanes[lane].nested);
+    {
+        const std::lock_guard lock(m_watch_lock);
+        if (!WatchClosed(lane)) m_unwatched.fetch_or(1u << lane);
+    }
+    // Who waits in lane 0 already does not know that it must look by itself.
+    if (m_unwatched.load() != 0 && HasSleeper(0)) Wake(0);
     Share(lane);
+}
+
+bool CPortLanes::WatchClosed(int lane) {
+    return Add(0, m_lanes[lane].epoll, EPOLLIN, &m_lanes[lane].nested);
+}
+
+void CPortLanes::LookIntoUnwatched() {
+    uint32_t still = 0;
+    {
+        const std::lock_guard lock(m_watch_lock);
+        for (int lane = 1; lane < m_count; ++lane) {
+            const uint32_t bit = 1u << lane;
+            if (!(m_unwatched.load() & bit)) continue;
+            if (WatchClosed(lane))
+                m_unwatched.fetch_and(~bit);
+            else
+                still |= bit;
+        }
+    }
+    for (int lane = 1; lane < m_count; ++lane)
+        if (still >> lane & 1) m_lanes[lane].nested.Claim(EPOLLIN);
 }
 
 bool CPortLanes::WorkWaits(int lane) const {

@@ -4,7 +4,8 @@
 // worker each: while such a lane is open, the connections whose packets arrive on its processor
 // live there, so that what a connection needs stays in that processor's caches and its events go to
 // a worker that runs close by. A lane that is closed is watched through lane 0, so an event is
-// never lost whoever comes and goes.
+// never lost whoever comes and goes. When the system has no memory for that, those who wait in lane
+// 0 look into the closed lane themselves, every kLookMs, until it has.
 //
 // Sleeping and waking: a worker announces itself in its lane's sleepers, looks at the queues once
 // more, and only then enters epoll_wait; whoever queues something looks at the sleepers afterwards.
@@ -65,6 +66,7 @@ private:
 class CPortLanes {
 public:
     static constexpr int kMost = 16;
+    static constexpr int kLookMs = 10;
 
     CPortLanes() = default;
     ~CPortLanes();
@@ -78,8 +80,7 @@ public:
 
     bool Add(int lane, int fd, uint32_t events, CPollTarget* target);
     bool Modify(int lane, int fd, uint32_t events, CPollTarget* target);
-    // False: the descriptor is in neither lane any more. What happened meanwhile is announced
-    // again.
+    // What happened meanwhile is announced again. False: the descriptor stays where it was.
     bool Move(int from, int to, int fd, uint32_t events, CPollTarget* target);
     // The lane where a socket's packets are best served now.
     int HomeOf(int socket, int lane) const;
@@ -162,6 +163,8 @@ private:
     };
 
     int WaitForOne(CLane& here, epoll_event* events);
+    bool WatchClosed(int lane);
+    void LookIntoUnwatched();
     CPollTarget* Claim(int lane, const epoll_event* events, int count);
     bool IsOpen(int lane) const { return lane == 0 || (m_open.load() >> lane & 1) != 0; }
     bool Queued(int lane) const { return HasPackets() || HasReady(lane); }
@@ -171,11 +174,13 @@ private:
     int m_count = 0;
     bool m_looks = false;  // before a sleep, for a client that is alone
     CWakeTarget m_wake_target;
-    std::atomic<uint32_t> m_open{0};  // a bit for each lane but 0
+    std::atomic<uint32_t> m_open{0};       // a bit for each lane but 0
+    std::atomic<uint32_t> m_unwatched{0};  // of the closed ones: those that are not in lane 0
     std::atomic<uint32_t> m_changes{0};
     std::atomic<bool> m_shut{false};
     alignas(64) std::atomic<int32_t> m_packets{0};
     CReadyList m_shared;
+    std::mutex m_watch_lock;  // guards what lane 0 watches of the others
 };
 
 }  // namespace posix

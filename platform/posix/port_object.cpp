@@ -27,16 +27,22 @@ uint64_t NowMs() {
 
 }  // namespace
 
+DWORD ErrorOfWatch(int error) {
+    return error == ENOSPC ? ERROR_NO_SYSTEM_RESOURCES : ErrorFromErrno(error);
+}
+
 CCompletionPort* CCompletionPort::Create() {
-    auto* port = new (std::nothrow) CCompletionPort();
-    if (!port) {
+    CCompletionPort* port;
+    try {
+        port = new CCompletionPort();
+    } catch (const std::bad_alloc&) {
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    } else if (!port->Init()) {
-        SetLastError(ErrorFromErrno(errno));
-        port->Release();
         return nullptr;
     }
-    return port;
+    if (port->Init()) return port;
+    SetLastError(ErrorOfWatch(errno));
+    port->Release();
+    return nullptr;
 }
 
 bool CCompletionPort::Init() {
@@ -131,24 +137,19 @@ CPollTarget* CCompletionPort::TakeReady(bool (*wanted)(const CPollTarget*, const
     return m_lanes->Take(wanted, context);
 }
 
+void CCompletionPort::Complete(const CPacket& packet) {
+    m_packets.Complete(packet);
+    m_lanes->NotePacket();
+}
+
 bool CCompletionPort::Post(const CPacket& packet) {
-    try {
-        const std::lock_guard lock(m_packet_lock);
-        m_packets.push_back(packet);
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
+    if (!m_packets.Post(packet)) return false;
     m_lanes->NotePacket();
     return true;
 }
 
 bool CCompletionPort::TakePacket(CPacket& packet) {
-    {
-        const std::lock_guard lock(m_packet_lock);
-        if (m_packets.empty()) return false;
-        packet = m_packets.front();
-        m_packets.pop_front();
-    }
+    if (!m_packets.Take(packet)) return false;
     if (m_lanes->TookPacket() > 0) m_lanes->WakeAny();
     return true;
 }

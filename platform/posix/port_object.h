@@ -4,24 +4,21 @@
 #pragma once
 
 #include <atomic>
-#include <deque>
 #include <memory>
 #include <mutex>
 
 #include "platform/posix/object.h"
 #include "platform/posix/port_lanes.h"
+#include "platform/posix/port_packets.h"
 #include "platform/posix/port_seats.h"
 
 namespace posix {
 
-struct CPacket {
-    DWORD bytes = 0;
-    ULONG_PTR key = 0;
-    OVERLAPPED* overlapped = nullptr;
-    DWORD error = NO_ERROR;  // of a failed operation
-};
-
 enum class EWake { Now, Later };
+
+// Win32 error number of a descriptor that cannot be watched (errno): ENOSPC is the user's bound of
+// watches there, no disk's.
+DWORD ErrorOfWatch(int error);
 
 class CCompletionPort final : public CObject {
 public:
@@ -32,11 +29,13 @@ public:
     static CCompletionPort* Create();
 
     EGot Get(CPacket& packet, DWORD timeout_ms);
-    // False when there is no memory for it.
+    // The end of an operation, whose OVERLAPPED the packet has: needs no memory.
+    void Complete(const CPacket& packet);
+    // A packet of the caller's own. False when there is no memory for it.
     bool Post(const CPacket& packet);
 
     // One step for a caller that waits for something else than packets: runs at most one target.
-    // True: packet is filled and must be posted.
+    // True: packet is filled, and Complete must be told.
     bool RunOnce(int timeout_ms, CPacket& packet);
 
     // Whom the port's descriptors tell of events. New ones go to lane 0.
@@ -96,8 +95,7 @@ private:
     std::atomic<int> m_tick{0};
     std::atomic<bool> m_closed{false};
 
-    alignas(64) std::mutex m_packet_lock;  // guards the packets
-    std::deque<CPacket> m_packets;
+    alignas(64) CPacketList m_packets;
 
     std::mutex m_tick_lock;  // guards changes of the timer
 };

@@ -48,6 +48,7 @@ struct CWorkerSeats::CHere {
         if (const auto left = std::move(seats)) left->Leave(this);
         seats = nullptr;
     }
+    CHere *before = nullptr, *after = nullptr;
     std::shared_ptr<CWorkerSeats> seats;
     pid_t thread = 0;
     std::atomic<int> lane{0};
@@ -71,15 +72,15 @@ int CWorkerSeats::LaneHere() const {
 
 void CWorkerSeats::Leave(CHere* here) {
     const std::lock_guard lock(m_lock);
-    m_seats.erase(std::find(m_seats.begin(), m_seats.end(), here));
+    m_seats.Remove(here);
     const int lane = here->lane.load();
     if (lane != 0) TakeLaneAway(lane);
     if (m_seated.fetch_sub(1) == 1)
         Call(ECall::Needed);
-    else if (!HasOthers(0, nullptr) && !m_seats.empty())
+    else if (!HasOthers(0, nullptr) && !m_seats.Empty())
         // Somebody must see to lane 0, and the fewer work the better: nobody new is called. (With
         // no seat taken, who was called and is on the way comes to lane 0.)
-        TakeLaneAway(m_seats.back()->lane.load());
+        TakeLaneAway(m_seats.Last()->lane.load());
 }
 
 // With the lock held: the calling thread takes a seat that was counted already.
@@ -87,14 +88,14 @@ void CWorkerSeats::Occupy(ECall why) {
     if (t_here.thread == 0) t_here.thread = static_cast<pid_t>(syscall(SYS_gettid));
     t_here.seats = shared_from_this();
     t_here.lane.store(0);
-    m_seats.push_back(&t_here);
+    m_seats.Append(&t_here);
     if (why == ECall::Busy && HasOthers(0, &t_here)) GiveLane(&t_here);
 }
 
 // With the lock held: gives a worker of lane 0 a lane of its own, the one after the last such, if
 // there is any left.
 void CWorkerSeats::GiveLane(CHere* here) {
-    if (!m_lanes_help || m_parked.empty()) return;
+    if (!m_lanes_help || m_parked.Empty()) return;
     for (int i = 1; i < m_lanes->Count(); ++i) {
         const int lane = 1 + (m_last_lane + i - 1) % (m_lanes->Count() - 1);
         if (m_watches[lane].owner) continue;
@@ -122,16 +123,16 @@ void CWorkerSeats::TakeLanesAway() {
 
 // With the lock held: seats the worker that was parked last.
 void CWorkerSeats::Call(ECall why) {
-    if (m_parked.empty() || m_closed) return;
-    CParked* parked = m_parked.back();
-    m_parked.pop_back();
+    if (m_parked.Empty() || m_closed) return;
+    CParked* parked = m_parked.Last();
+    m_parked.Remove(parked);
     m_parked_count.fetch_sub(1);
     m_seated.fetch_add(1);
     parked->seated = true;
     parked->why = why;
     parked->called.notify_one();
     // Without a watch nobody would see that the owner of a lane is away.
-    if (m_parked.empty()) TakeLanesAway();
+    if (m_parked.Empty()) TakeLanesAway();
 }
 
 void CWorkerSeats::Sit() {
@@ -161,22 +162,22 @@ void CWorkerSeats::Rest() {
 
 void CWorkerSeats::Park(std::unique_lock<std::mutex>& lock) {
     CParked me;
-    m_parked.push_back(&me);
+    m_parked.Append(&me);
     m_parked_count.fetch_add(1);
     while (!me.seated && !m_closed) {
-        if (m_parked.front() != &me || !m_watched.load())
+        if (m_parked.First() != &me || !m_watched.load())
             me.called.wait(lock);
         else if (me.called.wait_for(lock, kWatch) == std::cv_status::timeout && !me.seated)
             Watch();
     }
     if (!me.seated) {
-        m_parked.erase(std::find(m_parked.begin(), m_parked.end(), &me));
+        m_parked.Remove(&me);
         m_parked_count.fetch_sub(1);
         return;
     }
     Occupy(me.why);
     // Whoever keeps the watch now does not know yet.
-    if (!m_parked.empty()) m_parked.front()->called.notify_one();
+    if (!m_parked.Empty()) m_parked.First()->called.notify_one();
 }
 
 void CWorkerSeats::StartWatch() {
@@ -190,7 +191,7 @@ void CWorkerSeats::StartWatch() {
         watch.taken = watch.window_taken = m_lanes->Taken(lane) - 1;
         watch.stuck = watch.busy = watch.window_busy = 0;
     }
-    if (!m_parked.empty()) m_parked.front()->called.notify_one();
+    if (!m_parked.Empty()) m_parked.First()->called.notify_one();
 }
 
 void CWorkerSeats::Invite() {
@@ -219,8 +220,8 @@ void CWorkerSeats::Watch() {
     if (m_seated.load() < kProcessors) {
         m_watches[0].busy = 0;
         Call(ECall::Busy);
-    } else if (HasOthers(0, m_seats.back()) && m_seats.back()->lane.load() == 0) {
-        GiveLane(m_seats.back());
+    } else if (HasOthers(0, m_seats.Last()) && m_seats.Last()->lane.load() == 0) {
+        GiveLane(m_seats.Last());
     }
 }
 
@@ -295,25 +296,26 @@ bool CWorkerSeats::WatchLane(int lane) {
 
 // Whether somebody else than `but` is to wait in the lane.
 bool CWorkerSeats::HasOthers(int lane, const CHere* but) const {
-    return std::any_of(m_seats.begin(), m_seats.end(), [lane, but](const CHere* here) {
-        return here != but && here->lane.load() == lane;
-    });
+    for (const CHere* here = m_seats.First(); here; here = here->after)
+        if (here != but && here->lane.load() == lane) return true;
+    return false;
 }
 
 // Whether everybody who is to wait in the lane waits for something else, and so cannot take what
 // waits here.
 bool CWorkerSeats::OccupantsSleep(int lane) const {
-    return std::all_of(m_seats.begin(), m_seats.end(), [lane](const CHere* here) {
-        if (here->lane.load() != lane) return true;
+    for (const CHere* here = m_seats.First(); here; here = here->after) {
+        if (here->lane.load() != lane) continue;
         const char state = ThreadState(here->thread);
-        return state == 'S' || state == 'D';
-    });
+        if (state != 'S' && state != 'D') return false;
+    }
+    return true;
 }
 
 void CWorkerSeats::Close() {
     const std::lock_guard lock(m_lock);
     m_closed = true;
-    for (CParked* parked : m_parked)
+    for (CParked* parked = m_parked.First(); parked; parked = parked->after)
         parked->called.notify_one();
 }
 

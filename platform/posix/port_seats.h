@@ -24,11 +24,34 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
-#include <vector>
 
 #include "platform/posix/port_lanes.h"
 
 namespace posix {
+
+// Nodes that live elsewhere, in the order in which they came: coming and going needs no memory. A
+// node has `before` and `after` for it.
+template <class T>
+class CNodeList {
+public:
+    bool Empty() const { return !m_first; }
+    T* First() const { return m_first; }
+    T* Last() const { return m_last; }
+    void Append(T* node) {
+        node->before = m_last;
+        node->after = nullptr;
+        (m_last ? m_last->after : m_first) = node;
+        m_last = node;
+    }
+    void Remove(T* node) {
+        (node->before ? node->before->after : m_first) = node->after;
+        (node->after ? node->after->before : m_last) = node->before;
+    }
+
+private:
+    T* m_first = nullptr;
+    T* m_last = nullptr;
+};
 
 class CWorkerSeats : public std::enable_shared_from_this<CWorkerSeats> {
 public:
@@ -68,6 +91,7 @@ private:
     // Why another worker is called: lane 0 lacks one, or there is much to do.
     enum class ECall { Needed, Busy };
     struct CParked {
+        CParked *before = nullptr, *after = nullptr;
         std::condition_variable called;
         bool seated = false;
         ECall why = ECall::Needed;
@@ -101,9 +125,9 @@ private:
 
     const std::shared_ptr<CPortLanes> m_lanes;
 
-    std::mutex m_lock;               // guards the lists and what the watch remembers
-    std::vector<CHere*> m_seats;     // of the seated workers
-    std::vector<CParked*> m_parked;  // the first one keeps the watch, the last is called first
+    std::mutex m_lock;            // guards the lists and what the watch remembers
+    CNodeList<CHere> m_seats;     // of the seated workers
+    CNodeList<CParked> m_parked;  // the first one keeps the watch, the last is called first
     std::array<CLaneWatch, CPortLanes::kMost> m_watches;
     bool m_closed = false;
     bool m_lanes_help = true;  // none was left idle while another was busy

@@ -29,10 +29,11 @@ bool FailsInTurn(size_t bytes) {
     return t_anyFormFailed = true;
 }
 
-void* Allocate(size_t bytes) {
+void* Allocate(size_t bytes, size_t align = 0) {
     t_largest_bytes = std::max(t_largest_bytes, bytes);
     if (!CAllocationFaultPause::Active() && FailsInTurn(bytes)) return nullptr;
-    return std::malloc(bytes ? bytes : 1);
+    if (align == 0) return std::malloc(bytes ? bytes : 1);
+    return std::aligned_alloc(align, (bytes + align - 1) / align * align);
 }
 
 bool FailsNow(size_t bytes) {
@@ -102,6 +103,31 @@ void* operator new(size_t bytes, const std::nothrow_t&) noexcept {
 }
 void* operator new[](size_t bytes, const std::nothrow_t& tag) noexcept {
     return operator new(bytes, tag);
+}
+void* operator new(size_t bytes, std::align_val_t align) {
+    if (void* block = Allocate(bytes, static_cast<size_t>(align))) return block;
+    throw std::bad_alloc();
+}
+void* operator new[](size_t bytes, std::align_val_t align) {
+    return operator new(bytes, align);
+}
+void* operator new(size_t bytes, std::align_val_t align, const std::nothrow_t&) noexcept {
+    return Allocate(bytes, static_cast<size_t>(align));
+}
+void* operator new[](size_t bytes, std::align_val_t align, const std::nothrow_t& tag) noexcept {
+    return operator new(bytes, align, tag);
+}
+void operator delete(void* block, std::align_val_t) noexcept {
+    std::free(block);
+}
+void operator delete[](void* block, std::align_val_t) noexcept {
+    std::free(block);
+}
+void operator delete(void* block, size_t, std::align_val_t) noexcept {
+    std::free(block);
+}
+void operator delete[](void* block, size_t, std::align_val_t) noexcept {
+    std::free(block);
 }
 void operator delete(void* block) noexcept {
     std::free(block);

@@ -125,6 +125,11 @@ BOOL __wrap_PostQueuedCompletionStatus(HANDLE port, DWORD bytes, ULONG_PTR key,
     const CAllocationFaultPause pause;
     CFakeSystem* system = g_system;
     if (!system) return __real_PostQueuedCompletionStatus(port, bytes, key, overlapped);
+    if (system->failPosts > 0) {
+        --system->failPosts;
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return FALSE;
+    }
     system->Note("Post key " + std::to_string(key));
     system->Complete(overlapped, key);
     return TRUE;

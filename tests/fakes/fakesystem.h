@@ -5,6 +5,7 @@
 
 #include "platform/platform.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <map>
@@ -46,6 +47,8 @@ public:
     void WaitUntilIdle(int workers);
     DWORD concurrency = 0;
     ULONG_PTR portKey = 0;
+    // So many packets of the library's own find no memory from now on.
+    std::atomic<int> failPosts{0};
 
     // --- for the wraps ---
     struct Packet {

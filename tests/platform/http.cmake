@@ -22,6 +22,7 @@ zem_test(platform_http LABEL platform
         ${CMAKE_CURRENT_LIST_DIR}/http_late_test.cpp
         ${CMAKE_CURRENT_LIST_DIR}/http_listen_test.cpp
         ${CMAKE_CURRENT_LIST_DIR}/http_load_test.cpp
+        ${CMAKE_CURRENT_LIST_DIR}/http_memory_test.cpp
         ${CMAKE_CURRENT_LIST_DIR}/http_port_test.cpp
         ${CMAKE_CURRENT_LIST_DIR}/http_receive_test.cpp
         ${CMAKE_CURRENT_LIST_DIR}/http_send_test.cpp
@@ -29,4 +30,4 @@ zem_test(platform_http LABEL platform
         ${CMAKE_CURRENT_LIST_DIR}/http_stall_test.cpp
         ${CMAKE_CURRENT_LIST_DIR}/http_support.cpp
         ${CMAKE_CURRENT_LIST_DIR}/http_timeout_test.cpp
-    LIBS zem_platform)
+    LIBS zem_platform zem_alloc_fault)

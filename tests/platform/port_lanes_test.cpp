@@ -1,5 +1,6 @@
 // The lanes of a completion port: an event comes exactly to somebody, whatever lane it came in,
 // whoever opens and closes it, and wherever its descriptor moves meanwhile.
+#include <errno.h>
 #include <gtest/gtest.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -30,9 +31,18 @@ struct CVisit {
 thread_local CVisit* t_visit = nullptr;
 thread_local uint64_t t_now_ns = 0;
 
+std::atomic<bool> g_no_watch{false};  // nothing more can be watched
+
 }  // namespace
 
-// These two stand in for the C library's.
+// These stand in for the C library's.
+extern "C" int epoll_ctl(int epoll, int operation, int fd, epoll_event* event) noexcept {
+    if (operation != EPOLL_CTL_ADD || !g_no_watch.load())
+        return static_cast<int>(syscall(SYS_epoll_ctl, epoll, operation, fd, event));
+    errno = ENOSPC;
+    return -1;
+}
+
 extern "C" int epoll_wait(int epoll, epoll_event* events, int room, int timeout_ms) {
     if (!t_visit) return static_cast<int>(syscall(SYS_epoll_wait, epoll, events, room, timeout_ms));
     CVisit& visit = *t_visit;
@@ -280,6 +290,65 @@ TEST_F(PortLanes, WhatIsPushedWakesASleeperInWhateverLane) {
     m_lanes.Push(&m_counter, true);
     sleeper.join();
     EXPECT_EQ(got, &m_counter);
+}
+
+// The user's bound of watches is met, or the system has no memory.
+class PortLanesUnwatched : public PortLanes {
+protected:
+    void SetUp() override {
+        PortLanes::SetUp();
+        m_lanes.Open(1);
+        ASSERT_TRUE(m_lanes.Move(0, 1, m_counter.Fd(), kEvents, &m_counter));
+    }
+    void TearDown() override { g_no_watch = false; }
+};
+
+TEST_F(PortLanesUnwatched, WhatComesInAClosedLaneIsLookedFor) {
+    g_no_watch = true;
+    m_lanes.Close(1);
+    m_counter.Write();
+    EXPECT_EQ(Look(0), &m_counter);
+    EXPECT_EQ(m_counter.Read(), 1u);
+    EXPECT_TRUE(m_counter.Release());
+    EXPECT_EQ(Look(0), nullptr);
+
+    g_no_watch = false;  // from the next look on it is watched again
+    EXPECT_EQ(Look(0), nullptr);
+    g_no_watch = true;
+    m_counter.Write();
+    EXPECT_EQ(Look(0), &m_counter);
+}
+
+TEST_F(PortLanesUnwatched, WhoSleepsAlreadyIsToldToLook) {
+    CPollTarget* got = nullptr;
+    std::thread sleeper([&] {
+        for (bool idle; !got;)
+            if (!(got = m_lanes.Wait(0, -1, true, &idle))) got = m_lanes.Pop(0);
+    });
+    while (!m_lanes.HasSleeper(0))
+        std::this_thread::yield();
+    g_no_watch = true;
+    m_lanes.Close(1);
+    m_counter.Write();
+    sleeper.join();
+    EXPECT_EQ(got, &m_counter);
+}
+
+TEST_F(PortLanesUnwatched, ALaneThatOpensAgainHasItsEventsToItself) {
+    g_no_watch = true;
+    m_lanes.Close(1);
+    m_lanes.Open(1);
+    m_counter.Write();
+    EXPECT_EQ(Look(0), nullptr);
+    EXPECT_EQ(Look(1), &m_counter);
+}
+
+TEST_F(PortLanesUnwatched, AConnectionThatCannotMoveStays) {
+    g_no_watch = true;
+    EXPECT_FALSE(m_lanes.Move(1, 0, m_counter.Fd(), kEvents, &m_counter));
+    m_counter.Write();
+    EXPECT_EQ(Look(0), nullptr);
+    EXPECT_EQ(Look(1), &m_counter);
 }
 
 // Two of the lanes open and close all the time, their workers come to lane 0 meanwhile, and whoever

@@ -160,6 +160,15 @@ TEST_F(ReceiveLoop, ClosingWithoutWorkersReturnsAtOnce) {
     EXPECT_TRUE(system.Events().empty());
 }
 
+TEST_F(ReceiveLoop, ClosingWithoutMemoryForItsPacketsEndsEveryWorker) {
+    ASSERT_EQ(server.InitRequestThreadPool(), S_OK);
+    system.failPosts = 5;
+    EXPECT_EQ(server.CloseRequestThreadPool(), S_OK);
+    EXPECT_EQ(system.failPosts, 0);
+    EXPECT_TRUE(system.Empty()) << "a packet for each worker";
+    EXPECT_TRUE(log.Empty());
+}
+
 TEST_F(ReceiveLoop, WorkerAnswersAndGivesTheBlockBack) {
     clock.SetTick(5000);
     ASSERT_EQ(server.InitRequestThreadPool(), S_OK);
@@ -336,6 +345,39 @@ TEST_F(ReceiveLoop, WritesOfOneClientStandInLineAndHoldUpNobody) {
     EXPECT_EQ(http.SentCount(), answered + 5) << "four writes and the other client";
     EXPECT_EQ(client.Record()->requestCount, requests + 10) << "each counted twice, as ever";
     EXPECT_EQ(client.Channel()->Counters().realTimeIoMsgs, 5u);
+    EXPECT_EQ(Pool().FreeCount(), kBlocks);
+    EXPECT_EQ(server.FramePool().ActiveCount(), 0);
+    EXPECT_EQ(server.FramePool().FreeCount(), CFrameIoXactionPool::kBlocks);
+}
+
+// Who passes the turn on and finds no memory for the packet goes on with the next write itself.
+TEST_F(ReceiveLoop, WritesInLineNeedNoMemoryForTheirTurn) {
+    Join();
+    std::latch inLibrary(1), goOn(1);
+    std::vector<DWORD> written;
+    media.onWriteFrame = [&](CZemChannelIo&, ZemIoDesc& desc) -> HRESULT {
+        if (written.empty()) {
+            inLibrary.count_down();
+            goOn.wait();
+        }
+        written.push_back(desc.streamData->entries[0].position);
+        return S_OK;
+    };
+    ASSERT_EQ(server.InitRequestThreadPool(), S_OK);
+    for (DWORD position = 0; position <= 4; ++position) {
+        CHttpXaction& xaction = Take();
+        Lay(xaction, OneByteWrite(position));
+        system.Complete(xaction.Overlapped(), kKey);
+        if (position == 0) inLibrary.wait();
+        system.WaitUntilIdle(3);
+    }
+    const size_t answered = http.SentCount();
+    system.failPosts = 3;
+    goOn.count_down();
+    system.WaitUntilIdle(4);
+    EXPECT_EQ(system.failPosts, 0);
+    EXPECT_EQ(written, (std::vector<DWORD>{0, 1, 2, 3, 4}));
+    EXPECT_EQ(http.SentCount(), answered + 4);
     EXPECT_EQ(Pool().FreeCount(), kBlocks);
     EXPECT_EQ(server.FramePool().ActiveCount(), 0);
     EXPECT_EQ(server.FramePool().FreeCount(), CFrameIoXactionPool::kBlocks);

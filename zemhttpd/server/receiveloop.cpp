@@ -61,8 +61,13 @@ HRESULT CHttpCommandHandler::CloseRequestThreadPool() {
     CZemEntry scope(TEXT("CHttpCommandHandler::CloseRequestThreadPool"));
     try {
         if (m_workerCount != 0) {
-            for (int i = 0; i < m_workerCount; ++i)
-                PostQueuedCompletionStatus(m_completionPort, 0, 0, nullptr);
+            // Without memory for a packet there is a place as soon as a worker has taken another.
+            for (int i = 0; i < m_workerCount; ++i) {
+                while (!PostQueuedCompletionStatus(m_completionPort, 0, 0, nullptr) &&
+                       GetLastError() != ERROR_INVALID_HANDLE) {
+                    SleepEx(1, FALSE);
+                }
+            }
             WaitForMultipleObjects(static_cast<DWORD>(m_workerCount), m_workerThreads, TRUE,
                                    INFINITE);
             for (int i = 0; i < m_workerCount; ++i)
