@@ -6,15 +6,18 @@
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <deque>
 #include <new>
 #include <string>
+#include <utility>
 
 #include "platform/posix/filesinternal.h"
 #include "platform/posix/http_background.h"
 #include "platform/posix/http_connection.h"
+#include "platform/posix/http_queue.h"
 #include "platform/posix/registry.h"
 
 namespace posix {
@@ -232,22 +235,36 @@ void CListener::Pause() {
 bool CListener::Run(CPacket&) {
     const std::lock_guard lock(m_lock);
     if (m_fd < 0) return false;
+    bool lacked = false;
     for (int i = 0; i < kAcceptTurn; ++i) {
         CSocketAddress remote{};
         socklen_t length = sizeof remote;
         const int fd = accept4(m_fd, &remote.any, &length, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd >= 0) {
-            CHttpConnection::Open(fd, m_queue, remote);
+            if (CHttpConnection::Open(fd, m_queue, remote) || m_queue->Closing()) continue;
+            Tell("a new connection was closed", ENOMEM);
+            lacked = true;
             continue;
         }
         if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+            Tell("new connections wait", errno);
             Pause();
             return false;
         }
-        if (errno == EAGAIN) break;
+        if (errno == EAGAIN) {
+            if (!lacked) m_told = false;
+            break;
+        }
     }
     Arm();
     return false;
+}
+
+// To the system's log: once, until everybody who had come was let in.
+void CListener::Tell(const char* what, int error) {
+    if (std::exchange(m_told, true)) return;
+    errno = error;
+    syslog(LOG_WARNING, "http: %s: %m", what);
 }
 
 void CListener::Resume(CCompletionPort* port) {

@@ -28,12 +28,14 @@ public:
 private:
     void Arm();
     void Pause();
+    void Tell(const char* what, int error);
 
     std::mutex m_lock;  // guards everything
     int m_fd = -1;
     CRequestQueue* m_queue = nullptr;  // not counted: the queue stops its listeners first
     CCompletionPort* m_port = nullptr;
     bool m_paused = false;
+    bool m_told = false;  // that something is lacking
 };
 
 // Opens the port on every address of the list, for the CListenPort that comes to listen there. Any

@@ -2,6 +2,10 @@
 # unit_test.sh SOURCE_DIR ZEMHOST: systemd understands every line of the service's unit, and finds its sandbox tight.
 set -euo pipefail
 source_dir=$1 zemhost=$2
+for line in User=zemhttpd ProtectSystem=strict PrivateTmp=yes NoNewPrivileges=yes SystemCallFilter=@system-service \
+    CapabilityBoundingSet=CAP_NET_BIND_SERVICE; do
+    grep -qxF "$line" "$source_dir/packaging/zemhttpd.service" || { printf 'the unit lacks %s\n' "$line"; exit 1; }
+done
 command -v systemd-analyze >/dev/null || { printf 'not tried: there is no systemd-analyze\n'; exit 77; }
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT

@@ -1,10 +1,11 @@
-// What the system refuses: memory, watches of descriptors. It costs a client its connection at
-// most; a receive, and with it a worker, never. The test's thread is the server, so that it is the
-// server's calls that fail.
+// What the system refuses: memory, descriptors, watches of them. It costs a client its connection
+// at most; a receive, and with it a worker, never. The test's thread is the server, so that it is
+// the server's calls that fail.
 #include <dlfcn.h>
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <sys/epoll.h>
+#include <sys/resource.h>
 
 #include <atomic>
 #include <string>
@@ -12,6 +13,7 @@
 
 #include "http_support.h"
 #include "tests/fakes/allocfault.h"
+#include "tests/platform/sysloglines.h"
 
 namespace {
 
@@ -142,10 +144,10 @@ TEST(NoMemory, WorkersComeAndGoWithoutAny) {
 TEST(NoMemory, ForOneMoreHandleIsAnError) {
     constexpr size_t kTable_bytes = 65536;
     std::vector<HANDLE> handles;
-    handles.reserve(20000);
+    handles.reserve(200000);
     FailNextAllocation(kTable_bytes);
     HANDLE handle = nullptr;
-    while (handles.size() < 20000 && (handle = CreateEventW(nullptr, TRUE, FALSE, nullptr)))
+    while (handles.size() < 200000 && (handle = CreateEventW(nullptr, TRUE, FALSE, nullptr)))
         handles.push_back(handle);
     const DWORD error = GetLastError();
     EXPECT_TRUE(AllocationFailed());
@@ -162,6 +164,10 @@ TEST(NoMemory, ForWhatLiesBehindARequestCostsTheClientAlone) {
     CTuned<uint32_t> none_kept(HttpTune()->kept_buffers, 0);
     CServer server(1);
     CClient client(server.TcpPort());
+    ASSERT_TRUE(Eventually([&] {
+        server.Settle();
+        return HttpTuneConnections() == 1;
+    }));
     client.Send(Get("/zem/first", "X-Long: " + std::string(500, 'x') + "\r\n") + Get("/zem/next"));
     ASSERT_TRUE(Eventually([&] {
         const CNoMemory none;
@@ -229,9 +235,10 @@ void Answer(CServer& server, CBlock& block) {
     static const std::string s_small("small");
     ASSERT_EQ(block.error, DWORD{NO_ERROR}) << "a failed receive ends a worker";
     ULONG got = 0, error = NO_ERROR;
-    while (error == NO_ERROR)
+    while (error == NO_ERROR) {
         error = HttpReceiveRequestEntityBody(server.Queue(), block.Id(), 0, s_body, sizeof s_body,
                                              &got, nullptr);
+    }
     if (server.Reply(block.Id(), s_small) == ERROR_NOT_ENOUGH_MEMORY)
         server.Reply(block.Id(), s_small, 200, HTTP_SEND_RESPONSE_FLAG_DISCONNECT);
     server.Repost(&block);
@@ -351,6 +358,7 @@ TEST(NoWatch, AUrlWhoseSocketCannotBeWatchedIsRefused) {
 
 TEST(NoWatch, AConnectionThatCannotBeWatchedIsClosed) {
     CServer server(1);
+    TakeSyslogLines();
     CClient client(server.TcpPort());
     Refuse(EPOLL_CTL_ADD, ENOSPC);
     ASSERT_TRUE(Eventually([&] {
@@ -359,11 +367,51 @@ TEST(NoWatch, AConnectionThatCannotBeWatchedIsClosed) {
     }));
     EXPECT_EQ(client.ReadToEnd(), "");
     EXPECT_EQ(HttpTuneConnections(), 0u);
+    EXPECT_EQ(
+        TakeSyslogLines(),
+        std::vector<std::string>{"<4> http: a new connection was closed: Cannot allocate memory"});
     CClient other(server.TcpPort());
     other.Send(Get("/zem/"));
     CBlock* block = server.Take();
     ASSERT_NE(block, nullptr);
     EXPECT_EQ(server.Reply(block->Id(), "here"), NO_ERROR);
+}
+
+// They wait in the backlog, and the system's log says it once.
+TEST(NoDescriptor, ClientsWaitUntilThereIsOne) {
+    CServer server(1);
+    // Once before: a sanitizer needs descriptors for its first look at an object's type.
+    CClient before(server.TcpPort());
+    before.Send(Get("/zem/"));
+    CBlock* block = server.Take();
+    ASSERT_NE(block, nullptr);
+    EXPECT_EQ(server.Reply(block->Id(), "before"), NO_ERROR);
+    server.Repost(block);
+    server.Settle();
+    TakeSyslogLines();
+
+    CClient client(server.TcpPort());
+    client.Send(Get("/zem/"));
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit none{0, limit.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    std::vector<std::string> told;
+    const bool waits = Eventually([&] {
+        EXPECT_EQ(server.Take(250), nullptr);  // more than two looks
+        told = TakeSyslogLines();
+        return !told.empty();
+    });
+    EXPECT_EQ(server.Take(250), nullptr);
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_TRUE(waits);
+    EXPECT_EQ(told,
+              std::vector<std::string>{"<4> http: new connections wait: Too many open files"});
+    block = server.Take();
+    ASSERT_NE(block, nullptr);
+    EXPECT_EQ(server.Reply(block->Id(), "here"), NO_ERROR);
+    EXPECT_EQ(client.Read().body, "here");
+    EXPECT_TRUE(TakeSyslogLines().empty());
 }
 
 TEST(NoWatch, AListenerThatCannotBeArmedAcceptsAgainLater) {
