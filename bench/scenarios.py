@@ -161,9 +161,10 @@ class Bench:
 
     COLD_FRAMES = 768
 
-    def cold_read(self, seconds):
+    def cold_read(self, seconds, read_ahead='auto'):
         """One pass over a file of 1 MiB frames that is not in the page cache. `seconds` bounds it."""
         zemhost, token = self.reading(MIB, self.COLD_FRAMES)
+        zemhost.client.post(wire.CFG_ATTR, wire.name_field('readAhead') + f'{read_ahead}\0'.encode('utf-16-le'))
         name = next(path for path in zemhost.volume.iterdir() if path.name.startswith(f'frames-{MIB}-{self.COLD_FRAMES}'))
         forget(name)
         body = wire.read_body([(token, 0, 0, 0)])
@@ -220,6 +221,8 @@ def table(bench, memory):
         *(read_raw(size, mode) for size in (64 * KIB, 256 * KIB, MIB, 8 * MIB) for mode in ('sendfile', 'map')),
         *(Scenario(f'cold-{way}', 'READ_FRAME 1 MiB in order, not in the page cache', f'rawloop read {way}', 0.9,
                    bench.cold_read, lambda s, way=way: raw_read(bench, way)) for way in ('cached', 'direct')),
+        Scenario('cold-ahead', 'READ_FRAME 1 MiB in order, not in the page cache', '`readAhead` 0', None,
+                 bench.cold_read, lambda s: bench.cold_read(s, read_ahead='0')),
         Scenario('write-nginx', 'WRITE_FRAME 1 MiB, 4 connections', 'nginx PUT', 3.0, memory.record, memory.put),
         Scenario('write-raw', 'WRITE_FRAME 1 MiB, 4 connections', 'rawloop write', 0.85, memory.record, memory.record_raw),
         fetch(8 * MIB), fetch(GIB),
