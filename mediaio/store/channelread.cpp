@@ -5,7 +5,6 @@
 #include "mediaio/store/channelcore.h"
 #include "mediaio/store/channelentries.h"
 #include "mediaio/store/crc32c.h"
-#include "mediaio/store/frameroom.h"
 #include "mediaio/store/log.h"
 #include "mediaio/store/timecode.h"
 
@@ -308,7 +307,7 @@ HRESULT CChannelCore::ReadFrameComplete(ZemElemStrmIoData& streams) {
         if ((hold.length_bytes & ~uint64_t{1}) == kHoldsView)
             static_cast<CFrameFile*>(hold.data)->Unpin(hold.length_bytes & 1);
         else if (hold.length_bytes == kHoldsRun)
-            CFrameRoom::Shared().Free(*static_cast<IZemMemAllocator*>(hold.data), run);
+            static_cast<IZemMemAllocator*>(hold.data)->Free(run);
     }
     return S_OK;
 }

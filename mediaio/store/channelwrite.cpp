@@ -4,7 +4,6 @@
 #include "mediaio/store/channelcore.h"
 #include "mediaio/store/channelentries.h"
 #include "mediaio/store/crc32c.h"
-#include "mediaio/store/frameroom.h"
 #include "mediaio/store/log.h"
 
 #include <atomic>
@@ -45,9 +44,7 @@ HRESULT CChannelCore::GetWriteFrameBuffers(ZemIoDesc& desc) {
     }
     if (total == 0) return S_OK;
     IZemMemAllocator* allocator = frames.load();
-    char* run = nullptr;
-    if (allocator != nullptr)
-        run = static_cast<char*>(CFrameRoom::Shared().Allocate(*allocator, total));
+    char* run = allocator == nullptr ? nullptr : static_cast<char*>(allocator->Allocate(total));
     if (run == nullptr) return HRESULT_FROM_WIN32(ERROR_NO_SYSTEM_RESOURCES);
     desc.reserved = reinterpret_cast<uint64_t>(run);
     for (uint32_t i = 0; i < streams.entryCount; ++i) {
@@ -62,8 +59,7 @@ HRESULT CChannelCore::GetWriteFrameBuffers(ZemIoDesc& desc) {
 }
 
 void CChannelCore::ReleaseRun(ZemIoDesc& desc) {
-    void* const run = reinterpret_cast<void*>(desc.reserved);
-    if (run != nullptr) CFrameRoom::Shared().Free(*frames.load(), run);
+    if (desc.reserved != 0) frames.load()->Free(reinterpret_cast<void*>(desc.reserved));
     desc.reserved = 0;
 }
 

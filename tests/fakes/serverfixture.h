@@ -41,6 +41,8 @@ struct ServerTestAccess {
     CCapacityCache& Capacity() { return server.m_capacity; }
     CRealTimeClient& RealTimeClient() { return server.m_realTimeClient; }
     std::atomic<bool>& Dropping() { return server.m_dropping; }
+    CWriteGate& WriteGate() { return server.m_writeGate; }
+    std::atomic<int>& WritesInLine() { return server.m_writesInLine; }
 };
 
 // A request as it is laid into a block's buffer.

@@ -281,6 +281,136 @@ TEST_F(WriteFrame, AWriteBehindAFullLineIsDropped) {
     ExpectKept(0);
 }
 
+// Two bytes may be unwritten; each client's write of three closes the gate.
+class WriteGate : public WriteFrame {
+protected:
+    WriteGate() {
+        for (const char* clientId : {"a", "b", "c"})
+            Join(clientId);
+        access.WriteGate().SetLimit(2);
+        media.pendWrites = true;
+    }
+    ~WriteGate() override { media.CompletePending(); }
+    HRESULT WriteAs(const std::string& clientId, size_t payload_bytes = 3) {
+        RequestSpec given = Spec({Entry({3})}, "xyz", payload_bytes);
+        given.clientId = clientId;
+        return Run(given);
+    }
+    size_t Written() const { return media.Count("WriteFrame"); }
+};
+
+TEST_F(WriteGate, AWriteStandsThereWhileMuchIsUnwritten) {
+    SetTracing(true);
+    EXPECT_EQ(WriteAs("client"), S_FALSE);
+    const size_t answered = http.SentCount();
+    EXPECT_EQ(WriteAs("a"), S_FALSE);
+    EXPECT_EQ(http.SentCount(), answered) << "not answered yet";
+    EXPECT_EQ(media.Count("GetWriteFrameBuffers"), 1u) << "nor begun";
+    EXPECT_EQ(media.CompletePending(), 1u);
+    EXPECT_EQ(http.SentCount(), answered + 1);
+    EXPECT_EQ(Written(), 2u);
+    const std::vector<std::string> traces = Traces();
+    EXPECT_EQ(std::count(traces.begin(), traces.end(), "a: handling CMD_WRITE_FRAME, transId 4711"),
+              1);
+    EXPECT_EQ(media.CompletePending(), 1u);
+    EXPECT_TRUE(access.WriteGate().IsOpen());
+    EXPECT_EQ(access.WritesInLine(), 0);
+    ExpectAllHome();
+}
+
+TEST_F(WriteGate, ItsClientsNextWritesStandBehindIt) {
+    EXPECT_EQ(WriteAs("client"), S_FALSE);
+    EXPECT_EQ(WriteAs("a"), S_FALSE);
+    EXPECT_EQ(WriteAs("a"), S_FALSE);
+    EXPECT_EQ(access.WritesInLine(), 2);
+    EXPECT_EQ(media.CompletePending(), 1u);
+    EXPECT_EQ(Written(), 2u) << "the second one finds the gate closed by the first";
+    EXPECT_EQ(media.CompletePending(), 1u);
+    EXPECT_EQ(Written(), 3u);
+    EXPECT_EQ(media.CompletePending(), 1u);
+    EXPECT_EQ(access.WritesInLine(), 0);
+    ExpectAllHome();
+}
+
+TEST_F(WriteGate, TwoGoOnForOneThatIsWritten) {
+    EXPECT_EQ(WriteAs("client"), S_FALSE);
+    for (const char* clientId : {"a", "b", "c"})
+        EXPECT_EQ(WriteAs(clientId), S_FALSE);
+    EXPECT_EQ(media.CompletePending(), 1u);
+    EXPECT_EQ(Written(), 3u);
+    EXPECT_EQ(access.WritesInLine(), 1);
+    EXPECT_EQ(media.CompletePending(), 2u);
+    EXPECT_EQ(Written(), 4u);
+    EXPECT_EQ(media.CompletePending(), 1u);
+    ExpectAllHome();
+}
+
+TEST_F(WriteGate, StaysClosedWhileTooMuchIsUnwritten) {
+    access.WriteGate().SetLimit(5);
+    EXPECT_EQ(WriteAs("client"), S_FALSE);
+    EXPECT_EQ(WriteAs("a"), S_FALSE);
+    EXPECT_EQ(WriteAs("b"), S_FALSE);
+    EXPECT_EQ(Written(), 2u);
+    access.WriteGate().SetLimit(2);  // so that three bytes that are left are too many
+    access.WriteGate().HandedOver(3);
+    EXPECT_EQ(media.CompletePending(), 2u);
+    EXPECT_EQ(Written(), 2u);
+    server.LeaveWriteGate(3);
+    EXPECT_EQ(Written(), 3u);
+    EXPECT_EQ(media.CompletePending(), 1u);
+    ExpectAllHome();
+}
+
+TEST_F(WriteGate, AWriteThatFailsLetsTheNextIn) {
+    EXPECT_EQ(WriteAs("client"), S_FALSE);
+    EXPECT_EQ(WriteAs("a", 4), S_FALSE)
+        << "its lengths do not agree, which is seen when it is begun";
+    EXPECT_EQ(WriteAs("b", 4), S_FALSE);
+    EXPECT_EQ(WriteAs("c"), S_FALSE);
+    EXPECT_EQ(media.CompletePending(), 1u);
+    EXPECT_EQ(Written(), 2u);
+    EXPECT_EQ(media.CompletePending(), 1u);
+    EXPECT_EQ(access.WritesInLine(), 0);
+    EXPECT_EQ(Pool().FreeCount(), kBlocks);
+    ExpectKept(2);
+}
+
+TEST_F(WriteGate, AClientThatLeavesIsKeptForItsWrite) {
+    EXPECT_EQ(WriteAs("client"), S_FALSE);
+    EXPECT_EQ(WriteAs("a"), S_FALSE);
+    EXPECT_EQ(Post(Command(7, 16), "a"), S_OK);
+    EXPECT_EQ(media.CompletePending(), 1u);
+    EXPECT_EQ(Written(), 2u);
+    media.CompletePending();
+    ExpectAllHome();
+}
+
+TEST_F(WriteGate, TheRealTimeClientIsNotHeldUpByOthers) {
+    access.RealTimeClient().Set(TEXT("b"));
+    EXPECT_EQ(WriteAs("client"), S_FALSE);
+    EXPECT_EQ(WriteAs("a"), S_FALSE);
+    EXPECT_EQ(WriteAs("b"), S_FALSE) << "three bytes are as many as it may find";
+    EXPECT_EQ(Written(), 2u);
+    EXPECT_EQ(WriteAs("b"), S_FALSE) << "six are not";
+    EXPECT_EQ(Written(), 2u);
+    for (int i = 0; i < 3; ++i)
+        media.CompletePending();
+    EXPECT_EQ(Written(), 4u);
+    ExpectAllHome();
+}
+
+// Half of the blocks are left for others: then a write goes on, come what may.
+TEST_F(WriteGate, WhereNoMoreMayStandItIsNotAskedFor) {
+    EXPECT_EQ(WriteAs("client"), S_FALSE);
+    access.WritesInLine() = kBlocks / 2;
+    EXPECT_EQ(WriteAs("a"), S_FALSE);
+    EXPECT_EQ(Written(), 2u);
+    EXPECT_EQ(access.WritesInLine(), kBlocks / 2);
+    access.WritesInLine() = 0;
+    EXPECT_EQ(media.CompletePending(), 2u);
+    ExpectAllHome();
+}
+
 TEST_F(WriteFrame, AnUnknownClientGetsTheOrdinaryReply) {
     SetTracing(true);
     RequestSpec given = Spec({Entry({1})}, "x", 1);

@@ -188,33 +188,6 @@ TEST_P(ChannelIo, AWriteThatFindsNoMemoryIsRefusedAndLeavesNothingBehind) {
     EXPECT_EQ(Write(token, 0, Bytes(0, 1000000)), S_OK);
 }
 
-// Has nothing at the first two looks; everything after them is another's.
-class CLateAllocator final : public IZemMemAllocator {
-public:
-    explicit CLateAllocator(IZemMemAllocator& memory) : m_memory(memory) {}
-    HRESULT Initialize(size_t, void*) override { return S_OK; }
-    void* Allocate(size_t size_bytes) override {
-        return ++m_looks > 2 ? m_memory.Allocate(size_bytes) : nullptr;
-    }
-    void Free(void* run) override { m_memory.Free(run); }
-    size_t BytesInUse() const override { return m_memory.BytesInUse(); }
-
-private:
-    IZemMemAllocator& m_memory;
-    int m_looks = 0;
-};
-
-TEST_P(ChannelIo, AWriteThatFindsNoMemoryWaitsForSome) {
-    const ULONGLONG token = Create("clip");
-    CLateAllocator late(m_allocator);
-    m_channel->SetAllocators(&late, nullptr);
-    EXPECT_EQ(Write(token, 0, Bytes(0, 1000000)), S_OK);
-    m_channel->SetAllocators(&m_allocator, nullptr);
-    std::vector<uint8_t> back;
-    EXPECT_EQ(Read(token, 0, back), S_OK);
-    EXPECT_EQ(back, Bytes(0, 1000000));
-}
-
 TEST_P(ChannelIo, WriteBuffersAreOneRunInEntryOrder) {
     const ULONGLONG token = Create("v0");
     const ULONGLONG audio = Create("a0", kMediaFileAudio);

@@ -431,6 +431,25 @@ TEST_F(ReceiveLoop, ShutdownForgetsWritesInLine) {
     EXPECT_EQ(media.LiveAllocators(), 0);
 }
 
+// The same of a write at the gate; the one that closed it is written meanwhile.
+TEST_F(ReceiveLoop, ShutdownForgetsWritesAtTheGate) {
+    Join();
+    Join("other");
+    access.WriteGate().SetLimit(0);
+    access.WriteGate().HandedOver(1);
+    CHttpXaction& xaction = Take();
+    RequestSpec given = OneByteWrite(3);
+    given.clientId = "other";
+    Lay(xaction, given);
+    EXPECT_EQ(server.ProcessRequest(xaction), S_FALSE);
+    EXPECT_EQ(media.Count("WriteFrame"), 0u);
+    access.RequestQueue() = nullptr;  // the fixture's own, not opened here
+    server.Shutdown();
+    EXPECT_EQ(media.Count("WriteFrame"), 0u);
+    EXPECT_EQ(media.LiveChannels(), 0);
+    server.LeaveWriteGate(1);
+}
+
 // A block that the system may still write into is not freed: every receive is waited for, and what
 // else comes meanwhile is not taken for one.
 TEST_F(ReceiveLoop, ShutdownTakesBackEveryReceiveBesideAWriteWhoseTurnHasCome) {

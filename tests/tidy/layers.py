@@ -26,7 +26,7 @@ MAY_INCLUDE = {
     'zemhttpd/entry': ('platform/platform.h', 'mediaio/errorlog.h', 'zemhttpd/server/httpcmdhdlr.h'),
     'zemhttpd/server': ('platform/platform.h', 'platform/atomicwait.h', 'mediaio/zemchannelio.h', 'zemhttpd/entry/entrypoint.h',
                         'zemhttpd/clients/clienttable.h',
-                        'zemhttpd/clients/realtimeclient.h', 'zemhttpd/commands/command.h',
+                        'zemhttpd/clients/realtimeclient.h', 'zemhttpd/clients/writegate.h', 'zemhttpd/commands/command.h',
                         'zemhttpd/commands/commandtable.h', 'zemhttpd/commands/wire.h', 'zemhttpd/frameio/httpxactn.h',
                         'zemhttpd/webfiles/capacitycache.h'),
     'zemhttpd/clients': SERVER + ('platform/atomicwait.h', 'mediaio/zemchannelio.h', 'zemhttpd/server/binmap.h', 'zemhttpd/server/narrowtext.h',

@@ -14,6 +14,7 @@
 #include <atomic>
 #include <cstddef>
 #include <memory>
+#include <utility>
 
 class CHttpCommandHandler;
 class CZemChannelIo;
@@ -112,6 +113,12 @@ public:
     // reference of its own. Else null.
     ZemClient* InLine() const { return m_inLine; }
     void SetInLine(ZemClient* client) { m_inLine = client; }
+    // A frame write that stood at the write gate and need not ask there again.
+    void SetLetIn() { m_letIn = true; }
+    bool TakeLetIn() { return std::exchange(m_letIn, false); }
+    // What of a frame write the media library was given.
+    ULONGLONG HandedOver_bytes() const { return m_handedOver_bytes; }
+    void SetHandedOver(ULONGLONG size_bytes) { m_handedOver_bytes = size_bytes; }
     // How much of the request buffer a reset has to clear: all of it, unless the completion of the
     // receive told what it wrote; then whoever writes further says so.
     void NoteReceived(size_t bytes) { m_written_bytes = Bounded(bytes); }
@@ -146,6 +153,8 @@ private:
     ULONG m_sendError;
     ULONG m_written_bytes = kRequestBuffer_bytes;  // of the request buffer; the rest is zero
     ZemClient* m_inLine = nullptr;
+    bool m_letIn = false;
+    ULONGLONG m_handedOver_bytes = 0;
 
 public:
     CHttpXaction* nextInLine = nullptr;  // the line's link, guarded by its lock

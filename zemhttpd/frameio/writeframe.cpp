@@ -78,14 +78,34 @@ ULONGLONG FillWriteBlock(CFrameIoXaction& frame, const ZemCommand& command,
 class CWriteTurn {
 public:
     CWriteTurn(CHttpCommandHandler& handler, ZemClient& client)
-        : m_handler(handler), m_client(client) {}
-    ~CWriteTurn() { m_handler.PassWriteTurn(m_client); }
+        : m_handler(handler), m_client(&client) {}
+    ~CWriteTurn() {
+        if (m_client) m_handler.PassWriteTurn(*m_client);
+    }
     CWriteTurn(const CWriteTurn&) = delete;
     CWriteTurn& operator=(const CWriteTurn&) = delete;
+    void Dismiss() { m_client = nullptr; }
 
 private:
     CHttpCommandHandler& m_handler;
-    ZemClient& m_client;
+    ZemClient* m_client;
+};
+
+// The way through the write gate, left when the write has failed or is written.
+class CGatePass {
+public:
+    explicit CGatePass(CHttpCommandHandler& handler, ULONGLONG handedOver_bytes = 0)
+        : m_handler(&handler), m_handedOver_bytes(handedOver_bytes) {}
+    ~CGatePass() {
+        if (m_handler) m_handler->LeaveWriteGate(m_handedOver_bytes);
+    }
+    CGatePass(const CGatePass&) = delete;
+    CGatePass& operator=(const CGatePass&) = delete;
+    void Dismiss() { m_handler = nullptr; }
+
+private:
+    CHttpCommandHandler* m_handler;
+    const ULONGLONG m_handedOver_bytes;
 };
 
 // Marks an answered write as on its way to the media library, until that has it.
@@ -184,6 +204,7 @@ HRESULT CHttpCommandHandler::DoCmdWriteFrame(const ZemCommand& command, const Fr
         const CZemClientRef client = turnHasCome ? CZemClientRef::Adopt(xaction.InLine())
                                                  : LookupClient(command.clientId, true);
         xaction.SetInLine(nullptr);
+        const bool letIn = xaction.TakeLetIn();
         if (!client) {
             ThrowError(scope, E_INVALIDARG, kSourceCmdHdlr, kLineUnknownClient, kUnknownClient,
                        command.clientId, command.transId);
@@ -201,7 +222,13 @@ HRESULT CHttpCommandHandler::DoCmdWriteFrame(const ZemCommand& command, const Fr
                 return S_FALSE;
             }
         }
-        const CWriteTurn turn(*this, *client.Record());
+        CWriteTurn turn(*this, *client.Record());
+        if (!letIn && !EnterWriteGate(*client.Record(), command.clientId, xaction)) {
+            turn.Dismiss();  // it keeps its turn; LeaveWriteGate continues it
+            release = false;
+            return S_FALSE;
+        }
+        CGatePass pass(*this);
         const CSectionGuard lock(*client.RecordLock());
         CZemChannelIo& channel = *client.Channel();
         CFrameIoXaction* frame = nullptr;
@@ -219,6 +246,8 @@ HRESULT CHttpCommandHandler::DoCmdWriteFrame(const ZemCommand& command, const Fr
         m_framePool->RegisterBlock(frame);
         command.xaction->Timer().MarkStage(kStageIssuingZemRequest);
         guard.Dismiss();
+        pass.Dismiss();
+        HandOverWrite(xaction, static_cast<ULONGLONG>(command.payload_bytes));
         release = false;
         HandOver(scope, kCatchLineLibrary, frame,
                  [](CZemChannelIo& io, ZemIoDesc& desc) { return io.WriteFrame(desc); });
@@ -366,6 +395,7 @@ void CHttpCommandHandler::WriteFrameDoneApc(void* frameXaction) {
         CHttpCommandHandler& handler = *frame->owner;
         const CFrameIoEnd end(*frame, *handler.m_framePool, *handler.m_xactionPool);
         CHttpXaction& xaction = *frame->httpXaction;
+        const CGatePass pass(handler, xaction.HandedOver_bytes());
         CZemHttpdXactionTimer& timer = xaction.Timer();
         timer.MarkStage(kStageBeginIoCompletion);
         if (handler.Tracing()) {

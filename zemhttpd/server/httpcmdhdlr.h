@@ -9,6 +9,7 @@
 #include "platform/platform.h"
 #include "zemhttpd/clients/clienttable.h"
 #include "zemhttpd/clients/realtimeclient.h"
+#include "zemhttpd/clients/writegate.h"
 #include "zemhttpd/commands/command.h"
 #include "zemhttpd/frameio/httpxactn.h"
 #include "zemhttpd/webfiles/capacitycache.h"
@@ -51,6 +52,11 @@ public:
     // Writes stand in line in at most half of the transaction blocks: the rest is for everybody.
     ZemClient::ETurn TakeWriteTurn(ZemClient& client, CHttpXaction& xaction);
     void PassWriteTurn(ZemClient& client);
+    // False: the write, which has its client's turn, stands at the gate and is somebody else's by
+    // now. True: it goes on, and what becomes of it ends with LeaveWriteGate.
+    bool EnterWriteGate(ZemClient& client, const WCHAR* clientId, CHttpXaction& xaction);
+    void HandOverWrite(CHttpXaction& xaction, ULONGLONG size_bytes);  // right before it is issued
+    void LeaveWriteGate(ULONGLONG handedOver_bytes);
 
     // --- request assembly and dispatch (server/dispatch.cpp), worker threads ---
     // S_FALSE exactly when the handler went asynchronous: the block is its completion's then.
@@ -178,6 +184,7 @@ private:
     void CloseHttp();
     bool TakeBackReceives();
     void ForgetWritesInLine();
+    void ContinueWrite(CHttpXaction& xaction);
     void DeleteRemainingClients();
     DWORD ConcurrentWorkers() const;
     LONGLONG ServiceRequests();  // a worker's loop; the number of requests when told to stop,
@@ -219,4 +226,5 @@ private:
     CRealTimeClient m_realTimeClient;
     std::atomic<bool> m_dropping{false};  // reads and writes share it
     std::atomic<int> m_writesInLine{0};
+    CWriteGate m_writeGate;
 };

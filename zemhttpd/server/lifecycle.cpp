@@ -137,6 +137,7 @@ void CHttpCommandHandler::CreatePortAndAllocator(CZemEntry& scope) {
                    TEXT("Error initializing ZEM IO memory allocator (size requested %u bytes)"),
                    size_bytes);
     }
+    m_writeGate.SetLimit(size_bytes / 2);
 }
 
 void CHttpCommandHandler::RegisterUrls(CZemEntry& scope) {
@@ -269,6 +270,7 @@ bool CHttpCommandHandler::TakeBackReceives() {
 // Writes whose turn did not come before the workers ended: their clients are gone with the queue,
 // their records are not.
 void CHttpCommandHandler::ForgetWritesInLine() {
+    m_writeGate.Forget();
     for (int i = 0; m_xactionPool && i < m_xactionPool->Count(); ++i) {
         CHttpXaction& xaction = m_xactionPool->At(i);
         const CZemClientRef client = CZemClientRef::Adopt(xaction.InLine());

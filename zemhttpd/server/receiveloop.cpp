@@ -188,12 +188,39 @@ ZemClient::ETurn CHttpCommandHandler::TakeWriteTurn(ZemClient& client, CHttpXact
     return turn;
 }
 
-// Lets the client's next write be processed, by whichever worker is free.
 void CHttpCommandHandler::PassWriteTurn(ZemClient& client) {
-    CHttpXaction* const next = client.PassTurn();
-    if (!next) return;
+    if (CHttpXaction* const next = client.PassTurn()) ContinueWrite(*next);
+}
+
+// Lets a write that stood in line be processed, by whichever worker is free.
+void CHttpCommandHandler::ContinueWrite(CHttpXaction& xaction) {
     m_writesInLine.fetch_sub(1);
     const BOOL posted = PostQueuedCompletionStatus(
-        m_completionPort, 0, reinterpret_cast<ULONG_PTR>(this), next->Overlapped());
-    if (!posted) FinishRequest(*next);  // without memory for the packet: here and now
+        m_completionPort, 0, reinterpret_cast<ULONG_PTR>(this), xaction.Overlapped());
+    if (!posted) FinishRequest(xaction);  // without memory for the packet: here and now
+}
+
+// Where no more may stand in line it goes on, and may find no frame memory.
+bool CHttpCommandHandler::EnterWriteGate(ZemClient& client, const WCHAR* clientId,
+                                         CHttpXaction& xaction) {
+    if (m_writeGate.IsOpen()) return true;
+    if (m_writeGate.IsOpen(m_realTimeClient.Is(clientId))) return true;
+    const bool room = m_writesInLine.fetch_add(1) < m_xactionPool->Count() / 2;
+    if (room && m_writeGate.StandInLine(xaction, client)) return false;
+    m_writesInLine.fetch_sub(1);
+    return true;
+}
+
+void CHttpCommandHandler::HandOverWrite(CHttpXaction& xaction, ULONGLONG size_bytes) {
+    xaction.SetHandedOver(size_bytes);
+    m_writeGate.HandedOver(size_bytes);
+}
+
+void CHttpCommandHandler::LeaveWriteGate(ULONGLONG handedOver_bytes) {
+    CHttpXaction* next = m_writeGate.Ended(handedOver_bytes);
+    while (next) {
+        CHttpXaction& xaction = *next;
+        next = xaction.nextInLine;  // before it is somebody else's
+        ContinueWrite(xaction);
+    }
 }
