@@ -5,13 +5,13 @@
 // as long as it says, and when everybody has left all is back.
 #include "fuzz/commandserver.h"
 #include "fuzz/fuzz.h"
+#include "zemhttpd/commands/commandtable.h"
 
 using fuzz::CReader;
 
 namespace {
 
 constexpr size_t kMostRequests = 40;
-constexpr size_t kNameUnits = 260;
 constexpr size_t kMostBody = 1 << 20;
 
 // The fields of each command's body. N: a name, E: a stream's description, Q: a token, d: 32 bits,
@@ -45,6 +45,7 @@ constexpr const char* kBodies[] = {
     "Qddd",    // ERASE_SEGMENT
     "NX",      // UPDATE_CFG_ATTR_STR
 };
+static_assert(std::size(kBodies) == kCommandCount + 1);
 constexpr uint8_t kOpenFile = 2;
 
 constexpr const char16_t* kNames[] = {
@@ -123,7 +124,7 @@ void CSession::Name() {
                         : static_cast<char16_t>(static_cast<unsigned char>(c) * 0x101);
         }
     }
-    name.resize(kNameUnits, u'\0');
+    name.resize(size_t{kNameUnits}, u'\0');
     Put(name.data(), kNameUnits * sizeof(char16_t));
 }
 

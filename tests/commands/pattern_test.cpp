@@ -472,6 +472,15 @@ TEST_P(FileCommand, AFailedSendChangesNothing) {
     EXPECT_EQ(http.SentCount(), 2u) << "no second answer";
 }
 
+// Frames, configurations and clients are no file commands: their tests are in their own rooms.
+TEST(FileCommandRows, HaveEveryFileCommand) {
+    std::set<DWORD> codes = {3, 4, 14, 15, 16, 17, 18, 26};
+    for (const Row& row : Rows())
+        EXPECT_TRUE(codes.insert(row.code).second) << row.name;
+    for (const CommandRow& command : kCommands)
+        EXPECT_EQ(codes.count(command.code), 1u) << command.name;
+}
+
 class FileCommandLines : public CCommandTest {};
 
 TEST_F(FileCommandLines, ARecordsLineNamesItsCommand) {

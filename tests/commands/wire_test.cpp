@@ -11,7 +11,7 @@
 
 namespace {
 
-TEST(CommandTable, HasThe26CommandsWithTheirReplyCodes) {
+TEST(CommandTable, HasTheCommandsWithTheirReplyCodes) {
     constexpr struct {
         const char* name;
         DWORD replyCode;
@@ -62,12 +62,12 @@ TEST(CommandTable, GivesEachCommandItsSizeRule) {
     }
 }
 
-TEST(CommandTable, FindsOnlyTheCodes1To26) {
+TEST(CommandTable, FindsOnlyTheCodesFrom1On) {
     EXPECT_EQ(FindCommand(0), nullptr);
-    EXPECT_EQ(FindCommand(27), nullptr);
+    EXPECT_EQ(FindCommand(kCommandCount + 1), nullptr);
     EXPECT_EQ(FindCommand(0xFFFFFFFF), nullptr);
     EXPECT_EQ(FindCommand(1), &kCommands[0]);
-    EXPECT_EQ(FindCommand(26), &kCommands[25]);
+    EXPECT_EQ(FindCommand(kCommandCount), &kCommands[kCommandCount - 1]);
 }
 
 class Wire : public ::testing::Test {

@@ -8,13 +8,17 @@
 #include "tests/faults/callfaults.h"
 #include "tests/frameio/frametest.h"
 #include "tests/tempfolder.h"
+#include "zemhttpd/commands/commandtable.h"
+#include "zemhttpd/commands/wire.h"
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <map>
 #include <ostream>
+#include <set>
 #include <stdexcept>
 #include <thread>
 
@@ -152,7 +156,7 @@ std::vector<Case> Cases() {
         Plain("MOVE_FILE", 24, name + NameField(TEXT("b"))),
         Plain("ERASE_SEGMENT", 25, token + Bytes(0u, 3u, LONG{1})),
         Plain("UPDATE_CFG_ATTR_STR", 26, name + NameField(TEXT("value"), 6)),
-        Plain("unknown_command", 27, ""),
+        Plain("unknown_command", kCommandCount + 1, ""),
         Page("GET_status", HttpVerbGET, TEXT("/media/status")),
         Page("GET_clients", HttpVerbGET, TEXT("/media/clients")),
         Page("GET_file", HttpVerbGET, TEXT("/media/clip.txt")),
@@ -355,6 +359,18 @@ TEST_P(Faults, NothingIsLost) {
     RecordProperty("injected", static_cast<int>(injected));
     std::cout << "[ FAULTS   ] " << GetParam().name << ": " << injected << " injected, " << m_kept
               << " frame blocks kept\n";
+}
+
+TEST(FaultCases, HaveEveryCommand) {
+    std::set<DWORD> codes;
+    for (const Case& one : Cases()) {
+        if (one.request.entity.size() < kZemHeader_bytes) continue;
+        DWORD code = 0;
+        std::memcpy(&code, one.request.entity.data() + offsetof(ZemRequestHdr, code), sizeof code);
+        codes.insert(code);
+    }
+    for (const CommandRow& command : kCommands)
+        EXPECT_EQ(codes.count(command.code), 1u) << command.name;
 }
 
 INSTANTIATE_TEST_SUITE_P(Every, Faults, ::testing::ValuesIn(Cases()),

@@ -23,7 +23,7 @@ class Shape(unittest.TestCase):
     def test_commands_are_those_of_the_page(self):
         with open(os.path.join(common.ROOT, 'docs', 'protocol.md'), encoding='utf-8') as page:
             rows = re.findall(r'^\| (\d+) \| \[`CMD_(\w+)`\]\(#\w+\) \| (\d+) \|', page.read(), re.MULTILINE)
-        self.assertEqual(len(rows), 26)
+        self.assertGreaterEqual(len(rows), 26)
         self.assertEqual([(int(code), name, int(reply)) for code, name, reply in rows],
                          [(command.value, command.name, zemclient._REPLY_CODES[command]) for command in Command])
 

@@ -265,7 +265,7 @@ TEST_F(Dispatch, UnknownClientStillReachesItsHandler) {
 }
 
 TEST_F(Dispatch, CodesOutsideTheTableAreNotImplemented) {
-    for (const DWORD code : {0u, 27u, 255u, 0xFFFFFFFFu}) {
+    for (const DWORD code : {DWORD{0}, kCommandCount + 1, DWORD{255}, 0xFFFFFFFFu}) {
         CFakeHttp own;
         log.Reset();
         EXPECT_EQ(Post(Command(8, code)), E_NOTIMPL);

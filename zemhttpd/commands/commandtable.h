@@ -1,4 +1,4 @@
-// The 26 commands: code, name as it stands in size messages, reply code, size rule and handler.
+// The commands: code, name as it stands in size messages, reply code, size rule and handler.
 // Dispatch and size messages come from this table; docs/protocol.md is compared with it.
 #pragma once
 
@@ -67,12 +67,12 @@ static_assert([] {
     return true;
 }());
 
-// The row of a command code, or null for 0 and codes above 26.
+// The row of a command code, or null for one that is not in the table.
 constexpr const CommandRow* FindCommand(DWORD code) {
     return code - 1 < kCommandCount ? &kCommands[code - 1] : nullptr;
 }
 
-// REQUIRES: a code from 1 to 26.
+// REQUIRES: a code of the table.
 constexpr DWORD ReplyCode(DWORD code) {
     return FindCommand(code)->replyCode;
 }
