@@ -260,6 +260,19 @@ class RequestFrame(ExactCase):
             self.assertEqual(reply.status, 200)
             self.ledger.take(2 if self.tracing else 0)
 
+    def test_a_leave_whose_rest_never_comes_is_refused(self):
+        """While the client waits, its connection open: nobody waits for the rest."""
+        client = self.join('staying')
+        for sent in (b'', b'some'):
+            connection = Connection(self.server.port)
+            self.addCleanup(connection.close)
+            connection.send(b'POST /zem/ HTTP/1.1\r\nHost: x\r\nZem-Id: staying\r\nContent-Length: 512\r\n\r\n' +
+                            struct.pack('<III', 77, LEAVE, 500) + sent)
+            self.assert_generic(connection.receive(), 77, LEAVE, E_INVALIDARG)
+            self.assert_log([Error(E_INVALIDARG, 'ProcessRequest', 'staying: ZEM request data size (%d) for CMD_LEAVE < '
+                                   'expected size (512), transId 77' % (12 + len(sent)))])
+        self.leave(client)
+
     COMPLETED = {CREATE: 'CMD_CREATE_FILE', OPEN: 'CMD_OPEN_FILE', READ: 'CMD_READ_FRAME', CLOSE: 'CMD_CLOSE_FILE',
                  FILE_INFO: 'CMD_GET_FILE_INFO', FILE_INFO2: 'CMD_GET_FILE_INFO2', FRAME_DESC: 'CMD_GET_FRAME_DESC',
                  FRAME_DESC2: 'CMD_GET_FRAME_DESC2', FLUSH: 'CMD_FLUSH_BUFFERS', MARKS: 'CMD_GET_FILE_MARKS',
