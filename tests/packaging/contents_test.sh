@@ -1,0 +1,71 @@
+#!/usr/bin/env bash
+# contents_test.sh SOURCE_DIR BUILD_DIR: what is in the Debian package, laid out in a folder: needs no rights, where deb_test.sh
+# needs root and a container. The programs run from there, and the server serves a file.
+set -euo pipefail
+source_dir=$1 build=$2
+command -v dpkg-shlibdeps >/dev/null || { printf 'not tried: there is no dpkg-shlibdeps\n'; exit 77; }
+work=$(mktemp -d)
+pid=''
+clean_up() {
+    [ -z "$pid" ] || kill -KILL "$pid" 2>/dev/null || true
+    wait
+    rm -rf "$work"
+}
+trap clean_up EXIT
+fail() {
+    printf 'FAILED: %s\n' "$1"
+    exit 1
+}
+
+(cd "$build" && cpack -B "$work" >"$work/cpack" 2>&1) || { cat "$work/cpack"; exit 1; }
+package=$(echo "$work"/zemhttpd_*_*.deb)
+dpkg-deb -R "$package" "$work/root"
+root=$work/root
+[ "$(dpkg-deb -f "$package" Version)" = "$("$build/bin/zemhost" --version | cut -d' ' -f2)-1" ] || fail 'another version'
+
+# What the package asks dpkg to keep is what lies in /etc, and all of that.
+[ "$(cd "$root" && find etc -type f -printf '/%p\n' | sort)" = "$(sort "$root/DEBIAN/conffiles")" ] || fail 'conffiles'
+cmp "$source_dir/packaging/zemhttpd.reg" "$root/etc/zemhttpd/zemhttpd.reg"
+for script in postinst prerm postrm; do
+    [ -x "$root/DEBIAN/$script" ] && sh -n "$root/DEBIAN/$script" || fail "$script"
+done
+for file in etc/logrotate.d/zemhttpd lib/systemd/system/zemhttpd.service usr/share/zemhttpd/console.html \
+    usr/share/man/man1/zem.1.gz usr/share/man/man1/zemfsck.1.gz usr/share/man/man8/zemhost.8.gz \
+    usr/share/bash-completion/completions/zem usr/share/zsh/vendor-completions/_zem \
+    usr/share/fish/vendor_completions.d/zem.fish usr/share/doc/zemhttpd/README.md usr/share/doc/zemhttpd/copyright \
+    usr/share/doc/zemhttpd/docs/operations.md usr/share/doc/zemhttpd/examples/host.cpp \
+    usr/share/doc/zemhttpd/clients/python/zemclient.py usr/include/zemhttpd/zemhttpd/entry/zemhttpd.h; do
+    [ -s "$root/$file" ] || fail "there is no /$file"
+done
+for pattern in 'libzemhttpd.so' 'pkgconfig/zemhttpd.pc' 'cmake/zemhttpd/zemhttpdConfig.cmake' 'zemhttpd/libzembaseio.so'; do
+    compgen -G "$root/usr/lib/*/$pattern" >/dev/null || fail "there is no $pattern"
+done
+if find "$root" -name '*.md' -exec grep -l "$source_dir" {} +; then fail 'a page names a folder of this machine'; fi
+python3 -B "$source_dir/tests/docs/links_test.py" "$root/usr/share/doc/zemhttpd" installed
+
+# It needs nothing but what is in it: the shipped settings, with a port, a volume and a log of ours.
+export PATH=$root/usr/sbin:$root/usr/bin:$PATH
+mkdir -p "$work/volume/media"
+cp "$root/usr/share/zemhttpd/console.html" "$work/volume/media/"
+ready=''
+for _ in 1 2 3 4 5; do
+    port=$((10000 + RANDOM % 20000))
+    mkfifo "$work/said"
+    zemhost --registry "$root/etc/zemhttpd/zemhttpd.reg" --port $port --volume "$work/volume" --log "$work/log" >"$work/said" 2>&1 &
+    pid=$!
+    exec 5<"$work/said"
+    rm "$work/said"
+    if read -t 120 -r ready <&5 && [[ $ready == 'zemhost ready: '* ]]; then break; fi
+    kill -KILL "$pid" 2>/dev/null || true
+    wait "$pid" || true
+    pid='' ready="not ready: $ready"
+done
+[ -n "$pid" ] || fail "$ready"
+export ZEM_SERVER=http://127.0.0.1:$port
+zem doctor || fail 'zem doctor'
+zem get media/console.html -o - | cmp - "$work/volume/media/console.html" || fail 'the console page'
+kill -TERM "$pid"
+status=0
+wait "$pid" || status=$?
+pid=''
+[ "$status" -eq 0 ] || fail "zemhost ended with $status"
