@@ -27,7 +27,8 @@ root=$work/root
 [ "$(cd "$root" && find etc -type f -printf '/%p\n' | sort)" = "$(sort "$root/DEBIAN/conffiles")" ] || fail 'conffiles'
 cmp "$source_dir/packaging/zemhttpd.reg" "$root/etc/zemhttpd/zemhttpd.reg"
 for script in postinst prerm postrm; do
-    [ -x "$root/DEBIAN/$script" ] && sh -n "$root/DEBIAN/$script" || fail "$script"
+    [ -x "$root/DEBIAN/$script" ] || fail "$script cannot be run"
+    sh -n "$root/DEBIAN/$script" || fail "$script"
 done
 for file in etc/logrotate.d/zemhttpd lib/systemd/system/zemhttpd.service usr/share/zemhttpd/console.html \
     usr/share/man/man1/zem.1.gz usr/share/man/man1/zemfsck.1.gz usr/share/man/man8/zemhost.8.gz \
@@ -37,8 +38,8 @@ for file in etc/logrotate.d/zemhttpd lib/systemd/system/zemhttpd.service usr/sha
     usr/share/doc/zemhttpd/clients/python/zemclient.py usr/include/zemhttpd/zemhttpd/entry/zemhttpd.h; do
     [ -s "$root/$file" ] || fail "there is no /$file"
 done
-for pattern in 'libzemhttpd.so' 'pkgconfig/zemhttpd.pc' 'cmake/zemhttpd/zemhttpdConfig.cmake' 'zemhttpd/libzembaseio.so'; do
-    compgen -G "$root/usr/lib/*/$pattern" >/dev/null || fail "there is no $pattern"
+for name in libzemhttpd.so zemhttpd.pc zemhttpdConfig.cmake libzembaseio.so; do
+    [ -n "$(find "$root/usr/lib" -name $name -size +0)" ] || fail "there is no $name"
 done
 if find "$root" -name '*.md' -exec grep -l "$source_dir" {} +; then fail 'a page names a folder of this machine'; fi
 python3 -B "$source_dir/tests/docs/links_test.py" "$root/usr/share/doc/zemhttpd" installed
