@@ -6,7 +6,7 @@
 #include <atomic>
 
 class CHttpXaction;
-class ZemClient;
+struct ZemClient;
 
 // A write is answered when it has arrived, so nothing slows a client down that sends faster than
 // the device writes; and what finds the frame memory full is lost, without a word to the client.
