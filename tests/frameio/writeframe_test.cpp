@@ -336,12 +336,33 @@ TEST_F(WriteGate, TwoGoOnForOneThatIsWritten) {
     EXPECT_EQ(WriteAs("client"), S_FALSE);
     for (const char* clientId : {"a", "b", "c"})
         EXPECT_EQ(WriteAs(clientId), S_FALSE);
+    access.WriteGate().SetLimit(100);  // room for all of them
     EXPECT_EQ(media.CompletePending(), 1u);
     EXPECT_EQ(Written(), 3u);
     EXPECT_EQ(access.WritesInLine(), 1);
     EXPECT_EQ(media.CompletePending(), 2u);
     EXPECT_EQ(Written(), 4u);
     EXPECT_EQ(media.CompletePending(), 1u);
+    ExpectAllHome();
+}
+
+TEST_F(WriteGate, WhoComesToItClosedAgainIsTheFirstInLine) {
+    EXPECT_EQ(WriteAs("client"), S_FALSE);
+    for (const char* clientId : {"a", "b", "c"})
+        EXPECT_EQ(WriteAs(clientId), S_FALSE);
+    for (size_t written = 1; written <= 4; ++written) {
+        EXPECT_EQ(Written(), written)
+            << "the second one that is let in finds it closed by the first";
+        EXPECT_EQ(access.WritesInLine(), static_cast<int>(4 - written));
+        EXPECT_EQ(media.CompletePending(), 1u);
+    }
+    std::vector<const void*> channels, expected;
+    for (const MediaCall& call : media.Calls("WriteFrame"))
+        channels.push_back(call.self);
+    for (const WCHAR* clientId : {TEXT("client"), TEXT("a"), TEXT("b"), TEXT("c")})
+        expected.push_back(
+            static_cast<const CZemIo*>(server.LookupClient(clientId, false).Channel()));
+    EXPECT_EQ(channels, expected);
     ExpectAllHome();
 }
 
@@ -387,15 +408,38 @@ TEST_F(WriteGate, AClientThatLeavesIsKeptForItsWrite) {
 
 TEST_F(WriteGate, TheRealTimeClientIsNotHeldUpByOthers) {
     access.RealTimeClient().Set(TEXT("b"));
-    EXPECT_EQ(WriteAs("client"), S_FALSE);
+    access.WriteGate().SetLimit(4);
+    access.WriteGate().HandedOver(4);
     EXPECT_EQ(WriteAs("a"), S_FALSE);
-    EXPECT_EQ(WriteAs("b"), S_FALSE) << "three bytes are as many as it may find";
-    EXPECT_EQ(Written(), 2u);
-    EXPECT_EQ(WriteAs("b"), S_FALSE) << "six are not";
-    EXPECT_EQ(Written(), 2u);
-    for (int i = 0; i < 3; ++i)
-        media.CompletePending();
-    EXPECT_EQ(Written(), 4u);
+    EXPECT_EQ(Written(), 0u) << "three are as many as others may find";
+    EXPECT_EQ(WriteAs("b"), S_FALSE);
+    EXPECT_EQ(Written(), 1u);
+    EXPECT_EQ(WriteAs("b"), S_FALSE);
+    EXPECT_EQ(Written(), 1u) << "seven are too many for anybody";
+    server.LeaveWriteGate(4);
+    EXPECT_EQ(Written(), 2u) << "the one that came first";
+    EXPECT_EQ(media.CompletePending(), 2u);
+    EXPECT_EQ(Written(), 3u);
+    EXPECT_EQ(media.CompletePending(), 1u);
+    ExpectAllHome();
+}
+
+// Else a real-time client that writes as fast as it can would keep others out for ever.
+TEST_F(WriteGate, WhoStandsInLineGoesOnWhereWhoComesWouldNot) {
+    access.WriteGate().SetLimit(4);
+    access.WriteGate().HandedOver(8);
+    EXPECT_EQ(WriteAs("a"), S_FALSE);
+    EXPECT_EQ(WriteAs("b"), S_FALSE);
+    server.LeaveWriteGate(4);
+    EXPECT_EQ(Written(), 1u) << "one for one";
+    EXPECT_EQ(WriteAs("c"), S_FALSE);
+    EXPECT_EQ(Written(), 1u);
+    server.LeaveWriteGate(4);
+    EXPECT_EQ(Written(), 2u) << "the second one of two finds it closed by the first";
+    EXPECT_EQ(access.WritesInLine(), 1);
+    EXPECT_EQ(media.CompletePending(), 2u);
+    EXPECT_EQ(Written(), 3u);
+    EXPECT_EQ(media.CompletePending(), 1u);
     ExpectAllHome();
 }
 

@@ -21,18 +21,19 @@ public:
     CWriteGate& operator=(const CWriteGate&) = delete;
 
     void SetLimit(ULONGLONG limit_bytes) { m_limit_bytes = limit_bytes; }  // before the first write
-    // For the real-time client half as much again: others do not make it wait.
-    bool IsOpen(bool realTime = false) const {
-        const ULONGLONG more_bytes = realTime ? m_limit_bytes / 2 : 0;
-        return m_unwritten_bytes.load() <= m_limit_bytes + more_bytes;
+    // Whoever comes stops a quarter below the limit. The rest is for those ahead: the real-time
+    // client, and who stood in line already.
+    bool IsOpen(bool ahead = false) const {
+        const ULONGLONG kept_bytes = ahead ? 0 : m_limit_bytes / 4;
+        return m_unwritten_bytes.load() <= m_limit_bytes - kept_bytes;
     }
 
     // True: the write stands in line, with a reference to its client's record, and is somebody
-    // else's by now. False: the gate is open.
-    bool StandInLine(CHttpXaction& xaction, ZemClient& client);
+    // else's by now; first if it stood there before. False: the gate is open.
+    bool StandInLine(CHttpXaction& xaction, ZemClient& client, bool again);
     void HandedOver(ULONGLONG size_bytes) { m_unwritten_bytes.fetch_add(size_bytes); }
-    // With what was handed over for this write, 0 when it failed before. Gives those that may go on
-    // now, linked by nextInLine: two for one, so that their number grows again after a shortage.
+    // With what was handed over for this write, 0 when it failed before. Gives those that may try
+    // again now, linked by nextInLine: one for one, or two while there is room for whoever comes.
     CHttpXaction* Ended(ULONGLONG size_bytes);
     // Shut-down: those in line are forgotten.
     void Forget();

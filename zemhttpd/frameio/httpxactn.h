@@ -113,7 +113,7 @@ public:
     // reference of its own. Else null.
     ZemClient* InLine() const { return m_inLine; }
     void SetInLine(ZemClient* client) { m_inLine = client; }
-    // A frame write that stood at the write gate and need not ask there again.
+    // A frame write that stood at the write gate and may try again; true once.
     void SetLetIn() { m_letIn = true; }
     bool TakeLetIn() { return std::exchange(m_letIn, false); }
     // What of a frame write the media library was given.

@@ -204,7 +204,6 @@ HRESULT CHttpCommandHandler::DoCmdWriteFrame(const ZemCommand& command, const Fr
         const CZemClientRef client = turnHasCome ? CZemClientRef::Adopt(xaction.InLine())
                                                  : LookupClient(command.clientId, true);
         xaction.SetInLine(nullptr);
-        const bool letIn = xaction.TakeLetIn();
         if (!client) {
             ThrowError(scope, E_INVALIDARG, kSourceCmdHdlr, kLineUnknownClient, kUnknownClient,
                        command.clientId, command.transId);
@@ -223,7 +222,7 @@ HRESULT CHttpCommandHandler::DoCmdWriteFrame(const ZemCommand& command, const Fr
             }
         }
         CWriteTurn turn(*this, *client.Record());
-        if (!letIn && !EnterWriteGate(*client.Record(), command.clientId, xaction)) {
+        if (!EnterWriteGate(*client.Record(), command.clientId, xaction)) {
             turn.Dismiss();  // it keeps its turn; LeaveWriteGate continues it
             release = false;
             return S_FALSE;

@@ -203,10 +203,10 @@ void CHttpCommandHandler::ContinueWrite(CHttpXaction& xaction) {
 // Where no more may stand in line it goes on, and may find no frame memory.
 bool CHttpCommandHandler::EnterWriteGate(ZemClient& client, const WCHAR* clientId,
                                          CHttpXaction& xaction) {
-    if (m_writeGate.IsOpen()) return true;
-    if (m_writeGate.IsOpen(m_realTimeClient.Is(clientId))) return true;
+    const bool again = xaction.TakeLetIn();
+    if (m_writeGate.IsOpen(again) || m_writeGate.IsOpen(m_realTimeClient.Is(clientId))) return true;
     const bool room = m_writesInLine.fetch_add(1) < m_xactionPool->Count() / 2;
-    if (room && m_writeGate.StandInLine(xaction, client)) return false;
+    if (room && m_writeGate.StandInLine(xaction, client, again)) return false;
     m_writesInLine.fetch_sub(1);
     return true;
 }
