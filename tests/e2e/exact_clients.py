@@ -342,7 +342,7 @@ class RequestFrame(ExactCase):
                 continue
             reply = connection.request('POST', '/zem/', wide, struct.pack('<III', 7, code, 0))
             self.assert_generic(reply, 7, code, E_INVALIDARG)
-            shown = {FRAME_DESC2: 'GET_FRAME_DESC2'}.get(code, name)
+            shown = {FRAME_DESC2: 'GET_FRAME_DESC2', MARKS2: 'GET_FILE_MARKS2'}.get(code, name)
             lines = self.ledger.take(2 if self.tracing else 1)
             self.assertEqual(lines[0], 'scope 0x80070057 in CHttpCommandHandler::On_' + name)
             self.assertEqual(len(lines), 2 if self.tracing else 1, lines)

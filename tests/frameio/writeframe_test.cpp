@@ -359,9 +359,10 @@ TEST_F(WriteGate, WhoComesToItClosedAgainIsTheFirstInLine) {
     std::vector<const void*> channels, expected;
     for (const MediaCall& call : media.Calls("WriteFrame"))
         channels.push_back(call.self);
-    for (const WCHAR* clientId : {TEXT("client"), TEXT("a"), TEXT("b"), TEXT("c")})
-        expected.push_back(
-            static_cast<const CZemIo*>(server.LookupClient(clientId, false).Channel()));
+    for (const WCHAR* clientId : {TEXT("client"), TEXT("a"), TEXT("b"), TEXT("c")}) {
+        const CZemIo* channel = server.LookupClient(clientId, false).Channel();
+        expected.push_back(channel);
+    }
     EXPECT_EQ(channels, expected);
     ExpectAllHome();
 }
