@@ -21,8 +21,9 @@ struct CPacket {
 // packet of the caller's own only names an OVERLAPPED, be it one or not, and needs a place.
 class CPacketList {
 public:
-    // Places that are there from the beginning; what more are needed are made, and kept.
-    static constexpr size_t kReserve = 64;
+    // Places that are there from the beginning; what more are needed are made, and kept. A server
+    // with 1500 requests in work, each of which may be passed on to another thread, needs no more.
+    static constexpr size_t kReserve = 2048;
 
     CPacketList();
     ~CPacketList();

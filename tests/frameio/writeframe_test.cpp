@@ -287,7 +287,7 @@ protected:
     WriteGate() {
         for (const char* clientId : {"a", "b", "c"})
             Join(clientId);
-        access.WriteGate().SetLimit(2);
+        access.WriteGate().SetLimits(2, 1000, 1000);
         media.pendWrites = true;
     }
     ~WriteGate() override { media.CompletePending(); }
@@ -297,6 +297,10 @@ protected:
         return Run(given);
     }
     size_t Written() const { return media.Count("WriteFrame"); }
+    void Written(ULONGLONG size_bytes) {
+        access.WriteGate().Written(size_bytes);
+        server.LeaveWriteGate();
+    }
 };
 
 TEST_F(WriteGate, AWriteStandsThereWhileMuchIsUnwritten) {
@@ -314,7 +318,7 @@ TEST_F(WriteGate, AWriteStandsThereWhileMuchIsUnwritten) {
               1);
     EXPECT_EQ(media.CompletePending(), 1u);
     EXPECT_TRUE(access.WriteGate().IsOpen());
-    EXPECT_EQ(access.WritesInLine(), 0);
+    EXPECT_EQ(access.WriteGate().InLine(), 0);
     ExpectAllHome();
 }
 
@@ -322,44 +326,63 @@ TEST_F(WriteGate, ItsClientsNextWritesStandBehindIt) {
     EXPECT_EQ(WriteAs("client"), S_FALSE);
     EXPECT_EQ(WriteAs("a"), S_FALSE);
     EXPECT_EQ(WriteAs("a"), S_FALSE);
-    EXPECT_EQ(access.WritesInLine(), 2);
-    EXPECT_EQ(media.CompletePending(), 1u);
-    EXPECT_EQ(Written(), 2u) << "the second one finds the gate closed by the first";
-    EXPECT_EQ(media.CompletePending(), 1u);
-    EXPECT_EQ(Written(), 3u);
-    EXPECT_EQ(media.CompletePending(), 1u);
+    EXPECT_EQ(access.WriteGate().InLine(), 1);
+    EXPECT_EQ(access.WritesInLine(), 1);
+    for (size_t written = 1; written <= 3; ++written) {
+        EXPECT_EQ(Written(), written) << "the second one finds the gate closed by the first";
+        EXPECT_EQ(media.CompletePending(), 1u);
+    }
+    EXPECT_EQ(access.WriteGate().InLine(), 0);
     EXPECT_EQ(access.WritesInLine(), 0);
     ExpectAllHome();
 }
 
-TEST_F(WriteGate, TwoGoOnForOneThatIsWritten) {
+// Its client may be slow: then no other end would let anybody in.
+TEST_F(WriteGate, WhoGoesOnLetsTheNextInWhileThereIsRoom) {
     EXPECT_EQ(WriteAs("client"), S_FALSE);
     for (const char* clientId : {"a", "b", "c"})
         EXPECT_EQ(WriteAs(clientId), S_FALSE);
-    access.WriteGate().SetLimit(100);  // room for all of them
+    EXPECT_EQ(access.WriteGate().InLine(), 3);
+    access.WriteGate().SetLimits(100, 1000, 1000);
     EXPECT_EQ(media.CompletePending(), 1u);
-    EXPECT_EQ(Written(), 3u);
-    EXPECT_EQ(access.WritesInLine(), 1);
-    EXPECT_EQ(media.CompletePending(), 2u);
     EXPECT_EQ(Written(), 4u);
+    EXPECT_EQ(media.CompletePending(), 3u);
+    ExpectAllHome();
+}
+
+// Each keeps a transaction block.
+TEST_F(WriteGate, ManySmallWritesCloseItToo) {
+    access.WriteGate().SetLimits(1000, 1, 1000);
+    EXPECT_EQ(WriteAs("client"), S_FALSE);
+    EXPECT_EQ(WriteAs("a"), S_FALSE);
+    EXPECT_EQ(Written(), 2u) << "not before more than one is unwritten";
+    EXPECT_EQ(WriteAs("b"), S_FALSE);
+    EXPECT_EQ(Written(), 2u);
+    EXPECT_EQ(media.CompletePending(), 2u);
+    EXPECT_EQ(Written(), 3u);
     EXPECT_EQ(media.CompletePending(), 1u);
     ExpectAllHome();
 }
 
 TEST_F(WriteGate, WhoComesToItClosedAgainIsTheFirstInLine) {
-    EXPECT_EQ(WriteAs("client"), S_FALSE);
-    for (const char* clientId : {"a", "b", "c"})
+    access.RealTimeClient().Set(TEXT("b"));
+    access.WriteGate().SetLimits(4, 1000, 1000);
+    access.WriteGate().HandedOver(8);
+    for (const char* clientId : {"a", "c", "b"})
         EXPECT_EQ(WriteAs(clientId), S_FALSE);
-    for (size_t written = 1; written <= 4; ++written) {
-        EXPECT_EQ(Written(), written)
-            << "the second one that is let in finds it closed by the first";
-        EXPECT_EQ(access.WritesInLine(), static_cast<int>(4 - written));
-        EXPECT_EQ(media.CompletePending(), 1u);
-    }
+    Written(4);
+    EXPECT_EQ(Written(), 1u) << "beside the real-time client's the next one, which finds it closed";
+    EXPECT_EQ(access.WriteGate().InLine(), 2);
+    EXPECT_EQ(media.CompletePending(), 1u);
+    EXPECT_EQ(Written(), 2u);
+    EXPECT_EQ(media.CompletePending(), 1u);
+    EXPECT_EQ(Written(), 3u);
+    Written(4);
+    EXPECT_EQ(media.CompletePending(), 1u);
     std::vector<const void*> channels, expected;
     for (const MediaCall& call : media.Calls("WriteFrame"))
         channels.push_back(call.self);
-    for (const WCHAR* clientId : {TEXT("client"), TEXT("a"), TEXT("b"), TEXT("c")}) {
+    for (const WCHAR* clientId : {TEXT("b"), TEXT("a"), TEXT("c")}) {
         const CZemIo* channel = server.LookupClient(clientId, false).Channel();
         expected.push_back(channel);
     }
@@ -368,16 +391,16 @@ TEST_F(WriteGate, WhoComesToItClosedAgainIsTheFirstInLine) {
 }
 
 TEST_F(WriteGate, StaysClosedWhileTooMuchIsUnwritten) {
-    access.WriteGate().SetLimit(5);
+    access.WriteGate().SetLimits(5, 1000, 1000);
     EXPECT_EQ(WriteAs("client"), S_FALSE);
     EXPECT_EQ(WriteAs("a"), S_FALSE);
     EXPECT_EQ(WriteAs("b"), S_FALSE);
     EXPECT_EQ(Written(), 2u);
-    access.WriteGate().SetLimit(2);  // so that three bytes that are left are too many
+    access.WriteGate().SetLimits(2, 1000, 1000);  // so that three bytes that are left are too many
     access.WriteGate().HandedOver(3);
     EXPECT_EQ(media.CompletePending(), 2u);
     EXPECT_EQ(Written(), 2u);
-    server.LeaveWriteGate(3);
+    Written(3);
     EXPECT_EQ(Written(), 3u);
     EXPECT_EQ(media.CompletePending(), 1u);
     ExpectAllHome();
@@ -392,7 +415,7 @@ TEST_F(WriteGate, AWriteThatFailsLetsTheNextIn) {
     EXPECT_EQ(media.CompletePending(), 1u);
     EXPECT_EQ(Written(), 2u);
     EXPECT_EQ(media.CompletePending(), 1u);
-    EXPECT_EQ(access.WritesInLine(), 0);
+    EXPECT_EQ(access.WriteGate().InLine(), 0);
     EXPECT_EQ(Pool().FreeCount(), kBlocks);
     ExpectKept(2);
 }
@@ -407,9 +430,9 @@ TEST_F(WriteGate, AClientThatLeavesIsKeptForItsWrite) {
     ExpectAllHome();
 }
 
-TEST_F(WriteGate, TheRealTimeClientIsNotHeldUpByOthers) {
+TEST_F(WriteGate, TheRealTimeClientGoesBeforeOthers) {
     access.RealTimeClient().Set(TEXT("b"));
-    access.WriteGate().SetLimit(4);
+    access.WriteGate().SetLimits(4, 1000, 1000);
     access.WriteGate().HandedOver(4);
     EXPECT_EQ(WriteAs("a"), S_FALSE);
     EXPECT_EQ(Written(), 0u) << "three are as many as others may find";
@@ -417,8 +440,11 @@ TEST_F(WriteGate, TheRealTimeClientIsNotHeldUpByOthers) {
     EXPECT_EQ(Written(), 1u);
     EXPECT_EQ(WriteAs("b"), S_FALSE);
     EXPECT_EQ(Written(), 1u) << "seven are too many for anybody";
-    server.LeaveWriteGate(4);
-    EXPECT_EQ(Written(), 2u) << "the one that came first";
+    Written(4);
+    EXPECT_EQ(Written(), 2u);
+    const void* const channel =
+        static_cast<const CZemIo*>(server.LookupClient(TEXT("b"), false).Channel());
+    EXPECT_EQ(media.Calls("WriteFrame")[1].self, channel) << "it came later and stood before";
     EXPECT_EQ(media.CompletePending(), 2u);
     EXPECT_EQ(Written(), 3u);
     EXPECT_EQ(media.CompletePending(), 1u);
@@ -427,33 +453,41 @@ TEST_F(WriteGate, TheRealTimeClientIsNotHeldUpByOthers) {
 
 // Else a real-time client that writes as fast as it can would keep others out for ever.
 TEST_F(WriteGate, WhoStandsInLineGoesOnWhereWhoComesWouldNot) {
-    access.WriteGate().SetLimit(4);
+    access.WriteGate().SetLimits(4, 1000, 1000);
     access.WriteGate().HandedOver(8);
     EXPECT_EQ(WriteAs("a"), S_FALSE);
     EXPECT_EQ(WriteAs("b"), S_FALSE);
-    server.LeaveWriteGate(4);
+    Written(4);
     EXPECT_EQ(Written(), 1u) << "one for one";
     EXPECT_EQ(WriteAs("c"), S_FALSE);
     EXPECT_EQ(Written(), 1u);
-    server.LeaveWriteGate(4);
+    Written(4);
     EXPECT_EQ(Written(), 2u) << "the second one of two finds it closed by the first";
-    EXPECT_EQ(access.WritesInLine(), 1);
+    EXPECT_EQ(access.WriteGate().InLine(), 1);
     EXPECT_EQ(media.CompletePending(), 2u);
     EXPECT_EQ(Written(), 3u);
     EXPECT_EQ(media.CompletePending(), 1u);
     ExpectAllHome();
 }
 
-// Half of the blocks are left for others: then a write goes on, come what may.
-TEST_F(WriteGate, WhereNoMoreMayStandItIsNotAskedFor) {
+// The other blocks are for everybody.
+TEST_F(WriteGate, BeyondItsPlacesAWriteIsDropped) {
+    access.WriteGate().SetLimits(2, 1000, 1);
     EXPECT_EQ(WriteAs("client"), S_FALSE);
-    access.WritesInLine() = kBlocks / 2;
     EXPECT_EQ(WriteAs("a"), S_FALSE);
+    EXPECT_EQ(WriteAs("b"), S_OK);
+    ExpectImmediateReply();
+    EXPECT_EQ(log.Error(TEXT("b: Dropping WriteFrame, request pos 5; too many writes wait for "
+                             "their turn, transId 4711"))
+                  .hr,
+              kNoResources);
+    EXPECT_EQ(media.CompletePending(), 1u);
     EXPECT_EQ(Written(), 2u);
-    EXPECT_EQ(access.WritesInLine(), kBlocks / 2);
-    access.WritesInLine() = 0;
-    EXPECT_EQ(media.CompletePending(), 2u);
-    ExpectAllHome();
+    EXPECT_EQ(WriteAs("b"), S_FALSE) << "its turn is free again";
+    EXPECT_EQ(media.CompletePending(), 1u);
+    EXPECT_EQ(media.CompletePending(), 1u);
+    EXPECT_EQ(Written(), 3u);
+    ExpectKept(0);
 }
 
 TEST_F(WriteFrame, AnUnknownClientGetsTheOrdinaryReply) {

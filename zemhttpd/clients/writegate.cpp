@@ -1,7 +1,6 @@
 // Which frame writes begin while others are on their way to the device.
 #include "zemhttpd/clients/writegate.h"
 
-#include "zemhttpd/clients/clienttable.h"
 #include "zemhttpd/frameio/httpxactn.h"
 #include "zemhttpd/server/sectionguard.h"
 
@@ -19,43 +18,49 @@ CWriteGate::~CWriteGate() {
     DeleteCriticalSection(&m_lock);
 }
 
-// Who comes is counted before it looks at the bytes once more, and who ends takes its bytes away
-// before it looks at the count: one of the two sees the other. The gate is closed only while bytes
-// are unwritten, so somebody still ends after whoever stands in line.
-bool CWriteGate::StandInLine(CHttpXaction& xaction, ZemClient& client, bool again) {
+// Who comes is counted before it looks at what is unwritten once more, and who ends takes its own
+// away before it looks at the count: one of the two sees the other. The gate is closed only while
+// something is unwritten, so somebody still ends after whoever stands in line.
+ZemClient::ETurn CWriteGate::StandInLine(CHttpXaction& xaction, ZemClient& client, bool ahead,
+                                         bool again) {
     const CSectionGuard guard(m_lock);
-    m_inLine.fetch_add(1);
-    if (IsOpen(again)) {
+    if (m_inLine.fetch_add(1) >= m_places && !again) {
         m_inLine.fetch_sub(1);
-        return false;
+        return ZemClient::ETurn::LineIsFull;
+    }
+    if (IsOpen(ahead || again)) {
+        m_inLine.fetch_sub(1);
+        return ZemClient::ETurn::Mine;
     }
     client.AddRef();
     xaction.SetInLine(&client);
-    xaction.nextInLine = again ? m_first : nullptr;
-    if (again)
+    xaction.SetAhead(ahead);
+    const bool first = ahead || again;
+    xaction.nextInLine = first ? m_first : nullptr;
+    if (first)
         m_first = &xaction;
     else
         (m_last ? m_last->nextInLine : m_first) = &xaction;
     if (!xaction.nextInLine) m_last = &xaction;
-    return true;
+    return ZemClient::ETurn::InLine;
 }
 
-CHttpXaction* CWriteGate::Ended(ULONGLONG size_bytes) {
-    m_unwritten_bytes.fetch_sub(size_bytes);
+CHttpXaction* CWriteGate::Ended() {
     if (m_inLine.load() == 0) return nullptr;
     const CSectionGuard guard(m_lock);
     if (!m_first || !IsOpen(true)) return nullptr;
-    const int most = IsOpen() ? 2 : 1;
+    int most = IsOpen() ? 2 : 1;
+    if (m_first->Ahead()) ++most;
     CHttpXaction* const first = m_first;
-    CHttpXaction* last = first;
-    int count = 1;
-    for (; count < most && last->nextInLine; ++count)
-        last = last->nextInLine;
-    for (CHttpXaction* each = first; each != last->nextInLine; each = each->nextInLine)
-        each->SetLetIn();
-    m_first = last->nextInLine;
-    if (!m_first) m_last = nullptr;
+    CHttpXaction* last = nullptr;
+    int count = 0;
+    for (; count < most && m_first; ++count) {
+        last = m_first;
+        last->SetLetIn();
+        m_first = last->nextInLine;
+    }
     last->nextInLine = nullptr;
+    if (!m_first) m_last = nullptr;
     m_inLine.fetch_sub(count);
     return first;
 }

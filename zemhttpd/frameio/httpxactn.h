@@ -116,8 +116,11 @@ public:
     // A frame write that stood at the write gate and may try again; true once.
     void SetLetIn() { m_letIn = true; }
     bool TakeLetIn() { return std::exchange(m_letIn, false); }
-    // What of a frame write the media library was given.
-    ULONGLONG HandedOver_bytes() const { return m_handedOver_bytes; }
+    // Of a write at the gate: it is the real-time client's.
+    bool Ahead() const { return m_ahead; }
+    void SetAhead(bool ahead) { m_ahead = ahead; }
+    // What of a frame write the media library was given; given once.
+    ULONGLONG TakeHandedOver_bytes() { return std::exchange(m_handedOver_bytes, 0); }
     void SetHandedOver(ULONGLONG size_bytes) { m_handedOver_bytes = size_bytes; }
     // How much of the request buffer a reset has to clear: all of it, unless the completion of the
     // receive told what it wrote; then whoever writes further says so.
@@ -154,6 +157,7 @@ private:
     ULONG m_written_bytes = kRequestBuffer_bytes;  // of the request buffer; the rest is zero
     ZemClient* m_inLine = nullptr;
     bool m_letIn = false;
+    bool m_ahead = false;
     ULONGLONG m_handedOver_bytes = 0;
 
 public:

@@ -94,10 +94,9 @@ private:
 // The way through the write gate, left when the write has failed or is written.
 class CGatePass {
 public:
-    explicit CGatePass(CHttpCommandHandler& handler, ULONGLONG handedOver_bytes = 0)
-        : m_handler(&handler), m_handedOver_bytes(handedOver_bytes) {}
+    explicit CGatePass(CHttpCommandHandler& handler) : m_handler(&handler) {}
     ~CGatePass() {
-        if (m_handler) m_handler->LeaveWriteGate(m_handedOver_bytes);
+        if (m_handler) m_handler->LeaveWriteGate();
     }
     CGatePass(const CGatePass&) = delete;
     CGatePass& operator=(const CGatePass&) = delete;
@@ -105,8 +104,15 @@ public:
 
 private:
     CHttpCommandHandler* m_handler;
-    const ULONGLONG m_handedOver_bytes;
 };
+
+[[noreturn]] void DropBehindFullLine(CZemEntry& scope, const ZemCommand& command,
+                                     const FrameRequest& request) {
+    ThrowError(scope, kNoResources, kSourceCmdHdlr, kLineLineIsFull,
+               TEXT("%s: Dropping WriteFrame, request pos %u; too many writes wait for their turn, "
+                    "transId %u"),
+               command.clientId, request.position, command.transId);
+}
 
 // Marks an answered write as on its way to the media library, until that has it.
 class CHandOverMark {
@@ -210,19 +216,16 @@ HRESULT CHttpCommandHandler::DoCmdWriteFrame(const ZemCommand& command, const Fr
         }
         if (!turnHasCome) {
             const ZemClient::ETurn turn = TakeWriteTurn(*client.Record(), xaction);
-            if (turn == ZemClient::ETurn::LineIsFull) {
-                ThrowError(scope, kNoResources, kSourceCmdHdlr, kLineLineIsFull,
-                           TEXT("%s: Dropping WriteFrame, request pos %u; too many writes wait "
-                                "for their turn, transId %u"),
-                           command.clientId, request.position, command.transId);
-            }
+            if (turn == ZemClient::ETurn::LineIsFull) DropBehindFullLine(scope, command, request);
             if (turn == ZemClient::ETurn::InLine) {  // PassWriteTurn continues it
                 release = false;
                 return S_FALSE;
             }
         }
         CWriteTurn turn(*this, *client.Record());
-        if (!EnterWriteGate(*client.Record(), command.clientId, xaction)) {
+        const ZemClient::ETurn gate = EnterWriteGate(*client.Record(), command.clientId, xaction);
+        if (gate == ZemClient::ETurn::LineIsFull) DropBehindFullLine(scope, command, request);
+        if (gate == ZemClient::ETurn::InLine) {
             turn.Dismiss();  // it keeps its turn; LeaveWriteGate continues it
             release = false;
             return S_FALSE;
@@ -394,7 +397,8 @@ void CHttpCommandHandler::WriteFrameDoneApc(void* frameXaction) {
         CHttpCommandHandler& handler = *frame->owner;
         const CFrameIoEnd end(*frame, *handler.m_framePool, *handler.m_xactionPool);
         CHttpXaction& xaction = *frame->httpXaction;
-        const CGatePass pass(handler, xaction.HandedOver_bytes());
+        handler.m_writeGate.Written(xaction.TakeHandedOver_bytes());
+        const CGatePass pass(handler);
         CZemHttpdXactionTimer& timer = xaction.Timer();
         timer.MarkStage(kStageBeginIoCompletion);
         if (handler.Tracing()) {

@@ -49,14 +49,17 @@ public:
     static unsigned WINAPI HttpRequestHandler(void* server);
     // Processes the request and, unless it went on asynchronously, gives its block back.
     void FinishRequest(CHttpXaction& xaction);
-    // Writes stand in line in at most half of the transaction blocks: the rest is for everybody.
+    // Writes stand in their clients' lines in at most half of the transaction blocks, at the gate
+    // in a quarter, and a sixth is of writes that are answered and not yet written: the rest is for
+    // everybody.
     ZemClient::ETurn TakeWriteTurn(ZemClient& client, CHttpXaction& xaction);
     void PassWriteTurn(ZemClient& client);
-    // False: the write, which has its client's turn, stands at the gate and is somebody else's by
-    // now. True: it goes on, and what becomes of it ends with LeaveWriteGate.
-    bool EnterWriteGate(ZemClient& client, const WCHAR* clientId, CHttpXaction& xaction);
+    // Of a write that has its client's turn. InLine: it stands at the gate and is somebody else's
+    // by now. Mine: it goes on, and what becomes of it ends with LeaveWriteGate.
+    ZemClient::ETurn EnterWriteGate(ZemClient& client, const WCHAR* clientId,
+                                    CHttpXaction& xaction);
     void HandOverWrite(CHttpXaction& xaction, ULONGLONG size_bytes);  // right before it is issued
-    void LeaveWriteGate(ULONGLONG handedOver_bytes);
+    void LeaveWriteGate();
 
     // --- request assembly and dispatch (server/dispatch.cpp), worker threads ---
     // S_FALSE exactly when the handler went asynchronous: the block is its completion's then.
@@ -176,6 +179,7 @@ private:
     // Steps of Initialize and Shutdown; the former throw through Initialize's scope.
     void CreateRequestQueue(CZemEntry& scope);
     void ReadMode();
+    int XactionCount() const;
     void CreatePortAndAllocator(CZemEntry& scope);
     void RegisterUrls(CZemEntry& scope);
     void ReadIdentity();

@@ -79,8 +79,7 @@ HRESULT CHttpCommandHandler::Initialize() {
         ReadIdentity();
         m_xactionPool = new (std::nothrow) CHttpXactionPool;
         if (!m_xactionPool) scope = E_OUTOFMEMORY;
-        scope =
-            m_xactionPool->Init(this, FileServerMode() ? kFileServerXactions : kOrdinaryXactions);
+        scope = m_xactionPool->Init(this, XactionCount());
         scope = InitRequestThreadPool();
         StartThreads(scope);
     } catch (...) {
@@ -120,6 +119,10 @@ void CHttpCommandHandler::ReadMode() {
     }
 }
 
+int CHttpCommandHandler::XactionCount() const {
+    return FileServerMode() ? kFileServerXactions : kOrdinaryXactions;
+}
+
 void CHttpCommandHandler::CreatePortAndAllocator(CZemEntry& scope) {
     m_completionPort = CreateIoCompletionPort(
         m_requestQueue, nullptr, reinterpret_cast<ULONG_PTR>(this), ConcurrentWorkers());
@@ -137,7 +140,8 @@ void CHttpCommandHandler::CreatePortAndAllocator(CZemEntry& scope) {
                    TEXT("Error initializing ZEM IO memory allocator (size requested %u bytes)"),
                    size_bytes);
     }
-    m_writeGate.SetLimit(size_bytes / 2);
+    const int xactions = XactionCount();
+    m_writeGate.SetLimits(size_bytes / 2, xactions / 6, xactions / 4);
 }
 
 void CHttpCommandHandler::RegisterUrls(CZemEntry& scope) {

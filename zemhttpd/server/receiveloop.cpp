@@ -189,26 +189,31 @@ ZemClient::ETurn CHttpCommandHandler::TakeWriteTurn(ZemClient& client, CHttpXact
 }
 
 void CHttpCommandHandler::PassWriteTurn(ZemClient& client) {
-    if (CHttpXaction* const next = client.PassTurn()) ContinueWrite(*next);
+    CHttpXaction* const next = client.PassTurn();
+    if (!next) return;
+    m_writesInLine.fetch_sub(1);
+    ContinueWrite(*next);
 }
 
 // Lets a write that stood in line be processed, by whichever worker is free.
 void CHttpCommandHandler::ContinueWrite(CHttpXaction& xaction) {
-    m_writesInLine.fetch_sub(1);
     const BOOL posted = PostQueuedCompletionStatus(
         m_completionPort, 0, reinterpret_cast<ULONG_PTR>(this), xaction.Overlapped());
     if (!posted) FinishRequest(xaction);  // without memory for the packet: here and now
 }
 
-// Where no more may stand in line it goes on, and may find no frame memory.
-bool CHttpCommandHandler::EnterWriteGate(ZemClient& client, const WCHAR* clientId,
-                                         CHttpXaction& xaction) {
+ZemClient::ETurn CHttpCommandHandler::EnterWriteGate(ZemClient& client, const WCHAR* clientId,
+                                                     CHttpXaction& xaction) {
     const bool again = xaction.TakeLetIn();
-    if (m_writeGate.IsOpen(again) || m_writeGate.IsOpen(m_realTimeClient.Is(clientId))) return true;
-    const bool room = m_writesInLine.fetch_add(1) < m_xactionPool->Count() / 2;
-    if (room && m_writeGate.StandInLine(xaction, client, again)) return false;
-    m_writesInLine.fetch_sub(1);
-    return true;
+    if (!m_writeGate.IsOpen(again)) {
+        const bool realTime = m_realTimeClient.Is(clientId);
+        if (!m_writeGate.IsOpen(realTime)) {
+            const ZemClient::ETurn turn = m_writeGate.StandInLine(xaction, client, realTime, again);
+            if (turn != ZemClient::ETurn::Mine) return turn;
+        }
+    }
+    if (again && m_writeGate.IsOpen()) LeaveWriteGate();
+    return ZemClient::ETurn::Mine;
 }
 
 void CHttpCommandHandler::HandOverWrite(CHttpXaction& xaction, ULONGLONG size_bytes) {
@@ -216,8 +221,8 @@ void CHttpCommandHandler::HandOverWrite(CHttpXaction& xaction, ULONGLONG size_by
     m_writeGate.HandedOver(size_bytes);
 }
 
-void CHttpCommandHandler::LeaveWriteGate(ULONGLONG handedOver_bytes) {
-    CHttpXaction* next = m_writeGate.Ended(handedOver_bytes);
+void CHttpCommandHandler::LeaveWriteGate() {
+    CHttpXaction* next = m_writeGate.Ended();
     while (next) {
         CHttpXaction& xaction = *next;
         next = xaction.nextInLine;  // before it is somebody else's
