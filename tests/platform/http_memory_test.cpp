@@ -102,7 +102,7 @@ TEST(NoMemory, APacketOfOnesOwnIsRefused) {
     const auto fill = [&] {
         const CNoMemory none;
         DWORD posted = 0;
-        while (posted < 1000 && PostQueuedCompletionStatus(port, posted, 1, nullptr))
+        while (posted < 10000 && PostQueuedCompletionStatus(port, posted, 1, nullptr))
             ++posted;
         EXPECT_EQ(GetLastError(), DWORD{ERROR_NOT_ENOUGH_MEMORY});
         return posted;
@@ -110,8 +110,8 @@ TEST(NoMemory, APacketOfOnesOwnIsRefused) {
     DWORD bytes = 0;
     ULONG_PTR key = 0;
     OVERLAPPED* overlapped = nullptr;
-    // One for each thread that can be waited for, and later the one that was made meanwhile.
-    for (const DWORD places : {64u, 65u}) {
+    // As many as there are from the beginning, and later the one that was made meanwhile.
+    for (const DWORD places : {2048u, 2049u}) {
         ASSERT_EQ(fill(), places);
         EXPECT_TRUE(PostQueuedCompletionStatus(port, 4711, 2, nullptr)) << "with memory again";
         for (DWORD i = 0; i < places; ++i) {
