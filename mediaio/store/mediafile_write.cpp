@@ -83,13 +83,12 @@ void CMediaFile::Append(WriteItem& item) {
     *m_queueEnd = &item;
     m_queueEnd = &item.next;
     ++m_appended;
-    const bool realTime = item.realTime;  // before it is somebody else's
     Pump(hold);
     const bool deep = m_appended - m_finished >= kBatchItems / 2;
     hold.unlock();
     // On a processor that both share, who brings frames would run until its memory is full, and
     // what is written then has left the processor's caches: who writes goes first.
-    if (deep && !realTime) std::this_thread::yield();
+    if (deep) std::this_thread::yield();
 }
 
 // One sync at a time, because the system tells of a failure once, to one of those who ask at the
