@@ -287,7 +287,7 @@ protected:
     WriteGate() {
         for (const char* clientId : {"a", "b", "c"})
             Join(clientId);
-        access.WriteGate().SetLimits(2, 1000, 1000);
+        access.WriteGate().SetLimits(2, 1000);
         media.pendWrites = true;
     }
     ~WriteGate() override { media.CompletePending(); }
@@ -343,7 +343,7 @@ TEST_F(WriteGate, WhoGoesOnLetsTheNextInWhileThereIsRoom) {
     for (const char* clientId : {"a", "b", "c"})
         EXPECT_EQ(WriteAs(clientId), S_FALSE);
     EXPECT_EQ(access.WriteGate().InLine(), 3);
-    access.WriteGate().SetLimits(100, 1000, 1000);
+    access.WriteGate().SetLimits(100, 1000);
     EXPECT_EQ(media.CompletePending(), 1u);
     EXPECT_EQ(Written(), 4u);
     EXPECT_EQ(media.CompletePending(), 3u);
@@ -352,7 +352,7 @@ TEST_F(WriteGate, WhoGoesOnLetsTheNextInWhileThereIsRoom) {
 
 // Each keeps a transaction block.
 TEST_F(WriteGate, ManySmallWritesCloseItToo) {
-    access.WriteGate().SetLimits(1000, 1, 1000);
+    access.WriteGate().SetLimits(1000, 1);
     EXPECT_EQ(WriteAs("client"), S_FALSE);
     EXPECT_EQ(WriteAs("a"), S_FALSE);
     EXPECT_EQ(Written(), 2u) << "not before more than one is unwritten";
@@ -366,7 +366,7 @@ TEST_F(WriteGate, ManySmallWritesCloseItToo) {
 
 TEST_F(WriteGate, WhoComesToItClosedAgainIsTheFirstInLine) {
     access.RealTimeClient().Set(TEXT("b"));
-    access.WriteGate().SetLimits(4, 1000, 1000);
+    access.WriteGate().SetLimits(4, 1000);
     access.WriteGate().HandedOver(8);
     for (const char* clientId : {"a", "c", "b"})
         EXPECT_EQ(WriteAs(clientId), S_FALSE);
@@ -391,12 +391,12 @@ TEST_F(WriteGate, WhoComesToItClosedAgainIsTheFirstInLine) {
 }
 
 TEST_F(WriteGate, StaysClosedWhileTooMuchIsUnwritten) {
-    access.WriteGate().SetLimits(5, 1000, 1000);
+    access.WriteGate().SetLimits(5, 1000);
     EXPECT_EQ(WriteAs("client"), S_FALSE);
     EXPECT_EQ(WriteAs("a"), S_FALSE);
     EXPECT_EQ(WriteAs("b"), S_FALSE);
     EXPECT_EQ(Written(), 2u);
-    access.WriteGate().SetLimits(2, 1000, 1000);  // so that three bytes that are left are too many
+    access.WriteGate().SetLimits(2, 1000);  // so that three bytes that are left are too many
     access.WriteGate().HandedOver(3);
     EXPECT_EQ(media.CompletePending(), 2u);
     EXPECT_EQ(Written(), 2u);
@@ -432,7 +432,7 @@ TEST_F(WriteGate, AClientThatLeavesIsKeptForItsWrite) {
 
 TEST_F(WriteGate, TheRealTimeClientGoesBeforeOthers) {
     access.RealTimeClient().Set(TEXT("b"));
-    access.WriteGate().SetLimits(4, 1000, 1000);
+    access.WriteGate().SetLimits(4, 1000);
     access.WriteGate().HandedOver(4);
     EXPECT_EQ(WriteAs("a"), S_FALSE);
     EXPECT_EQ(Written(), 0u) << "three are as many as others may find";
@@ -453,7 +453,7 @@ TEST_F(WriteGate, TheRealTimeClientGoesBeforeOthers) {
 
 // Else a real-time client that writes as fast as it can would keep others out for ever.
 TEST_F(WriteGate, WhoStandsInLineGoesOnWhereWhoComesWouldNot) {
-    access.WriteGate().SetLimits(4, 1000, 1000);
+    access.WriteGate().SetLimits(4, 1000);
     access.WriteGate().HandedOver(8);
     EXPECT_EQ(WriteAs("a"), S_FALSE);
     EXPECT_EQ(WriteAs("b"), S_FALSE);
@@ -472,8 +472,9 @@ TEST_F(WriteGate, WhoStandsInLineGoesOnWhereWhoComesWouldNot) {
 
 // The other blocks are for everybody.
 TEST_F(WriteGate, BeyondItsPlacesAWriteIsDropped) {
-    access.WriteGate().SetLimits(2, 1000, 1);
+    access.WriteGate().SetLimits(2, 1000);
     EXPECT_EQ(WriteAs("client"), S_FALSE);
+    access.WritesInLine() = kBlocks * 3 / 4 - 1;  // in lines of others
     EXPECT_EQ(WriteAs("a"), S_FALSE);
     EXPECT_EQ(WriteAs("b"), S_OK);
     ExpectImmediateReply();
@@ -481,6 +482,7 @@ TEST_F(WriteGate, BeyondItsPlacesAWriteIsDropped) {
                              "their turn, transId 4711"))
                   .hr,
               kNoResources);
+    access.WritesInLine() = 0;
     EXPECT_EQ(media.CompletePending(), 1u);
     EXPECT_EQ(Written(), 2u);
     EXPECT_EQ(WriteAs("b"), S_FALSE) << "its turn is free again";

@@ -435,7 +435,7 @@ TEST_F(ReceiveLoop, ShutdownForgetsWritesInLine) {
 TEST_F(ReceiveLoop, ShutdownForgetsWritesAtTheGate) {
     Join();
     Join("other");
-    access.WriteGate().SetLimits(0, 0, 1000);
+    access.WriteGate().SetLimits(0, 0);
     access.WriteGate().HandedOver(1);
     CHttpXaction& xaction = Take();
     RequestSpec given = OneByteWrite(3);

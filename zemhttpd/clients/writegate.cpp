@@ -21,10 +21,10 @@ CWriteGate::~CWriteGate() {
 // Who comes is counted before it looks at what is unwritten once more, and who ends takes its own
 // away before it looks at the count: one of the two sees the other. The gate is closed only while
 // something is unwritten, so somebody still ends after whoever stands in line.
-ZemClient::ETurn CWriteGate::StandInLine(CHttpXaction& xaction, ZemClient& client, bool ahead,
-                                         bool again) {
+ZemClient::ETurn CWriteGate::StandInLine(CHttpXaction& xaction, ZemClient& client, int places,
+                                         bool ahead, bool again) {
     const CSectionGuard guard(m_lock);
-    if (m_inLine.fetch_add(1) >= m_places && !again) {
+    if (m_inLine.fetch_add(1) >= places && !again) {
         m_inLine.fetch_sub(1);
         return ZemClient::ETurn::LineIsFull;
     }

@@ -23,10 +23,9 @@ public:
     CWriteGate& operator=(const CWriteGate&) = delete;
 
     // Before the first write.
-    void SetLimits(ULONGLONG unwritten_bytes, int unwritten, int places) {
+    void SetLimits(ULONGLONG unwritten_bytes, int unwritten) {
         m_limit_bytes = unwritten_bytes;
         m_limit = unwritten;
-        m_places = places;
     }
     // Whoever comes stops a quarter below the limits. The rest is for those ahead: the real-time
     // client, and who stood in line already.
@@ -38,9 +37,10 @@ public:
     }
 
     // InLine: the write stands there, with a reference to its client's record, and is somebody
-    // else's by now; `ahead`, before all others. LineIsFull: all places are taken, which one that
+    // else's by now; `ahead`, before all others. LineIsFull: all `places` are taken, which one that
     // stood there before is not told. Mine: the gate is open.
-    ZemClient::ETurn StandInLine(CHttpXaction& xaction, ZemClient& client, bool ahead, bool again);
+    ZemClient::ETurn StandInLine(CHttpXaction& xaction, ZemClient& client, int places, bool ahead,
+                                 bool again);
     int InLine() const { return m_inLine.load(); }
     void HandedOver(ULONGLONG size_bytes) {
         m_unwritten_bytes.fetch_add(size_bytes);
@@ -61,7 +61,6 @@ public:
 private:
     ULONGLONG m_limit_bytes = ~0ull;
     int m_limit = 0x7FFFFFFF;
-    int m_places = 0x7FFFFFFF;
     std::atomic<ULONGLONG> m_unwritten_bytes{0};
     std::atomic<int> m_unwritten{0};
     std::atomic<int> m_inLine{0};  // changed with the lock held

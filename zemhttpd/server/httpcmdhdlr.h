@@ -49,9 +49,9 @@ public:
     static unsigned WINAPI HttpRequestHandler(void* server);
     // Processes the request and, unless it went on asynchronously, gives its block back.
     void FinishRequest(CHttpXaction& xaction);
-    // Writes stand in their clients' lines in at most half of the transaction blocks, at the gate
-    // in a quarter, and a sixth is of writes that are answered and not yet written: the rest is for
-    // everybody.
+    // Writes stand in their clients' lines in at most half of the transaction blocks, in these and
+    // at the gate in three quarters, and a sixth is of writes that are answered and not yet
+    // written: the rest is for everybody.
     ZemClient::ETurn TakeWriteTurn(ZemClient& client, CHttpXaction& xaction);
     void PassWriteTurn(ZemClient& client);
     // Of a write that has its client's turn. InLine: it stands at the gate and is somebody else's

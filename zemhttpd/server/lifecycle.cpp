@@ -140,8 +140,7 @@ void CHttpCommandHandler::CreatePortAndAllocator(CZemEntry& scope) {
                    TEXT("Error initializing ZEM IO memory allocator (size requested %u bytes)"),
                    size_bytes);
     }
-    const int xactions = XactionCount();
-    m_writeGate.SetLimits(size_bytes / 2, xactions / 6, xactions / 4);
+    m_writeGate.SetLimits(size_bytes / 2, XactionCount() / 6);
 }
 
 void CHttpCommandHandler::RegisterUrls(CZemEntry& scope) {

@@ -182,7 +182,9 @@ void CHttpCommandHandler::FinishRequest(CHttpXaction& xaction) {
 }
 
 ZemClient::ETurn CHttpCommandHandler::TakeWriteTurn(ZemClient& client, CHttpXaction& xaction) {
-    const bool room = m_writesInLine.fetch_add(1) < m_xactionPool->Count() / 2;
+    const int count = m_xactionPool->Count();
+    const int inLine = m_writesInLine.fetch_add(1);
+    const bool room = inLine < count / 2 && inLine + m_writeGate.InLine() < count * 3 / 4;
     const ZemClient::ETurn turn = client.TakeTurn(xaction, room);
     if (turn != ZemClient::ETurn::InLine) m_writesInLine.fetch_sub(1);
     return turn;
@@ -208,7 +210,9 @@ ZemClient::ETurn CHttpCommandHandler::EnterWriteGate(ZemClient& client, const WC
     if (!m_writeGate.IsOpen(again)) {
         const bool realTime = m_realTimeClient.Is(clientId);
         if (!m_writeGate.IsOpen(realTime)) {
-            const ZemClient::ETurn turn = m_writeGate.StandInLine(xaction, client, realTime, again);
+            const int places = m_xactionPool->Count() * 3 / 4 - m_writesInLine.load();
+            const ZemClient::ETurn turn =
+                m_writeGate.StandInLine(xaction, client, places, realTime, again);
             if (turn != ZemClient::ETurn::Mine) return turn;
         }
     }
