@@ -304,20 +304,27 @@ RequestSpec OneByteWrite(DWORD position) {
     return given;
 }
 
+// Keeps the first write in the library's hands until it may go on; notes the positions written.
+struct CHeldWrite {
+    explicit CHeldWrite(CFakeMedia& media) {
+        media.onWriteFrame = [this](CZemChannelIo&, ZemIoDesc& desc) -> HRESULT {
+            if (written.empty()) {
+                inLibrary.count_down();
+                goOn.wait();
+            }
+            written.push_back(desc.streamData->entries[0].position);
+            return S_OK;
+        };
+    }
+    std::latch inLibrary{1}, goOn{1};
+    std::vector<DWORD> written;
+};
+
 // While one write of a client is in the library's hands, others of it stand in line and hold up no
 // worker; then they are written in the order in which they came.
 TEST_F(ReceiveLoop, WritesOfOneClientStandInLineAndHoldUpNobody) {
     Join();
-    std::latch inLibrary(1), goOn(1);
-    std::vector<DWORD> written;
-    media.onWriteFrame = [&](CZemChannelIo&, ZemIoDesc& desc) -> HRESULT {
-        if (written.empty()) {
-            inLibrary.count_down();
-            goOn.wait();
-        }
-        written.push_back(desc.streamData->entries[0].position);
-        return S_OK;
-    };
+    CHeldWrite held(media);
     ASSERT_EQ(server.InitRequestThreadPool(), S_OK);
     const auto deliver = [&](const RequestSpec& given) {
         CHttpXaction& xaction = Take();
@@ -327,7 +334,7 @@ TEST_F(ReceiveLoop, WritesOfOneClientStandInLineAndHoldUpNobody) {
     const CZemClientRef client = server.LookupClient(TEXT("client"), false);
     const ULONGLONG requests = client.Record()->requestCount;
     deliver(OneByteWrite(0));
-    inLibrary.wait();
+    held.inLibrary.wait();
     for (DWORD position = 1; position <= 4; ++position) {
         deliver(OneByteWrite(position));
         system.WaitUntilIdle(3);
@@ -339,9 +346,9 @@ TEST_F(ReceiveLoop, WritesOfOneClientStandInLineAndHoldUpNobody) {
     deliver(other);
     system.WaitUntilIdle(3);
     EXPECT_EQ(http.SentCount(), answered + 1) << "served although five writes are under way";
-    goOn.count_down();
+    held.goOn.count_down();
     system.WaitUntilIdle(4);
-    EXPECT_EQ(written, (std::vector<DWORD>{0, 1, 2, 3, 4}));
+    EXPECT_EQ(held.written, (std::vector<DWORD>{0, 1, 2, 3, 4}));
     EXPECT_EQ(http.SentCount(), answered + 5) << "four writes and the other client";
     EXPECT_EQ(client.Record()->requestCount, requests + 10) << "each counted twice, as ever";
     EXPECT_EQ(client.Channel()->Counters().realTimeIoMsgs, 5u);
@@ -353,30 +360,21 @@ TEST_F(ReceiveLoop, WritesOfOneClientStandInLineAndHoldUpNobody) {
 // Who passes the turn on and finds no memory for the packet goes on with the next write itself.
 TEST_F(ReceiveLoop, WritesInLineNeedNoMemoryForTheirTurn) {
     Join();
-    std::latch inLibrary(1), goOn(1);
-    std::vector<DWORD> written;
-    media.onWriteFrame = [&](CZemChannelIo&, ZemIoDesc& desc) -> HRESULT {
-        if (written.empty()) {
-            inLibrary.count_down();
-            goOn.wait();
-        }
-        written.push_back(desc.streamData->entries[0].position);
-        return S_OK;
-    };
+    CHeldWrite held(media);
     ASSERT_EQ(server.InitRequestThreadPool(), S_OK);
     for (DWORD position = 0; position <= 4; ++position) {
         CHttpXaction& xaction = Take();
         Lay(xaction, OneByteWrite(position));
         system.Complete(xaction.Overlapped(), kKey);
-        if (position == 0) inLibrary.wait();
+        if (position == 0) held.inLibrary.wait();
         system.WaitUntilIdle(3);
     }
     const size_t answered = http.SentCount();
     system.failPosts = 3;
-    goOn.count_down();
+    held.goOn.count_down();
     system.WaitUntilIdle(4);
     EXPECT_EQ(system.failPosts, 0);
-    EXPECT_EQ(written, (std::vector<DWORD>{0, 1, 2, 3, 4}));
+    EXPECT_EQ(held.written, (std::vector<DWORD>{0, 1, 2, 3, 4}));
     EXPECT_EQ(http.SentCount(), answered + 4);
     EXPECT_EQ(Pool().FreeCount(), kBlocks);
     EXPECT_EQ(server.FramePool().ActiveCount(), 0);

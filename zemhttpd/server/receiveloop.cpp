@@ -22,6 +22,11 @@ constexpr int kFileServerWorkers = 12;
 constexpr int kOrdinaryWorkers = 4;
 static_assert(kFileServerWorkers <= MAXIMUM_WAIT_OBJECTS);
 
+// In which writes may stand, in their clients' lines and at the gate, of so many blocks.
+constexpr int PlacesToWait(int blocks) {
+    return blocks * 3 / 4;
+}
+
 // ProcessRequest's word that the request went on asynchronously and gives its block back itself.
 constexpr HRESULT kKeepsBlock = S_FALSE;
 
@@ -184,7 +189,7 @@ void CHttpCommandHandler::FinishRequest(CHttpXaction& xaction) {
 ZemClient::ETurn CHttpCommandHandler::TakeWriteTurn(ZemClient& client, CHttpXaction& xaction) {
     const int count = m_xactionPool->Count();
     const int inLine = m_writesInLine.fetch_add(1);
-    const bool room = inLine < count / 2 && inLine + m_writeGate.InLine() < count * 3 / 4;
+    const bool room = inLine < count / 2 && inLine + m_writeGate.InLine() < PlacesToWait(count);
     const ZemClient::ETurn turn = client.TakeTurn(xaction, room);
     if (turn != ZemClient::ETurn::InLine) m_writesInLine.fetch_sub(1);
     return turn;
@@ -210,7 +215,7 @@ ZemClient::ETurn CHttpCommandHandler::EnterWriteGate(ZemClient& client, const WC
     if (!m_writeGate.IsOpen(again)) {
         const bool realTime = m_realTimeClient.Is(clientId);
         if (!m_writeGate.IsOpen(realTime)) {
-            const int places = m_xactionPool->Count() * 3 / 4 - m_writesInLine.load();
+            const int places = PlacesToWait(m_xactionPool->Count()) - m_writesInLine.load();
             const ZemClient::ETurn turn =
                 m_writeGate.StandInLine(xaction, client, places, realTime, again);
             if (turn != ZemClient::ETurn::Mine) return turn;
