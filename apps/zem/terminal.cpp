@@ -10,11 +10,13 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <utility>
 
 #include "apps/zem/client/text.h"
@@ -209,10 +211,13 @@ void CProgress::Show(uint64_t done, uint64_t total, uint64_t frames, uint64_t by
 
 namespace {
 
-constexpr std::string_view kEnterScreen = "\x1b[?1049h\x1b[?25l";
-constexpr std::string_view kLeaveScreen = "\x1b[0m\x1b[?25h\x1b[?1049l";
+// The other screen, no cursor, and what is too long ends at the edge instead of in the next line.
+constexpr std::string_view kEnterScreen = "\x1b[?1049h\x1b[?25l\x1b[?7l";
+constexpr std::string_view kLeaveScreen = "\x1b[0m\x1b[?7h\x1b[?25h\x1b[?1049l";
 
 volatile std::sig_atomic_t g_stop = 0;
+std::atomic<int64_t> g_stoppedAt_ns{0};
+static_assert(std::atomic<int64_t>::is_always_lock_free);  // a signal handler uses it
 volatile std::sig_atomic_t g_suspend = 0;
 volatile std::sig_atomic_t g_screen = 0;  // the terminal is ours
 // A signal between a look at the flags and the wait must not be missed: its handler writes into
@@ -253,12 +258,23 @@ void WakeScreen() {
     if (g_signals[1] >= 0 && write(g_signals[1], &byte, 1) < 0) errno = before;
 }
 
+int64_t Now_ns() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+}
+
 void OnStopSignal(int number) {
+    // timeout(1) and others signal a process and its group: a second one that comes with the first
+    // is the same wish.
+    constexpr int64_t kSameWish_ns = 300'000'000;
     if (g_stop == 0) {
+        g_stoppedAt_ns = Now_ns();
         g_stop = 1;
         WakeScreen();
         return;
     }
+    if (Now_ns() - g_stoppedAt_ns < kSameWish_ns) return;
     GiveTerminalBack();
     std::signal(number, SIG_DFL);
     std::raise(number);
@@ -317,11 +333,14 @@ CScreen::Size CScreen::CurrentSize() {
 
 void CScreen::Draw(const std::string* lines, size_t count) {
     const size_t room = CurrentSize().lines;
-    // One write a picture: nothing flickers.
+    // One write a picture: nothing flickers. A line is cleared before it is written: behind a full
+    // one the cursor still stands on its last character.
     std::string picture = "\x1b[H";
-    for (size_t i = 0; i < count && i < room; ++i)
-        picture += (i == 0 ? "" : "\r\n") + lines[i] + "\x1b[K";
-    WriteAll(picture + "\x1b[J");
+    const size_t shown = std::min(count, room);
+    for (size_t i = 0; i < shown; ++i)
+        picture += (i == 0 ? "\x1b[K" : "\r\n\x1b[K") + lines[i];
+    if (shown < room) picture += shown == 0 ? "\x1b[J" : "\r\n\x1b[J";
+    WriteAll(picture);
 }
 
 char CScreen::Wait(std::chrono::steady_clock::time_point deadline) {

@@ -67,8 +67,8 @@ private:
     double m_bytes_per_s = -1;
 };
 
-// Makes SIGINT and SIGTERM set a flag instead of ending the process; a second one ends it, after
-// the terminal was given back.
+// Makes SIGINT and SIGTERM set a flag instead of ending the process; a second one, 0.3 s later or
+// more, ends it, after the terminal was given back.
 void CatchStopSignals();
 bool StopRequested();
 

@@ -5,6 +5,7 @@
 #include <array>
 #include <cmath>
 #include <cstdio>
+#include <initializer_list>
 #include <set>
 
 #include "apps/zem/client/text.h"
@@ -32,60 +33,95 @@ public:
         if (Left() > 0)
             m_rows.push_back(Painted(Stream::kOut, colour, CutToColumns(text, m_columns)));
     }
-    // A label of nine columns, something coloured, the rest plain.
-    void Add(const char* label, Colour colour, const std::string& text, const std::string& rest) {
+    // What stands between parts of the picture, where there is room for that.
+    void AddGap() {
+        constexpr size_t kFewLines = 10;
+        if (m_lines >= kFewLines) Add("");
+    }
+    // A label of nine columns, something coloured, and plainly the first of `rests` that fits: they
+    // say less and less. When none does, the last is cut.
+    void Add(const char* label, Colour colour, const std::string& text,
+             std::initializer_list<std::string> rests = {}) {
         if (Left() == 0) return;
         std::string head = label;
-        head.resize(std::max<size_t>(9, head.size()), ' ');
+        head.resize(std::max(kLabel, head.size()), ' ');
         const std::string cut = CutToColumns(head + text, m_columns);
-        const std::string tail =
-            CutToColumns(rest, m_columns - std::min(m_columns, ColumnsOf(cut)));
+        const size_t room = m_columns - std::min(m_columns, ColumnsOf(cut));
+        std::string tail;
+        for (const std::string& rest : rests) {
+            tail = rest;
+            if (ColumnsOf(tail) <= room) break;
+        }
+        tail = CutToColumns(tail, room);
         m_rows.push_back(cut.size() <= head.size()
                              ? cut
                              : head + Painted(Stream::kOut, colour, cut.substr(head.size())) +
                                    tail);
     }
+    // Columns behind a label.
+    size_t Room() const { return m_columns - std::min(m_columns, kLabel); }
     size_t Left() const { return m_lines - std::min(m_lines, m_rows.size()); }
     std::vector<std::string> Take() { return std::move(m_rows); }
 
 private:
+    static constexpr size_t kLabel = 9;
     size_t m_columns;
     size_t m_lines;
     std::vector<std::string> m_rows;
 };
 
 void AddVolume(CRows& rows, const VolumeStatus& volume) {
-    constexpr size_t kBar = 24;
+    constexpr size_t kWidestBar = 24;
+    constexpr size_t kNarrowestBar = 6;
     if (!volume.Known()) {
-        rows.Add("Volume", Colour::kRed, StatusFailureText(volume), "");
+        rows.Add("Volume", Colour::kRed, StatusFailureText(volume));
         return;
     }
     const double used = UsedPart(volume);
-    const auto filled = static_cast<size_t>(std::lround(used * static_cast<double>(kBar)));
     std::array<char, 32> percent{};
-    std::snprintf(percent.data(), percent.size(), "  %.1f %% used", used * 100);
+    std::snprintf(percent.data(), percent.size(), "%.1f %% used", used * 100);
     const Colour colour = used > 0.95   ? Colour::kRed
                           : used > 0.85 ? Colour::kYellow
                                         : Colour::kGreen;
+    const std::string free = "   " + HumanBytes(volume.free_bytes) + " free";
+    const std::string freeOf = free + " of " + HumanBytes(volume.total_bytes);
+    const std::string told = std::string("  ") + percent.data() + freeOf;
+    const size_t bar = std::min(kWidestBar, rows.Room() - std::min(rows.Room(), told.size() + 2));
+    if (bar < kNarrowestBar) {
+        rows.Add("Volume", colour, percent.data(), {freeOf, free, ""});
+        return;
+    }
+    const auto filled = static_cast<size_t>(std::lround(used * static_cast<double>(bar)));
     rows.Add("Volume", colour,
-             "[" + std::string(filled, '#') + std::string(kBar - filled, '.') + "]",
-             std::string(percent.data()) + "   " + HumanBytes(volume.free_bytes) + " free of " +
-                 HumanBytes(volume.total_bytes));
+             "[" + std::string(filled, '#') + std::string(bar - filled, '.') + "]", {told});
+}
+
+// How long the own requests took: the last one, then all of them.
+void AddAnswers(CRows& rows, const TopState& state) {
+    const auto within = [&](double part) {
+        return LatencyText(static_cast<double>(state.latency.Percentile_us(part)));
+    };
+    const std::string median = "   median " + within(0.5);
+    const std::string most = "   worst " + LatencyText(static_cast<double>(state.latency.Max_us()));
+    const std::string all = median + "   99 % within " + within(0.99) + most;
+    rows.Add(
+        "Answers", Colour::kBold, LatencyText(static_cast<double>(state.last_us)),
+        {all + "   of " + Counted(state.latency.Count(), "request"), all, median + most, most, ""});
 }
 
 void AddClients(CRows& rows, const TopState& state) {
-    std::string changes;
+    const std::string joined =
+        (state.perhapsMore ? "at least " : "") + std::to_string(state.joined) + " joined";
+    const std::string changes =
+        "   " + std::to_string(state.came) + " came, " + std::to_string(state.went) + " went";
     if (state.perhapsMore) {
-        changes = "   the server's list is full: there may be more";
+        rows.Add("Clients", Colour::kBold, joined,
+                 {"   the server's list is full: there may be more", ""});
     } else {
-        changes = "   " + std::to_string(state.came) + " came, " + std::to_string(state.went) +
-                  " went while watching";
+        rows.Add("Clients", Colour::kBold, joined, {changes + " while watching", changes, ""});
     }
-    rows.Add("Clients", Colour::kBold,
-             (state.perhapsMore ? "at least " : "") + std::to_string(state.joined) + " joined",
-             changes);
-    if (state.clients.empty()) return;
-    rows.Add("");
+    if (state.clients.empty() || rows.Left() < 2) return;
+    rows.AddGap();
     rows.Add(Colour::kDim, "  SINCE     CLIENT");
     size_t shown = 0;
     for (const auto& [id, client] : state.clients) {
@@ -161,22 +197,16 @@ std::vector<std::string> TopPicture(const TopState& state, size_t columns, size_
     CRows rows(columns, lines);
     std::array<char, 48> every{};
     std::snprintf(every.data(), every.size(), "every %g s, q ends", state.interval_s);
+    const std::string name = "  " + Printable(state.volume.serverName);
+    const std::string now = "   " + state.now;
     rows.Add("zem top", Colour::kBold, state.server,
-             "  " + Printable(state.volume.serverName) + "   " + state.now +
-                 (state.onScreen ? std::string("   ") + every.data() : ""));
-    if (!state.failure.empty()) {
-        rows.Add("No answer", Colour::kRed, " since " + state.failingSince + ": " + state.failure,
-                 "");
-    }
-    rows.Add("");
+             {name + now + (state.onScreen ? std::string("   ") + every.data() : ""), name + now,
+              now, ""});
+    if (!state.failure.empty())
+        rows.Add("No answer", Colour::kRed, " since " + state.failingSince + ": " + state.failure);
+    rows.AddGap();
     AddVolume(rows, state.volume);
-    const auto within = [&](double part) {
-        return LatencyText(static_cast<double>(state.latency.Percentile_us(part)));
-    };
-    rows.Add("Answers", Colour::kBold, LatencyText(static_cast<double>(state.last_us)),
-             "   median " + within(0.5) + "   99 % within " + within(0.99) + "   worst " +
-                 LatencyText(static_cast<double>(state.latency.Max_us())) + "   of " +
-                 std::to_string(state.latency.Count()));
+    AddAnswers(rows, state);
     AddClients(rows, state);
     return rows.Take();
 }

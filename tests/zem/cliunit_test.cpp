@@ -278,8 +278,8 @@ TEST_F(ZemCliTop, NamesTheKeyThatEndsItOnlyOnAScreen) {
     EXPECT_FALSE(Shows("q ends"));
     state.onScreen = true;
     EXPECT_TRUE(Shows("10:00:00   every 1 s, q ends"));
-    EXPECT_TRUE(
-        Shows("Answers  400 us   median 400 us   99 % within 400 us   worst 400 us   of 1"));
+    EXPECT_TRUE(Shows(
+        "Answers  400 us   median 400 us   99 % within 400 us   worst 400 us   of 1 request"));
 }
 TEST_F(ZemCliTop, AListThatMayBeCutOffTellsNoChanges) {
     Take("10:00:00", {"a", "b"});
@@ -305,6 +305,21 @@ TEST_F(ZemCliTop, AFailureIsTimedFromItsFirstSample) {
     volume.total_bytes = 0;
     Take("10:00:04", {});
     EXPECT_TRUE(Shows("within the last 10 seconds"));
+}
+TEST_F(ZemCliTop, ASmallTerminalHasWhatMattersMost) {
+    Take("10:00:00", {"cam-1", "cam-2", "cam-3"});
+    // What does not fit is left out in whole parts.
+    EXPECT_EQ(
+        zem::TopPicture(state, 40, 8),
+        (std::vector<std::string>{
+            "zem top  http://127.0.0.1:8080", "Volume   75.0 % used   1.0 TiB free",
+            "Answers  400 us   worst 400 us", "Clients  3 joined   0 came, 0 went",
+            "  SINCE     CLIENT", "  before    cam-1", "  before    cam-2", "  before    cam-3"}));
+    EXPECT_EQ(zem::TopPicture(state, 20, 5),
+              (std::vector<std::string>{"zem top  http://127~", "Volume   75.0 % used",
+                                        "Answers  400 us", "Clients  3 joined"}));
+    EXPECT_TRUE(Shows("  and 2 more clients", 40, 7));
+    EXPECT_TRUE(Shows("[########..]  75.0 % used", 60, 7)) << "a short gauge";
 }
 TEST_F(ZemCliTop, PicturesFitWhateverTheNames) {
     std::vector<std::string> ids = {"\x1b[2J\xc2\x9bm", "\xe6\xbc\xa2\xe5\xad\x97",

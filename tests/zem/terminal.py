@@ -21,7 +21,7 @@ import unittest
 import zemcase
 from wire import Client, Server
 
-ENTER, LEAVE = b'\x1b[?1049h\x1b[?25l', b'\x1b[0m\x1b[?25h\x1b[?1049l'
+ENTER, LEAVE = b'\x1b[?1049h\x1b[?25l\x1b[?7l', b'\x1b[0m\x1b[?7h\x1b[?25h\x1b[?1049l'
 PATIENCE_S = 60
 
 
@@ -82,6 +82,57 @@ class Terminal:
         self.process.wait()
         os.close(self.master)
         os.close(self.slave)
+
+
+class Screen:
+    """What a terminal would show of what was written to it. Behind the last character of a full line the cursor stays on
+    that character until the next one, which would wrap; this and a line feed at the bottom are failures here."""
+
+    def __init__(self, columns, lines):
+        self.columns, self.lines = columns, lines
+        self.clear()
+
+    def clear(self):
+        self.cells = [[' '] * self.columns for _ in range(self.lines)]
+        self.line = self.column = 0
+        self.full = False
+
+    def rows(self):
+        return [''.join(row).rstrip() for row in self.cells]
+
+    def put(self, character):
+        assert not self.full, 'wraps behind %r' % ''.join(self.cells[self.line])
+        self.cells[self.line][self.column] = character
+        self.full = self.column + 1 == self.columns
+        self.column = min(self.column + 1, self.columns - 1)
+
+    def erase(self, final):
+        row = self.cells[self.line]
+        row[self.column:] = [' '] * (self.columns - self.column)
+        if final == 'J':
+            for below in range(self.line + 1, self.lines):
+                self.cells[below] = [' '] * self.columns
+
+    def feed(self, text):
+        for sequence, character in re.findall(r'\x1b\[([?\d;]*[A-Za-z])|(.)', text, re.S):
+            if character == '\r':
+                self.column, self.full = 0, False
+            elif character == '\n':
+                assert self.line + 1 < self.lines, 'scrolls'
+                self.line += 1
+                self.full = False
+            elif character:
+                self.put(character)
+            elif sequence == 'H':
+                self.line = self.column = 0
+                self.full = False
+            elif sequence == '?1049h':
+                self.clear()
+            elif sequence in ('K', 'J'):
+                self.erase(sequence)
+            else:
+                assert re.fullmatch(r'\?(25|7)[hl]|\d*m', sequence), sequence
+        return self.rows()
 
 
 class OnATerminal(unittest.TestCase):
@@ -190,6 +241,26 @@ class OnATerminal(unittest.TestCase):
         top.type(b'q')
         self.assertEqual(top.end(), 0)
 
+    def test_top_stays_within_a_small_terminal(self):
+        for i in range(12):
+            self.join('a-client-with-a-long-name-%02d' % i)
+        for columns, lines, last in ((40, 10, '  and 10 more clients'), (20, 5, 'Clients  12 joined'), (1, 1, '~')):
+            top = self.zem('top', '--interval', '0.1', columns=columns, lines=lines)
+            # Three pictures: what one leaves behind is seen in the next.
+            top.read_until(lambda seen: seen.count(b'\x1b[H') > 3)
+            top.type(b'q')
+            self.assertEqual(top.end(), 0)
+            pictures = top.seen[:-len(LEAVE)].decode()
+            rows = Screen(columns, lines).feed(pictures)
+            shown = [row for row in rows if row]
+            self.assertEqual(shown[-1], last, rows)
+            if columns >= 20:
+                self.assertRegex(shown[0], r'^zem top  http://127')
+                self.assertTrue(any(re.match(r'Volume   [\d.]+ % used', row) for row in rows), rows)
+                self.assertTrue(any(re.match(r'Answers  [\d.]+ [mu]?s', row) for row in rows), rows)
+            if columns == 40:
+                self.assertIn('  before    a-client-with-a-long-name-00', rows, 'a full line is whole')
+
     def test_top_says_that_the_server_is_away_and_goes_on(self):
         server = Server(zemcase.PROGRAMS.zemhost)
         self.addCleanup(server.remove)
@@ -225,7 +296,8 @@ class OnATerminal(unittest.TestCase):
             rb'bench write  \[#+\.+\] +\d+ %  \d+ frames  [\d.]+ [KMG]iB/s  \d:\d\d left', seen))
         bench.type(b'\x03')
         self.assertEqual(bench.end(), 130)
-        self.assertRegex(bench.seen, rb'\r\x1b\[K[^[]*\x1b\[31mzem:', 'the line is cleared before what comes then')
+        # The line is cleared before what comes then: what was measured, and that it was stopped.
+        self.assertRegex(bench.seen, rb'(?s)\r\x1b\[K[^\r]*: 1 connection, .*\x1b\[31mzem:\x1b\[0m stopped')
 
     def test_a_put_draws_its_progress(self):
         put = self.zem('put', '--force', '--verify', 'all', self.clip, 'media/drawn')
