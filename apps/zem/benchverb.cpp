@@ -29,6 +29,12 @@ struct BenchOptions {
     BenchPlan plan;
 };
 
+// A frame that is written is one run of the server's frame memory: of the smaller of the two that
+// servers have, and of the larger.
+constexpr uint64_t kFrameMemory_bytes = 120u << 20;
+constexpr const char* kFrameMemoryText =
+    "the server's frame memory (120M; 240M in file-server mode, HttpFileServer=1)";
+
 struct Run {
     const char* mode;
     double seconds = 0;
@@ -41,7 +47,11 @@ public:
     int Go();
 
 private:
-    void CheckSpace();
+    // Throws CZemError(kRefused) when the test would not fit into the server.
+    void CheckRoom();
+    void TryFrameSize();
+    void RunAll();
+    void CleanUp();
     // Calls `work` in a thread per connection. Throws what the first of them threw; a failure ends
     // the others.
     template <typename Work>
@@ -58,6 +68,8 @@ private:
     std::atomic<bool> m_stop{false};
     std::vector<std::unique_ptr<CBenchWorker>> m_workers;
     std::vector<Run> m_runs;
+    std::string m_folderNote;
+    bool m_compared = false;  // all that was written
     uint64_t m_lost = 0;
 };
 
@@ -71,16 +83,47 @@ CBench::CBench(const CommandLine& line, const BenchOptions& options)
         m_plan.connection.clientId = "zem-bench" + DefaultClientId().substr(3);
     if (!ParseBytes(options.frameSize, m_plan.frame_bytes) || m_plan.frame_bytes < 16 ||
         m_plan.frame_bytes > kMaxFrame_bytes) {
-        throw CZemError(ErrorKind::kUsage, "--frame-size wants bytes from 16 to 240M, such as 1M");
+        throw CZemError(ErrorKind::kUsage,
+                        "--frame-size: '" + options.frameSize +
+                            "' is no number of bytes from 16 to 240M, such as 1M; a frame must fit "
+                            "into " +
+                            kFrameMemoryText);
     }
     if (!m_plan.file.empty() && m_writes)
         throw CZemError(ErrorKind::kUsage, "--file is only read: give it with --mode read");
 }
 
-void CBench::CheckSpace() {
+void CBench::TryFrameSize() {
+    bool taken = false;
+    m_workers.push_back(std::make_unique<CBenchWorker>(m_plan, 1, m_stop));
+    try {
+        Everywhere("try", 0, [&taken](CBenchWorker& worker) {
+            worker.Prepare();
+            taken = worker.TakesFrame();
+        });
+    } catch (...) {
+        CleanUp();
+        throw;
+    }
+    CleanUp();
+    m_workers.clear();
+    if (taken) return;
+    throw CZemError(ErrorKind::kRefused, "the server did not take a frame of " +
+                                             HumanBytes(m_plan.frame_bytes) +
+                                             ": it must fit into " + kFrameMemoryText);
+}
+
+void CBench::CheckRoom() {
     if (!m_plan.file.empty()) return;
-    CSession session(m_line);  // who has not joined is told nothing
-    const uint64_t free_bytes = session->Space(u"").free_bytes;
+    uint64_t free_bytes = 0;
+    {
+        CSession session(m_line);  // who has not joined is told nothing
+        NearestFolder folder = FindNearestFolder(*session, m_plan.folder);
+        m_plan.folder = folder.path;
+        m_folderNote = folder.note;
+        free_bytes = session->Space(u"").free_bytes;
+    }
+    if (m_plan.frame_bytes > kFrameMemory_bytes) TryFrameSize();
     // A frame that is written over gives its space back later: room for twice as much.
     const double wanted =
         2.0 * static_cast<double>(m_plan.frame_bytes) * m_plan.frames * m_plan.connections;
@@ -140,45 +183,59 @@ void CBench::Everywhere(const char* title, double seconds, Work work) {
 
 void CBench::Measure(const char* mode, void (CBenchWorker::*work)(Clock::time_point)) {
     const Clock::time_point start = Clock::now();
-    Everywhere(mode, m_plan.seconds, [&](CBenchWorker& worker) { (worker.*work)(start); });
-    Run run{mode, std::chrono::duration<double>(Clock::now() - start).count(), {}};
-    for (const std::unique_ptr<CBenchWorker>& worker : m_workers) {
-        run.total.frames += worker->result.frames;
-        run.total.bytes += worker->result.bytes;
-        run.total.late += worker->result.late;
-        run.total.latency.Add(worker->result.latency);
+    const auto take = [&] {
+        Run run{mode, std::chrono::duration<double>(Clock::now() - start).count(), {}};
+        for (const std::unique_ptr<CBenchWorker>& worker : m_workers) {
+            run.total.frames += worker->result.frames;
+            run.total.bytes += worker->result.bytes;
+            run.total.late += worker->result.late;
+            run.total.latency.Add(worker->result.latency);
+        }
+        if (run.total.frames > 0) m_runs.push_back(run);
+    };
+    try {
+        Everywhere(mode, m_plan.seconds, [&](CBenchWorker& worker) { (worker.*work)(start); });
+    } catch (...) {
+        take();
+        throw;
     }
-    m_runs.push_back(run);
+    take();
+}
+
+void CBench::RunAll() {
+    Everywhere("prepare", 0, [](CBenchWorker& worker) { worker.Prepare(); });
+    if (m_writes) Measure("write", &CBenchWorker::Write);
+    if (m_reads) {
+        Everywhere("fill", 0, [](CBenchWorker& worker) { worker.Fill(); });
+        Measure("read", &CBenchWorker::Read);
+    }
+    if (m_plan.file.empty()) {
+        Everywhere("compare", 0, [](CBenchWorker& worker) { worker.Check(); });
+        m_compared = true;
+    }
+}
+
+void CBench::CleanUp() {
+    for (const std::unique_ptr<CBenchWorker>& worker : m_workers)
+        worker->CleanUp();
 }
 
 int CBench::Go() {
-    CheckSpace();
+    CheckRoom();
     for (unsigned i = 1; i <= m_plan.connections; ++i)
         m_workers.push_back(std::make_unique<CBenchWorker>(m_plan, i, m_stop));
-    const auto clean = [this] {
-        for (const std::unique_ptr<CBenchWorker>& worker : m_workers)
-            worker->CleanUp();
-    };
+    std::exception_ptr end;
     try {
-        Everywhere("prepare", 0, [](CBenchWorker& worker) { worker.Prepare(); });
-        if (m_writes) Measure("write", &CBenchWorker::Write);
-        if (m_reads) {
-            Everywhere("fill", 0, [](CBenchWorker& worker) { worker.Fill(); });
-            Measure("read", &CBenchWorker::Read);
-        }
-        if (m_plan.file.empty())
-            Everywhere("compare", 0, [](CBenchWorker& worker) { worker.Check(); });
+        RunAll();
     } catch (...) {
-        clean();
-        throw;
+        end = std::current_exception();
     }
-    clean();
+    CleanUp();
     for (const std::unique_ptr<CBenchWorker>& worker : m_workers)
         m_lost += worker->lost;
-    if (m_line.json)
-        PrintJson();
-    else
-        Print();
+    // Stopped or failed: what was measured until then is told all the same.
+    if (!m_runs.empty()) m_line.json ? PrintJson() : Print();
+    if (end) std::rethrow_exception(end);
     return m_lost == 0 ? kExitOk : kExitFailed;
 }
 
@@ -222,16 +279,15 @@ void PrintHistogram(const CLatency& latency) {
 
 void CBench::PrintRun(const Run& run) const {
     const BenchResult& total = run.total;
-    std::printf(
-        "\n%s  %llu frames in %.2f s: %s frames/s, %s MB/s\n",
-        Painted(Stream::kOut, Colour::kBold, run.mode).c_str(),
-        static_cast<unsigned long long>(total.frames), run.seconds,
-        Painted(Stream::kOut, Colour::kBold,
-                std::to_string(static_cast<long>(PerSecond(total.frames, run.seconds))))
-            .c_str(),
-        Painted(Stream::kOut, Colour::kBold,
-                std::to_string(static_cast<long>(PerSecond(total.bytes, run.seconds) / 1e6)))
-            .c_str());
+    std::printf("\n%s  %llu frames in %.2f s: %s frames/s, %s/s\n",
+                Painted(Stream::kOut, Colour::kBold, run.mode).c_str(),
+                static_cast<unsigned long long>(total.frames), run.seconds,
+                Painted(Stream::kOut, Colour::kBold,
+                        std::to_string(static_cast<long>(PerSecond(total.frames, run.seconds))))
+                    .c_str(),
+                Painted(Stream::kOut, Colour::kBold,
+                        HumanBytes(static_cast<uint64_t>(PerSecond(total.bytes, run.seconds))))
+                    .c_str());
     std::printf("  latency  least %s",
                 LatencyText(static_cast<double>(total.latency.Min_us())).c_str());
     for (const Quantile& quantile : kQuantiles) {
@@ -252,18 +308,26 @@ void CBench::PrintRun(const Run& run) const {
 void CBench::Print() const {
     std::printf("%s: %s, ", m_line.server.c_str(),
                 Counted(m_plan.connections, "connection").c_str());
-    if (m_plan.file.empty())
-        std::printf("frames of %s\n", HumanBytes(m_plan.frame_bytes).c_str());
-    else
+    if (m_plan.file.empty()) {
+        std::printf("frames of %s%s\n", HumanBytes(m_plan.frame_bytes).c_str(),
+                    m_folderNote.c_str());
+    } else {
         std::printf("%s\n", Printable(m_plan.file).c_str());
+    }
     for (const Run& run : m_runs)
         PrintRun(run);
     if (!m_plan.file.empty()) return;
-    if (m_lost == 0) {
+    if (!m_compared) {
+        std::printf("\nEnded early: what was written was not compared.\n");
+    } else if (m_lost == 0) {
         std::printf("\nAll frames read back as they were written.\n");
     } else {
-        const std::string lost = Counted(m_lost, "frame") +
-                                 " did not read back as written; the server's log has the reason.";
+        const bool perhapsTooLarge = m_plan.frame_bytes > kFrameMemory_bytes / m_plan.connections;
+        const std::string lost =
+            Counted(m_lost, "frame") + " did not read back as written; " +
+            (perhapsTooLarge
+                 ? std::string("what is written at a time must fit into ") + kFrameMemoryText
+                 : "the server's log has the reason.");
         std::printf("\n%s\n", Painted(Stream::kOut, Colour::kRed, lost).c_str());
     }
 }
@@ -298,7 +362,12 @@ void CBench::PrintJson() const {
         }
         json.Close().Close();
     }
-    PrintLine(json.Close().Unsigned("lost", m_lost).Close().Str());
+    json.Close();
+    if (m_plan.file.empty() && !m_compared)
+        json.Null("lost");
+    else
+        json.Unsigned("lost", m_lost);
+    PrintLine(json.Close().Str());
 }
 
 }  // namespace
@@ -308,7 +377,7 @@ void AddBenchVerb(CLI::App& app, CommandLine& line) {
     BenchPlan& plan = options->plan;
     CLI::App* verb = VerbGroup{app, line, "The server"}.Add(
         "bench",
-        "Load the server and measure: frames and megabytes a second, percentiles and a histogram "
+        "Load the server and measure: frames and bytes a second, percentiles and a histogram "
         "of the latency. It makes files of its own and deletes them; what it wrote it reads back",
         [options, &line] { return CBench(line, *options).Go(); });
     verb->add_option("--mode", options->mode,
@@ -337,7 +406,8 @@ void AddBenchVerb(CLI::App& app, CommandLine& line) {
         ->type_name("FPS")
         ->check(Number(0.1, 100000));
     verb->add_flag("--random", plan.random, "Frames by chance instead of one after another");
-    verb->add_option("--folder", plan.folder, "Where the files are made")
+    verb->add_option("--folder", plan.folder,
+                     "Where the files are made; where there is none, above it")
         ->type_name("FOLDER")
         ->capture_default_str();
     verb->add_option("--file", plan.file, "Read this file of the server, from all connections")

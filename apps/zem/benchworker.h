@@ -17,7 +17,7 @@ namespace zem {
 struct BenchPlan {
     ConnectionOptions connection;  // its client ID is the beginning of every connection's
     std::string file;              // read this one; empty: the connections make their own
-    std::string folder = "media";  // where they make them
+    std::string folder = "media";  // where they make them; empty: the volume root
     unsigned connections = 4;
     double seconds = 5;
     uint64_t frame_bytes = 1 << 20;
@@ -45,6 +45,9 @@ public:
     // Joins, and creates the file or opens the one of the plan. These throw CZemError.
     void Prepare();
     using Clock = std::chrono::steady_clock;
+    // Whether the server keeps a frame of the plan's size; one that it drops it answers all the
+    // same.
+    bool TakesFrame();
     // Writes until the time is up, then until all of it is on the device.
     void Write(Clock::time_point start);
     // Writes each frame once, if nothing has written it yet: reading needs them.

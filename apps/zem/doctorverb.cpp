@@ -1,5 +1,5 @@
 // zem doctor: what a person would try one after another when something does not work, with what to
-// do about each finding. It leaves nothing behind.
+// do about each finding. It leaves nothing behind, no folder either.
 #include <curl/curl.h>
 #include <CLI/CLI.hpp>
 
@@ -13,6 +13,7 @@
 #include "apps/generated/version.h"
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
+#include "apps/zem/latency.h"
 #include "apps/zem/output.h"
 #include "apps/zem/serverpages.h"
 #include "apps/zem/session.h"
@@ -22,14 +23,29 @@
 namespace zem {
 namespace {
 
-enum class Finding { kOk, kWarn, kFail };
+enum class Finding { kOk, kWarn, kFail, kSkip };
 
 struct FindingWords {
     const char* word;
     Colour colour;
 };
-constexpr std::array<FindingWords, 3> kFindings = {
-    {{"ok", Colour::kGreen}, {"warn", Colour::kYellow}, {"fail", Colour::kRed}}};
+constexpr std::array<FindingWords, 4> kFindings = {{{"ok", Colour::kGreen},
+                                                    {"warn", Colour::kYellow},
+                                                    {"fail", Colour::kRed},
+                                                    {"skip", Colour::kDim}}};
+
+// What a request took, for people.
+std::string TextOf(std::chrono::steady_clock::duration took) {
+    return LatencyText(std::chrono::duration<double, std::micro>(took).count());
+}
+
+// GET reaches what lies below the two prefixes that the server registers, in any case.
+bool ReachedByGet(std::string_view name) {
+    std::string first(name.substr(0, name.find('/')));
+    for (char& letter : first)
+        if (letter >= 'A' && letter <= 'Z') letter = static_cast<char>(letter + 32);
+    return first == "media" || first == "zem";
+}
 
 struct DoctorOptions {
     std::string folder = "media";
@@ -45,10 +61,12 @@ public:
 private:
     void Say(Finding finding, const char* check, const std::string& text,
              const std::string& advice = {});
-    // Runs one check; what it throws is its finding. False when it failed.
+    // Runs one check; what it throws is its finding. False when it failed. `toStranger` is the
+    // advice where what answers does not keep to the protocol; without it, it is the same.
     template <typename Check>
-    bool Try(const char* check, const char* advice, Check run);
+    bool Try(const char* check, const char* advice, Check run, const char* toStranger = nullptr);
     void Reach();
+    std::string Software() const;
     void Versions();
     void Clock();
     void Volume();
@@ -92,7 +110,7 @@ void CDoctor::Say(Finding finding, const char* check, const std::string& text,
 }
 
 template <typename Check>
-bool CDoctor::Try(const char* check, const char* advice, Check run) {
+bool CDoctor::Try(const char* check, const char* advice, Check run, const char* toStranger) {
     try {
         run();
         return true;
@@ -101,7 +119,8 @@ bool CDoctor::Try(const char* check, const char* advice, Check run) {
         // Without an answer, or with one of another kind of server, nothing else can be found out.
         if (error.Kind() == ErrorKind::kUnreachable) m_exit = kExitUnreachable;
         if (error.Kind() == ErrorKind::kBadReply && m_exit == kExitOk) m_exit = kExitBadReply;
-        Say(Finding::kFail, check, error.what(), advice);
+        const bool stranger = error.Kind() == ErrorKind::kBadReply && toStranger != nullptr;
+        Say(Finding::kFail, check, error.what(), stranger ? toStranger : advice);
         return false;
     }
 }
@@ -111,19 +130,34 @@ void CDoctor::Reach() {
     m_askedAt = std::time(nullptr);
     m_status = http.Get("/media/status");
     m_answeredAt = std::time(nullptr);
+    if (m_status.status != 200) {
+        throw CZemError(ErrorKind::kBadReply,
+                        m_line.server + Software() + " answers /media/status with " +
+                            std::to_string(m_status.status) + " " + Printable(m_status.reason));
+    }
     // Once more on the connection that now stands: what a request takes without connecting.
     const auto start = std::chrono::steady_clock::now();
-    GetStatus(http);
-    const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - start;
-    std::array<char, 64> text{};
-    std::snprintf(text.data(), text.size(), " answers in %.1f ms", took.count());
-    const std::string where = m_line.server + " (" + Printable(m_status.serverName) + ")";
-    if (took.count() > 100) {
-        Say(Finding::kWarn, "reach", where + text.data(),
+    try {
+        GetStatus(http);
+    } catch (const CZemError& error) {
+        if (error.Kind() != ErrorKind::kBadReply) throw;
+        throw CZemError(error.Kind(),
+                        m_line.server + Software() + " answers /media/status, but " + error.what());
+    }
+    const auto took = std::chrono::steady_clock::now() - start;
+    const std::string text =
+        m_line.server + " (" + Printable(m_status.serverName) + ") answers in " + TextOf(took);
+    if (took > std::chrono::milliseconds(100)) {
+        Say(Finding::kWarn, "reach", text,
             "that is slow for a command a frame: look at the network between, or at its load");
     } else {
-        Say(Finding::kOk, "reach", where + text.data());
+        Say(Finding::kOk, "reach", text);
     }
+}
+
+// Who answered, in the words of its Server header.
+std::string CDoctor::Software() const {
+    return m_status.software.empty() ? "" : " (" + Printable(m_status.software) + ")";
 }
 
 // "Quorvane ZEM /0.1.0": what stands behind the slash.
@@ -203,7 +237,8 @@ void CDoctor::Join() {
 }
 
 void CDoctor::Frames() {
-    m_name = m_options.folder + "/zem-doctor" + DefaultClientId().substr(3);
+    const NearestFolder folder = FindNearestFolder(*m_client, m_options.folder);
+    m_name = PathIn(folder.path, "zem-doctor" + DefaultClientId().substr(3));
     ZemEsDesc desc{};
     desc.sizeVersion = kEsDescVersion1;
     desc.mediaType = kMediaFileVideo;  // frames of data travel in another way
@@ -228,7 +263,7 @@ void CDoctor::Frames() {
     const auto start = std::chrono::steady_clock::now();
     m_client->WriteFrames({&write, 1}, data);
     m_client->Flush(token);
-    const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - start;
+    const auto took = std::chrono::steady_clock::now() - start;
     const StreamFrame& frame = ReadOneFrame(*m_client, token, 0);
     if (frame.status < 0) {
         throw CZemError(ErrorKind::kRefused,
@@ -238,13 +273,17 @@ void CDoctor::Frames() {
     if (!std::equal(frame.data.begin(), frame.data.end(), data.begin(), data.end()))
         throw CZemError(ErrorKind::kRefused, "a frame reads back with other contents");
     file.Close();
-    std::array<char, 96> text{};
-    std::snprintf(text.data(), text.size(),
-                  "a frame was written, on the device after %.1f ms, and read back", took.count());
-    Say(Finding::kOk, "frames", text.data());
+    Say(Finding::kOk, "frames",
+        "a frame was written, on the device after " + TextOf(took) + ", and read back" +
+            folder.note);
 }
 
 void CDoctor::Download() {
+    if (!ReachedByGet(m_name)) {
+        Say(Finding::kSkip, "download",
+            "not tried: by design GET reaches only what lies in media and zem");
+        return;
+    }
     const PageReply reply = m_client->Http().Get(UrlPathOf(m_name));
     if (reply.status == 200) {
         Say(Finding::kOk, "download", "files are served by plain GET");
@@ -253,7 +292,7 @@ void CDoctor::Download() {
     Say(Finding::kFail, "download",
         "GET of a file answers " + std::to_string(reply.status) + " " + Printable(reply.reason),
         "is the volume root set in the registry (zemhost --settings), and may the service read "
-        "there? GET reaches only what lies in media and zem");
+        "there?");
 }
 
 void CDoctor::Delete() {
@@ -272,10 +311,14 @@ int CDoctor::Run() {
     m_client->Http().SetStopCheck(&StopRequested);
     if (m_line.json) m_json.Open('{').Text("server", m_line.server).Open('[', "checks");
     const auto reached = [this] { return m_exit != kExitUnreachable && m_exit != kExitBadReply; };
-    Try("reach",
+    Try(
+        "reach",
         "is zemhost running there (systemctl status zemhttpd), is the port right (--server "
         "http://HOST:PORT), does it listen on that address (--listen), is a firewall between?",
-        [this] { Reach(); });
+        [this] { Reach(); },
+        "another program has that port, or a proxy stands before it: name the right one with "
+        "--server http://HOST:PORT (on the server, zemhost --settings tells its port, and ss -ltnp "
+        "who listens where); 503 comes from a server with too much to do, too");
     if (reached()) {
         Versions();
         Clock();
@@ -307,9 +350,10 @@ void AddDoctorVerb(CLI::App& app, CommandLine& line) {
     CLI::App* verb = VerbGroup{app, line, "The server"}.Add(
         "doctor",
         "Find out what is wrong: reachability, versions, clock, volume, permissions. A line a "
-        "check: ok, warn or fail, and what to do. Warnings do not change the exit code",
+        "check: ok, warn, fail or skip, and what to do. Warnings do not change the exit code",
         [options, &line] { return CDoctor(line, *options).Run(); });
-    verb->add_option("--folder", options->folder, "Where it writes a file and deletes it again")
+    verb->add_option("--folder", options->folder,
+                     "Where it writes a file and deletes it again; where there is none, above it")
         ->type_name("FOLDER")
         ->capture_default_str();
     verb->add_flag("--read-only", options->readOnly, "Write nothing");

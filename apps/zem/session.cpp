@@ -165,6 +165,29 @@ FileRef FileNamed(const std::string& name, const std::string& aux) {
     return file;
 }
 
+std::string PathIn(const std::string& folder, const std::string& name) {
+    return folder.empty() ? name : folder + "/" + name;
+}
+
+NearestFolder FindNearestFolder(CZemClient& client, const std::string& folder) {
+    constexpr const char* kSeparators = "/\\";
+    std::string nearest = folder;
+    const auto dropTail = [&nearest](size_t from) {
+        nearest.erase(std::min(from, nearest.size()));
+    };
+    dropTail(nearest.find_last_not_of(kSeparators) + 1);
+    // What leads out of the volume is left as it is, for the server to refuse.
+    if (("/" + nearest + "/").find("/../") != std::string::npos) return {nearest, ""};
+    const std::string wanted = nearest;
+    while (!nearest.empty() && client.Attributes(FileNamed(nearest).name) == kNoAttributes) {
+        const size_t above = nearest.find_last_of(kSeparators);
+        dropTail(above == std::string::npos ? 0 : nearest.find_last_not_of(kSeparators, above) + 1);
+    }
+    if (nearest == wanted) return {nearest, ""};
+    return {nearest, ", in " + (nearest.empty() ? "the volume root" : Printable(nearest)) +
+                         ": there is no " + Printable(wanted)};
+}
+
 std::string RateText(uint32_t numerator, uint32_t denominator) {
     if (denominator == 0 || numerator == 0) return "none";
     if (numerator % denominator == 0) return std::to_string(numerator / denominator);

@@ -107,6 +107,17 @@ private:
 // `name` and `aux`, UTF-8, as the protocol takes them. Throws CZemError(kUsage) if they are not.
 FileRef FileNamed(const std::string& name, const std::string& aux = {});
 
+// A folder of the server, or where it is missing the nearest one above that is there. A server
+// makes the folders of a file that it creates and has no command to delete them: who wants to leave
+// nothing behind works in one that is there.
+struct NearestFolder {
+    std::string path;  // "" is the volume root
+    std::string note;  // "", or ", in the volume root: there is no media"
+};
+NearestFolder FindNearestFolder(CZemClient& client, const std::string& folder);
+// "media/name"; in the volume root "name".
+std::string PathIn(const std::string& folder, const std::string& name);
+
 // Frames per second: "25", "30000/1001"; "none".
 std::string RateText(uint32_t numerator, uint32_t denominator);
 

@@ -9,6 +9,7 @@ import http.server
 import json
 import os
 import re
+import signal
 import subprocess
 import threading
 import time
@@ -62,10 +63,31 @@ class Bench(zemcase.OwnServerCase):
 
     def test_people_see_a_histogram(self):
         text = self.zem('bench', '--mode', 'write', '--seconds', '0.2', '--frames', '4', '--frame-size', '1k')
-        self.assertRegex(text, r'write  \d+ frames in [\d.]+ s: \d+ frames/s, \d+ MB/s')
+        self.assertRegex(text, r'write  \d+ frames in [\d.]+ s: \d+ frames/s, [\d.]+ [KMG]iB/s\n')
         self.assertRegex(text, r'latency  least .* median .* 90 % .* 99 % .* 99.9 % .* most ')
         self.assertRegex(text, r'  up to +\d+ [um]?s +\d+  #')
         self.assertIn('All frames read back as they were written.', text)
+
+    def test_a_folder_that_is_missing_is_not_made(self):
+        text = self.zem('bench', '--seconds', '0.1', '--frames', '2', '--frame-size', '1k', '--folder', 'media/a/b')
+        self.assertRegex(text, r'frames of 1\.0 KiB, in media: there is no media/a/b\n')
+        self.assertEqual(os.listdir(self.media), [])
+        os.rmdir(self.media)
+        text = self.zem('bench', '--seconds', '0.1', '--frames', '2', '--frame-size', '1k', '--mode', 'write')
+        self.assertIn(', in the volume root: there is no media\n', text)
+        self.assertEqual(os.listdir(self.server.volume), [])
+
+    def test_a_frame_beyond_the_frame_memory_says_where_the_limit_comes_from(self):
+        memory = 'the server\'s frame memory (120M; 240M in file-server mode, HttpFileServer=1)'
+        done = self.run_zem('bench', '--frame-size', '121M', '--frames', '1', '--connections', '1', '--seconds', '0.1')
+        self.assertEqual((done.returncode, done.stdout), (1, ''))
+        self.assertIn('did not take a frame of 121.0 MiB: it must fit into ' + memory, done.stderr)
+        self.assertEqual(os.listdir(self.media), [])
+        self.assertEqual(self.zem('clients'), 'No clients\n')
+        done = self.run_zem('bench', '--frame-size', '241M')
+        self.assertEqual(done.returncode, 2)
+        self.assertIn("'241M' is no number of bytes from 16 to 240M, such as 1M; a frame must fit into " + memory,
+                      done.stderr)
 
     def test_a_folder_that_cannot_be_says_so(self):
         done = self.run_zem('bench', '--seconds', '0.2', '--folder', '../out')
@@ -73,25 +95,46 @@ class Bench(zemcase.OwnServerCase):
         self.assertIn('may the server write the folder ../out?', done.stderr)
 
     def test_more_than_the_volume_holds_is_not_begun(self):
-        done = self.run_zem('bench', '--frame-size', '240M', '--frames', '1000000')
+        done = self.run_zem('bench', '--frame-size', '120M', '--frames', '1000000')
         self.assertEqual(done.returncode, 1)
         self.assertIn('free, and this test wants', done.stderr)
         self.assertEqual(os.listdir(self.media), [])
 
     def test_a_stopped_bench_tidies_up(self):
-        process = subprocess.Popen(self.command('bench', '--seconds', '600', '--frames', '2', '--frame-size', '1k'),
-                                   stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
-        def files():
-            return [name for name in os.listdir(self.media) if name.startswith('zem-bench')]
+        self.stopped('--frames', '2', '--frame-size', '1k', '--mode', 'write')
 
-        while len(files()) < 4:  # until all connections have made theirs
+    def test_a_stopped_bench_tells_what_it_measured(self):
+        text = self.stopped('--frames', '2', '--frame-size', '1k')
+        self.assertRegex(text, r'\nwrite  \d+ frames in [\d.]+ s: \d+ frames/s, .*iB/s\n')
+        self.assertRegex(text, r'  up to +\d+ [um]?s +\d+  #')
+        self.assertTrue(text.endswith('\nEnded early: what was written was not compared.\n'), text)
+        self.assertNotIn('read back', text)
+        result, error = map(json.loads, self.stopped('--frames', '2', '--frame-size', '1k', '--json').splitlines())
+        run, = result['runs']
+        self.assertEqual((run['mode'], result['lost']), ('write', None))
+        self.assertEqual(sum(row['count'] for row in run['histogram']), run['frames'])
+        self.assertEqual(error, {'error': 'stopped', 'exit_code': 130, 'hresult': None})
+
+    def stopped(self, *arguments):
+        """What a bench printed that was stopped while it wrote, twice as timeout(1) does it."""
+        process = subprocess.Popen(self.command('bench', '--seconds', '600', *arguments), stdout=subprocess.PIPE,
+                                   stderr=subprocess.PIPE, text=True)
+
+        def written():
+            sizes = [os.path.getsize(os.path.join(self.media, name)) for name in os.listdir(self.media)
+                     if name.startswith('zem-bench')]
+            return len(sizes) == 4 and min(sizes) > 64 * 1024
+
+        while not written():  # all connections have made their files and written to them, again and again
             self.assertIsNone(process.poll(), 'it ended by itself')
             time.sleep(0.01)
-        process.terminate()
-        _, errors = process.communicate(timeout=60)
+        process.send_signal(signal.SIGTERM)
+        process.send_signal(signal.SIGTERM)
+        text, errors = process.communicate(timeout=60)
         self.assertEqual((process.returncode, errors), (130, 'zem: stopped\n'))
         self.assertEqual(os.listdir(self.media), [])
         self.assertEqual(self.zem('clients'), 'No clients\n')
+        return text
 
     def test_an_unreachable_server_is_3(self):
         with closed_port() as port:
@@ -108,6 +151,7 @@ class Doctor(zemcase.OwnServerCase):
         for check in found.values():
             # Whatever is not well says what to do about it, in the text or behind it.
             self.assertTrue(check['result'] == 'ok' or check['advice'] or ':' in check['text'], check)
+        self.assertLessEqual({check['result'] for check in found.values()}, {'ok', 'warn', 'fail', 'skip'})
         return found
 
     def test_a_well_server(self):
@@ -123,7 +167,9 @@ class Doctor(zemcase.OwnServerCase):
 
     def test_for_people_it_is_a_line_a_check(self):
         text = self.zem('doctor')
-        self.assertRegex(text, r'(?m)^(?:ok  |warn)  reach       http://127.0.0.1:\d+ \(.*\) answers in [\d.]+ ms$')
+        self.assertRegex(text, r'(?m)^(?:ok  |warn)  reach       http://127.0.0.1:\d+ \(.*\) answers in [\d.]+ [um]?s$')
+        self.assertRegex(text, r'(?m)^ok    frames      a frame was written, on the device after [\d.]+ [um]?s, and read back$')
+        self.assertNotRegex(text, r' 0(\.0)? [um]?s')
         self.assertRegex(text, r'(?m)^warn  versions    server x\.x\.x\.x, zem .*\n +-> the server does not know')
         self.assertRegex(text, r'\d ok, \d warnings?, 0 failures\n$')
 
@@ -132,10 +178,24 @@ class Doctor(zemcase.OwnServerCase):
         self.assertEqual(list(self.doctor('--read-only')), ['reach', 'versions', 'clock', 'volume', 'join'])
         self.assertEqual(os.stat(self.media).st_mtime_ns, before)
 
-    def test_a_folder_that_is_missing_is_made(self):
-        os.rmdir(self.media)
-        self.assertEqual(self.doctor()['frames']['result'], 'ok')
+    def test_a_folder_that_is_missing_is_not_made(self):
+        found = self.doctor('--folder', 'media/a/b')
+        self.assertTrue(found['frames']['text'].endswith(', in media: there is no media/a/b'), found)
+        self.assertEqual(found['download']['result'], 'ok')
         self.assertEqual(os.listdir(self.media), [])
+        os.rmdir(self.media)
+        found = self.doctor()
+        self.assertEqual(found['frames']['result'], 'ok')
+        self.assertTrue(found['frames']['text'].endswith(', in the volume root: there is no media'), found)
+        self.assertEqual(os.listdir(self.server.volume), [])
+
+    def test_what_get_does_not_reach_by_design_is_not_tried(self):
+        os.mkdir(os.path.join(self.server.volume, 'scratch'))
+        found = self.doctor('--folder', 'scratch/')
+        self.assertEqual([found[name]['result'] for name in ('frames', 'download', 'delete')], ['ok', 'skip', 'ok'])
+        self.assertIn('media and zem', found['download']['text'])
+        os.mkdir(os.path.join(self.server.volume, 'zem'))
+        self.assertEqual(self.doctor('--folder', 'zem')['download']['result'], 'ok')
 
     def test_a_folder_that_cannot_be_written(self):
         found = self.doctor('--folder', '../out', code=1)
@@ -236,6 +296,15 @@ class Strange(unittest.TestCase):
             with self.answering(**options) as port:
                 code, found = self.doctor(port)
             self.assertEqual((code, list(found)), (4, ['reach']))
+            self.assertIn('another program has that port', found['reach']['advice'])
+
+    def test_who_answers_instead_is_named(self):
+        for text, status, what in (('gone', 404, 'with 404 Not Found'), ('busy', 503, 'with 503 Service Unavailable'),
+                                   ('<html>', 200, "but this is no status page: '<html>'")):
+            with self.answering(text, headers=[('Server', 'printer\x1b/2')], status=status) as port:
+                _, found = self.doctor(port)
+            self.assertRegex(found['reach']['text'],
+                             r'^http://127\.0\.0\.1:\d+ \(printer\\x1b/2\) answers /media/status,? ' + what + '$')
 
 
 if __name__ == '__main__':
