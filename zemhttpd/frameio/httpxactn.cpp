@@ -56,6 +56,7 @@ CHttpXactionPool::CHttpXactionPool() {
 }
 
 CHttpXactionPool::~CHttpXactionPool() {
+    assert(m_freeCount + KeptCount() == m_count && "a block is missing");
     for (int i = 0; i < m_count; ++i)
         m_blocks[i].m_timer.Discard();
     m_blocks.reset();

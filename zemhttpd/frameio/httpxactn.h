@@ -182,6 +182,9 @@ public:
     // (0x800700C0).
     HRESULT Acquire(CHttpXaction*& xaction);
     void Release(CHttpXaction* xaction);  // a block that is not in use is left alone
+    // The block of a receive that failed, or that could not be posted: it stays out of the pool and
+    // is counted.
+    void KeepBlock() { m_kept.fetch_add(1, std::memory_order_relaxed); }
 
     // The block whose receive completed, or null for a pointer that is no block of this pool.
     CHttpXaction* Owns(const OVERLAPPED* overlapped) const;
@@ -191,6 +194,7 @@ public:
 
     int Count() const { return m_count; }
     int FreeCount();
+    int KeptCount() const { return m_kept.load(std::memory_order_relaxed); }
     // The n-th block. REQUIRES: 0 <= n < Count().
     CHttpXaction& At(int n) { return m_blocks[n]; }
 
@@ -210,6 +214,7 @@ private:
     // issuer may sleep longer than it should; the next pick-ups put that right.
     std::atomic<int> m_posted{0};
     std::atomic<int> m_withheld{0};  // blocks in the ring that the semaphore does not count yet
+    std::atomic<int> m_kept{0};
 };
 
 // One frame I/O while the media library works on it.

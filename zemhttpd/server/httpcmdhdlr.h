@@ -188,6 +188,7 @@ private:
     void CloseHttp();
     bool TakeBackReceives();
     void ForgetWritesInLine();
+    void TakeStock(CZemEntry& scope);
     void ContinueWrite(CHttpXaction& xaction);
     void DeleteRemainingClients();
     DWORD ConcurrentWorkers() const;
@@ -222,6 +223,7 @@ private:
     CClientTable m_clients;
     std::atomic<DWORD> m_rsDbg{0};  // the trace flag: registry "RsDbg", re-read at every join
     DWORD m_fileServerMode = 0;
+    DWORD m_reportBlocks = 0;  // registry: the pools' figures are logged at the end
     std::list<WString> m_urlWords;
     DWORD m_versionLength = 0;  // with its NUL, as read: shows in a dump if the registry gave it
     WCHAR m_volumeRoot[kNameUnits] = {};   // ends in one backslash; empty: none

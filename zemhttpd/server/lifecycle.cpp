@@ -32,6 +32,9 @@ constexpr DWORD kOrdinaryAllocator_bytes = 0x7800000;
 constexpr int kFileServerXactions = 1500;
 constexpr int kOrdinaryXactions = 300;
 
+constexpr WCHAR kStock[] =
+    TEXT("Blocks at the end: HTTP %d of %d, %d kept; frames %d of %d, %d kept");
+
 constexpr DWORD kTakeBack_ms = 5000;  // from one aborted receive to the next
 
 HRESULT LastErrorAsHresult() {
@@ -113,6 +116,7 @@ void CHttpCommandHandler::ReadMode() {
     if (!key.IsOpen()) return;
     m_fileServerMode = 0;
     key.ReadDword(TEXT("HttpFileServer"), m_fileServerMode);
+    key.ReadDword(TEXT("ReportBlocks"), m_reportBlocks);
     if (FileServerMode() && Tracing()) {
         CZemEntry scope(TEXT("CHttpCommandHandler::Initialize"));
         scope.Trace(TEXT("ZEM HTTP file server mode %d"), m_fileServerMode);
@@ -209,6 +213,7 @@ void CHttpCommandHandler::Shutdown() {
             m_completionPort = nullptr;
         }
         ForgetWritesInLine();
+        TakeStock(scope);
         if (allBack) delete m_xactionPool;  // else the system may still write into a block
         m_xactionPool = nullptr;
         DeleteRemainingClients();
@@ -263,9 +268,11 @@ bool CHttpCommandHandler::TakeBackReceives() {
         const BOOL ok = GetQueuedCompletionStatus(m_completionPort, &moved_bytes, &key, &overlapped,
                                                   kTakeBack_ms);
         if (!ok && !overlapped) return false;
-        const CHttpXaction* xaction = overlapped ? m_xactionPool->Owns(overlapped) : nullptr;
+        CHttpXaction* const xaction = overlapped ? m_xactionPool->Owns(overlapped) : nullptr;
         // The packet of a write whose turn has come is none of a receive.
-        if (xaction && !xaction->InLine()) m_xactionPool->ReceivePickedUp();
+        if (!xaction || xaction->InLine()) continue;
+        m_xactionPool->ReceivePickedUp();
+        m_xactionPool->Release(xaction);
     }
     return true;
 }
@@ -276,9 +283,25 @@ void CHttpCommandHandler::ForgetWritesInLine() {
     m_writeGate.Forget();
     for (int i = 0; m_xactionPool && i < m_xactionPool->Count(); ++i) {
         CHttpXaction& xaction = m_xactionPool->At(i);
+        if (!xaction.InLine()) continue;
         const CZemClientRef client = CZemClientRef::Adopt(xaction.InLine());
         xaction.SetInLine(nullptr);
+        m_xactionPool->Release(&xaction);
     }
+}
+
+// Nothing is at work any more: each block is in its pool or counted as kept. Said when one is
+// missing, and to who wants to know.
+void CHttpCommandHandler::TakeStock(CZemEntry& scope) {
+    if (!m_xactionPool) return;
+    const int http = m_xactionPool->Count(), httpFree = m_xactionPool->FreeCount(),
+              httpKept = m_xactionPool->KeptCount();
+    constexpr int kFrames = CFrameIoXactionPool::kBlocks;
+    const int framesFree = m_framePool->FreeCount(), framesKept = m_framePool->KeptCount();
+    if (httpFree + httpKept != http || framesFree + framesKept != kFrames)
+        scope.LogWarning(kStock, httpFree, http, httpKept, framesFree, kFrames, framesKept);
+    else if (m_reportBlocks)
+        scope.LogMsg(kStock, httpFree, http, httpKept, framesFree, kFrames, framesKept);
 }
 
 void CHttpCommandHandler::DeleteRemainingClients() {

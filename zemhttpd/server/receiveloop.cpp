@@ -117,8 +117,11 @@ unsigned WINAPI CHttpCommandHandler::HttpRequestIssuer(void* server) {
         CHttpXaction* xaction = nullptr;
         bool posted = true;
         // The stop APC ends the wait inside; a block whose receive failed is not given back.
-        while (posted && self.m_xactionPool->Acquire(xaction) == S_OK)
-            scope = self.IssueHttpRequest(*xaction, posted);
+        while (posted && self.m_xactionPool->Acquire(xaction) == S_OK) {
+            const HRESULT hr = self.IssueHttpRequest(*xaction, posted);
+            if (!posted) self.m_xactionPool->KeepBlock();
+            scope = hr;
+        }
     } catch (...) {
         LogCaught(scope, kSourceCmdHdlr, kCatchLineIssuer);
     }
@@ -171,7 +174,10 @@ LONGLONG CHttpCommandHandler::ServiceRequests() {
         // Any error ends the worker, a request head that did not fit (ERROR_MORE_DATA) like a queue
         // that was closed. Thrown without an entry-point record, so that the worker's catch writes
         // the one record of it, "Unknown error" with the code.
-        if (!ok) throw HRESULT_FROM_WIN32(error);
+        if (!ok) {
+            if (xaction) m_xactionPool->KeepBlock();
+            throw HRESULT_FROM_WIN32(error);
+        }
         if (!xaction) {
             if (key == 0) return serviced;
             continue;
