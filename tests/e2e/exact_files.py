@@ -827,7 +827,7 @@ class FrameBlocks(FilesCase):
 
 
 class ReclaimedFrameBlocks(FrameBlocks):
-    settings = ['"ReclaimFrameBlocks"=dword:00000001']
+    settings = [RECLAIM_FRAME_BLOCKS]
 
     def test_all_used_up_read_first(self):
         client = self.join()

@@ -19,7 +19,6 @@ import unittest
 from wire import *
 
 PROGRAM = None
-RECLAIM = '"ReclaimFrameBlocks"=dword:00000001'
 TOO_MANY_OPEN_FILES = 0x80070004
 DISK_FULL = 0x80070070
 PATH_NOT_FOUND = 0x80070003
@@ -105,7 +104,7 @@ class Disk(unittest.TestCase):
     def setUp(self):
         if not may_mount():
             self.skipTest('this user may not mount')
-        self.server = CrampedServer(PROGRAM, settings=[RECLAIM])
+        self.server = CrampedServer(PROGRAM, settings=[RECLAIM_FRAME_BLOCKS])
         self.addCleanup(self.server.remove)
         self.client = Client(self.server.port, 'client')
         self.addCleanup(self.client.close)
@@ -204,7 +203,7 @@ class Volume(unittest.TestCase):
 class FrameMemory(unittest.TestCase):
     def test_frames_larger_than_what_is_left(self):
         """Four uploads of 40 MiB under way at once do not fit into 120: one of them fails, and later it does not."""
-        server = Server(PROGRAM, settings=[RECLAIM])
+        server = Server(PROGRAM, settings=[RECLAIM_FRAME_BLOCKS])
         self.addCleanup(server.remove)
         size = 40 << 20
         uploads = []

@@ -206,9 +206,12 @@ class Client:
         return self.post(READ, read_body([(token, position, flags, user)]))
 
 
+READ_REPLY_BYTES = 12 + 104  # of the entity, before the data, with one stream
+
+
 def frame_of(reply, n=1):
     """The data that follows the stream table of a READ_FRAME reply."""
-    return reply.body[12 + (n - 1) * 144 + 104:]
+    return reply.body[READ_REPLY_BYTES + (n - 1) * 144:]
 
 
 def stream_status(reply, i=0):
@@ -241,6 +244,10 @@ def closed_port():
 
 class NotStarted(RuntimeError):
     """No server, so nothing was tried."""
+
+
+REPORT_BLOCKS = '"ReportBlocks"=dword:00000001'
+RECLAIM_FRAME_BLOCKS = '"ReclaimFrameBlocks"=dword:00000001'
 
 
 class Server:
@@ -323,21 +330,27 @@ class Server:
         self.process.stdout.close()
 
     def stop(self, timeout_s=60):
-        if self.process.poll() is None:
+        running = self.process.poll() is None
+        if running:
             self.process.send_signal(self.stop_signal)
         code = self.process.wait(timeout_s)
         self.drain.join()
         self.process.stdout.close()
+        if running:
+            missing = [line for line in self.logged().splitlines() if ' warning ' in line and 'Blocks at the end' in line]
+            assert not missing, missing
         return code
 
     def remove(self):
-        if self.process.poll() is None:
-            self.stop()
-        shutil.rmtree(self.folder)
+        try:
+            if self.process.poll() is None:
+                self.stop()
+        finally:
+            shutil.rmtree(self.folder)
 
     def logged(self):
         """What the log has, as it is."""
-        if not os.path.exists(self.log):
+        if not os.path.isfile(self.log):
             return '(no log)\n'
         with open(self.log, encoding='utf-8', errors='replace') as text:
             return text.read()
@@ -367,6 +380,20 @@ class Server:
                 return found
             time.sleep(0.01)
         raise AssertionError('not in the log: %s\n%s' % (part, '\n'.join(self.lines()[-40:])))
+
+    def missing_blocks(self):
+        """Of a server with REPORT_BLOCKS that has stopped: what it said of its pools, and in what words it is not as it
+        should be: every block is back, or a frame block of a failed write request, which is counted."""
+        said = [line.partition('Blocks at the end: ')[2] for line in self.lines() if 'Blocks at the end: ' in line]
+        found = re.fullmatch(r'HTTP (\d+) of (\d+), 0 kept; frames (\d+) of (\d+), (\d+) kept', said[-1]) if said else None
+        if not found:
+            return ''.join(said), 'nothing is said of blocks, or not what is expected'
+        home, blocks, frames, frame_blocks, kept = map(int, found.groups())
+        if (home, blocks) != (1500 if self.file_server else 300,) * 2 or (frames + kept, frame_blocks) != (7200, 7200):
+            return said[-1], 'blocks have not come back'
+        if kept and RECLAIM_FRAME_BLOCKS in self.settings:
+            return said[-1], 'blocks of failed writes were kept'
+        return said[-1], ''
 
     def rss_anon_kib(self):
         with open('/proc/%d/status' % self.process.pid) as status:
