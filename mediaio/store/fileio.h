@@ -47,6 +47,9 @@ public:
         return E_NOTIMPL;
     }
     virtual HRESULT SetSize(uint64_t size_bytes) = 0;
+    // Whether bytes of the range that a view showed are still on their way to somebody, although
+    // whoever was given the view is done with it: their place must not be given back yet.
+    virtual bool IsBeingSent(uint64_t /*offset_bytes*/, uint64_t /*size_bytes*/) { return false; }
     // Gives the range back to the file system; it reads as zeros. Not supported is a success.
     virtual HRESULT PunchHole(uint64_t offset_bytes, uint64_t size_bytes) = 0;
 

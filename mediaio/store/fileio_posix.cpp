@@ -141,6 +141,9 @@ public:
         return ftruncate(m_fd.Get(), static_cast<off_t>(size_bytes)) == 0 ? S_OK : LastFailure();
     }
 
+    bool IsBeingSent(uint64_t offset_bytes, uint64_t size_bytes) override {
+        return IsFilePartInUse(m_fd.Get(), offset_bytes, size_bytes);
+    }
     HRESULT PunchHole(uint64_t offset_bytes, uint64_t size_bytes) override {
         if (fallocate(m_fd.Get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE,
                       static_cast<off_t>(offset_bytes), static_cast<off_t>(size_bytes)) == 0) {

@@ -290,9 +290,20 @@ void CMediaFile::FindLostSpace() {
     }
 }
 
-// True when there is a range to punch and no reader from before it died.
+// True when there is a range to punch and no reader from before it died. What is still being sent
+// to a slow client is left for the next checkpoint, or, when there is none before the file is
+// closed, for the next object's FindLostSpace.
 bool CMediaFile::NextPunch() {
-    return m_punched < m_punching.size() && m_pins[m_punchEpoch] == 0;
+    if (m_pins[m_punchEpoch] != 0) return false;
+    for (; m_punched < m_punching.size(); ++m_punched) {
+        const DeadRange& range = m_punching[m_punched];
+        if (!m_file->IsBeingSent(range.offset_bytes, range.size_bytes)) return true;
+        try {
+            m_dead.push_back(range);
+        } catch (const std::bad_alloc&) {
+        }
+    }
+    return false;
 }
 
 }  // namespace zemstore

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <new>
 
+#include "platform/posix/http_limits.h"
 #include "platform/posix/http_tuning.h"
 #include "platform/posix/views.h"
 
@@ -19,9 +20,8 @@ namespace {
 
 std::atomic<uint64_t> g_held{0};
 
-// A view's bytes are the application's only until its call returns: afterwards it may give their
-// place in the file back. They are copied like all memory, but through a read: pages of a file that
-// was cut raise a signal. False when they are not all there.
+// Copies what a piece names. Pages of a file that was cut raise a signal, so a view is read like a
+// file. False when the bytes are not all there.
 bool CopyMemory(const CSendPiece& piece, char* to) {
     int fd = piece.fd;
     uint64_t offset = piece.offset;
@@ -48,7 +48,7 @@ uint64_t CBackgroundSend::BytesHeld() {
 std::unique_ptr<CBackgroundSend> CBackgroundSend::Make(const CSendCursor& rest) {
     try {
         std::unique_ptr<CBackgroundSend> send(new CBackgroundSend());
-        if (send->Copy(rest)) return send;
+        if (send->Take(rest)) return send;
     } catch (const std::bad_alloc&) {
     }
     return nullptr;
@@ -60,33 +60,59 @@ CBackgroundSend::~CBackgroundSend() {
     g_held.fetch_sub(m_reserved);
 }
 
-bool CBackgroundSend::AddFile(int fd, uint64_t offset, uint64_t bytes) {
+bool CBackgroundSend::AddFile(const CSendPiece& piece) {
     m_files.reserve(m_files.size() + 1);
-    const int own = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+    const int own = fcntl(piece.fd, F_DUPFD_CLOEXEC, 0);
     if (own < 0) return false;
     m_files.push_back(own);
-    m_pieces.push_back({nullptr, bytes, own, offset, false});
+    m_pieces.push_back({nullptr, piece.bytes, own, piece.offset, false});
     return true;
 }
 
-bool CBackgroundSend::Copy(const CSendCursor& rest) {
-    const uint64_t memory = rest.MemoryLeft();
-    if (g_held.fetch_add(memory) + memory > HttpTune()->background_bytes) {
-        g_held.fetch_sub(memory);
+// The application may give the place of a view's bytes back when its call has returned, unless it
+// is in use.
+bool CBackgroundSend::AddView(const CSendPiece& piece) {
+    auto part = std::make_unique<CFilePartUse>();
+    m_parts.reserve(m_parts.size() + 1);
+    if (!part->Begin(piece.fd, piece.offset, piece.bytes) || !AddFile(piece)) return false;
+    m_parts.push_back(std::move(part));
+    return true;
+}
+
+// The last quarter of the bound is for small rests: a few clients that do not read large answers
+// must not keep all others from being slow.
+bool CBackgroundSend::Reserve(uint64_t bytes) {
+    const uint64_t bound = HttpTune()->background_bytes;
+    const uint64_t own = bytes <= kCopyAtOnceBytes ? bound : bound - bound / 4;
+    if (g_held.fetch_add(bytes) + bytes > own) {
+        g_held.fetch_sub(bytes);
         return false;
     }
-    m_reserved = memory;
-    m_memory.reset(new char[memory ? memory : 1]);
+    m_reserved = bytes;
+    m_memory.reset(new char[bytes ? bytes : 1]);
+    return true;
+}
+
+bool CBackgroundSend::Take(const CSendCursor& rest) {
+    uint64_t copied = 0;
     m_pieces.reserve(rest.Count());
-    char* to = m_memory.get();
     for (size_t i = 0; i < rest.Count(); ++i) {
         const CSendPiece& piece = rest.Pieces()[i];
+        if (piece.is_view && AddView(piece)) continue;
         if (!piece.data && !piece.is_view) {
-            if (!AddFile(piece.fd, piece.offset, piece.bytes)) return false;
+            if (!AddFile(piece)) return false;
             continue;
         }
+        // Without a descriptor to spare a view is copied as well.
+        copied += piece.bytes;
+        m_pieces.push_back(piece);
+    }
+    if (!Reserve(copied)) return false;
+    char* to = m_memory.get();
+    for (CSendPiece& piece : m_pieces) {
+        if (!piece.data && !piece.is_view) continue;
         if (!CopyMemory(piece, to)) return false;
-        m_pieces.push_back({to, piece.bytes, -1, 0, false});
+        piece = {to, piece.bytes, -1, 0, false};
         to += piece.bytes;
     }
     m_cursor = std::make_unique<CSendCursor>(m_pieces.data(), m_pieces.size());

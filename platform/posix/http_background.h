@@ -1,12 +1,13 @@
-// The rest of a response whose client takes it too slowly: a copy of the memory, that of views of
-// files included, and descriptors of the files. The connection that owns it sends it on as the
-// socket takes more. All copies of the process together are bounded. Used by the thread that owns
-// the connection.
+// The rest of a response whose client takes it too slowly: descriptors of files, the parts of them
+// that were named by a view kept in their place, and a copy of the memory. The connection that owns
+// it sends it on as the socket takes more. All copies of the process together are bounded. Used by
+// the thread that owns the connection.
 #pragma once
 
 #include <memory>
 #include <vector>
 
+#include "platform/posix/fileparts.h"
 #include "platform/posix/http_pieces.h"
 
 namespace posix {
@@ -29,11 +30,14 @@ public:
 
 private:
     CBackgroundSend() = default;
-    bool Copy(const CSendCursor& rest);
-    bool AddFile(int fd, uint64_t offset, uint64_t bytes);
+    bool Take(const CSendCursor& rest);
+    bool AddFile(const CSendPiece& piece);
+    bool AddView(const CSendPiece& piece);
+    bool Reserve(uint64_t bytes);
 
     std::vector<CSendPiece> m_pieces;
     std::vector<int> m_files;
+    std::vector<std::unique_ptr<CFilePartUse>> m_parts;
     std::unique_ptr<char[]> m_memory;
     uint64_t m_reserved = 0;
     uint64_t m_sent = 0;

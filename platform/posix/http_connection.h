@@ -143,7 +143,8 @@ private:
     void SendContinue();
 
     // http_stall.cpp
-    bool WaitSocket(short events, uint64_t until_ms);
+    enum class EPatience { UntilStalled, WhileIdle };
+    bool WaitSocket(short events, uint64_t until_ms, EPatience patience);
     bool IsStalled(uint64_t now, bool alone);
     void NoteProgress(size_t bytes) { m_window_bytes += bytes; }
 

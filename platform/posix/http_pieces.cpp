@@ -36,7 +36,14 @@ ESent ResultOfErrno() {
 uint64_t CSendCursor::MemoryLeft() const {
     uint64_t bytes = 0;
     for (size_t i = 0; i < m_count; ++i)
-        if (m_pieces[i].data || m_pieces[i].is_view) bytes += m_pieces[i].bytes;
+        if (m_pieces[i].data) bytes += m_pieces[i].bytes;
+    return bytes;
+}
+
+uint64_t CSendCursor::ViewsLeft() const {
+    uint64_t bytes = 0;
+    for (size_t i = 0; i < m_count; ++i)
+        if (m_pieces[i].is_view) bytes += m_pieces[i].bytes;
     return bytes;
 }
 

@@ -34,7 +34,9 @@ public:
 
     CSendPiece* Pieces() const { return m_pieces; }
     size_t Count() const { return m_count; }
-    uint64_t MemoryLeft() const;  // views included
+    // Bytes that are left of memory, and of views of files.
+    uint64_t MemoryLeft() const;
+    uint64_t ViewsLeft() const;
 
 private:
     ESent SendMemory(int socket, uint64_t* sent);

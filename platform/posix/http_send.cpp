@@ -67,13 +67,20 @@ ULONG CHttpConnection::SendPieces(CSendCursor& cursor, uint64_t* sent) {
     }
 }
 
-// A thread that is no worker of the port has work of its own that waits meanwhile, unseen from
-// here: it waits for a client only when nothing else can send the rest.
+// A rest that costs next to nothing to keep is waited for only while the thread has nothing better
+// to do: sending it here is a little faster. A thread that is no worker of the port has work of its
+// own that waits meanwhile, unseen from here: it waits for a client only when nothing else can send
+// the rest.
 CHttpConnection::EBlocked CHttpConnection::WaitToSend(CSendCursor& cursor) {
-    const bool worker = m_queue->Port()->IsWorkerHere();
-    if ((cursor.MemoryLeft() <= kCopyAtOnceBytes || !worker) && StartBackground(cursor, true))
-        return EBlocked::Background;
-    if (WaitSocket(POLLOUT, ClockMs() + HttpTune()->body_ms)) return EBlocked::Goes;
+    CCompletionPort& port = *m_queue->Port();
+    const uint64_t memory = cursor.MemoryLeft();
+    const bool cheap = memory <= kCopyAtOnceBytes;
+    const bool at_once =
+        !port.IsWorkerHere() || memory + cursor.ViewsLeft() <= kCopyAtOnceBytes ||
+        (cheap && (port.IsLastServer() || m_queue->RequestsWait()));
+    if (at_once && StartBackground(cursor, true)) return EBlocked::Background;
+    const EPatience patience = cheap ? EPatience::WhileIdle : EPatience::UntilStalled;
+    if (WaitSocket(POLLOUT, ClockMs() + HttpTune()->body_ms, patience)) return EBlocked::Goes;
     // A closing queue ends its connections: nothing would be sent in the background.
     if (m_queue->Closing()) return EBlocked::Lost;
     return StartBackground(cursor, true) ? EBlocked::Background : EBlocked::Lost;

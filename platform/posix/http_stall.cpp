@@ -44,14 +44,16 @@ bool CHttpConnection::IsStalled(uint64_t now, bool alone) {
     return m_slow && (alone || m_queue->RequestsWait());
 }
 
-// False: the client is stalled, its time is up, or the queue is closing.
-bool CHttpConnection::WaitSocket(short events, uint64_t until_ms) {
+// False: the client is stalled, its time is up, the queue is closing, or, with EPatience::WhileIdle,
+// requests wait.
+bool CHttpConnection::WaitSocket(short events, uint64_t until_ms, EPatience patience) {
     const CBlocked blocked;
     const bool alone = events == POLLOUT && !m_queue->Port()->IsWorkerHere();
     CWorkerSeats::StandUp();
     for (;;) {
         const uint64_t now = ClockMs();
         if (m_queue->Closing() || IsStalled(now, alone) || now >= until_ms) return false;
+        if (patience == EPatience::WhileIdle && m_queue->RequestsWait()) return false;
         pollfd fd{m_fd, events, 0};
         const int slice = std::max(1, std::min(kSliceMs, static_cast<int>(HttpTune()->stall_ms)));
         if (poll(&fd, 1, slice) > 0) return true;

@@ -54,6 +54,8 @@ public:
     void Invite() { m_seats->Invite(); }
     // Whether work waits that nobody will take soon.
     bool IsShortOfWorkers() const { return !m_seats->HasParked() && m_lanes->WorkWaits(0); }
+    // Whether nobody would be left to serve the port if the calling worker waited now.
+    bool IsLastServer() const { return !m_seats->HasParked() && m_seats->IsLast(); }
 
     // The tick: `on_tick` runs on a worker at least every second (slow) or tenth of one (quick),
     // and says which it needs further.

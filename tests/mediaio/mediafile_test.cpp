@@ -111,6 +111,42 @@ TEST_F(MediaFile, OverwritesGoToNewSpaceAndGiveTheOldBack) {
     EXPECT_EQ(bytes, FrameBytes(0, 2, 50000));
 }
 
+// The reader is done with it, but not the one to whom it is sent.
+TEST_F(MediaFile, WhatIsStillBeingSentIsGivenBackLater) {
+    uint64_t sent = 0;
+    const auto wasted = [&] {
+        const auto dead = m_device.content.begin() + static_cast<std::ptrdiff_t>(sent);
+        return std::any_of(dead, dead + 50000, [](uint8_t b) { return b != 0; });
+    };
+    for (const bool closed : {false, true}) {
+        SCOPED_TRACE(closed);
+        {
+            Opened file(m_device);
+            ASSERT_EQ(file->BeginWriting(), S_OK);
+            ASSERT_EQ(WriteFrame(*file.file, 0, FrameBytes(0, 1, 50000)), S_OK);
+            PinnedFrame old{};
+            ASSERT_EQ(file->Pin(0, false, old), S_OK);
+            sent = old.slotOffset;
+            m_device.sentBegin = sent + 40000;
+            m_device.sentEnd = sent + 50000;
+            ASSERT_EQ(WriteFrame(*file.file, 0, FrameBytes(0, 2, 50000)), S_OK);
+            ASSERT_EQ(file->Checkpoint(), S_OK);
+            ASSERT_TRUE(wasted());
+            if (!closed) m_device.sentEnd = 0;
+            ASSERT_EQ(file->EndWriting(), S_OK);
+            EXPECT_EQ(wasted(), closed);
+        }
+        m_device.sentEnd = 0;
+        Opened file(m_device);
+        ASSERT_EQ(file->BeginWriting(), S_OK);
+        ASSERT_EQ(file->EndWriting(), S_OK);
+        EXPECT_FALSE(wasted());
+        std::vector<uint8_t> bytes;
+        EXPECT_EQ(ReadFrame(*file.file, 0, bytes), S_OK);
+        EXPECT_EQ(bytes, FrameBytes(0, 2, 50000));
+    }
+}
+
 // A hole that could not be made is as good as a crash before it.
 TEST_F(MediaFile, SpaceThatACrashLeftIsGivenBackByTheNextWriter) {
     uint64_t lost = 0;

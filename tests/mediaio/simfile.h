@@ -59,6 +59,7 @@ struct Device {
     uint64_t bytesRead = 0;
     uint64_t inode = 0;
     const void* writer = nullptr;  // who holds the lock
+    uint64_t sentBegin = 0, sentEnd = 0;  // bytes that are on their way to somebody
     std::mt19937 random;
 
     void LosePower(Cut cut);
@@ -91,6 +92,9 @@ public:
     HRESULT Sync() override;
     HRESULT Size(uint64_t& size) override;
     HRESULT SetSize(uint64_t size) override;
+    bool IsBeingSent(uint64_t offset, uint64_t size) override {
+        return offset < m_device.sentEnd && m_device.sentBegin < offset + size;
+    }
     HRESULT PunchHole(uint64_t offset, uint64_t size) override;
     HRESULT LockForWriting() override;
     void UnlockForWriting() override;

@@ -30,5 +30,6 @@ zem_test(platform_http LABEL platform
         ${CMAKE_CURRENT_LIST_DIR}/http_stall_test.cpp
         ${CMAKE_CURRENT_LIST_DIR}/http_support.cpp
         ${CMAKE_CURRENT_LIST_DIR}/http_timeout_test.cpp
+        ${CMAKE_CURRENT_LIST_DIR}/http_view_test.cpp
         ${CMAKE_CURRENT_LIST_DIR}/sysloglines.cpp
     LIBS zem_platform zem_alloc_fault)

@@ -1,4 +1,4 @@
-// Sending: framing fields, chunks of memory, files and views, and what happens when they go wrong.
+// Sending: framing fields, chunks of memory and files, and what happens when they go wrong.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -7,77 +7,10 @@
 
 #include <fstream>
 
-#include "http_support.h"
-#include "platform/posix/views.h"
-#include "tests/tempfolder.h"
+#include "http_send_support.h"
 
 namespace httptest {
 namespace {
-
-// A file of its own in a folder of its own, with text that tells every offset.
-class CTextFile {
-public:
-    explicit CTextFile(size_t bytes) {
-        while (text.size() < bytes)
-            text += std::to_string(text.size()) + ".";
-        text.resize(bytes);
-        std::ofstream(m_path, std::ios::binary) << text;
-    }
-    HANDLE Open() const {
-        const std::u16string wide(m_path.begin(), m_path.end());
-        return CreateFileW(wide.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                           FILE_ATTRIBUTE_NORMAL, nullptr);
-    }
-    const std::string& Path() const { return m_path; }
-    std::string text;
-
-private:
-    const CTempFolder m_folder;
-    const std::string m_path = m_folder.File("file");
-};
-
-HTTP_DATA_CHUNK Memory(const std::string& text) {
-    HTTP_DATA_CHUNK chunk{};
-    chunk.FromMemory.pBuffer = const_cast<char*>(text.data());
-    chunk.FromMemory.BufferLength = static_cast<ULONG>(text.size());
-    return chunk;
-}
-
-HTTP_DATA_CHUNK File(HANDLE file, ULONGLONG offset, ULONGLONG length) {
-    HTTP_DATA_CHUNK chunk{};
-    chunk.DataChunkType = HttpDataChunkFromFileHandle;
-    chunk.FromFileHandle.FileHandle = file;
-    chunk.FromFileHandle.ByteRange.StartingOffset.QuadPart = offset;
-    chunk.FromFileHandle.ByteRange.Length.QuadPart = length;
-    return chunk;
-}
-
-HTTP_RESPONSE Response(std::vector<HTTP_DATA_CHUNK>& chunks) {
-    HTTP_RESPONSE response{};
-    response.StatusCode = 200;
-    response.pReason = "OK";
-    response.ReasonLength = 2;
-    response.EntityChunkCount = static_cast<USHORT>(chunks.size());
-    response.pEntityChunks = chunks.data();
-    return response;
-}
-
-ULONG SendIt(CServer& server, HTTP_REQUEST_ID id, HTTP_RESPONSE& response, ULONG* sent = nullptr) {
-    return HttpSendHttpResponse(server.Queue(), id, 0, &response, nullptr, sent, nullptr, 0,
-                                nullptr, nullptr);
-}
-
-struct CExchange {
-    CExchange() : client(server.TcpPort()) { Ask(); }
-    void Ask() {
-        client.Send(Get("/zem/"));
-        block = server.Take();
-        EXPECT_NE(block, nullptr);
-    }
-    CServer server;
-    CClient client;
-    CBlock* block = nullptr;
-};
 
 TEST(Send, AddsLengthAndDateAndCountsTheHead) {
     CExchange x;
@@ -268,125 +201,6 @@ TEST(Send, UnreadBodyIsDrainedBeforeTheNextRequest) {
     server.Reply(block->Id(), "");
     sender.join();
     EXPECT_EQ(client.Read().body, "not read");
-}
-
-TEST(Send, ViewsGoOutWithoutBeingRead) {
-    CTextFile file(3000000);
-    const HANDLE handle = file.Open();
-    FILE* raw = fopen(file.Path().c_str(), "rb");
-    char* view = static_cast<char*>(MapFileView(fileno(raw), 0, file.text.size()));
-    fclose(raw);
-    CloseHandle(handle);
-    ASSERT_NE(view, nullptr);
-    {
-        CExchange x;
-        const std::string head = "head:";
-        HTTP_DATA_CHUNK big{}, small{};
-        big.FromMemory.pBuffer = view + 7;
-        big.FromMemory.BufferLength = 2900000;
-        small.FromMemory.pBuffer = view + 100;
-        small.FromMemory.BufferLength = 50;
-        std::vector<HTTP_DATA_CHUNK> chunks = {Memory(head), big, small};
-        HTTP_RESPONSE response = Response(chunks);
-        EXPECT_EQ(SendIt(x.server, x.block->Id(), response), NO_ERROR);
-        x.server.StartWorkers(1);
-        EXPECT_EQ(x.client.Read().body,
-                  head + file.text.substr(7, 2900000) + file.text.substr(100, 50));
-    }
-    ASSERT_EQ(truncate(file.Path().c_str(), 1000), 0);
-    {
-        CExchange x;  // found before anything is sent: the application answers otherwise
-        HTTP_DATA_CHUNK big{};
-        big.FromMemory.pBuffer = view;
-        big.FromMemory.BufferLength = 2900000;
-        std::vector<HTTP_DATA_CHUNK> chunks = {big};
-        HTTP_RESPONSE response = Response(chunks);
-        EXPECT_EQ(SendIt(x.server, x.block->Id(), response), ERROR_HANDLE_EOF);
-        EXPECT_EQ(x.server.Reply(x.block->Id(), "", 500), NO_ERROR);
-        EXPECT_EQ(x.client.Read().status, 500);
-    }
-    for (const ULONG bytes : {1000u, 100u}) {
-        CExchange x;  // a small piece is not checked before: the connection ends in mid-response
-        HTTP_DATA_CHUNK gone{};
-        gone.FromMemory.pBuffer = view + 2000000;
-        gone.FromMemory.BufferLength = bytes;
-        std::vector<HTTP_DATA_CHUNK> chunks = {gone};
-        HTTP_RESPONSE response = Response(chunks);
-        EXPECT_EQ(SendIt(x.server, x.block->Id(), response), ERROR_INVALID_ADDRESS);
-        EXPECT_EQ(x.client.Read().status, 0);
-        EXPECT_EQ(x.server.Reply(x.block->Id(), ""), ERROR_CONNECTION_INVALID);
-    }
-    UnmapFileView(view);
-}
-
-// The answer is the view, whole.
-ULONG SendView(CServer& server, HTTP_REQUEST_ID id, void* view, size_t bytes) {
-    HTTP_DATA_CHUNK chunk{};
-    chunk.FromMemory.pBuffer = view;
-    chunk.FromMemory.BufferLength = static_cast<ULONG>(bytes);
-    std::vector<HTTP_DATA_CHUNK> chunks = {chunk};
-    HTTP_RESPONSE response = Response(chunks);
-    return SendIt(server, id, response);
-}
-
-// What a view showed when the answer was given is what arrives: the application may give the bytes'
-// place in the file back as soon as its call has returned.
-TEST(Send, RestOfAViewIsCopiedForTheBackground) {
-    CTextFile file(20u << 20);
-    const int fd = open(file.Path().c_str(), O_RDWR);
-    void* const view = MapFileView(fd, 0, file.text.size());
-    ASSERT_NE(view, nullptr);
-    CServer server;
-    CClient client(server.TcpPort(), 4096);
-    client.Send(Get("/zem/"));
-    CBlock* block = server.Take();
-    ASSERT_NE(block, nullptr);
-    std::thread library([&] {  // no worker: it does not wait for the client
-        EXPECT_EQ(SendView(server, block->Id(), view, file.text.size()), NO_ERROR);
-    });
-    library.join();
-    EXPECT_GT(HttpTuneBackgroundBytes(), 0u);
-    EXPECT_EQ(fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 0, 20 << 20), 0);
-    UnmapFileView(view);
-    close(fd);
-    server.StartWorkers(1);
-    EXPECT_EQ(client.Read().body, file.text);
-    EXPECT_TRUE(Eventually([] { return HttpTuneBackgroundBytes() == 0; }));
-}
-
-// The thread that answers is in the middle of the view, sent from the file or from its pages, when
-// the file is cut off by somebody else.
-TEST(Send, AViewCutInMidSendEndsTheConnection) {
-    const CTuned no_copy(HttpTune()->background_bytes, uint64_t{0});
-    const CTuned no_stall(HttpTune()->stall_ms, 3600000u);
-    struct Way {
-        uint32_t view_send_bytes;
-        ULONG error;
-    };
-    for (const Way way : {Way{32 * 1024, ERROR_HANDLE_EOF}, Way{~0u, ERROR_INVALID_ADDRESS}}) {
-        SCOPED_TRACE(way.view_send_bytes);
-        const CTuned tuned(HttpTune()->view_send_bytes, way.view_send_bytes);
-        CTextFile file(20u << 20);
-        const int fd = open(file.Path().c_str(), O_RDWR);
-        void* const view = MapFileView(fd, 0, file.text.size());
-        ASSERT_NE(view, nullptr);
-        CServer server;
-        CClient client(server.TcpPort(), 4096);
-        client.Send(Get("/zem/"));
-        CBlock* block = server.Take();
-        ASSERT_NE(block, nullptr);
-        ULONG error = NO_ERROR;
-        std::thread library([&] { error = SendView(server, block->Id(), view, file.text.size()); });
-        EXPECT_TRUE(Eventually([] { return HttpTuneBlockedThreads() == 1; }));
-        EXPECT_EQ(ftruncate(fd, 4096), 0);
-        const std::string got = client.ReadToEnd();
-        library.join();
-        EXPECT_EQ(error, way.error);
-        EXPECT_NE(got.find("Content-Length: 20971520\r\n"), std::string::npos);
-        EXPECT_LT(got.size(), file.text.size());
-        UnmapFileView(view);
-        close(fd);
-    }
 }
 
 TEST(Send, FileTruncatedInMidSendEndsTheConnection) {

@@ -152,6 +152,43 @@ TEST(Stall, SmallRestIsNeverWaitedFor) {
         ASSERT_EQ(client.Read().body.size(), body.size()) << i;
 }
 
+// Large answers that nobody reads must not keep everybody else from being slow.
+TEST(Stall, LargeRestsLeaveRoomForSmallOnes) {
+    CServer server;
+    const auto answer = [&](CClient& client, size_t bytes, ULONG error) {
+        client.Send(Get("/zem/"));
+        CBlock* block = server.Take();
+        ASSERT_NE(block, nullptr);
+        std::thread library([&, id = block->Id()] {
+            EXPECT_EQ(server.Reply(id, std::string(bytes, 'r')), error);
+        });
+        if (error != NO_ERROR) {
+            EXPECT_TRUE(Eventually([] { return HttpTuneBlockedThreads() == 1; }));
+            HttpTuneAdvanceClock(300);
+        }
+        library.join();
+        server.Repost(block);
+    };
+    CClient first(server.TcpPort(), 4096);
+    answer(first, kBig, NO_ERROR);
+    const uint64_t rest = HttpTuneBackgroundBytes();
+    first.Reset();
+    EXPECT_TRUE(Eventually([&] {
+        server.Settle();
+        return HttpTuneBackgroundBytes() == 0;
+    }));
+    CTuned<uint64_t> little(HttpTune()->background_bytes, rest * 6 / 5);
+    CClient large(server.TcpPort(), 4096), small(server.TcpPort(), 4096);
+    answer(large, kBig, ERROR_NETNAME_DELETED);
+    int answers = 0;
+    for (; HttpTuneBackgroundBytes() == 0 && answers < 2000; ++answers)
+        answer(small, 50000, NO_ERROR);
+    EXPECT_GT(HttpTuneBackgroundBytes(), 0u);
+    server.StartWorkers(1);
+    for (int i = 0; i < answers; ++i)
+        ASSERT_EQ(small.Read().body.size(), 50000u) << i;
+}
+
 TEST(Stall, BodyReadFailsAsALastResortAndCanStillBeAnswered) {
     CServer server;
     CTuned<uint32_t> at_once(HttpTune()->short_body_ms, 0);
