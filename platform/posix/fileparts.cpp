@@ -49,9 +49,8 @@ bool IsFilePartInUse(int descriptor, uint64_t offset_bytes, uint64_t length) {
     if (fstat(descriptor, &info) != 0) return false;
     const std::lock_guard guard(g_lock);
     for (const CFilePartUse* part = g_parts.First(); part; part = part->after) {
-        if (part->device == info.st_dev && part->inode == info.st_ino &&
-            part->begin < offset_bytes + length && offset_bytes < part->end)
-            return true;
+        const bool same = part->device == info.st_dev && part->inode == info.st_ino;
+        if (same && part->begin < offset_bytes + length && offset_bytes < part->end) return true;
     }
     return false;
 }

@@ -51,8 +51,8 @@ ULONG CHttpConnection::ReadBody(char* to, ULONG size, bool fill, bool may_wait, 
         const uint64_t want =
             std::min<uint64_t>(m_decoder.Plain(), static_cast<uint64_t>(end - to));
         SetLowWater(want >= kPileFromBytes ? kPileBytes : 1);
-        const bool ready = WaitSocket(POLLIN, idle_from + HttpTune()->body_ms,
-                                      EPatience::UntilStalled);
+        const bool ready =
+            WaitSocket(POLLIN, idle_from + HttpTune()->body_ms, EPatience::UntilStalled);
         error = ready ? NO_ERROR : ERROR_NETNAME_DELETED;
         // After this the client may get an answer, but its body is not waited for again.
         if (!ready) m_close = true;

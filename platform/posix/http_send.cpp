@@ -75,9 +75,8 @@ CHttpConnection::EBlocked CHttpConnection::WaitToSend(CSendCursor& cursor) {
     CCompletionPort& port = *m_queue->Port();
     const uint64_t memory = cursor.MemoryLeft();
     const bool cheap = memory <= kCopyAtOnceBytes;
-    const bool at_once =
-        !port.IsWorkerHere() || memory + cursor.ViewsLeft() <= kCopyAtOnceBytes ||
-        (cheap && (port.IsLastServer() || m_queue->RequestsWait()));
+    const bool at_once = !port.IsWorkerHere() || memory + cursor.ViewsLeft() <= kCopyAtOnceBytes ||
+                         (cheap && (port.IsLastServer() || m_queue->RequestsWait()));
     if (at_once && StartBackground(cursor, true)) return EBlocked::Background;
     const EPatience patience = cheap ? EPatience::WhileIdle : EPatience::UntilStalled;
     if (WaitSocket(POLLOUT, ClockMs() + HttpTune()->body_ms, patience)) return EBlocked::Goes;

@@ -44,8 +44,8 @@ bool CHttpConnection::IsStalled(uint64_t now, bool alone) {
     return m_slow && (alone || m_queue->RequestsWait());
 }
 
-// False: the client is stalled, its time is up, the queue is closing, or, with EPatience::WhileIdle,
-// requests wait.
+// False: the client is stalled, its time is up, the queue is closing, or, with
+// EPatience::WhileIdle, requests wait.
 bool CHttpConnection::WaitSocket(short events, uint64_t until_ms, EPatience patience) {
     const CBlocked blocked;
     const bool alone = events == POLLOUT && !m_queue->Port()->IsWorkerHere();

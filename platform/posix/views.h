@@ -2,11 +2,11 @@
 // tell from a pointer which file bytes it names without a lock: the HTTP interface sends such
 // memory straight from its file, without a copy and without ever touching the pages. A view takes
 // whole slots of 64 MiB of addresses (not of memory). The stretch is 16 TiB, less where the system
-// refuses it. Lifetime: a view must outlive every call that sends its pages; it keeps a descriptor of
-// its own, so the file may be closed or deleted meanwhile. What a client takes slowly is sent on from
-// the file when the call has returned, so bytes that were handed out once are never written again,
-// and their place is given back only when IsFilePartInUse says that nobody is on it. Reading a page
-// that lies beyond the file's end raises SIGBUS: user code only hands the pages on.
+// refuses it. Lifetime: a view must outlive every call that sends its pages; it keeps a descriptor
+// of its own, so the file may be closed or deleted meanwhile. What a client takes slowly is sent on
+// from the file when the call has returned, so bytes that were handed out once are never written
+// again, and their place is given back only when IsFilePartInUse says that nobody is on it. Reading
+// a page that lies beyond the file's end raises SIGBUS: user code only hands the pages on.
 #pragma once
 
 #include <cstddef>

@@ -58,7 +58,7 @@ struct Device {
     std::array<uint64_t, kCalls> calls{};
     uint64_t bytesRead = 0;
     uint64_t inode = 0;
-    const void* writer = nullptr;  // who holds the lock
+    const void* writer = nullptr;         // who holds the lock
     uint64_t sentBegin = 0, sentEnd = 0;  // bytes that are on their way to somebody
     std::mt19937 random;
 

@@ -58,7 +58,8 @@ inline HTTP_RESPONSE Response(std::vector<HTTP_DATA_CHUNK>& chunks) {
     return response;
 }
 
-inline ULONG SendIt(CServer& server, HTTP_REQUEST_ID id, HTTP_RESPONSE& response, ULONG* sent = nullptr) {
+inline ULONG SendIt(CServer& server, HTTP_REQUEST_ID id, HTTP_RESPONSE& response,
+                    ULONG* sent = nullptr) {
     return HttpSendHttpResponse(server.Queue(), id, 0, &response, nullptr, sent, nullptr, 0,
                                 nullptr, nullptr);
 }

@@ -159,9 +159,8 @@ TEST(Stall, LargeRestsLeaveRoomForSmallOnes) {
         client.Send(Get("/zem/"));
         CBlock* block = server.Take();
         ASSERT_NE(block, nullptr);
-        std::thread library([&, id = block->Id()] {
-            EXPECT_EQ(server.Reply(id, std::string(bytes, 'r')), error);
-        });
+        std::thread library(
+            [&, id = block->Id()] { EXPECT_EQ(server.Reply(id, std::string(bytes, 'r')), error); });
         if (error != NO_ERROR) {
             EXPECT_TRUE(Eventually([] { return HttpTuneBlockedThreads() == 1; }));
             HttpTuneAdvanceClock(300);

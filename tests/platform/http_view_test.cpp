@@ -194,8 +194,9 @@ struct CTwoWorkers {
         EXPECT_TRUE(Eventually([&] {
             const int before = answered;
             readers.push_back(std::make_unique<CIdleReader>(server));
-            return !Eventually([&] { return answered > before || HttpTuneBlockedThreads() == 1; }) ||
-                   HttpTuneBlockedThreads() == 1;
+            return !Eventually([&] {
+                return answered > before || HttpTuneBlockedThreads() == 1;
+            }) || HttpTuneBlockedThreads() == 1;
         }));
         EXPECT_EQ(HttpTuneBlockedThreads(), 1u);
     }
