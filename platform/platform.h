@@ -30,6 +30,7 @@
 #include <wchar.h>
 
 #include "platform/windows/msxml60.h"
+#include "platform/windows/threadname.h"
 #else
 #include "platform/posix/com.h"
 #include "platform/posix/errors.h"

@@ -108,6 +108,7 @@ void CErrorLogSink::EndWriter() {
 }
 
 void CErrorLogSink::RunWriter() {
+    NameThisThread(TEXT("zem-log"));
     const Batch& batch = m_batch;
     CLineAssembler assembler;
     std::string lines;

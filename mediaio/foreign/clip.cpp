@@ -28,7 +28,8 @@ std::shared_ptr<IAsyncIo> DemuxEngine() {
     static std::weak_ptr<IAsyncIo> current;
     std::lock_guard hold(lock);
     std::shared_ptr<IAsyncIo> engine = current.lock();
-    if (engine == nullptr) current = engine = CreateThreadIo();
+    constexpr IoThreadNames kNames = {{TEXT("zem-demux"), TEXT("zem-demux-rt")}};
+    if (engine == nullptr) current = engine = CreateThreadIoNamed(kNames);
     return engine;
 }
 

@@ -110,6 +110,7 @@ public:
         }
         try {
             std::thread([this, work = std::move(work)]() mutable {
+                NameThisThread(TEXT("zem-opener"));
                 {
                     Work job(std::move(work));
                     job();

@@ -120,7 +120,7 @@ namespace {
 
 class CThreadIo final : public IAsyncIo {
 public:
-    CThreadIo();
+    explicit CThreadIo(const IoThreadNames& names);
     ~CThreadIo() override;
     void Submit(IoRequest& request) override;
     const char* Kind() const override { return "threads"; }
@@ -133,10 +133,12 @@ private:
     static constexpr unsigned kThreads = kRealTimeThreads + CIoQueue::kBackgroundLimit;
 
     struct Core {
+        explicit Core(const IoThreadNames& threadNames) : names(threadNames) {}
         ~Core() {
             if (scratch != nullptr) ReleaseReservation(scratch, kThreads * kScratchSize);
         }
         std::condition_variable& WorkOf(bool realTime) { return realTime ? urgent : work; }
+        const IoThreadNames names;
         std::mutex lock;
         std::condition_variable urgent;  // of the real-time side
         std::condition_variable work;
@@ -151,7 +153,7 @@ private:
     std::vector<std::thread> m_threads;
 };
 
-CThreadIo::CThreadIo() : m_core(std::make_shared<Core>()) {
+CThreadIo::CThreadIo(const IoThreadNames& names) : m_core(std::make_shared<Core>(names)) {
     m_core->scratch = static_cast<char*>(ReservePages(kThreads * kScratchSize));
     if (m_core->scratch == nullptr) throw std::bad_alloc();
     m_threads.reserve(kThreads);
@@ -206,8 +208,8 @@ void CThreadIo::EndRealTimeRead() {
 }
 
 void CThreadIo::Run(std::shared_ptr<Core> core, unsigned index) {
-    EnterIoThread();
     const bool realTime = index < 2 * kRealTimeThreads && index % 2 == 0;
+    EnterIoThread(core->names.of[realTime]);
     void* const scratch = core->scratch + index * kScratchSize;
     std::unique_lock hold(core->lock);
     for (;;) {
@@ -237,7 +239,8 @@ namespace {
 thread_local bool t_ioThread = false;
 }
 
-void EnterIoThread() {
+void EnterIoThread(const WCHAR* name) {
+    NameThisThread(name);
     t_ioThread = true;
 }
 bool IAsyncIo::OnOwnThread() {
@@ -245,8 +248,12 @@ bool IAsyncIo::OnOwnThread() {
 }
 
 std::shared_ptr<IAsyncIo> CreateThreadIo() {
+    return CreateThreadIoNamed(kStoreThreadNames);
+}
+
+std::shared_ptr<IAsyncIo> CreateThreadIoNamed(const IoThreadNames& names) {
     try {
-        return std::make_shared<CThreadIo>();
+        return std::make_shared<CThreadIo>(names);
     } catch (const std::exception&) {
         return nullptr;
     }

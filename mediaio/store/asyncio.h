@@ -135,12 +135,18 @@ public:
     static std::shared_ptr<IAsyncIo> Create();
 };
 
-// Marks the calling thread for OnOwnThread.
-void EnterIoThread();
+// Marks the calling thread for OnOwnThread, and names it.
+void EnterIoThread(const WCHAR* name);
+// By their side: the others', the real-time client's.
+struct IoThreadNames {
+    const WCHAR* of[2];
+};
+inline constexpr IoThreadNames kStoreThreadNames = {{TEXT("zem-store"), TEXT("zem-store-rt")}};
 
 // Null when the kernel refuses a ring.
 std::shared_ptr<IAsyncIo> CreateRingIo();
 std::shared_ptr<IAsyncIo> CreateThreadIo();
+std::shared_ptr<IAsyncIo> CreateThreadIoNamed(const IoThreadNames& names);
 
 }  // namespace zemstore
 

@@ -123,10 +123,14 @@ CIoState::~CIoState() {
         for (OpenStream& stream : streams)
             CloseStream(stream);
     };
-    if (!open.empty() && IAsyncIo::OnOwnThread())
-        std::thread([close, open]() mutable { close(open); }).detach();
-    else
+    if (!open.empty() && IAsyncIo::OnOwnThread()) {
+        std::thread([close, open]() mutable {
+            NameThisThread(TEXT("zem-closer"));
+            close(open);
+        }).detach();
+    } else {
         close(open);
+    }
 }
 
 HRESULT CIoState::Volume(std::shared_ptr<IVolume>& volume) const {

@@ -323,7 +323,7 @@ void PreferThisThread() {
 }
 
 void CRingIo::Side::Run() {
-    EnterIoThread();
+    EnterIoThread(kStoreThreadNames.of[realTime]);
     if (realTime) PreferThisThread();
     ArmWake();
     for (;;) {

@@ -268,7 +268,7 @@ void COverlappedIo::Core::SubmitWaiting() {
 }
 
 void COverlappedIo::Core::Run() {
-    EnterIoThread();
+    EnterIoThread(kStoreThreadNames.of[0]);
     std::vector<IoRequest*> done;
     done.reserve(kSlots);
     for (;;) {

@@ -90,5 +90,8 @@ uintptr_t _beginthreadex(void* security, unsigned stack_size, ThreadStart start,
 BOOL GetExitCodeThread(HANDLE thread, LPDWORD exit_code);
 // The kernel's number of the calling thread; never 0.
 DWORD GetCurrentThreadId();
+// Gives the calling thread a name for top -H, ps -T, /proc and debuggers. One system call, so at a
+// thread's start. At most 15 ASCII characters: further ones are cut off, others become '?'.
+void NameThisThread(const WCHAR* name);
 }
 #pragma GCC visibility pop

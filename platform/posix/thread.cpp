@@ -4,6 +4,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <climits>
 #include <new>
@@ -192,6 +193,13 @@ DWORD QueueUserAPC(PAPCFUNC routine, HANDLE thread, ULONG_PTR parameter) {
 DWORD GetCurrentThreadId() {
     if (t_thread_id == 0) t_thread_id = static_cast<DWORD>(syscall(SYS_gettid));
     return t_thread_id;
+}
+
+void NameThisThread(const WCHAR* name) {
+    std::array<char, 16> narrow{};  // as many as the kernel keeps, with the NUL
+    for (size_t i = 0; i + 1 < narrow.size() && name[i] != 0; ++i)
+        narrow[i] = name[i] < 0x80 ? static_cast<char>(name[i]) : '?';
+    pthread_setname_np(pthread_self(), narrow.data());
 }
 
 }  // extern "C"

@@ -19,6 +19,7 @@ constexpr LONGLONG kMaxSilence_seconds = 50;
 unsigned WINAPI CHttpCommandHandler::SniffDeadClients(void* server) {
     CZemEntry scope(TEXT("CHttpCommandHandler::SniffDeadClients"));
     try {
+        NameThisThread(TEXT("zem-sniffer"));
         CHttpCommandHandler& self = *static_cast<CHttpCommandHandler*>(server);
         while (WaitForSingleObject(self.m_issuerThread, kPass_ms) == WAIT_TIMEOUT) {
             CDeadClients dead;

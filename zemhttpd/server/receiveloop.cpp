@@ -111,6 +111,7 @@ HRESULT CHttpCommandHandler::IssueHttpRequest(CHttpXaction& xaction, bool& poste
 unsigned WINAPI CHttpCommandHandler::HttpRequestIssuer(void* server) {
     CZemEntry scope(TEXT("CHttpCommandHandler::HttpRequestIssuer"));
     try {
+        NameThisThread(TEXT("zem-issuer"));
         CHttpCommandHandler& self = *static_cast<CHttpCommandHandler*>(server);
         self.m_issuerBegun = true;
         WakeWaiters(self.m_issuerBegun);
@@ -132,6 +133,7 @@ unsigned WINAPI CHttpCommandHandler::HttpRequestHandler(void* server) {
     CZemEntry scope(TEXT("CHttpCommandHandler::HttpRequestHandler"));
     bool inApartment = false;
     try {
+        NameThisThread(TEXT("zem-worker"));
         CHttpCommandHandler& self = *static_cast<CHttpCommandHandler*>(server);
         scope = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
         inApartment = true;
