@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstring>
 #include <new>
+#include <string>
 
 namespace zemstore {
 namespace {
@@ -18,6 +19,18 @@ uint64_t LengthOf(const ElemStrmEntry& entry) {
     for (int32_t i = 0; i < entry.bufferCount; ++i)
         total += entry.buffers[i].length_bytes;
     return total;
+}
+
+// The server drops the frame without a word, as it does whenever memory is short; without this line
+// nobody would know why a frame is missing.
+void SayThatMemoryIsOut(uint64_t wanted_bytes, uint32_t position) {
+    static CSparseLine line;
+    uint64_t leftOut = 0;
+    if (!line.Due(CSparseLine::Clock::now(), leftOut)) return;
+    LogStore(kErrorLogLevelError, HRESULT_FROM_WIN32(ERROR_NO_SYSTEM_RESOURCES), kSourceChannel,
+             "no frame memory for " + std::to_string(wanted_bytes) +
+                 " bytes, the frame is dropped; position " + std::to_string(position) + "; " +
+                 std::to_string(leftOut) + " more since the last such line");
 }
 
 bool CountIsSane(const ElemStrmEntry& entry) {
@@ -45,7 +58,10 @@ HRESULT CChannelCore::GetWriteFrameBuffers(ZemIoDesc& desc) {
     if (total == 0) return S_OK;
     IZemMemAllocator* allocator = frames.load();
     char* run = allocator == nullptr ? nullptr : static_cast<char*>(allocator->Allocate(total));
-    if (run == nullptr) return HRESULT_FROM_WIN32(ERROR_NO_SYSTEM_RESOURCES);
+    if (run == nullptr) {
+        SayThatMemoryIsOut(total, streams.entries[0].position);
+        return HRESULT_FROM_WIN32(ERROR_NO_SYSTEM_RESOURCES);
+    }
     desc.reserved = reinterpret_cast<uint64_t>(run);
     for (uint32_t i = 0; i < streams.entryCount; ++i) {
         ElemStrmEntry& entry = streams.entries[i];

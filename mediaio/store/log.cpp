@@ -14,4 +14,16 @@ void LogStore(DWORD level, HRESULT hr, const WCHAR* source, const std::string& t
     ErrorLogWriteExW(hr, &now, 0, level, source, -1, 0, wide, static_cast<DWORD>(hr));
 }
 
+bool CSparseLine::Due(Clock::time_point now, uint64_t& leftOut) {
+    Clock::rep next = m_next.load();
+    const Clock::rep mine = now.time_since_epoch().count();
+    const Clock::rep after = (now + kPause).time_since_epoch().count();
+    if (mine < next || !m_next.compare_exchange_strong(next, after)) {
+        ++m_leftOut;
+        return false;
+    }
+    leftOut = m_leftOut.exchange(0);
+    return true;
+}
+
 }  // namespace zemstore

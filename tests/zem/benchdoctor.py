@@ -84,6 +84,7 @@ class Bench(zemcase.OwnServerCase):
         self.assertIn('did not take a frame of 121.0 MiB: it must fit into ' + memory, done.stderr)
         self.assertEqual(os.listdir(self.media), [])
         self.assertEqual(self.zem('clients'), 'No clients\n')
+        self.server.wait_for_line('0x800705aa: no frame memory for 126877696 bytes, the frame is dropped; position 0; 0 more')
         done = self.run_zem('bench', '--frame-size', '241M')
         self.assertEqual(done.returncode, 2)
         self.assertIn("'241M' is no number of bytes from 16 to 240M, such as 1M; a frame must fit into " + memory,
