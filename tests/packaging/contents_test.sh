@@ -4,18 +4,8 @@
 set -euo pipefail
 source_dir=$1 build=$2
 command -v dpkg-shlibdeps >/dev/null || { printf 'not tried: there is no dpkg-shlibdeps\n'; exit 77; }
-work=$(mktemp -d)
-pid=''
-clean_up() {
-    [ -z "$pid" ] || kill -KILL "$pid" 2>/dev/null || true
-    wait
-    rm -rf "$work"
-}
-trap clean_up EXIT
-fail() {
-    printf 'FAILED: %s\n' "$1"
-    exit 1
-}
+# shellcheck source=tests/packaging/scratch.sh
+. "$source_dir/tests/packaging/scratch.sh"
 
 (cd "$build" && cpack -B "$work" >"$work/cpack" 2>&1) || { cat "$work/cpack"; exit 1; }
 package=$(echo "$work"/zemhttpd_*_*.deb)
@@ -66,7 +56,4 @@ export ZEM_SERVER=http://127.0.0.1:$port
 zem doctor || fail 'zem doctor'
 zem get media/console.html -o - | cmp - "$work/volume/media/console.html" || fail 'the console page'
 kill -TERM "$pid"
-status=0
-wait "$pid" || status=$?
-pid=''
-[ "$status" -eq 0 ] || fail "zemhost ended with $status"
+expect_end zemhost

@@ -4,20 +4,8 @@
 # last one compiles every installed header alone.
 set -euo pipefail
 stage=$1 source_dir=$2 compiler=$3 way=$4
-work=$(mktemp -d)
-pid=''
-clean_up() {
-    [ -z "$pid" ] || kill -KILL "$pid" 2>/dev/null || true
-    wait
-    rm -rf "$work"
-}
-trap clean_up EXIT
-
-fail() {
-    printf 'FAILED: %s\n' "$1" >&2
-    [ ! -f "$work/err" ] || cat "$work/err" >&2
-    exit 1
-}
+# shellcheck source=tests/packaging/scratch.sh
+. "$source_dir/tests/packaging/scratch.sh"
 
 case $way in
     headers)
@@ -80,7 +68,4 @@ printf 'GET /media/status HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n' >&7
 timeout 120 cat <&7 >"$work/answer" || fail 'no whole answer'
 grep -q '^HTTP/1.1 200 OK' "$work/answer" || fail "it answers $(head -n 1 "$work/answer")"
 exec 6>&-  # the end of its input
-status=0
-wait "$pid" || status=$?
-pid=''
-[ "$status" -eq 0 ] || fail "exit code $status"
+expect_end host
