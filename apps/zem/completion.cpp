@@ -11,10 +11,21 @@ constexpr const char* kBashHead = R"(# bash completion for zem. Made by: zem com
 _zem() {
     local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD-1]} verb= place=0 word i
     COMPREPLY=()
+    # bash cuts words at = and :. What stands behind --option= is the value of the option; an = that
+    # stands alone is nothing of ours.
+    if [[ $cur == = || $prev == = ]]; then
+        [[ $cur == = ]] || prev=${COMP_WORDS[COMP_CWORD-2]}
+        [[ $cur != = ]] || cur=
+        [[ ${COMP_LINE:0:COMP_POINT} == *[[:space:]]"$prev=$cur" ]] || return
+    fi
     for ((i = 1; i < COMP_CWORD; ++i)); do
         word=${COMP_WORDS[i]}
         case $word in
-            @VALUED@) ((++i)) ;;
+            @VALUED@)
+                ((++i))
+                [[ ${COMP_WORDS[i]} != = ]] || ((++i))
+                while [[ ${COMP_WORDS[i+1]} == : ]]; do ((i += 2)); done
+                ;;
             -*) ;;
             *)
                 case "${verb:+$verb }$word" in

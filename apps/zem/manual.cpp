@@ -184,6 +184,13 @@ constexpr const char* kEscapes =
     "Text of the server never moves a terminal's cursor: control characters in names are shown as "
     "\\x1b or \\u202e.";
 
+// Sections of manual pages are named so.
+std::string InCapitals(std::string text) {
+    for (char& letter : text)
+        if (letter >= 'a' && letter <= 'z') letter = static_cast<char>(letter - 32);
+    return text;
+}
+
 struct EnvironmentRow {
     const char* name;
     const char* meaning;
@@ -225,7 +232,7 @@ std::string ManPage(const std::vector<VerbRow>& table) {
     page += ".SH OPTIONS OF EVERY VERB\n";
     AddRoffArguments(table.front(), page);
     for (const std::string& group : GroupsOf(table)) {
-        page += ".SH \"" + Roff(group) + "\"\n";
+        page += ".SH \"" + Roff(InCapitals(group)) + "\"\n";
         for (const VerbRow& verb : table) {
             if (verb.name.empty() || verb.isGroup || verb.group != group) continue;
             page += ".SS \"zem " + Roff(UsageOf(verb)) + "\"\n" + Roff(Sentence(verb.help)) + "\n";

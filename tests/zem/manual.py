@@ -50,6 +50,8 @@ class Manual(unittest.TestCase):
         shown = subprocess.run(['mandoc', '-T', 'utf8', '-O', 'width=200', page], check=True, capture_output=True,
                                text=True).stdout
         shown = re.sub('.\b', '', shown)
+        for section in re.findall(r'(?m)^\.SH "?(.*?)"?$', zem('manual', 'man')):
+            self.assertEqual(section, section.upper())
         for verb in VERBS:
             self.assertRegex(shown, r'(?m)^   zem %s\b' % verb)
         for option in options_of() + options_of('bench') + options_of('put'):
@@ -96,12 +98,13 @@ class Completion(unittest.TestCase):
             out.write(zem('completion', shell))
         return path
 
-    def bash(self, *words):
-        """What bash offers for the last of the words."""
-        line = ' '.join("'%s'" % word for word in ('zem', *words))
+    def bash(self, *words, line=None):
+        """What bash offers for the last of the words, as bash cuts them; `line` where the words do not tell all."""
+        line = line or ' '.join(('zem', *words))
+        quoted = ' '.join("'%s'" % word for word in ('zem', *words))
         done = subprocess.run(
-            ['bash', '--norc', '-c', 'source ./_zem; COMP_WORDS=(%s); COMP_CWORD=%d; _zem; printf "%%s\\n" "${COMPREPLY[@]}"'
-             % (line, len(words))], cwd=self.folder.name, check=True, capture_output=True, text=True)
+            ['bash', '--norc', '-c', 'source ./_zem; COMP_WORDS=(%s); COMP_CWORD=%d; COMP_LINE=$1; COMP_POINT=%d; _zem; '
+             'printf "%%s\\n" "${COMPREPLY[@]}"' % (quoted, len(words), len(line)), 'bash', line], cwd=self.folder.name, check=True, capture_output=True, text=True)
         self.assertEqual(done.stderr, '')
         return [word for word in done.stdout.split('\n') if word]
 
@@ -133,6 +136,20 @@ class Completion(unittest.TestCase):
         self.assertEqual(self.bash('put', 'clip.mxf', 'cl'), [], 'the second is a name on the server')
         self.assertEqual(self.bash('export', 'media/x', 'clip.m'), ['clip.mxf'])
         self.assertEqual(self.bash('get', 'media/x', '-o', 'clip.m'), ['clip.mxf'])
+
+    def test_bash_completes_a_value_behind_an_equals_sign(self):
+        self.script('bash')
+        values = ['both', 'read', 'write']
+        self.assertEqual(sorted(self.bash('bench', '--mode', '=', line='zem bench --mode=')), values)
+        self.assertEqual(self.bash('bench', '--mode', '=', 'r', line='zem bench --mode=r'), ['read'])
+        self.assertEqual(self.bash('bench', '--mode', '=', line='zem bench --mode ='), [], 'that is no option of zem')
+        self.assertEqual(self.bash('bench', '--mode', '=', 'r', line='zem bench --mode = r'), [])
+        self.assertEqual(self.bash('--color', '=', 'never', 'sta', line='zem --color=never sta'), ['stat', 'status'])
+        # An address is five words, and none of them a place of the verb.
+        address = ['http', ':', '//127.0.0.1', ':', '8080']
+        for option in (['--server'], ['--server', '=']):
+            self.assertEqual(self.bash('put', *option, *address, 'clip.m'), ['clip.mxf'])
+            self.assertEqual(self.bash(*option, *address, 'sta'), ['stat', 'status'])
 
     def test_fish(self):
         self.script('fish')
