@@ -237,6 +237,39 @@ class FrameMemory(unittest.TestCase):
             client.close()
 
 
+class FrameBlocks(unittest.TestCase):
+    def test_failed_writes_keep_all_of_them(self):
+        """Unless the settings say otherwise: then no frame goes through, and all else does."""
+        server = Server(PROGRAM, settings=[REPORT_BLOCKS])
+        self.addCleanup(server.remove)
+        client, other = Client(server.port, 'client'), Client(server.port, 'other')
+        for each in (client, other):
+            self.addCleanup(each.close)
+            each.join()
+        token = client.create('clip')
+        client.write(token, 0, b'frame')
+        client.flush(token)
+        body = write_body([(token, 1, [5])])
+        entity = struct.pack('<III', 1, WRITE, len(body)) + body  # and no payload
+        bad = ('POST /zem/ HTTP/1.1\r\nHost: x\r\nZem-Id: client\r\nContent-Length: %d\r\n\r\n' % len(entity)).encode() + entity
+        for _ in range(0, 7200, 100):
+            client.connection.send(bad * 100)
+            for _ in range(100):
+                self.assertEqual(client.connection.receive().body, struct.pack('<IIII', 1, 4, 4, 0))
+        reply = client.read(token, 0)
+        self.assertEqual((reply.status, reply.body), (200, struct.pack('<IIII', client.trans_id, 3, 4, 0)), 'and no frame')
+        server.wait_for_line('client: Dropping FrameRead, request pos 0; All frame IO transaction blocks in use, transId %d'
+                             % client.trans_id)
+        self.assertEqual(client.write(token, 1, b'frame').body, struct.pack('<IIII', client.trans_id, 4, 4, 0))
+        for each in (client, other):
+            self.assertNotEqual(each.create('of ' + each.id), 0)
+            self.assertEqual(each.post(KEEP_ALIVE).word(0), 0)
+        self.assertEqual(other.connection.request('GET', '/media/status').status, 200)
+        self.assertEqual(client.post(FILE_INFO, struct.pack('<Q', token)).word(40), 1, 'no frame was added')
+        self.assertEqual(server.stop(), 0)
+        self.assertEqual(server.missing_blocks(), ('HTTP 300 of 300, 0 kept; frames 0 of 7200, 7200 kept', ''))
+
+
 class OpenFiles(unittest.TestCase):
     def test_a_client_that_only_opens(self):
         """What it may have open is bounded; others' is theirs, and what it closes it may open again."""
