@@ -390,6 +390,53 @@ TEST_F(WriteGate, WhoComesToItClosedAgainIsTheFirstInLine) {
     ExpectAllHome();
 }
 
+TEST_F(WriteGate, WhoComesToItClosedAgainStandsBehindTheRealTimeClient) {
+    access.RealTimeClient().Set(TEXT("b"));
+    CWriteGate& gate = access.WriteGate();
+    gate.SetLimits(4, 1000);
+    gate.HandedOver(8);
+    EXPECT_EQ(WriteAs("a"), S_FALSE);
+    EXPECT_EQ(WriteAs("c"), S_FALSE);
+    gate.Written(4);
+    CHttpXaction* const letIn = gate.Ended();
+    ASSERT_NE(letIn, nullptr);
+    gate.HandedOver(4);
+    EXPECT_EQ(WriteAs("b"), S_FALSE) << "before the one that was let in is looked at";
+    server.FinishRequest(*letIn);
+    EXPECT_EQ(gate.InLine(), 3);
+    EXPECT_EQ(Written(), 0u);
+    Written(4);
+    Written(4);
+    while (media.CompletePending() != 0) {
+    }
+    std::vector<const void*> channels, expected;
+    for (const MediaCall& call : media.Calls("WriteFrame"))
+        channels.push_back(call.self);
+    for (const WCHAR* clientId : {TEXT("b"), TEXT("a"), TEXT("c")}) {
+        const CZemIo* channel = server.LookupClient(clientId, false).Channel();
+        expected.push_back(channel);
+    }
+    EXPECT_EQ(channels, expected);
+    ExpectAllHome();
+}
+
+// A media library may write only what it is asked to flush: a flush passes the gate, whoever stands
+// there, and what it has written lets them in.
+TEST_F(WriteGate, AFlushPassesItAndOpensIt) {
+    media.onCall = [&](const MediaCall& call) {
+        if (call.op == "FlushBuffers") media.CompletePending();
+    };
+    EXPECT_EQ(WriteAs("client"), S_FALSE);
+    EXPECT_EQ(WriteAs("a"), S_FALSE);
+    EXPECT_EQ(WriteAs("a"), S_FALSE);
+    EXPECT_EQ(Written(), 1u);
+    for (const char* clientId : {"client", "a", "a"})
+        EXPECT_EQ(Post(Command(8, 10, Bytes(ULONGLONG{0x0000000101000042})), clientId), S_OK);
+    EXPECT_EQ(Written(), 3u);
+    EXPECT_EQ(access.WriteGate().InLine(), 0);
+    ExpectAllHome();
+}
+
 TEST_F(WriteGate, StaysClosedWhileTooMuchIsUnwritten) {
     access.WriteGate().SetLimits(5, 1000);
     EXPECT_EQ(WriteAs("client"), S_FALSE);

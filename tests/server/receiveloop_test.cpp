@@ -454,6 +454,36 @@ TEST_F(ReceiveLoop, ShutdownForgetsWritesAtTheGate) {
     EXPECT_EQ(media.LiveChannels(), 0);
 }
 
+// The write that the gate waits for ends when the workers have: whoever it lets in finds nobody to
+// go on with it, and is forgotten as those that stand there.
+TEST_F(ReceiveLoop, AWriteThatEndsAfterTheWorkersLetsNobodyInAnyMore) {
+    Join();
+    Join("other");
+    access.WriteGate().SetLimits(0, 0);
+    media.pendWrites = true;
+    ASSERT_EQ(server.InitRequestThreadPool(), S_OK);
+    for (const char* clientId : {"client", "other"}) {
+        CHttpXaction& xaction = Take();
+        RequestSpec given = OneByteWrite(3);
+        given.clientId = clientId;
+        Lay(xaction, given);
+        system.Complete(xaction.Overlapped(), kKey);
+        system.WaitUntilIdle(4);
+    }
+    ASSERT_EQ(access.WriteGate().InLine(), 1);
+    const size_t answered = http.SentCount();
+    access.RequestQueue() = nullptr;  // the fixture's own, not opened here
+    std::thread completion([&] {
+        system.WaitUntilIdle(0);  // the workers have ended, and the server waits for this
+        EXPECT_EQ(media.CompletePending(), 1u);
+    });
+    server.Shutdown();
+    completion.join();
+    EXPECT_EQ(media.Count("WriteFrame"), 1u);
+    EXPECT_EQ(http.SentCount(), answered);
+    EXPECT_EQ(media.LiveChannels(), 0);
+}
+
 // A block that the system may still write into is not freed: every receive is waited for, and what
 // else comes meanwhile is not taken for one.
 TEST_F(ReceiveLoop, ShutdownTakesBackEveryReceiveBesideAWriteWhoseTurnHasCome) {

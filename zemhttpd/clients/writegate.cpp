@@ -35,12 +35,13 @@ ZemClient::ETurn CWriteGate::StandInLine(CHttpXaction& xaction, ZemClient& clien
     client.AddRef();
     xaction.SetInLine(&client);
     xaction.SetAhead(ahead);
-    const bool first = ahead || again;
-    xaction.nextInLine = first ? m_first : nullptr;
-    if (first)
-        m_first = &xaction;
-    else
-        (m_last ? m_last->nextInLine : m_first) = &xaction;
+    CHttpXaction** place = &m_first;
+    if (!ahead && !again && m_last) place = &m_last->nextInLine;
+    // The real-time client's may have come since this one was let in.
+    while (!ahead && again && *place && (*place)->Ahead())
+        place = &(*place)->nextInLine;
+    xaction.nextInLine = *place;
+    *place = &xaction;
     if (!xaction.nextInLine) m_last = &xaction;
     return ZemClient::ETurn::InLine;
 }

@@ -66,7 +66,8 @@ HRESULT CHttpCommandHandler::CloseRequestThreadPool() {
     CZemEntry scope(TEXT("CHttpCommandHandler::CloseRequestThreadPool"));
     try {
         if (m_workerCount != 0) {
-            // Without memory for a packet there is a place as soon as a worker has taken another.
+            // On Linux there is always a place. Where the system finds no memory for a packet there
+            // is some as soon as a worker has taken another.
             for (int i = 0; i < m_workerCount; ++i) {
                 while (!PostQueuedCompletionStatus(m_completionPort, 0, 0, nullptr) &&
                        GetLastError() != ERROR_INVALID_HANDLE) {
