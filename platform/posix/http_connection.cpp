@@ -104,6 +104,7 @@ bool CHttpConnection::Open(int fd, CRequestQueue* queue, const CSocketAddress& r
     CHttpConnection* c = CConnectionSlab::Instance().Take(fd, queue);
     if (!c) {
         close(fd);
+        errno = ENOMEM;
         return false;
     }
     c->m_phase = EPhase::Reading;
@@ -125,7 +126,9 @@ bool CHttpConnection::Open(int fd, CRequestQueue* queue, const CSocketAddress& r
     c->SetDeadline(HttpTune()->idle_ms);
     // From here on an event may come; the connection is ours until Release.
     if (!port->Lanes().Add(0, fd, kWatched, c)) {
+        const int error = errno;
         c->Dispose();
+        errno = error;
         return false;
     }
     if (!c->Release()) port->PushReady(c, EWake::Now);

@@ -241,8 +241,10 @@ bool CListener::Run(CPacket&) {
         socklen_t length = sizeof remote;
         const int fd = accept4(m_fd, &remote.any, &length, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd >= 0) {
-            if (CHttpConnection::Open(fd, m_queue, remote) || m_queue->Closing()) continue;
-            Tell("a new connection was closed", ENOMEM);
+            if (CHttpConnection::Open(fd, m_queue, remote)) continue;
+            const int error = errno;
+            if (m_queue->Closing()) continue;
+            Tell("a new connection was closed", error);
             lacked = true;
             continue;
         }

@@ -379,7 +379,7 @@ TEST(NoWatch, AConnectionThatCannotBeWatchedIsClosed) {
     EXPECT_EQ(HttpTuneConnections(), 0u);
     EXPECT_EQ(
         TakeSyslogLines(),
-        std::vector<std::string>{"<4> http: a new connection was closed: Cannot allocate memory"});
+        std::vector<std::string>{"<4> http: a new connection was closed: No space left on device"});
     CClient other(server.TcpPort());
     other.Send(Get("/zem/"));
     CBlock* block = server.Take();
