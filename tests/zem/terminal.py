@@ -256,7 +256,7 @@ class OnATerminal(unittest.TestCase):
             self.assertEqual(shown[-1], last, rows)
             if columns >= 20:
                 self.assertRegex(shown[0], r'^zem top  http://127')
-                self.assertTrue(any(re.match(r'Volume   [\d.]+ % used', row) for row in rows), rows)
+                self.assertTrue(any(re.match(r'Volume   [\d.]+ % us', row) for row in rows), rows)
                 self.assertTrue(any(re.match(r'Answers  [\d.]+ [mu]?s', row) for row in rows), rows)
             if columns == 40:
                 self.assertIn('  before    a-client-with-a-long-name-00', rows, 'a full line is whole')
