@@ -4,6 +4,7 @@
 
 #include "mediaio/allocator/reservation.h"
 
+#include <algorithm>
 #include <condition_variable>
 #include <mutex>
 #include <system_error>
@@ -11,6 +12,22 @@
 #include <vector>
 
 namespace zemstore {
+
+namespace {
+
+void PerformWrite(IoRequest& request) {
+    const size_t most = request.spansPerCall != 0 ? request.spansPerCall : request.spanCount;
+    request.result = S_OK;
+    for (size_t i = 0; i < request.spanCount && SUCCEEDED(request.result); i += most) {
+        size_t done = 0;
+        request.result =
+            request.file->WriteAt(request.spans + i, std::min(most, request.spanCount - i),
+                                  request.offset_bytes + request.done_bytes, done);
+        request.done_bytes += done;
+    }
+}
+
+}  // namespace
 
 void PerformIo(IoRequest& request) {
     IStoreFile& file = *request.file;
@@ -22,8 +39,7 @@ void PerformIo(IoRequest& request) {
                                          request.done_bytes);
             break;
         case IoOp::kWrite:
-            request.result = file.WriteAt(request.spans, request.spanCount, request.offset_bytes,
-                                          request.done_bytes);
+            PerformWrite(request);
             break;
         case IoOp::kSync:
             request.result = file.Sync();

@@ -36,6 +36,7 @@ struct IoRequest {
     void* data = nullptr;           // read: null borrows scratch memory, valid inside `completed`
     const IoSpan* spans = nullptr;  // write
     size_t spanCount = 0;
+    size_t spansPerCall = 0;  // so many go to the system in one call, 0: all
     void (*completed)(IoRequest& request) = nullptr;
     void* context = nullptr;
 

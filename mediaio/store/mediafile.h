@@ -113,6 +113,8 @@ private:
 
     static constexpr size_t kBatchItems = 16;
     static constexpr uint64_t kBatchBytes = uint64_t{8} << 20;
+    static constexpr uint32_t kLargeRecord = 32 * 1024;  // bytes of data: not sent by a copy
+    static constexpr size_t kSpansOfLargeRecord = 2;     // data and tail
     // A slot's end: at most a page less one byte of data rest and padding, and the record's page.
     static constexpr size_t kTailRoom = kPageSize + sizeof(LogRecord);
     static constexpr uint64_t kCheckpointBytes = uint64_t{64} << 20;
@@ -136,6 +138,7 @@ private:
 
     // mediafile_write.cpp
     void Pump(std::unique_lock<std::mutex>& hold);
+    bool JoinsBatch(const WriteItem& item, uint64_t batch_bytes) const;
     bool BuildBatch();
     bool SpaceComesBack();
     void FillRecord(WriteItem& item, uint8_t* tail, size_t tailSize);

@@ -216,15 +216,25 @@ void CMediaFile::Start(IoRequest& request, std::unique_lock<std::mutex>& hold) {
     hold.lock();
 }
 
+// A large record gets a call of its own: the page cache puts the bytes of one call into common
+// pieces of memory, of up to some megabytes, and when a part of such a piece is given back it is
+// cleared where it is, under the hands of a socket that has still to send it. What covers a whole
+// number of pieces only lets them go. Small records are copied by who sends them.
+bool CMediaFile::JoinsBatch(const WriteItem& item, uint64_t batch_bytes) const {
+    if (m_batchCount == 0) return true;
+    const bool large = m_batch[0]->dataSize >= kLargeRecord;
+    return m_batchCount < kBatchItems && batch_bytes <= kBatchBytes &&
+           large == (item.dataSize >= kLargeRecord);
+}
+
 bool CMediaFile::BuildBatch() {
     uint64_t offset = m_logEnd;
     size_t spans = 0;
     bool realTime = false;
     m_batchCount = 0;
     m_batchOffset = offset;
-    while (m_queue != nullptr && m_batchCount < kBatchItems &&
-           (m_batchCount == 0 ||
-            offset - m_batchOffset + SlotSize(m_queue->dataSize) <= kBatchBytes)) {
+    while (m_queue != nullptr &&
+           JoinsBatch(*m_queue, offset - m_batchOffset + SlotSize(m_queue->dataSize))) {
         WriteItem& item = *m_queue;
         m_queue = item.next;
         if (m_queue == nullptr) m_queueEnd = &m_queue;
@@ -247,6 +257,8 @@ bool CMediaFile::BuildBatch() {
     m_batchRequest.offset_bytes = m_batchOffset;
     m_batchRequest.spans = m_spans;
     m_batchRequest.spanCount = spans;
+    if (m_batchCount != 0 && m_batch[0]->dataSize >= kLargeRecord)
+        m_batchRequest.spansPerCall = kSpansOfLargeRecord;
     m_batchRequest.completed = OnBatch;
     m_batchRequest.context = this;
     return m_batchCount != 0;

@@ -14,6 +14,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -53,6 +54,9 @@ private:
         IoRequest* request = nullptr;
         char* scratch = nullptr;
         iovec vector[kSpansPerWrite];
+        unsigned calls = 0;  // that are at the kernel
+        size_t moved_bytes = 0;
+        bool failed = false;
     };
 
     struct Side {
@@ -62,8 +66,11 @@ private:
         void Wake();
         void ArmWake();
         bool SubmitWaiting();
+        io_uring_sqe* NextSubmission();
         void Start(Slot& slot);
-        void Finish(Slot& slot, int result);
+        void StartWrite(Slot& slot, int fd);
+        bool CallDone(Slot& slot, int result);
+        void Finish(Slot& slot);
         void Reap();
 
         const std::shared_ptr<Waiting> waiting;
@@ -191,7 +198,7 @@ void CRingIo::Side::Wake() {
 }
 
 void CRingIo::Side::ArmWake() {
-    io_uring_sqe* sqe = io_uring_get_sqe(&ring);
+    io_uring_sqe* sqe = NextSubmission();
     io_uring_prep_read(sqe, event, &eventCount, sizeof eventCount, 0);
     io_uring_sqe_set_data(sqe, nullptr);
 }
@@ -204,50 +211,64 @@ uint64_t LastByteOfFetch(int fd, const IoRequest& request) {
     return request.offset_bytes + request.size_bytes - 1;
 }
 
-// Turns the slot's request into a submission; what has no descriptor is done at once.
+io_uring_sqe* CRingIo::Side::NextSubmission() {
+    io_uring_sqe* sqe = io_uring_get_sqe(&ring);
+    if (sqe != nullptr) return sqe;
+    io_uring_submit(&ring);  // one round of the ring has more calls than it has places
+    return io_uring_get_sqe(&ring);
+}
+
+// Turns the slot's request into submissions; what has no descriptor is done at once.
 void CRingIo::Side::Start(Slot& slot) {
     IoRequest& request = *slot.request;
     const auto fd = static_cast<int>(request.file->Descriptor());
     if (Reads(request.op) && request.data == nullptr) request.data = slot.scratch;
-    io_uring_sqe* sqe = fd < 0 ? nullptr : io_uring_get_sqe(&ring);
-    if (sqe == nullptr) {
+    slot.calls = 0;
+    slot.moved_bytes = 0;
+    slot.failed = false;
+    request.borrowed = fd < 0;
+    if (!request.borrowed && request.op == IoOp::kWrite) return StartWrite(slot, fd);
+    if (request.borrowed) PerformIo(request);
+    slot.calls = 1;
+    io_uring_sqe* sqe = NextSubmission();
+    if (request.borrowed) {
         // A ring without work of its own still has to turn round for this one.
-        PerformIo(request);
-        request.borrowed = true;
-        sqe = io_uring_get_sqe(&ring);
         io_uring_prep_nop(sqe);
-        io_uring_sqe_set_data(sqe, &slot);
-        return;
-    }
-    request.borrowed = false;
-    switch (request.op) {
-        case IoOp::kRead:
-            io_uring_prep_read(sqe, fd, request.data, static_cast<unsigned>(request.size_bytes),
-                               request.offset_bytes);
-            break;
-        case IoOp::kFetch:
-            io_uring_prep_read(sqe, fd, request.data, 1, LastByteOfFetch(fd, request));
-            break;
-        case IoOp::kWrite: {
-            size_t used = 0;
-            for (; used < request.spanCount && used < kSpansPerWrite; ++used) {
-                slot.vector[used].iov_base = const_cast<void*>(request.spans[used].data);
-                slot.vector[used].iov_len = request.spans[used].size_bytes;
-            }
-            io_uring_prep_writev(sqe, fd, slot.vector, static_cast<unsigned>(used),
-                                 request.offset_bytes);
-            break;
-        }
-        case IoOp::kSync:
-            io_uring_prep_fsync(sqe, fd, IORING_FSYNC_DATASYNC);
-            break;
-        case IoOp::kPunch:
-            io_uring_prep_fallocate(sqe, fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE,
-                                    static_cast<off_t>(request.offset_bytes),
-                                    static_cast<off_t>(request.size_bytes));
-            break;
+    } else if (request.op == IoOp::kRead) {
+        io_uring_prep_read(sqe, fd, request.data, static_cast<unsigned>(request.size_bytes),
+                           request.offset_bytes);
+    } else if (request.op == IoOp::kFetch) {
+        io_uring_prep_read(sqe, fd, request.data, 1, LastByteOfFetch(fd, request));
+    } else if (request.op == IoOp::kSync) {
+        io_uring_prep_fsync(sqe, fd, IORING_FSYNC_DATASYNC);
+    } else {
+        io_uring_prep_fallocate(sqe, fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE,
+                                static_cast<off_t>(request.offset_bytes),
+                                static_cast<off_t>(request.size_bytes));
     }
     io_uring_sqe_set_data(sqe, &slot);
+}
+
+// Each call is a submission of its own. Spans beyond kSpansPerWrite are missing in the sum, and
+// written by an ordinary call.
+void CRingIo::Side::StartWrite(Slot& slot, int fd) {
+    const IoRequest& request = *slot.request;
+    const size_t count = std::min(request.spanCount, kSpansPerWrite);
+    const size_t most = request.spansPerCall != 0 ? request.spansPerCall : count;
+    uint64_t offset = request.offset_bytes;
+    for (size_t i = 0; i < count; i += most) {
+        const size_t used = std::min(most, count - i);
+        const uint64_t from = offset;
+        for (size_t k = i; k < i + used; ++k) {
+            slot.vector[k].iov_base = const_cast<void*>(request.spans[k].data);
+            slot.vector[k].iov_len = request.spans[k].size_bytes;
+            offset += request.spans[k].size_bytes;
+        }
+        io_uring_sqe* sqe = NextSubmission();
+        io_uring_prep_writev(sqe, fd, slot.vector + i, static_cast<unsigned>(used), from);
+        io_uring_sqe_set_data(sqe, &slot);
+        ++slot.calls;
+    }
 }
 
 // True when there is something new for the kernel.
@@ -275,15 +296,23 @@ size_t TotalOf(const IoRequest& request) {
     return total;
 }
 
-void CRingIo::Side::Finish(Slot& slot, int result) {
+// True when it was the last one of the request.
+bool CRingIo::Side::CallDone(Slot& slot, int result) {
+    if (result < 0)
+        slot.failed = true;
+    else
+        slot.moved_bytes += static_cast<size_t>(result);
+    return --slot.calls == 0;
+}
+
+void CRingIo::Side::Finish(Slot& slot) {
     IoRequest& request = *slot.request;
     if (!request.borrowed) {
         const bool data = Reads(request.op) || request.op == IoOp::kWrite;
         const size_t expected = request.op == IoOp::kFetch ? 1 : TotalOf(request);
-        if (result >= 0 && (!data || static_cast<size_t>(result) == expected)) {
+        if (!slot.failed && (!data || slot.moved_bytes == expected)) {
             request.result = S_OK;
-            request.done_bytes =
-                request.op == IoOp::kFetch ? request.size_bytes : static_cast<size_t>(result);
+            request.done_bytes = request.op == IoOp::kFetch ? request.size_bytes : slot.moved_bytes;
         } else {
             // A short transfer or a refusal: the ordinary call says what is the matter, from the
             // first byte on so that it alone accounts for what was done.
@@ -305,7 +334,8 @@ void CRingIo::Side::Reap() {
             ArmWake();
             continue;
         }
-        Finish(*slot, entries[i]->res);
+        if (!CallDone(*slot, entries[i]->res)) continue;
+        Finish(*slot);
         done.push_back(slot);
     }
     io_uring_cq_advance(&ring, count);
