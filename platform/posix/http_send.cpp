@@ -78,8 +78,13 @@ CHttpConnection::EBlocked CHttpConnection::WaitToSend(CSendCursor& cursor) {
     const bool at_once = !port.IsWorkerHere() || memory + cursor.ViewsLeft() <= kCopyAtOnceBytes ||
                          (cheap && (port.IsLastServer() || m_queue->RequestsWait()));
     if (at_once && StartBackground(cursor, true)) return EBlocked::Background;
-    const EPatience patience = cheap ? EPatience::WhileIdle : EPatience::UntilStalled;
-    if (WaitSocket(POLLOUT, ClockMs() + HttpTune()->body_ms, patience)) return EBlocked::Goes;
+    const uint64_t until = ClockMs() + HttpTune()->body_ms;
+    if (cheap && !at_once) {
+        if (WaitSocket(POLLOUT, until, EPatience::WhileIdle)) return EBlocked::Goes;
+        if (!m_queue->Closing() && StartBackground(cursor, true)) return EBlocked::Background;
+    }
+    // What cannot be kept costs the thread its time; a client that takes it well loses nothing.
+    if (WaitSocket(POLLOUT, until, EPatience::UntilStalled)) return EBlocked::Goes;
     // A closing queue ends its connections: nothing would be sent in the background.
     if (m_queue->Closing()) return EBlocked::Lost;
     return StartBackground(cursor, true) ? EBlocked::Background : EBlocked::Lost;

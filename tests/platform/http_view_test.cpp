@@ -172,6 +172,30 @@ TEST(View, ACopyIsKeptInsteadWhereNoDescriptorIsLeft) {
     EXPECT_TRUE(Eventually([] { return HttpTuneBackgroundBytes() == 0; }));
 }
 
+// A client that reads must not lose its connection because others have taken all there is.
+TEST(View, WithoutRoomTheClientIsWaitedForAlthoughARequestWaits) {
+    const CTuned no_copy(HttpTune()->background_bytes, uint64_t{0});
+    const CTuned never(HttpTune()->stall_ms, 3600000u);
+    const CViewed viewed;
+    CServer server;
+    CIdleReader reader(server);
+    CClient other(server.TcpPort());
+    CBlock* block = server.Take();
+    ASSERT_NE(block, nullptr);
+    other.Send(Get("/zem/other"));
+    std::thread library;
+    {
+        const CNoDescriptors none;
+        library = std::thread(
+            [&] { EXPECT_EQ(SendView(server, block->Id(), viewed.view), NO_ERROR); });
+        EXPECT_TRUE(Eventually([] { return HttpTuneBlockedThreads() == 1; }));
+    }
+    server.StartWorkers(1);
+    EXPECT_TRUE(reader.client.Read().body == viewed.file.text);
+    library.join();
+    EXPECT_EQ(other.Read().status, 200);
+}
+
 // Two workers: one may wait for a client, the other may not.
 struct CTwoWorkers {
     CTwoWorkers() {
