@@ -232,12 +232,19 @@ void CMediaFile::BeginPunching() {
     std::sort(m_dying.begin(), m_dying.end(), [](const DeadRange& a, const DeadRange& b) {
         return a.offset_bytes < b.offset_bytes;
     });
-    for (const DeadRange& range : m_dying) {
-        if (!m_punching.empty() &&
-            m_punching.back().offset_bytes + m_punching.back().size_bytes == range.offset_bytes) {
-            m_punching.back().size_bytes += range.size_bytes;
-        } else {
-            m_punching.push_back(range);
+    // Holes are made larger than what died at a time, but not so large that one slow client, who
+    // keeps all of a hole from being made, keeps much.
+    for (DeadRange rest : m_dying) {
+        while (rest.size_bytes > 0) {
+            const bool joins =
+                !m_punching.empty() && m_punching.back().size_bytes < kLargestHole &&
+                m_punching.back().offset_bytes + m_punching.back().size_bytes == rest.offset_bytes;
+            if (!joins) m_punching.push_back({rest.offset_bytes, 0});
+            DeadRange& hole = m_punching.back();
+            const uint64_t part = std::min(rest.size_bytes, kLargestHole - hole.size_bytes);
+            hole.size_bytes += part;
+            rest.offset_bytes += part;
+            rest.size_bytes -= part;
         }
     }
     m_dying.clear();

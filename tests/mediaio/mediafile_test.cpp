@@ -147,6 +147,30 @@ TEST_F(MediaFile, WhatIsStillBeingSentIsGivenBackLater) {
     }
 }
 
+// However much was erased in a row.
+TEST_F(MediaFile, OneSlowClientKeepsLittleFromBeingGivenBack) {
+    constexpr size_t kFrame = 8 << 20;
+    constexpr uint32_t kFrames = 6;
+    Opened file(m_device);
+    ASSERT_EQ(file->BeginWriting(), S_OK);
+    const std::vector<uint8_t> bytes(kFrame, 'f');
+    std::vector<uint64_t> slots;
+    for (uint32_t i = 0; i < kFrames; ++i) {
+        ASSERT_EQ(WriteFrame(*file.file, i, bytes), S_OK);
+        PinnedFrame frame{};
+        ASSERT_EQ(file->Pin(i, false, frame), S_OK);
+        slots.push_back(frame.slotOffset);
+    }
+    m_device.sentBegin = slots[0] + kFrame - 1;
+    m_device.sentEnd = slots[0] + kFrame;
+    ASSERT_EQ(file->Erase(0, kFrames), S_OK);
+    ASSERT_EQ(file->EndWriting(), S_OK);
+    EXPECT_EQ(m_device.content[slots[0]], 'f');
+    EXPECT_EQ(m_device.content[slots[0] + kFrame - 1], 'f');
+    for (uint32_t i = 2; i < kFrames; ++i)
+        EXPECT_EQ(m_device.content[slots[i] + kFrame - 1], 0) << i;
+}
+
 // A hole that could not be made is as good as a crash before it.
 TEST_F(MediaFile, SpaceThatACrashLeftIsGivenBackByTheNextWriter) {
     uint64_t lost = 0;
