@@ -61,11 +61,14 @@ CBackgroundSend::~CBackgroundSend() {
 }
 
 bool CBackgroundSend::AddFile(const CSendPiece& piece) {
-    m_files.reserve(m_files.size() + 1);
-    const int own = fcntl(piece.fd, F_DUPFD_CLOEXEC, 0);
-    if (own < 0) return false;
-    m_files.push_back(own);
-    m_pieces.push_back({nullptr, piece.bytes, own, piece.offset, false});
+    if (m_files.empty() || piece.fd != m_last_source) {  // pieces of one file share a descriptor
+        m_files.reserve(m_files.size() + 1);
+        const int own = fcntl(piece.fd, F_DUPFD_CLOEXEC, 0);
+        if (own < 0) return false;
+        m_files.push_back(own);
+        m_last_source = piece.fd;
+    }
+    m_pieces.push_back({nullptr, piece.bytes, m_files.back(), piece.offset, false});
     return true;
 }
 

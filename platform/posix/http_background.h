@@ -37,6 +37,7 @@ private:
 
     std::vector<CSendPiece> m_pieces;
     std::vector<int> m_files;
+    int m_last_source = -1;  // what the last of them was made from
     std::vector<std::unique_ptr<CFilePartUse>> m_parts;
     std::unique_ptr<char[]> m_memory;
     uint64_t m_reserved = 0;

@@ -4,6 +4,8 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <filesystem>
+
 #include "http_send_support.h"
 #include "platform/posix/views.h"
 
@@ -124,6 +126,35 @@ TEST(View, TheRestIsSentOnFromItsFileWithoutACopy) {
     close(fd);
 }
 
+// However many frames of a file one answer has: descriptors are what clients could use up.
+TEST(View, PiecesOfOneFileShareADescriptorInTheBackground) {
+    const auto descriptors = [] {
+        const std::filesystem::directory_iterator open("/proc/self/fd");
+        return std::distance(begin(open), end(open));
+    };
+    const CViewed viewed;
+    CServer server;
+    CIdleReader reader(server);
+    CBlock* block = server.Take();
+    ASSERT_NE(block, nullptr);
+    std::vector<HTTP_DATA_CHUNK> chunks(4);
+    for (size_t i = 0; i < chunks.size(); ++i) {
+        chunks[i].FromMemory.pBuffer = viewed.view + (3 - i) * (kBig / 4);
+        chunks[i].FromMemory.BufferLength = kBig / 4;
+    }
+    HTTP_RESPONSE response = Response(chunks);
+    const auto before = descriptors();
+    std::thread library([&] { EXPECT_EQ(SendIt(server, block->Id(), response), NO_ERROR); });
+    library.join();
+    EXPECT_TRUE(viewed.InUse(0));
+    EXPECT_EQ(descriptors(), before + 1);
+    server.StartWorkers(1);
+    std::string text;
+    for (size_t i = 0; i < 4; ++i)
+        text += viewed.file.text.substr((3 - i) * (kBig / 4), kBig / 4);
+    EXPECT_TRUE(reader.client.Read().body == text);
+}
+
 TEST(View, AClientThatGoesAwayGivesThePlaceBack) {
     const CViewed viewed;
     CServer server;
@@ -186,8 +217,8 @@ TEST(View, WithoutRoomTheClientIsWaitedForAlthoughARequestWaits) {
     std::thread library;
     {
         const CNoDescriptors none;
-        library = std::thread(
-            [&] { EXPECT_EQ(SendView(server, block->Id(), viewed.view), NO_ERROR); });
+        library =
+            std::thread([&] { EXPECT_EQ(SendView(server, block->Id(), viewed.view), NO_ERROR); });
         EXPECT_TRUE(Eventually([] { return HttpTuneBlockedThreads() == 1; }));
     }
     server.StartWorkers(1);
