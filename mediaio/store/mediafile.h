@@ -120,7 +120,7 @@ private:
     static constexpr uint64_t kCheckpointBytes = uint64_t{64} << 20;
     static constexpr uint32_t kCheckpointRecords = 1024;
     static constexpr uint64_t kTailLimit = uint64_t{1} << 30;
-    // At most given back at a time.
+    // At most given back at a time, but for a record that is larger.
     static constexpr uint64_t kLargestHole = uint64_t{16} << 20;
     // A view's step; it is longer by a frame.
     static constexpr uint64_t kWindow = uint64_t{1} << 30;

@@ -233,18 +233,14 @@ void CMediaFile::BeginPunching() {
         return a.offset_bytes < b.offset_bytes;
     });
     // Holes are made larger than what died at a time, but not so large that one slow client, who
-    // keeps all of a hole from being made, keeps much.
-    for (DeadRange rest : m_dying) {
-        while (rest.size_bytes > 0) {
-            const bool joins =
-                !m_punching.empty() && m_punching.back().size_bytes < kLargestHole &&
-                m_punching.back().offset_bytes + m_punching.back().size_bytes == rest.offset_bytes;
-            if (!joins) m_punching.push_back({rest.offset_bytes, 0});
-            DeadRange& hole = m_punching.back();
-            const uint64_t part = std::min(rest.size_bytes, kLargestHole - hole.size_bytes);
-            hole.size_bytes += part;
-            rest.offset_bytes += part;
-            rest.size_bytes -= part;
+    // keeps all of a hole from being made, keeps much. Never a part of a record (JoinsBatch).
+    for (const DeadRange& range : m_dying) {
+        DeadRange* const hole = m_punching.empty() ? nullptr : &m_punching.back();
+        if (hole != nullptr && hole->offset_bytes + hole->size_bytes == range.offset_bytes &&
+            hole->size_bytes + range.size_bytes <= kLargestHole) {
+            hole->size_bytes += range.size_bytes;
+        } else {
+            m_punching.push_back(range);
         }
     }
     m_dying.clear();

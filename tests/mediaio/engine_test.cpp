@@ -27,7 +27,14 @@ public:
         done = size;
         return S_OK;
     }
-    HRESULT WriteAt(const IoSpan*, size_t, uint64_t, size_t&) override { return E_NOTIMPL; }
+    HRESULT WriteAt(const IoSpan* spans, size_t count, uint64_t offset, size_t& done) override {
+        done = 0;
+        for (size_t i = 0; i < count; ++i)
+            done += spans[i].size_bytes;
+        const std::lock_guard hold(m_lock);
+        m_writes.emplace_back(offset, done);
+        return m_writes.size() == m_failingWrite ? E_FAIL : S_OK;
+    }
     HRESULT Sync() override { return S_OK; }
     HRESULT Size(uint64_t& size) override {
         size = 0;
@@ -56,6 +63,9 @@ public:
         m_open = true;
         m_changed.notify_all();
     }
+    using Writes = std::vector<std::pair<uint64_t, size_t>>;  // offset and bytes of each call
+    Writes m_writes;
+    size_t m_failingWrite = 0;  // counted from 1
 
 private:
     std::mutex m_lock;
@@ -189,6 +199,76 @@ TEST_P(Engine, WhatIsFetchedIsInThePageCacheThen) {
     EXPECT_TRUE(file->Cached(kScratchSize, kScratchSize));
     EXPECT_EQ(requests[1].result, S_OK);
     EXPECT_EQ(requests[1].done_bytes, 100u) << "the file ends there";
+    volume->Discard(temporary);
+}
+
+TEST_P(Engine, AWriteGoesOutInAsManyCallsAsItWants) {
+    CCounter counter;
+    const char bytes[50] = {};
+    const IoSpan spans[] = {{bytes, 10}, {bytes, 1}, {bytes, 20}, {bytes, 2}, {bytes, 30}};
+    const auto write = [&](size_t spansPerCall) {
+        IoRequest request = Read(m_file, 100, false, counter);
+        request.op = IoOp::kWrite;
+        request.spans = spans;
+        request.spanCount = 5;
+        request.spansPerCall = spansPerCall;
+        return request;
+    };
+    IoRequest one = write(0);
+    m_engine->Submit(one);
+    counter.Await(1);
+    EXPECT_EQ(m_file.m_writes, (CGatedFile::Writes{{100, 63}}));
+    m_file.m_writes.clear();
+    IoRequest pairs = write(2);
+    m_engine->Submit(pairs);
+    counter.Await(2);
+    EXPECT_EQ(m_file.m_writes, (CGatedFile::Writes{{100, 11}, {111, 22}, {133, 30}}));
+    EXPECT_EQ(pairs.result, S_OK);
+    EXPECT_EQ(pairs.done_bytes, 63u);
+    m_file.m_writes.clear();
+    m_file.m_failingWrite = 2;
+    IoRequest failing = write(2);
+    m_engine->Submit(failing);
+    counter.Await(3);
+    EXPECT_EQ(failing.result, E_FAIL);
+    EXPECT_EQ(m_file.m_writes.size(), 2u) << "and none behind the one that failed";
+}
+
+// More calls than a ring has places.
+TEST_P(Engine, ManyWritesOfManyCallsAreWhole) {
+    constexpr size_t kRequests = 12, kSpans = 32, kSpan = 5000;
+    std::shared_ptr<IVolume> volume;
+    ASSERT_EQ(OpenVolume(testing::TempDir(), volume), S_OK);
+    std::unique_ptr<IStoreFile> file;
+    std::string temporary;
+    ASSERT_EQ(volume->CreateUnpublished("calls", file, temporary), S_OK);
+    std::vector<char> bytes(kRequests * kSpans * kSpan);
+    for (size_t i = 0; i < bytes.size(); ++i)
+        bytes[i] = static_cast<char>(i / 7);
+    std::vector<IoSpan> spans;
+    for (size_t i = 0; i < kRequests * kSpans; ++i)
+        spans.push_back({bytes.data() + i * kSpan, kSpan});
+    CCounter counter;
+    std::vector<IoRequest> requests(kRequests, Read(m_file, 0, false, counter));
+    for (size_t i = 0; i < kRequests; ++i) {
+        requests[i].file = file.get();
+        requests[i].op = IoOp::kWrite;
+        requests[i].offset_bytes = i * kSpans * kSpan;
+        requests[i].spans = spans.data() + i * kSpans;
+        requests[i].spanCount = kSpans;
+        requests[i].spansPerCall = 1 + i % 3;
+    }
+    for (IoRequest& request : requests)
+        m_engine->Submit(request);
+    counter.Await(kRequests);
+    for (const IoRequest& request : requests) {
+        EXPECT_EQ(request.result, S_OK);
+        EXPECT_EQ(request.done_bytes, kSpans * kSpan);
+    }
+    std::vector<char> read(bytes.size());
+    size_t done = 0;
+    ASSERT_EQ(file->ReadAt(read.data(), read.size(), 0, done), S_OK);
+    EXPECT_TRUE(read == bytes);
     volume->Discard(temporary);
 }
 
