@@ -10,7 +10,7 @@ namespace {
 constexpr Option kOptions[] = {
     {"--log", "FILE", "error log, instead of standard error; renamed to FILE.1 at 16 MiB",
      Keep<&HostOptions::log>},
-    {"--settings", nullptr, "print the settings in force and where they come from, and end",
+    {"--settings", nullptr, "print address, port, volume, form of the log and where they come from",
      Set<&HostOptions::settings, true>},
     {"--version", nullptr, "print the version and end", Set<&HostOptions::version, true>},
     {"--help", nullptr, "print this text and end", Set<&HostOptions::help, true>},

@@ -42,8 +42,8 @@ std::span<const Option> SystemOptions() {
 }
 
 const SystemHelp kSystemHelp = {
-    "Makes the media of a volume reachable over HTTP, until SIGINT or SIGTERM; a second signal\n"
-    "ends it at once. SIGUSR1 opens the log file again.\n",
+    "Makes the media of a volume reachable over HTTP, until SIGINT, SIGTERM or SIGHUP; a second\n"
+    "signal ends it at once. SIGUSR1 opens the log file again.\n",
     "An option overrides the registry file. Without --registry the file is the one that the\n"
     "environment variable ZEM_REGISTRY names, else /etc/zemhttpd/zemhttpd.reg. Without any\n"
     "setting the port is 80 on every address.\n"};

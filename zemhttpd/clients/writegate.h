@@ -38,8 +38,8 @@ public:
 
     // InLine: the write stands there, with a reference to its client's record, and is somebody
     // else's by now; `ahead`, before all others; `again`, before those that were not let in yet.
-    // LineIsFull: all `places` are taken, which one that
-    // stood there before is not told. Mine: the gate is open.
+    // LineIsFull: all `places` are taken; who stood there before is never told so. Mine: the gate
+    // is open.
     ZemClient::ETurn StandInLine(CHttpXaction& xaction, ZemClient& client, int places, bool ahead,
                                  bool again);
     int InLine() const { return m_inLine.load(); }
