@@ -284,6 +284,10 @@ void CDoctor::Download() {
             "not tried: by design GET reaches only what lies in media and zem");
         return;
     }
+    if (PageHidesFile(m_name)) {
+        Say(Finding::kSkip, "download", "not tried: a page of the server hides files of this name");
+        return;
+    }
     const PageReply reply = m_client->Http().Get(UrlPathOf(m_name));
     if (reply.status == 200) {
         Say(Finding::kOk, "download", "files are served by plain GET");

@@ -67,6 +67,11 @@ struct GetOptions {
 };
 
 int Get(const CommandLine& line, const GetOptions& options) {
+    if (PageHidesFile(options.name)) {
+        throw CZemError(ErrorKind::kUsage, "a page of the server hides the files of this name: '" +
+                                               Printable(options.name) +
+                                               "'; zem read takes its frames, zem mv another name");
+    }
     std::string target = options.output;
     if (target.empty()) target = std::filesystem::path(options.name).filename().string();
     if (target.empty()) throw CZemError(ErrorKind::kUsage, "say with -o where the file goes");
@@ -116,7 +121,8 @@ void AddPageVerbs(CLI::App& app, CommandLine& line) {
     CLI::App* verb = VerbGroup{app, line, "Files"}.Add(
         "get",
         "Download a whole file as it lies on the volume. An interrupted download leaves "
-        "nothing behind and is never resumed",
+        "nothing behind and is never resumed. A file whose name begins with media/status or "
+        "media/clients is hidden by a page of the server and refused",
         [get, &line] { return Get(line, *get); });
     verb->add_option("NAME", get->name, "File on the server, below media/ or zem/")->required();
     verb->add_option("-o,--output", get->output,

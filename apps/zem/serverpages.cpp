@@ -1,6 +1,7 @@
 // See serverpages.h.
 #include "apps/zem/serverpages.h"
 
+#include <algorithm>
 #include <charconv>
 
 #include "apps/zem/client/text.h"
@@ -8,6 +9,9 @@
 
 namespace zem {
 namespace {
+
+constexpr const char* kStatusPage = "/media/status";
+constexpr const char* kClientsPage = "/media/clients";
 
 // A page has at most 5199 bytes and ends with the last whole line that fits; the longest line is an
 // ID of 777 bytes and CR LF.
@@ -36,7 +40,7 @@ bool TakeNumber(std::string_view& text, int base, uint64_t& value) {
 }  // namespace
 
 VolumeStatus GetStatus(CHttpConnection& http) {
-    const PageReply page = GetPage(http, "/media/status");
+    const PageReply page = GetPage(http, kStatusPage);
     std::string_view rest = page.text;
     uint64_t failure = 0;
     VolumeStatus status;
@@ -57,7 +61,7 @@ std::string StatusFailureText(const VolumeStatus& status) {
 }
 
 ClientList GetClients(CHttpConnection& http) {
-    const PageReply page = GetPage(http, "/media/clients");
+    const PageReply page = GetPage(http, kClientsPage);
     const std::string& text = page.text;
     ClientList list;
     list.serverName = page.serverName;
@@ -71,6 +75,22 @@ ClientList GetClients(CHttpConnection& http) {
     }
     list.perhapsMore = text.size() + kLongestLine_bytes > kClientsPage_bytes;
     return list;
+}
+
+bool PageHidesFile(std::string_view name) {
+    std::string path;
+    for (size_t at = name.starts_with('/') ? 1 : 0; at <= name.size();) {
+        const size_t end = std::min(name.find_first_of("/\\", at), name.size());
+        const std::string_view part = name.substr(at, end - at);
+        if (part == "..")
+            path.erase(std::min(path.rfind('/'), path.size()));
+        else if (part != ".")
+            path.append("/").append(part);
+        at = end + 1;
+    }
+    std::transform(path.begin(), path.end(), path.begin(),
+                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
+    return path.starts_with(kStatusPage) || path.starts_with(kClientsPage);
 }
 
 }  // namespace zem

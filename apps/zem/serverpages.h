@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "apps/zem/client/httpconn.h"
@@ -28,5 +29,10 @@ struct ClientList {
     std::string serverName;
 };
 ClientList GetClients(CHttpConnection& http);
+
+// Whether a plain GET of the file `name` would answer a page: the server takes any path that begins
+// with a page's, in any case, for the page. It has made slashes of backslashes and resolved "." and
+// ".." by then.
+bool PageHidesFile(std::string_view name);
 
 }  // namespace zem

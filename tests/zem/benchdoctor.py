@@ -197,6 +197,8 @@ class Doctor(zemcase.OwnServerCase):
         self.assertIn('media and zem', found['download']['text'])
         os.mkdir(os.path.join(self.server.volume, 'zem'))
         self.assertEqual(self.doctor('--folder', 'zem')['download']['result'], 'ok')
+        os.mkdir(os.path.join(self.media, 'Status'))
+        self.assertIn('a page of the server hides', self.doctor('--folder', 'media/Status')['download']['text'])
 
     def test_a_folder_that_cannot_be_written(self):
         found = self.doctor('--folder', '../out', code=1)

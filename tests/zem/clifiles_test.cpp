@@ -204,6 +204,20 @@ TEST_F(ZemCliFiles, GetDownloadsWholeFilesOnly) {
     EXPECT_FALSE(fs::exists(m_dir / "half.part"));
 }
 
+TEST_F(ZemCliFiles, GetRefusesWhatAPageHidesBeforeItAsks) {
+    const size_t before = m_server.Requests().size();
+    for (const char* const name : {"media/clients-choir.v0", "media/STATUS", "/media/clients"}) {
+        const Outcome outcome = Run({"get", name, "-o", "z"});
+        EXPECT_EQ(outcome.code, 2) << name;
+        EXPECT_EQ(outcome.err, "zem: a page of the server hides the files of this name: '" +
+                                   std::string(name) +
+                                   "'; zem read takes its frames, zem mv another name\n");
+    }
+    EXPECT_EQ(m_server.Requests().size(), before);
+    EXPECT_FALSE(fs::exists(m_dir / "z"));
+    EXPECT_EQ(Run({"rm", "--http", "media/clients-choir.v0"}).code, 1) << "DELETE sees files";
+}
+
 TEST_F(ZemCliFiles, ClientVerbsStayJoined) {
     std::ofstream(m_dir / "config.xml")
         << "\xEF\xBB\xBF<?xml version=\"1.0\" encoding=\"UTF-8\"?><c a=\"\xC3\xA9\"/>";

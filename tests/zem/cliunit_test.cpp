@@ -9,6 +9,7 @@
 #include "apps/zem/demux.h"
 #include "apps/zem/latency.h"
 #include "apps/zem/output.h"
+#include "apps/zem/serverpages.h"
 #include "apps/zem/terminal.h"
 #include "apps/zem/topview.h"
 #include "mediaio/foreign/avdesc.h"
@@ -341,6 +342,20 @@ TEST_F(ZemCliTop, PicturesFitWhateverTheNames) {
     EXPECT_TRUE(Shows("\\x1b[2J\\u009bm"));
     EXPECT_TRUE(Shows("more clients", 100, 20));
     EXPECT_EQ(zem::TopJson(state, "now").find('\x1b'), std::string::npos);
+}
+
+TEST(ZemCliPages, HideFilesAsTheServerMatchesThem) {
+    for (const char* const name :
+         {"media/status", "media/clients-choir.v0", "/media/statusX", "MEDIA/Status.txt",
+          "media\\clients", "./media/./clients", "zem/../media/status", "media/a/../status/b"}) {
+        EXPECT_TRUE(zem::PageHidesFile(name)) << name;
+    }
+    for (const char* const name :
+         {"", "/", "..", "media", "media/", "media/statu", "media/client.v0", "media/a/status",
+          "media//status", "//media/status", "zem/status", "status", "media/.status",
+          "media/status/..", "media/my-status", "media/%73tatus"}) {
+        EXPECT_FALSE(zem::PageHidesFile(name)) << name;
+    }
 }
 
 }  // namespace
