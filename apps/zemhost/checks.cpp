@@ -60,6 +60,13 @@ std::string CheckLogFormat(const HostSettings& settings) {
     return "the registry value LogFormat is '" + settings.logFormat + "'; give it text or json";
 }
 
+// --port takes ports only: what is none stands in the registry.
+std::string CheckPort(const HostSettings& settings) {
+    if (settings.port != 0 && settings.port <= 65535) return {};
+    return "the registry value HttpPort is " + std::to_string(settings.port) +
+           "; give it a number from 1 to 65535";
+}
+
 std::string CheckAddresses(const HostSettings& settings) {
     for (const std::string& address : settings.addresses) {
         if (!IsIpAddress(address)) {
@@ -101,10 +108,6 @@ std::string WarnOfVolume(const HostSettings& settings) {
 }
 
 std::string ExplainStartFailure(const HostSettings& settings, int32_t hr) {
-    if (settings.port == 0 || settings.port > 65535) {
-        return std::to_string(settings.port) +
-               " is not a port; give a number from 1 to 65535 with " + kSettingAdvice.port;
-    }
     std::vector<std::string> addresses = settings.addresses;
     if (addresses.empty()) addresses = {"0.0.0.0"};
     const std::string port = "port " + std::to_string(settings.port);

@@ -13,6 +13,8 @@ std::string CheckRegistryFile(const std::string& path, bool mustExist = true);
 // The same of the file in use, after ApplyOptions. Nothing where the registry is the system's.
 std::string CheckRegistry(const HostOptions& options);
 
+std::string CheckPort(const HostSettings& settings);
+
 std::string CheckLogFormat(const HostSettings& settings);
 
 std::string CheckAddresses(const HostSettings& settings);
@@ -23,5 +25,6 @@ std::string CheckVolume(const HostSettings& settings);
 // What is wrong with a volume root that can only be read. The server runs with it.
 std::string WarnOfVolume(const HostSettings& settings);
 
-// Why the server could not be started with the result hr (an HRESULT).
+// Why the server could not be started with the result hr (an HRESULT), where CheckPort found
+// nothing.
 std::string ExplainStartFailure(const HostSettings& settings, int32_t hr);

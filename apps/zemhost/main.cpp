@@ -54,10 +54,6 @@ std::string CheckAfter(const HostOptions& options, const HostSettings& settings)
     return problem;
 }
 
-bool IsPort(uint32_t port) {
-    return port != 0 && port <= 65535;
-}
-
 // What the server says is not enough here: "ready" must mean that a client gets through.
 bool Listens(const HostSettings& settings) {
     const auto port = static_cast<uint16_t>(settings.port);
@@ -104,16 +100,16 @@ int ServeAs(const HostOptions& options) {
     std::string problem = CheckRegistry(options);
     if (!problem.empty()) return Fail(kExitWrongSetting, problem);
     const HostSettings settings = ReadSettings(options);
+    problem = CheckPort(settings);
+    if (!problem.empty()) return Fail(kExitWrongSetting, problem);
     if (options.settings) {
         std::fputs(SettingsText(settings).c_str(), stdout);
         return kExitStopped;
     }
     problem = CheckBefore(options, settings);
     if (!problem.empty()) return Fail(kExitWrongSetting, problem);
-    if (IsPort(settings.port)) {
-        const HRESULT hr = OpenPort(static_cast<uint16_t>(settings.port));
-        if (FAILED(hr)) return Fail(kExitStartFailed, ExplainStartFailure(settings, hr));
-    }
+    const HRESULT hr = OpenPort(static_cast<uint16_t>(settings.port));
+    if (FAILED(hr)) return Fail(kExitStartFailed, ExplainStartFailure(settings, hr));
     problem = GiveUpRights(options.user);
     if (!problem.empty()) return Fail(kExitStartFailed, problem);
     problem = CheckAfter(options, settings);

@@ -218,9 +218,15 @@ TEST(ZemhostChecks, RefuseOtherFiles) {
 
 TEST(ZemhostChecks, PortThatTheRegistryHasWrong) {
     HostSettings settings;
-    settings.port = 70000;
-    EXPECT_EQ(ExplainStartFailure(settings, E_FAIL),
-              "70000 is not a port; give a number from 1 to 65535 with --port N");
+    for (const uint32_t port : {0u, 65536u, 0xFFFFFFFFu}) {
+        settings.port = port;
+        EXPECT_EQ(CheckPort(settings), "the registry value HttpPort is " + std::to_string(port) +
+                                           "; give it a number from 1 to 65535");
+    }
+    for (const uint32_t port : {1u, 65535u}) {
+        settings.port = port;
+        EXPECT_EQ(CheckPort(settings), "");
+    }
 }
 
 TEST(ZemhostSignals, StopSignalIsTakenAndTheNextOneEndsTheProcess) {

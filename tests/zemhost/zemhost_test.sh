@@ -107,6 +107,19 @@ case_log_format_unknown() {
     last_line_is "zemhost: the registry value LogFormat is 'xml'; give it text or json."
 }
 
+case_port_that_is_none_in_the_registry() {
+    for number in 0 65536 4294967295; do
+        settings_file "\"HttpPort\"=dword:$(printf %08x $number)"
+        for settings in '' --settings; do
+            expect 3 --registry "$work/settings.reg" --volume "$work" $settings
+            last_line_is "zemhost: the registry value HttpPort is $number; give it a number from 1 to 65535."
+            [ ! -s "$work/out" ] || fail 'something went to standard output'
+        done
+    done
+    expect 0 --registry "$work/settings.reg" --port 8123 --settings  # an option is laid over it
+    says out 'port 8123 option'
+}
+
 case_volume_not_set() {
     ZEM_REGISTRY=$work/none expect 3 --listen 127.0.0.1
     last_line_is 'zemhost: no volume root is set; give the directory that holds the media with --volume DIR.'
