@@ -12,6 +12,7 @@
 #include "apps/zem/client/zemerror.h"
 #include "apps/zem/manual.h"
 #include "apps/zem/output.h"
+#include "apps/zem/session.h"
 #include "apps/zem/terminal.h"
 #include "apps/zem/usage.h"
 #include "apps/zem/verbs.h"
@@ -26,7 +27,7 @@ constexpr std::array<ExitMeaning, 7> kExitMeanings = {{
     {kExitUnreachable, "the server cannot be reached, or the connection broke"},
     {kExitBadReply, "the answer is not one of a media server"},
     {kExitLocalFile, "a file of this machine cannot be read or written"},
-    {kExitInterrupted, "stopped by a signal"},
+    {kExitInterrupted, "stopped by a signal, or nobody reads the output any more"},
 }};
 
 std::string Footer() {
@@ -205,12 +206,13 @@ int RunZem(int argc, const char* const* argv) {
     try {
         CatchStopSignals();
         const int code = line.verb();
-        if (std::fflush(stdout) != 0)
-            throw CZemError(ErrorKind::kLocalFile, "stdout cannot be written");
+        FlushStdout();
         return code;
     } catch (const CZemError& error) {
-        const bool away = error.Kind() == ErrorKind::kUnreachable;
-        const std::string text = std::string(error.what()) + (away ? "; zem doctor tells why" : "");
+        std::string text = error.what();
+        if (error.Kind() == ErrorKind::kUnreachable) text += "; zem doctor tells why";
+        if (error.Kind() == ErrorKind::kInterrupted && OutputClosed())
+            text += "; nobody reads the output any more";
         return ReportFailure(line, ExitCodeOf(error.Kind()), text.c_str(), error.Hr());
     } catch (const std::exception& error) {
         return ReportFailure(line, kExitFailed, error.what(), 0);

@@ -105,6 +105,16 @@ void RequireRead(const std::string& name, uint32_t position, int32_t status) {
                     status);
 }
 
+void ThrowUnwritten(const std::string& path, const std::string& why) {
+    if (OutputClosed()) throw CZemError(ErrorKind::kInterrupted, "stopped");
+    throw CZemError(ErrorKind::kLocalFile, path + why);
+}
+
+void FlushStdout() {
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+        ThrowUnwritten("stdout", " cannot be written");
+}
+
 struct COutputFile::State {
     std::string path;
     std::string partPath;  // empty for stdout
@@ -137,13 +147,13 @@ COutputFile::~COutputFile() {
 
 void COutputFile::Write(std::span<const uint8_t> bytes) {
     if (std::fwrite(bytes.data(), 1, bytes.size(), m_state->file) != bytes.size())
-        throw CZemError(ErrorKind::kLocalFile, m_state->path + ": " + std::strerror(errno));
+        ThrowUnwritten(m_state->path, std::string(": ") + std::strerror(errno));
 }
 
 void COutputFile::Finish() {
     std::FILE* const file = m_state->file;
     if (std::fflush(file) != 0)
-        throw CZemError(ErrorKind::kLocalFile, m_state->path + ": " + std::strerror(errno));
+        ThrowUnwritten(m_state->path, std::string(": ") + std::strerror(errno));
     if (m_state->partPath.empty()) return;
     m_state->file = nullptr;
     std::error_code error;

@@ -88,6 +88,12 @@ void RequireFirst(const std::string& name, uint32_t from, uint32_t count);
 // waiting for its disk now and then keeps it from that.
 inline constexpr uint64_t kUnconfirmed_bytes = 40u << 20;
 
+// Throws what it means that `path` could not be written: CZemError(kInterrupted) when its reader is
+// gone, else CZemError(kLocalFile) with `why`.
+[[noreturn]] void ThrowUnwritten(const std::string& path, const std::string& why);
+// Throws that when not all of stdout was written.
+void FlushStdout();
+
 // A file of this machine that appears under its name only when it is complete.
 class COutputFile {
 public:

@@ -218,6 +218,7 @@ constexpr std::string_view kLeaveScreen = "\x1b[0m\x1b[?7h\x1b[?25h\x1b[?1049l";
 volatile std::sig_atomic_t g_stop = 0;
 std::atomic<int64_t> g_stoppedAt_ns{0};
 static_assert(std::atomic<int64_t>::is_always_lock_free);  // a signal handler uses it
+volatile std::sig_atomic_t g_outputClosed = 0;
 volatile std::sig_atomic_t g_suspend = 0;
 volatile std::sig_atomic_t g_screen = 0;  // the terminal is ours
 // A signal between a look at the flags and the wait must not be missed: its handler writes into
@@ -264,20 +265,30 @@ int64_t Now_ns() {
     return int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
 }
 
+void RequestStop() {
+    g_stoppedAt_ns = Now_ns();
+    g_stop = 1;
+    WakeScreen();
+}
+
 void OnStopSignal(int number) {
     // timeout(1) and others signal a process and its group: a second one that comes with the first
     // is the same wish.
     constexpr int64_t kSameWish_ns = 300'000'000;
     if (g_stop == 0) {
-        g_stoppedAt_ns = Now_ns();
-        g_stop = 1;
-        WakeScreen();
+        RequestStop();
         return;
     }
     if (Now_ns() - g_stoppedAt_ns < kSameWish_ns) return;
     GiveTerminalBack();
     std::signal(number, SIG_DFL);
     std::raise(number);
+}
+// From a write to stdout or stderr that nobody reads any more; connections never send this. The
+// write fails.
+void OnClosedPipe(int) {
+    g_outputClosed = 1;
+    if (g_stop == 0) RequestStop();
 }
 void OnSuspend(int) {
     g_suspend = 1;
@@ -299,16 +310,24 @@ void Catch(int number, void (*handler)(int)) {
 void CatchStopSignals() {
     Catch(SIGINT, &OnStopSignal);
     Catch(SIGTERM, &OnStopSignal);
+    // nohup(1) asks to go on when the terminal is gone.
+    struct sigaction hangup {};
+    sigaction(SIGHUP, nullptr, &hangup);
+    if (hangup.sa_handler != SIG_IGN) Catch(SIGHUP, &OnStopSignal);
+    Catch(SIGPIPE, &OnClosedPipe);
 }
 
 bool StopRequested() {
     return g_stop != 0;
 }
 
+bool OutputClosed() {
+    return g_outputClosed != 0;
+}
+
 CScreen::CScreen() {
     if (pipe2(g_signals.data(), O_NONBLOCK | O_CLOEXEC) != 0) g_signals = {-1, -1};
     tcgetattr(STDIN_FILENO, &g_before);
-    Catch(SIGHUP, &OnStopSignal);
     Catch(SIGTSTP, &OnSuspend);
     Catch(SIGWINCH, &OnResize);
     TakeTerminal();
@@ -318,7 +337,6 @@ CScreen::~CScreen() {
     GiveTerminalBack();
     Catch(SIGTSTP, SIG_DFL);
     Catch(SIGWINCH, SIG_DFL);
-    Catch(SIGHUP, SIG_DFL);
     const std::array<int, 2> ends = std::exchange(g_signals, {-1, -1});
     for (const int end : ends)
         if (end >= 0) close(end);
@@ -357,7 +375,7 @@ char CScreen::Wait(std::chrono::steady_clock::time_point deadline) {
         // A terminal that is gone is always readable and never has a key.
         if (ends[0].revents != 0 && read(STDIN_FILENO, &key, 1) != 1) {
             key = 0;
-            if ((ends[0].revents & (POLLHUP | POLLERR)) != 0) g_stop = 1;
+            if ((ends[0].revents & (POLLHUP | POLLERR)) != 0 && g_stop == 0) RequestStop();
         }
     }
     if (g_suspend != 0) {

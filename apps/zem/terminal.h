@@ -1,5 +1,6 @@
 // The terminal: whether there is one, its colours, a progress line, a full screen that is always
-// given back, and the signals that ask to stop. Main thread only, but for StopRequested.
+// given back, and the signals that ask to stop. Main thread only, but for
+// StopRequested.
 #pragma once
 
 #include <chrono>
@@ -67,10 +68,12 @@ private:
     double m_bytes_per_s = -1;
 };
 
-// Makes SIGINT and SIGTERM set a flag instead of ending the process; a second one, 0.3 s later or
-// more, ends it, after the terminal was given back.
+// Makes SIGINT, SIGTERM and SIGHUP (unless the process was started to ignore it) set a flag instead
+// of ending the process; a second one, 0.3 s later or more, ends it, after the terminal was given
+// back. SIGPIPE sets the flag, too: who read the output is gone.
 void CatchStopSignals();
 bool StopRequested();
+bool OutputClosed();  // it was SIGPIPE
 
 // The whole terminal for one picture after another: the other screen, no cursor, keys at once and
 // without echo. Stdin and stdout must be terminals. However the process ends, but for SIGKILL, the

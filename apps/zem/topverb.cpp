@@ -14,6 +14,7 @@
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
 #include "apps/zem/output.h"
+#include "apps/zem/session.h"
 #include "apps/zem/terminal.h"
 #include "apps/zem/topview.h"
 #include "apps/zem/usage.h"
@@ -135,8 +136,7 @@ void CTop::PrintSample() const {
             PrintLine(row);
         PrintLine("");
     }
-    if (std::fflush(stdout) != 0)
-        throw CZemError(ErrorKind::kLocalFile, "stdout cannot be written");
+    FlushStdout();
 }
 
 void CTop::Print() {

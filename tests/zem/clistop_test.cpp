@@ -1,6 +1,9 @@
 // A verb that is told to stop while a command is on its way to the server: what it has made it puts
 // away, or says what is left.
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <utility>
 
@@ -15,24 +18,42 @@ constexpr const char* kLeave = "16";
 
 class ZemCliStop : public ZemCli {
 protected:
-    // Runs zem and sends it a SIGTERM when the first `command` has arrived at the server, before
-    // that is answered.
-    Outcome RunAndStopAt(uint32_t command, const std::string& arguments) {
-        const fs::path pidFile = m_dir / "pid";
-        bool signalled = false;  // once: a second signal ends the program at once
+    // Runs zem and calls `event` when the first `command` has arrived at the server, before that is
+    // answered.
+    Outcome RunAndAt(uint32_t command, const std::function<void()>& event,
+                     const std::string& arguments, const std::string& before = {}) {
+        bool happened = false;  // once: a second signal ends the program at once
         CScriptServer server([&](const ScriptRequest& request) {
             if (request.method == "POST" && request.body.substr(4, 4) == Le32(command) &&
-                !std::exchange(signalled, true)) {
-                kill(std::stoi(Contents(pidFile)), SIGTERM);
+                !std::exchange(happened, true)) {
+                event();
             }
             return m_media(request);
         });
-        const int code = Shell("sh -c 'echo $$ >pid; exec \"$0\" \"$@\"' " + Quoted(ZEM_PROGRAM) +
-                               " --server " + server.Url() + " " + arguments + " >out 2>err");
+        const int code =
+            Shell("sh -c 'echo $$ >pid; " + before + "exec \"$0\" \"$@\"' " + Quoted(ZEM_PROGRAM) +
+                  " --server " + server.Url() + " " + arguments + " >out 2>err");
         server.Settle();
-        EXPECT_TRUE(signalled);
-        return {code, Contents(m_dir / "out"), Contents(m_dir / "err")};
+        EXPECT_TRUE(happened);
+        return {code, m_pipe < 0 ? Contents(m_dir / "out") : "", Contents(m_dir / "err")};
     }
+    void Signal(int number) const { kill(std::stoi(Contents(m_dir / "pid")), number); }
+    Outcome RunAndStopAt(uint32_t command, const std::string& arguments, int number = SIGTERM) {
+        return RunAndAt(
+            command, [&] { Signal(number); }, arguments);
+    }
+    // Its output is a pipe, whose reader goes away.
+    Outcome RunAndCloseAt(uint32_t command, const std::string& arguments) {
+        const fs::path out = m_dir / "out";
+        fs::remove(out);
+        EXPECT_EQ(mkfifo(out.c_str(), 0600), 0);
+        m_pipe = open(out.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        EXPECT_GE(m_pipe, 0);
+        return RunAndAt(
+            command, [&] { close(m_pipe); }, arguments);
+    }
+
+    int m_pipe = -1;
 };
 
 TEST_F(ZemCliStop, APutLeavesAndSaysWhatIsLeftBehind) {
@@ -81,6 +102,58 @@ TEST_F(ZemCliStop, ABenchPutsItsFilesAway) {
         EXPECT_TRUE(m_media.files.empty()) << command;
         EXPECT_TRUE(m_media.clients.empty()) << command;
     }
+}
+
+constexpr const char* kNobodyReads = "zem: stopped; nobody reads the output any more\n";
+
+TEST_F(ZemCliStop, ADoctorWhoseReaderIsGonePutsItsFileAway) {
+    for (const uint32_t command : {kCreateFile, kWriteFrame, kReadFrame}) {
+        const Outcome outcome = RunAndCloseAt(command, "doctor");
+        EXPECT_EQ(outcome.code, 130) << command;
+        EXPECT_EQ(outcome.err, kNobodyReads);
+        EXPECT_TRUE(m_media.files.empty()) << command;
+        EXPECT_TRUE(m_media.clients.empty()) << command;
+    }
+}
+
+TEST_F(ZemCliStop, WhoeverReadsFramesForNobodyLeaves) {
+    MakeClip();
+    ASSERT_EQ(Run({"put", "clip.mov", "media/v"}).code, 0);
+    for (const char* const verb : {"read media/v.v0", "framemd5 media/v.v0"}) {
+        const Outcome outcome = RunAndCloseAt(kReadFrame, verb);
+        EXPECT_EQ(outcome.code, 130) << verb;
+        EXPECT_EQ(outcome.err, kNobodyReads) << verb;
+        EXPECT_TRUE(m_media.clients.empty()) << verb;
+    }
+}
+
+TEST_F(ZemCliStop, AFullDiskBehindStdoutIs5) {
+    EXPECT_EQ(Shell(Quoted(ZEM_PROGRAM) + " --server " + m_server.Url() + " df >/dev/full 2>err"),
+              5);
+    EXPECT_EQ(Contents(m_dir / "err"), "zem: stdout cannot be written\n");
+}
+
+TEST_F(ZemCliStop, AHangUpIsAsGoodAsCtrlC) {
+    MakeClip();
+    for (const int number : {SIGHUP, SIGINT}) {
+        const Outcome outcome = RunAndStopAt(kWriteFrame, "doctor", number);
+        EXPECT_EQ(outcome.code, 130) << number;
+        EXPECT_EQ(outcome.err, "zem: stopped\n");
+        EXPECT_TRUE(m_media.files.empty()) << number;
+        EXPECT_TRUE(m_media.clients.empty()) << number;
+    }
+    const Outcome outcome = RunAndStopAt(kCreateFile, "import clip.mov media/clip", SIGHUP);
+    EXPECT_EQ(outcome.code, 130);
+    EXPECT_TRUE(m_media.files.empty());
+    EXPECT_TRUE(m_media.clients.empty());
+}
+
+TEST_F(ZemCliStop, AHangUpThatIsIgnoredStaysIgnored) {
+    const Outcome outcome = RunAndAt(
+        kWriteFrame, [&] { Signal(SIGHUP); }, "doctor", "trap \"\" HUP; ");
+    EXPECT_EQ(outcome.code, 0) << outcome.err;
+    EXPECT_TRUE(Has(outcome.out, "delete")) << outcome.out;
+    EXPECT_TRUE(m_media.files.empty());
 }
 
 }  // namespace
