@@ -76,6 +76,7 @@ public:
     virtual bool ReadsAhead() const { return false; }
     // From now on the system is to read what it is asked for and nothing else.
     virtual void StopReadAhead() {}
+    virtual void ResumeReadAhead() {}
     // Pages of the file for somebody else to send; never touched here. Null when there are none.
     virtual void* MapView(uint64_t offset_bytes, size_t size_bytes) = 0;
     virtual void UnmapView(void* view) = 0;

@@ -1,6 +1,7 @@
 // Open files on Linux.
 #include "mediaio/store/fileio_posix.h"
 
+#include "mediaio/store/mediafile.h"
 #include "platform/posix/views.h"
 
 #include <fcntl.h>
@@ -17,6 +18,9 @@
 
 namespace zemstore {
 namespace {
+
+static_assert(CMediaFile::kLargeRecord <= kViewSentFromPages_bytes,
+              "what is sent from its pages has pages of its own");
 
 // A failed system call's number as an HRESULT; 0 is S_OK.
 HRESULT HresultFromErrno(int error) {
@@ -178,6 +182,7 @@ public:
     }
     void DropCache() override { posix_fadvise(m_fd.Get(), 0, 0, POSIX_FADV_DONTNEED); }
     void StopReadAhead() override { posix_fadvise(m_fd.Get(), 0, 0, POSIX_FADV_RANDOM); }
+    void ResumeReadAhead() override { posix_fadvise(m_fd.Get(), 0, 0, POSIX_FADV_NORMAL); }
     void* MapView(uint64_t offset_bytes, size_t size_bytes) override {
         return MapFileView(m_fd.Get(), offset_bytes, size_bytes);
     }

@@ -84,12 +84,18 @@ HRESULT CheckEsDesc(const ZemEsDesc& desc) {
     return desc.reserved[0] == 0 && desc.reserved[1] == 0 ? S_OK : E_INVALIDARG;
 }
 
-// What a file is, its content says, never its name.
+// What a file is, its content says, never its name. Not even the first byte of a native one may
+// make the system read ahead: it would go on doing so, into pieces that several frames have in
+// common (CMediaFile::JoinsBatch).
 bool IsNative(IStoreFile& file) {
     uint64_t magic = 0;
     size_t done = 0;
-    return SUCCEEDED(file.ReadAt(&magic, sizeof magic, 0, done)) && done == sizeof magic &&
-           magic == kHeaderMagic;
+    file.StopReadAhead();
+    if (SUCCEEDED(file.ReadAt(&magic, sizeof magic, 0, done)) && done == sizeof magic &&
+        magic == kHeaderMagic)
+        return true;
+    file.ResumeReadAhead();
+    return false;
 }
 
 HRESULT OpenForeign(const NamedFile& named, std::unique_ptr<IStoreFile> file,

@@ -49,6 +49,9 @@ struct WriteItem {
 
 class CMediaFile final : public CFrameFile {
 public:
+    // A record of so much data is written by a call of its own (JoinsBatch).
+    static constexpr uint32_t kLargeRecord = 32 * 1024;
+
     // Makes `file` an empty media file: header and first root, on the device.
     static HRESULT Format(IStoreFile& file, const ZemEsDesc& esDesc);
     // `async` null: writes and checkpoints run on the thread that asks for them.
@@ -113,8 +116,7 @@ private:
 
     static constexpr size_t kBatchItems = 16;
     static constexpr uint64_t kBatchBytes = uint64_t{8} << 20;
-    static constexpr uint32_t kLargeRecord = 32 * 1024;  // bytes of data: not sent by a copy
-    static constexpr size_t kSpansOfLargeRecord = 2;     // data and tail
+    static constexpr size_t kSpansOfLargeRecord = 2;  // data and tail
     // A slot's end: at most a page less one byte of data rest and padding, and the record's page.
     static constexpr size_t kTailRoom = kPageSize + sizeof(LogRecord);
     static constexpr uint64_t kCheckpointBytes = uint64_t{64} << 20;

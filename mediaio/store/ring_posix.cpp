@@ -211,11 +211,13 @@ uint64_t LastByteOfFetch(int fd, const IoRequest& request) {
     return request.offset_bytes + request.size_bytes - 1;
 }
 
+// A round may have more calls than the ring has places; the kernel takes what there is, at the
+// latest when it has memory again.
 io_uring_sqe* CRingIo::Side::NextSubmission() {
-    io_uring_sqe* sqe = io_uring_get_sqe(&ring);
-    if (sqe != nullptr) return sqe;
-    io_uring_submit(&ring);  // one round of the ring has more calls than it has places
-    return io_uring_get_sqe(&ring);
+    for (;;) {
+        if (io_uring_sqe* sqe = io_uring_get_sqe(&ring)) return sqe;
+        if (io_uring_submit(&ring) < 0) std::this_thread::yield();
+    }
 }
 
 // Turns the slot's request into submissions; what has no descriptor is done at once.
@@ -226,7 +228,7 @@ void CRingIo::Side::Start(Slot& slot) {
     slot.calls = 0;
     slot.moved_bytes = 0;
     slot.failed = false;
-    request.borrowed = fd < 0;
+    request.borrowed = fd < 0 || (request.op == IoOp::kWrite && request.spanCount == 0);
     if (!request.borrowed && request.op == IoOp::kWrite) return StartWrite(slot, fd);
     if (request.borrowed) PerformIo(request);
     slot.calls = 1;

@@ -87,7 +87,7 @@ bool CBackgroundSend::AddView(const CSendPiece& piece) {
 bool CBackgroundSend::Reserve(uint64_t bytes) {
     const uint64_t bound = HttpTune()->background_bytes;
     const uint64_t own = bytes <= kCopyAtOnceBytes ? bound : bound - bound / 4;
-    if (g_held.fetch_add(bytes) + bytes > own) {
+    if (bytes != 0 && g_held.fetch_add(bytes) + bytes > own) {
         g_held.fetch_sub(bytes);
         return false;
     }

@@ -5,6 +5,7 @@
 #include <atomic>
 
 #include "platform/posix/types.h"
+#include "platform/posix/views.h"
 
 #pragma GCC visibility push(default)
 
@@ -20,9 +21,9 @@ struct HttpTuning {
     std::atomic<uint32_t> send_rate_bytes{150};    // per second, at least
     std::atomic<uint32_t> send_window_ms{20000};   // over which the rate is measured
     std::atomic<uint64_t> background_bytes{64 << 20};  // copies held for background sends, in all
-    std::atomic<uint32_t> view_send_bytes{32 * 1024};  // mapped chunks from here go by sendfile
-    std::atomic<uint32_t> waiting_requests{1000};      // of a queue; the next is answered 503
-    std::atomic<uint32_t> kept_buffers{1024};  // free read buffers; 0: each comes from the heap
+    std::atomic<uint32_t> view_send_bytes{kViewSentFromPages_bytes};  // by sendfile
+    std::atomic<uint32_t> waiting_requests{1000};  // of a queue; the next is answered 503
+    std::atomic<uint32_t> kept_buffers{1024};      // free read buffers; 0: each comes from the heap
 };
 
 extern "C" {

@@ -12,6 +12,9 @@
 #include <cstddef>
 #include <cstdint>
 
+// Pieces of a view from this size on are sent from the file's pages, smaller ones are copied.
+inline constexpr uint32_t kViewSentFromPages_bytes = 32 * 1024;
+
 #pragma GCC visibility push(default)
 
 // Maps `length` bytes (> 0) of the open file from `offset_bytes` on (any alignment; the range may

@@ -1,10 +1,12 @@
 #!/usr/bin/env python3
 """What a client has asked for is what it gets, however late it takes it: frames that are overwritten or erased, and whose space
-is given back, while they wait in the sockets of clients that do not read yet.
+is given back, while they wait in the sockets of clients that do not read yet. The file's pages are in memory from its writing,
+or come from the device, also after a crash.
 
 usage: overwritten.py --zemhost PROGRAM
 """
 
+import os
 import socket
 import struct
 import sys
@@ -12,8 +14,8 @@ import threading
 
 from wire import *
 
-FRAMES, WRITERS, EVERY = 36, 6, 3
-SIZES = [20 << 10, 32 << 10, 64 << 10, 300 << 10, 1 << 20, 6 << 20]
+FRAMES, WRITERS, EVERY = 24, 6, 2
+SIZES = [20 << 10, 32 << 10, 64 << 10, 300 << 10, 1 << 20, 4 << 20]
 
 
 def payload(size, position, version):
@@ -51,14 +53,31 @@ def ask(server, token, position):
     return connection
 
 
-def check(server, size):
+def forget_pages(path):
+    with open(path, 'rb') as file:
+        os.fsync(file.fileno())
+        os.posix_fadvise(file.fileno(), 0, 0, os.POSIX_FADV_DONTNEED)
+
+
+def check(server, size, pages):
     writer, reader = Client(server.port, 'writer'), Client(server.port, 'reader')
     writer.join()
     reader.join()
-    name = f'clip{size}'
+    name = f'{pages}{size}'
     token = writer.create(name)
     write(server, token, size, range(FRAMES), 0)
-    writer.post(CLOSE, struct.pack('<Q', token))
+    if pages == 'crashed':
+        writer.flush(token)
+        server.kill()
+    else:
+        writer.post(CLOSE, struct.pack('<Q', token))
+    if pages != 'warm':
+        forget_pages(os.path.join(server.volume, name))
+    if pages == 'crashed':
+        server.start()
+        writer, reader = Client(server.port, 'writer'), Client(server.port, 'reader')
+        writer.join()
+        reader.join()
     held = reader.open(name)
     for position in range(FRAMES):
         assert frame_of(reader.read(held, position)) == payload(size, position, 0)
@@ -83,11 +102,12 @@ def main():
     server = Server(take_program(sys.argv, __doc__))
     failed = False
     try:
-        for size in SIZES:
-            wrong = check(server, size)
-            if wrong:
-                print(f'{size} bytes: other bytes than asked for at {wrong}')
-                failed = True
+        for pages in ['warm', 'cold', 'crashed']:
+            for size in SIZES:
+                wrong = check(server, size, pages)
+                if wrong:
+                    print(f'{pages}, {size} bytes: other bytes than asked for at {wrong}')
+                    failed = True
     finally:
         server.remove()
     sys.exit(failed)
