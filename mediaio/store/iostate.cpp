@@ -91,9 +91,8 @@ bool IsNative(IStoreFile& file) {
     uint64_t magic = 0;
     size_t done = 0;
     file.StopReadAhead();
-    if (SUCCEEDED(file.ReadAt(&magic, sizeof magic, 0, done)) && done == sizeof magic &&
-        magic == kHeaderMagic)
-        return true;
+    const HRESULT hr = file.ReadAt(&magic, sizeof magic, 0, done);
+    if (SUCCEEDED(hr) && done == sizeof magic && magic == kHeaderMagic) return true;
     file.ResumeReadAhead();
     return false;
 }
