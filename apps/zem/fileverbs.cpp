@@ -343,7 +343,10 @@ void AddChangeVerbs(const VerbGroup& verbs) {
     verb->add_option("TO", move->to, "Its new name")->required();
 
     auto mkdir = std::make_shared<FileOptions>();
-    verb = Add(verbs, "mkdir", "Create a directory", mkdir, &MakeDirectory);
+    verb = Add(verbs, "mkdir",
+               "Create a directory. The protocol has no command that removes one: that is done on "
+               "the server",
+               mkdir, &MakeDirectory);
     AddName(verb, mkdir, false);
 
     auto stripe = std::make_shared<FileOptions>();
