@@ -74,6 +74,18 @@ CDemuxer::CDemuxer(const std::string& path) : m_path(path), m_context(new Contex
 
 CDemuxer::~CDemuxer() = default;
 
+// Throws where that may be why no frame can be read.
+void CDemuxer::ExplainPipe() const {
+    const AVFormatContext& format = *m_context->format;
+    const bool seeks = format.pb == nullptr || (format.pb->seekable & AVIO_SEEKABLE_NORMAL) != 0;
+    if (seeks || !std::string_view(format.iformat->name).starts_with("mov")) return;
+    throw CZemError(ErrorKind::kLocalFile,
+                    Printable(m_path) +
+                        ": no frame of it can be read: a MOV or MP4 whose index stands at its end "
+                        "cannot come through a pipe; name the file, or bring the index to the "
+                        "front (ffmpeg -i CLIP -c copy -movflags +faststart NEW)");
+}
+
 bool CDemuxer::Next(ClipPacket& packet) {
     AVPacket* const raw = m_context->packet;
     for (;;) {
@@ -81,6 +93,7 @@ bool CDemuxer::Next(ClipPacket& packet) {
         const int result = av_read_frame(m_context->format, raw);
         // Some demuxers (GXF's) end with a bare -1.
         const bool failed = m_context->format->pb != nullptr && m_context->format->pb->error < 0;
+        if (result < 0 && !m_begun) ExplainPipe();
         if (result == AVERROR_EOF || (result == -1 && !failed)) return false;
         if (result < 0) ThrowAv(m_path, result, "reading it failed");
         const auto index = static_cast<size_t>(raw->stream_index);
@@ -91,6 +104,7 @@ bool CDemuxer::Next(ClipPacket& packet) {
         packet.dts = raw->dts;
         packet.pts = raw->pts;
         packet.duration = raw->duration;
+        m_begun = true;
         return true;
     }
 }

@@ -44,6 +44,7 @@ public:
     int SkippedStreams() const { return m_skipped; }
 
     // The next packet of those streams; false at the end of the clip. Throws CZemError(kLocalFile).
+    // Of the first one also what a pipe may have to do with it.
     bool Next(ClipPacket& packet);
 
     // libavformat's own description of a stream of Streams(); valid as long as the demuxer.
@@ -54,10 +55,12 @@ public:
 
 private:
     struct Context;
+    void ExplainPipe() const;
     std::string m_path;
     std::unique_ptr<Context> m_context;
     std::vector<ClipStream> m_streams;
     std::vector<size_t> m_streamOfIndex;
+    bool m_begun = false;  // there was a first packet
     int m_skipped = 0;
 };
 

@@ -19,8 +19,12 @@ namespace zem {
 int CPut::Run() {
     bool complete = false;
     try {
+        // A clip that cannot be read shows at its first frame: no file was made by then.
+        ClipPacket first;
+        if (!m_clip.Next(first))
+            throw CZemError(ErrorKind::kLocalFile, Printable(m_options.clip) + ": no frame in it");
         CreateFiles();
-        SendAll();
+        SendAll(first);
         if (m_options.import) Describe();
         complete = true;
         for (PutFile& file : m_files)
@@ -115,14 +119,13 @@ void CPut::PrepareHead(size_t stream, PutFile& file) {
     }
 }
 
-void CPut::SendAll() {
+void CPut::SendAll(ClipPacket packet) {
     CProgress progress((m_options.import ? "import " : "put ") + Printable(m_options.name),
                        !m_line.quiet);
     const uint64_t clip_bytes = m_clip.Size_bytes();
     uint64_t sent_bytes = 0;
     uint64_t packets = 0;
-    ClipPacket packet;
-    while (m_clip.Next(packet)) {
+    do {
         if (StopRequested()) {
             throw CZemError(ErrorKind::kInterrupted,
                             "stopped after " + std::to_string(packets) + " frames");
@@ -131,9 +134,7 @@ void CPut::SendAll() {
         sent_bytes += packet.data.size();
         ++packets;
         progress.Show(m_clip.Position_bytes(), clip_bytes, packets, sent_bytes);
-    }
-    if (packets == 0)
-        throw CZemError(ErrorKind::kLocalFile, Printable(m_options.clip) + ": no frame in it");
+    } while (m_clip.Next(packet));
     for (PutFile& file : m_files)
         SendCut(file, true);
 }

@@ -73,7 +73,7 @@ private:
     void CreateFiles();
     void Create(PutFile file);
     void PrepareHead(size_t stream, PutFile& file);
-    void SendAll();
+    void SendAll(ClipPacket packet);  // which is the first
     void Take(const ClipPacket& packet);
     void SendCut(PutFile& file, bool all);
     void Describe();

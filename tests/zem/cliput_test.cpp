@@ -51,6 +51,22 @@ TEST_F(ZemCli, PutDoesNotReplaceWithoutForce) {
         << forced.out;
 }
 
+TEST_F(ZemCli, AMovIndexBehindTheFramesCannotComeThroughAPipe) {
+    MakeClip();
+    const std::string zem = Quoted(ZEM_PROGRAM) + " --server " + m_server.Url();
+    for (const char* const verb : {"put", "import"}) {
+        EXPECT_EQ(Shell("cat clip.mov | " + zem + " " + verb + " - media/x 2>err"), 5) << verb;
+        const std::string err = Contents(m_dir / "err");
+        EXPECT_TRUE(Has(err, "index stands at its end cannot come through a pipe")) << err;
+        EXPECT_TRUE(m_media.files.empty()) << verb;
+        EXPECT_TRUE(m_media.clients.empty()) << verb;
+    }
+    ASSERT_EQ(Shell("ffmpeg -v error -nostdin -i clip.mov -c copy -movflags +faststart front.mov"),
+              0);
+    EXPECT_EQ(Shell("cat front.mov | " + zem + " put - media/x"), 0);
+    EXPECT_EQ(m_media.files.at("media/x.v0").frames.size(), 25u);
+}
+
 TEST_F(ZemCli, PutNoticesEveryLostFrame) {
     MakeClip();
     for (const uint32_t lost : {0u, 12u, 24u}) {
