@@ -214,11 +214,16 @@ TEST(View, WithoutRoomTheClientIsWaitedForAlthoughARequestWaits) {
     CBlock* block = server.Take();
     ASSERT_NE(block, nullptr);
     other.Send(Get("/zem/other"));
-    std::thread library;
+    // Sanitizers need a descriptor when they see a type for the first time, as they do here.
+    std::atomic<bool> go{false};
+    std::thread library([&] {
+        go.wait(false);
+        EXPECT_EQ(SendView(server, block->Id(), viewed.view), NO_ERROR);
+    });
     {
         const CNoDescriptors none;
-        library =
-            std::thread([&] { EXPECT_EQ(SendView(server, block->Id(), viewed.view), NO_ERROR); });
+        go = true;
+        go.notify_all();
         EXPECT_TRUE(Eventually([] { return HttpTuneBlockedThreads() == 1; }));
     }
     server.StartWorkers(1);
