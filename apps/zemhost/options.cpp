@@ -64,7 +64,7 @@ std::string HelpText() {
            "Exit codes:\n"
            "  0  stopped as asked\n"
            "  2  wrong command line\n"
-           "  3  a setting cannot be used (registry file, volume, user, log file, address)\n"
+           "  3  a setting cannot be used (registry file, port, volume, user, log, address)\n"
            "  4  the server could not start, for example because the port is taken\n"
            "  5  it did not stop in order\n";
 }
