@@ -140,9 +140,9 @@ void AddClientVerbs(CLI::App& app, CommandLine& line) {
     verb =
         Add(below, "set",
             "Set one attribute. The protocol does not tell whether the server took it: a refusal "
-            "is in its log only",
+            "is in its log only. `config push` does tell",
             set, &ConfigSet);
-    verb->add_option("NAME", set->name, "Attribute")->required();
+    verb->add_option("NAME", set->name, "Attribute: frameRate or readAhead")->required();
     verb->add_option("VALUE", set->value, "Its new value")->required();
 }
 

@@ -291,7 +291,7 @@ void AddExportVerb(CLI::App& app, CommandLine& line) {
     verb->add_option("NAME", options->name, "Name on the server, without the stream's ending")
         ->required();
     verb->add_option("CLIP", options->clip,
-                     "File to write; its ending names the container: .mov, .mxf")
+                     "File to write; its ending names the container: .mov, .mp4, .mxf, .mkv")
         ->type_name(kTypeFile)
         ->required();
     verb->add_flag("--force", options->force, "Replace the file if it exists");

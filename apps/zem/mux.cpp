@@ -77,8 +77,9 @@ CMuxer::CMuxer(const std::string& path, bool force) : m_path(path), m_context(ne
         throw CZemError(ErrorKind::kLocalFile, path + " exists; --force replaces it");
     const AVOutputFormat* container = av_guess_format(nullptr, path.c_str(), nullptr);
     if (container == nullptr || m_context->packet == nullptr) {
-        throw CZemError(ErrorKind::kUsage,
-                        Printable(path) + ": its ending names no container; .mov or .mxf do");
+        throw CZemError(
+            ErrorKind::kUsage,
+            Printable(path) + ": its ending names no container; .mov, .mp4, .mxf, .mkv do");
     }
     int result = avformat_alloc_output_context2(&m_context->format, container, nullptr, nullptr);
     if (result < 0) ThrowAv(path, result, "cannot be written");
