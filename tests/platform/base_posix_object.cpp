@@ -20,9 +20,10 @@ namespace {
 std::atomic<int> g_futex_calls{0};
 }
 
-// Stands in for the C library's, and counts the layer's sleeps and wake-ups. As the real one does, it
-// takes six arguments however many there are: what it finds behind the last is not the caller's.
-extern "C" [[gnu::visibility("default"), gnu::no_sanitize_address]] long syscall(long number, ...) noexcept {
+// Stands in for the C library's, and counts the layer's sleeps and wake-ups. As the real one does,
+// it takes six arguments however many there are: what it finds behind the last is not the caller's.
+extern "C" [[gnu::visibility("default"), gnu::no_sanitize_address]] long syscall(long number,
+                                                                                 ...) noexcept {
     va_list args;
     va_start(args, number);
     long a[6];
