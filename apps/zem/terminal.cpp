@@ -215,12 +215,13 @@ namespace {
 constexpr std::string_view kEnterScreen = "\x1b[?1049h\x1b[?25l\x1b[?7l";
 constexpr std::string_view kLeaveScreen = "\x1b[0m\x1b[?7h\x1b[?25h\x1b[?1049l";
 
-volatile std::sig_atomic_t g_stop = 0;
+// Signal handlers set these, on whichever thread they run.
+std::atomic<int> g_stop{0};
 std::atomic<int64_t> g_stoppedAt_ns{0};
-static_assert(std::atomic<int64_t>::is_always_lock_free);  // a signal handler uses it
-volatile std::sig_atomic_t g_outputClosed = 0;
-volatile std::sig_atomic_t g_suspend = 0;
-volatile std::sig_atomic_t g_screen = 0;  // the terminal is ours
+std::atomic<int> g_outputClosed{0};
+std::atomic<int> g_suspend{0};
+std::atomic<int> g_screen{0};  // the terminal is ours
+static_assert(std::atomic<int>::is_always_lock_free && std::atomic<int64_t>::is_always_lock_free);
 // A signal between a look at the flags and the wait must not be missed: its handler writes into
 // this pipe, which the wait watches. -1 while there is no screen.
 std::array<int, 2> g_signals = {-1, -1};
