@@ -54,8 +54,14 @@ TEST_F(ZemCli, PutDoesNotReplaceWithoutForce) {
 TEST_F(ZemCli, AMovIndexBehindTheFramesCannotComeThroughAPipe) {
     MakeClip();
     const std::string zem = Quoted(ZEM_PROGRAM) + " --server " + m_server.Url();
+    const auto piped = [&](const std::string& clip, const std::string& verb) {
+        m_server.Settle();
+        const int code = Shell("cat " + clip + " | " + zem + " " + verb + " - media/x 2>err");
+        m_server.Settle();
+        return code;
+    };
     for (const char* const verb : {"put", "import"}) {
-        EXPECT_EQ(Shell("cat clip.mov | " + zem + " " + verb + " - media/x 2>err"), 5) << verb;
+        EXPECT_EQ(piped("clip.mov", verb), 5) << verb;
         const std::string err = Contents(m_dir / "err");
         EXPECT_TRUE(Has(err, "index stands at its end cannot come through a pipe")) << err;
         EXPECT_TRUE(m_media.files.empty()) << verb;
@@ -63,7 +69,7 @@ TEST_F(ZemCli, AMovIndexBehindTheFramesCannotComeThroughAPipe) {
     }
     ASSERT_EQ(Shell("ffmpeg -v error -nostdin -i clip.mov -c copy -movflags +faststart front.mov"),
               0);
-    EXPECT_EQ(Shell("cat front.mov | " + zem + " put - media/x"), 0);
+    EXPECT_EQ(piped("front.mov", "put"), 0);
     EXPECT_EQ(m_media.files.at("media/x.v0").frames.size(), 25u);
 }
 
