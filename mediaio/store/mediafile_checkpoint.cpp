@@ -304,6 +304,7 @@ bool CMediaFile::NextPunch() {
         try {
             m_dead.push_back(range);
         } catch (const std::bad_alloc&) {
+            // As lost as if the file had been closed.
         }
     }
     return false;

@@ -301,6 +301,17 @@ protected:
         access.WriteGate().Written(size_bytes);
         server.LeaveWriteGate();
     }
+    // The media library was given a frame of each of these, in this order, and no other.
+    void ExpectWritten(std::initializer_list<const WCHAR*> clientIds) {
+        std::vector<const void*> channels, expected;
+        for (const MediaCall& call : media.Calls("WriteFrame"))
+            channels.push_back(call.self);
+        for (const WCHAR* clientId : clientIds) {
+            const CZemIo* channel = server.LookupClient(clientId, false).Channel();
+            expected.push_back(channel);
+        }
+        EXPECT_EQ(channels, expected);
+    }
 };
 
 TEST_F(WriteGate, AWriteStandsThereWhileMuchIsUnwritten) {
@@ -379,14 +390,7 @@ TEST_F(WriteGate, WhoComesToItClosedAgainIsTheFirstInLine) {
     EXPECT_EQ(Written(), 3u);
     Written(4);
     EXPECT_EQ(media.CompletePending(), 1u);
-    std::vector<const void*> channels, expected;
-    for (const MediaCall& call : media.Calls("WriteFrame"))
-        channels.push_back(call.self);
-    for (const WCHAR* clientId : {TEXT("b"), TEXT("a"), TEXT("c")}) {
-        const CZemIo* channel = server.LookupClient(clientId, false).Channel();
-        expected.push_back(channel);
-    }
-    EXPECT_EQ(channels, expected);
+    ExpectWritten({TEXT("b"), TEXT("a"), TEXT("c")});
     ExpectAllHome();
 }
 
@@ -409,14 +413,7 @@ TEST_F(WriteGate, WhoComesToItClosedAgainStandsBehindTheRealTimeClient) {
     Written(4);
     while (media.CompletePending() != 0) {
     }
-    std::vector<const void*> channels, expected;
-    for (const MediaCall& call : media.Calls("WriteFrame"))
-        channels.push_back(call.self);
-    for (const WCHAR* clientId : {TEXT("b"), TEXT("a"), TEXT("c")}) {
-        const CZemIo* channel = server.LookupClient(clientId, false).Channel();
-        expected.push_back(channel);
-    }
-    EXPECT_EQ(channels, expected);
+    ExpectWritten({TEXT("b"), TEXT("a"), TEXT("c")});
     ExpectAllHome();
 }
 
