@@ -1,0 +1,77 @@
+# The steps of .ci/run and what is told of them at the end. Sourced; expects $logs, the folder of their outputs.
+# shellcheck shell=bash disable=SC2034
+
+: "${logs:?}"
+
+# twice NAME COMMAND...: a second try for what may fail by chance. When that finds nothing, the first one's words are printed at
+# the end all the same, to be looked into.
+twice() {
+    "${@:2}" || {
+        printf 'unsteady: %s\n' "$1"
+        "${@:2}"
+    }
+}
+
+# What ctest printed of the tests that failed, and its closing lines.
+failed_tests() {
+    awk '/^ *[0-9]+\/[0-9]+ Test +#[0-9]+:/ { show = /\*\*\*/ }
+         /^ +Start +[0-9]+:/ { show = 0 }
+         /^[0-9]+% tests passed/ { show = 1 }
+         show' "$1"
+}
+
+# What stands before "unsteady:", which is what the first try said; the second may have said much more.
+first_try() {
+    awk '/^unsteady: / { print before $0; exit } { before = before $0 "\n" }' "$1" | tail -n 60
+}
+
+# What is worth reading of a step's output.
+excerpt() {
+    failed_tests "$1" | grep . && return
+    first_try "$1"
+    # Of a step that failed also the end; all of one that failed at once.
+    if [ "$2" -ne 0 ]; then sed '1,/^unsteady: /d' "$1" | grep . | tail -n 60 || tail -n 60 "$1"; fi
+}
+
+mkdir -p "$logs"
+results=()
+unwell=()
+failed=0
+step() {  # step [--shown] TITLE COMMAND...: runs it in a shell of its own, so that its first failure ends it
+    local decides=1
+    if [ "$1" = --shown ]; then
+        decides=0
+        shift
+    fi
+    local title=$1 start=$SECONDS result=passed status=0
+    local log; log=$logs/$(printf %02d $((${#results[@]} + 1))).log
+    shift
+    printf '\n== %s\n' "$title"
+    set +e
+    (set -e; "$@") >"$log" 2>&1
+    status=$?
+    set -e
+    tail -n 12 "$log"
+    if grep -q '^unsteady: ' "$log"; then result=unsteady; fi
+    if [ $status -ne 0 ] && [ $decides -eq 0 ]; then result="to look at"; fi
+    if [ $status -ne 0 ] && [ $decides -eq 1 ]; then
+        result=FAILED
+        failed=1
+    fi
+    case $result in
+    passed) ;;
+    FAILED) unwell+=("$status $log") ;;
+    *) unwell=("$status $log" "${unwell[@]}") ;;  # what decided is printed last
+    esac
+    results+=("$(printf '%-48s %-12s %3d %5d s' "$title" "$result" $status $((SECONDS - start)))")
+}
+
+# Of every step that did not pass at once what it said.
+tell_unwell() {
+    local one log
+    for one in "${unwell[@]}"; do
+        log=${one#* }
+        printf '\n== from build/ci/%s\n' "${log##*/}"
+        excerpt "$log" "${one%% *}" | tail -n 150 | cut -c 1-500
+    done
+}

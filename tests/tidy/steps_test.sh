@@ -1,0 +1,55 @@
+#!/usr/bin/env bash
+# steps_test.sh SOURCE_DIR: what .ci/run tells at the end of steps that went well, that did so at the second try, and that failed.
+set -euo pipefail
+source_dir=$1
+# shellcheck source=tests/scratch.sh
+. "$source_dir/tests/scratch.sh"
+told=(end)
+logs=$work/logs
+# shellcheck source=.ci/steps.sh
+. "$source_dir/.ci/steps.sh"
+
+# The second try says more than all that is printed at the end.
+second_time() {
+    if [ -e "$work/tried" ]; then
+        seq -f 'second %g' 500
+    else
+        touch "$work/tried"
+        printf 'first: the frame is another\n'
+        return 1
+    fi
+}
+never() {
+    printf 'never: that is wrong\n'
+    return 1
+}
+unsteady() { twice second_time second_time; }
+hopeless() { twice never never; }
+# As ctest prints it.
+tests() {
+    printf '      Start  1: good\n1/2 Test  #1: good ...   Passed\nnoise\n      Start  2: bad\n2/2 Test  #2: bad ...***Failed\nthe reason\n'
+    printf '50%% tests passed\n'
+    return 1
+}
+
+{
+    step 'well' true
+    step 'unsteady' unsteady
+    step --shown 'shown' never
+    step 'tests' tests
+    step 'hopeless' hopeless
+} >/dev/null
+tell_unwell >"$work/end"
+has() { grep -qxF -- "$1" "$work/end" || fail "the end lacks: $1"; }
+has 'first: the frame is another'
+[ "$failed" -eq 1 ] || fail 'failures do not count'
+printf '%s\n' "${results[@]}" >"$work/results"
+[ "$(awk '{ print $1, $2 }' "$work/results" | paste -sd,)" = 'well passed,unsteady unsteady,shown to,tests FAILED,hopeless FAILED' ] ||
+    fail "results: $(cat "$work/results")"
+has 'the reason'
+if grep -qx noise "$work/end"; then fail 'a test that passed is told of'; fi
+has 'never: that is wrong'
+[ "$(grep -c 'never: that is wrong' "$work/end")" -eq 3 ] || fail 'shown once, hopeless twice'
+# What decided comes last.
+[ "$(grep '^== ' "$work/end" | tail -n 1)" = '== from build/ci/05.log' ] || fail 'what failed is not last'
+if grep -q '01.log' "$work/end"; then fail 'what went well is told of'; fi
