@@ -3,12 +3,8 @@
 # to say against the page.
 set -euo pipefail
 program=$1 page=$2
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-fail() {
-    printf 'FAILED: %s\n' "$1"
-    exit 1
-}
+# shellcheck source=tests/scratch.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../scratch.sh"
 
 "$program" --help >"$work/help"
 grep -oE '^  --[a-z]+' "$work/help" | tr -d ' ' | sort >"$work/told"

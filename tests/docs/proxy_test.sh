@@ -3,23 +3,13 @@
 # with a certificate gets through, with whole commands and frames; one without, and a DELETE, do not.
 set -euo pipefail
 zemhost=$1 source_dir=$2
+# shellcheck source=tests/scratch.sh
+. "$source_dir/tests/scratch.sh"
+end_with=TERM told=(host.log nginx.log answer)
 for tool in nginx openssl curl; do
-    command -v "$tool" >/dev/null || [ -x "/usr/sbin/$tool" ] || { printf 'not tried: there is no %s\n' "$tool"; exit 77; }
+    command -v "$tool" >/dev/null || [ -x "/usr/sbin/$tool" ] || cannot "there is no $tool"
 done
 nginx=$(command -v nginx || echo /usr/sbin/nginx)
-work=$(mktemp -d)
-server='' proxy=''
-clean_up() {
-    for pid in $proxy $server; do kill "$pid" 2>/dev/null || true; done
-    wait
-    rm -rf "$work"
-}
-trap clean_up EXIT
-fail() {
-    printf 'FAILED: %s\n' "$1" >&2
-    tail -n 20 "$work"/*.log "$work/answer" >&2 2>/dev/null || true
-    exit 1
-}
 cd "$work"
 mkdir volume
 
@@ -41,9 +31,10 @@ for _ in 1 2 3 4 5; do
     port=$((10000 + RANDOM % 20000))
     coproc HOST { exec "$zemhost" --listen 127.0.0.1 --port "$port" --volume "$work/volume" 2>"$work/host.log"; }
     server=$HOST_PID
+    pid=$server
     if read -t 120 -r ready <&"${HOST[0]}"; then break; fi
     wait "$server" || true
-    server=''
+    pid=''
 done
 [[ $ready == 'zemhost ready'* ]] || fail 'zemhost is not ready'
 
@@ -61,9 +52,10 @@ for _ in 1 2 3 4 5; do
     "$nginx" -t -q -c "$work/nginx.conf" 2>/dev/null || { "$nginx" -t -c "$work/nginx.conf" || true; fail 'nginx does not take it'; }
     "$nginx" -c "$work/nginx.conf" 2>>nginx.log &
     proxy=$!
+    pid="$proxy $server"
     end=$((SECONDS + 120))
     until (exec 3<>"/dev/tcp/127.0.0.1/$front") 2>/dev/null; do
-        kill -0 "$proxy" 2>/dev/null || { proxy=''; break; }
+        kill -0 "$proxy" 2>/dev/null || { proxy='' pid=$server; break; }
         [ $SECONDS -lt $end ] || fail 'nginx does not listen'
     done
     [ -z "$proxy" ] || break

@@ -3,11 +3,11 @@
 # needs root and a container. The programs run from there, and the server serves a file.
 set -euo pipefail
 source_dir=$1 build=$2
-command -v dpkg-shlibdeps >/dev/null || { printf 'not tried: there is no dpkg-shlibdeps\n'; exit 77; }
-# shellcheck source=tests/packaging/scratch.sh
-. "$source_dir/tests/packaging/scratch.sh"
+# shellcheck source=tests/scratch.sh
+. "$source_dir/tests/scratch.sh"
+command -v dpkg-shlibdeps >/dev/null || cannot 'there is no dpkg-shlibdeps'
 
-(cd "$build" && cpack -B "$work" >"$work/cpack" 2>&1) || { cat "$work/cpack"; exit 1; }
+(cd "$build" && cpack -B "$work" >"$work/err" 2>&1) || fail 'no package'
 package=$(echo "$work"/zemhttpd_*_*.deb)
 dpkg-deb -R "$package" "$work/root"
 root=$work/root

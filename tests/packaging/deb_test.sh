@@ -5,11 +5,8 @@
 set -euo pipefail
 source_dir=$1 build=$2
 here=$source_dir/tests/packaging
-
-cannot() {
-    printf 'not tried: %s\n' "$1"
-    exit 77
-}
+# shellcheck source=tests/scratch.sh
+. "$source_dir/tests/scratch.sh"
 [ "$(id -u)" -eq 0 ] || cannot 'only root can boot a system of its own'
 for tool in dpkg-shlibdeps systemd-nspawn lintian logrotate ffmpeg curl; do
     command -v "$tool" >/dev/null || [ -x "/usr/sbin/$tool" ] || cannot "there is no $tool"
@@ -17,25 +14,24 @@ done
 
 if [ "${3:-}" != inside ]; then
     unshare --mount true 2>/dev/null || cannot 'this system allows no mounts of its own'
+    clean_up  # the folder is made once more there
     exec unshare --mount --propagation private "$0" "$source_dir" "$build" inside
 fi
 
-root=$(mktemp -d)
+root=$work/root
+mkdir "$root"
 mount -t tmpfs -o size=1g,mode=755 none "$root"
-clean_up() {
-    umount -l "$root" && rmdir "$root"
-}
-trap clean_up EXIT
+undo() { umount -l "$root"; }
 mkdir "$root/upper" "$root/work" "$root/system" "$root/packages"
 mount -t overlay -o "lowerdir=/,upperdir=$root/upper,workdir=$root/work" overlay "$root/system" 2>/dev/null ||
     cannot 'this system has no overlay file system'
 
-(cd "$build" && cpack -B "$root/packages" >"$root/cpack" 2>&1) || { cat "$root/cpack"; exit 1; }
+(cd "$build" && cpack -B "$root/packages" >"$work/err" 2>&1) || fail 'no package'
 package=$(echo "$root"/packages/zemhttpd_*_*.deb)
 lintian --allow-root --fail-on error,warning "$package"
 depends=$(dpkg-deb -f "$package" Depends)
 for name in libc6 libstdc++6 liburing2 libpugixml1v5 libavformat libcurl4 adduser; do
-    [[ $depends == *$name* ]] || { printf 'Depends lacks %s: %s\n' "$name" "$depends"; exit 1; }
+    [[ $depends == *$name* ]] || fail "Depends lacks $name: $depends"
 done
 
 # The next version, with another settings file.
@@ -75,4 +71,4 @@ if [ ! -e "$system/root/try/out" ]; then
     cannot 'no system boots in a container here'
 fi
 cat "$system/root/try/out"
-tail -n 1 "$system/root/try/out" | grep -qx 'All steps done.' || { printf 'FAILED: the last step did not end\n'; exit 1; }
+tail -n 1 "$system/root/try/out" | grep -qx 'All steps done.' || fail 'the last step did not end'

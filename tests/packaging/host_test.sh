@@ -4,8 +4,8 @@
 # last one compiles every installed header alone.
 set -euo pipefail
 stage=$1 source_dir=$2 compiler=$3 way=$4
-# shellcheck source=tests/packaging/scratch.sh
-. "$source_dir/tests/packaging/scratch.sh"
+# shellcheck source=tests/scratch.sh
+. "$source_dir/tests/scratch.sh"
 
 case $way in
     headers)
@@ -28,7 +28,7 @@ case $way in
         host=$work/build/host
         ;;
     pkgconfig)
-        command -v pkg-config >/dev/null || { printf 'there is no pkg-config\n'; exit 77; }
+        command -v pkg-config >/dev/null || cannot 'there is no pkg-config'
         PKG_CONFIG_PATH=$(dirname "$stage"/lib/*/pkgconfig/zemhttpd.pc)
         export PKG_CONFIG_PATH
         [ "$(pkg-config --modversion zemhttpd)" = "$("$stage/sbin/zemhost" --version | cut -d' ' -f2)" ] ||

@@ -8,29 +8,9 @@ source_dir=$2
 wanted=$3
 unset ZEM_REGISTRY
 
-work=$(mktemp -d)
-pid=''
+# shellcheck source=tests/scratch.sh
+. "$source_dir/tests/scratch.sh"
 drop=()
-clean_up() {
-    [ -z "$pid" ] || kill -KILL "$pid" 2>/dev/null || true
-    wait
-    chmod -R u+rwX "$work"  # a case may have closed a folder
-    rm -rf "$work"
-}
-trap clean_up EXIT
-
-fail() {
-    printf 'FAILED: %s\n' "$1" >&2
-    for file in "$work"/out "$work"/err; do
-        [ ! -f "$file" ] || sed "s|^|$(basename "$file"): |" "$file" >&2
-    done
-    exit 1
-}
-
-cannot() {
-    printf 'not tried: %s\n' "$1"
-    exit 77
-}
 
 # expect CODE OPTION...: runs zemhost to its end.
 expect() {
@@ -113,11 +93,8 @@ start() {
 }
 
 stop() {  # stop SIGNAL: and expects the exit code 0
-    local status=0
     kill "-$1" "$pid"
-    wait "$pid" || status=$?
-    pid=''
-    [ "$status" -eq 0 ] || fail "exit code $status after $1"
+    expect_end "zemhost after $1"
     cat <&5 >"$work/out"
     says out "zemhost stops: SIG$1"
 }
