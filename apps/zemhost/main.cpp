@@ -36,11 +36,17 @@ std::string UseLog(const HostOptions& options, const HostSettings& settings) {
     return problem + "; give another with --log FILE";
 }
 
+// What is wrong on every machine: --settings looks at it, too.
+std::string CheckValues(const HostSettings& settings) {
+    std::string problem = CheckPort(settings);
+    if (problem.empty()) problem = CheckAddresses(settings);
+    if (problem.empty()) problem = CheckLogFormat(settings);
+    return problem;
+}
+
 // What any rights can look at, before anything is opened.
 std::string CheckBefore(const HostOptions& options, const HostSettings& settings) {
-    std::string problem = CheckAddresses(settings);
-    if (problem.empty()) problem = CheckLogFormat(settings);
-    if (problem.empty()) problem = CheckUser(options.user);
+    std::string problem = CheckUser(options.user);
     if (problem.empty() && options.user.empty()) problem = CheckVolume(settings);
     return problem;
 }
@@ -100,7 +106,7 @@ int ServeAs(const HostOptions& options) {
     std::string problem = CheckRegistry(options);
     if (!problem.empty()) return Fail(kExitWrongSetting, problem);
     const HostSettings settings = ReadSettings(options);
-    problem = CheckPort(settings);
+    problem = CheckValues(settings);
     if (!problem.empty()) return Fail(kExitWrongSetting, problem);
     if (options.settings) {
         std::fputs(SettingsText(settings).c_str(), stdout);

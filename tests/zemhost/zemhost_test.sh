@@ -56,9 +56,10 @@ case_run_refuses_wrong_options() {
     last_line_is 'run: there is no option --prot; see ./run --help'
 }
 
-# A tree of links, so that the volume that it makes is not the developer's.
-case_run_serves_a_volume_of_its_own_with_the_console_page() {
-    local tree=$work/tree line
+# start_run OPTION...: starts the script in a tree of links, so that the volume that it makes is not the developer's. Its ready
+# line is in $line.
+start_run() {
+    tree=$work/tree
     mkdir -p "$tree/apps" "$tree/build" "$work/built"
     cp "$source_dir/run" "$tree/run"
     ln -s "$source_dir/packaging" "$tree/packaging"
@@ -69,7 +70,7 @@ case_run_serves_a_volume_of_its_own_with_the_console_page() {
     mkfifo "$work/pipe"
     for _ in 1 2 3 4 5; do
         port=$(random_port)
-        PATH=$work/built:$PATH "$tree/run" --port "$port" >"$work/pipe" 2>"$work/err" &
+        PATH=$work/built:$PATH "$tree/run" --port "$port" "$@" >"$work/pipe" 2>"$work/err" &
         pid=$!
         exec 5<"$work/pipe"
         while read -t 120 -r line <&5; do
@@ -79,6 +80,18 @@ case_run_serves_a_volume_of_its_own_with_the_console_page() {
         pid=''
         grep -qF 'is taken by another program' "$work/err" || fail 'no ready line'
     done
+}
+
+case_run_lets_an_option_hold_over_a_value_that_is_none() {
+    settings_file '"HttpPort"=dword:00000000'
+    mkdir "$work/volume"
+    start_run --registry "$work/settings.reg" --volume "$work/volume"
+    [ "$line" = "zemhost ready: http://127.0.0.1:$port/ (volume root $work/volume)" ] || fail "ready line: $line"
+    stop TERM
+}
+
+case_run_serves_a_volume_of_its_own_with_the_console_page() {
+    start_run
     [ "$line" = "zemhost ready: http://127.0.0.1:$port/ (volume root $tree/volume)" ] || fail "ready line: $line"
     ask 'GET /media/console.html HTTP/1.0\r\nHost: x\r\n\r\n'
     tail -c "$(wc -c <"$source_dir/apps/console/console.html")" "$work/out" | cmp - "$source_dir/apps/console/console.html" ||
@@ -103,8 +116,17 @@ case_registry_file_malformed() {
 
 case_log_format_unknown() {
     settings_file '"LogFormat"="xml"'
-    expect 3 --registry "$work/settings.reg" --volume "$work"
-    last_line_is "zemhost: the registry value LogFormat is 'xml'; give it text or json."
+    for settings in '' --settings; do
+        expect 3 --registry "$work/settings.reg" --volume "$work" $settings
+        last_line_is "zemhost: the registry value LogFormat is 'xml'; give it text or json."
+        [ ! -s "$work/out" ] || fail 'something went to standard output'
+    done
+}
+
+case_settings_with_an_address_that_is_none() {
+    expect 3 --listen nowhere --settings
+    last_line_is "zemhost: 'nowhere' is not an IP address; give one, such as 127.0.0.1, with --listen ADDRESS."
+    [ ! -s "$work/out" ] || fail 'something went to standard output'
 }
 
 case_port_that_is_none_in_the_registry() {
