@@ -136,7 +136,7 @@ std::string AsJson(const std::string& name, const Report& report) {
     out += report.damages == 0 ? "\"clean\"" : "\"damaged\"";
     out += ",\"size\":" + Number(report.size_bytes) +
            ",\"type\":" + Quoted(MediaTypeText(report.header.esDesc.mediaType)) +
-           ",\"fileId\":" + Quoted(IdOf(report.header));
+           ",\"file_id\":" + Quoted(IdOf(report.header));
     if (report.loaded) {
         const LoadReport& load = report.load;
         out += ",\"roots\":[";
@@ -144,16 +144,16 @@ std::string AsJson(const std::string& name, const Report& report) {
             out += std::string(i == 0 ? "" : ",") + "{\"state\":" + Quoted(StateOf(load.roots[i])) +
                    ",\"generation\":" + Number(load.roots[i].generation) + "}";
         }
-        out += "],\"indexPages\":" + Number(report.indexNodes);
+        out += "],\"index_pages\":" + Number(report.indexNodes);
         out += ",\"log\":{\"start\":" + Number(load.logStart_bytes) +
                ",\"bytes\":" + Number(load.tailBytes) + ",\"records\":" + Number(load.tailRecords) +
-               ",\"cutOff\":" + Number(load.tornRecords) + "}";
+               ",\"cut_off\":" + Number(load.tornRecords) + "}";
         out += ",\"frames\":{\"count\":" + Number(report.frameCount) +
                ",\"present\":" + Number(report.present) + ",\"erased\":" + Number(report.erased) +
                ",\"holes\":" + Number(report.holes) +
                ",\"damaged\":" + Number(report.damagedFrames) +
                ",\"bytes\":" + Number(report.dataBytes) + "}";
-        out += ",\"deadBytes\":" + Number(report.deadBytes);
+        out += ",\"dead_bytes\":" + Number(report.deadBytes);
     }
     out += ",\"damages\":" + Number(report.damages) + ",\"remarks\":" + Number(report.remarks) +
            ",\"findings\":[";

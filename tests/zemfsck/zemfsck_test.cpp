@@ -355,7 +355,7 @@ TEST_F(FsckProgram, JsonIsOneObjectALine) {
     EXPECT_EQ(Run("--json '" + bad + "' " + m_folder.File("none")), 2);
     const std::string expected = R"(\"quoted\" name","result":"damaged","size":)" +
                                  std::to_string(m_device.content.size()) +
-                                 R"(,"type":"video","fileId":")";
+                                 R"(,"type":"video","file_id":")";
     EXPECT_TRUE(Says(expected)) << m_output;
     EXPECT_TRUE(Says(R"("frames":{"count":160,"present":148,"erased":3,"holes":9,"damaged":1,)"))
         << m_output;
@@ -363,8 +363,13 @@ TEST_F(FsckProgram, JsonIsOneObjectALine) {
                      R"("700 bytes: wrong checksum"})"))
         << m_output;
     EXPECT_TRUE(Says(R"(/none","result":"unchecked","why":"no such file"})")) << m_output;
+    // One object; its members are named as those of zem.
     EXPECT_EQ(system(("'" ZEMFSCK_PROGRAM "' --json '" + bad +
-                      "' | python3 -c 'import json,sys; json.loads(sys.stdin.read())'")
+                      "' | python3 -c 'import json,re,sys; names = []; "
+                      "json.loads(sys.stdin.read(), object_pairs_hook=lambda pairs: names.extend("
+                      "name for name, _ in pairs)); "
+                      "wrong = [name for name in names if not re.fullmatch(\"[a-z_]+\", name)]; "
+                      "sys.exit(str(wrong) if wrong or len(names) < 20 else 0)'")
                          .c_str()),
               0);
 }
