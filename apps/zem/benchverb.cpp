@@ -3,13 +3,10 @@
 // called written.
 #include <CLI/CLI.hpp>
 
-#include <algorithm>
-#include <array>
-#include <cstdio>
 #include <exception>
 #include <thread>
 
-#include "apps/zem/benchworker.h"
+#include "apps/zem/benchreport.h"
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
 #include "apps/zem/output.h"
@@ -29,18 +26,6 @@ struct BenchOptions {
     BenchPlan plan;
 };
 
-// A frame that is written is one run of the server's frame memory: of the smaller of the two that
-// servers have, and of the larger.
-constexpr uint64_t kFrameMemory_bytes = 120u << 20;
-constexpr const char* kFrameMemoryText =
-    "the server's frame memory (120M; 240M in file-server mode, HttpFileServer=1)";
-
-struct Run {
-    const char* mode;
-    double seconds = 0;
-    BenchResult total;
-};
-
 class CBench {
 public:
     CBench(const CommandLine& line, const BenchOptions& options);
@@ -57,9 +42,6 @@ private:
     template <typename Work>
     void Everywhere(const char* title, double seconds, Work work);
     void Measure(const char* mode, void (CBenchWorker::*work)(Clock::time_point));
-    void Print() const;
-    void PrintRun(const Run& run) const;
-    void PrintJson() const;
 
     const CommandLine& m_line;
     BenchPlan m_plan;
@@ -67,10 +49,7 @@ private:
     const bool m_reads;
     std::atomic<bool> m_stop{false};
     std::vector<std::unique_ptr<CBenchWorker>> m_workers;
-    std::vector<Run> m_runs;
-    std::string m_folderNote;
-    bool m_compared = false;  // all that was written
-    uint64_t m_lost = 0;
+    BenchReport m_report;
 };
 
 CBench::CBench(const CommandLine& line, const BenchOptions& options)
@@ -78,6 +57,7 @@ CBench::CBench(const CommandLine& line, const BenchOptions& options)
       m_plan(options.plan),
       m_writes(options.mode != "read"),
       m_reads(options.mode != "write") {
+    m_report.server = line.server;
     m_plan.connection = line.Connection();
     if (line.clientId.empty())
         m_plan.connection.clientId = "zem-bench" + DefaultClientId().substr(3);
@@ -120,7 +100,7 @@ void CBench::CheckRoom() {
         CSession session(m_line);  // who has not joined is told nothing
         NearestFolder folder = FindNearestFolder(*session, m_plan.folder);
         m_plan.folder = folder.path;
-        m_folderNote = folder.note;
+        m_report.folderNote = folder.note;
         free_bytes = session->Space(u"").free_bytes;
     }
     if (m_plan.frame_bytes > kFrameMemory_bytes) TryFrameSize();
@@ -184,14 +164,14 @@ void CBench::Everywhere(const char* title, double seconds, Work work) {
 void CBench::Measure(const char* mode, void (CBenchWorker::*work)(Clock::time_point)) {
     const Clock::time_point start = Clock::now();
     const auto take = [&] {
-        Run run{mode, std::chrono::duration<double>(Clock::now() - start).count(), {}};
+        BenchRun run{mode, std::chrono::duration<double>(Clock::now() - start).count(), {}};
         for (const std::unique_ptr<CBenchWorker>& worker : m_workers) {
             run.total.frames += worker->result.frames;
             run.total.bytes += worker->result.bytes;
             run.total.late += worker->result.late;
             run.total.latency.Add(worker->result.latency);
         }
-        if (run.total.frames > 0) m_runs.push_back(run);
+        if (run.total.frames > 0) m_report.runs.push_back(run);
     };
     try {
         Everywhere(mode, m_plan.seconds, [&](CBenchWorker& worker) { (worker.*work)(start); });
@@ -211,7 +191,7 @@ void CBench::RunAll() {
     }
     if (m_plan.file.empty()) {
         Everywhere("compare", 0, [](CBenchWorker& worker) { worker.Check(); });
-        m_compared = true;
+        m_report.compared = true;
     }
 }
 
@@ -232,142 +212,11 @@ int CBench::Go() {
     }
     CleanUp();
     for (const std::unique_ptr<CBenchWorker>& worker : m_workers)
-        m_lost += worker->lost;
+        m_report.lost += worker->lost;
     // Stopped or failed: what was measured until then is told all the same.
-    if (!m_runs.empty()) m_line.json ? PrintJson() : Print();
+    if (!m_report.runs.empty()) (m_line.json ? PrintBenchJson : PrintBench)(m_plan, m_report);
     if (end) std::rethrow_exception(end);
-    return m_lost == 0 ? kExitOk : kExitFailed;
-}
-
-double PerSecond(uint64_t count, double seconds) {
-    return seconds > 0 ? static_cast<double>(count) / seconds : 0;
-}
-
-struct Quantile {
-    const char* title;
-    const char* key;
-    double part;
-};
-constexpr std::array<Quantile, 4> kQuantiles = {{{"median", "p50", 0.5},
-                                                 {"90 %", "p90", 0.9},
-                                                 {"99 %", "p99", 0.99},
-                                                 {"99.9 %", "p999", 0.999}}};
-
-void PrintHistogram(const CLatency& latency) {
-    constexpr size_t kBar = 40;
-    uint64_t most = 1;
-    size_t first = CLatency::kRows;
-    size_t last = 0;
-    for (size_t row = 0; row < CLatency::kRows; ++row) {
-        if (latency.RowCount(row) == 0) continue;
-        most = std::max(most, latency.RowCount(row));
-        first = std::min(first, row);
-        last = row;
-    }
-    for (size_t row = first; row <= last && first < CLatency::kRows; ++row) {
-        const uint64_t count = latency.RowCount(row);
-        const bool open = row + 1 == CLatency::kRows;
-        const std::string bound =
-            LatencyText(static_cast<double>(CLatency::RowBound_us(open ? row - 1 : row)));
-        // A row that is not empty shows at least a little.
-        const size_t length = static_cast<size_t>((count * kBar + most - 1) / most);
-        std::printf("  %s %7s %10llu  %s\n", open ? "over " : "up to", bound.c_str(),
-                    static_cast<unsigned long long>(count),
-                    Painted(Stream::kOut, Colour::kCyan, std::string(length, '#')).c_str());
-    }
-}
-
-void CBench::PrintRun(const Run& run) const {
-    const BenchResult& total = run.total;
-    std::printf("\n%s  %llu frames in %.2f s: %s frames/s, %s/s\n",
-                Painted(Stream::kOut, Colour::kBold, run.mode).c_str(),
-                static_cast<unsigned long long>(total.frames), run.seconds,
-                Painted(Stream::kOut, Colour::kBold,
-                        std::to_string(static_cast<long>(PerSecond(total.frames, run.seconds))))
-                    .c_str(),
-                Painted(Stream::kOut, Colour::kBold,
-                        HumanBytes(static_cast<uint64_t>(PerSecond(total.bytes, run.seconds))))
-                    .c_str());
-    std::printf("  latency  least %s",
-                LatencyText(static_cast<double>(total.latency.Min_us())).c_str());
-    for (const Quantile& quantile : kQuantiles) {
-        const auto duration_us = static_cast<double>(total.latency.Percentile_us(quantile.part));
-        std::printf("  %s %s", quantile.title, LatencyText(duration_us).c_str());
-    }
-    std::printf("  most %s\n", LatencyText(static_cast<double>(total.latency.Max_us())).c_str());
-    if (m_plan.rate_per_s > 0) {
-        std::printf("  late     %s of %llu frames were answered after the next one was due\n",
-                    Painted(Stream::kOut, total.late == 0 ? Colour::kGreen : Colour::kYellow,
-                            std::to_string(total.late))
-                        .c_str(),
-                    static_cast<unsigned long long>(total.frames));
-    }
-    PrintHistogram(total.latency);
-}
-
-void CBench::Print() const {
-    std::printf("%s: %s, ", m_line.server.c_str(),
-                Counted(m_plan.connections, "connection").c_str());
-    if (m_plan.file.empty()) {
-        std::printf("frames of %s%s\n", HumanBytes(m_plan.frame_bytes).c_str(),
-                    m_folderNote.c_str());
-    } else {
-        std::printf("%s\n", Printable(m_plan.file).c_str());
-    }
-    for (const Run& run : m_runs)
-        PrintRun(run);
-    if (!m_plan.file.empty()) return;
-    if (!m_compared) {
-        std::printf("\nEnded early: what was written was not compared.\n");
-    } else if (m_lost == 0) {
-        std::printf("\nAll frames read back as they were written.\n");
-    } else {
-        const bool perhapsTooLarge = m_plan.frame_bytes > kFrameMemory_bytes / m_plan.connections;
-        const std::string lost =
-            Counted(m_lost, "frame") + " did not read back as written; " +
-            (perhapsTooLarge
-                 ? std::string("what is written at a time must fit into ") + kFrameMemoryText
-                 : "the server's log has the reason.");
-        std::printf("\n%s\n", Painted(Stream::kOut, Colour::kRed, lost).c_str());
-    }
-}
-
-void CBench::PrintJson() const {
-    CJson json;
-    json.Open('{').Text("server", m_line.server).Unsigned("connections", m_plan.connections);
-    if (m_plan.file.empty())
-        json.Unsigned("frame_bytes", m_plan.frame_bytes);
-    else
-        json.Text("file", m_plan.file);
-    json.Open('[', "runs");
-    for (const Run& run : m_runs) {
-        const CLatency& latency = run.total.latency;
-        json.Open('{').Text("mode", run.mode).Real("seconds", run.seconds);
-        json.Unsigned("frames", run.total.frames).Unsigned("bytes", run.total.bytes);
-        json.Real("frames_per_s", PerSecond(run.total.frames, run.seconds));
-        json.Real("bytes_per_s", PerSecond(run.total.bytes, run.seconds));
-        json.Unsigned("late", run.total.late).Open('{', "latency_us");
-        json.Unsigned("min", latency.Min_us()).Real("mean", latency.Mean_us());
-        for (const Quantile& quantile : kQuantiles)
-            json.Unsigned(quantile.key, latency.Percentile_us(quantile.part));
-        json.Unsigned("max", latency.Max_us()).Close().Open('[', "histogram");
-        for (size_t row = 0; row < CLatency::kRows; ++row) {
-            if (latency.RowCount(row) == 0) continue;
-            json.Open('{');
-            if (row + 1 == CLatency::kRows)
-                json.Null("up_to_us");
-            else
-                json.Unsigned("up_to_us", CLatency::RowBound_us(row));
-            json.Unsigned("count", latency.RowCount(row)).Close();
-        }
-        json.Close().Close();
-    }
-    json.Close();
-    if (m_plan.file.empty() && !m_compared)
-        json.Null("lost");
-    else
-        json.Unsigned("lost", m_lost);
-    PrintLine(json.Close().Str());
+    return m_report.lost == 0 ? kExitOk : kExitFailed;
 }
 
 }  // namespace
