@@ -98,6 +98,16 @@ CLI::App* VerbGroup::Add(const char* name, const char* help, std::function<int()
 
 namespace {
 
+// Here already: a blank one would be taken for none, and the verb would act as some other client.
+std::string WhyNoClientId(const std::string& id) {
+    try {
+        CheckClientId(id);
+        return {};
+    } catch (const CZemError& error) {
+        return error.what();
+    }
+}
+
 void AddGlobalOptions(CLI::App& app, CommandLine& line) {
     app.add_option("--server", line.server, "Address of the server, http://HOST:PORT")
         ->envname("ZEM_SERVER")
@@ -107,7 +117,8 @@ void AddGlobalOptions(CLI::App& app, CommandLine& line) {
            "--id", line.clientId,
            "Client ID (default: one that no other client has); a verb acts as that client and "
            "leaves at the end, see --stay")
-        ->type_name("ID");
+        ->type_name("ID")
+        ->check(CLI::Validator(&WhyNoClientId, ""));
     app.add_option("--channel", line.channel, "Channel to join; 255 joins none")
         ->type_name("N")
         ->transform(WholeNumber(0))
@@ -181,6 +192,15 @@ bool AsksForJson(std::span<const char* const> arguments) {
                        [](std::string_view one) { return one == "--json"; });
 }
 
+// "--id=", as a script writes it whose variable is empty: the parser would take the next word.
+std::string_view WithoutValue(std::span<const char* const> arguments) {
+    for (const std::string_view one : arguments) {
+        if (one == "--") break;
+        if (one.starts_with("--") && one.find('=') == one.size() - 1) return one;
+    }
+    return {};
+}
+
 ColourMode ColourModeOf(const std::string& word) {
     if (word == "always") return ColourMode::kAlways;
     return word == "never" ? ColourMode::kNever : ColourMode::kAuto;
@@ -192,6 +212,13 @@ int RunZem(int argc, const char* const* argv) {
     CommandLine line;
     CLI::App app("zem: files and frames of a media server", "zem");
     AddAll(app, line);
+    const std::span<const char* const> arguments(argv, static_cast<size_t>(argc));
+    const std::string_view open = WithoutValue(arguments);
+    if (!open.empty()) {
+        line.json = AsksForJson(arguments);
+        const std::string text = "there is no value behind " + Printable(open) + "; see zem --help";
+        return ReportFailure(line, kExitUsage, text.c_str(), 0);
+    }
     try {
         app.parse(argc, argv);
         SetColourMode(ColourModeOf(line.colour));
@@ -200,7 +227,7 @@ int RunZem(int argc, const char* const* argv) {
     } catch (const CLI::ParseError& error) {
         // Help and version are no errors: they go to stdout.
         if (error.get_exit_code() == 0) return app.exit(error);
-        line.json = AsksForJson({argv, static_cast<size_t>(argc)});
+        line.json = AsksForJson(arguments);
         return ReportFailure(line, kExitUsage, Printable(UsageText(app, error)).c_str(), 0);
     }
     try {

@@ -506,7 +506,7 @@ def _failure(entity: _Entity) -> ZemRefused:
 class ZemClient:
     """A client of a server: known by its ID from join() to leave(), over any number of connections.
 
-    server: http://HOST:PORT. client_id: 1 to 259 characters, case-sensitive; without one, an ID that nobody else has.
+    server: http://HOST:PORT. client_id: 1 to 259 characters, case-sensitive; None is an ID that nobody else has.
     channel: a number for the server's log. timeout_s: how long a connection may be silent within an exchange.
     agent: NAME (PRODUCT/VERSION); the server's log names the client by what stands from the parenthesis on, and warns
     of a version that is not its own. Without a slash there is no version to warn of.
@@ -520,7 +520,7 @@ class ZemClient:
         self.id = uuid.uuid4().hex if client_id is None else client_id
         units = len(self.id.encode('utf-16-le')) // 2
         if not 1 <= units <= 259 or not self.id.isprintable() or self.id.strip() != self.id:
-            raise ValueError(f'a client ID has 1 to 259 printable characters: {self.id!r}')
+            raise ValueError(f'a client ID has 1 to 259 printable characters without outer blanks: {self.id!r}')
         self.channel = channel
         self._wire = _Wire(server, timeout_s)
         # The ID comes before every header that is not one of HTTP's own.

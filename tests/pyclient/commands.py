@@ -68,10 +68,13 @@ class Shape(unittest.TestCase):
         for number, call in enumerate(calls):
             with self.subTest(number):
                 self.assertRaises(ValueError, call)
-        for server, client_id in (('127.0.0.1', 'a'), ('https://h', 'a'), ('http://h/path', 'a'), ('http://h', ''),
-                                  ('http://h', 'a' * 260), ('http://h', 'a\r\nb'), ('http://h', ' a')):
+        for server, client_id in (('127.0.0.1', 'a'), ('https://h', 'a'), ('http://h/path', 'a'),
+                                  ('http://h', 'a' * 260), ('http://h', 'a\r\nb')):
             with self.subTest(server=server, client_id=client_id), self.assertRaises(ValueError):
                 ZemClient(server, client_id)
+        for blank in ('', ' ', ' a', 'a '):
+            with self.subTest(client_id=blank), self.assertRaisesRegex(ValueError, 'client ID .* without outer blanks'):
+                ZemClient('http://h', blank)
 
     def test_nobody_answers(self):
         with socket.socket() as deaf:

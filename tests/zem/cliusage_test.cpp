@@ -42,6 +42,14 @@ TEST_F(ZemCliUsage, EveryMistakeHasASentence) {
         {{"status", "--timeout"}, "--timeout needs SECONDS behind it; see zem status --help"},
         {{"--id"}, "--id needs ID behind it; see zem --help"},
         {{"status", "--id", "a", "--id", "b"}, "--id is given more than once; give it once"},
+        {{"info", "x", "--id", ""},
+         "--id: a client ID is 1 to 259 printable characters without outer "
+         "blanks; see zem info --help"},
+        {{"--id=", "rm", "info", "x"}, "there is no value behind --id=; see zem --help"},
+        {{"read", "x", "--output="}, "there is no value behind --output=; see zem --help"},
+        {{"--id", "  ", "join"},
+         "--id: a client ID is 1 to 259 printable characters without outer "
+         "blanks; see zem join --help"},
         {{"status", "--quiet=x"}, "--quiet takes no value; see zem status --help"},
         {{"frames", "x", "--by-name", "--rate", "3"},
          "--by-name and --rate do not go together; see zem frames --help"},

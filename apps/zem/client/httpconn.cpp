@@ -50,15 +50,6 @@ void CheckServer(std::string& server) {
     }
 }
 
-void CheckClientId(const std::string& id) {
-    // The server keeps 259 UTF-16 units; longer IDs of two clients could become one.
-    if (id.empty() || !IsPlainHeaderText(id) || id.front() == ' ' || id.back() == ' ' ||
-        ToUtf16(id, "the client ID").size() > 259) {
-        throw CZemError(ErrorKind::kUsage,
-                        "a client ID is 1 to 259 printable characters without outer blanks");
-    }
-}
-
 bool EqualNoCase(std::string_view a, std::string_view b) {
     return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
         const auto lower = [](char c) {
@@ -89,6 +80,15 @@ int64_t DecimalOf(std::string_view text) {
 }
 
 }  // namespace
+
+void CheckClientId(const std::string& id) {
+    // The server keeps 259 UTF-16 units; longer IDs of two clients could become one.
+    if (id.empty() || !IsPlainHeaderText(id) || id.front() == ' ' || id.back() == ' ' ||
+        ToUtf16(id, "the client ID").size() > 259) {
+        throw CZemError(ErrorKind::kUsage,
+                        "a client ID is 1 to 259 printable characters without outer blanks");
+    }
+}
 
 struct CHttpConnection::Handle {
     CURL* curl = nullptr;

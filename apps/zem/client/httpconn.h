@@ -22,6 +22,9 @@ struct ConnectionOptions {
     int stallTimeout_s = 60;  // a transfer that moves nothing for so long is given up
 };
 
+// Throws CZemError(kUsage) for what a server would not take for this client's ID as it stands.
+void CheckClientId(const std::string& id);
+
 // An answer to GET or DELETE.
 struct PageReply {
     int status = 0;
