@@ -9,6 +9,7 @@
 
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
+#include "apps/zem/reasons.h"
 #include "apps/zem/session.h"
 
 namespace zem {
@@ -46,7 +47,7 @@ void CBenchWorker::Prepare() {
     m_joined = true;  // also when a stop comes before the answer
     m_client.Join(0);
     if (!m_plan.file.empty()) {
-        m_token = m_client.Open(FileNamed(m_name));
+        m_token = OpenNamed(m_client, FileNamed(m_name));
         m_frames = m_client.FileInfo(m_token).frameCount;
         if (m_frames == 0)
             throw CZemError(ErrorKind::kRefused, Printable(m_name) + ": no frame in it");

@@ -87,6 +87,13 @@ void PrintLine(const std::string& text) {
     std::printf("%s\n", text.c_str());
 }
 
+void AddFileName(CLI::App& verb, std::string& name, std::string* stream) {
+    verb.add_option("NAME", name, "File on the server")->required();
+    if (stream == nullptr) return;
+    verb.add_option("--stream", *stream, "Stream of a file with several: v0, a1, tc")
+        ->type_name("STREAM");
+}
+
 CLI::App* VerbGroup::Add(const char* name, const char* help, std::function<int()> run) const {
     CLI::App* verb = app.add_subcommand(name, help);
     verb->group(title);
@@ -156,6 +163,7 @@ void AddAll(CLI::App& app, CommandLine& line) {
     AddPutVerbs(app, line);
     AddExportVerb(app, line);
     AddFrameVerbs(app, line);
+    AddInfoVerbs(app, line);
     AddFileVerbs(app, line);
     AddPageVerbs(app, line);
     AddTopVerb(app, line);

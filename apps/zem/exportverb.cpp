@@ -18,6 +18,7 @@ extern "C" {
 #include "apps/zem/demux.h"
 #include "apps/zem/mux.h"
 #include "apps/zem/output.h"
+#include "apps/zem/reasons.h"
 #include "apps/zem/session.h"
 #include "apps/zem/terminal.h"
 #include "apps/zem/verbs.h"
@@ -88,14 +89,14 @@ private:
 };
 
 void CExport::Open(ExportStream& stream, ZemEsDesc& desc) {
-    stream.token = m_session->Open(FileNamed(stream.name));
+    stream.token = OpenNamed(*m_session, FileNamed(stream.name));
     desc = m_session->FileInfo(stream.token);
     stream.frames = desc.frameCount;
 }
 
 void CExport::ReadHeads() {
     const std::string name = ClipFileName(m_options.name);
-    COpenFile file(*m_session, m_session->Open(FileNamed(name)));
+    COpenFile file(*m_session, OpenNamed(*m_session, FileNamed(name)));
     const auto read = [&](uint32_t position) {
         const StreamFrame& frame = ReadOneFrame(*m_session, file.Token(), position);
         RequireRead(name, position, frame.status);

@@ -14,6 +14,7 @@ extern "C" {
 #include "apps/zem/client/zemerror.h"
 #include "apps/zem/demux.h"
 #include "apps/zem/output.h"
+#include "apps/zem/reasons.h"
 #include "apps/zem/session.h"
 #include "apps/zem/terminal.h"
 #include "apps/zem/usage.h"
@@ -102,7 +103,7 @@ uint32_t PositionsAt(const ZemEsDesc& info, int32_t rate) {
 
 int FrameMd5(const CommandLine& line, const FrameOptions& options) {
     CSession session(line);
-    COpenFile file(*session, session->Open(FileNamed(options.name, options.aux)));
+    COpenFile file(*session, OpenNamed(*session, FileNamed(options.name, options.aux)));
     const uint32_t expected = Expected(*session, file.Token(), options);
     CJson json;
     if (line.json) {
@@ -144,7 +145,7 @@ int Read(const CommandLine& line, const FrameOptions& options) {
         throw CZemError(ErrorKind::kUsage, "--json needs -o FILE: the frames go to stdout");
     COutputFile output(options.output, options.force);
     CSession session(line);
-    COpenFile file(*session, session->Open(FileNamed(options.name, options.aux)));
+    COpenFile file(*session, OpenNamed(*session, FileNamed(options.name, options.aux)));
     CProgress progress("read " + Printable(options.name), !line.quiet);
     const uint32_t expected = Expected(*session, file.Token(), options);
     uint64_t total_bytes = 0;
@@ -192,7 +193,7 @@ int Frames(const CommandLine& line, const FrameOptions& options) {
     constexpr uint32_t kChunk = 1024;
     CSession session(line);
     const FileRef ref = FileNamed(options.name, options.aux);
-    COpenFile file(*session, options.byName ? 0 : session->Open(ref));
+    COpenFile file(*session, options.byName ? 0 : OpenNamed(*session, ref));
     const ZemEsDesc info =
         options.byName ? session->FileInfo(ref) : session->FileInfo(file.Token());
     const uint32_t count = Wanted(options, PositionsAt(info, options.rate));
@@ -241,9 +242,7 @@ CLI::App* Add(const VerbGroup& group, const char* name, const char* help, const 
               int (*run)(const CommandLine&, const FrameOptions&)) {
     const CommandLine& line = group.line;
     CLI::App* verb = group.Add(name, help, [options, &line, run] { return run(line, *options); });
-    verb->add_option("NAME", options->name, "File on the server")->required();
-    verb->add_option("--stream", options->aux, "Stream of a file with several: v0, a1, tc")
-        ->type_name("STREAM");
+    AddFileName(*verb, options->name, &options->aux);
     verb->add_option("--from", options->from, "First frame")
         ->type_name("N")
         ->transform(WholeNumber(0))

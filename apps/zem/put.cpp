@@ -10,6 +10,7 @@ extern "C" {
 
 #include "apps/zem/client/text.h"
 #include "apps/zem/output.h"
+#include "apps/zem/reasons.h"
 #include "apps/zem/terminal.h"
 #include "mediaio/cadence.h"
 #include "mediaio/foreign/avdesc.h"
@@ -77,13 +78,9 @@ void CPut::Create(PutFile file) {
         file.token = m_session->Create(FileNamed(file.written).name, u"", file.desc, flags);
     } catch (const CZemError& error) {
         if (error.Kind() != ErrorKind::kRefused) throw;
-        throw CZemError(
-            error.Kind(),
-            std::string(error.what()) +
-                (m_options.force ? "; may the server write there, and has nobody the file open?"
-                                 : "; if it exists, --force replaces it; else the volume may be "
-                                   "full or read-only, or somebody has the file open"),
-            error.Hr());
+        throw CZemError(error.Kind(),
+                        error.what() + WhyNotCreated(*m_session, file.written, replace),
+                        error.Hr());
     }
     m_files.push_back(std::move(file));
 }

@@ -5,18 +5,16 @@
 #include "apps/zem/client/text.h"
 #include "apps/zem/output.h"
 #include "apps/zem/put.h"
+#include "apps/zem/reasons.h"
 #include "apps/zem/terminal.h"
 
 namespace zem {
 
 // The answer to a write says nothing of the disk; the commonest reason is told here.
 void CPut::ThrowLost(const PutFile& file, uint32_t position, const std::string& what) {
-    std::string reason = "; the server answered its write with success, its log has the reason";
-    VolumeSpace space;
-    IfImplemented([&] { space = m_session->Space(u""); });
-    constexpr uint64_t kAsGoodAsNone_bytes = 16 << 20;
-    if (space.total_bytes != 0 && space.free_bytes < kAsGoodAsNone_bytes)
-        reason = "; its volume is full (" + HumanBytes(space.free_bytes) + " free)";
+    std::string reason = IfVolumeIsFull(*m_session);
+    if (reason.empty())
+        reason = "; the server answered its write with success, its log has the reason";
     throw CZemError(ErrorKind::kRefused, Printable(file.name) + ": frame " +
                                              std::to_string(position) + " " + what + reason);
 }
@@ -33,7 +31,7 @@ void CPut::CheckLast(const PutFile& file) {
 
 void CPut::Verify(const PutFile& file) {
     if (file.frames.empty()) return;
-    COpenFile open(*m_session, m_session->Open(FileNamed(file.written)));
+    COpenFile open(*m_session, OpenNamed(*m_session, FileNamed(file.written)));
     const auto count = static_cast<uint32_t>(file.frames.size());
     bool described = m_options.verify != "all";
     if (described) VerifyDescs(file, open.Token(), described);

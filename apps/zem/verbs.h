@@ -55,6 +55,9 @@ struct VerbGroup {
     CLI::App* Add(const char* name, const char* help, std::function<int()> run) const;
 };
 
+// The file of the server that a verb is about and, where it is about one, the stream.
+void AddFileName(CLI::App& verb, std::string& name, std::string* stream = nullptr);
+
 // What the tables of help, manual and completions say of an argument is its type's name. Those that
 // name a file of this machine are completed with files.
 inline constexpr const char* kTypeFile = "FILE";
@@ -64,7 +67,8 @@ void PrintLine(const std::string& text);
 void AddPutVerbs(CLI::App& app, CommandLine& line);     // put import
 void AddExportVerb(CLI::App& app, CommandLine& line);   // export
 void AddFrameVerbs(CLI::App& app, CommandLine& line);   // framemd5 read frames
-void AddFileVerbs(CLI::App& app, CommandLine& line);    // info marks df stat rm mv mkdir stripe ...
+void AddInfoVerbs(CLI::App& app, CommandLine& line);    // info marks df stat
+void AddFileVerbs(CLI::App& app, CommandLine& line);    // rm mv mkdir stripe erase flush
 void AddPageVerbs(CLI::App& app, CommandLine& line);    // status clients get
 void AddTopVerb(CLI::App& app, CommandLine& line);      // top
 void AddBenchVerb(CLI::App& app, CommandLine& line);    // bench

@@ -178,6 +178,71 @@ TEST_F(ZemCliFiles, WhatTheServerDidNotDoIs1) {
     EXPECT_EQ(Run({"erase", "media/v", "--from", "0", "--count", "1"}).code, 1);
 }
 
+// The server's answers say no more than "no": the program finds out by itself.
+TEST_F(ZemCliFiles, ARefusalSaysWhatIsLikely) {
+    m_media.files["media/d"].isDirectory = true;
+    m_media.files["media"].isDirectory = true;
+    m_media.files["media/foreign"] = m_media.files["media/v"];
+    m_media.files["media/foreign"].desc.replace(44, 4, Le32(8));
+    m_media.files["media/taken"] = m_media.files["media/v"];
+    m_media.files["media/taken"].desc.replace(44, 4, Le32(4));
+    m_media.noWrite = {"media/foreign", "media/taken"};
+    const std::string open = "zem: the server could not open '";
+    const std::string log = "' (its log has the reason): ";
+    const std::vector<std::pair<std::vector<std::string>, std::string>> refusals = {
+        {{"rm", "media/d"},
+         "zem: media/d was not deleted (the server's log has the reason): it is a folder, which "
+         "the protocol has no command for: that is done on the server\n"},
+        {{"info", "media/d"}, open + "media/d" + log + "it is a folder\n"},
+        {{"info", "media/none"}, open + "media/none" + log + "there is no such file\n"},
+        {{"info", "nowhere/none"}, open + "nowhere/none" + log + "there is no folder nowhere\n"},
+        {{"read", "media/v/x"}, open + "media/v/x" + log + "media/v is a file, and no folder\n"},
+        {{"stripe", "media/none", "10:00:00:00"},
+         open + "media/none" + log + "there is no such file\n"},
+        {{"stripe", "media/foreign", "10:00:00:00"},
+         "zem: media/foreign was not striped (the server's log has the reason): a file of a "
+         "foreign format is only read; import it to change it\n"},
+        {{"erase", "media/taken", "--from", "0", "--count", "1"},
+         open + "media/taken" + log + "somebody has it open for writing\n"},
+    };
+    for (const auto& [arguments, said] : refusals) {
+        const Outcome outcome = Run(arguments);
+        EXPECT_EQ(outcome.code, 1) << said;
+        EXPECT_EQ(outcome.err, said);
+    }
+    EXPECT_EQ(m_media.files.count("media/d"), 1u);
+    EXPECT_TRUE(m_media.clients.empty());
+
+    m_media.ignored = {21, 23};  // a deletion, a directory: success is answered, nothing happens
+    EXPECT_TRUE(Has(Run({"rm", "media/v"}).err, "perhaps somebody has it open for writing"));
+    EXPECT_TRUE(Has(Run({"mkdir", "nowhere/d"}).err, "): there is no folder nowhere\n"));
+}
+
+TEST_F(ZemCliFiles, ACreationThatIsRefusedSaysWhatIsLikely) {
+    MakeClip();
+    m_media.files["media"].isDirectory = true;
+    m_media.files["media/d.v0"].isDirectory = true;
+    const auto said = [&](const std::string& name, bool force = false) {
+        std::vector<std::string> arguments = {"put", "clip.mov", name};
+        if (force) arguments.push_back("--force");
+        const Outcome outcome = Run(arguments);
+        EXPECT_EQ(outcome.code, 1) << name;
+        const size_t at = outcome.err.find("reason): ");
+        return at == std::string::npos ? outcome.err : outcome.err.substr(at + 9);
+    };
+    EXPECT_EQ(said("media/d"), "it is a folder\n");
+    EXPECT_EQ(said("media/d", true), "it is a folder\n");
+    ASSERT_EQ(Run({"put", "clip.mov", "media/c"}).code, 0);
+    EXPECT_EQ(said("media/c"), "it exists; --force replaces it\n");
+    m_media.noCreate = {"media/n.v0", "media/c.v0", "media/v/n.v0"};
+    EXPECT_EQ(said("media/c", true),
+              "perhaps somebody has it open, or the server may not write it\n");
+    EXPECT_EQ(said("media/v/n"), "media/v is a file, and no folder\n");
+    EXPECT_EQ(said("media/n"), "its volume is full (1000 B free)\n");
+    m_media.freeSpace_bytes = uint64_t{1} << 30;
+    EXPECT_EQ(said("media/n"), "perhaps the server may not write there\n");
+}
+
 TEST_F(ZemCliFiles, StripeEraseAndFlush) {
     EXPECT_EQ(Run({"stripe", "media/v", "10:11:12:13"}).code, 0);
     EXPECT_EQ(m_media.files["media/v"].desc.substr(40, 4), "\x13\x12\x11\x10");

@@ -86,14 +86,20 @@ std::string CFakeMedia::Body(uint32_t code, const std::string& body) {
         case 1: {
             const std::string name = NameAt(body, 0);
             const uint32_t flags = U32(body, 1096);
-            if (noCreate.count(name) != 0 || (files.count(name) != 0 && (flags & 0x10) == 0))
+            const auto there = files.find(name);
+            if (noCreate.count(name) != 0 ||
+                (there != files.end() && ((flags & 0x10) == 0 || there->second.isDirectory))) {
                 return ok + Le32(0) + Le64(0);
+            }
             files[name] = File{body.substr(1040, 56), {}, false};
             return ok + Le32(0) + Le64(OpenToken(name));
         }
         case 2: {
             const std::string name = NameAt(body, 0);
-            return ok + Le32(0) + Le64(files.count(name) == 0 ? 0 : OpenToken(name));
+            const auto there = files.find(name);
+            const bool opens = there != files.end() && !there->second.isDirectory &&
+                               (noWrite.count(name) == 0 || (U32(body, 1044) & 2) == 0);
+            return ok + Le32(0) + Le64(opens ? OpenToken(name) : 0);
         }
         case 5:
             m_tokens.erase(U64(body, 0));
@@ -133,12 +139,13 @@ std::string CFakeMedia::FileBody(uint32_t code, const std::string& body) {
         case 12:
             return ok + Le32(3) + Le32(7);
         case 13:
-            if (file != nullptr) file->desc.replace(40, 8, body.substr(1048, 4) + Le32(2));
+            if (file != nullptr && noWrite.count(name) == 0)
+                file->desc.replace(40, 8, body.substr(1048, 4) + Le32(2));
             return ok;
         case 20:
             return ok + Le32(file == nullptr ? 0xFFFFFFFF : file->isDirectory ? 0x10 : 0x80);
         case 21:
-            files.erase(name);
+            if (file != nullptr && !file->isDirectory) files.erase(name);
             return ok;
         case 22: {
             uint64_t size = 0;

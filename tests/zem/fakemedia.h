@@ -25,6 +25,7 @@ public:
     std::set<uint32_t> notImplemented;                         // command codes
     std::set<uint32_t> ignored;      // commands that answer success and do nothing
     std::set<std::string> noCreate;  // names whose creation fails
+    std::set<std::string> noWrite;   // names that are only read
     uint64_t freeSpace_bytes = 1000;
     int shortOfMemory = 0;  // so many frame reads fail with the out-of-resources result first
 

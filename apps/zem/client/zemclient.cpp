@@ -22,8 +22,7 @@ uint64_t TokenOf(const CheckedReply& reply, const char* what, std::u16string_vie
     if (token == 0) {
         throw CZemError(ErrorKind::kRefused,
                         std::string("the server could not ") + what + " '" +
-                            Printable(ToUtf8(name)) +
-                            "' (the protocol does not tell why; the server's log does)",
+                            Printable(ToUtf8(name)) + "' (its log has the reason)",
                         kHrFail);
     }
     return token;
