@@ -15,6 +15,7 @@ extern "C" {
 #include "apps/zem/averror.h"
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
+#include "apps/zem/pipeinput.h"
 #include "mediaio/foreign/avdesc.h"
 
 namespace zem {
@@ -25,28 +26,55 @@ constexpr size_t kNoStream = static_cast<size_t>(-1);
 }  // namespace
 
 struct CDemuxer::Context {
+    std::unique_ptr<CPipeInput> pipe;
     AVFormatContext* format = nullptr;
     AVPacket* packet = nullptr;
     ~Context() {
         av_packet_free(&packet);
         avformat_close_input(&format);
     }
+    bool Stopped() const { return pipe != nullptr && pipe->Stopped(); }
 };
 
 CDemuxer::CDemuxer(const std::string& path) : m_path(path), m_context(new Context) {
     av_log_set_level(AV_LOG_ERROR);
+    OpenInput();
+    m_context->packet = av_packet_alloc();
+    if (m_context->packet == nullptr) throw std::bad_alloc();
+    FindStreams();
+    if (m_streams.empty())
+        throw CZemError(ErrorKind::kLocalFile, Printable(path) + ": no video and no audio in it");
+    m_taken.resize(m_streams.size());
+    // Before anything is made on a server.
+    if (m_context->pipe == nullptr) RequireWhole(Size_bytes());
+}
+
+CDemuxer::~CDemuxer() = default;
+
+void CDemuxer::OpenInput() {
+    std::string url = "file:" + m_path;
+    if (CPipeInput::IsPipe(m_path)) {
+        url = "pipe:";
+        m_context->pipe = std::make_unique<CPipeInput>(m_path);
+        m_context->format = avformat_alloc_context();
+        if (m_context->format == nullptr) throw std::bad_alloc();
+        m_context->format->pb = m_context->pipe->Io();
+    }
     // A clip is a file: neither a name with a colon nor a playlist inside it may open a connection.
     AVDictionary* options = nullptr;
     av_dict_set(&options, "protocol_whitelist", "file,pipe", 0);
-    const std::string url = path == "-" ? "pipe:0" : "file:" + path;
     int result = avformat_open_input(&m_context->format, url.c_str(), nullptr, &options);
     av_dict_free(&options);
-    if (result < 0) ThrowAv(path, result, "cannot be opened as a clip");
-    result = avformat_find_stream_info(m_context->format, nullptr);
-    if (result < 0) ThrowAv(path, result, "its streams cannot be told");
-    m_context->packet = av_packet_alloc();
-    if (m_context->packet == nullptr) throw std::bad_alloc();
+    const char* what = "cannot be opened as a clip";
+    if (result >= 0) {
+        result = avformat_find_stream_info(m_context->format, nullptr);
+        what = "its streams cannot be told";
+    }
+    if (m_context->Stopped()) throw CZemError(ErrorKind::kInterrupted, "stopped");
+    if (result < 0) ThrowAv(m_path, result, what);
+}
 
+void CDemuxer::FindStreams() {
     int videos = 0;
     int audios = 0;
     for (unsigned i = 0; i < m_context->format->nb_streams; ++i) {
@@ -68,17 +96,42 @@ CDemuxer::CDemuxer(const std::string& path) : m_path(path), m_context(new Contex
         m_streamOfIndex.push_back(m_streams.size());
         m_streams.push_back(clip);
     }
-    if (m_streams.empty())
-        throw CZemError(ErrorKind::kLocalFile, Printable(path) + ": no video and no audio in it");
 }
 
-CDemuxer::~CDemuxer() = default;
+bool CDemuxer::IsMov() const {
+    return std::string_view(m_context->format->iformat->name).starts_with("mov");
+}
+
+void CDemuxer::ThrowCut(const std::string& where) const {
+    throw CZemError(ErrorKind::kLocalFile,
+                    Printable(m_path) + ": the clip is cut off: " + where +
+                        "; copy it anew, or make a clip of what is there (ffmpeg -i CLIP -c copy "
+                        "NEW)");
+}
+
+// The index of a MOV or MP4 tells where each frame lies, also what is behind the clip's end.
+void CDemuxer::RequireWhole(uint64_t end) const {
+    if (!IsMov()) return;
+    for (size_t i = 0; i < m_streams.size(); ++i) {
+        AVStream* const stream = m_context->format->streams[SourceIndex(i)];
+        const int count = avformat_index_get_entries_count(stream);
+        for (int frame = 0; frame < count; ++frame) {
+            const AVIndexEntry& entry = *avformat_index_get_entry(stream, frame);
+            const auto behind =
+                static_cast<uint64_t>(entry.pos) + static_cast<uint64_t>(entry.size);
+            if (behind <= end) continue;
+            ThrowCut("by its index packet " + std::to_string(frame) + " of the " +
+                     std::to_string(count) + " of " + m_streams[i].suffix + " ends at byte " +
+                     std::to_string(behind) + ", but it has " + std::to_string(end));
+        }
+    }
+}
 
 // Throws where that may be why no frame can be read.
 void CDemuxer::ExplainPipe() const {
     const AVFormatContext& format = *m_context->format;
     const bool seeks = format.pb == nullptr || (format.pb->seekable & AVIO_SEEKABLE_NORMAL) != 0;
-    if (seeks || !std::string_view(format.iformat->name).starts_with("mov")) return;
+    if (seeks || !IsMov()) return;
     throw CZemError(ErrorKind::kLocalFile,
                     Printable(m_path) +
                         ": no frame of it can be read: a MOV or MP4 whose index stands at its end "
@@ -93,12 +146,22 @@ bool CDemuxer::Next(ClipPacket& packet) {
         const int result = av_read_frame(m_context->format, raw);
         // Some demuxers (GXF's) end with a bare -1.
         const bool failed = m_context->format->pb != nullptr && m_context->format->pb->error < 0;
+        if (m_context->Stopped()) throw CZemError(ErrorKind::kInterrupted, "stopped");
         if (result < 0 && !m_begun) ExplainPipe();
-        if (result == AVERROR_EOF || (result == -1 && !failed)) return false;
+        if (result == AVERROR_EOF || (result == -1 && !failed)) {
+            // What came through a pipe is all there is; a fragment's index was read meanwhile.
+            RequireWhole(m_context->pipe != nullptr ? Position_bytes() : Size_bytes());
+            return false;
+        }
         if (result < 0) ThrowAv(m_path, result, "reading it failed");
         const auto index = static_cast<size_t>(raw->stream_index);
         if (index >= m_streamOfIndex.size() || m_streamOfIndex[index] == kNoStream) continue;
         packet.stream = m_streamOfIndex[index];
+        const uint64_t number = m_taken[packet.stream]++;
+        if ((raw->flags & AV_PKT_FLAG_CORRUPT) != 0 && AtEnd()) {
+            ThrowCut("it ends within packet " + std::to_string(number) + " of " +
+                     m_streams[packet.stream].suffix);
+        }
         packet.data = {raw->data, static_cast<size_t>(raw->size)};
         packet.isKey = (raw->flags & AV_PKT_FLAG_KEY) != 0;
         packet.dts = raw->dts;
@@ -109,9 +172,19 @@ bool CDemuxer::Next(ClipPacket& packet) {
     }
 }
 
-const AVStream& CDemuxer::Source(size_t stream) const {
+size_t CDemuxer::SourceIndex(size_t stream) const {
     const auto index = std::find(m_streamOfIndex.begin(), m_streamOfIndex.end(), stream);
-    return *m_context->format->streams[index - m_streamOfIndex.begin()];
+    return static_cast<size_t>(index - m_streamOfIndex.begin());
+}
+
+const AVStream& CDemuxer::Source(size_t stream) const {
+    return *m_context->format->streams[SourceIndex(stream)];
+}
+
+// Nothing is left to read.
+bool CDemuxer::AtEnd() const {
+    AVIOContext* const io = m_context->format->pb;
+    return io == nullptr || avio_feof(io) != 0;
 }
 
 uint64_t CDemuxer::Position_bytes() const {

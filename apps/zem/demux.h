@@ -33,7 +33,8 @@ inline constexpr int64_t kNoTime = INT64_MIN;
 
 class CDemuxer {
 public:
-    // Opens a file of this machine ("-" is the standard input). Throws CZemError(kLocalFile).
+    // Opens a file of this machine ("-" is the standard input). Throws CZemError(kLocalFile), and
+    // kInterrupted when a stop ends the wait for a pipe. So does Next.
     explicit CDemuxer(const std::string& path);
     ~CDemuxer();
     CDemuxer(const CDemuxer&) = delete;
@@ -43,8 +44,9 @@ public:
     const std::vector<ClipStream>& Streams() const { return m_streams; }
     int SkippedStreams() const { return m_skipped; }
 
-    // The next packet of those streams; false at the end of the clip. Throws CZemError(kLocalFile).
-    // Of the first one also what a pipe may have to do with it.
+    // The next packet of those streams; false at the end of the clip. Throws CZemError(kLocalFile)
+    // also for a clip that is cut off, as far as that can be told. Of the first one also what a
+    // pipe may have to do with it.
     bool Next(ClipPacket& packet);
 
     // libavformat's own description of a stream of Streams(); valid as long as the demuxer.
@@ -55,12 +57,20 @@ public:
 
 private:
     struct Context;
+    void OpenInput();
+    void FindStreams();
+    bool IsMov() const;
+    bool AtEnd() const;
+    size_t SourceIndex(size_t stream) const;
+    void RequireWhole(uint64_t end) const;
+    [[noreturn]] void ThrowCut(const std::string& where) const;
     void ExplainPipe() const;
     std::string m_path;
     std::unique_ptr<Context> m_context;
     std::vector<ClipStream> m_streams;
     std::vector<size_t> m_streamOfIndex;
-    bool m_begun = false;  // there was a first packet
+    std::vector<uint64_t> m_taken;  // packets of each stream
+    bool m_begun = false;           // there was a first packet
     int m_skipped = 0;
 };
 

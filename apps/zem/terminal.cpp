@@ -223,7 +223,7 @@ std::atomic<int> g_suspend{0};
 std::atomic<int> g_screen{0};  // the terminal is ours
 static_assert(std::atomic<int>::is_always_lock_free && std::atomic<int64_t>::is_always_lock_free);
 // A signal between a look at the flags and the wait must not be missed: its handler writes into
-// this pipe, which the wait watches. -1 while there is no screen.
+// this pipe, which the wait watches. -1 before signals are caught.
 std::array<int, 2> g_signals = {-1, -1};
 termios g_before{};
 
@@ -253,7 +253,7 @@ void GiveTerminalBack() {
     tcsetattr(STDIN_FILENO, TCSANOW, &g_before);
 }
 
-void WakeScreen() {
+void WakeWaiter() {
     const int before = errno;
     const char byte = 0;
     // A full pipe wakes as well.
@@ -269,7 +269,7 @@ int64_t Now_ns() {
 void RequestStop() {
     g_stoppedAt_ns = Now_ns();
     g_stop = 1;
-    WakeScreen();
+    WakeWaiter();
 }
 
 void OnStopSignal(int number) {
@@ -293,10 +293,10 @@ void OnClosedPipe(int) {
 }
 void OnSuspend(int) {
     g_suspend = 1;
-    WakeScreen();
+    WakeWaiter();
 }
 void OnResize(int) {
-    WakeScreen();  // the next picture has the new size
+    WakeWaiter();  // the next picture has the new size
 }
 
 void Catch(int number, void (*handler)(int)) {
@@ -309,6 +309,7 @@ void Catch(int number, void (*handler)(int)) {
 }  // namespace
 
 void CatchStopSignals() {
+    if (pipe2(g_signals.data(), O_NONBLOCK | O_CLOEXEC) != 0) g_signals = {-1, -1};
     Catch(SIGINT, &OnStopSignal);
     Catch(SIGTERM, &OnStopSignal);
     // nohup(1) asks to go on when the terminal is gone.
@@ -326,8 +327,18 @@ bool OutputClosed() {
     return g_outputClosed != 0;
 }
 
+bool WaitForInput(int fd) {
+    while (!StopRequested()) {
+        std::array<pollfd, 2> ends = {{{fd, POLLIN, 0}, {g_signals[0], POLLIN, 0}}};
+        const int ready = poll(ends.data(), ends.size(), -1);
+        // What is closed or no pipe is told by the read.
+        if (ready > 0 && ends[0].revents != 0) return !StopRequested();
+        if (ready < 0 && errno != EINTR) return true;
+    }
+    return false;
+}
+
 CScreen::CScreen() {
-    if (pipe2(g_signals.data(), O_NONBLOCK | O_CLOEXEC) != 0) g_signals = {-1, -1};
     tcgetattr(STDIN_FILENO, &g_before);
     Catch(SIGTSTP, &OnSuspend);
     Catch(SIGWINCH, &OnResize);
@@ -338,9 +349,6 @@ CScreen::~CScreen() {
     GiveTerminalBack();
     Catch(SIGTSTP, SIG_DFL);
     Catch(SIGWINCH, SIG_DFL);
-    const std::array<int, 2> ends = std::exchange(g_signals, {-1, -1});
-    for (const int end : ends)
-        if (end >= 0) close(end);
 }
 
 CScreen::Size CScreen::CurrentSize() {

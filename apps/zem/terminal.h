@@ -74,6 +74,8 @@ private:
 void CatchStopSignals();
 bool StopRequested();
 bool OutputClosed();  // it was SIGPIPE
+// Waits until `fd` can be read; false when a stop is asked for.
+bool WaitForInput(int fd);
 
 // The whole terminal for one picture after another: the other screen, no cursor, keys at once and
 // without echo. Stdin and stdout must be terminals. However the process ends, but for SIGKILL, the

@@ -73,6 +73,59 @@ TEST_F(ZemCli, AMovIndexBehindTheFramesCannotComeThroughAPipe) {
     EXPECT_EQ(m_media.files.at("media/x.v0").frames.size(), 25u);
 }
 
+// Its index names frames that are not there: nothing of it goes in unsaid.
+TEST_F(ZemCli, AMovThatIsCutOffIsNotTakenForAWholeOne) {
+    MakeClip();
+    ASSERT_EQ(
+        Shell("ffmpeg -v error -nostdin -i clip.mov -c copy -movflags +faststart front.mov && "
+              "head -c 150000 front.mov >cut.mov"),
+        0);
+    for (const char* const verb : {"put", "import"}) {
+        const Outcome outcome = Run({verb, "cut.mov", "media/x"});
+        EXPECT_EQ(outcome.code, 5) << verb;
+        EXPECT_TRUE(Has(outcome.err, "cut.mov: the clip is cut off: by its index packet ") &&
+                    Has(outcome.err, " ends at byte ") && Has(outcome.err, ", but it has 150000;"))
+            << outcome.err;
+    }
+    EXPECT_TRUE(m_server.Requests().empty()) << "it was looked at before the server was";
+
+    // Of a pipe it shows at the end.
+    const int code = Shell("cat cut.mov | " + Quoted(ZEM_PROGRAM) + " --server " + m_server.Url() +
+                           " import - media/x 2>err");
+    m_server.Settle();
+    EXPECT_EQ(code, 5);
+    const std::string err = Contents(m_dir / "err");
+    EXPECT_TRUE(Has(err, "the clip is cut off: ")) << err;
+    EXPECT_TRUE(Has(err, "nothing of it is left on the server")) << err;
+    EXPECT_TRUE(m_media.files.empty());
+}
+
+// Each fragment brings an index of its own.
+TEST_F(ZemCli, AFragmentedMp4ThatIsCutOffIsNotTakenForAWholeOne) {
+    ASSERT_EQ(Shell("ffmpeg -v error -nostdin -f lavfi -i testsrc2=size=64x48:rate=25 -t 1 "
+                    "-c:v mpeg4 -g 5 -movflags frag_keyframe+empty_moov clip.mp4 && "
+                    "head -c $(($(stat -c %s clip.mp4) / 2)) clip.mp4 >cut.mp4"),
+              0);
+    EXPECT_EQ(Run({"put", "clip.mp4", "media/whole"}).code, 0);
+    const Outcome outcome = Run({"put", "cut.mp4", "media/x"});
+    EXPECT_EQ(outcome.code, 5);
+    EXPECT_TRUE(Has(outcome.err, "cut.mp4: the clip is cut off: ")) << outcome.err;
+}
+
+TEST_F(ZemCli, AClipThatEndsWithinAFrameIsCutOff) {
+    MakeClip();
+    // An AVI has its index at the end: without it the frames are read as they come.
+    ASSERT_EQ(Shell("ffmpeg -v error -nostdin -i clip.mov -c copy clip.avi && "
+                    "head -c 150000 clip.avi >cut.avi"),
+              0);
+    EXPECT_EQ(Run({"put", "clip.avi", "media/whole"}).code, 0);
+    const Outcome outcome = Run({"put", "cut.avi", "media/x"});
+    EXPECT_EQ(outcome.code, 5);
+    EXPECT_TRUE(Has(outcome.err, "cut.avi: the clip is cut off: it ends within packet "))
+        << outcome.err;
+    EXPECT_TRUE(Has(outcome.err, "the files on the server are incomplete")) << outcome.err;
+}
+
 TEST_F(ZemCli, PutNoticesEveryLostFrame) {
     MakeClip();
     for (const uint32_t lost : {0u, 12u, 24u}) {

@@ -1,10 +1,14 @@
 // A verb that is told to stop while a command is on its way to the server: what it has made it puts
 // away, or says what is left.
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
+#include <future>
 #include <utility>
 
 #include "tests/zem/zemcli.h"
@@ -14,6 +18,7 @@ namespace {
 constexpr uint32_t kCreateFile = 1;
 constexpr uint32_t kReadFrame = 3;
 constexpr uint32_t kWriteFrame = 4;
+constexpr uint32_t kKeepAlive = 17;
 constexpr const char* kLeave = "16";
 
 class ZemCliStop : public ZemCli {
@@ -146,6 +151,78 @@ TEST_F(ZemCliStop, AHangUpIsAsGoodAsCtrlC) {
     EXPECT_EQ(outcome.code, 130);
     EXPECT_TRUE(m_media.files.empty());
     EXPECT_TRUE(m_media.clients.empty());
+}
+
+// A pipe that says nothing holds up nothing but the clip.
+
+class ZemCliPipe : public ZemCliStop {
+protected:
+    ZemCliPipe() {
+        const fs::path in = m_dir / "in";
+        EXPECT_EQ(mkfifo(in.c_str(), 0600), 0);
+        // With its other end open, too, nobody waits for somebody to open it.
+        m_in = open(in.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+        EXPECT_GE(m_in, 0);
+    }
+    ~ZemCliPipe() override { CloseIn(); }
+    void CloseIn() {
+        if (m_in >= 0) close(std::exchange(m_in, -1));
+    }
+    int m_in = -1;
+};
+
+TEST_F(ZemCliPipe, APutThatWaitsForTheBeginningOfAClipEndsAtOneSignal) {
+    for (const char* const clip : {"- media/x <in", "in media/x"}) {
+        // So much says nothing of a clip yet.
+        const std::string zeros(4096, '\0');
+        while (write(m_in, zeros.data(), zeros.size()) > 0) {
+        }
+        ASSERT_EQ(errno, EAGAIN) << "it is full";
+        std::future<int> run = std::async(std::launch::async, [&] {
+            return Shell("sh -c 'echo $$ >pid; exec \"$0\" \"$@\"' " + Quoted(ZEM_PROGRAM) +
+                         " --server " + m_server.Url() + " put " + clip + " >out 2>err");
+        });
+        pollfd room = {m_in, POLLOUT, 0};
+        EXPECT_EQ(poll(&room, 1, 60000), 1) << "somebody has read some of it";
+        Signal(SIGINT);
+        if (run.wait_for(std::chrono::seconds(60)) != std::future_status::ready) Signal(SIGKILL);
+        EXPECT_EQ(run.get(), 130) << clip;
+        EXPECT_EQ(Contents(m_dir / "err"), "zem: stopped\n");
+        EXPECT_TRUE(m_server.Requests().empty());
+    }
+}
+
+TEST_F(ZemCliPipe, WhoseClipStopsInTheMiddleEndsAtOneSignalAndTidiesUp) {
+    MakeClip();
+    ASSERT_EQ(Shell("ffmpeg -v error -nostdin -i clip.mov -c copy -movflags +faststart front.mov"),
+              0);
+    const std::string half = Contents(m_dir / "front.mov").substr(0, 150000);
+    constexpr int kRoom_bytes = 1 << 20;
+    ASSERT_GE(fcntl(m_in, F_SETPIPE_SZ, kRoom_bytes), kRoom_bytes);
+    for (const std::string verb : {"import", "put"}) {
+        ASSERT_EQ(write(m_in, half.data(), half.size()), static_cast<ssize_t>(half.size()));
+        int alive = 0;
+        // It waits, and says that it is alive: then it is told to stop. Whoever waits on has an
+        // end.
+        CScriptServer server([&](const ScriptRequest& request) {
+            if (request.method == "POST" && request.body.substr(4, 4) == Le32(kKeepAlive)) {
+                if (++alive == 1) Signal(SIGINT);
+                if (alive == 3) CloseIn();
+            }
+            return m_media(request);
+        });
+        const int code =
+            Shell("sh -c 'echo $$ >pid; exec \"$0\" \"$@\"' " + Quoted(ZEM_PROGRAM) + " --server " +
+                  server.Url() + " --keep-alive 1 " + verb + " - media/x <in >out 2>err");
+        server.Settle();
+        EXPECT_EQ(code, 130) << verb;
+        const std::string err = Contents(m_dir / "err");
+        EXPECT_EQ(err, verb == "put" ? "zem: stopped; the files on the server are incomplete\n"
+                                     : "zem: stopped; nothing of it is left on the server\n");
+        EXPECT_EQ(m_media.files.empty(), verb == "import");
+        EXPECT_TRUE(m_media.clients.empty()) << verb;
+        if (m_in < 0) break;
+    }
 }
 
 TEST_F(ZemCliStop, AHangUpThatIsIgnoredStaysIgnored) {

@@ -8,6 +8,7 @@ usage: foreign.py --zemhost PROGRAM --zem PROGRAM [unittest arguments]
 import fractions
 import os
 import struct
+import subprocess
 
 import zemcase
 import clips
@@ -50,6 +51,18 @@ class Foreign(zemcase.ZemCase):
             self.assertEqual((status, position, flags), (0, 0, 3))
             self.assertEqual(timecode, bytes([0x60, 0x59, 0, 0x01]))  # 01:00:59;20
             self.assertEqual(size, clips.framemd5(self.path('mjpeg.mov'), 'v:0')[0][0] if aux == 'tc' else 4)
+
+    def test_a_clip_that_is_cut_off_is_told(self):
+        whole = os.path.join(self.media, 'whole.mov')
+        subprocess.run(['ffmpeg', '-v', 'error', '-nostdin', '-i', self.path('mjpeg.mov'), '-map', '0:v', '-map', '0:a?',
+                        '-c', 'copy', '-movflags', '+faststart', whole], check=True)
+        with open(whole, 'rb') as file, open(os.path.join(self.media, 'cut.mov'), 'wb') as cut:
+            cut.write(file.read(os.path.getsize(whole) * 6 // 10))
+        self.assertFalse(self.info('whole.mov')['cut_off'])
+        self.assertTrue(self.info('cut.mov')['cut_off'])
+        self.assertNotIn('cut off', self.zem('info', 'media/whole.mov'))
+        self.assertIn('cut off   the last frame lies behind the end of the file\n', self.zem('info', 'media/cut.mov'))
+        self.assertIn('the clip is cut off', self.run_zem('put', os.path.join(self.media, 'cut.mov'), 'media/x').stderr)
 
     def test_timecode_tracks_count_with_the_pictures(self):
         for name, start in (('mjpeg.mov', (1, 0, 59, 20)), ('mpeg2.mxf', (10, 0, 59, 20)), ('h264.mov', (1, 0, 59, 58)),
