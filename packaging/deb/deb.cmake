@@ -1,9 +1,16 @@
-# The Debian package: `cpack` in the build folder.
+# The Debian package: `cpack` in the build folder, which first builds what is missing of it.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME zemhttpd)
 set(CPACK_PACKAGE_CONTACT "The zemhttpd authors <zemhttpd@localhost.invalid>")
 set(CPACK_PACKAGE_DIRECTORY ${CMAKE_BINARY_DIR})
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+# Whatever was built before: ./run builds the programs only, and a package of half of it is none.
+add_custom_target(packaged)
+add_dependencies(packaged zemhttpd ${modules} zemhost zem zemfsck documents)
+if(TARGET zem_manual)
+    add_dependencies(packaged zem_manual)
+endif()
+set(CPACK_INSTALL_COMMANDS "${CMAKE_COMMAND} --build ${CMAKE_BINARY_DIR} --target packaged")
 set(CPACK_INSTALL_CMAKE_PROJECTS
     ${CMAKE_BINARY_DIR} ${PROJECT_NAME} ALL / ${CMAKE_BINARY_DIR} ${PROJECT_NAME} system /)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
