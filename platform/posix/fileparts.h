@@ -1,6 +1,7 @@
 // Parts of files that are being sent although the call that named them has returned: whoever gives
 // space of a file back asks first (views.h, IsFilePartInUse). A file is known by device and inode,
-// whatever descriptors there are. Any thread; asking is free while nothing is on its way.
+// whatever descriptors there are. Any thread; asking is free while nothing is on its way, and costs
+// no more for parts elsewhere.
 #pragma once
 
 #include <sys/types.h>
@@ -18,13 +19,12 @@ public:
     CFilePartUse(const CFilePartUse&) = delete;
     CFilePartUse& operator=(const CFilePartUse&) = delete;
 
-    // The list's.
-    CFilePartUse *before = nullptr, *after = nullptr;
-    dev_t device = 0;
-    ino_t inode = 0;
-    uint64_t begin = 0, end = 0;
+    uint64_t BeginsAt() const { return m_begin; }
 
 private:
+    dev_t m_device = 0;
+    ino_t m_inode = 0;
+    uint64_t m_begin = 0, m_end = 0;
     bool m_held = false;
 };
 
