@@ -122,8 +122,9 @@ private:
     static constexpr uint64_t kCheckpointBytes = uint64_t{64} << 20;
     static constexpr uint32_t kCheckpointRecords = 1024;
     static constexpr uint64_t kTailLimit = uint64_t{1} << 30;
-    // At most given back at a time, but for a record that is larger.
+    // What is given back at a time lies between two multiples of this.
     static constexpr uint64_t kLargestHole = uint64_t{16} << 20;
+    static uint64_t EndOfHole(uint64_t begin) { return (begin / kLargestHole + 1) * kLargestHole; }
     // A view's step; it is longer by a frame.
     static constexpr uint64_t kWindow = uint64_t{1} << 30;
     static constexpr uint64_t kWindowOverlap = uint64_t{256} << 20;

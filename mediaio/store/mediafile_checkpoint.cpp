@@ -233,14 +233,20 @@ void CMediaFile::BeginPunching() {
         return a.offset_bytes < b.offset_bytes;
     });
     // Holes are made larger than what died at a time, but not so large that one slow client, who
-    // keeps all of a hole from being made, keeps much. Never a part of a record (JoinsBatch).
+    // keeps all of a hole from being made, keeps much, or that much waits behind one. They end
+    // where no piece of memory reaches across.
     for (const DeadRange& range : m_dying) {
-        DeadRange* const hole = m_punching.empty() ? nullptr : &m_punching.back();
-        if (hole != nullptr && hole->offset_bytes + hole->size_bytes == range.offset_bytes &&
-            hole->size_bytes + range.size_bytes <= kLargestHole) {
-            hole->size_bytes += range.size_bytes;
-        } else {
-            m_punching.push_back(range);
+        const uint64_t end = range.offset_bytes + range.size_bytes;
+        for (uint64_t from = range.offset_bytes; from < end;) {
+            const uint64_t to = std::min(end, EndOfHole(from));
+            DeadRange* const last = m_punching.empty() ? nullptr : &m_punching.back();
+            if (last != nullptr && last->offset_bytes + last->size_bytes == from &&
+                from % kLargestHole != 0) {
+                last->size_bytes += to - from;
+            } else {
+                m_punching.push_back({from, to - from});
+            }
+            from = to;
         }
     }
     m_dying.clear();
@@ -280,9 +286,10 @@ void CMediaFile::FindLostSpace() {
         uint64_t behind = kLogOffset;
         for (const DeadRange& range : used) {
             const uint64_t to = std::min(range.offset_bytes, end);
-            if (to > behind) {
+            while (behind < to) {  // most of it may be holes
                 const uint64_t data = std::max(behind, m_file->NextData(behind));
-                if (data < to) lost.push_back({data, to - data});
+                behind = std::min(to, EndOfHole(data));
+                if (data < to) lost.push_back({data, behind - data});
             }
             behind = std::max(behind, range.offset_bytes + range.size_bytes);
         }

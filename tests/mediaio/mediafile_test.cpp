@@ -178,6 +178,40 @@ TEST_F(MediaFile, SpaceThatACrashLeftIsGivenBackByTheNextWriter) {
         Opened file(m_device);
         ASSERT_EQ(file->BeginWriting(), S_OK);
         ASSERT_EQ(WriteFrame(*file.file, 0, FrameBytes(0, 1, 50000)), S_OK);
+// What a crash left, and a record of any size: nothing has to wait behind a large one.
+TEST_F(MediaFile, NoHoleIsLargerThanOthers) {
+    constexpr size_t kLarge = 40 << 20;
+    constexpr uint64_t kMost = 16 << 20;
+    const std::vector<uint8_t> large(kLarge, 'l');
+    const auto wasted = [&] {  // some such bytes are anywhere
+        return std::count(m_device.content.begin(), m_device.content.end(), 'l') > kPageSize;
+    };
+    for (const bool crashed : {false, true}) {
+        SCOPED_TRACE(crashed);
+        {
+            Opened file(m_device);
+            ASSERT_EQ(file->BeginWriting(), S_OK);
+            ASSERT_EQ(WriteFrame(*file.file, 0, large), S_OK);
+            ASSERT_EQ(WriteFrame(*file.file, 1, FrameBytes(1, 1, 100)), S_OK);
+            ASSERT_EQ(file->Checkpoint(), S_OK);
+            const HRESULT broken = HRESULT_FROM_WIN32(ERROR_IO_DEVICE);
+            if (crashed) m_device.faults.assign(8, {Call::kPunch, 0, broken});
+            ASSERT_EQ(file->Erase(0, 1), S_OK);
+            ASSERT_EQ(file->EndWriting(), S_OK);
+            m_device.faults.clear();
+        }
+        EXPECT_EQ(wasted(), crashed);
+        {
+            Opened file(m_device);
+            ASSERT_EQ(file->BeginWriting(), S_OK);
+            ASSERT_EQ(file->EndWriting(), S_OK);
+        }
+        EXPECT_FALSE(wasted());
+        EXPECT_GT(m_device.largestHole, kMost / 2);
+        EXPECT_LE(m_device.largestHole, kMost);
+    }
+}
+
         ASSERT_EQ(WriteFrame(*file.file, 1, FrameBytes(1, 1, 50000)), S_OK);
         ASSERT_EQ(file->Checkpoint(), S_OK);
         PinnedFrame old{};

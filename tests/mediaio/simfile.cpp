@@ -251,6 +251,7 @@ HRESULT CSimFile::SetSize(uint64_t size) {
 
 HRESULT CSimFile::PunchHole(uint64_t offset, uint64_t size) {
     const HRESULT hr = m_device.Admit(Call::kPunch);
+    m_device.largestHole = std::max(m_device.largestHole, size);
     if (FAILED(hr) || offset >= m_device.content.size()) return hr;
     const size_t room = std::min<size_t>(size, m_device.content.size() - offset);
     m_device.Change(offset, std::vector<uint8_t>(room, 0));

@@ -60,6 +60,7 @@ struct Device {
     uint64_t inode = 0;
     const void* writer = nullptr;         // who holds the lock
     uint64_t sentBegin = 0, sentEnd = 0;  // bytes that are on their way to somebody
+    uint64_t largestHole = 0;
     std::mt19937 random;
 
     void LosePower(Cut cut);
