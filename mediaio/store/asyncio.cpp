@@ -45,7 +45,9 @@ void PerformIo(IoRequest& request) {
             request.result = file.Sync();
             break;
         case IoOp::kPunch:
-            request.result = file.PunchHole(request.offset_bytes, request.size_bytes);
+            request.result = file.LetGo(request.offset_bytes, request.size_bytes)
+                                 ? file.PunchHole(request.offset_bytes, request.size_bytes)
+                                 : S_FALSE;
             break;
     }
 }

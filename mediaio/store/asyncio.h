@@ -17,7 +17,8 @@
 
 namespace zemstore {
 
-// kFetch: a read of which nobody wants the bytes but in the page cache.
+// kFetch: a read of which nobody wants the bytes but in the page cache. kPunch: the range is let go
+// of and becomes a hole; S_FALSE: not now, somebody may still hold what would be cleared.
 enum class IoOp : uint8_t { kRead, kFetch, kWrite, kSync, kPunch };
 
 inline bool Reads(IoOp op) {

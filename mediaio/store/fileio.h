@@ -50,6 +50,10 @@ public:
     // Whether bytes of the range that a view showed are still on their way to somebody, although
     // whoever was given the view is done with it: their place must not be given back yet.
     virtual bool IsBeingSent(uint64_t /*offset_bytes*/, uint64_t /*size_bytes*/) { return false; }
+    // Before a hole: has the system forget the range's pages, and at its ends what it keeps in one
+    // piece with them. False when somebody, a socket, may still hold such a piece: a hole would
+    // clear a part of it under his hands. May take a millisecond.
+    virtual bool LetGo(uint64_t /*offset_bytes*/, uint64_t /*size_bytes*/) { return true; }
     // Gives the range back to the file system; it reads as zeros. Not supported is a success.
     virtual HRESULT PunchHole(uint64_t offset_bytes, uint64_t size_bytes) = 0;
 

@@ -1,6 +1,7 @@
 // Open files on Linux.
 #include "mediaio/store/fileio_posix.h"
 
+#include "mediaio/store/filepages_posix.h"
 #include "mediaio/store/mediafile.h"
 #include "platform/posix/views.h"
 
@@ -73,7 +74,7 @@ constexpr uint64_t kPage = 4096;
 class CPosixFile final : public IStoreFile {
 public:
     CPosixFile(CDescriptor fd, bool writable, FileIdentity identity)
-        : m_fd(std::move(fd)), m_writable(writable), m_identity(identity) {}
+        : m_fd(std::move(fd)), m_pages(m_fd.Get()), m_writable(writable), m_identity(identity) {}
 
     HRESULT ReadAt(void* to, size_t size_bytes, uint64_t offset_bytes, size_t& done) override {
         done = 0;
@@ -148,6 +149,9 @@ public:
     bool IsBeingSent(uint64_t offset_bytes, uint64_t size_bytes) override {
         return IsFilePartInUse(m_fd.Get(), offset_bytes, size_bytes);
     }
+    bool LetGo(uint64_t offset_bytes, uint64_t size_bytes) override {
+        return m_pages.LetGo(offset_bytes, size_bytes);
+    }
     HRESULT PunchHole(uint64_t offset_bytes, uint64_t size_bytes) override {
         if (fallocate(m_fd.Get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE,
                       static_cast<off_t>(offset_bytes), static_cast<off_t>(size_bytes)) == 0) {
@@ -184,15 +188,16 @@ public:
     void StopReadAhead() override { posix_fadvise(m_fd.Get(), 0, 0, POSIX_FADV_RANDOM); }
     void ResumeReadAhead() override { posix_fadvise(m_fd.Get(), 0, 0, POSIX_FADV_NORMAL); }
     void* MapView(uint64_t offset_bytes, size_t size_bytes) override {
-        return MapFileView(m_fd.Get(), offset_bytes, size_bytes);
+        return m_pages.MapView(offset_bytes, size_bytes);
     }
-    void UnmapView(void* view) override { UnmapFileView(view); }
+    void UnmapView(void* view) override { m_pages.UnmapView(view); }
     intptr_t Descriptor() const override { return m_fd.Get(); }
 
 private:
     bool CachedByProbing(uint64_t first, uint64_t end);
 
     CDescriptor m_fd;
+    CFilePages m_pages;
     bool m_writable;
     FileIdentity m_identity;
 };

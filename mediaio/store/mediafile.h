@@ -167,6 +167,7 @@ private:
     void ContinueCheckpoint(std::unique_lock<std::mutex>& hold);
     void BeginPunching();
     bool NextPunch();
+    void PutOff(const DeadRange& range);
     void FindLostSpace();
     void EndCheckpoint(HRESULT hr);
     static void OnCheckpoint(IoRequest& request);

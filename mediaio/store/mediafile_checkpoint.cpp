@@ -179,6 +179,7 @@ void CMediaFile::OnCheckpoint(IoRequest& request) {
                     file->EndCheckpoint(S_OK);
                     break;
                 case Phase::kPunch:
+                    if (hr == S_FALSE) file->PutOff(file->m_punching[file->m_punched]);
                     ++file->m_punched;
                     if (!file->NextPunch()) file->m_phase = Phase::kIdle;
                     break;
@@ -301,20 +302,25 @@ void CMediaFile::FindLostSpace() {
 }
 
 // True when there is a range to punch and no reader from before it died. What is still being sent
-// to a slow client is left for the next checkpoint, or, when there is none before the file is
-// closed, for the next object's FindLostSpace.
+// to a slow client is put off.
 bool CMediaFile::NextPunch() {
     if (m_pins[m_punchEpoch] != 0) return false;
     for (; m_punched < m_punching.size(); ++m_punched) {
         const DeadRange& range = m_punching[m_punched];
         if (!m_file->IsBeingSent(range.offset_bytes, range.size_bytes)) return true;
-        try {
-            m_dead.push_back(range);
-        } catch (const std::bad_alloc&) {
-            // As lost as if the file had been closed.
-        }
+        PutOff(range);
     }
     return false;
+}
+
+// To the next checkpoint, or, when there is none before the file is closed, to the next object's
+// FindLostSpace.
+void CMediaFile::PutOff(const DeadRange& range) {
+    try {
+        m_dead.push_back(range);
+    } catch (const std::bad_alloc&) {
+        // As lost as if the file had been closed.
+    }
 }
 
 }  // namespace zemstore

@@ -230,7 +230,13 @@ void CRingIo::Side::Start(Slot& slot) {
     slot.failed = false;
     request.borrowed = fd < 0 || (request.op == IoOp::kWrite && request.spanCount == 0);
     if (!request.borrowed && request.op == IoOp::kWrite) return StartWrite(slot, fd);
-    if (request.borrowed) PerformIo(request);
+    if (request.borrowed) {
+        PerformIo(request);
+    } else if (request.op == IoOp::kPunch &&
+               !request.file->LetGo(request.offset_bytes, request.size_bytes)) {
+        request.result = S_FALSE;
+        request.borrowed = true;
+    }
     slot.calls = 1;
     io_uring_sqe* sqe = NextSubmission();
     if (request.borrowed) {

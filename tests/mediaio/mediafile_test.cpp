@@ -111,14 +111,21 @@ TEST_F(MediaFile, OverwritesGoToNewSpaceAndGiveTheOldBack) {
     EXPECT_EQ(bytes, FrameBytes(0, 2, 50000));
 }
 
-// The reader is done with it, but not the one to whom it is sent.
-TEST_F(MediaFile, WhatIsStillBeingSentIsGivenBackLater) {
+// The reader is done with it, but not the one to whom it is sent, or the system.
+TEST_F(MediaFile, WhatIsStillInSomebodysHandsIsGivenBackLater) {
     uint64_t sent = 0;
     const auto wasted = [&] {
         const auto dead = m_device.content.begin() + static_cast<std::ptrdiff_t>(sent);
         return std::any_of(dead, dead + 50000, [](uint8_t b) { return b != 0; });
     };
-    for (const bool closed : {false, true}) {
+    struct Hands {
+        uint64_t& begin;
+        uint64_t& end;
+    };
+    const Hands senders{m_device.sentBegin, m_device.sentEnd};
+    const Hands systems{m_device.keptBegin, m_device.keptEnd};
+    for (const auto& [hands, closed] :
+         {std::pair{senders, false}, {senders, true}, {systems, false}, {systems, true}}) {
         SCOPED_TRACE(closed);
         {
             Opened file(m_device);
@@ -127,16 +134,16 @@ TEST_F(MediaFile, WhatIsStillBeingSentIsGivenBackLater) {
             PinnedFrame old{};
             ASSERT_EQ(file->Pin(0, false, old), S_OK);
             sent = old.slotOffset;
-            m_device.sentBegin = sent + 40000;
-            m_device.sentEnd = sent + 50000;
+            hands.begin = sent + 40000;
+            hands.end = sent + 50000;
             ASSERT_EQ(WriteFrame(*file.file, 0, FrameBytes(0, 2, 50000)), S_OK);
             ASSERT_EQ(file->Checkpoint(), S_OK);
             ASSERT_TRUE(wasted());
-            if (!closed) m_device.sentEnd = 0;
+            if (!closed) hands.end = 0;
             ASSERT_EQ(file->EndWriting(), S_OK);
             EXPECT_EQ(wasted(), closed);
         }
-        m_device.sentEnd = 0;
+        hands.end = 0;
         Opened file(m_device);
         ASSERT_EQ(file->BeginWriting(), S_OK);
         ASSERT_EQ(file->EndWriting(), S_OK);
@@ -171,13 +178,6 @@ TEST_F(MediaFile, OneSlowClientKeepsLittleFromBeingGivenBack) {
         EXPECT_EQ(m_device.content[slots[i] + kFrame - 1], 0) << i;
 }
 
-// A hole that could not be made is as good as a crash before it.
-TEST_F(MediaFile, SpaceThatACrashLeftIsGivenBackByTheNextWriter) {
-    uint64_t lost = 0;
-    {
-        Opened file(m_device);
-        ASSERT_EQ(file->BeginWriting(), S_OK);
-        ASSERT_EQ(WriteFrame(*file.file, 0, FrameBytes(0, 1, 50000)), S_OK);
 // What a crash left, and a record of any size: nothing has to wait behind a large one.
 TEST_F(MediaFile, NoHoleIsLargerThanOthers) {
     constexpr size_t kLarge = 40 << 20;
@@ -212,6 +212,13 @@ TEST_F(MediaFile, NoHoleIsLargerThanOthers) {
     }
 }
 
+// A hole that could not be made is as good as a crash before it.
+TEST_F(MediaFile, SpaceThatACrashLeftIsGivenBackByTheNextWriter) {
+    uint64_t lost = 0;
+    {
+        Opened file(m_device);
+        ASSERT_EQ(file->BeginWriting(), S_OK);
+        ASSERT_EQ(WriteFrame(*file.file, 0, FrameBytes(0, 1, 50000)), S_OK);
         ASSERT_EQ(WriteFrame(*file.file, 1, FrameBytes(1, 1, 50000)), S_OK);
         ASSERT_EQ(file->Checkpoint(), S_OK);
         PinnedFrame old{};

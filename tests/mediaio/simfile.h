@@ -60,6 +60,7 @@ struct Device {
     uint64_t inode = 0;
     const void* writer = nullptr;         // who holds the lock
     uint64_t sentBegin = 0, sentEnd = 0;  // bytes that are on their way to somebody
+    uint64_t keptBegin = 0, keptEnd = 0;  // bytes that the system does not let go of
     uint64_t largestHole = 0;
     std::mt19937 random;
 
@@ -95,6 +96,9 @@ public:
     HRESULT SetSize(uint64_t size) override;
     bool IsBeingSent(uint64_t offset, uint64_t size) override {
         return offset < m_device.sentEnd && m_device.sentBegin < offset + size;
+    }
+    bool LetGo(uint64_t offset, uint64_t size) override {
+        return offset >= m_device.keptEnd || m_device.keptBegin >= offset + size;
     }
     HRESULT PunchHole(uint64_t offset, uint64_t size) override;
     HRESULT LockForWriting() override;
