@@ -185,3 +185,8 @@ uint32_t HttpTuneWaitingRequests(HANDLE queue) noexcept {
     const CPin<CRequestQueue> pin(queue);
     return pin ? pin->WaitingCount() : 0;
 }
+
+uint32_t HttpTuneParkedUploads(HANDLE queue) noexcept {
+    const CPin<CRequestQueue> pin(queue);
+    return pin ? pin->ParkedUploads() : 0;
+}

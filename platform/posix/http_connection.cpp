@@ -4,7 +4,6 @@
 #include <errno.h>
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <mutex>
@@ -114,6 +113,7 @@ bool CHttpConnection::Open(int fd, CRequestQueue* queue, const CSocketAddress& r
     c->m_lane_changes = 0;
     c->m_requests = 0;
     c->m_window_open = c->m_slow = false;
+    c->m_read_from_ms = 0;
     c->m_low_water = 1;
     c->m_hangup.store(false);
     c->m_remote = remote;
@@ -198,6 +198,9 @@ bool CHttpConnection::Run(CPacket& packet) {
             case EPhase::BigBody:
                 step = RunBigBody(packet);
                 break;
+            case EPhase::Gathering:
+                step = RunGathering(packet);
+                break;
             case EPhase::AsyncBody:
                 step = RunAsyncBody(packet);
                 break;
@@ -225,6 +228,8 @@ void CHttpConnection::Dispose() {
     m_call.store(0);
     m_buffer.Free();
     m_raw_begin = m_raw_end = m_body_begin = m_body_end = 0;
+    SetParked(false);
+    DropGathered();
     m_background.reset();
     if (OVERLAPPED* overlapped = std::exchange(m_async, nullptr)) {
         const DWORD error = m_queue->Closing() ? ERROR_OPERATION_ABORTED : ERROR_NETNAME_DELETED;
@@ -346,15 +351,13 @@ CCompletionPort::ETick CHttpConnection::Sweep(CCompletionPort* port) {
 CHttpConnection::EStep CHttpConnection::OnDeadline(CPacket& packet) {
     if (m_queue->Closing()) return Die();
     if (m_phase == EPhase::Body && m_body_end > m_body_begin && ClockMs() < m_body_limit_ms) {
-        // It has been waited for already: who reads on holds a thread only while nobody wants one.
-        m_window_open = m_slow = true;
-        m_window_start = ClockMs();
-        m_window_bytes = 0;
-        const EStep step = DeliverKept(packet);
-        if (step != EStep::Again) return step;
+        return DeliverStalled(packet);
+    }
+    if (m_parked) {
         m_queue->Port()->PushReady(this, EWake::Now);
         return EStep::Gone;
     }
+    if (m_phase == EPhase::Gathering) return OnGatherDeadline(packet);
     if (m_phase == EPhase::Body && ClockMs() < m_body_limit_ms) {
         m_quick.store(false, std::memory_order_relaxed);
         m_deadline.store(m_body_limit_ms, std::memory_order_relaxed);
@@ -362,10 +365,9 @@ CHttpConnection::EStep CHttpConnection::OnDeadline(CPacket& packet) {
     }
     if (m_phase == EPhase::BigBody) {
         // Below the low-water mark nothing is announced, so progress is looked for here.
-        int arrived = 0;
-        ioctl(m_fd, FIONREAD, &arrived);
-        if (static_cast<uint32_t>(arrived) > m_arrived) {
-            m_arrived = static_cast<uint32_t>(arrived);
+        const uint64_t arrived = Arrived();
+        if (arrived > m_arrived) {
+            m_arrived = arrived;
             SetDeadline(HttpTune()->body_ms);
             return EStep::Again;
         }

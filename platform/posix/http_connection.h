@@ -17,6 +17,7 @@
 
 #include "platform/posix/http_body.h"
 #include "platform/posix/http_buffers.h"
+#include "platform/posix/http_gathered.h"
 #include "platform/posix/http_layout.h"
 #include "platform/posix/http_pieces.h"
 #include "platform/posix/port_object.h"
@@ -63,12 +64,17 @@ public:
     bool DeliverWaiting(const CPostedReceive& receive, CPacket& packet);
     CHttpConnection* m_next_waiting = nullptr;
 
+    // False when somebody else holds it, or it is free.
+    bool TryOwn();
+    CHttpConnection *before = nullptr, *after = nullptr;  // among the queue's parked uploads
+
 private:
     friend class CConnectionSlab;
     enum class EPhase : uint8_t {
         Reading,    // waiting for a head
         Body,       // for a short body, or as much of a chunked one as can be delivered
-        BigBody,    // for the socket to hold a long one
+        BigBody,    // for the socket to hold a long one, or for room to gather it
+        Gathering,  // of a long one that is slow
         Waiting,    // for a receive to be posted
         Held,       // delivered in part (ERROR_MORE_DATA), to be fetched by id
         Delivered,  // in the application's hands
@@ -82,7 +88,6 @@ private:
     static constexpr uint64_t kBusy = 1ull << 63;
 
     // http_connection.cpp
-    bool TryOwn();
     bool Release();
     EStep Rest();
     void Dispose();
@@ -99,16 +104,31 @@ private:
     // http_reading.cpp
     EStep RunReading(CPacket& packet);
     EStep RunBody(CPacket& packet);
-    EStep RunBigBody(CPacket& packet);
-    size_t GatherBody(size_t limit);
+    EStep EndShortBody(CPacket& packet);
     EStep TakeHead(char* data, size_t size, CPacket& packet);
     EStep AcceptHead(const RequestHead& head, char* data, size_t size, CPacket& packet);
     EStep StartBody(CRequestView& view, char* data, size_t size, CPacket& packet);
     EStep WaitForBody(const CRequestView& view, size_t room, CPacket& packet);
-    EStep WaitForBigBody();
     EStep RefuseTarget(int status, const RequestHead& head, const char* data, size_t size);
     bool BodyIsReady() const;
     void SetBodyDeadline();
+    EStep DeliverStalled(CPacket& packet);
+
+    // http_longbody.cpp
+    EStep WaitForBigBody();
+    EStep RunBigBody(CPacket& packet);
+    EStep DeliverLongBody(CPacket& packet);
+    size_t GatherBody(size_t limit);
+    EStep GatherMore(CPacket& packet);
+    EStep RunGathering(CPacket& packet);
+    EStep OnGatherDeadline(CPacket& packet);
+    uint64_t Arrived() const;
+    bool HasLeft() const;
+    void StartPace();
+    bool ComesSoon(uint64_t arrived) const;
+    bool WorkerMayWait() const;
+    void SetParked(bool parked);
+    void DropGathered();
 
     // http_deliver.cpp
     EStep Deliver(CRequestView& view, CPacket& packet);
@@ -123,6 +143,7 @@ private:
 
     // http_entity.cpp
     ULONG ReadSocketBody(char*& to, char* to_end);
+    void ForgetRaw();
     EStep RunAsyncBody(CPacket& packet);
     EStep RunDraining();
     EStep RunLingering();
@@ -146,6 +167,7 @@ private:
     enum class EPatience { UntilStalled, WhileIdle };
     bool WaitSocket(short events, uint64_t until_ms, EPatience patience);
     bool IsStalled(uint64_t now, bool alone);
+    bool IsLate(uint64_t now);
     void NoteProgress(size_t bytes) { m_window_bytes += bytes; }
 
     // Looked at by everybody.
@@ -184,8 +206,15 @@ private:
     uint32_t m_body_begin = 0, m_body_end = 0;
     uint32_t m_raw_begin = 0, m_raw_end = 0;
     uint32_t m_room = 0;           // body bytes that a receive can take
-    uint32_t m_arrived = 0;        // of a large body in the socket, when last looked
+    uint64_t m_arrived = 0;        // of a long body, when last looked
     uint64_t m_body_limit_ms = 0;  // ClockMs by which the next piece of the body must come
+    uint64_t m_pace_from_ms = 0;   // ClockMs from which a long body's pace is measured; 0: not yet
+    uint64_t m_pace_bytes = 0;     // of it that were read since
+    uint64_t m_read_from_ms =
+        0;                      // ClockMs at which a worker first waited for the body; 0: none did
+    bool m_comes_soon = false;  // the pace promises all of the body within a moment
+    bool m_parked = false;      // waits for room to gather its body
+    std::unique_ptr<CGatheredBody> m_gathered;  // behind the buffer's part of the body
 
     uint64_t m_window_start = 0;
     uint64_t m_window_bytes = 0;

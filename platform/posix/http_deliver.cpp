@@ -67,7 +67,7 @@ void CHttpConnection::ViewKept(CRequestView& view, RequestHead& head, TargetPart
     view.body_bytes = m_body_end - m_body_begin;
     view.raw = m_buffer.Data() + m_raw_begin;
     view.raw_bytes = m_raw_end - m_raw_begin;
-    view.body_done = m_decoder.Done();
+    view.body_done = m_decoder.Done() && !m_gathered;
 }
 
 CHttpConnection::EStep CHttpConnection::DeliverKept(CPacket& packet) {

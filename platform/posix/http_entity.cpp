@@ -38,14 +38,19 @@ ULONG CHttpConnection::ReadBody(char* to, ULONG size, bool fill, bool may_wait, 
             to += n;
             continue;
         }
+        if (m_gathered) {
+            to += m_gathered->Take(to, static_cast<size_t>(end - to));
+            if (m_gathered->IsTaken()) DropGathered();
+            continue;
+        }
         if (m_decoder.Done()) break;
         if (m_broken || m_decoder.IsBroken()) {
             error = ERROR_NETNAME_DELETED;
             break;
         }
-        const char* const before = to;
+        const char* const start = to;
         error = ReadSocketBody(to, end);
-        if (to != before) idle_from = ClockMs();
+        if (to != start) idle_from = ClockMs();
         if (error == NO_ERROR && to != begin && m_drained && !fill) break;
         if (error != ERROR_IO_PENDING || (to != begin && !fill) || !may_wait) continue;
         const uint64_t want =
@@ -76,10 +81,11 @@ ULONG CHttpConnection::ReadSocketBody(char*& to, char* to_end) {
                 to += n;
             }
         } else {
-            m_body_begin = m_body_end = m_raw_begin = m_raw_end = 0;
-            if (!m_buffer.Reserve(kReadBytes, 0)) return ERROR_NOT_ENOUGH_MEMORY;
-            n = Receive(m_buffer.Data(), kReadBytes);
-            if (n > 0) m_raw_end = static_cast<uint32_t>(n);
+            ForgetRaw();
+            if (!m_buffer.Reserve(m_raw_begin + kReadBytes, m_raw_begin))
+                return ERROR_NOT_ENOUGH_MEMORY;
+            n = Receive(m_buffer.Data() + m_raw_begin, kReadBytes);
+            if (n > 0) m_raw_end = m_raw_begin + static_cast<uint32_t>(n);
         }
         if (n < 0 && errno == EAGAIN) return ERROR_IO_PENDING;
         if (n <= 0) {
@@ -92,12 +98,19 @@ ULONG CHttpConnection::ReadSocketBody(char*& to, char* to_end) {
     const char* raw = m_buffer.Data() + m_raw_begin;
     const int status = m_decoder.Decode(raw, m_buffer.Data() + m_raw_end, to, to_end);
     m_raw_begin = static_cast<uint32_t>(raw - m_buffer.Data());
-    if (m_raw_begin == m_raw_end) m_body_begin = m_body_end = m_raw_begin = m_raw_end = 0;
+    if (m_raw_begin == m_raw_end) ForgetRaw();
     if (status == 0) return NO_ERROR;
     // What follows a framing error cannot be told from the next request.
     m_close = true;
-    m_raw_begin = m_raw_end = 0;
+    ForgetRaw();
     return ERROR_NETNAME_DELETED;
+}
+
+// The next raw bytes go behind what the buffer holds: while a body is gathered a head, and its
+// beginning.
+void CHttpConnection::ForgetRaw() {
+    if (m_body_begin == m_body_end) m_body_begin = m_body_end = m_head_bytes;
+    m_raw_begin = m_raw_end = m_body_end;
 }
 
 ULONG CHttpConnection::StartAsyncBody(char* to, ULONG size, OVERLAPPED* overlapped) {

@@ -176,6 +176,39 @@ CRequestQueue::EEnqueue CRequestQueue::Enqueue(CHttpConnection* connection,
     return EEnqueue::Waits;
 }
 
+void CRequestQueue::Park(CHttpConnection* connection) {
+    const std::lock_guard lock(m_parked_lock);
+    m_parked.Append(connection);
+    m_parked_count.fetch_add(1);
+}
+
+void CRequestQueue::Unpark(CHttpConnection* connection) {
+    {
+        const std::lock_guard lock(m_parked_lock);
+        m_parked.Remove(connection);
+        m_parked_count.fetch_sub(1);
+    }
+    WakeNextUpload();
+}
+
+bool CRequestQueue::IsNextUpload(const CHttpConnection* connection) {
+    const std::lock_guard lock(m_parked_lock);
+    return m_parked.First() == connection;
+}
+
+void CRequestQueue::WakeNextUpload() {
+    if (!UploadsWait() || Closing()) return;
+    CHttpConnection* next;
+    {
+        const std::lock_guard lock(m_parked_lock);
+        next = m_parked.First();
+        // Nobody frees it while it is in the list. Who runs it now may have looked too early; its
+        // deadline makes it look again.
+        if (!next || !next->TryOwn()) return;
+    }
+    m_port->PushReady(next, EWake::Now);
+}
+
 void CRequestQueue::Serve(const CPostedReceive& receive) {
     for (;;) {
         ULONG error;

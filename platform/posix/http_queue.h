@@ -11,6 +11,7 @@
 #include "platform/posix/http.h"
 #include "platform/posix/http_listener.h"
 #include "platform/posix/http_url.h"
+#include "platform/posix/nodelist.h"
 #include "platform/posix/port_object.h"
 
 namespace posix {
@@ -70,6 +71,14 @@ public:
     const std::atomic<bool>& ClosingMark() const { return *m_closing; }
     // Whether requests wait for a thread or for a receive, so that no client may hold one up.
     bool RequestsWait() { return m_waiting_count.load() > 0 || m_port->IsShortOfWorkers(); }
+    // Uploads that wait for room to be gathered, the oldest first.
+    void Park(CHttpConnection* connection);
+    void Unpark(CHttpConnection* connection);
+    bool UploadsWait() const { return m_parked_count.load() > 0; }
+    bool IsNextUpload(const CHttpConnection* connection);
+    void WakeNextUpload();  // when there may be room
+    uint32_t ParkedUploads() const { return static_cast<uint32_t>(m_parked_count.load()); }
+
     uint32_t WaitingCount() const { return static_cast<uint32_t>(m_waiting_count.load()); }
 
     void OnClose() override;
@@ -93,6 +102,10 @@ private:
     CHttpConnection* m_waiting_head = nullptr;
     CHttpConnection* m_waiting_tail = nullptr;
     std::atomic<int32_t> m_waiting_count{0};
+
+    std::mutex m_parked_lock;  // guards the list
+    CNodeList<CHttpConnection> m_parked;
+    std::atomic<int32_t> m_parked_count{0};
 
     alignas(64) std::atomic<const Routes*> m_routes{nullptr};
     std::mutex m_url_lock;  // guards what follows; taken before no other lock of the layer's

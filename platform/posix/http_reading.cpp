@@ -1,8 +1,6 @@
 // From bytes to a request: heads, and bodies until they can be delivered. Run by the port's workers
 // on connections that they own.
 #include <errno.h>
-#include <poll.h>
-#include <sys/ioctl.h>
 
 #include <algorithm>
 #include <cstring>
@@ -129,6 +127,7 @@ CHttpConnection::EStep CHttpConnection::StartBody(CRequestView& view, char* data
     view.raw_bytes = static_cast<size_t>(data + size - raw);
     view.body_done = m_decoder.Done();
     if (view.body_done) return Deliver(view, packet);
+    StartPace();
     if (view.head->expect_continue && view.body_bytes == 0) SendContinue();
     return WaitForBody(view, room, packet);
 }
@@ -141,7 +140,7 @@ CHttpConnection::EStep CHttpConnection::WaitForBody(const CRequestView& view, si
     m_room = static_cast<uint32_t>(room);
     if (big) return WaitForBigBody();
     m_phase = EPhase::Body;
-    if (BodyIsReady()) return DeliverKept(packet);
+    if (BodyIsReady()) return EndShortBody(packet);
     SetBodyDeadline();
     return Rest();
 }
@@ -177,67 +176,31 @@ CHttpConnection::EStep CHttpConnection::RunBody(CPacket& packet) {
             m_raw_begin = static_cast<uint32_t>(raw - base);
             m_raw_end = static_cast<uint32_t>(raw_end - base);
             if (m_raw_begin == m_raw_end) m_raw_begin = m_raw_end = m_body_end;
-            if (BodyIsReady()) return DeliverKept(packet);
+            if (BodyIsReady()) return EndShortBody(packet);
             SetBodyDeadline();
         }
         if (Rest() == EStep::Gone) return EStep::Gone;
     }
 }
 
-// The socket tells when it holds all that is left, or as much as it can.
-CHttpConnection::EStep CHttpConnection::WaitForBigBody() {
-    m_phase = EPhase::BigBody;
-    m_arrived = 0;
-    SetLowWater(static_cast<uint32_t>(std::min<uint64_t>(m_decoder.Plain(), kLowWaterBytes)));
-    SetDeadline(HttpTune()->body_ms);
-    return Rest();
+// A chunked body that is longer than a receive can take is a long one.
+CHttpConnection::EStep CHttpConnection::EndShortBody(CPacket& packet) {
+    const bool goes_on = !m_decoder.Done() && !m_decoder.IsLength();
+    if (!goes_on || m_body_end - m_body_begin < m_room) return DeliverKept(packet);
+    return GatherMore(packet);
 }
 
-CHttpConnection::EStep CHttpConnection::RunBigBody(CPacket& packet) {
-    const auto arrived = [this] {
-        int bytes = 0;
-        ioctl(m_fd, FIONREAD, &bytes);
-        return static_cast<uint64_t>(bytes);
-    };
-    const uint64_t wanted = std::min<uint64_t>(m_decoder.Plain(), kLowWaterBytes);
-    if (arrived() < wanted) {
-        pollfd fd{m_fd, POLLIN | POLLRDHUP, 0};
-        poll(&fd, 1, 0);
-        // What a client left behind is delivered only when it is whole.
-        const bool over = (fd.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
-        if (over && arrived() < wanted) return Die();
-        if (!over && !(fd.revents & POLLIN)) return Release() ? EStep::Gone : EStep::Again;
-        // Full is at first the window that was offered before the mark was set. Taking a little
-        // more than the first read did offers the larger one.
-        constexpr size_t kMost = 2 * kReadBytes;
-        if (!over && m_body_end - m_body_begin < kMost &&
-            m_buffer.Reserve(m_body_begin + kMost, m_body_end) && GatherBody(kMost) > 0 &&
-            !m_decoder.Done()) {
-            m_arrived = 0;
-            SetLowWater(
-                static_cast<uint32_t>(std::min<uint64_t>(m_decoder.Plain(), kLowWaterBytes)));
-            return Release() ? EStep::Gone : EStep::Again;
-        }
-    }
+// The client makes a pause in its body: the application gets what there is. It has been waited for
+// already: who reads on holds a thread only while nobody wants one.
+CHttpConnection::EStep CHttpConnection::DeliverStalled(CPacket& packet) {
+    m_window_open = m_slow = true;
+    m_window_start = ClockMs();
+    m_window_bytes = 0;
     SetLowWater(1);
-    GatherBody(m_room);
-    return DeliverKept(packet);
-}
-
-// Takes what there is of a body of known length, up to `limit` bytes held; the bytes taken.
-size_t CHttpConnection::GatherBody(size_t limit) {
-    const uint32_t before = m_body_end;
-    while (!m_decoder.Done() && m_body_end - m_body_begin < limit) {
-        const size_t room =
-            std::min<size_t>(limit - (m_body_end - m_body_begin), m_buffer.Capacity() - m_body_end);
-        const ssize_t n = Receive(m_buffer.Data() + m_body_end,
-                                  static_cast<size_t>(std::min<uint64_t>(room, m_decoder.Plain())));
-        if (n <= 0) break;
-        m_decoder.TakePlain(static_cast<uint64_t>(n));
-        m_body_end += static_cast<uint32_t>(n);
-    }
-    m_raw_begin = m_raw_end = m_body_end;
-    return m_body_end - before;
+    const EStep step = DeliverKept(packet);
+    if (step != EStep::Again) return step;
+    m_queue->Port()->PushReady(this, EWake::Now);
+    return EStep::Gone;
 }
 
 }  // namespace posix

@@ -38,9 +38,9 @@ ULONG CHttpConnection::SendPieces(CSendCursor& cursor, uint64_t* sent) {
         whole += cursor.Pieces()[i].bytes;
     if (whole >= kLongBytes) m_queue->Port()->Invite();
     for (;;) {
-        const uint64_t before = *sent;
+        const uint64_t sent_before = *sent;
         const ESent result = cursor.Advance(m_fd, sent);
-        NoteProgress(*sent - before);
+        NoteProgress(*sent - sent_before);
         switch (result) {
             case ESent::Done:
                 FinishResponse();
@@ -156,6 +156,8 @@ void CHttpConnection::FinishResponse() {
 CHttpConnection::EStep CHttpConnection::NextRequest() {
     m_head_bytes = m_body_begin = m_body_end = 0;
     m_window_open = m_slow = false;
+    m_read_from_ms = 0;
+    DropGathered();
     SetLowWater(1);
     if (m_broken) return Die();
     GoHome();
@@ -202,6 +204,7 @@ CHttpConnection::EStep CHttpConnection::CloseGently(bool linger) {
     if (m_broken || (!linger && unread == 0)) return Die();
     shutdown(m_fd, SHUT_WR);
     SetLowWater(1);
+    DropGathered();
     m_buffer.Free();
     m_head_bytes = m_body_begin = m_body_end = m_raw_begin = m_raw_end = 0;
     m_phase = EPhase::Lingering;

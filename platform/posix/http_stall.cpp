@@ -44,6 +44,14 @@ bool CHttpConnection::IsStalled(uint64_t now, bool alone) {
     return m_slow && (alone || m_queue->RequestsWait());
 }
 
+// A body is delivered before it is whole only when it promises to come within a window. One that
+// takes two is in the way of others: of requests, or of uploads that would keep the promise.
+bool CHttpConnection::IsLate(uint64_t now) {
+    if (m_read_from_ms == 0) m_read_from_ms = now;
+    return now - m_read_from_ms >= 2ull * HttpTune()->stall_ms &&
+           (m_queue->RequestsWait() || m_queue->UploadsWait());
+}
+
 // False: the client is stalled, its time is up, the queue is closing, or, with
 // EPatience::WhileIdle, requests wait.
 bool CHttpConnection::WaitSocket(short events, uint64_t until_ms, EPatience patience) {
@@ -53,6 +61,7 @@ bool CHttpConnection::WaitSocket(short events, uint64_t until_ms, EPatience pati
     for (;;) {
         const uint64_t now = ClockMs();
         if (m_queue->Closing() || IsStalled(now, alone) || now >= until_ms) return false;
+        if (events == POLLIN && IsLate(now)) return false;
         if (patience == EPatience::WhileIdle && m_queue->RequestsWait()) return false;
         pollfd fd{m_fd, events, 0};
         const int slice = std::max(1, std::min(kSliceMs, static_cast<int>(HttpTune()->stall_ms)));

@@ -21,6 +21,7 @@ struct HttpTuning {
     std::atomic<uint32_t> send_rate_bytes{150};    // per second, at least
     std::atomic<uint32_t> send_window_ms{20000};   // over which the rate is measured
     std::atomic<uint64_t> background_bytes{64 << 20};  // copies held for background sends, in all
+    std::atomic<uint64_t> gathered_bytes{128 << 20};   // of bodies that come slowly, in all
     std::atomic<uint32_t> view_send_bytes{kViewSentFromPages_bytes};  // by sendfile
     std::atomic<uint32_t> waiting_requests{1000};  // of a queue; the next is answered 503
     std::atomic<uint32_t> kept_buffers{1024};      // free read buffers; 0: each comes from the heap
@@ -43,5 +44,8 @@ uint32_t HttpTuneConnections() noexcept;
 uint32_t HttpTuneWaitingRequests(HANDLE queue) noexcept;
 uint64_t HttpTuneBackgroundBytes() noexcept;
 uint32_t HttpTuneBlockedThreads() noexcept;
+// Bytes held for slow uploads, and the uploads that wait for room.
+uint64_t HttpTuneGatheredBytes() noexcept;
+uint32_t HttpTuneParkedUploads(HANDLE queue) noexcept;
 }
 #pragma GCC visibility pop

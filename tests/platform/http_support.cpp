@@ -86,6 +86,7 @@ CServer::~CServer() {
     EXPECT_EQ(HttpTerminate(HTTP_INITIALIZE_SERVER, nullptr), NO_ERROR);
     EXPECT_EQ(HttpTuneConnections(), 0u);
     EXPECT_EQ(HttpTuneBackgroundBytes(), 0u);
+    EXPECT_EQ(HttpTuneGatheredBytes(), 0u);
 }
 
 void CServer::CloseQueue() {
