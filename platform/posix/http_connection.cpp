@@ -350,9 +350,8 @@ CCompletionPort::ETick CHttpConnection::Sweep(CCompletionPort* port) {
 // The connection's time is up. Again: it goes on, with another deadline.
 CHttpConnection::EStep CHttpConnection::OnDeadline(CPacket& packet) {
     if (m_queue->Closing()) return Die();
-    if (m_phase == EPhase::Body && m_body_end > m_body_begin && ClockMs() < m_body_limit_ms) {
+    if (m_phase == EPhase::Body && m_body_end > m_body_begin && ClockMs() < m_body_limit_ms)
         return DeliverStalled(packet);
-    }
     if (m_parked) {
         m_queue->Port()->PushReady(this, EWake::Now);
         return EStep::Gone;
