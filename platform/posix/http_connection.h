@@ -74,7 +74,7 @@ private:
         Reading,    // waiting for a head
         Body,       // for a short body, or as much of a chunked one as can be delivered
         BigBody,    // for the socket to hold a long one, or for room to gather it
-        Gathering,  // of a long one that is slow
+        Gathering,  // of a long one that is slow; a chunked one may wait for room here
         Waiting,    // for a receive to be posted
         Held,       // delivered in part (ERROR_MORE_DATA), to be fetched by id
         Delivered,  // in the application's hands

@@ -81,7 +81,9 @@ CHttpConnection::EStep CHttpConnection::WaitForBigBody() {
 CHttpConnection::EStep CHttpConnection::RunBigBody(CPacket& packet) {
     const uint64_t wanted = std::min<uint64_t>(m_decoder.Plain(), kLowWaterBytes);
     uint64_t arrived = Arrived();
-    if (arrived < wanted) {
+    // Who is parked has been here before; what was taken then may leave less than the mark, and its
+    // turn comes all the same.
+    if (arrived < wanted && !m_parked) {
         pollfd fd{m_fd, POLLIN | POLLRDHUP, 0};
         poll(&fd, 1, 0);
         // What a client left behind is delivered only when it is whole.
@@ -182,7 +184,7 @@ void CHttpConnection::DropGathered() {
 
 CHttpConnection::EStep CHttpConnection::RunGathering(CPacket& packet) {
     for (size_t turn = 0; !m_decoder.Done();) {
-        if (m_gathered->IsFull()) return GatherMore(packet);
+        if (!m_gathered || m_gathered->IsFull()) return GatherMore(packet);
         char* to = m_gathered->End();
         const ULONG error = ReadSocketBody(to, m_gathered->Limit());
         const auto came = static_cast<size_t>(to - m_gathered->End());

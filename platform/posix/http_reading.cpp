@@ -187,6 +187,7 @@ CHttpConnection::EStep CHttpConnection::RunBody(CPacket& packet) {
 CHttpConnection::EStep CHttpConnection::EndShortBody(CPacket& packet) {
     const bool goes_on = !m_decoder.Done() && !m_decoder.IsLength();
     if (!goes_on || m_body_end - m_body_begin < m_room) return DeliverKept(packet);
+    m_phase = EPhase::Gathering;
     return GatherMore(packet);
 }
 

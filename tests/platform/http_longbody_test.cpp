@@ -1,95 +1,11 @@
 // Long bodies: those that come fast are read where they are wanted, slow ones are gathered before
 // anybody waits for them. On a clock that the tests move.
 #include <gtest/gtest.h>
-#include <sys/ioctl.h>
 
-#include <mutex>
-
-#include "http_support.h"
+#include "http_uploads.h"
 
 namespace httptest {
 namespace {
-
-constexpr size_t kMiB = 1u << 20;
-
-std::string Pattern(size_t bytes) {
-    std::string text(bytes, '\0');
-    for (size_t i = 0; i < bytes; ++i)
-        text[i] = static_cast<char>((i * 31 + i / 4096) & 0xFF);
-    return text;
-}
-
-// The whole body of a request, as an application reads it.
-ULONG ReadAll(CServer& server, CBlock& block, std::string& body) {
-    body = block.Body();
-    for (;;) {
-        const ULONG error = server.ReadBody(block.Id(), body, kMiB);
-        if (error != NO_ERROR) return error == ERROR_HANDLE_EOF ? NO_ERROR : error;
-    }
-}
-
-// Answers with the last digit of the body's length, and keeps the bodies.
-struct CReader {
-    CServer::Answer Answer() {
-        return [this](CServer& server, CBlock& block) {
-            if (block.error != NO_ERROR) return;
-            std::string body;
-            const ULONG error = ReadAll(server, block, body);
-            {
-                const std::lock_guard lock(m_lock);
-                m_bodies.push_back(body);
-            }
-            server.Reply(block.Id(), std::to_string(body.size()),
-                         static_cast<USHORT>(error == NO_ERROR ? 200 : 500));
-        };
-    }
-    size_t Count() {
-        const std::lock_guard lock(m_lock);
-        return m_bodies.size();
-    }
-    std::string Body(size_t i) {
-        const std::lock_guard lock(m_lock);
-        return m_bodies.at(i);
-    }
-
-private:
-    std::mutex m_lock;
-    std::vector<std::string> m_bodies;
-};
-
-// An upload whose head the server has taken, some time ago when `slow`.
-struct CUpload {
-    CUpload(
-        CServer& server, const std::string& length_field, bool slow,
-        const std::function<void()>& step = [] {})
-        : client(server.TcpPort()) {
-        client.Send("POST /zem/ HTTP/1.1\r\nHost: h\r\nZem-Id: one\r\nExpect: 100-continue\r\n" +
-                    length_field + "\r\n");
-        EXPECT_TRUE(Eventually([&] {
-            step();
-            int bytes = 0;
-            ioctl(client.Socket(), FIONREAD, &bytes);
-            return bytes > 0;
-        }));
-        step();
-        EXPECT_EQ(client.Read(true).status, 100);
-        if (slow) HttpTuneAdvanceClock(50000);
-    }
-    CUpload(
-        CServer& server, size_t bytes, bool slow, const std::function<void()>& step = [] {})
-        : CUpload(server, "Content-Length: " + std::to_string(bytes) + "\r\n", slow, step) {}
-    CClient client;
-};
-
-bool Holds(uint64_t bytes) {
-    return Eventually([&] { return HttpTuneGatheredBytes() == bytes; });
-}
-
-std::string Chunk(const std::string& data) {
-    char size[32];
-    snprintf(size, sizeof size, "%zx\r\n", data.size());
-    return size + data + "\r\n";
-}
 
 TEST(LongBody, SlowOneIsGatheredBeforeAnybodyWaitsForIt) {
     CReader reader;
@@ -184,35 +100,6 @@ TEST(LongBody, BrokenPromiseEndsWhenARequestWaits) {
     EXPECT_EQ(other.Read().status, 200);
 }
 
-TEST(LongBody, WithoutRoomItStaysInTheSocketUntilThereIsSome) {
-    CTuned<uint64_t> bound(HttpTune()->gathered_bytes, 15 * kMiB / 2);
-    CTuned<uint32_t> patience(HttpTune()->stall_ms, 10000);
-    CReader reader;
-    CServer server;
-    server.StartWorkers(2, reader.Answer());
-    const std::string body = Pattern(4 * kMiB);
-    CUpload first(server, body.size(), false), second(server, body.size(), false);
-    CUpload third(server, 3 * kMiB, true);
-    first.client.Send(body.substr(0, 2 * kMiB));
-    EXPECT_TRUE(Eventually([] { return HttpTuneGatheredBytes() > 0; }));
-    second.client.Send(body.substr(0, 2 * kMiB));
-    EXPECT_TRUE(Eventually([&] { return HttpTuneParkedUploads(server.Queue()) == 1; }));
-    // There would be room for this one, but others wait longer.
-    third.client.Send(Pattern(5 * kMiB / 4));
-    EXPECT_TRUE(Eventually([&] { return HttpTuneParkedUploads(server.Queue()) == 2; }));
-    EXPECT_LT(HttpTuneGatheredBytes(), 5 * kMiB);
-    first.client.Send(body.substr(2 * kMiB));
-    EXPECT_EQ(first.client.Read().status, 200);
-    second.client.Send(body.substr(2 * kMiB));
-    EXPECT_EQ(second.client.Read().body, std::to_string(body.size()));
-    third.client.Send(std::string(7 * kMiB / 4, 'e'));
-    EXPECT_EQ(third.client.Read().status, 200);
-    EXPECT_TRUE(reader.Body(0) == body);
-    EXPECT_TRUE(reader.Body(1) == body);
-    EXPECT_EQ(HttpTuneParkedUploads(server.Queue()), 0u);
-    EXPECT_TRUE(Holds(0));
-}
-
 // Memory that others wait for goes to those who use it.
 TEST(LongBody, WhoStandsStillGivesItsRoomUpToOneThatWaits) {
     CTuned<uint64_t> bound(HttpTune()->gathered_bytes, 5 * kMiB);
@@ -232,24 +119,6 @@ TEST(LongBody, WhoStandsStillGivesItsRoomUpToOneThatWaits) {
     second.client.Send(body.substr(2 * kMiB));
     EXPECT_EQ(second.client.Read().status, 200);
     EXPECT_TRUE(reader.Body(0) == body);
-}
-
-TEST(LongBody, ParkedOneThatLeavesIsForgotten) {
-    CTuned<uint64_t> bound(HttpTune()->gathered_bytes, kMiB);
-    CReader reader;
-    CServer server;
-    server.StartWorkers(2, reader.Answer());
-    CUpload first(server, kMiB, false);  // whole in the socket when it is delivered: needs no room
-    CUpload second(server, 4 * kMiB, false);
-    second.client.Send(Pattern(2 * kMiB));
-    EXPECT_TRUE(Eventually([] { return HttpTuneBlockedThreads() == 1; }));
-    CUpload third(server, 4 * kMiB, true);
-    third.client.Send(Pattern(2 * kMiB));
-    EXPECT_TRUE(Eventually([&] { return HttpTuneParkedUploads(server.Queue()) == 1; }));
-    third.client.Reset();
-    EXPECT_TRUE(Eventually([&] { return HttpTuneParkedUploads(server.Queue()) == 0; }));
-    first.client.Send(Pattern(kMiB));
-    EXPECT_EQ(first.client.Read().status, 200);
 }
 
 // What is larger than all the room there is cannot be gathered.
