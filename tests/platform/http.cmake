@@ -23,6 +23,7 @@ zem_test(platform_http LABEL platform
         ${CMAKE_CURRENT_LIST_DIR}/http_listen_test.cpp
         ${CMAKE_CURRENT_LIST_DIR}/http_longbody_test.cpp
         ${CMAKE_CURRENT_LIST_DIR}/http_parked_test.cpp
+        ${CMAKE_CURRENT_LIST_DIR}/http_uploads_stress_test.cpp
         ${CMAKE_CURRENT_LIST_DIR}/http_load_test.cpp
         ${CMAKE_CURRENT_LIST_DIR}/http_memory_test.cpp
         ${CMAKE_CURRENT_LIST_DIR}/http_port_test.cpp
