@@ -123,6 +123,7 @@ private:
     EStep RunGathering(CPacket& packet);
     EStep OnGatherDeadline(CPacket& packet);
     uint64_t Arrived() const;
+    bool Tells(short events) const;
     bool HasLeft() const;
     void StartPace();
     bool ComesSoon(uint64_t arrived) const;

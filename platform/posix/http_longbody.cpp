@@ -39,11 +39,16 @@ uint64_t CHttpConnection::Arrived() const {
     return static_cast<uint64_t>(bytes);
 }
 
+// Whether the socket tells of one of these now.
+bool CHttpConnection::Tells(short events) const {
+    pollfd fd{m_fd, events, 0};
+    poll(&fd, 1, 0);
+    return (fd.revents & events) != 0;
+}
+
 // Whether the client will send no more.
 bool CHttpConnection::HasLeft() const {
-    pollfd fd{m_fd, POLLRDHUP, 0};
-    poll(&fd, 1, 0);
-    return (fd.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
+    return Tells(POLLRDHUP | POLLHUP | POLLERR);
 }
 
 // From a moment at which the socket is empty: what it holds may have come at any pace.
@@ -228,6 +233,11 @@ CHttpConnection::EStep CHttpConnection::OnGatherDeadline(CPacket& packet) {
     if (!m_queue->UploadsWait() || came >= least) {
         SetDeadline(tune.stall_ms, true);
         return EStep::Again;
+    }
+    if (Tells(POLLIN)) {  // the client has done its part, and no worker has had time for it
+        SetDeadline(tune.stall_ms, true);
+        m_queue->Port()->PushReady(this, EWake::Now);
+        return EStep::Gone;
     }
     if (Refuse(503) == EStep::Again) m_queue->Port()->PushReady(this, EWake::Now);
     return EStep::Gone;

@@ -89,6 +89,39 @@ TEST(ParkedUpload, WhoSendsNoMoreKeepsNobodyOut) {
     EXPECT_TRUE(reader.Body(1) == body);
 }
 
+// It is not the client's fault that no worker had time to read what it sent.
+TEST(ParkedUpload, WhoHasSentIsNotRefusedBecauseNobodyRead) {
+    CTuned<uint64_t> bound(HttpTune()->gathered_bytes, 5 * kMiB);
+    CTuned<uint32_t> patience(HttpTune()->stall_ms, 10000);
+    CServer server;
+    const std::string body = Pattern(4 * kMiB);
+    const auto settle = [&] { server.Settle(); };
+    CUpload first(server, body.size(), true, settle);
+    std::thread sender([&] { first.client.Send(body.substr(0, 2 * kMiB)); });
+    EXPECT_TRUE(Eventually([&] {
+        server.Settle();
+        return HttpTuneGatheredBytes() > 0;
+    }));
+    sender.join();
+    CUpload second(server, body.size(), true, settle);
+    sender = std::thread([&] { second.client.Send(body.substr(0, 2 * kMiB)); });
+    EXPECT_TRUE(Eventually([&] {
+        server.Settle();
+        return HttpTuneParkedUploads(server.Queue()) == 1;
+    }));
+    sender.join();
+    first.client.Send(body.substr(2 * kMiB));
+    for (int i = 0; i < 3; ++i)
+        HttpTuneAdvanceClock(11000);
+    CBlock* block = server.Take();
+    ASSERT_NE(block, nullptr);
+    std::string got;
+    EXPECT_EQ(ReadAll(server, *block, got), NO_ERROR);
+    EXPECT_TRUE(got == body);
+    server.Reply(block->Id(), "yes");
+    EXPECT_EQ(first.client.Read().status, 200);
+}
+
 // A chunked body that finds neither room nor a worker to spare.
 struct CParkedChunked {
     CParkedChunked() {
