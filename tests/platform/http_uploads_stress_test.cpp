@@ -103,9 +103,10 @@ void Storm(uint32_t stall_ms, uint64_t room) {
     server.StartWorkers(4, AnswerSum);
     std::atomic<int> taken{0};
     std::vector<std::thread> clients;
-    for (unsigned i = 0; i < 12; ++i)
+    for (unsigned i = 0; i < 12; ++i) {
         clients.emplace_back(
             [&, i] { taken += CRestlessClient(server.TcpPort(), i + stall_ms).Run(6); });
+    }
     for (std::thread& client : clients)
         client.join();
     EXPECT_GT(taken.load(), 0);
@@ -141,11 +142,12 @@ TEST(UploadStress, ClosingInTheMiddleLeavesNothing) {
             sockets.push_back(std::make_unique<CClient>(server.TcpPort()));
         std::atomic<size_t> done{0};
         std::vector<std::thread> clients;
-        for (unsigned i = 0; i < sockets.size(); ++i)
+        for (unsigned i = 0; i < sockets.size(); ++i) {
             clients.emplace_back([&sockets, &done, seed = 100 * round + i, i] {
                 CRestlessClient(0, seed).Upload(*sockets[i]);
                 ++done;
             });
+        }
         EXPECT_TRUE(Eventually(
             [&] { return HttpTuneGatheredBytes() > 0 || done.load() == sockets.size(); }));
         server.CloseQueue();
