@@ -214,7 +214,8 @@ private:
     uint64_t m_read_from_ms =
         0;                      // ClockMs at which a worker first waited for the body; 0: none did
     bool m_comes_soon = false;  // the pace promises all of the body within a moment
-    bool m_parked = false;      // waits for room to gather its body
+    EUpload m_upload = kSmallUpload;
+    bool m_parked = false;                      // waits for room to gather its body
     std::unique_ptr<CGatheredBody> m_gathered;  // behind the buffer's part of the body
 
     uint64_t m_window_start = 0;

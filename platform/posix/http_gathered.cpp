@@ -15,8 +15,7 @@ namespace {
 
 std::atomic<uint64_t> g_held{0};
 
-bool Reserve(uint64_t bytes) {
-    const uint64_t bound = HttpTune()->gathered_bytes;
+bool Reserve(uint64_t bytes, uint64_t bound) {
     uint64_t held = g_held.load();
     do {
         if (held > bound || bytes > bound - held) return false;
@@ -25,6 +24,11 @@ bool Reserve(uint64_t bytes) {
 }
 
 }  // namespace
+
+uint64_t CGatheredBody::BoundOf(EUpload kind) {
+    const uint64_t all = HttpTune()->gathered_bytes;
+    return kind == kSmallUpload ? all : all - all / 4;
+}
 
 uint64_t CGatheredBody::BytesHeld() {
     return g_held.load();
@@ -43,7 +47,7 @@ CGatheredBody::~CGatheredBody() {
 
 bool CGatheredBody::Grow(uint64_t room_bytes) {
     const uint64_t more = room_bytes - m_room;
-    if (!Reserve(more)) return false;
+    if (!Reserve(more, BoundOf(UploadOf(room_bytes)))) return false;
     void* const data = m_data ? mremap(m_data, m_room, room_bytes, MREMAP_MAYMOVE)
                               : mmap(nullptr, room_bytes, PROT_READ | PROT_WRITE,
                                      MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);

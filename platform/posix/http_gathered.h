@@ -9,8 +9,19 @@
 
 namespace posix {
 
+// The last quarter of the room is for small bodies, and they do not wait for large ones: a few
+// clients that declare much do not keep everybody out.
+enum EUpload : uint8_t { kSmallUpload, kLargeUpload };
+inline constexpr uint64_t kSmallUploadBytes = 8u << 20;
+inline EUpload UploadOf(uint64_t room_bytes) {
+    return room_bytes <= kSmallUploadBytes ? kSmallUpload : kLargeUpload;
+}
+
 class CGatheredBody {
 public:
+    // How much those of a kind may hold together, so that no body of it may ever have more.
+    static uint64_t BoundOf(EUpload kind);
+
     // Null when the bound or the system does not allow it.
     static std::unique_ptr<CGatheredBody> Make(uint64_t room_bytes);
     ~CGatheredBody();

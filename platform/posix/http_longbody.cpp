@@ -143,13 +143,14 @@ size_t CHttpConnection::GatherBody(size_t limit) {
 }
 
 // Finds room for the rest of the body. Who finds none is parked: its bytes stay in the socket.
-// Those that wait go before those that come.
+// Those of its kind that wait go before those that come.
 CHttpConnection::EStep CHttpConnection::GatherMore(CPacket& packet) {
     const uint64_t held = m_gathered ? m_gathered->Room() : 0;
     const uint64_t wanted =
         m_decoder.IsLength() ? m_decoder.Plain() : std::max<uint64_t>(2 * held, kLowWaterBytes);
+    if (!m_parked) m_upload = UploadOf(wanted);
     bool room = false;
-    if (m_parked ? m_queue->IsNextUpload(this) : !m_queue->UploadsWait()) {
+    if (m_parked ? m_queue->IsNextUpload(this, m_upload) : m_queue->HasNoUpload(m_upload)) {
         if (m_gathered)
             room = m_gathered->Grow(wanted);
         else
@@ -158,14 +159,14 @@ CHttpConnection::EStep CHttpConnection::GatherMore(CPacket& packet) {
     if (room) {
         SetParked(false);
         m_phase = EPhase::Gathering;
-        m_arrived = 0;
+        m_arrived = m_gathered->Gathered() + Arrived();
         m_body_limit_ms = ClockMs() + HttpTune()->body_ms;
         m_pace_from_ms = 0;
         SetDeadline(HttpTune()->stall_ms, true);
         return EStep::Again;
     }
     // What can never be gathered has to be waited for after all.
-    const bool never = !m_decoder.IsLength() || wanted > HttpTune()->gathered_bytes;
+    const bool never = !m_decoder.IsLength() || wanted > CGatheredBody::BoundOf(m_upload);
     if (never && WorkerMayWait()) return DeliverLongBody(packet);
     if (m_decoder.IsLength() && HasLeft() && Arrived() < m_decoder.Plain()) return Die();
     SetParked(true);
@@ -176,15 +177,15 @@ CHttpConnection::EStep CHttpConnection::GatherMore(CPacket& packet) {
 void CHttpConnection::SetParked(bool parked) {
     if (std::exchange(m_parked, parked) == parked) return;
     if (parked)
-        m_queue->Park(this);
+        m_queue->Park(this, m_upload);
     else
-        m_queue->Unpark(this);
+        m_queue->Unpark(this, m_upload);
 }
 
 void CHttpConnection::DropGathered() {
     if (!m_gathered) return;
     m_gathered.reset();
-    m_queue->WakeNextUpload();
+    m_queue->WakeNextUploads();
 }
 
 CHttpConnection::EStep CHttpConnection::RunGathering(CPacket& packet) {

@@ -176,37 +176,43 @@ CRequestQueue::EEnqueue CRequestQueue::Enqueue(CHttpConnection* connection,
     return EEnqueue::Waits;
 }
 
-void CRequestQueue::Park(CHttpConnection* connection) {
+void CRequestQueue::Park(CHttpConnection* connection, EUpload kind) {
     const std::lock_guard lock(m_parked_lock);
-    m_parked.Append(connection);
+    m_parked[kind].Append(connection);
     m_parked_count.fetch_add(1);
 }
 
-void CRequestQueue::Unpark(CHttpConnection* connection) {
+void CRequestQueue::Unpark(CHttpConnection* connection, EUpload kind) {
     {
         const std::lock_guard lock(m_parked_lock);
-        m_parked.Remove(connection);
+        m_parked[kind].Remove(connection);
         m_parked_count.fetch_sub(1);
     }
-    WakeNextUpload();
+    WakeNextUploads();
 }
 
-bool CRequestQueue::IsNextUpload(const CHttpConnection* connection) {
+bool CRequestQueue::IsNextUpload(const CHttpConnection* connection, EUpload kind) {
     const std::lock_guard lock(m_parked_lock);
-    return m_parked.First() == connection;
+    return m_parked[kind].First() == connection;
 }
 
-void CRequestQueue::WakeNextUpload() {
+bool CRequestQueue::HasNoUpload(EUpload kind) {
+    return !UploadsWait() || IsNextUpload(nullptr, kind);
+}
+
+void CRequestQueue::WakeNextUploads() {
     if (!UploadsWait() || Closing()) return;
-    CHttpConnection* next;
-    {
-        const std::lock_guard lock(m_parked_lock);
-        next = m_parked.First();
-        // Nobody frees it while it is in the list. Who runs it now may have looked too early; its
-        // deadline makes it look again.
-        if (!next || !next->TryOwn()) return;
+    for (const EUpload kind : {kSmallUpload, kLargeUpload}) {
+        CHttpConnection* next;
+        {
+            const std::lock_guard lock(m_parked_lock);
+            next = m_parked[kind].First();
+            // Nobody frees it while it is in the list. Who runs it now may have looked too early;
+            // its deadline makes it look again.
+            if (!next || !next->TryOwn()) continue;
+        }
+        m_port->PushReady(next, EWake::Now);
     }
-    m_port->PushReady(next, EWake::Now);
 }
 
 void CRequestQueue::Serve(const CPostedReceive& receive) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/posix/http.h"
+#include "platform/posix/http_gathered.h"
 #include "platform/posix/http_listener.h"
 #include "platform/posix/http_url.h"
 #include "platform/posix/nodelist.h"
@@ -71,12 +72,13 @@ public:
     const std::atomic<bool>& ClosingMark() const { return *m_closing; }
     // Whether requests wait for a thread or for a receive, so that no client may hold one up.
     bool RequestsWait() { return m_waiting_count.load() > 0 || m_port->IsShortOfWorkers(); }
-    // Uploads that wait for room to be gathered, the oldest first.
-    void Park(CHttpConnection* connection);
-    void Unpark(CHttpConnection* connection);
+    // Uploads that wait for room to be gathered: of each kind the oldest first.
+    void Park(CHttpConnection* connection, EUpload kind);
+    void Unpark(CHttpConnection* connection, EUpload kind);
     bool UploadsWait() const { return m_parked_count.load() > 0; }
-    bool IsNextUpload(const CHttpConnection* connection);
-    void WakeNextUpload();  // when there may be room
+    bool IsNextUpload(const CHttpConnection* connection, EUpload kind);
+    bool HasNoUpload(EUpload kind);
+    void WakeNextUploads();  // when there may be room
     uint32_t ParkedUploads() const { return static_cast<uint32_t>(m_parked_count.load()); }
 
     uint32_t WaitingCount() const { return static_cast<uint32_t>(m_waiting_count.load()); }
@@ -103,8 +105,8 @@ private:
     CHttpConnection* m_waiting_tail = nullptr;
     std::atomic<int32_t> m_waiting_count{0};
 
-    std::mutex m_parked_lock;  // guards the list
-    CNodeList<CHttpConnection> m_parked;
+    std::mutex m_parked_lock;  // guards the lists
+    CNodeList<CHttpConnection> m_parked[2];
     std::atomic<int32_t> m_parked_count{0};
 
     alignas(64) std::atomic<const Routes*> m_routes{nullptr};

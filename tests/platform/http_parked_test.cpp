@@ -35,6 +35,30 @@ TEST(ParkedUpload, WithoutRoomItStaysInTheSocketUntilThereIsSome) {
     EXPECT_TRUE(Holds(0));
 }
 
+// Few who declare much do not keep everybody out.
+TEST(ParkedUpload, SmallOneDoesNotWaitForLargeOnes) {
+    CTuned<uint64_t> bound(HttpTune()->gathered_bytes, 40 * kMiB);
+    CTuned<uint32_t> patience(HttpTune()->stall_ms, 10000);
+    CReader reader;
+    CServer server;
+    server.StartWorkers(2, reader.Answer());
+    const std::string body = Pattern(3 * kMiB);
+    CUpload first(server, 25 * kMiB, false), second(server, 20 * kMiB, false);
+    CUpload small(server, body.size(), true);
+    first.client.Send(Pattern(2 * kMiB));
+    EXPECT_TRUE(Eventually([] { return HttpTuneGatheredBytes() > 24 * kMiB; }));
+    second.client.Send(Pattern(2 * kMiB));
+    EXPECT_TRUE(Eventually([&] { return HttpTuneParkedUploads(server.Queue()) == 1; }));
+    small.client.Send(body.substr(0, 2 * kMiB));
+    EXPECT_TRUE(Eventually([] { return HttpTuneGatheredBytes() > 27 * kMiB; }));
+    small.client.Send(body.substr(2 * kMiB));
+    EXPECT_EQ(small.client.Read().status, 200);
+    EXPECT_TRUE(reader.Body(0) == body);
+    EXPECT_EQ(HttpTuneParkedUploads(server.Queue()), 1u);
+    first.client.Reset();
+    EXPECT_TRUE(Eventually([&] { return HttpTuneParkedUploads(server.Queue()) == 0; }));
+}
+
 TEST(ParkedUpload, WhoLeavesIsForgotten) {
     CTuned<uint64_t> bound(HttpTune()->gathered_bytes, kMiB);
     CReader reader;
