@@ -121,6 +121,11 @@ std::string OfExtra(const CLI::App& verb, const std::string& word) {
     if (word.size() > 1 && word.front() == '-') return OfUnknownOption(verb, word);
     const std::vector<std::string> verbs = VerbsBelow(verb);
     if (!verbs.empty()) {
+        if (word == "ls" || word == "dir" || word == "list") {
+            return "there is no verb '" + word +
+                   "': the protocol cannot list files; zem stat NAME tells of one, zem --help " +
+                   "what else there is";
+        }
         const std::string guess = Guess(word, verbs);
         return Has(verb) + "no verb '" + word + "'" + (guess.empty() ? See(verb) : guess);
     }

@@ -17,6 +17,9 @@ TEST_F(ZemCliUsage, EveryMistakeHasASentence) {
     const std::vector<Mistake> mistakes = {
         {{}, "say what to do, as in zem status; see zem --help"},
         {{"statsu"}, "there is no verb 'statsu'; did you mean status?"},
+        {{"ls", "media"},
+         "there is no verb 'ls': the protocol cannot list files; zem stat NAME tells of one, zem "
+         "--help what else there is"},
         {{"frobnicate"}, "there is no verb 'frobnicate'; see zem --help"},
         {{"config"}, "config needs a verb, as in zem config push; see zem config --help"},
         {{"config", "puhs"}, "config has no verb 'puhs'; did you mean push?"},
