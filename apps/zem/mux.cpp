@@ -18,6 +18,7 @@ extern "C" {
 #include "apps/zem/averror.h"
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
+#include "apps/zem/session.h"
 
 namespace zem {
 namespace {
@@ -72,9 +73,10 @@ struct CMuxer::Context {
 
 CMuxer::CMuxer(const std::string& path, bool force) : m_path(path), m_context(new Context) {
     av_log_set_level(AV_LOG_ERROR);
-    std::error_code error;
-    if (!force && std::filesystem::exists(path, error))
-        throw CZemError(ErrorKind::kLocalFile, path + " exists; --force replaces it");
+    if (!CanBeReplaced(path, force)) {
+        throw CZemError(ErrorKind::kLocalFile,
+                        path + " is no file: a clip is read back when it is written");
+    }
     const AVOutputFormat* container = av_guess_format(nullptr, path.c_str(), nullptr);
     if (container == nullptr || m_context->packet == nullptr) {
         throw CZemError(

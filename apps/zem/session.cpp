@@ -1,6 +1,8 @@
 // See session.h.
 #include "apps/zem/session.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -115,32 +117,52 @@ void FlushStdout() {
         ThrowUnwritten("stdout", " cannot be written");
 }
 
+bool CanBeReplaced(const std::string& path, bool force) {
+    std::error_code error;
+    const std::filesystem::file_status there = std::filesystem::status(path, error);
+    switch (there.type()) {
+        case std::filesystem::file_type::character:
+        case std::filesystem::file_type::fifo:
+            return false;
+        case std::filesystem::file_type::directory:
+            throw CZemError(ErrorKind::kLocalFile, path + " is a folder: name a file in it");
+        case std::filesystem::file_type::block:
+        case std::filesystem::file_type::socket:
+            throw CZemError(ErrorKind::kLocalFile, path + " is no file, and is left as it is");
+        default:
+            break;
+    }
+    if (!force && std::filesystem::exists(there))
+        throw CZemError(ErrorKind::kLocalFile, path + " exists; --force replaces it");
+    return true;
+}
+
 struct COutputFile::State {
     std::string path;
-    std::string partPath;  // empty for stdout
+    std::string partPath;  // empty where the data go straight to their place
     std::FILE* file = nullptr;
 };
 
 COutputFile::COutputFile(const std::string& path, bool force) : m_state(new State) {
     m_state->path = path;
-    if (path == "-") {
-        if (StdoutIsTerminal())
-            throw CZemError(ErrorKind::kUsage, "media data does not go to a terminal: use -o FILE");
-        m_state->file = stdout;
-        return;
+    const bool toStdout = path == "-";
+    if (!toStdout && CanBeReplaced(path, force)) m_state->partPath = path + ".part";
+    const std::string& opened = m_state->partPath.empty() ? path : m_state->partPath;
+    m_state->file = toStdout ? stdout : std::fopen(opened.c_str(), "wb");
+    if (m_state->file == nullptr) {
+        throw CZemError(ErrorKind::kLocalFile,
+                        opened + " cannot be written: " + std::strerror(errno));
     }
-    std::error_code error;
-    if (!force && std::filesystem::exists(path, error))
-        throw CZemError(ErrorKind::kLocalFile, path + " exists; --force replaces it");
-    m_state->partPath = path + ".part";
-    m_state->file = std::fopen(m_state->partPath.c_str(), "wb");
-    if (m_state->file == nullptr)
-        throw CZemError(ErrorKind::kLocalFile, m_state->partPath + " cannot be written");
+    if (isatty(fileno(m_state->file)) != 0) {
+        if (!toStdout) std::fclose(m_state->file);
+        throw CZemError(ErrorKind::kUsage, "media data does not go to a terminal: use -o FILE");
+    }
 }
 
 COutputFile::~COutputFile() {
-    if (m_state->file == nullptr || m_state->partPath.empty()) return;
+    if (m_state->file == nullptr || m_state->file == stdout) return;
     std::fclose(m_state->file);
+    if (m_state->partPath.empty()) return;
     std::error_code error;
     std::filesystem::remove(m_state->partPath, error);
 }
@@ -154,16 +176,16 @@ void COutputFile::Finish() {
     std::FILE* const file = m_state->file;
     if (std::fflush(file) != 0)
         ThrowUnwritten(m_state->path, std::string(": ") + std::strerror(errno));
-    if (m_state->partPath.empty()) return;
+    if (file == stdout) return;
     m_state->file = nullptr;
     std::error_code error;
-    if (std::fclose(file) == 0)
-        std::filesystem::rename(m_state->partPath, m_state->path, error);
-    else
+    if (std::fclose(file) != 0)
         error = std::make_error_code(std::errc::io_error);
+    else if (!m_state->partPath.empty())
+        std::filesystem::rename(m_state->partPath, m_state->path, error);
     if (error) {
         std::error_code ignored;
-        std::filesystem::remove(m_state->partPath, ignored);
+        if (!m_state->partPath.empty()) std::filesystem::remove(m_state->partPath, ignored);
         throw CZemError(ErrorKind::kLocalFile, m_state->path + ": " + error.message());
     }
 }

@@ -94,10 +94,15 @@ inline constexpr uint64_t kUnconfirmed_bytes = 40u << 20;
 // Throws that when not all of stdout was written.
 void FlushStdout();
 
-// A file of this machine that appears under its name only when it is complete.
+// Whether what is to be written at `path` may take the place of what is there; false for a pipe or
+// a device that takes bytes, which stay what they are. Throws CZemError(kLocalFile) for what is no
+// file, and for a file that exists when `force` is not set.
+bool CanBeReplaced(const std::string& path, bool force);
+
+// A file of this machine that appears under its name only when it is complete; or a pipe or device.
 class COutputFile {
 public:
-    // "-" is stdout. Throws CZemError(kLocalFile) when the file exists and `force` is not set.
+    // "-" is stdout. Throws as CanBeReplaced, and CZemError(kUsage) for a terminal.
     COutputFile(const std::string& path, bool force);
     ~COutputFile();  // removes what is incomplete
     COutputFile(const COutputFile&) = delete;

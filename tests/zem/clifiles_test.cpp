@@ -269,6 +269,34 @@ TEST_F(ZemCliFiles, GetDownloadsWholeFilesOnly) {
     EXPECT_FALSE(fs::exists(m_dir / "half.part"));
 }
 
+// Under sudo a device that was replaced would be gone for all: it is written to, as a pipe is.
+TEST_F(ZemCliFiles, PipesAndDevicesAreWrittenToAndStay) {
+    ASSERT_EQ(Shell("mkfifo pipe.mov"), 0);
+    for (const char* verb : {"read", "get"}) {
+        m_server.Settle();
+        EXPECT_EQ(Shell("{ timeout 20 cat pipe.mov >got & " + Quoted(ZEM_PROGRAM) + " --server " +
+                        m_server.Url() + " " + verb + " media/v -o pipe.mov; code=$?; wait; " +
+                        "exit $code; }"),
+                  0);
+        EXPECT_EQ(Contents(m_dir / "got"), "firstsecondfourth");
+        EXPECT_EQ(Run({verb, "media/v", "-o", "/dev/null"}).code, 0);
+        const Outcome full = Run({verb, "media/v", "-o", "/dev/full"});
+        EXPECT_EQ(full.code, 5);
+        EXPECT_EQ(full.err, "zem: /dev/full: No space left on device\n");
+        const Outcome folder = Run({verb, "media/v", "-o", ".", "--force"});
+        EXPECT_EQ(folder.code, 5);
+        EXPECT_EQ(folder.err, "zem: . is a folder: name a file in it\n");
+        EXPECT_EQ(Run({verb, "media/v", "-o", "/nope/x"}).err,
+                  "zem: /nope/x.part cannot be written: No such file or directory\n");
+    }
+    MakeClip();
+    ASSERT_EQ(Run({"put", "clip.mov", "media/c"}).code, 0);
+    const Outcome clip = Run({"export", "media/c", "pipe.mov", "--force"});
+    EXPECT_EQ(clip.code, 5);
+    EXPECT_EQ(clip.err, "zem: pipe.mov is no file: a clip is read back when it is written\n");
+    EXPECT_TRUE(fs::is_fifo(m_dir / "pipe.mov"));
+}
+
 TEST_F(ZemCliFiles, GetRefusesWhatAPageHidesBeforeItAsks) {
     const size_t before = m_server.Requests().size();
     for (const char* const name : {"media/clients-choir.v0", "media/STATUS", "/media/clients"}) {
