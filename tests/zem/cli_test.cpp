@@ -172,6 +172,19 @@ TEST_F(ZemCli, AnotherKindOfServerIs4) {
     EXPECT_EQ(RunOn(other.Url(), {"info", "media/x"}).code, 4);
 }
 
+TEST_F(ZemCli, AServersAddressIsCheckedBeforeItIsUsed) {
+    for (const char* port : {":99999", ":0", ":", ":80a", ":-1"}) {
+        const std::string server = std::string("http://127.0.0.1") + port;
+        const Outcome outcome = RunOn(server, {"status"});
+        EXPECT_EQ(outcome.code, 2) << port;
+        EXPECT_EQ(outcome.err, "zem: '" + server + "': the port is a number from 1 to 65535\n");
+    }
+    EXPECT_EQ(RunOn("HTTP" + m_server.Url().substr(4), {"status"}).code, 0);
+    EXPECT_EQ(RunOn("https" + m_server.Url().substr(4), {"status"}).code, 2);
+    const Outcome six = RunOn("http://[::1]", {"status"});
+    EXPECT_FALSE(Has(six.err, "the port is")) << six.err;
+}
+
 TEST_F(ZemCli, StatusAndClients) {
     EXPECT_TRUE(Has(Run({"status"}).out, "1.0 TiB of 4.0 TiB (25 %)"));
     EXPECT_EQ(Run({"status", "--json"}).out,

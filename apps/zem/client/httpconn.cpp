@@ -37,19 +37,6 @@ bool IsPlainHeaderText(std::string_view text) {
     });
 }
 
-void CheckServer(std::string& server) {
-    constexpr std::string_view kScheme = "http://";
-    while (server.ends_with('/'))
-        server.pop_back();
-    if (!server.starts_with(kScheme) || server.size() == kScheme.size() ||
-        server.find_first_of("/?#@ \\", kScheme.size()) != std::string::npos ||
-        !IsPlainHeaderText(server)) {
-        throw CZemError(ErrorKind::kUsage, "'" + Printable(server) +
-                                               "' is not a server address of the form "
-                                               "http://HOST:PORT");
-    }
-}
-
 bool EqualNoCase(std::string_view a, std::string_view b) {
     return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](char x, char y) {
         const auto lower = [](char c) {
@@ -57,6 +44,36 @@ bool EqualNoCase(std::string_view a, std::string_view b) {
         };
         return lower(x) == lower(y);
     });
+}
+
+// Whether a port is one, or none is named: behind the last colon that is not within [ ].
+bool HasGoodPort(std::string_view host) {
+    const size_t colon = host.rfind(':');
+    if (colon == std::string_view::npos || host.find(']', colon) != std::string_view::npos)
+        return true;
+    const std::string_view port = host.substr(colon + 1);
+    uint32_t value = 0;
+    const auto [end, error] = std::from_chars(port.data(), port.data() + port.size(), value);
+    return error == std::errc() && end == port.data() + port.size() && value > 0 && value < 65536;
+}
+
+void CheckServer(std::string& server) {
+    constexpr std::string_view kScheme = "http://";
+    while (server.ends_with('/'))
+        server.pop_back();
+    if (EqualNoCase(std::string_view(server).substr(0, kScheme.size()), kScheme))
+        server.replace(0, kScheme.size(), kScheme);
+    if (!server.starts_with(kScheme) || server.size() == kScheme.size() ||
+        server.find_first_of("/?#@ \\", kScheme.size()) != std::string::npos ||
+        !IsPlainHeaderText(server)) {
+        throw CZemError(ErrorKind::kUsage, "'" + Printable(server) +
+                                               "' is not a server address of the form "
+                                               "http://HOST:PORT");
+    }
+    if (!HasGoodPort(std::string_view(server).substr(kScheme.size()))) {
+        throw CZemError(ErrorKind::kUsage,
+                        "'" + Printable(server) + "': the port is a number from 1 to 65535");
+    }
 }
 
 std::string_view Trimmed(std::string_view text) {
