@@ -124,7 +124,15 @@ void CMuxer::AddStream(const StreamHead& head) {
 
 void CMuxer::Begin() {
     const int result = avformat_write_header(m_context->format, nullptr);
-    if (result < 0) ThrowAv(m_path, result, "this container does not take these streams");
+    if (result >= 0) return;
+    std::string codecs;
+    for (unsigned i = 0; i < m_context->format->nb_streams; ++i) {
+        const AVCodecID codec = m_context->format->streams[i]->codecpar->codec_id;
+        codecs += std::string(codecs.empty() ? "" : ", ") + avcodec_get_name(codec);
+    }
+    const std::string what =
+        "this container does not take these streams (" + codecs + "); another may, as .mov or .mkv";
+    ThrowAv(m_path, result, what.c_str());
 }
 
 void CMuxer::Write(size_t stream, std::span<const uint8_t> data, int64_t dts, int64_t pts,

@@ -172,7 +172,9 @@ class WholeClips(zemcase.ZemCase):
         wrong = self.target('wrong.avi')
         with open(wrong, 'w', encoding='utf-8') as out:
             out.write('kept')
-        self.zem('export', 'media/prores', self.target('wrong.wav'), code=5)
+        done = self.run_zem('export', 'media/prores', self.target('wrong.wav'))
+        self.assertEqual(done.returncode, 5)
+        self.assertIn('this container does not take these streams (prores, pcm_s24le); another may', done.stderr)
         self.assertFalse(os.path.exists(self.target('wrong.wav.part')))
         self.zem('export', 'media/prores', wrong, code=5)
         with open(wrong, encoding='utf-8') as kept:
