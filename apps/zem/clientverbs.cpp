@@ -95,7 +95,17 @@ int ConfigPush(const CommandLine& line, const ClientOptions& options) {
     line.RequireId("config push");
     const std::u16string text = DocumentOf(options.file);
     CSession session(line, true);
-    session->UpdateConfig(text);
+    try {
+        session->UpdateConfig(text);
+    } catch (const CZemError& error) {
+        // The same answer as to a client that has not joined, whose volume has no space either.
+        if (error.Hr() != kHrInvalidArg || session->Space(u"").total_bytes == 0) throw;
+        throw CZemError(error.Kind(),
+                        Printable(options.file) +
+                            ": the server refused it: it is no XML document, or has an element, "
+                            "an attribute or a value that the server does not know",
+                        error.Hr());
+    }
     PrintDone(line, "config push");
     return kExitOk;
 }

@@ -138,10 +138,12 @@ class RoundTrip(zemcase.OwnServerCase):
         self.zem(*client, 'config', 'set', 'readAhead', '4')
         document = os.path.join(self.folder.name, 'config.xml')
         for text, code in (('<channelConfig readAhead="8"><frameRate>25</frameRate></channelConfig>', 0),
-                           ('<channelConfig colour="red"/>', 1)):
+                           ('<channelConfig colour="red"/>', 1), ('<channelConfig', 1)):
             with open(document, 'w', encoding='utf-8') as out:
                 out.write('<?xml version="1.0" encoding="UTF-8"?>' + text)
-            self.zem(*client, 'config', 'push', document, code=code)
+            done = self.run_zem(*client, 'config', 'push', document)
+            self.assertEqual(done.returncode, code, done.stderr)
+            self.assertEqual('that the server does not know' in done.stderr, code == 1, done.stderr)
         self.zem(*client, 'leave')
         self.assertEqual(self.zem('clients'), 'No clients\n')
 
