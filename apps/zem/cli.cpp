@@ -179,7 +179,8 @@ void SayError(const char* text) {
 }
 
 // The failure on stderr, and for a program that reads JSON on stdout, too.
-int ReportFailure(const CommandLine& line, int code, const char* text, int32_t hr) {
+int ReportFailure(const CommandLine& line, int code, const char* text, int32_t hr = 0,
+                  const char* reason = nullptr) {
     std::fflush(stdout);
     SayError(text);
     if (!line.json) return code;
@@ -189,6 +190,10 @@ int ReportFailure(const CommandLine& line, int code, const char* text, int32_t h
         json.Text("hresult", HresultText(hr).substr(0, 10));
     else
         json.Null("hresult");
+    if (reason != nullptr)
+        json.Text("reason", reason);
+    else
+        json.Null("reason");
     PrintLine(json.Close().Str());
     std::fflush(stdout);
     return code;
@@ -225,7 +230,7 @@ int RunZem(int argc, const char* const* argv) {
     if (!open.empty()) {
         line.json = AsksForJson(arguments);
         const std::string text = "there is no value behind " + Printable(open) + "; see zem --help";
-        return ReportFailure(line, kExitUsage, text.c_str(), 0);
+        return ReportFailure(line, kExitUsage, text.c_str());
     }
     try {
         app.parse(argc, argv);
@@ -236,7 +241,7 @@ int RunZem(int argc, const char* const* argv) {
         // Help and version are no errors: they go to stdout.
         if (error.get_exit_code() == 0) return app.exit(error);
         line.json = AsksForJson(arguments);
-        return ReportFailure(line, kExitUsage, Printable(UsageText(app, error)).c_str(), 0);
+        return ReportFailure(line, kExitUsage, Printable(UsageText(app, error)).c_str());
     }
     try {
         CatchStopSignals();
@@ -245,12 +250,14 @@ int RunZem(int argc, const char* const* argv) {
         return code;
     } catch (const CZemError& error) {
         std::string text = error.what();
-        if (error.Kind() == ErrorKind::kUnreachable) text += "; zem doctor tells why";
+        if (error.Kind() == ErrorKind::kUnreachable || error.Reason() == kReasonOtherServer)
+            text += "; zem doctor tells why";
         if (error.Kind() == ErrorKind::kInterrupted && OutputClosed())
             text += "; nobody reads the output any more";
-        return ReportFailure(line, ExitCodeOf(error.Kind()), text.c_str(), error.Hr());
+        return ReportFailure(line, ExitCodeOf(error.Kind()), text.c_str(), error.Hr(),
+                             error.Reason());
     } catch (const std::exception& error) {
-        return ReportFailure(line, kExitFailed, error.what(), 0);
+        return ReportFailure(line, kExitFailed, error.what());
     }
 }
 

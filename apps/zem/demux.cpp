@@ -210,6 +210,12 @@ bool IsDropFrame(const vdrTimecode_s& timecode) {
     return (timecode.frames & kTimecodeDropFrameBit) != 0;
 }
 
+vdrTimecode_s StartTimecode(const ZemEsDesc& desc) {
+    vdrTimecode_s timecode = desc.startTimecode;
+    if ((desc.flags & kEsFlagDropFrame) != 0) timecode.frames |= kTimecodeDropFrameBit;
+    return timecode;
+}
+
 std::string TimecodeText(const vdrTimecode_s& timecode) {
     std::array<char, 32> text{};
     std::snprintf(text.data(), text.size(), "%02d:%02d:%02d%c%02d%s",

@@ -76,6 +76,9 @@ private:
 
 // "HH:MM:SS:FF", ';' before the frames for drop-frame, ".1" behind the second frame of a pair.
 std::string TimecodeText(const vdrTimecode_s& timecode);
+// The timecode of the first frame, marked as drop-frame where the file is counted so: the mark of
+// the address itself may be missing.
+vdrTimecode_s StartTimecode(const ZemEsDesc& desc);
 bool IsDropFrame(const vdrTimecode_s& timecode);
 
 // The four characters of a codec, dots for what is not printable.

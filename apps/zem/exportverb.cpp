@@ -44,6 +44,10 @@ struct ExportStream {
     int64_t lastDts = kNoTime;
 };
 
+std::string TimecodeOf(const ZemEsDesc& desc) {
+    return zemav::TimecodeSpelling(StartTimecode(desc), zemav::CountsPairs(desc));
+}
+
 class CExport {
 public:
     CExport(const CommandLine& line, const ExportOptions& options)
@@ -113,6 +117,8 @@ void CExport::ReadHeads() {
             throw CZemError(ErrorKind::kRefused,
                             Printable(stream.name) + ": it was changed since it was imported");
         }
+        // A stripe is newer than what the clip came with.
+        if ((desc.flags & kEsFlagStriped) != 0) stream.head.timecode = TimecodeOf(desc);
         m_streams.push_back(std::move(stream));
     }
     file.Close();
@@ -132,8 +138,10 @@ void CExport::GuessHeads() {
         }
     }
     if (m_streams.empty()) {
-        throw CZemError(ErrorKind::kRefused, "there is no clip " + Printable(m_options.name) +
-                                                 " (neither .clip nor .v0 nor .a0)");
+        throw CZemError(
+            ErrorKind::kRefused,
+            "there is no clip " + Printable(m_options.name) + " (neither .clip nor .v0 nor .a0)", 0,
+            kReasonNoFile);
     }
 }
 
@@ -163,7 +171,7 @@ void CExport::GuessHead(const ZemEsDesc& desc, ExportStream& stream) {
         head.timeBase = {1, static_cast<int>(desc.sampleRate)};
     if (video) {
         head.rate = {static_cast<int>(desc.rateNumerator), static_cast<int>(desc.rateDenominator)};
-        head.timecode = zemav::TimecodeSpelling(desc.startTimecode, zemav::CountsPairs(desc));
+        head.timecode = TimecodeOf(desc);
     }
 }
 
@@ -287,7 +295,9 @@ void CExport::Summary() const {
 void AddExportVerb(CLI::App& app, CommandLine& line) {
     auto options = std::make_shared<ExportOptions>();
     CLI::App* verb = VerbGroup{app, line, "Clips"}.Add(
-        "export", "Make a clip of this machine from NAME.v0, NAME.a0 ... of the server",
+        "export",
+        "Make a clip of this machine from NAME.v0, NAME.a0 ... of the server. It begins at the "
+        "timecode that NAME.v0 was striped with, else at that of the clip that was brought in",
         [options, &line] { return CExport(line, *options).Run(); });
     verb->add_option("NAME", options->name, "Name on the server, without the stream's ending")
         ->required();

@@ -1,37 +1,29 @@
-// Verbs that change files and directories. The protocol reports success whatever happened, so each
-// verb that changes something looks afterwards whether it did.
+// Verbs that change files and directories, but for stripe. The protocol reports success whatever
+// happened, so each verb that changes something looks afterwards whether it did.
 #include <CLI/CLI.hpp>
 
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
-#include "apps/zem/demux.h"
 #include "apps/zem/output.h"
 #include "apps/zem/reasons.h"
 #include "apps/zem/session.h"
 #include "apps/zem/usage.h"
 #include "apps/zem/verbs.h"
-#include "mediaio/foreign/avdesc.h"
 
 namespace zem {
 namespace {
 
 struct FileOptions {
     std::string name;
-    std::string to;  // target of a move, start of a stripe
+    std::string to;  // target of a move
     std::vector<std::string> names;
     std::string aux;
     uint32_t from = 0;
     uint32_t count = 0;
-    uint32_t flags = 0;
     bool overHttp = false;
 };
 
 using OptionsPtr = std::shared_ptr<FileOptions>;
-
-// `why` is one of reasons.h.
-[[noreturn]] void ThrowNotDone(const std::string& message, const std::string& why = {}) {
-    throw CZemError(ErrorKind::kRefused, message + " (the server's log has the reason)" + why);
-}
 
 void PrintDone(const CommandLine& line, const char* what, const std::string& name) {
     if (!line.json) return;
@@ -44,8 +36,9 @@ int RemoveOverHttp(const CommandLine& line, const FileOptions& options) {
     for (const std::string& name : options.names) {
         const PageReply reply = http.Delete(UrlPathOf(name));
         if (reply.status != 200) {
-            ThrowNotDone(Printable(name) + " was not deleted: HTTP " +
-                         std::to_string(reply.status) + " " + Printable(reply.reason));
+            throw Refused(Printable(name) + " was not deleted: HTTP " +
+                              std::to_string(reply.status) + " " + Printable(reply.reason),
+                          {});
         }
         PrintDone(line, "removed", name);
     }
@@ -58,27 +51,31 @@ int Remove(const CommandLine& line, const FileOptions& options) {
     for (const std::string& name : options.names) {
         const std::u16string wide = FileNamed(name).name;
         const uint32_t before = session->Attributes(wide);
-        if (before == kNoAttributes)
-            throw CZemError(ErrorKind::kRefused, Printable(name) + ": there is no such file");
+        if (before == kNoAttributes) ThrowNoFile(name);
         session->Remove(wide);
         if (session->Attributes(wide) != kNoAttributes)
-            ThrowNotDone(Printable(name) + " was not deleted", WhyNotRemoved(before));
+            throw Refused(Printable(name) + " was not deleted", WhyNotRemoved(before));
         PrintDone(line, "removed", name);
     }
     return kExitOk;
+}
+
+void RequireNew(CZemClient& client, const std::string& name) {
+    if (client.Attributes(FileNamed(name).name) == kNoAttributes) return;
+    throw CZemError(ErrorKind::kRefused, Printable(name) + " exists", 0, kReasonExists);
 }
 
 int Move(const CommandLine& line, const FileOptions& options) {
     CSession session(line);
     const std::u16string from = FileNamed(options.name).name;
     const std::u16string to = FileNamed(options.to).name;
-    if (session->Attributes(from) == kNoAttributes)
-        throw CZemError(ErrorKind::kRefused, Printable(options.name) + ": there is no such file");
-    if (session->Attributes(to) != kNoAttributes)
-        throw CZemError(ErrorKind::kRefused, Printable(options.to) + " exists");
+    if (session->Attributes(from) == kNoAttributes) ThrowNoFile(options.name);
+    RequireNew(*session, options.to);
     session->Move(from, to);
-    if (session->Attributes(from) != kNoAttributes || session->Attributes(to) == kNoAttributes)
-        ThrowNotDone(Printable(options.name) + " was not moved", WhyNotNamed(*session, options.to));
+    if (session->Attributes(from) != kNoAttributes || session->Attributes(to) == kNoAttributes) {
+        throw Refused(Printable(options.name) + " was not moved",
+                      WhyNotNamed(*session, options.to));
+    }
     PrintDone(line, "moved", options.name);
     return kExitOk;
 }
@@ -86,44 +83,14 @@ int Move(const CommandLine& line, const FileOptions& options) {
 int MakeDirectory(const CommandLine& line, const FileOptions& options) {
     CSession session(line);
     const std::u16string name = FileNamed(options.name).name;
-    if (session->Attributes(name) != kNoAttributes)
-        throw CZemError(ErrorKind::kRefused, Printable(options.name) + " exists");
+    RequireNew(*session, options.name);
     session->MakeDirectory(name);
     const uint32_t after = session->Attributes(name);
     if (after == kNoAttributes || (after & kAttributeDirectory) == 0) {
-        ThrowNotDone(Printable(options.name) + " was not created",
-                     WhyNotNamed(*session, options.name));
+        throw Refused(Printable(options.name) + " was not created",
+                      WhyNotNamed(*session, options.name));
     }
     PrintDone(line, "created", options.name);
-    return kExitOk;
-}
-
-int Stripe(const CommandLine& line, const FileOptions& options) {
-    CSession session(line);
-    FileRef ref = FileNamed(options.name, options.aux);
-    vdrTimecode_s start{};
-    {
-        COpenFile file(*session, OpenNamed(*session, ref));
-        const ZemEsDesc before = session->FileInfo(file.Token());
-        if (!zemav::ParseTimecode(options.to, zemav::CountsPairs(before), start)) {
-            throw CZemError(ErrorKind::kUsage, "'" + Printable(options.to) +
-                                                   "' is no timecode of this file: HH:MM:SS:FF, "
-                                                   "or HH:MM:SS;FF for drop-frame");
-        }
-        file.Close();
-    }
-    ref.openFlags = kFileRead | kFileWrite;
-    session->StripeTimecode(ref, start, options.flags);
-    COpenFile file(*session, OpenNamed(*session, FileNamed(options.name, options.aux)));
-    const ZemEsDesc after = session->FileInfo(file.Token());
-    if ((after.flags & kEsFlagStriped) == 0 ||
-        TimecodeText(after.startTimecode) != TimecodeText(start)) {
-        ThrowNotDone(Printable(options.name) + " was not striped",
-                     after.rateNumerator == 0 ? ": a file without a frame rate has no timecodes"
-                                              : WhyNotChanged(after));
-    }
-    file.Close();
-    PrintDone(line, "striped", options.name);
     return kExitOk;
 }
 
@@ -136,10 +103,11 @@ int Erase(const CommandLine& line, const FileOptions& options) {
     RequireFirst(options.name, options.from, info.frameCount);
     const uint32_t left = info.frameCount - options.from;
     if (options.count > left) {
-        throw CZemError(ErrorKind::kRefused, Printable(options.name) + ": from " +
-                                                 std::to_string(options.from) + " on it has " +
-                                                 Counted(left, "frame") + ", not " +
-                                                 std::to_string(options.count));
+        throw CZemError(ErrorKind::kRefused,
+                        Printable(options.name) + ": from " + std::to_string(options.from) +
+                            " on it has " + Counted(left, "frame") + ", not " +
+                            std::to_string(options.count),
+                        0, kReasonNoFrame);
     }
     session->EraseSegment(file.Token(), options.from, options.from + options.count, info.mediaType);
     session->Flush(file.Token());
@@ -147,7 +115,7 @@ int Erase(const CommandLine& line, const FileOptions& options) {
         session->FrameDescs(file.Token(), options.from, options.count);
     for (size_t i = 0; i < descs.size(); ++i) {
         if ((descs[i].flags & kFrameFlagPresent) != 0)
-            ThrowNotDone("frame " + std::to_string(options.from + i) + " was not erased");
+            throw Refused("frame " + std::to_string(options.from + i) + " was not erased", {});
     }
     file.Close();
     PrintDone(line, "erased", options.name);
@@ -190,19 +158,11 @@ void AddChangeVerbs(const VerbGroup& verbs) {
                "the server",
                mkdir, &MakeDirectory);
     AddFileName(*verb, mkdir->name);
+}
 
-    auto stripe = std::make_shared<FileOptions>();
-    verb = Add(verbs, "stripe", "Write a running timecode into a media file", stripe, &Stripe);
-    AddFileName(*verb, stripe->name, &stripe->aux);
-    verb->add_option("TIMECODE", stripe->to, "Of the first frame: HH:MM:SS:FF, HH:MM:SS;FF")
-        ->required();
-    verb->add_option("--flags", stripe->flags, "Stripe flags of the server's media library")
-        ->type_name("N")
-        ->transform(WholeNumber(0))
-        ->capture_default_str();
-
+void AddFrameChangeVerbs(const VerbGroup& verbs) {
     auto erase = std::make_shared<FileOptions>();
-    verb =
+    CLI::App* verb =
         Add(verbs, "erase", "Erase frames of a media file; the space is given back", erase, &Erase);
     AddFileName(*verb, erase->name, &erase->aux);
     verb->add_option("--from", erase->from, "First frame to erase")
@@ -225,6 +185,8 @@ void AddChangeVerbs(const VerbGroup& verbs) {
 void AddFileVerbs(CLI::App& app, CommandLine& line) {
     const VerbGroup verbs{app, line, "Files"};
     AddChangeVerbs(verbs);
+    AddStripeVerb(app, line);
+    AddFrameChangeVerbs(verbs);
 }
 
 }  // namespace zem

@@ -191,18 +191,17 @@ bool AllEmpty(const std::vector<FrameDescEntry>& descs) {
 
 int Frames(const CommandLine& line, const FrameOptions& options) {
     constexpr uint32_t kChunk = 1024;
+    constexpr const char* kHeading = "     frame       size  flags  timecode";
     CSession session(line);
     const FileRef ref = FileNamed(options.name, options.aux);
     COpenFile file(*session, options.byName ? 0 : OpenNamed(*session, ref));
     const ZemEsDesc info =
-        options.byName ? session->FileInfo(ref) : session->FileInfo(file.Token());
+        options.byName ? InfoNamed(*session, ref) : session->FileInfo(file.Token());
     const uint32_t count = Wanted(options, PositionsAt(info, options.rate));
     CJson json;
     if (line.json) {
         json.Open('{').Text("name", options.name).Unsigned("frame_count", info.frameCount);
         json.Open('[', "frames");
-    } else {
-        PrintLine("     frame       size  flags  timecode");
     }
     for (uint32_t done = 0; done < count;) {
         if (StopRequested()) throw CZemError(ErrorKind::kInterrupted, "stopped");
@@ -217,6 +216,7 @@ int Frames(const CommandLine& line, const FrameOptions& options) {
                             "name before it looks, so most names are not found; ask without "
                             "--by-name");
         }
+        if (done == 0 && !line.json) PrintLine(kHeading);
         for (uint32_t i = 0; i < some; ++i) {
             const FrameDescEntry& desc = descs[i];
             if (!line.json) {
@@ -233,7 +233,10 @@ int Frames(const CommandLine& line, const FrameOptions& options) {
         }
         done += some;
     }
-    if (line.json) PrintLine(json.Close().Close().Str());
+    if (line.json)
+        PrintLine(json.Close().Close().Str());
+    else if (count == 0)
+        PrintLine(kHeading);
     file.Close();
     return kExitOk;
 }

@@ -52,7 +52,7 @@ void PrintInfoJson(const std::string& name, const ZemEsDesc& desc, bool cutOff) 
     json.Unsigned("width", desc.width).Unsigned("height", desc.height);
     json.Unsigned("sample_rate", desc.sampleRate).Unsigned("channels", desc.channels);
     json.Unsigned("bits_per_sample", desc.bitsPerSample);
-    json.Text("start_timecode", TimecodeText(desc.startTimecode));
+    json.Text("start_timecode", TimecodeText(StartTimecode(desc)));
     json.Bool("drop_frame", (desc.flags & kEsFlagDropFrame) != 0);
     json.Bool("striped", (desc.flags & kEsFlagStriped) != 0);
     json.Bool("growing", (desc.flags & kEsFlagGrowing) != 0);
@@ -66,7 +66,7 @@ int Info(const CommandLine& line, const InfoOptions& options) {
     const FileRef ref = FileNamed(options.name, options.aux);
     COpenFile file(*session, options.byName ? 0 : OpenNamed(*session, ref));
     const ZemEsDesc desc =
-        options.byName ? session->FileInfo(ref) : session->FileInfo(file.Token());
+        options.byName ? InfoNamed(*session, ref) : session->FileInfo(file.Token());
     const bool cutOff = !options.byName && IsCutOff(*session, file.Token(), desc);
     file.Close();
     if (line.json) {
@@ -83,7 +83,7 @@ int Info(const CommandLine& line, const InfoOptions& options) {
         std::printf("audio     %u Hz, %s, %u bits\n", desc.sampleRate,
                     Counted(desc.channels, "channel").c_str(), desc.bitsPerSample);
     }
-    std::printf("timecode  %s\n", TimecodeText(desc.startTimecode).c_str());
+    std::printf("timecode  %s\n", TimecodeText(StartTimecode(desc)).c_str());
     std::printf("flags     %s\n", EsFlagsText(desc.flags).c_str());
     if (cutOff) std::printf("cut off   the last frame lies behind the end of the file\n");
     return kExitOk;
@@ -93,6 +93,8 @@ int Marks(const CommandLine& line, const InfoOptions& options) {
     CSession session(line);
     const FileRef ref = FileNamed(options.name, options.aux);
     COpenFile file(*session, options.byName ? 0 : OpenNamed(*session, ref));
+    // Of names that are no file's the answer is what stood in the request.
+    if (options.byName) InfoNamed(*session, ref);
     const FileMarks marks = options.byName ? session->Marks(ref) : session->Marks(file.Token());
     file.Close();
     if (line.json) {
@@ -108,11 +110,14 @@ int Marks(const CommandLine& line, const InfoOptions& options) {
 
 int Space(const CommandLine& line, const InfoOptions& options) {
     CSession session(line);
-    const VolumeSpace space = session->Space(ToUtf16(options.volume, "the volume name"));
+    const std::u16string volume = ToUtf16(options.volume, "the volume name");
+    const VolumeSpace space = session->Space(volume);
     if (space.total_bytes == 0) {
-        throw CZemError(ErrorKind::kRefused,
-                        "the server could not tell the space of this volume (the server's log has "
-                        "the reason)");
+        const bool missing = !volume.empty() && session->Attributes(volume) == kNoAttributes;
+        throw Refused(
+            "the server could not tell the space of this volume",
+            missing ? Why{": there is no folder " + Printable(options.volume), kReasonNoFolder}
+                    : Why{});
     }
     if (line.json) {
         CJson json;
@@ -141,8 +146,7 @@ int Stat(const CommandLine& line, const InfoOptions& options) {
     CSession session(line);
     const std::u16string name = FileNamed(options.name).name;
     const uint32_t attributes = session->Attributes(name);
-    if (attributes == kNoAttributes)
-        throw CZemError(ErrorKind::kRefused, Printable(options.name) + ": there is no such file");
+    if (attributes == kNoAttributes) ThrowNoFile(options.name);
     const bool directory = (attributes & kAttributeDirectory) != 0;
     const uint64_t size_bytes = directory ? 0 : session->Size_bytes(name);
     CJson json;
@@ -188,7 +192,10 @@ void AddInfoVerbs(CLI::App& app, CommandLine& line) {
     verb->add_flag("--by-name", info->byName, "Ask without opening the file");
 
     auto marks = std::make_shared<InfoOptions>();
-    verb = Add(verbs, "marks", "The two marks of a media file", marks, &Marks);
+    verb =
+        Add(verbs, "marks",
+            "The two marks of a media file. They are set by a client that writes to the stream mk",
+            marks, &Marks);
     AddFileName(*verb, marks->name, &marks->aux);
     verb->add_flag("--by-name", marks->byName, "Ask without opening the file");
 

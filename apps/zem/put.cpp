@@ -17,6 +17,24 @@ extern "C" {
 
 namespace zem {
 
+void RequireClipName(const std::string& name) {
+    if (!name.empty() && !name.ends_with('/') && !name.ends_with('\\')) return;
+    throw CZemError(
+        ErrorKind::kUsage,
+        "'" + Printable(name) + "' has no name for the clip at its end, as in " + "media/clip");
+}
+
+// Its files would lie beside the folder, where nobody looks for them.
+void CPut::RequireNoFolder() {
+    const uint32_t attributes = m_session->Attributes(FileNamed(m_options.name).name);
+    if (attributes == kNoAttributes || (attributes & kAttributeDirectory) == 0) return;
+    const std::string name = Printable(m_options.name);
+    throw CZemError(
+        ErrorKind::kRefused,
+        name + " is a folder: say what the clip is to be called in it, as in " + name + "/clip", 0,
+        kReasonFolder);
+}
+
 int CPut::Run() {
     bool complete = false;
     try {
@@ -24,6 +42,7 @@ int CPut::Run() {
         ClipPacket first;
         if (!m_clip.Next(first))
             throw CZemError(ErrorKind::kLocalFile, Printable(m_options.clip) + ": no frame in it");
+        RequireNoFolder();
         CreateFiles();
         SendAll(first);
         if (m_options.import) Describe();
@@ -40,7 +59,7 @@ int CPut::Run() {
             left = TakeBack(error.Kind());
         else if (!complete && !m_files.empty())
             left = "; the files on the server are incomplete";
-        throw CZemError(error.Kind(), error.what() + left, error.Hr());
+        throw CZemError(error.Kind(), error.what() + left, error.Hr(), error.Reason());
     }
     Summary();
     return kExitOk;
@@ -72,15 +91,14 @@ void CPut::Create(PutFile file) {
     const uint32_t flags = kFileRead | kFileWrite | (replace ? kFileTruncate : kFileCreateNew);
     if (m_options.import && !m_options.force &&
         m_session->Attributes(FileNamed(file.name).name) != kNoAttributes) {
-        throw CZemError(ErrorKind::kRefused, Printable(file.name) + " exists; --force replaces it");
+        throw CZemError(ErrorKind::kRefused, Printable(file.name) + " exists; --force replaces it",
+                        0, kReasonExists);
     }
     try {
         file.token = m_session->Create(FileNamed(file.written).name, u"", file.desc, flags);
     } catch (const CZemError& error) {
         if (error.Kind() != ErrorKind::kRefused) throw;
-        throw CZemError(error.Kind(),
-                        error.what() + WhyNotCreated(*m_session, file.written, replace),
-                        error.Hr());
+        throw Explained(error, WhyNotCreated(*m_session, file.written, replace));
     }
     m_files.push_back(std::move(file));
 }

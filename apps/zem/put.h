@@ -60,6 +60,9 @@ bool IfImplemented(Call call) {
     }
 }
 
+// Throws CZemError(kUsage) for a name that ends where that of a clip would begin.
+void RequireClipName(const std::string& name);
+
 class CPut {
 public:
     CPut(const CommandLine& line, const PutOptions& options)
@@ -70,6 +73,7 @@ public:
 
 private:
     // Sending (put.cpp).
+    void RequireNoFolder();
     void CreateFiles();
     void Create(PutFile file);
     void PrepareHead(size_t stream, PutFile& file);

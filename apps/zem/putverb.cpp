@@ -57,8 +57,10 @@ void AddPutVerbs(CLI::App& app, CommandLine& line) {
     for (const Verb& each : verbs) {
         auto options = std::make_shared<PutOptions>();
         options->import = each.import;
-        CLI::App* verb = VerbGroup{app, line, "Clips"}.Add(
-            each.name, each.help, [options, &line] { return CPut(line, *options).Run(); });
+        CLI::App* verb = VerbGroup{app, line, "Clips"}.Add(each.name, each.help, [options, &line] {
+            RequireClipName(options->name);
+            return CPut(line, *options).Run();
+        });
         verb->add_option("CLIP", options->clip,
                          "MOV, MP4, MXF or other clip of this machine; - is stdin")
             ->type_name(kTypeFile)

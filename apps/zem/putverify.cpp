@@ -12,11 +12,13 @@ namespace zem {
 
 // The answer to a write says nothing of the disk; the commonest reason is told here.
 void CPut::ThrowLost(const PutFile& file, uint32_t position, const std::string& what) {
-    std::string reason = IfVolumeIsFull(*m_session);
-    if (reason.empty())
-        reason = "; the server answered its write with success, its log has the reason";
-    throw CZemError(ErrorKind::kRefused, Printable(file.name) + ": frame " +
-                                             std::to_string(position) + " " + what + reason);
+    Why why = IfVolumeIsFull(*m_session);
+    if (why.text.empty())
+        why.text = "; the server answered its write with success, its log has the reason";
+    throw CZemError(
+        ErrorKind::kRefused,
+        Printable(file.name) + ": frame " + std::to_string(position) + " " + what + why.text, 0,
+        why.word);
 }
 
 // A disk that is full takes no more: that shows here, and not when all has been sent in vain.

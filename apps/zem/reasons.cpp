@@ -1,6 +1,9 @@
 // See reasons.h.
 #include "apps/zem/reasons.h"
 
+#include <algorithm>
+#include <string_view>
+
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
 #include "apps/zem/output.h"
@@ -10,10 +13,11 @@ namespace {
 
 constexpr uint32_t kAttributeReadOnly = 0x1;
 constexpr const char* kFolder = ": it is a folder";
+constexpr std::string_view kInLog = " (its log has the reason)";
 
 // The failure that is explained is the one that counts: another one on the way explains nothing.
 template <typename Ask>
-std::string Asked(Ask ask) {
+Why Asked(Ask ask) {
     try {
         return ask();
     } catch (const CZemError&) {
@@ -32,15 +36,46 @@ std::u16string FolderOf(const std::u16string& name) {
 }
 
 // What is wrong with the folder that `name` is to lie in; a server makes folders for files only.
-std::string WhyNotIn(CZemClient& client, const std::u16string& name, bool mustBeThere) {
+Why WhyNotIn(CZemClient& client, const std::u16string& name, bool mustBeThere) {
     for (std::u16string folder = FolderOf(name); !folder.empty(); folder = FolderOf(folder)) {
         const uint32_t attributes = client.Attributes(folder);
         const std::string shown = Printable(ToUtf8(folder));
-        if (attributes == kNoAttributes && mustBeThere) return ": there is no folder " + shown;
+        if (attributes == kNoAttributes && mustBeThere)
+            return {": there is no folder " + shown, kReasonNoFolder};
         if (attributes == kNoAttributes) continue;
         if ((attributes & kAttributeDirectory) != 0) return {};
-        return ": " + shown + " is a file, and no folder";
+        return {": " + shown + " is a file, and no folder", kReasonNoFolder};
     }
+    return {};
+}
+
+// Whether a part of a name is that of a device, with whatever ending: "aux", "COM1.v0".
+bool NamesDevice(const std::string& part) {
+    std::string stem = part.substr(0, part.find('.'));
+    std::transform(stem.begin(), stem.end(), stem.begin(),
+                   [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 32) : c; });
+    for (const char* const device : {"CON", "PRN", "AUX", "NUL", "CONIN$", "CONOUT$"})
+        if (stem == device) return true;
+    return stem.size() == 4 && (stem.starts_with("COM") || stem.starts_with("LPT")) &&
+           stem[3] >= '0' && stem[3] <= '9';
+}
+
+std::string WhyBadPart(const std::string& part) {
+    constexpr size_t kLongest_bytes = 255;
+    constexpr std::string_view kRefused = ":*?\"<>|";
+    if (part.empty() || part == ".") return {};
+    if (part == "..") return "a name does not lead upwards: '..' is refused";
+    for (const char c : part) {
+        if (kRefused.find(c) != std::string_view::npos)
+            return std::string("a name has no '") + c + "' in it";
+        if (static_cast<uint8_t>(c) < 0x20) return "a name has no control characters in it";
+    }
+    if (part.ends_with('.') || part.ends_with(' ')) return "a name ends in no dot and no blank";
+    if (part.size() > kLongest_bytes) {
+        return "a part of the name has " + std::to_string(part.size()) + " bytes, the most are " +
+               std::to_string(kLongest_bytes);
+    }
+    if (NamesDevice(part)) return "'" + Printable(part) + "' is the name of a device";
     return {};
 }
 
@@ -62,84 +97,139 @@ bool CanBeRead(CZemClient& client, const FileRef& file) {
     }
 }
 
-std::string WhyNotOpened(CZemClient& client, const FileRef& file) {
-    if (!IsKnown(client))
-        return ": this client has not joined (--channel 255 joins none), or the volume is gone";
+Why WhyNotOpened(CZemClient& client, const FileRef& file) {
+    if (!IsKnown(client)) {
+        return {": this client has not joined (--channel 255 joins none), or the volume is gone",
+                kReasonNotJoined};
+    }
+    Why why = WhyBadName(file.name);
+    if (why.word != nullptr) return why;
     const uint32_t attributes = client.Attributes(file.name);
     if (attributes == kNoAttributes) {
-        std::string why = WhyNotIn(client, file.name, true);
-        return why.empty() ? ": there is no such file" : why;
+        why = WhyNotIn(client, file.name, true);
+        return why.word != nullptr ? why : Why{": there is no such file", kReasonNoFile};
     }
-    if ((attributes & kAttributeDirectory) != 0) return kFolder;
+    if ((attributes & kAttributeDirectory) != 0) return {kFolder, kReasonFolder};
     if ((file.openFlags & kFileWrite) != 0 && CanBeRead(client, file)) {
-        std::string why = WhyNotChanged(InfoOf(client, file));
-        return why.empty() ? ": it can be read; perhaps the server may not write it" : why;
+        why = WhyNotChanged(InfoOf(client, file));
+        return why.word != nullptr ? why
+                                   : Why{": it can be read; perhaps the server may not write it"};
     }
     FileRef whole = file;
     whole.aux.clear();
     if (!file.aux.empty() && CanBeRead(client, whole))
-        return ": it has no stream " + Printable(ToUtf8(file.aux));
+        return {": it has no stream " + Printable(ToUtf8(file.aux)), kReasonNoStream};
     const uint64_t size_bytes = client.Size_bytes(file.name);
-    if (size_bytes == 0) return ": it is empty";
-    return ": it is there, with " + HumanBytes(size_bytes) +
-           "; perhaps it is no media file, is damaged or cut off, or the server may not read it";
+    if (size_bytes == 0) return {": it is empty", kReasonEmpty};
+    return {": it is there, with " + HumanBytes(size_bytes) +
+            "; perhaps it is no media file, is damaged or cut off, or the server may not read it"};
+}
+
+// Does what is to be done with a file; a refusal says why.
+template <typename Do>
+auto WithReason(CZemClient& client, const FileRef& file, Do what) {
+    try {
+        return what();
+    } catch (const CZemError& error) {
+        if (error.Kind() != ErrorKind::kRefused) throw;
+        throw Explained(error, Asked([&] { return WhyNotOpened(client, file); }));
+    }
 }
 
 }  // namespace
 
+CZemError Refused(const std::string& message, const Why& why, int32_t hr) {
+    const char* const log = why.word != nullptr ? "" : " (the server's log has the reason)";
+    return {ErrorKind::kRefused, message + log + why.text, hr, why.word};
+}
+
+CZemError Explained(const CZemError& error, const Why& why) {
+    std::string message = error.what();
+    if (why.word != nullptr && message.ends_with(kInLog))
+        message.resize(message.size() - kInLog.size());
+    return {error.Kind(), message + why.text, error.Hr(), why.word};
+}
+
 uint64_t OpenNamed(CZemClient& client, const FileRef& file) {
-    try {
-        return client.Open(file);
-    } catch (const CZemError& error) {
-        if (error.Kind() != ErrorKind::kRefused) throw;
-        throw CZemError(error.Kind(),
-                        error.what() + Asked([&] { return WhyNotOpened(client, file); }),
-                        error.Hr());
+    return WithReason(client, file, [&] { return client.Open(file); });
+}
+
+ZemEsDesc InfoNamed(CZemClient& client, const FileRef& file) {
+    return WithReason(client, file, [&] { return client.FileInfo(file); });
+}
+
+void ThrowNoFile(const std::string& name) {
+    Why why = Asked([&] { return WhyBadName(ToUtf16(name, "the file name")); });
+    if (why.word == nullptr) why = {": there is no such file", kReasonNoFile};
+    throw Refused(Printable(name), why);
+}
+
+Why WhyBadName(const std::u16string& name) {
+    const std::string text = ToUtf8(name);
+    for (size_t at = 0; at <= text.size();) {
+        const size_t end = std::min(text.find_first_of("/\\", at), text.size());
+        const std::string why = WhyBadPart(text.substr(at, end - at));
+        if (!why.empty()) return {": " + why, kReasonBadName};
+        at = end + 1;
     }
-}
-
-std::string WhyNotCreated(CZemClient& client, const std::string& name, bool replace) {
-    return Asked([&]() -> std::string {
-        const std::u16string wide = ToUtf16(name, "the file name");
-        const uint32_t attributes = client.Attributes(wide);
-        if (attributes == kNoAttributes) {
-            std::string why = WhyNotIn(client, wide, false);
-            if (!why.empty()) return why;
-            const std::string full = IfVolumeIsFull(client);
-            return full.empty() ? ": perhaps the server may not write there" : full;
-        }
-        if ((attributes & kAttributeDirectory) != 0) return kFolder;
-        return replace ? ": perhaps somebody has it open, or the server may not write it"
-                       : ": it exists; --force replaces it";
-    });
-}
-
-std::string WhyNotNamed(CZemClient& client, const std::string& name) {
-    return Asked([&] { return WhyNotIn(client, ToUtf16(name, "the file name"), true); });
-}
-
-std::string WhyNotRemoved(uint32_t attributes) {
-    if ((attributes & kAttributeDirectory) != 0) {
-        return std::string(kFolder) +
-               ", which the protocol has no command for: that is done on the server";
-    }
-    if ((attributes & kAttributeReadOnly) != 0) return ": it is read-only";
-    return ": perhaps somebody has it open for writing, or the server may not write in its folder";
-}
-
-std::string WhyNotChanged(const ZemEsDesc& info) {
-    if ((info.flags & kEsFlagReadOnly) != 0)
-        return ": a file of a foreign format is only read; import it to change it";
-    if ((info.flags & kEsFlagGrowing) != 0) return ": somebody has it open for writing";
     return {};
 }
 
-std::string IfVolumeIsFull(CZemClient& client) {
-    return Asked([&]() -> std::string {
+Why WhyNotCreated(CZemClient& client, const std::string& name, bool replace) {
+    return Asked([&]() -> Why {
+        const std::u16string wide = ToUtf16(name, "the file name");
+        const uint32_t attributes = client.Attributes(wide);
+        if (attributes == kNoAttributes) {
+            Why why = WhyBadName(wide);
+            if (why.word == nullptr) why = WhyNotIn(client, wide, false);
+            if (why.word == nullptr) why = IfVolumeIsFull(client);
+            if (why.word == nullptr) why = {": perhaps the server may not write there"};
+            return why;
+        }
+        if ((attributes & kAttributeDirectory) != 0) return {kFolder, kReasonFolder};
+        if (!replace) return {": it exists; --force replaces it", kReasonExists};
+        return {": perhaps somebody has it open, or the server may not write it"};
+    });
+}
+
+Why WhyNotNamed(CZemClient& client, const std::string& name) {
+    return Asked([&] {
+        const std::u16string wide = ToUtf16(name, "the file name");
+        Why why = WhyBadName(wide);
+        if (why.word == nullptr) why = WhyNotIn(client, wide, true);
+        if (why.word == nullptr) why = IfVolumeIsFull(client);
+        if (why.word == nullptr) why = {": perhaps the server may not write there"};
+        return why;
+    });
+}
+
+Why WhyNotRemoved(uint32_t attributes) {
+    if ((attributes & kAttributeDirectory) != 0) {
+        return {std::string(kFolder) +
+                    ", which the protocol has no command for: that is done on the server",
+                kReasonFolder};
+    }
+    if ((attributes & kAttributeReadOnly) != 0) return {": it is read-only", kReasonReadOnly};
+    return {
+        ": perhaps somebody has it open for writing, or the server may not write in its folder"};
+}
+
+Why WhyNotChanged(const ZemEsDesc& info) {
+    if ((info.flags & kEsFlagReadOnly) != 0) {
+        return {": a file of a foreign format is only read; import it to change it",
+                kReasonReadOnly};
+    }
+    if ((info.flags & kEsFlagGrowing) != 0)
+        return {": somebody has it open for writing", kReasonInUse};
+    return {};
+}
+
+Why IfVolumeIsFull(CZemClient& client) {
+    return Asked([&]() -> Why {
         constexpr uint64_t kAsGoodAsNone_bytes = 16 << 20;
         const VolumeSpace space = client.Space(u"");
         if (space.total_bytes == 0 || space.free_bytes >= kAsGoodAsNone_bytes) return {};
-        return ": its volume is full (" + HumanBytes(space.free_bytes) + " free)";
+        return {": its volume is full (" + HumanBytes(space.free_bytes) + " free)", kReasonFull};
     });
 }
 

@@ -1,28 +1,45 @@
 // Why a server probably said no. Most of its answers do not tell, so what can be asked is asked
-// afterwards. A text begins with ": ", or is empty where nothing was found out; nothing here throws
-// but OpenNamed. Main thread only.
+// afterwards. Nothing here throws but what says so. Main thread only.
 #pragma once
 
 #include <cstdint>
 #include <string>
 
 #include "apps/zem/client/zemclient.h"
+#include "apps/zem/client/zemerror.h"
 
 namespace zem {
 
+struct Why {
+    std::string text;            // begins with ": "; empty where nothing was found out
+    const char* word = nullptr;  // of kReason…; null for what is a guess, and nothing
+};
+
+// A refusal with its reason. Where that is certain the user is not sent to the server's log, which
+// has one line for a file that is not there, and no name in it.
+CZemError Refused(const std::string& message, const Why& why, int32_t hr = 0);
+// The same of a refusal that was caught.
+CZemError Explained(const CZemError& error, const Why& why);
+
 // Opens a file; a refusal says why.
 uint64_t OpenNamed(CZemClient& client, const FileRef& file);
+// What is known of a file that is not opened; a refusal says why.
+ZemEsDesc InfoNamed(CZemClient& client, const FileRef& file);
+// Throws kRefused: nothing of this name is there.
+[[noreturn]] void ThrowNoFile(const std::string& name);
 
+// Why no server takes a name, if it is such a one.
+Why WhyBadName(const std::u16string& name);
 // Why a file could not be created; `replace`: one that exists was to be replaced.
-std::string WhyNotCreated(CZemClient& client, const std::string& name, bool replace);
+Why WhyNotCreated(CZemClient& client, const std::string& name, bool replace);
 // Why there is still nothing of this name, which a directory or a moved file was to have.
-std::string WhyNotNamed(CZemClient& client, const std::string& name);
+Why WhyNotNamed(CZemClient& client, const std::string& name);
 // Why a file is still there. `attributes` are those that it had.
-std::string WhyNotRemoved(uint32_t attributes);
+Why WhyNotRemoved(uint32_t attributes);
 // Why an open file, of which this is known, could not be changed.
-std::string WhyNotChanged(const ZemEsDesc& info);
+Why WhyNotChanged(const ZemEsDesc& info);
 
 // ": its volume is full (1.2 MiB free)" if it is.
-std::string IfVolumeIsFull(CZemClient& client);
+Why IfVolumeIsFull(CZemClient& client);
 
 }  // namespace zem

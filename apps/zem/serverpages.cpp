@@ -21,9 +21,10 @@ constexpr size_t kLongestLine_bytes = 779;
 PageReply GetPage(CHttpConnection& http, const char* path) {
     PageReply reply = http.Get(path);
     if (reply.status != 200) {
-        throw CZemError(ErrorKind::kBadReply, std::string(path) + ": HTTP " +
-                                                  std::to_string(reply.status) + " " +
-                                                  Printable(reply.reason));
+        throw CZemError(ErrorKind::kBadReply,
+                        "this does not look like a media server: " + std::string(path) + ": HTTP " +
+                            std::to_string(reply.status) + " " + Printable(reply.reason),
+                        0, kReasonOtherServer);
     }
     return reply;
 }

@@ -95,8 +95,10 @@ void RequireFirst(const std::string& name, uint32_t from, uint32_t count) {
     if (from == 0 || from < count) return;
     const std::string has =
         count == 0 ? "none" : Counted(count, "frame") + ", 0 to " + std::to_string(count - 1);
-    throw CZemError(ErrorKind::kRefused, Printable(name) + ": there is no frame " +
-                                             std::to_string(from) + ", it has " + has);
+    throw CZemError(
+        ErrorKind::kRefused,
+        Printable(name) + ": there is no frame " + std::to_string(from) + ", it has " + has, 0,
+        kReasonNoFrame);
 }
 
 void RequireRead(const std::string& name, uint32_t position, int32_t status) {

@@ -68,7 +68,8 @@ void AddPutVerbs(CLI::App& app, CommandLine& line);     // put import
 void AddExportVerb(CLI::App& app, CommandLine& line);   // export
 void AddFrameVerbs(CLI::App& app, CommandLine& line);   // framemd5 read frames
 void AddInfoVerbs(CLI::App& app, CommandLine& line);    // info marks df stat
-void AddFileVerbs(CLI::App& app, CommandLine& line);    // rm mv mkdir stripe erase flush
+void AddFileVerbs(CLI::App& app, CommandLine& line);    // rm mv mkdir erase flush, and the next
+void AddStripeVerb(CLI::App& app, CommandLine& line);   // stripe
 void AddPageVerbs(CLI::App& app, CommandLine& line);    // status clients get
 void AddTopVerb(CLI::App& app, CommandLine& line);      // top
 void AddBenchVerb(CLI::App& app, CommandLine& line);    // bench

@@ -114,7 +114,7 @@ class Bench(zemcase.OwnServerCase):
         run, = result['runs']
         self.assertEqual((run['mode'], result['lost']), ('write', None))
         self.assertEqual(sum(row['count'] for row in run['histogram']), run['frames'])
-        self.assertEqual(error, {'error': 'stopped', 'exit_code': 130, 'hresult': None})
+        self.assertEqual(error, {'error': 'stopped', 'exit_code': 130, 'hresult': None, 'reason': None})
 
     def stopped(self, *arguments):
         """What a bench printed that was stopped while it wrote, twice as timeout(1) does it."""

@@ -33,9 +33,9 @@ TEST_F(ZemCli, EveryVerbHasHelp) {
 TEST_F(ZemCli, FailuresAreJsonToo) {
     const Outcome refused = Run({"stat", "media/none", "--json"});
     EXPECT_EQ(refused.code, 1);
-    EXPECT_EQ(
-        refused.out,
-        "{\"error\":\"media/none: there is no such file\",\"exit_code\":1,\"hresult\":null}\n");
+    EXPECT_EQ(refused.out,
+              "{\"error\":\"media/none: there is no such file\",\"exit_code\":1,\"hresult\":null,"
+              "\"reason\":\"no_such_file\"}\n");
     EXPECT_EQ(refused.err, "zem: media/none: there is no such file\n");
     const CClosedPort nowhere;
     const Outcome away = RunOn(nowhere.Url(), {"--json", "status"});
@@ -48,7 +48,7 @@ TEST_F(ZemCli, FailuresAreJsonToo) {
     EXPECT_EQ(parser.code, 2);
     EXPECT_EQ(parser.out,
               "{\"error\":\"info needs NAME (File on the server); see zem info --help\","
-              "\"exit_code\":2,\"hresult\":null}\n");
+              "\"exit_code\":2,\"hresult\":null,\"reason\":null}\n");
     const Outcome number = Run({"--json", "info", "media/none"});
     EXPECT_TRUE(Has(number.out, "\"hresult\":\"0x80004005\"")) << number.out;
 }
@@ -170,6 +170,18 @@ TEST_F(ZemCli, AnotherKindOfServerIs4) {
     });
     EXPECT_EQ(RunOn(other.Url(), {"status"}).code, 4);
     EXPECT_EQ(RunOn(other.Url(), {"info", "media/x"}).code, 4);
+    CScriptServer none([](const ScriptRequest&) {
+        return ScriptAnswer{PageReplyBytes(404, "Not Found", ""), false};
+    });
+    for (const auto& [verb, asked] :
+         {std::pair{"status", "/media/status"}, std::pair{"clients", "/media/clients"},
+          std::pair{"df", "CMD_JOIN"}}) {
+        const Outcome outcome = RunOn(none.Url(), {verb, "--json"});
+        EXPECT_EQ(outcome.code, 4);
+        EXPECT_EQ(outcome.err, std::string("zem: this does not look like a media server: ") +
+                                   asked + ": HTTP 404 Not Found; zem doctor tells why\n");
+        EXPECT_TRUE(Has(outcome.out, "\"reason\":\"not_a_media_server\"")) << outcome.out;
+    }
 }
 
 TEST_F(ZemCli, AServersAddressIsCheckedBeforeItIsUsed) {

@@ -21,6 +21,10 @@ std::string NameAt(const std::string& bytes, size_t at) {
         name.push_back(bytes.at(at));
     return name;
 }
+// Striped, and in drop-frame if the command or the address says so.
+uint32_t StripedFlags(const std::string& body) {
+    return 2 | (U32(body, 1052) & 1) | (U32(body, 1048) >> 6 & 1);
+}
 const uint32_t kReplyCode[27] = {0,  2,  2,  3,  4,  5,  6,  6,  7,  7,  8,  9,  9, 10,
                                  11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 21, 22, 23};
 
@@ -105,7 +109,7 @@ std::string CFakeMedia::Body(uint32_t code, const std::string& body) {
             m_tokens.erase(U64(body, 0));
             return ok;
         case 19:
-            return ok + Le32(0) + Le64(4000) + Le64(freeSpace_bytes);
+            return ok + Le32(0) + Le64(totalSpace_bytes) + Le64(freeSpace_bytes);
         default:
             return FileBody(code, body);
     }
@@ -123,7 +127,7 @@ std::string CFakeMedia::FileBody(uint32_t code, const std::string& body) {
     switch (code) {
         case 6:
         case 7: {
-            if (file == nullptr) return ok + std::string(56, '\0');
+            if (file == nullptr || file->isDirectory) return ok + std::string(56, '\0');
             const uint32_t count = file->frames.empty() ? 0 : file->frames.rbegin()->first + 1;
             std::string desc = file->desc;
             return ok + desc.replace(36, 4, Le32(count));
@@ -135,12 +139,14 @@ std::string CFakeMedia::FileBody(uint32_t code, const std::string& body) {
             reply.resize(24 * U32(body, 1052) - 4);
             return reply;
         }
+        case 12:  // of names that are no file's the request's own bytes come back
+            if (file == nullptr || file->isDirectory) return ok + body.substr(0, 8);
+            [[fallthrough]];
         case 11:
-        case 12:
             return ok + Le32(3) + Le32(7);
         case 13:
             if (file != nullptr && noWrite.count(name) == 0)
-                file->desc.replace(40, 8, body.substr(1048, 4) + Le32(2));
+                file->desc.replace(40, 8, body.substr(1048, 4) + Le32(StripedFlags(body)));
             return ok;
         case 20:
             return ok + Le32(file == nullptr ? 0xFFFFFFFF : file->isDirectory ? 0x10 : 0x80);
@@ -176,7 +182,7 @@ std::string CFakeMedia::FileBody(uint32_t code, const std::string& body) {
 std::string CFakeMedia::FrameDescs(const File* file, uint32_t position, uint32_t count) const {
     std::string reply = Le32(0) + Le32(count);
     for (uint32_t i = 0; i < count; ++i) {
-        const bool there = file != nullptr && file->frames.count(position + i) != 0;
+        const bool there = !noDescs && file != nullptr && file->frames.count(position + i) != 0;
         reply += there ? Le32(static_cast<uint32_t>(file->frames.at(position + i).size())) +
                              Le32(3) + Le32(0x01000000)
                        : std::string(12, '\0');

@@ -26,7 +26,9 @@ public:
     std::set<uint32_t> ignored;      // commands that answer success and do nothing
     std::set<std::string> noCreate;  // names whose creation fails
     std::set<std::string> noWrite;   // names that are only read
+    uint64_t totalSpace_bytes = 4000;
     uint64_t freeSpace_bytes = 1000;
+    bool noDescs = false;   // frames have no descriptors
     int shortOfMemory = 0;  // so many frame reads fail with the out-of-resources result first
 
     std::map<std::string, File> files;  // names narrowed to 8 bits

@@ -98,7 +98,9 @@ class RoundTrip(zemcase.OwnServerCase):
         self.zem('stripe', name, '10:00:59:24')
         frames = json.loads(self.zem('frames', name, '--json', '--count', '2'))['frames']
         self.assertEqual([frame['timecode'] for frame in frames], ['10:00:59:24', '10:01:00:00'])
-        self.zem('stripe', name, '10:00:59:25', code=1)  # no such address at 25 frames per second
+        # No such addresses at 25 frames a second, and the file looks as if it had been striped with the first.
+        for start, flags in (('10:00:59:24', '1'), ('10:00:59:25', '0'), ('10:00:59;24', '0')):
+            self.zem('stripe', name, start, '--flags', flags, code=1)
         self.zem('erase', name, '--from', '10', '--count', '5')
         listing = self.zem('framemd5', name)
         self.assertEqual(columns(listing), self.video[:10] + self.video[15:])

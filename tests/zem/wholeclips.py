@@ -32,6 +32,16 @@ class WholeClips(zemcase.ZemCase):
                     for path in (source, target)]
             self.assertEqual(*tags)
 
+    def test_a_stripe_counts_for_what_is_exported(self):
+        for verb in ('import', 'put'):
+            for flags, start in (('0', '20:00:00;00'), ('1', '20:00:00:00')):
+                name, target = 'media/%s%s' % (verb, flags), self.target(verb + flags + '.mov')
+                self.zem(verb, self.path('mjpeg.mov'), name)
+                self.zem('stripe', name + '.v0', start, '--flags', flags)
+                self.zem('export', name, target)
+                self.assertEqual(clips.probe(target, 'stream_tags=timecode', 'v:0')['streams'][0]['tags']['timecode'],
+                                 '20:00:00;00')
+
     def test_sound_is_cut_to_the_pictures(self):
         self.zem('import', self.path('mjpeg.mov'), 'media/cut')
         sizes = [size for size, _ in clips.columns(self.zem('framemd5', 'media/cut.a0'))]

@@ -90,7 +90,8 @@ struct ReplyHead {
         throw CZemError(ErrorKind::kRefused, "the server could not read the request: " + what,
                         kHrUnexpected);
     }
-    throw CZemError(ErrorKind::kBadReply, "this does not look like a media server: " + what);
+    throw CZemError(ErrorKind::kBadReply, "this does not look like a media server: " + what, 0,
+                    kReasonOtherServer);
 }
 
 ReplyHead CheckHead(const HttpReply& reply, Command command, uint32_t trans_id) {

@@ -20,16 +20,35 @@ enum class ErrorKind {
 
 class CZemError : public std::runtime_error {
 public:
-    CZemError(ErrorKind kind, const std::string& message, int32_t hr = 0)
-        : std::runtime_error(message), m_kind(kind), m_hr(hr) {}
+    CZemError(ErrorKind kind, const std::string& message, int32_t hr = 0,
+              const char* reason = nullptr)
+        : std::runtime_error(message), m_kind(kind), m_hr(hr), m_reason(reason) {}
 
     ErrorKind Kind() const { return m_kind; }
     int32_t Hr() const { return m_hr; }  // 0 when the error carries none
+    // A word for programs, of kReason…; null when it is not known.
+    const char* Reason() const { return m_reason; }
 
 private:
     ErrorKind m_kind;
     int32_t m_hr;
+    const char* m_reason;
 };
+
+inline constexpr const char* kReasonNoFile = "no_such_file";
+inline constexpr const char* kReasonNoFolder = "no_such_folder";
+inline constexpr const char* kReasonNoStream = "no_such_stream";
+inline constexpr const char* kReasonNoFrame = "no_such_frame";
+inline constexpr const char* kReasonNoTimecode = "no_such_timecode";
+inline constexpr const char* kReasonFolder = "is_folder";
+inline constexpr const char* kReasonExists = "exists";
+inline constexpr const char* kReasonBadName = "bad_name";
+inline constexpr const char* kReasonEmpty = "empty";
+inline constexpr const char* kReasonReadOnly = "read_only";
+inline constexpr const char* kReasonInUse = "in_use";
+inline constexpr const char* kReasonFull = "volume_full";
+inline constexpr const char* kReasonOtherServer = "not_a_media_server";
+inline constexpr const char* kReasonNotJoined = "not_joined";
 
 // The results that a client meets. The first group is the system's own numbering, the last two are
 // the media library's.
