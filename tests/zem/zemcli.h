@@ -81,6 +81,16 @@ protected:
     CScriptServer m_server;
 };
 
+// A server with one file, of which one frame is missing.
+class ZemCliFiles : public ZemCli {
+protected:
+    ZemCliFiles() {
+        CFakeMedia::File& file = m_media.files["media/v"];
+        file.desc = Le32(0x10038) + Le32(1) + "jpeg" + Le32(25) + Le32(1) + std::string(36, '\0');
+        file.frames = {{0, "first"}, {1, "second"}, {3, "fourth"}};
+    }
+};
+
 inline bool Has(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
