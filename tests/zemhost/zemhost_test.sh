@@ -54,6 +54,48 @@ case_run_refuses_wrong_options() {
     last_line_is 'run: --volume needs a value; see ./run --help'
     expect 2 --prot 8080
     last_line_is 'run: there is no option --prot; see ./run --help'
+    for wrong in 0 65536 http 123456; do
+        expect 2 --port "$wrong"
+        last_line_is "run: '$wrong' is not a port; give a number from 1 to 65535 with --port"
+    done
+    expect 2 --volume "$work/none"
+    last_line_is "run: there is no directory $work/none; see ./run --help"
+    expect 2 --registry "$work/none"
+    last_line_is "run: there is no file $work/none; see ./run --help"
+}
+
+case_test_tells_its_options_before_it_builds() {
+    mkdir "$work/tree"
+    cp "$source_dir/test" "$work/tree/test"
+    ln -s "$source_dir/packaging" "$work/tree/packaging"
+    zemhost=$work/tree/test
+    for option in --help -h; do
+        expect 0 "$option"
+        for told in -R -L --coverage --windows 'ninja -C build/release commands_test'; do says out "$told"; done
+        [ ! -e "$work/tree/build" ] || fail 'it builds'
+    done
+}
+
+case_run_waits_for_another_build_in_its_folder() {
+    tree=$work/tree
+    mkdir -p "$tree/build/release" "$work/built"
+    : >"$tree/build/release/build.ninja"
+    cp "$source_dir/run" "$tree/run"
+    ln -s "$source_dir/packaging" "$tree/packaging"
+    printf '#!/bin/sh\ntouch "%s"\n' "$work/was_built" >"$work/built/ninja"
+    chmod +x "$work/built/ninja"
+    mkfifo "$work/pipe"
+    exec 8>"$tree/build/release.lock"
+    flock 8
+    PATH=$work/built:$PATH "$tree/run" --build >"$work/out" 2>"$work/pipe" 8>&- &
+    pid=$!
+    exec 5<"$work/pipe"
+    line=''
+    until [ "$line" = 'Waiting for another build of release' ]; do read -t 120 -r line <&5 || fail 'it does not wait'; done
+    [ ! -e "$work/was_built" ] || fail 'it builds beside the other'
+    flock -u 8
+    expect_end run
+    [ -e "$work/was_built" ] || fail 'it does not build afterwards'
 }
 
 # start_run OPTION...: starts the script in a tree of links, so that the volume that it makes is not the developer's. Its ready
@@ -173,6 +215,24 @@ case_address_of_another_machine() {
 case_log_file_cannot_be_opened() {
     expect 3 --listen 127.0.0.1 --port "$(random_port)" --volume "$work" --log "$work/none/log"
     last_line_is "zemhost: cannot open the log file '$work/none/log': No such file or directory; give another with --log FILE."
+}
+
+# Nobody reads the pipe: opening it must not wait, for a start that waits holds the port and hears no signal.
+case_log_file_is_a_pipe_that_nobody_reads() {
+    mkfifo "$work/log"
+    drop=(timeout -s KILL 60)
+    expect 3 --listen 127.0.0.1 --port "$(random_port)" --volume "$work" --log "$work/log"
+    last_line_is "zemhost: cannot open the log file '$work/log': No such device or address; give another with --log FILE."
+}
+
+case_log_goes_to_a_pipe_that_is_read() {
+    mkfifo "$work/log"
+    exec 8<>"$work/log"
+    start --log "$work/log"
+    ask 'POST /media/ HTTP/1.1\r\nHost: x\r\nZem-Id: studio-1\r\nContent-Length: 16\r\nConnection: close\r\n\r\n\1\0\0\0\17\0\0\0\4\0\0\0\0\0\0\0'
+    stop TERM
+    local logged=''
+    until [[ $logged == *Joining* ]]; do read -t 120 -r logged <&8 || fail 'no join in the log'; done
 }
 
 case_port_taken() {
