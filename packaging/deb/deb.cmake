@@ -1,7 +1,9 @@
 # The Debian package: `cpack` in the build folder, which first builds what is missing of it.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME zemhttpd)
-set(CPACK_PACKAGE_CONTACT "The zemhttpd authors <zemhttpd@localhost.invalid>")
+if(NOT CPACK_PACKAGE_CONTACT)  # who builds it for others names himself
+    set(CPACK_PACKAGE_CONTACT "The zemhttpd authors <zemhttpd@localhost.invalid>")
+endif()
 set(CPACK_PACKAGE_DIRECTORY ${CMAKE_BINARY_DIR})
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 # Whatever was built before: ./run builds the programs only, and a package of half of it is none.
