@@ -37,6 +37,8 @@ private:
     void TryFrameSize();
     void RunAll();
     void CleanUp();
+    // Throws that failure again, with the names of what could not be deleted.
+    [[noreturn]] void Fail(const std::exception_ptr& failure) const;
     // Calls `work` in a thread per connection. Throws what the first of them threw; a failure ends
     // the others.
     template <typename Work>
@@ -83,7 +85,7 @@ void CBench::TryFrameSize() {
         });
     } catch (...) {
         CleanUp();
-        throw;
+        Fail(std::current_exception());
     }
     CleanUp();
     m_workers.clear();
@@ -200,6 +202,19 @@ void CBench::CleanUp() {
         worker->CleanUp();
 }
 
+void CBench::Fail(const std::exception_ptr& failure) const {
+    std::string left;
+    for (const std::unique_ptr<CBenchWorker>& worker : m_workers)
+        if (worker->LeftFile()) left += (left.empty() ? "" : ", ") + Printable(worker->FileName());
+    try {
+        std::rethrow_exception(failure);
+    } catch (const CZemError& error) {
+        if (left.empty()) throw;
+        throw CZemError(error.Kind(), std::string(error.what()) + "; not deleted: " + left,
+                        error.Hr());
+    }
+}
+
 int CBench::Go() {
     CheckRoom();
     for (unsigned i = 1; i <= m_plan.connections; ++i)
@@ -215,7 +230,7 @@ int CBench::Go() {
         m_report.lost += worker->lost;
     // Stopped or failed: what was measured until then is told all the same.
     if (!m_report.runs.empty()) (m_line.json ? PrintBenchJson : PrintBench)(m_plan, m_report);
-    if (end) std::rethrow_exception(end);
+    if (end) Fail(end);
     return m_report.lost == 0 ? kExitOk : kExitFailed;
 }
 

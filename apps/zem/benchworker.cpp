@@ -66,10 +66,7 @@ void CBenchWorker::Prepare() {
                                   kFileRead | kFileWrite | kFileCreateNew);
     } catch (const CZemError& error) {
         if (error.Kind() != ErrorKind::kRefused) throw;
-        throw CZemError(error.Kind(),
-                        std::string(error.what()) + "; may the server write the folder " +
-                            (m_plan.folder.empty() ? "of its root" : Printable(m_plan.folder)) +
-                            "?",
+        throw CZemError(error.Kind(), error.what() + WhyNotCreated(m_client, m_name, false),
                         error.Hr());
     }
     m_created = true;
@@ -216,10 +213,15 @@ void CBenchWorker::CleanUp() noexcept {
         }
     };
     if (m_token != 0) quietly([&] { m_client.Close(m_token); });
-    if (m_created) quietly([&] { m_client.Remove(FileNamed(m_name).name); });
+    if (m_created) {
+        quietly([&] {
+            m_client.Remove(FileNamed(m_name).name);
+            m_created = false;
+        });
+    }
     if (m_joined) quietly([&] { m_client.Leave(); });
     m_token = 0;
-    m_created = m_joined = false;
+    m_joined = false;
 }
 
 }  // namespace zem

@@ -57,6 +57,8 @@ public:
     void Read(Clock::time_point start);
     // Closes, leaves, and deletes what it made; never throws.
     void CleanUp() noexcept;
+    // Whether the file that it made is still there: what cannot be reached cannot be deleted.
+    bool LeftFile() const { return m_created; }
 
     BenchResult result;  // of the run that ended last
     uint64_t lost = 0;   // frames that Check did not find

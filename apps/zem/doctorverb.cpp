@@ -9,12 +9,14 @@
 #include <cmath>
 #include <cstdio>
 #include <ctime>
+#include <utility>
 
 #include "apps/generated/version.h"
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
 #include "apps/zem/latency.h"
 #include "apps/zem/output.h"
+#include "apps/zem/reasons.h"
 #include "apps/zem/serverpages.h"
 #include "apps/zem/session.h"
 #include "apps/zem/terminal.h"
@@ -72,6 +74,7 @@ private:
     void Volume();
     void Join();
     void Frames();
+    void WriteAndRead(const NearestFolder& folder);
     void Download();
     void Delete();
 
@@ -82,7 +85,8 @@ private:
     PageReply m_status;  // the status page with its headers
     std::time_t m_askedAt = 0;
     std::time_t m_answeredAt = 0;
-    std::string m_name;  // of the file that it writes
+    std::string m_name;          // of the file that it writes
+    bool m_reasonFound = false;  // what failed last says why: its advice would only guess
     std::array<uint64_t, kFindings.size()> m_count{};
     int m_exit = kExitOk;
     CJson m_json;
@@ -120,7 +124,8 @@ bool CDoctor::Try(const char* check, const char* advice, Check run, const char* 
         if (error.Kind() == ErrorKind::kUnreachable) m_exit = kExitUnreachable;
         if (error.Kind() == ErrorKind::kBadReply && m_exit == kExitOk) m_exit = kExitBadReply;
         const bool stranger = error.Kind() == ErrorKind::kBadReply && toStranger != nullptr;
-        Say(Finding::kFail, check, error.what(), stranger ? toStranger : advice);
+        const char* const todo = stranger ? toStranger : advice;
+        Say(Finding::kFail, check, error.what(), std::exchange(m_reasonFound, false) ? "" : todo);
         return false;
     }
 }
@@ -238,6 +243,18 @@ void CDoctor::Join() {
 
 void CDoctor::Frames() {
     const NearestFolder folder = FindNearestFolder(*m_client, m_options.folder);
+    try {
+        WriteAndRead(folder);
+    } catch (const CZemError& error) {
+        if (error.Kind() != ErrorKind::kRefused) throw;
+        std::string why = WhyNotNamed(*m_client, PathIn(folder.path, "file"));
+        if (why.empty()) why = IfVolumeIsFull(*m_client);
+        m_reasonFound = !why.empty();
+        throw CZemError(error.Kind(), error.what() + why, error.Hr());
+    }
+}
+
+void CDoctor::WriteAndRead(const NearestFolder& folder) {
     m_name = PathIn(folder.path, "zem-doctor" + DefaultClientId().substr(3));
     ZemEsDesc desc{};
     desc.sizeVersion = kEsDescVersion1;
@@ -310,7 +327,7 @@ void CDoctor::Delete() {
 
 int CDoctor::Run() {
     constexpr const char* kNoRights =
-        "may the service's user write there, and is there space? The server's log has the reason";
+        "may the service's user write there? The server's log has the reason";
     m_client = std::make_unique<CZemClient>(m_connection);
     m_client->Http().SetStopCheck(&StopRequested);
     if (m_line.json) m_json.Open('{').Text("server", m_line.server).Open('[', "checks");

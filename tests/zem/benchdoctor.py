@@ -93,7 +93,23 @@ class Bench(zemcase.OwnServerCase):
     def test_a_folder_that_cannot_be_says_so(self):
         done = self.run_zem('bench', '--seconds', '0.2', '--folder', '../out')
         self.assertEqual(done.returncode, 1)
-        self.assertIn('may the server write the folder ../out?', done.stderr)
+        self.assertRegex(done.stderr, r'the server could not create .*: .')
+
+    def test_a_folder_that_is_a_file_says_so(self):
+        with open(os.path.join(self.media, 'flat'), 'wb'):
+            pass
+        done = self.run_zem('bench', '--seconds', '0.2', '--folder', 'media/flat')
+        self.assertEqual(done.returncode, 1)
+        self.assertRegex(done.stderr, r'could not create .*: media/flat is a file, and no folder\n$')
+
+    def test_what_it_cannot_delete_it_names(self):
+        process = self.writing('--frames', '2', '--frame-size', '1k')
+        left = sorted('media/' + name for name in os.listdir(self.media))
+        self.server.kill()
+        self.addCleanup(self.server.start)  # for the clean-up, which expects one that stops in order
+        _, errors = process.communicate(timeout=60)
+        self.assertEqual(process.returncode, 3, errors)
+        self.assertIn('; not deleted: %s;' % ', '.join(left), errors)
 
     def test_more_than_the_volume_holds_is_not_begun(self):
         done = self.run_zem('bench', '--frame-size', '120M', '--frames', '1000000')
@@ -118,6 +134,17 @@ class Bench(zemcase.OwnServerCase):
 
     def stopped(self, *arguments):
         """What a bench printed that was stopped while it wrote, twice as timeout(1) does it."""
+        process = self.writing(*arguments)
+        process.send_signal(signal.SIGTERM)
+        process.send_signal(signal.SIGTERM)
+        text, errors = process.communicate(timeout=60)
+        self.assertEqual((process.returncode, errors), (130, 'zem: stopped\n'))
+        self.assertEqual(os.listdir(self.media), [])
+        self.assertEqual(self.zem('clients'), 'No clients\n')
+        return text
+
+    def writing(self, *arguments):
+        """A bench all of whose connections have made their files and written to them, again and again."""
         process = subprocess.Popen(self.command('bench', '--seconds', '600', *arguments), stdout=subprocess.PIPE,
                                    stderr=subprocess.PIPE, text=True)
 
@@ -126,16 +153,10 @@ class Bench(zemcase.OwnServerCase):
                      if name.startswith('zem-bench')]
             return len(sizes) == 4 and min(sizes) > 64 * 1024
 
-        while not written():  # all connections have made their files and written to them, again and again
+        while not written():
             self.assertIsNone(process.poll(), 'it ended by itself')
             time.sleep(0.01)
-        process.send_signal(signal.SIGTERM)
-        process.send_signal(signal.SIGTERM)
-        text, errors = process.communicate(timeout=60)
-        self.assertEqual((process.returncode, errors), (130, 'zem: stopped\n'))
-        self.assertEqual(os.listdir(self.media), [])
-        self.assertEqual(self.zem('clients'), 'No clients\n')
-        return text
+        return process
 
     def test_an_unreachable_server_is_3(self):
         with closed_port() as port:
@@ -205,6 +226,13 @@ class Doctor(zemcase.OwnServerCase):
         self.assertEqual(found['frames']['result'], 'fail')
         self.assertNotIn('download', found)
         self.assertNotIn('delete', found)
+
+    def test_a_folder_that_is_a_file(self):
+        with open(os.path.join(self.media, 'flat'), 'wb'):
+            pass
+        frames = self.doctor('--folder', 'media/flat', code=1)['frames']
+        self.assertTrue(frames['text'].endswith(': media/flat is a file, and no folder'), frames)
+        self.assertIsNone(frames['advice'])
 
     def test_nobody_there_is_3(self):
         with closed_port() as port:
