@@ -3,6 +3,7 @@
 //
 //   c++ -std=c++20 host.cpp $(pkg-config --cflags --libs zemhttpd) -o host && ./host zemhttpd.reg
 #include <cstdio>
+#include <fstream>
 
 #include "mediaio/errorlog/sink.h"
 #include "zemhttpd/entry/zemhttpd.h"
@@ -11,6 +12,10 @@ int main(int argc, char** argv) {
     if (argc != 2) {
         std::fprintf(stderr, "host REGISTRY_FILE\n");
         return 2;
+    }
+    if (!std::ifstream(argv[1])) {  // to the server it would be empty: port 80 of every address
+        std::fprintf(stderr, "host: cannot read %s\n", argv[1]);
+        return 1;
     }
     SetRegistryFile(argv[1]);  // on Windows the registry is the system's
 

@@ -40,6 +40,13 @@ case $way in
         ;;
 esac
 
+# A registry file that is missing would leave it without a volume, at port 80 of every address.
+status=0
+"$host" "$work/none.reg" </dev/null >"$work/out" 2>"$work/err" || status=$?
+[ "$status" -eq 1 ] || fail "without its registry file it ends with $status"
+grep -qxF "host: cannot read $work/none.reg" "$work/err" || fail 'it does not say what is missing'
+rm "$work/out"
+
 mkdir "$work/volume"
 mkfifo "$work/in" "$work/out"
 ready=''
