@@ -211,7 +211,7 @@ void CBench::Fail(const std::exception_ptr& failure) const {
     } catch (const CZemError& error) {
         if (left.empty()) throw;
         throw CZemError(error.Kind(), std::string(error.what()) + "; not deleted: " + left,
-                        error.Hr());
+                        error.Hr(), error.Reason());
     }
 }
 

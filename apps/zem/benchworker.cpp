@@ -66,8 +66,7 @@ void CBenchWorker::Prepare() {
                                   kFileRead | kFileWrite | kFileCreateNew);
     } catch (const CZemError& error) {
         if (error.Kind() != ErrorKind::kRefused) throw;
-        throw CZemError(error.Kind(), error.what() + WhyNotCreated(m_client, m_name, false),
-                        error.Hr());
+        throw Explained(error, WhyNotCreated(m_client, m_name, false));
     }
     m_created = true;
     m_frames = m_plan.frames;

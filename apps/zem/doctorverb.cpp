@@ -9,7 +9,6 @@
 #include <cmath>
 #include <cstdio>
 #include <ctime>
-#include <utility>
 
 #include "apps/generated/version.h"
 #include "apps/zem/client/text.h"
@@ -85,8 +84,7 @@ private:
     PageReply m_status;  // the status page with its headers
     std::time_t m_askedAt = 0;
     std::time_t m_answeredAt = 0;
-    std::string m_name;          // of the file that it writes
-    bool m_reasonFound = false;  // what failed last says why: its advice would only guess
+    std::string m_name;  // of the file that it writes
     std::array<uint64_t, kFindings.size()> m_count{};
     int m_exit = kExitOk;
     CJson m_json;
@@ -124,8 +122,9 @@ bool CDoctor::Try(const char* check, const char* advice, Check run, const char* 
         if (error.Kind() == ErrorKind::kUnreachable) m_exit = kExitUnreachable;
         if (error.Kind() == ErrorKind::kBadReply && m_exit == kExitOk) m_exit = kExitBadReply;
         const bool stranger = error.Kind() == ErrorKind::kBadReply && toStranger != nullptr;
+        // Where the reason is certain, advice would only guess.
         const char* const todo = stranger ? toStranger : advice;
-        Say(Finding::kFail, check, error.what(), std::exchange(m_reasonFound, false) ? "" : todo);
+        Say(Finding::kFail, check, error.what(), error.Reason() ? "" : todo);
         return false;
     }
 }
@@ -247,10 +246,9 @@ void CDoctor::Frames() {
         WriteAndRead(folder);
     } catch (const CZemError& error) {
         if (error.Kind() != ErrorKind::kRefused) throw;
-        std::string why = WhyNotNamed(*m_client, PathIn(folder.path, "file"));
-        if (why.empty()) why = IfVolumeIsFull(*m_client);
-        m_reasonFound = !why.empty();
-        throw CZemError(error.Kind(), error.what() + why, error.Hr());
+        Why why = WhyNotNamed(*m_client, PathIn(folder.path, "file"));
+        if (why.text.empty()) why = IfVolumeIsFull(*m_client);
+        throw Explained(error, why);
     }
 }
 
