@@ -250,7 +250,8 @@ int RunZem(int argc, const char* const* argv) {
         return code;
     } catch (const CZemError& error) {
         std::string text = error.what();
-        if (error.Kind() == ErrorKind::kUnreachable || error.Reason() == kReasonOtherServer)
+        const std::string_view reason = error.Reason() ? error.Reason() : "";
+        if (error.Kind() == ErrorKind::kUnreachable || reason == kReasonOtherServer)
             text += "; zem doctor tells why";
         if (error.Kind() == ErrorKind::kInterrupted && OutputClosed())
             text += "; nobody reads the output any more";
