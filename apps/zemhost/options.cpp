@@ -13,14 +13,14 @@ constexpr Option kOptions[] = {
     {"--settings", nullptr, "print address, port, volume, form of the log and where they come from",
      Set<&HostOptions::settings, true>},
     {"--version", nullptr, "print the version and end", Set<&HostOptions::version, true>},
-    {"--help", nullptr, "print this text and end", Set<&HostOptions::help, true>},
+    {"--help", nullptr, "print this text and end", Set<&HostOptions::help, true>, "-h"},
 };
 
 const Option* FindOption(const std::string& name) {
     for (const std::span<const Option> rows :
          {SystemOptions(), std::span<const Option>(kOptions)}) {
         for (const Option& row : rows)
-            if (name == row.name) return &row;
+            if (name == row.name || (row.shortName && name == row.shortName)) return &row;
     }
     return nullptr;
 }
@@ -53,7 +53,9 @@ std::string HelpText() {
     for (const std::span<const Option> rows :
          {SystemOptions(), std::span<const Option>(kOptions)}) {
         for (const Option& option : rows) {
-            std::string left = std::string("  ") + option.name;
+            std::string left = "  ";
+            if (option.shortName) left += std::string(option.shortName) + ", ";
+            left += option.name;
             if (option.value) left += std::string(" ") + option.value;
             left.resize(std::max<size_t>(left.size() + 1, 22), ' ');
             text += left + option.meaning + "\n";

@@ -13,6 +13,7 @@ struct Option {
     const char* meaning;
     // Takes the value; returns a sentence when it is wrong.
     std::string (*set)(HostOptions& options, const std::string& value);
+    const char* shortName = nullptr;
 };
 
 // What most rows do: keep the value, or set a member to what the switch means.

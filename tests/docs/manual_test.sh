@@ -7,9 +7,10 @@ program=$1 page=$2
 . "$(dirname "${BASH_SOURCE[0]}")/../scratch.sh"
 
 "$program" --help >"$work/help"
-grep -oE '^  --[a-z]+' "$work/help" | tr -d ' ' | sort >"$work/told"
+grep -oE '^  (-[a-z], )?--[a-z]+' "$work/help" | tr -d ' ' | tr , '\n' | sort >"$work/told"
 [ -s "$work/told" ] || fail '--help tells no options'
-sed -n '/^\.SH OPTIONS/,/^\.SH [^O]/p' "$page" | sed -n '/^\.BI\{0,1\} /s/\\//gp' | grep -oE -- '--[a-z]+' | sort -u >"$work/listed"
+sed -n '/^\.SH OPTIONS/,/^\.SH [^O]/p' "$page" | sed -n '/^\.B[IR]\{0,1\} /s/\\//gp' | grep -oE -- ' --?[a-z]+' |
+    tr -d ' ' | sort -u >"$work/listed"
 diff "$work/told" "$work/listed" || fail 'the page has other options than --help'
 
 sed -n '/^Exit codes:/,$s/^  \([0-9]\)  .*/\1/p' "$work/help" >"$work/told"

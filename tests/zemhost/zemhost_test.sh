@@ -5,11 +5,16 @@
 
 case_help() {
     expect 0 --help
-    for option in --registry --listen --port --volume --user --log --settings --version --help; do
+    for option in --registry --listen --port --volume --user --log --settings --version '-h, --help'; do
         says out "  $option"
     done
     says out 'Exit codes:'
     says out '  0  stopped as asked'
+    cp "$work/out" "$work/long"
+    expect 0 -h
+    cmp "$work/long" "$work/out" || fail '-h says something else'
+    expect 2 -h=yes
+    last_line_is 'zemhost: -h takes no value; see zemhost --help.'
 }
 
 case_version() {
