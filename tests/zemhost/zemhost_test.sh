@@ -104,7 +104,7 @@ case_run_waits_for_another_build_in_its_folder() {
 }
 
 # start_run OPTION...: starts the script in a tree of links, so that the volume that it makes is not the developer's. Its ready
-# line is in $line.
+# line is in $line, what it says before in $before.
 start_run() {
     tree=$work/tree
     mkdir -p "$tree/apps" "$tree/build" "$work/built"
@@ -120,8 +120,10 @@ start_run() {
         PATH=$work/built:$PATH "$tree/run" --port "$port" "$@" >"$work/pipe" 2>"$work/err" &
         pid=$!
         exec 5<"$work/pipe"
+        before=''
         while read -t 120 -r line <&5; do
             if [[ $line == 'zemhost ready'* ]]; then break 2; fi
+            before+=$line
         done
         wait "$pid" || true
         pid=''
@@ -145,6 +147,32 @@ case_run_serves_a_volume_of_its_own_with_the_console_page() {
         fail 'the console page is another'
     ask 'GET /media/status HTTP/1.0\r\nHost: x\r\n\r\n'
     says out 'HTTP/1.1 200 OK'
+    stop TERM
+}
+
+# What to try is told when the server is ready, and not where it cannot start.
+case_run_tells_what_to_try_once_it_serves() {
+    start_run
+    [ -z "$before" ] || fail "before it is ready it says: $before"
+    local told=''
+    until [[ $line == 'In a browser: '* ]]; do
+        IFS= read -t 120 -r line <&5 || fail "it does not say what to try: $told"
+        told+=$line$'\n'
+    done
+    printf '%s\n' "$told" >"$work/out"
+    says out 'Ctrl-C ends it.'
+    says out "  curl http://127.0.0.1:$port/media/status"
+    says out "  $tree/build/release/bin/zem --server http://127.0.0.1:$port put CLIP media/clip"
+    says out "In a browser: http://127.0.0.1:$port/media/console.html"
+    zemhost=$tree/run
+    PATH=$work/built:$PATH expect 4 --port "$port"
+    last_line_is "zemhost: port $port of 127.0.0.1 is taken by another program; stop that, or give another port with --port N."
+    [ ! -s "$work/out" ] || fail 'it tells what to try where it does not serve'
+    printf '%s\r\n' 'Windows Registry Editor Version 5.00' '[HKEY_LOCAL_MACHINE\Software\Quorvane Group\RUD\vfs]' \
+        "\"0\"=\"$work/none\"" >"$work/settings.reg"
+    PATH=$work/built:$PATH expect 3 --registry "$work/settings.reg" --port "$port"
+    last_line_is "zemhost: the volume root '$work/none' does not exist; create it or give another with --volume DIR."
+    [ ! -s "$work/out" ] || fail 'it tells what to try where there is no volume'
     stop TERM
 }
 
