@@ -60,7 +60,8 @@ struct CMuxer::Context {
     AVPacket* packet = av_packet_alloc();
     std::vector<AVRational> timeBases;
     std::vector<FilterPtr> filters;  // by stream
-    std::string partPath;
+    std::string place;               // where it goes when it is complete
+    std::string partPath;            // where it is written
     bool finished = false;
     ~Context() {
         av_packet_free(&packet);
@@ -73,7 +74,8 @@ struct CMuxer::Context {
 
 CMuxer::CMuxer(const std::string& path, bool force) : m_path(path), m_context(new Context) {
     av_log_set_level(AV_LOG_ERROR);
-    if (!CanBeReplaced(path, force)) {
+    m_context->place = PlaceToReplace(path, force);
+    if (m_context->place.empty()) {
         throw CZemError(ErrorKind::kLocalFile,
                         path + " is no file: a clip is read back when it is written");
     }
@@ -85,7 +87,7 @@ CMuxer::CMuxer(const std::string& path, bool force) : m_path(path), m_context(ne
     }
     int result = avformat_alloc_output_context2(&m_context->format, container, nullptr, nullptr);
     if (result < 0) ThrowAv(path, result, "cannot be written");
-    m_context->partPath = path + ".part";
+    m_context->partPath = m_context->place + ".part";
     result =
         avio_open(&m_context->format->pb, ("file:" + m_context->partPath).c_str(), AVIO_FLAG_WRITE);
     if (result < 0) ThrowAv(m_context->partPath, result, "cannot be written");
@@ -170,7 +172,7 @@ const std::string& CMuxer::WrittenPath() const {
 
 void CMuxer::Finish() {
     std::error_code error;
-    std::filesystem::rename(m_context->partPath, m_path, error);
+    std::filesystem::rename(m_context->partPath, m_context->place, error);
     if (error) throw CZemError(ErrorKind::kLocalFile, m_path + ": " + error.message());
     m_context->finished = true;
 }

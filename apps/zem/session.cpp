@@ -119,13 +119,30 @@ void FlushStdout() {
         ThrowUnwritten("stdout", " cannot be written");
 }
 
-bool CanBeReplaced(const std::string& path, bool force) {
+namespace {
+
+// A link stays, and what it leads to is replaced. One that leads nowhere makes no file: who laid it
+// may be somebody else, as in a folder where all may write.
+std::string BehindLink(const std::string& path) {
+    std::error_code error;
+    if (!std::filesystem::is_symlink(path, error)) return path;
+    std::string place = std::filesystem::canonical(path, error).string();
+    if (error || !std::filesystem::equivalent(place, path, error)) {
+        throw CZemError(ErrorKind::kLocalFile,
+                        path + " is a link that leads to no file: name the file itself");
+    }
+    return place;
+}
+
+}  // namespace
+
+std::string PlaceToReplace(const std::string& path, bool force) {
     std::error_code error;
     const std::filesystem::file_status there = std::filesystem::status(path, error);
     switch (there.type()) {
         case std::filesystem::file_type::character:
         case std::filesystem::file_type::fifo:
-            return false;
+            return {};
         case std::filesystem::file_type::directory:
             throw CZemError(ErrorKind::kLocalFile, path + " is a folder: name a file in it");
         case std::filesystem::file_type::block:
@@ -136,11 +153,12 @@ bool CanBeReplaced(const std::string& path, bool force) {
     }
     if (!force && std::filesystem::exists(there))
         throw CZemError(ErrorKind::kLocalFile, path + " exists; --force replaces it");
-    return true;
+    return BehindLink(path);
 }
 
 struct COutputFile::State {
     std::string path;
+    std::string place;     // what `path` is a link to, else `path`
     std::string partPath;  // empty where the data go straight to their place
     std::FILE* file = nullptr;
 };
@@ -148,7 +166,8 @@ struct COutputFile::State {
 COutputFile::COutputFile(const std::string& path, bool force) : m_state(new State) {
     m_state->path = path;
     const bool toStdout = path == "-";
-    if (!toStdout && CanBeReplaced(path, force)) m_state->partPath = path + ".part";
+    if (!toStdout) m_state->place = PlaceToReplace(path, force);
+    if (!m_state->place.empty()) m_state->partPath = m_state->place + ".part";
     const std::string& opened = m_state->partPath.empty() ? path : m_state->partPath;
     m_state->file = toStdout ? stdout : std::fopen(opened.c_str(), "wb");
     if (m_state->file == nullptr) {
@@ -184,7 +203,7 @@ void COutputFile::Finish() {
     if (std::fclose(file) != 0)
         error = std::make_error_code(std::errc::io_error);
     else if (!m_state->partPath.empty())
-        std::filesystem::rename(m_state->partPath, m_state->path, error);
+        std::filesystem::rename(m_state->partPath, m_state->place, error);
     if (error) {
         std::error_code ignored;
         if (!m_state->partPath.empty()) std::filesystem::remove(m_state->partPath, ignored);

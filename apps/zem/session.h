@@ -94,15 +94,16 @@ inline constexpr uint64_t kUnconfirmed_bytes = 40u << 20;
 // Throws that when not all of stdout was written.
 void FlushStdout();
 
-// Whether what is to be written at `path` may take the place of what is there; false for a pipe or
-// a device that takes bytes, which stay what they are. Throws CZemError(kLocalFile) for what is no
-// file, and for a file that exists when `force` is not set.
-bool CanBeReplaced(const std::string& path, bool force);
+// The name that a file which is written at `path` is to get, which is behind the link where one is
+// there; empty for a pipe or a device that takes bytes, which stay what they are. Throws
+// CZemError(kLocalFile) for what is no file, for a link that leads to none, and for a file that
+// exists when `force` is not set.
+std::string PlaceToReplace(const std::string& path, bool force);
 
 // A file of this machine that appears under its name only when it is complete; or a pipe or device.
 class COutputFile {
 public:
-    // "-" is stdout. Throws as CanBeReplaced, and CZemError(kUsage) for a terminal.
+    // "-" is stdout. Throws as PlaceToReplace, and CZemError(kUsage) for a terminal.
     COutputFile(const std::string& path, bool force);
     ~COutputFile();  // removes what is incomplete
     COutputFile(const COutputFile&) = delete;

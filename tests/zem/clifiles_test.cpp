@@ -257,6 +257,42 @@ TEST_F(ZemCliFiles, PipesAndDevicesAreWrittenToAndStay) {
     EXPECT_TRUE(fs::is_fifo(m_dir / "pipe.mov"));
 }
 
+// As with cp and curl: the link stays. One that leads nowhere may have been laid by somebody else.
+TEST_F(ZemCliFiles, WhatALinkLeadsToIsWrittenAndTheLinkStays) {
+    MakeClip();
+    ASSERT_EQ(Run({"put", "clip.mov", "media/c"}).code, 0);
+    fs::create_directory(m_dir / "elsewhere");
+    fs::create_symlink("elsewhere/file.mov", m_dir / "first.mov");
+    fs::create_symlink("first.mov", m_dir / "link.mov");
+    fs::create_symlink("loop.mov", m_dir / "loop.mov");
+    const std::vector<std::vector<std::string>> verbs = {
+        {"read", "media/v", "-o"}, {"get", "media/v", "-o"}, {"export", "media/c"}};
+    for (std::vector<std::string> verb : verbs) {
+        const auto to = [&](const char* path, bool force) {
+            std::vector<std::string> all = verb;
+            all.emplace_back(path);
+            if (force) all.emplace_back("--force");
+            return Run(all);
+        };
+        for (const char* link : {"link.mov", "loop.mov"}) {
+            const Outcome nowhere = to(link, true);
+            EXPECT_EQ(nowhere.code, 5);
+            EXPECT_EQ(nowhere.err, "zem: " + std::string(link) +
+                                       " is a link that leads to no file: name the file itself\n");
+        }
+        std::ofstream(m_dir / "elsewhere/file.mov") << "old";
+        EXPECT_EQ(to("link.mov", false).err, "zem: link.mov exists; --force replaces it\n");
+        EXPECT_EQ(Contents(m_dir / "elsewhere/file.mov"), "old");
+        EXPECT_EQ(to("link.mov", true).code, 0);
+        EXPECT_EQ(fs::read_symlink(m_dir / "link.mov"), "first.mov");
+        EXPECT_EQ(fs::read_symlink(m_dir / "first.mov"), "elsewhere/file.mov");
+        EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(m_dir / "elsewhere/file.mov")));
+        EXPECT_GT(fs::file_size(m_dir / "elsewhere/file.mov"), 3u) << verb[0];
+        EXPECT_FALSE(fs::exists(m_dir / "elsewhere/file.mov.part"));
+        fs::remove(m_dir / "elsewhere/file.mov");
+    }
+}
+
 TEST_F(ZemCliFiles, GetRefusesWhatAPageHidesBeforeItAsks) {
     const size_t before = m_server.Requests().size();
     for (const char* const name : {"media/clients-choir.v0", "media/STATUS", "/media/clients"}) {
