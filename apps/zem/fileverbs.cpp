@@ -36,9 +36,8 @@ int RemoveOverHttp(const CommandLine& line, const FileOptions& options) {
     for (const std::string& name : options.names) {
         const PageReply reply = http.Delete(UrlPathOf(name));
         if (reply.status != 200) {
-            throw Refused(Printable(name) + " was not deleted: HTTP " +
-                              std::to_string(reply.status) + " " + Printable(reply.reason),
-                          {});
+            throw RefusedByHttp(Printable(name) + " was not deleted", reply,
+                                WhyNotServed(line, name, &WhyNotRemoved));
         }
         PrintDone(line, "removed", name);
     }

@@ -1,4 +1,5 @@
-// Verbs on the server's plain pages and files: status, clients, get. They need no join.
+// Verbs on the server's plain pages and files: status, clients, get. They need no join; only a get
+// that is refused has a client ask why.
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
@@ -7,6 +8,7 @@
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
 #include "apps/zem/output.h"
+#include "apps/zem/reasons.h"
 #include "apps/zem/serverpages.h"
 #include "apps/zem/session.h"
 #include "apps/zem/terminal.h"
@@ -92,11 +94,8 @@ int Get(const CommandLine& line, const GetOptions& options) {
             return !StopRequested();
         });
     if (reply.status != 200) {
-        throw CZemError(ErrorKind::kRefused,
-                        Printable(options.name) + ": HTTP " + std::to_string(reply.status) + " " +
-                            Printable(reply.reason) +
-                            " (there is no such file below a path that the server offers, or it "
-                            "cannot be read)");
+        throw RefusedByHttp(Printable(options.name) + " was not sent", reply,
+                            WhyNotServed(line, options.name, &WhyNotSent));
     }
     if (total_bytes >= 0 && static_cast<uint64_t>(total_bytes) != done_bytes)
         throw CZemError(ErrorKind::kBadReply, "the download is incomplete");

@@ -7,6 +7,8 @@
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
 #include "apps/zem/output.h"
+#include "apps/zem/serverpages.h"
+#include "apps/zem/session.h"
 
 namespace zem {
 namespace {
@@ -150,6 +152,11 @@ CZemError Explained(const CZemError& error, const Why& why) {
     return {error.Kind(), message + why.text, error.Hr(), why.word};
 }
 
+CZemError RefusedByHttp(const std::string& message, const PageReply& reply, const Why& why) {
+    return Refused(
+        message + ": HTTP " + std::to_string(reply.status) + " " + Printable(reply.reason), why);
+}
+
 uint64_t OpenNamed(CZemClient& client, const FileRef& file) {
     return WithReason(client, file, [&] { return client.Open(file); });
 }
@@ -212,6 +219,31 @@ Why WhyNotRemoved(uint32_t attributes) {
     if ((attributes & kAttributeReadOnly) != 0) return {": it is read-only", kReasonReadOnly};
     return {
         ": perhaps somebody has it open for writing, or the server may not write in its folder"};
+}
+
+Why WhyNotSent(uint32_t attributes) {
+    if ((attributes & kAttributeDirectory) != 0) return {kFolder, kReasonFolder};
+    return {": it is there; perhaps the server may not read it, or its path is too long"};
+}
+
+Why WhyNotServed(const CommandLine& line, const std::string& name, Why (*whyNot)(uint32_t)) {
+    if (!IsServed(name))
+        return {": plain HTTP reaches only what lies in media/ or zem/", kReasonNotServed};
+    Why why = Asked([&]() -> Why {
+        CommandLine asking = line;
+        asking.clientId.clear();  // leaving ends what a client of this ID has open
+        asking.stay = false;
+        CSession session(asking);
+        const std::u16string wide = FileNamed(name.substr(name.find_first_not_of('/'))).name;
+        // Of such a name the protocol tells nothing, but HTTP takes some of them.
+        if (!IsKnown(*session) || WhyBadName(wide).word != nullptr) return {};
+        const uint32_t attributes = session->Attributes(wide);
+        if (attributes != kNoAttributes) return whyNot(attributes);
+        const Why folder = WhyNotIn(*session, wide, true);
+        return folder.word != nullptr ? folder : Why{": there is no such file", kReasonNoFile};
+    });
+    if (why.text.empty()) why = {": perhaps there is no such file, or the server may not touch it"};
+    return why;
 }
 
 Why WhyNotChanged(const ZemEsDesc& info) {

@@ -10,6 +10,8 @@
 
 namespace zem {
 
+struct CommandLine;
+
 struct Why {
     std::string text;            // begins with ": "; empty where nothing was found out
     const char* word = nullptr;  // of kReason…; null for what is a guess, and nothing
@@ -20,6 +22,9 @@ struct Why {
 CZemError Refused(const std::string& message, const Why& why, int32_t hr = 0);
 // The same of a refusal that was caught.
 CZemError Explained(const CZemError& error, const Why& why);
+
+// The same of an answer to GET or DELETE.
+CZemError RefusedByHttp(const std::string& message, const PageReply& reply, const Why& why);
 
 // Opens a file; a refusal says why.
 uint64_t OpenNamed(CZemClient& client, const FileRef& file);
@@ -36,6 +41,11 @@ Why WhyNotCreated(CZemClient& client, const std::string& name, bool replace);
 Why WhyNotNamed(CZemClient& client, const std::string& name);
 // Why a file is still there. `attributes` are those that it had.
 Why WhyNotRemoved(uint32_t attributes);
+// Why GET did not send a file that is there.
+Why WhyNotSent(uint32_t attributes);
+// Why GET or DELETE was refused: their answer is the same for all that can be wrong, so a client
+// that joins for this, and leaves, asks. `whyNot` tells of a file that is there.
+Why WhyNotServed(const CommandLine& line, const std::string& name, Why (*whyNot)(uint32_t));
 // Why an open file, of which this is known, could not be changed.
 Why WhyNotChanged(const ZemEsDesc& info);
 

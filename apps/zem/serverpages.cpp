@@ -78,7 +78,10 @@ ClientList GetClients(CHttpConnection& http) {
     return list;
 }
 
-bool PageHidesFile(std::string_view name) {
+namespace {
+
+// What a GET of the file asks for, in small letters.
+std::string AskedPath(std::string_view name) {
     std::string path;
     for (size_t at = name.starts_with('/') ? 1 : 0; at <= name.size();) {
         const size_t end = std::min(name.find_first_of("/\\", at), name.size());
@@ -91,7 +94,19 @@ bool PageHidesFile(std::string_view name) {
     }
     std::transform(path.begin(), path.end(), path.begin(),
                    [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
+    return path;
+}
+
+}  // namespace
+
+bool PageHidesFile(std::string_view name) {
+    const std::string path = AskedPath(name);
     return path.starts_with(kStatusPage) || path.starts_with(kClientsPage);
+}
+
+bool IsServed(std::string_view name) {
+    const std::string path = AskedPath(name) + "/";
+    return path.starts_with("/media/") || path.starts_with("/zem/");
 }
 
 }  // namespace zem

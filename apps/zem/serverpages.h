@@ -34,5 +34,7 @@ ClientList GetClients(CHttpConnection& http);
 // with a page's, in any case, for the page. It has made slashes of backslashes and resolved "." and
 // ".." by then.
 bool PageHidesFile(std::string_view name);
+// Whether a GET or DELETE of it is one of a file at all.
+bool IsServed(std::string_view name);
 
 }  // namespace zem

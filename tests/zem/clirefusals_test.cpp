@@ -136,6 +136,70 @@ TEST_F(ZemCliFiles, AFailureHasAWordForPrograms) {
     }
 }
 
+// GET and DELETE say the same of all that can be wrong, so somebody joins and asks; who is named
+// with --id, and may be at work, is not made to leave.
+TEST_F(ZemCliFiles, ARefusalOfPlainHttpHasAReasonToo) {
+    m_media.files["media"].isDirectory = true;
+    m_media.files["media/d"].isDirectory = true;
+    m_media.noGet = {"media/d", "media/v"};
+    m_media.clients = {"player"};
+    struct Refusal {
+        const char* name;
+        const char* get;
+        const char* remove;
+        const char* word;
+    };
+    const std::string guess = ": perhaps there is no such file, or the server may not touch it";
+    const std::vector<Refusal> refusals = {
+        {"media/none", ": there is no such file", nullptr, "\"no_such_file\""},
+        {"/media/none", ": there is no such file", nullptr, "\"no_such_file\""},
+        {"media/away/none", ": there is no folder media/away", nullptr, "\"no_such_folder\""},
+        {"other/x", ": plain HTTP reaches only what lies in media/ or zem/", nullptr,
+         "\"not_served\""},
+        {"media", ": it is a folder",
+         ": it is a folder, which the protocol has no command for: that is done on the server",
+         "\"is_folder\""},
+        {"media/d", ": it is a folder",
+         ": it is a folder, which the protocol has no command for: that is done on the server",
+         "\"is_folder\""},
+        {"media/v", ": it is there; perhaps the server may not read it, or its path is too long",
+         ": perhaps somebody has it open for writing, or the server may not write in its folder",
+         "null"},
+        {"media/a:b", guess.c_str(), nullptr, "null"},
+    };
+    for (const Refusal& refusal : refusals) {
+        const std::string name = refusal.name;
+        const Outcome get = Run({"--id", "player", "--json", "get", name, "-o", "x"});
+        EXPECT_EQ(get.code, 1);
+        EXPECT_TRUE(get.err.starts_with("zem: " + name + " was not sent: HTTP 4")) << get.err;
+        EXPECT_TRUE(get.err.ends_with(std::string(refusal.get) + "\n")) << get.err;
+        EXPECT_TRUE(get.out.ends_with(std::string(",\"reason\":") + refusal.word + "}\n"));
+        const Outcome removed = Run({"--id", "player", "--stay", "--json", "rm", "--http", name});
+        EXPECT_EQ(removed.code, 1);
+        const char* const why = refusal.remove ? refusal.remove : refusal.get;
+        EXPECT_TRUE(removed.err.starts_with("zem: " + name + " was not deleted: HTTP 4"));
+        EXPECT_TRUE(removed.err.ends_with(std::string(why) + "\n")) << removed.err;
+        EXPECT_TRUE(removed.out.ends_with(std::string(",\"reason\":") + refusal.word + "}\n"));
+        EXPECT_EQ(m_media.clients, std::set<std::string>{"player"});
+        EXPECT_FALSE(fs::exists(m_dir / "x"));
+    }
+    m_media.noGet.clear();
+    m_media.log.clear();
+    EXPECT_EQ(Run({"get", "media/v", "-o", "x"}).code, 0);
+    EXPECT_TRUE(m_media.log.empty()) << "nobody joins for a file that is sent";
+}
+
+TEST_F(ZemCliFiles, ARefusalOfPlainHttpIsToldWhereNobodyCanJoin) {
+    CScriptServer pages([](const ScriptRequest&) {
+        return ScriptAnswer{"HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n", false};
+    });
+    const Outcome outcome = RunOn(pages.Url(), {"get", "media/none"});
+    EXPECT_EQ(outcome.code, 1);
+    EXPECT_EQ(outcome.err,
+              "zem: media/none was not sent: HTTP 404 Not Found (the server's log has the reason): "
+              "perhaps there is no such file, or the server may not touch it\n");
+}
+
 TEST_F(ZemCliFiles, ACreationThatIsRefusedSaysWhatIsLikely) {
     MakeClip();
     m_media.files["media"].isDirectory = true;

@@ -41,7 +41,7 @@ ScriptAnswer CFakeMedia::operator()(const ScriptRequest& request) {
         return {PageReplyBytes(200, "OK", text.empty() ? "No Clients\r\n" : text), false};
     }
     const auto found = files.find(request.target.substr(1));
-    if (found == files.end() || found->second.isDirectory)
+    if (found == files.end() || found->second.isDirectory || noGet.count(found->first) != 0)
         return {PageReplyBytes(400, "Bad Request", ""), false};
     if (request.method == "DELETE") {
         files.erase(found);

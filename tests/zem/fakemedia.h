@@ -26,6 +26,7 @@ public:
     std::set<uint32_t> ignored;      // commands that answer success and do nothing
     std::set<std::string> noCreate;  // names whose creation fails
     std::set<std::string> noWrite;   // names that are only read
+    std::set<std::string> noGet;     // names that GET and DELETE refuse
     uint64_t totalSpace_bytes = 4000;
     uint64_t freeSpace_bytes = 1000;
     bool noDescs = false;   // frames have no descriptors

@@ -48,6 +48,7 @@ inline constexpr const char* kReasonReadOnly = "read_only";
 inline constexpr const char* kReasonInUse = "in_use";
 inline constexpr const char* kReasonFull = "volume_full";
 inline constexpr const char* kReasonOtherServer = "not_a_media_server";
+inline constexpr const char* kReasonNotServed = "not_served";
 inline constexpr const char* kReasonNotJoined = "not_joined";
 
 // The results that a client meets. The first group is the system's own numbering, the last two are
