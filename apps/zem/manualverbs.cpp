@@ -1,4 +1,5 @@
-// zem completion, zem manual: the program's own table for shells and readers. They need no server.
+// zem help, zem completion, zem manual: the program's own table for shells and readers. They need
+// no server.
 #include <CLI/CLI.hpp>
 
 #include "apps/zem/manual.h"
@@ -14,6 +15,26 @@ struct Form {
     std::string (*make)(const std::vector<VerbRow>&);
 };
 
+int PrintForm(const CommandLine& line, const char* form, const std::string& text) {
+    if (line.json) {
+        CJson json;
+        PrintLine(json.Open('{').Text("form", form).Text("text", text).Close().Str());
+    } else {
+        std::fputs(text.c_str(), stdout);
+    }
+    return kExitOk;
+}
+
+void AddHelp(const VerbGroup& group) {
+    auto words = std::make_shared<std::vector<std::string>>();
+    const CLI::App& program = group.app;
+    const CommandLine& line = group.line;
+    CLI::App* verb = group.Add("help", "Print help, as --help does", [words, &program, &line] {
+        return PrintForm(line, "help", HelpOfVerb(program, *words));
+    });
+    verb->add_option("VERB", *words, "Verb, such as put or config push (default: the program)");
+}
+
 void AddForms(const VerbGroup& group, const char* name, const char* help, const char* what,
               const char* whatHelp, std::vector<Form> forms) {
     auto chosen = std::make_shared<std::string>();
@@ -24,14 +45,8 @@ void AddForms(const VerbGroup& group, const char* name, const char* help, const 
         names.emplace_back(form.name);
     CLI::App* verb = group.Add(name, help, [chosen, forms, &program, &line] {
         for (const Form& form : forms) {
-            if (*chosen != form.name) continue;
-            const std::string text = form.make(VerbTable(program));
-            if (line.json) {
-                CJson json;
-                PrintLine(json.Open('{').Text("form", form.name).Text("text", text).Close().Str());
-            } else {
-                std::fputs(text.c_str(), stdout);
-            }
+            if (*chosen == form.name)
+                return PrintForm(line, form.name, form.make(VerbTable(program)));
         }
         return static_cast<int>(kExitOk);
     });
@@ -42,6 +57,7 @@ void AddForms(const VerbGroup& group, const char* name, const char* help, const 
 
 void AddManualVerbs(CLI::App& app, CommandLine& line) {
     const VerbGroup group{app, line, "This program"};
+    AddHelp(group);
     AddForms(group, "completion", "Print what makes a shell complete verbs, options and files",
              "SHELL", "Shell",
              {{"bash", &BashCompletion}, {"zsh", &ZshCompletion}, {"fish", &FishCompletion}});

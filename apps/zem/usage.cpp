@@ -7,6 +7,8 @@
 #include <array>
 #include <charconv>
 
+#include "apps/zem/client/text.h"
+#include "apps/zem/client/zemerror.h"
 #include "apps/zem/manual.h"
 
 namespace zem {
@@ -203,6 +205,19 @@ CLI::Validator OneOf(const std::vector<std::string>& words) {
                 return known ? std::string() : "'" + text + "' is not " + told;
             },
             list + "}"};
+}
+
+std::string HelpOfVerb(const CLI::App& program, const std::vector<std::string>& words) {
+    const CLI::App* verb = &program;
+    for (const std::string& word : words) {
+        const CLI::App* below = nullptr;
+        for (const CLI::App* one : verb->get_subcommands([](const CLI::App*) { return true; }))
+            if (one->get_name() == word) below = one;
+        if (below == nullptr) throw CZemError(ErrorKind::kUsage, Printable(OfExtra(*verb, word)));
+        verb = below;
+    }
+    // Not the verb's own help(): it is that of the verb which was parsed, this one.
+    return verb->get_formatter()->make_help(verb, PathOf(*verb), CLI::AppFormatMode::Normal);
 }
 
 std::string UsageText(const CLI::App& app, const CLI::ParseError& error) {

@@ -1,5 +1,5 @@
-// What the values of options may be, and the sentence for a command line that does not fit: what is
-// wrong with it, and what to do. Pure functions; main thread.
+// What the values of options may be, what help says of a verb, and the sentence for a command line
+// that does not fit: what is wrong with it, and what to do. Pure functions; main thread.
 #pragma once
 
 #include <cstdint>
@@ -23,6 +23,10 @@ CLI::Validator WholeNumber(uint64_t least, uint64_t most = kAnyNumber);
 // A decimal number, with a point or without.
 CLI::Validator Number(double least, double most);
 CLI::Validator OneOf(const std::vector<std::string>& words);
+
+// The help of the verb that `words` name, {"config", "push"}; none is the program. Throws
+// CZemError(kUsage) where there is no such verb.
+std::string HelpOfVerb(const CLI::App& program, const std::vector<std::string>& words);
 
 // `app` as the parser left it when it threw `error`.
 std::string UsageText(const CLI::App& app, const CLI::ParseError& error);

@@ -75,7 +75,7 @@ void AddTopVerb(CLI::App& app, CommandLine& line);      // top
 void AddBenchVerb(CLI::App& app, CommandLine& line);    // bench
 void AddDoctorVerb(CLI::App& app, CommandLine& line);   // doctor
 void AddClientVerbs(CLI::App& app, CommandLine& line);  // join leave keepalive realtime config
-void AddManualVerbs(CLI::App& app, CommandLine& line);  // completion manual
+void AddManualVerbs(CLI::App& app, CommandLine& line);  // help completion manual
 
 // The exit codes and what they mean: help, manual and docs/zem.md have them from here.
 struct ExitMeaning {

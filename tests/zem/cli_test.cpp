@@ -18,15 +18,35 @@ TEST_F(ZemCli, HelpAndVersionGoToStdoutWithCode0) {
 
 TEST_F(ZemCli, EveryVerbHasHelp) {
     for (const char* verb :
-         {"put",    "import",    "export",   "framemd5", "read",      "frames", "info",  "marks",
-          "df",     "stat",      "rm",       "mv",       "mkdir",     "stripe", "erase", "flush",
-          "status", "clients",   "get",      "top",      "bench",     "doctor", "join",  "leave",
-          "config", "keepalive", "realtime", "manual",   "completion"}) {
+         {"put",    "import",    "export",   "framemd5", "read",       "frames", "info",  "marks",
+          "df",     "stat",      "rm",       "mv",       "mkdir",      "stripe", "erase", "flush",
+          "status", "clients",   "get",      "top",      "bench",      "doctor", "join",  "leave",
+          "config", "keepalive", "realtime", "manual",   "completion", "help"}) {
         const Outcome help = Run({verb, "--help"});
         EXPECT_EQ(help.code, 0) << verb;
         EXPECT_TRUE(Has(help.out, std::string("Usage: zem ") + verb)) << verb << help.out;
         EXPECT_TRUE(Has(help.out, "--json") || std::string(verb) == "config") << verb;
         EXPECT_TRUE(Has(Run({"--help"}).out, std::string("\n  ") + verb + " ")) << verb;
+    }
+}
+
+TEST_F(ZemCli, HelpIsAVerbToo) {
+    EXPECT_EQ(Run({"help"}).out, Run({"--help"}).out);
+    EXPECT_EQ(Run({"help", "put"}).out, Run({"put", "--help"}).out);
+    EXPECT_EQ(Run({"help", "config", "push"}).out, Run({"config", "push", "--help"}).out);
+    EXPECT_EQ(Run({"help", "help"}).out, Run({"help", "--help"}).out);
+    const Outcome json = Run({"help", "put", "--json"});
+    EXPECT_TRUE(json.out.starts_with("{\"form\":\"help\",\"text\":\"")) << json.out;
+    EXPECT_TRUE(m_server.Requests().empty()) << "nobody was asked";
+}
+
+TEST_F(ZemCli, HelpHasNoBlankLinesSideBySideAndNoHalvedDots) {
+    const std::string help = Run({"--help"}).out;
+    EXPECT_TRUE(Has(help, "NAME.a0 ...\n")) << help;
+    for (const std::string& text :
+         {help, Run({"put", "--help"}).out, Run({"config", "--help"}).out}) {
+        EXPECT_FALSE(Has(text, "\n\n\n")) << text;
+        EXPECT_TRUE(Has(text, "[options]\n\n")) << text;
     }
 }
 

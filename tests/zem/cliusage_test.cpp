@@ -21,6 +21,9 @@ TEST_F(ZemCliUsage, EveryMistakeHasASentence) {
          "there is no verb 'ls': the protocol cannot list files; zem stat NAME tells of one, zem "
          "--help what else there is"},
         {{"frobnicate"}, "there is no verb 'frobnicate'; see zem --help"},
+        {{"help", "statsu"}, "there is no verb 'statsu'; did you mean status?"},
+        {{"help", "config", "x"}, "config has no verb 'x'; see zem config --help"},
+        {{"help", "--frob"}, "help has no option '--frob'; see zem help --help"},
         {{"config"}, "config needs a verb, as in zem config push; see zem config --help"},
         {{"config", "puhs"}, "config has no verb 'puhs'; did you mean push?"},
         {{"config", "foo"}, "config has no verb 'foo'; see zem config --help"},

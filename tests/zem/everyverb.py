@@ -43,6 +43,7 @@ RUNS = [
     ('config push', ['--id', 'script', '$/config.xml']),
     ('config set', ['--id', 'script', 'readAhead', '4']),
     ('leave', ['--id', 'script']),
+    ('help', ['put']),
     ('completion', ['bash']),
     ('manual', ['man']),
 ]
@@ -74,7 +75,7 @@ class EveryVerb(zemcase.ZemCase):
 
     def test_nobody_there_is_one_object_and_3(self):
         for verb, arguments in RUNS:
-            if verb in ('completion', 'manual', 'doctor'):  # the first two ask nobody, the last one tells more
+            if verb in ('help', 'completion', 'manual', 'doctor'):  # all but the last ask nobody, the last one tells more
                 continue
             with self.subTest(verb):
                 done = subprocess.run([zemcase.PROGRAMS.zem, '--server', 'http://127.0.0.1:1', '--json', *verb.split(),

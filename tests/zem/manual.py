@@ -19,7 +19,7 @@ import zemcase
 ROOT = os.path.abspath(os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', '..'))
 VERBS = ['put', 'import', 'export', 'framemd5', 'read', 'frames', 'info', 'marks', 'df', 'stat', 'rm', 'mv', 'mkdir',
          'stripe', 'erase', 'flush', 'get', 'status', 'clients', 'top', 'bench', 'doctor', 'join', 'leave',
-         'keepalive', 'realtime', 'config', 'completion', 'manual']
+         'keepalive', 'realtime', 'config', 'help', 'completion', 'manual']
 
 
 def zem(*arguments):
