@@ -51,7 +51,8 @@ public:
         size_t end = help.find(". ");
         while (end != std::string::npos && end + 2 < help.size() && !capital(end + 2))
             end = help.find(". ", end + 1);
-        return Row(verb->get_name(), help.substr(0, end));
+        const bool goesOn = end != std::string::npos && end > 0 && help[end - 1] == '.';
+        return Row(verb->get_name(), help.substr(0, goesOn ? end + 1 : end));
     }
     std::string make_usage(const CLI::App* app, std::string name) const override {
         std::string text = "Usage: " + (name.empty() ? app->get_name() : name);
@@ -60,7 +61,7 @@ public:
             if (option->nonpositional() || !option->get_positional()) continue;
             text += PlaceOf(RowOf(*option));
         }
-        return text + (verbs ? " VERB" : "") + " [options]\n\n";
+        return text + (verbs ? " VERB" : "") + " [options]\n";
     }
 };
 
