@@ -15,6 +15,7 @@ extern "C" {
 #include "apps/zem/averror.h"
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
+#include "apps/zem/output.h"
 #include "apps/zem/pipeinput.h"
 #include "mediaio/foreign/avdesc.h"
 
@@ -235,6 +236,28 @@ std::string FourccText(uint32_t codec) {
         text.push_back(c >= 0x20 && c < 0x7F ? c : '.');
     }
     return text;
+}
+
+namespace {
+
+// Null where the four characters are not known.
+const char* CodecName(const ZemEsDesc& desc) {
+    const bool video = desc.mediaType == kMediaFileVideo;
+    const AVCodecID codec = zemav::CodecOf(video ? kMediaFileVideo : kMediaFileAudio, desc.codec);
+    return codec == AV_CODEC_ID_NONE ? nullptr : avcodec_get_name(codec);
+}
+
+}  // namespace
+
+std::string CodecText(const ZemEsDesc& desc) {
+    const char* const name = CodecName(desc);
+    return FourccText(desc.codec) + (name == nullptr ? "" : std::string(" (") + name + ")");
+}
+
+CJson& TellCodec(CJson& json, const ZemEsDesc& desc) {
+    json.Text("codec", FourccText(desc.codec));
+    const char* const name = CodecName(desc);
+    return name == nullptr ? json.Null("codec_name") : json.Text("codec_name", name);
 }
 
 }  // namespace zem

@@ -14,6 +14,8 @@ struct AVStream;
 
 namespace zem {
 
+class CJson;
+
 struct ClipStream {
     std::string suffix;  // v0, v1, a0 ...
     std::string codecName;
@@ -83,5 +85,9 @@ bool IsDropFrame(const vdrTimecode_s& timecode);
 
 // The four characters of a codec, dots for what is not printable.
 std::string FourccText(uint32_t codec);
+// "jpeg (mjpeg)": those, and the FFmpeg libraries' name where they know the four.
+std::string CodecText(const ZemEsDesc& desc);
+// The same as "codec" and "codec_name", which is null where there is none.
+CJson& TellCodec(CJson& json, const ZemEsDesc& desc);
 
 }  // namespace zem

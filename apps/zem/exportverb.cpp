@@ -37,6 +37,7 @@ struct ExportOptions {
 struct ExportStream {
     std::string name;
     StreamHead head;
+    ZemEsDesc desc{};
     uint64_t token = 0;
     uint32_t frames = 0;
     uint32_t next = 0;
@@ -78,8 +79,8 @@ private:
     }
     void ReadHeads();
     void GuessHeads();
-    void GuessHead(const ZemEsDesc& desc, ExportStream& stream);
-    void Open(ExportStream& stream, ZemEsDesc& desc);
+    void GuessHead(ExportStream& stream);
+    void Open(ExportStream& stream);
     void WriteAll(CMuxer& muxer);
     void WriteNext(CMuxer& muxer, ExportStream& stream);
     static int64_t DueAt(const ExportStream& stream);
@@ -92,10 +93,10 @@ private:
     std::vector<ExportStream> m_streams;
 };
 
-void CExport::Open(ExportStream& stream, ZemEsDesc& desc) {
+void CExport::Open(ExportStream& stream) {
     stream.token = OpenNamed(*m_session, FileNamed(stream.name));
-    desc = m_session->FileInfo(stream.token);
-    stream.frames = desc.frameCount;
+    stream.desc = m_session->FileInfo(stream.token);
+    stream.frames = stream.desc.frameCount;
 }
 
 void CExport::ReadHeads() {
@@ -111,14 +112,14 @@ void CExport::ReadHeads() {
         ExportStream stream;
         stream.head = ReadStreamHead(read(i + 1));
         stream.name = m_options.name + "." + stream.head.suffix;
-        ZemEsDesc desc;
-        Open(stream, desc);
+        Open(stream);
         if (stream.head.sampleSize == 0 && stream.head.times.size() != stream.frames) {
             throw CZemError(ErrorKind::kRefused,
                             Printable(stream.name) + ": it was changed since it was imported");
         }
         // A stripe is newer than what the clip came with.
-        if ((desc.flags & kEsFlagStriped) != 0) stream.head.timecode = TimecodeOf(desc);
+        if ((stream.desc.flags & kEsFlagStriped) != 0)
+            stream.head.timecode = TimecodeOf(stream.desc);
         m_streams.push_back(std::move(stream));
     }
     file.Close();
@@ -131,9 +132,8 @@ void CExport::GuessHeads() {
             stream.head.suffix = kind + std::to_string(number);
             stream.name = m_options.name + "." + stream.head.suffix;
             if (!Exists(stream.name)) break;
-            ZemEsDesc desc;
-            Open(stream, desc);
-            GuessHead(desc, stream);
+            Open(stream);
+            GuessHead(stream);
             m_streams.push_back(std::move(stream));
         }
     }
@@ -145,7 +145,8 @@ void CExport::GuessHeads() {
     }
 }
 
-void CExport::GuessHead(const ZemEsDesc& desc, ExportStream& stream) {
+void CExport::GuessHead(ExportStream& stream) {
+    const ZemEsDesc& desc = stream.desc;
     StreamHead& head = stream.head;
     head.parameters.reset(avcodec_parameters_alloc());
     if (head.parameters == nullptr) throw std::bad_alloc();
@@ -276,7 +277,7 @@ void CExport::Summary() const {
         json.Open('[', "streams");
         for (const ExportStream& stream : m_streams) {
             json.Open('{').Text("name", stream.name);
-            json.Text("codec", avcodec_get_name(stream.head.parameters->codec_id));
+            TellCodec(json, stream.desc);
             json.Unsigned("frames", stream.frames).Unsigned("bytes", stream.bytes).Close();
         }
         PrintLine(json.Close().Close().Str());

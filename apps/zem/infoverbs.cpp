@@ -46,7 +46,7 @@ bool IsCutOff(CZemClient& client, uint64_t token, const ZemEsDesc& desc) {
 void PrintInfoJson(const std::string& name, const ZemEsDesc& desc, bool cutOff) {
     CJson json;
     json.Open('{').Text("name", name).Text("type", MediaTypeText(desc.mediaType));
-    json.Text("codec", FourccText(desc.codec)).Unsigned("frames", desc.frameCount);
+    TellCodec(json, desc).Unsigned("frames", desc.frameCount);
     json.Unsigned("rate_numerator", desc.rateNumerator);
     json.Unsigned("rate_denominator", desc.rateDenominator);
     json.Unsigned("width", desc.width).Unsigned("height", desc.height);
@@ -75,7 +75,7 @@ int Info(const CommandLine& line, const InfoOptions& options) {
     }
     std::printf("name      %s\n", Printable(options.name).c_str());
     std::printf("type      %s\n", MediaTypeText(desc.mediaType));
-    std::printf("codec     %s\n", FourccText(desc.codec).c_str());
+    std::printf("codec     %s\n", CodecText(desc).c_str());
     std::printf("frames    %u\n", desc.frameCount);
     std::printf("rate      %s\n", RateText(desc.rateNumerator, desc.rateDenominator).c_str());
     if (desc.width != 0) std::printf("size      %ux%u\n", desc.width, desc.height);

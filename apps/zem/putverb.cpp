@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "apps/zem/client/text.h"
+#include "apps/zem/demux.h"
 #include "apps/zem/output.h"
 #include "apps/zem/put.h"
 #include "apps/zem/terminal.h"
@@ -19,7 +20,7 @@ void CPut::Summary() const {
         for (const PutFile& file : m_files) {
             json.Open('{').Text("name", file.name);
             json.Text("type", MediaTypeText(file.desc.mediaType));
-            json.Text("codec", file.codecName);
+            TellCodec(json, file.desc);
             json.Unsigned("frames", file.frames.size()).Unsigned("bytes", file.total_bytes).Close();
         }
         json.Close().Number("skipped_streams", m_clip.SkippedStreams()).Close();

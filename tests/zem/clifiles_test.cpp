@@ -128,7 +128,9 @@ TEST_F(ZemCliFiles, InfoFramesAndMarksInBothForms) {
             arguments.insert(arguments.end(), more.begin(), more.end());
             return Run(arguments).out;
         };
-        EXPECT_TRUE(Has(run("info"), "\"type\":\"video\",\"codec\":\"jpeg\",\"frames\":4"));
+        EXPECT_TRUE(
+            Has(run("info"),
+                "\"type\":\"video\",\"codec\":\"jpeg\",\"codec_name\":\"mjpeg\",\"frames\":4"));
         EXPECT_TRUE(Has(run("frames"), "{\"frame\":1,\"size\":6,\"key\":true,\"present\":true"));
         EXPECT_EQ(run("marks"), "{\"name\":\"media/v\",\"first\":3,\"second\":7}\n");
     }

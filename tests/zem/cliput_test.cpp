@@ -46,8 +46,8 @@ TEST_F(ZemCli, PutDoesNotReplaceWithoutForce) {
     const Outcome forced = Run({"put", "--force", "--json", "clip.mov", "media/clip"});
     EXPECT_EQ(forced.code, 0) << forced.err;
     EXPECT_TRUE(Has(forced.out,
-                    "\"name\":\"media/clip.v0\",\"type\":\"video\",\"codec\":\"mjpeg\","
-                    "\"frames\":25,"))
+                    "\"name\":\"media/clip.v0\",\"type\":\"video\",\"codec\":\"jpeg\","
+                    "\"codec_name\":\"mjpeg\",\"frames\":25,"))
         << forced.out;
 }
 
