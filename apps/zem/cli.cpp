@@ -214,6 +214,12 @@ std::string_view WithoutValue(std::span<const char* const> arguments) {
     return {};
 }
 
+int PrintVersionJson() {
+    CJson json;
+    PrintLine(json.Open('{').Text("program", "zem").Text("version", kZemVersion).Close().Str());
+    return kExitOk;
+}
+
 ColourMode ColourModeOf(const std::string& word) {
     if (word == "always") return ColourMode::kAlways;
     return word == "never" ? ColourMode::kNever : ColourMode::kAuto;
@@ -239,8 +245,10 @@ int RunZem(int argc, const char* const* argv) {
         if (!line.verb) throw CLI::RequiredError("a verb");
     } catch (const CLI::ParseError& error) {
         // Help and version are no errors: they go to stdout.
-        if (error.get_exit_code() == 0) return app.exit(error);
         line.json = AsksForJson(arguments);
+        const bool version = dynamic_cast<const CLI::CallForVersion*>(&error) != nullptr;
+        if (version && line.json) return PrintVersionJson();
+        if (error.get_exit_code() == 0) return app.exit(error);
         return ReportFailure(line, kExitUsage, Printable(UsageText(app, error)).c_str());
     }
     try {

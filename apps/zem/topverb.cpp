@@ -40,6 +40,12 @@ std::string TimeAs(const char* format) {
     return text.data();
 }
 
+// As the server's log writes it: 2026-11-23T01:45:49+00:00.
+std::string Stamp() {
+    std::string stamp = TimeAs("%Y-%m-%dT%H:%M:%S%z");
+    return stamp.insert(stamp.size() - 2, ":");
+}
+
 class CTop {
 public:
     CTop(const CommandLine& line, const TopOptions& options)
@@ -130,7 +136,7 @@ void CTop::Watch() {
 
 void CTop::PrintSample() const {
     if (m_line.json) {
-        PrintLine(TopJson(m_state, TimeAs("%Y-%m-%dT%H:%M:%S%z")));
+        PrintLine(TopJson(m_state, Stamp()));
     } else {
         for (const std::string& row : TopPicture(m_state, 80, SIZE_MAX))
             PrintLine(row);
