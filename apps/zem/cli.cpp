@@ -87,6 +87,15 @@ void PrintLine(const std::string& text) {
     std::printf("%s\n", text.c_str());
 }
 
+void PrintDone(const CommandLine& line, const char* verb, std::initializer_list<DoneWith> with) {
+    if (!line.json) return;
+    CJson json;
+    json.Open('{').Text("verb", verb).Bool("done", true);
+    for (const DoneWith& one : with)
+        json.Text(one.key, one.value);
+    PrintLine(json.Close().Str());
+}
+
 void AddFileName(CLI::App& verb, std::string& name, std::string* stream) {
     verb.add_option("NAME", name, "File on the server")->required();
     if (stream == nullptr) return;

@@ -23,16 +23,10 @@ struct ClientOptions {
 
 using OptionsPtr = std::shared_ptr<ClientOptions>;
 
-void PrintDone(const CommandLine& line, const char* what) {
-    if (!line.json) return;
-    CJson json;
-    PrintLine(json.Open('{').Text("client", line.clientId).Text("done", what).Close().Str());
-}
-
 int Join(const CommandLine& line, const ClientOptions&) {
     line.RequireId("join");
     const CSession session(line, true);
-    PrintDone(line, "join");
+    PrintDone(line, "join", {{"client", line.clientId}});
     return kExitOk;
 }
 
@@ -40,7 +34,7 @@ int Leave(const CommandLine& line, const ClientOptions&) {
     line.RequireId("leave");
     CZemClient client(line.Connection());
     client.Leave();
-    PrintDone(line, "leave");
+    PrintDone(line, "leave", {{"client", line.clientId}});
     return kExitOk;
 }
 
@@ -48,7 +42,7 @@ int KeepAlive(const CommandLine& line, const ClientOptions&) {
     line.RequireId("keepalive");
     CZemClient client(line.Connection());
     client.KeepAlive();
-    PrintDone(line, "keepalive");
+    PrintDone(line, "keepalive", {{"client", line.clientId}});
     return kExitOk;
 }
 
@@ -56,7 +50,7 @@ int RealTime(const CommandLine& line, const ClientOptions&) {
     line.RequireId("realtime");
     CSession session(line, true);
     session->SetIoRealTime();
-    PrintDone(line, "realtime");
+    PrintDone(line, "realtime", {{"client", line.clientId}});
     return kExitOk;
 }
 
@@ -106,7 +100,7 @@ int ConfigPush(const CommandLine& line, const ClientOptions& options) {
                             "an attribute or a value that the server does not know",
                         error.Hr());
     }
-    PrintDone(line, "config push");
+    PrintDone(line, "config push", {{"client", line.clientId}});
     return kExitOk;
 }
 
@@ -116,7 +110,7 @@ int ConfigSet(const CommandLine& line, const ClientOptions& options) {
     const std::u16string value = ToUtf16(options.value, "the attribute's value");
     CSession session(line, true);
     session->SetConfigAttribute(name, value);
-    PrintDone(line, "config set");
+    PrintDone(line, "config set", {{"client", line.clientId}});
     return kExitOk;
 }
 

@@ -25,12 +25,6 @@ struct FileOptions {
 
 using OptionsPtr = std::shared_ptr<FileOptions>;
 
-void PrintDone(const CommandLine& line, const char* what, const std::string& name) {
-    if (!line.json) return;
-    CJson json;
-    PrintLine(json.Open('{').Text(what, name).Bool("done", true).Close().Str());
-}
-
 int RemoveOverHttp(const CommandLine& line, const FileOptions& options) {
     CHttpConnection http(line.Connection());
     for (const std::string& name : options.names) {
@@ -39,7 +33,7 @@ int RemoveOverHttp(const CommandLine& line, const FileOptions& options) {
             throw RefusedByHttp(Printable(name) + " was not deleted", reply,
                                 WhyNotServed(line, name, &WhyNotRemoved));
         }
-        PrintDone(line, "removed", name);
+        PrintDone(line, "rm", {{"name", name}});
     }
     return kExitOk;
 }
@@ -54,7 +48,7 @@ int Remove(const CommandLine& line, const FileOptions& options) {
         session->Remove(wide);
         if (session->Attributes(wide) != kNoAttributes)
             throw Refused(Printable(name) + " was not deleted", WhyNotRemoved(before));
-        PrintDone(line, "removed", name);
+        PrintDone(line, "rm", {{"name", name}});
     }
     return kExitOk;
 }
@@ -75,7 +69,7 @@ int Move(const CommandLine& line, const FileOptions& options) {
         throw Refused(Printable(options.name) + " was not moved",
                       WhyNotNamed(*session, options.to));
     }
-    PrintDone(line, "moved", options.name);
+    PrintDone(line, "mv", {{"name", options.name}, {"to", options.to}});
     return kExitOk;
 }
 
@@ -89,7 +83,7 @@ int MakeDirectory(const CommandLine& line, const FileOptions& options) {
         throw Refused(Printable(options.name) + " was not created",
                       WhyNotNamed(*session, options.name));
     }
-    PrintDone(line, "created", options.name);
+    PrintDone(line, "mkdir", {{"name", options.name}});
     return kExitOk;
 }
 
@@ -117,7 +111,7 @@ int Erase(const CommandLine& line, const FileOptions& options) {
             throw Refused("frame " + std::to_string(options.from + i) + " was not erased", {});
     }
     file.Close();
-    PrintDone(line, "erased", options.name);
+    PrintDone(line, "erase", {{"name", options.name}});
     return kExitOk;
 }
 
@@ -126,7 +120,7 @@ int Flush(const CommandLine& line, const FileOptions& options) {
     COpenFile file(*session, OpenNamed(*session, FileNamed(options.name, options.aux)));
     session->Flush(file.Token());
     file.Close();
-    PrintDone(line, "flushed", options.name);
+    PrintDone(line, "flush", {{"name", options.name}});
     return kExitOk;
 }
 

@@ -103,10 +103,7 @@ int Stripe(const CommandLine& line, const StripeOptions& options) {
         throw Refused(Printable(options.name) + " was not striped", WhyNotChanged(after));
     }
     file.Close();
-    if (line.json) {
-        CJson json;
-        PrintLine(json.Open('{').Text("striped", options.name).Bool("done", true).Close().Str());
-    }
+    PrintDone(line, "stripe", {{"name", options.name}});
     return kExitOk;
 }
 

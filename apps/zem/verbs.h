@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <span>
 #include <string>
 
@@ -63,6 +64,14 @@ void AddFileName(CLI::App& verb, std::string& name, std::string* stream = nullpt
 inline constexpr const char* kTypeFile = "FILE";
 
 void PrintLine(const std::string& text);
+
+// What every verb that only does something tells a program, and nothing without --json:
+// {"verb":"mv","done":true,"name":"media/a","to":"media/b"}.
+struct DoneWith {
+    const char* key;
+    const std::string& value;
+};
+void PrintDone(const CommandLine& line, const char* verb, std::initializer_list<DoneWith> with);
 
 void AddPutVerbs(CLI::App& app, CommandLine& line);     // put import
 void AddExportVerb(CLI::App& app, CommandLine& line);   // export

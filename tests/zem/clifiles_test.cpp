@@ -319,7 +319,8 @@ TEST_F(ZemCliFiles, ClientVerbsStayJoined) {
     EXPECT_EQ(Run({"--id", "d", "realtime"}).code, 0);
     EXPECT_EQ(Run({"--id", "d", "keepalive"}).code, 0);
     EXPECT_EQ(m_media.clients, std::set<std::string>{"d"});
-    EXPECT_EQ(Run({"--id", "d", "leave", "--json"}).out, "{\"client\":\"d\",\"done\":\"leave\"}\n");
+    EXPECT_EQ(Run({"--id", "d", "leave", "--json"}).out,
+              "{\"verb\":\"leave\",\"done\":true,\"client\":\"d\"}\n");
     EXPECT_TRUE(m_media.clients.empty());
     EXPECT_EQ(Run({"--id", "d", "config", "push", "missing.xml"}).code, 5);
 }
