@@ -21,8 +21,6 @@ struct ClientOptions {
     std::string value;
 };
 
-using OptionsPtr = std::shared_ptr<ClientOptions>;
-
 int Join(const CommandLine& line, const ClientOptions&) {
     line.RequireId("join");
     const CSession session(line, true);
@@ -114,21 +112,15 @@ int ConfigSet(const CommandLine& line, const ClientOptions& options) {
     return kExitOk;
 }
 
-CLI::App* Add(const VerbGroup& group, const char* name, const char* help, const OptionsPtr& options,
-              int (*run)(const CommandLine&, const ClientOptions&)) {
-    const CommandLine& line = group.line;
-    return group.Add(name, help, [options, &line, run] { return run(line, *options); });
-}
-
 }  // namespace
 
 void AddClientVerbs(CLI::App& app, CommandLine& line) {
     const VerbGroup group{app, line, "Being a client"};
     const auto none = std::make_shared<ClientOptions>();
-    Add(group, "join", "Join as --id and stay", none, &Join);
-    Add(group, "leave", "End what --id has on the server: its open files are closed", none, &Leave);
-    Add(group, "keepalive", "Tell the server that --id is alive", none, &KeepAlive);
-    Add(group, "realtime", "Make --id the client whose frames go first", none, &RealTime);
+    group.Add("join", "Join as --id and stay", none, &Join);
+    group.Add("leave", "End what --id has on the server: its open files are closed", none, &Leave);
+    group.Add("keepalive", "Tell the server that --id is alive", none, &KeepAlive);
+    group.Add("realtime", "Make --id the client whose frames go first", none, &RealTime);
 
     CLI::App* config = app.add_subcommand(
         "config", "Configuration of the channel of --id. It holds until the client leaves");
@@ -136,16 +128,16 @@ void AddClientVerbs(CLI::App& app, CommandLine& line) {
     config->require_subcommand(0, 1);
     const VerbGroup below{*config, line, "Configuration"};
     auto push = std::make_shared<ClientOptions>();
-    CLI::App* verb = Add(below, "push", "Send a whole configuration", push, &ConfigPush);
+    CLI::App* verb = below.Add("push", "Send a whole configuration", push, &ConfigPush);
     verb->add_option("FILE", push->file, "XML document, UTF-8 or UTF-16")
         ->type_name(kTypeFile)
         ->required();
     auto set = std::make_shared<ClientOptions>();
-    verb =
-        Add(below, "set",
-            "Set one attribute. The protocol does not tell whether the server took it: a refusal "
-            "is in its log only. `config push` does tell",
-            set, &ConfigSet);
+    verb = below.Add(
+        "set",
+        "Set one attribute. The protocol does not tell whether the server took it: a refusal "
+        "is in its log only. `config push` does tell",
+        set, &ConfigSet);
     verb->add_option("NAME", set->name, "Attribute: frameRate or readAhead")->required();
     verb->add_option("VALUE", set->value, "Its new value")->required();
 }

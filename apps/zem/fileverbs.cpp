@@ -23,8 +23,6 @@ struct FileOptions {
     bool overHttp = false;
 };
 
-using OptionsPtr = std::shared_ptr<FileOptions>;
-
 int RemoveOverHttp(const CommandLine& line, const FileOptions& options) {
     CHttpConnection http(line.Connection());
     for (const std::string& name : options.names) {
@@ -124,39 +122,31 @@ int Flush(const CommandLine& line, const FileOptions& options) {
     return kExitOk;
 }
 
-using Routine = int (*)(const CommandLine&, const FileOptions&);
-
-CLI::App* Add(const VerbGroup& group, const char* name, const char* help, const OptionsPtr& options,
-              Routine run) {
-    const CommandLine& line = group.line;
-    return group.Add(name, help, [options, &line, run] { return run(line, *options); });
-}
-
 void AddChangeVerbs(const VerbGroup& verbs) {
     auto remove = std::make_shared<FileOptions>();
-    CLI::App* verb =
-        Add(verbs, "rm", "Delete files, in order; ends at the first that cannot be deleted", remove,
-            &Remove);
+    CLI::App* verb = verbs.Add(
+        "rm", "Delete files, in order; ends at the first that cannot be deleted", remove, &Remove);
     verb->add_option("NAME", remove->names, "Files on the server")->required();
     verb->add_flag("--http", remove->overHttp, "By plain HTTP DELETE, without joining");
 
     auto move = std::make_shared<FileOptions>();
-    verb = Add(verbs, "mv", "Move or rename a file; an existing target is refused", move, &Move);
+    verb = verbs.Add("mv", "Move or rename a file; an existing target is refused", move, &Move);
     verb->add_option("FROM", move->name, "File on the server")->required();
     verb->add_option("TO", move->to, "Its new name")->required();
 
     auto mkdir = std::make_shared<FileOptions>();
-    verb = Add(verbs, "mkdir",
-               "Create a directory. The protocol has no command that removes one: that is done on "
-               "the server",
-               mkdir, &MakeDirectory);
+    verb = verbs.Add(
+        "mkdir",
+        "Create a directory. The protocol has no command that removes one: that is done on "
+        "the server",
+        mkdir, &MakeDirectory);
     AddFileName(*verb, mkdir->name);
 }
 
 void AddFrameChangeVerbs(const VerbGroup& verbs) {
     auto erase = std::make_shared<FileOptions>();
     CLI::App* verb =
-        Add(verbs, "erase", "Erase frames of a media file; the space is given back", erase, &Erase);
+        verbs.Add("erase", "Erase frames of a media file; the space is given back", erase, &Erase);
     AddFileName(*verb, erase->name, &erase->aux);
     verb->add_option("--from", erase->from, "First frame to erase")
         ->type_name("N")
@@ -168,8 +158,8 @@ void AddFrameChangeVerbs(const VerbGroup& verbs) {
         ->transform(WholeNumber(1, 0x7FFFFFFF));
 
     auto flush = std::make_shared<FileOptions>();
-    verb = Add(verbs, "flush", "Return when all that was written to a file is on the device", flush,
-               &Flush);
+    verb = verbs.Add("flush", "Return when all that was written to a file is on the device", flush,
+                     &Flush);
     AddFileName(*verb, flush->name, &flush->aux);
 }
 

@@ -243,8 +243,7 @@ int Frames(const CommandLine& line, const FrameOptions& options) {
 
 CLI::App* Add(const VerbGroup& group, const char* name, const char* help, const OptionsPtr& options,
               int (*run)(const CommandLine&, const FrameOptions&)) {
-    const CommandLine& line = group.line;
-    CLI::App* verb = group.Add(name, help, [options, &line, run] { return run(line, *options); });
+    CLI::App* verb = group.Add(name, help, options, run);
     AddFileName(*verb, options->name, &options->aux);
     verb->add_option("--from", options->from, "First frame")
         ->type_name("N")

@@ -22,8 +22,6 @@ struct InfoOptions {
     bool byName = false;
 };
 
-using OptionsPtr = std::shared_ptr<InfoOptions>;
-
 std::string EsFlagsText(uint32_t flags) {
     std::string text;
     const auto add = [&](uint32_t bit, const char* word) {
@@ -174,37 +172,29 @@ int Stat(const CommandLine& line, const InfoOptions& options) {
     return kExitOk;
 }
 
-using Routine = int (*)(const CommandLine&, const InfoOptions&);
-
-CLI::App* Add(const VerbGroup& group, const char* name, const char* help, const OptionsPtr& options,
-              Routine run) {
-    const CommandLine& line = group.line;
-    return group.Add(name, help, [options, &line, run] { return run(line, *options); });
-}
-
 }  // namespace
 
 void AddInfoVerbs(CLI::App& app, CommandLine& line) {
     const VerbGroup verbs{app, line, "Files"};
     auto info = std::make_shared<InfoOptions>();
-    CLI::App* verb = Add(verbs, "info", "What a media file holds", info, &Info);
+    CLI::App* verb = verbs.Add("info", "What a media file holds", info, &Info);
     AddFileName(*verb, info->name, &info->aux);
     verb->add_flag("--by-name", info->byName, "Ask without opening the file");
 
     auto marks = std::make_shared<InfoOptions>();
-    verb =
-        Add(verbs, "marks",
-            "The two marks of a media file. They are set by a client that writes to the stream mk",
-            marks, &Marks);
+    verb = verbs.Add(
+        "marks",
+        "The two marks of a media file. They are set by a client that writes to the stream mk",
+        marks, &Marks);
     AddFileName(*verb, marks->name, &marks->aux);
     verb->add_flag("--by-name", marks->byName, "Ask without opening the file");
 
     auto space = std::make_shared<InfoOptions>();
-    verb = Add(verbs, "df", "Space of a volume", space, &Space);
+    verb = verbs.Add("df", "Space of a volume", space, &Space);
     verb->add_option("VOLUME", space->volume, "Volume (default: the server's volume root)");
 
     auto stat = std::make_shared<InfoOptions>();
-    verb = Add(verbs, "stat", "Size and attributes of a file or directory", stat, &Stat);
+    verb = verbs.Add("stat", "Size and attributes of a file or directory", stat, &Stat);
     AddFileName(*verb, stat->name);
 }
 

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
+#include <memory>
 #include <span>
 #include <string>
 
@@ -54,6 +55,12 @@ struct VerbGroup {
 
     // Adds a verb; `run` is called once the line is parsed. --json is every verb's.
     CLI::App* Add(const char* name, const char* help, std::function<int()> run) const;
+    // The same for one with options of its own, which it keeps.
+    template <class Options>
+    CLI::App* Add(const char* name, const char* help, const std::shared_ptr<Options>& options,
+                  int (*run)(const CommandLine&, const Options&)) const {
+        return Add(name, help, [options, &line = line, run] { return run(line, *options); });
+    }
 };
 
 // The file of the server that a verb is about and, where it is about one, the stream.
