@@ -150,7 +150,7 @@ CHttpConnection::EStep CHttpConnection::GatherMore(CPacket& packet) {
         m_decoder.IsLength() ? m_decoder.Plain() : std::max<uint64_t>(2 * held, kLowWaterBytes);
     if (!m_parked) m_upload = UploadOf(wanted);
     bool room = false;
-    if (m_parked ? m_queue->IsNextUpload(this, m_upload) : m_queue->HasNoUpload(m_upload)) {
+    if (m_queue->IsNextUpload(this, m_upload)) {
         if (m_gathered)
             room = m_gathered->Grow(wanted);
         else

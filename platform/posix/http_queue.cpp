@@ -192,12 +192,10 @@ void CRequestQueue::Unpark(CHttpConnection* connection, EUpload kind) {
 }
 
 bool CRequestQueue::IsNextUpload(const CHttpConnection* connection, EUpload kind) {
+    if (!UploadsWait()) return true;
     const std::lock_guard lock(m_parked_lock);
-    return m_parked[kind].First() == connection;
-}
-
-bool CRequestQueue::HasNoUpload(EUpload kind) {
-    return !UploadsWait() || IsNextUpload(nullptr, kind);
+    const CHttpConnection* first = m_parked[kind].First();
+    return !first || first == connection;
 }
 
 void CRequestQueue::WakeNextUploads() {

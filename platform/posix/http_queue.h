@@ -76,8 +76,8 @@ public:
     void Park(CHttpConnection* connection, EUpload kind);
     void Unpark(CHttpConnection* connection, EUpload kind);
     bool UploadsWait() const { return m_parked_count.load() > 0; }
+    // Whether nobody of that kind goes before it, be it parked or not.
     bool IsNextUpload(const CHttpConnection* connection, EUpload kind);
-    bool HasNoUpload(EUpload kind);
     void WakeNextUploads();  // when there may be room
     uint32_t ParkedUploads() const { return static_cast<uint32_t>(m_parked_count.load()); }
 

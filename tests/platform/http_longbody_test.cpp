@@ -7,6 +7,19 @@
 namespace httptest {
 namespace {
 
+// A slow upload that has sent the half of its body, and no more.
+struct CHalfGathered {
+    CHalfGathered() {
+        server.StartWorkers(2, reader.Answer());
+        upload.emplace(server, 4 * kMiB, true);
+        upload->client.Send(Pattern(2 * kMiB));
+        EXPECT_TRUE(Eventually([] { return HttpTuneGatheredBytes() > 0; }));
+    }
+    CReader reader;
+    CServer server;
+    std::optional<CUpload> upload;
+};
+
 TEST(LongBody, SlowOneIsGatheredBeforeAnybodyWaitsForIt) {
     CReader reader;
     CServer server;
@@ -194,25 +207,15 @@ TEST(LongBody, UnreadOneDoesNotHoldUpTheNextRequest) {
 }
 
 TEST(LongBody, WhoLeavesInTheMiddleLeavesNothingBehind) {
-    CReader reader;
-    CServer server;
-    server.StartWorkers(2, reader.Answer());
-    CUpload upload(server, 4 * kMiB, true);
-    upload.client.Send(Pattern(2 * kMiB));
-    EXPECT_TRUE(Eventually([] { return HttpTuneGatheredBytes() > 0; }));
-    upload.client.EndSending();
+    CHalfGathered half;
+    half.upload->client.EndSending();
     EXPECT_TRUE(Holds(0));
-    EXPECT_EQ(upload.client.Read().status, 0);
-    EXPECT_EQ(reader.Count(), 0u);
+    EXPECT_EQ(half.upload->client.Read().status, 0);
+    EXPECT_EQ(half.reader.Count(), 0u);
 }
 
 TEST(LongBody, StandingStillForGoodEndsTheConnection) {
-    CReader reader;
-    CServer server;
-    server.StartWorkers(2, reader.Answer());
-    CUpload upload(server, 4 * kMiB, true);
-    upload.client.Send(Pattern(2 * kMiB));
-    EXPECT_TRUE(Eventually([] { return HttpTuneGatheredBytes() > 0; }));
+    CHalfGathered half;
     EXPECT_TRUE(Eventually([&] {
         HttpTuneAdvanceClock(HttpTune()->body_ms);
         return HttpTuneConnections() == 0;
