@@ -1,7 +1,8 @@
-# The steps of .ci/run and what is told of them at the end. Sourced; expects $logs, the folder of their outputs.
+# The steps of .ci/run and what is told of them at the end. Sourced; expects $logs, the folder of their outputs, and $whole_s,
+# the seconds that all of them may take: who waits for the end of .ci/run hears nothing of a step that never ends.
 # shellcheck shell=bash disable=SC2034
 
-: "${logs:?}"
+: "${logs:?}" "${whole_s:?}"
 
 # twice NAME COMMAND...: a second try for what may fail by chance. When that finds nothing, the first one's words are printed at
 # the end all the same, to be looked into.
@@ -33,24 +34,61 @@ excerpt() {
     if [ "$2" -ne 0 ]; then sed '1,/^unsteady: /d' "$1" | grep . | tail -n 60 || tail -n 60 "$1"; fi
 }
 
+# within SECONDS COMMAND...: ends it, and all that it started, when it takes longer; 124 says so.
+within() {
+    local started watch status=0 late=$logs/late
+    rm -f "$late"
+    set -m  # a process group for each
+    ("${@:2}") &
+    started=$!
+    (sleep "$1" && touch "$late" && kill -TERM -- "-$started" && sleep 10 && kill -KILL -- "-$started") >/dev/null 2>&1 &
+    watch=$!
+    set +m
+    wait "$started" || status=$?
+    kill -KILL -- "-$watch" 2>/dev/null || true
+    wait "$watch" 2>/dev/null || true
+    if [ -e "$late" ]; then
+        kill -KILL -- "-$started" 2>/dev/null || true  # what did not hear the first signal
+        status=124
+    fi
+    return "$status"
+}
+
+strictly() {
+    set -e
+    "$@"
+}
+
 mkdir -p "$logs"
 results=()
 unwell=()
 failed=0
-step() {  # step [--shown] TITLE COMMAND...: runs it in a shell of its own, so that its first failure ends it
-    local decides=1
+
+# step [--shown] [--within SECONDS] TITLE COMMAND...: runs it in a shell of its own, so that its first failure ends it
+step() {
+    local decides=1 allowed=$((whole_s - SECONDS)) start=$SECONDS result=passed status=0 title log
     if [ "$1" = --shown ]; then
         decides=0
         shift
     fi
-    local title=$1 start=$SECONDS result=passed status=0
-    local log; log=$logs/$(printf %02d $((${#results[@]} + 1))).log
+    if [ "$1" = --within ]; then
+        if [ "$2" -lt "$allowed" ]; then allowed=$2; fi
+        shift 2
+    fi
+    title=$1
+    log=$logs/$(printf %02d $((${#results[@]} + 1))).log
     shift
-    printf '\n== %s\n' "$title"
-    set +e
-    (set -e; "$@") >"$log" 2>&1
-    status=$?
-    set -e
+    printf '\n== %s (%d:%02d)\n' "$title" $((SECONDS / 60)) $((SECONDS % 60))
+    if [ "$allowed" -le 0 ]; then
+        printf 'there was no time left for it\n' >"$log"
+        status=124
+    else
+        set +e
+        within "$allowed" strictly "$@" >"$log" 2>&1 </dev/null
+        status=$?
+        set -e
+        if [ $status -eq 124 ]; then printf 'not finished within %d s\n' "$allowed" >>"$log"; fi
+    fi
     tail -n 12 "$log"
     if grep -q '^unsteady: ' "$log"; then result=unsteady; fi
     if [ $status -ne 0 ] && [ $decides -eq 0 ]; then result="to look at"; fi
@@ -65,7 +103,6 @@ step() {  # step [--shown] TITLE COMMAND...: runs it in a shell of its own, so t
     esac
     results+=("$(printf '%-48s %-12s %3d %5d s' "$title" "$result" $status $((SECONDS - start)))")
 }
-
 # Of every step that did not pass at once what it said.
 tell_unwell() {
     local one log

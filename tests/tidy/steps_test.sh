@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
-# steps_test.sh SOURCE_DIR: what .ci/run tells at the end of steps that went well, that did so at the second try, and that failed.
+# steps_test.sh SOURCE_DIR: what .ci/run tells at the end of steps that went well, that did so at the second try, that failed, and that did not end.
 set -euo pipefail
 source_dir=$1
 # shellcheck source=tests/scratch.sh
 . "$source_dir/tests/scratch.sh"
 told=(end)
 logs=$work/logs
+whole_s=600
 # shellcheck source=.ci/steps.sh
 . "$source_dir/.ci/steps.sh"
 
@@ -25,6 +26,14 @@ never() {
 }
 unsteady() { twice second_time second_time; }
 hopeless() { twice never never; }
+# With a child that does not hear the signal that its parent ends at.
+endless() {
+    printf 'endless: began\n'
+    # shellcheck disable=SC2016
+    flock "$work/lives" sh -c 'trap "" TERM; echo >"$1"; exec sleep 1000' sh "$work/begun" &
+    cat "$work/begun" >/dev/null
+    wait
+}
 # As ctest prints it.
 tests() {
     printf '      Start  1: good\n1/2 Test  #1: good ...   Passed\nnoise\n      Start  2: bad\n2/2 Test  #2: bad ...***Failed\nthe reason\n'
@@ -38,18 +47,26 @@ tests() {
     step --shown 'shown' never
     step 'tests' tests
     step 'hopeless' hopeless
+    mkfifo "$work/begun"
+    step --within 1 'endless' endless
+    whole_s=0
+    step --shown --within 100 'too late' true
 } >/dev/null
 tell_unwell >"$work/end"
 has() { grep -qxF -- "$1" "$work/end" || fail "the end lacks: $1"; }
 has 'first: the frame is another'
 [ "$failed" -eq 1 ] || fail 'failures do not count'
 printf '%s\n' "${results[@]}" >"$work/results"
-[ "$(awk '{ print $1, $2 }' "$work/results" | paste -sd,)" = 'well passed,unsteady unsteady,shown to,tests FAILED,hopeless FAILED' ] ||
+[ "$(awk '{ print $1, $2 }' "$work/results" | paste -sd,)" = 'well passed,unsteady unsteady,shown to,tests FAILED,hopeless FAILED,endless FAILED,too late' ] ||
     fail "results: $(cat "$work/results")"
 has 'the reason'
 if grep -qx noise "$work/end"; then fail 'a test that passed is told of'; fi
 has 'never: that is wrong'
 [ "$(grep -c 'never: that is wrong' "$work/end")" -eq 3 ] || fail 'shown once, hopeless twice'
+has 'endless: began'
+has 'not finished within 1 s'
+has 'there was no time left for it'
+flock -w 30 "$work/lives" true || fail 'what a step started outlives it'
 # What decided comes last.
-[ "$(grep '^== ' "$work/end" | tail -n 1)" = '== from build/ci/05.log' ] || fail 'what failed is not last'
+[ "$(grep '^== ' "$work/end" | tail -n 1)" = '== from build/ci/06.log' ] || fail 'what failed is not last'
 if grep -q '01.log' "$work/end"; then fail 'what went well is told of'; fi
