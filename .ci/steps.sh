@@ -34,6 +34,14 @@ excerpt() {
     if [ "$2" -ne 0 ]; then sed '1,/^unsteady: /d' "$1" | grep . | tail -n 60 || tail -n 60 "$1"; fi
 }
 
+# A step has a process group of its own: what is to end .ci/run has to be passed on.
+groups=()
+end_groups() {
+    local group
+    for group in "${groups[@]}"; do kill -TERM -- "-$group" 2>/dev/null || true; done
+}
+trap 'end_groups; exit 130' HUP INT TERM
+
 # within SECONDS COMMAND...: ends it, and all that it started, when it takes longer; 124 says so.
 within() {
     local started watch status=0 late=$logs/late
@@ -44,7 +52,9 @@ within() {
     (sleep "$1" && touch "$late" && kill -TERM -- "-$started" && sleep 10 && kill -KILL -- "-$started") >/dev/null 2>&1 &
     watch=$!
     set +m
+    groups=("$started" "$watch")
     wait "$started" || status=$?
+    groups=()
     kill -KILL -- "-$watch" 2>/dev/null || true
     wait "$watch" 2>/dev/null || true
     if [ -e "$late" ]; then

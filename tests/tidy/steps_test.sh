@@ -66,7 +66,21 @@ has 'never: that is wrong'
 has 'endless: began'
 has 'not finished within 1 s'
 has 'there was no time left for it'
-flock -w 30 "$work/lives" true || fail 'what a step started outlives it'
+flock -w 2 "$work/lives" true || fail 'what a step started outlives it'
+# Who ends the whole, ends the step.
+mkfifo "$work/waiting"
+cat >"$work/whole" <<'END'
+logs=$1/whole.logs
+whole_s=600
+. "$2/.ci/steps.sh"
+step waiting flock "$1/waits" sh -c 'echo >"$1"; exec sleep 1000' sh "$1/waiting"
+END
+bash "$work/whole" "$work" "$source_dir" >/dev/null &
+whole=$!
+cat "$work/waiting" >/dev/null
+kill "$whole"
+wait "$whole" && fail 'a signal does not end it'
+flock -w 30 "$work/waits" true || fail 'what a step started outlives the whole'
 # What decided comes last.
 [ "$(grep '^== ' "$work/end" | tail -n 1)" = '== from build/ci/06.log' ] || fail 'what failed is not last'
 if grep -q '01.log' "$work/end"; then fail 'what went well is told of'; fi
