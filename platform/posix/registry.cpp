@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <mutex>
 
@@ -57,6 +58,7 @@ struct CSnapshot {
     bool settled = false;  // false: look into the file again even if its state seems the same
     std::string content;
     CRegistryTree tree;
+    DWORD skippedLines = 0;
 };
 using Snapshot = std::shared_ptr<const CSnapshot>;
 
@@ -123,6 +125,7 @@ Snapshot Build(const CRegistry& registry, const std::string& path) {
     made->settled = !made->state.MayChangeUnseen();
     std::vector<CRegistryComplaint> complaints;
     if (!made->content.empty()) made->tree = ParseRegistryFile(made->content, &complaints);
+    made->skippedLines = static_cast<DWORD>(complaints.size());
     const bool known = registry.current && registry.current->path == path &&
                        registry.current->content == made->content;
     for (size_t i = 0; i < complaints.size() && !known; ++i) {
@@ -313,6 +316,20 @@ bool OverrideRegistryValue(LPCWSTR key, LPCWSTR name, DWORD type, const void* da
     }
     registry.current = nullptr;
     return true;
+}
+
+DWORD SkippedRegistryLines() {
+    return Current()->skippedLines;
+}
+
+void VisitRegistryValues(void (*each)(void* context, LPCWSTR key, LPCWSTR name, DWORD type),
+                         void* context) {
+    const Snapshot snapshot = Current();
+    const std::map keys(snapshot->tree.keys.begin(), snapshot->tree.keys.end());
+    for (const auto& [key, values] : keys) {
+        for (const auto& [name, value] : values)
+            each(context, key.c_str(), name.c_str(), value.type);
+    }
 }
 
 }  // extern "C"

@@ -71,5 +71,13 @@ void RegistryFileInUse(char* path, DWORD size);
 // name as in the file ("HKEY_LOCAL_MACHINE\Software\..."); null `data` takes the override away
 // again. False when `key` is malformed. Only this layer has it.
 bool OverrideRegistryValue(LPCWSTR key, LPCWSTR name, DWORD type, const void* data, DWORD size);
+
+// How many lines of the file are malformed. Only this layer has it.
+DWORD SkippedRegistryLines();
+
+// Calls `each` for every value there is, overrides included, in the order of their keys. Key (below
+// HKEY_LOCAL_MACHINE) and name are in lower case. Only this layer has it.
+void VisitRegistryValues(void (*each)(void* context, LPCWSTR key, LPCWSTR name, DWORD type),
+                         void* context);
 }
 #pragma GCC visibility pop

@@ -359,6 +359,36 @@ TEST_F(Registry, Overrides) {
     EXPECT_FALSE(OverrideRegistryValue(nullptr, TEXT("x"), REG_DWORD, &port, 4));
 }
 
+TEST_F(Registry, VisitsEveryValue) {
+    WriteVersion5(
+        "[HKEY_LOCAL_MACHINE\\Software\\K]\n\"Port\"=\"1\"\n\"gone\"=dword:2\n\"gone\"=-\n"
+        "[HKEY_CLASSES_ROOT\\.X]\n@=\"x\"\n[HKEY_LOCAL_MACHINE\\Empty]\n");
+    const DWORD port = 99;
+    const auto lay = [&](const DWORD* data) {
+        OverrideRegistryValue(TEXT("HKEY_LOCAL_MACHINE\\Software\\Z"), TEXT("Over"), REG_DWORD,
+                              data, 4);
+    };
+    lay(&port);
+    std::u16string seen;
+    VisitRegistryValues(
+        [](void* context, LPCWSTR key, LPCWSTR name, DWORD type) {
+            auto& all = *static_cast<std::u16string*>(context);
+            all +=
+                std::u16string(key) + u':' + name + u'=' + static_cast<WCHAR>(u'0' + type) + u' ';
+        },
+        &seen);
+    lay(nullptr);
+    EXPECT_EQ(seen, u"software\\classes\\.x:=1 software\\k:port=1 software\\z:over=4 ");
+}
+
+TEST_F(Registry, CountsTheLinesThatItSkips) {
+    EXPECT_EQ(SkippedRegistryLines(), 0u);
+    WriteVersion5("[HKEY_LOCAL_MACHINE\\K]\n\"a\"=1\n\"b\"=dword:1\nc\n");
+    EXPECT_EQ(SkippedRegistryLines(), 2u);
+    WriteVersion5("[HKEY_LOCAL_MACHINE\\K]\n\"b\"=dword:1\n");
+    EXPECT_EQ(SkippedRegistryLines(), 0u);
+}
+
 TEST_F(Registry, TheEnvironmentNamesTheFile) {
     WriteVersion5("[HKEY_LOCAL_MACHINE\\K]\n\"a\"=dword:1\n");
     SetRegistryFile(nullptr);
