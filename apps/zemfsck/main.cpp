@@ -73,7 +73,7 @@ HRESULT Open(const std::string& name, std::unique_ptr<zemstore::IStoreFile>& fil
     const std::filesystem::path path = std::filesystem::canonical(PathOf(name), error);
     if (error == std::errc::permission_denied) return E_ACCESSDENIED;
     if (error) return HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
-    if (!path.has_filename()) return E_ACCESSDENIED;
+    if (std::filesystem::is_directory(path, error)) return HRESULT_FROM_WIN32(ERROR_DIRECTORY);
     std::shared_ptr<zemstore::IVolume> volume;
     const HRESULT hr = zemstore::OpenVolume(Utf8(path.parent_path()), volume);
     if (FAILED(hr)) return hr;

@@ -45,6 +45,7 @@ std::string WhyNot(HRESULT hr) {
         {HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), "no such file"},
         {HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND), "no such directory"},
         {HRESULT_FROM_WIN32(ERROR_IO_DEVICE), "the device failed"},
+        {HRESULT_FROM_WIN32(ERROR_DIRECTORY), "a directory; name files"},
         {E_ACCESSDENIED, "not a regular file, or no permission to read it"},
         {E_OUTOFMEMORY, "not enough memory"},
     };

@@ -335,7 +335,10 @@ TEST_F(FsckProgram, WhatCannotBeCheckedIs2) {
     m_folder.Write("text", "hello");
     EXPECT_EQ(Run(m_folder.File("text") + " " + Put("good")), 2);
     EXPECT_TRUE(Says("not a native media file")) << m_output;
-    EXPECT_EQ(Run(m_folder.Path().string()), 2);
+    for (const std::string& folder : {m_folder.Path().string(), std::string("/")}) {
+        EXPECT_EQ(Run(folder), 2);
+        EXPECT_TRUE(Says("not checked: a directory; name files")) << m_output;
+    }
     EXPECT_EQ(Run(""), 2);
     EXPECT_TRUE(Says("Usage:")) << m_output;
     EXPECT_EQ(Run("--nonsense"), 2);
