@@ -84,8 +84,8 @@ int Serve(const HostOptions& options, const HostSettings& settings) {
         return Fail(kExitStartFailed, "the server started but nobody answers at " +
                                           LocalUrl(settings) + "; the error log says why");
     }
-    std::printf("zemhost ready: %s/ (volume root %s)\n", LocalUrl(settings).c_str(),
-                settings.volume.c_str());
+    std::printf("zemhost ready: %s/%s (volume root %s)\n", LocalUrl(settings).c_str(),
+                Everywhere(settings).c_str(), settings.volume.c_str());
     std::fflush(stdout);
     const std::string warning = WarnOfVolume(settings);
     if (!warning.empty()) std::fprintf(stderr, "zemhost: %s.\n", warning.c_str());

@@ -1,6 +1,8 @@
 // Where each setting stands in the registry.
 #include "apps/zemhost/settings.h"
 
+#include <algorithm>
+
 #include "apps/zemhost/registryplaces.h"
 #include "apps/zemhost/widetext.h"
 
@@ -71,6 +73,14 @@ HostSettings ReadSettings(const HostOptions& options) {
     HostSettings settings;
     std::string bytes;
     if (ReadValue(kPortPlace, REG_DWORD, REG_DWORD, bytes) && bytes.size() == sizeof(DWORD)) {
+std::string Everywhere(const HostSettings& settings) {
+    const std::vector<std::string>& addresses = settings.addresses;
+    const bool all = addresses.empty() ||
+                     std::any_of(addresses.begin(), addresses.end(),
+                                 [](const auto& one) { return one == "0.0.0.0" || one == "::"; });
+    return all ? " on every address" : "";
+}
+
         settings.port = 0;
         for (size_t i = sizeof(DWORD); i-- > 0;)
             settings.port = settings.port << 8 | static_cast<unsigned char>(bytes[i]);
@@ -114,5 +124,5 @@ std::string SettingsText(const HostSettings& settings) {
            line("volume", settings.volume.empty() ? "none" : settings.volume,
                 settings.volumeSource) +
            line("log-format", settings.logFormat, settings.logFormatSource) + "address " +
-           LocalUrl(settings) + "\n";
+           LocalUrl(settings) + Everywhere(settings) + "\n";
 }

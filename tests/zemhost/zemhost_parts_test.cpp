@@ -83,7 +83,7 @@ TEST(ZemhostSettings, AreTheDefaultsWithoutARegistryFile) {
     EXPECT_EQ(settings.volume, "");
     EXPECT_EQ(SettingsText(settings),
               "port 80 default\nlisten all default\nvolume none default\n"
-              "log-format text default\naddress http://127.0.0.1:80\n");
+              "log-format text default\naddress http://127.0.0.1:80 on every address\n");
 }
 
 TEST(ZemhostSettings, ComeFromTheRegistryFile) {
@@ -135,8 +135,10 @@ TEST(ZemhostPackage, RegistryFileHasTheSettingsAndThisVersion) {
     options.registry = PACKAGED_REGISTRY_FILE;
     EXPECT_EQ(CheckRegistryFile(options.registry), "");
     EXPECT_EQ(
+    EXPECT_EQ(Everywhere(settings), " on every address");
         SettingsText(SettingsOf(options)),
         "port 8080 registry\nlisten 127.0.0.1 registry\nvolume /var/lib/zemhttpd/volume registry\n"
+    EXPECT_EQ(Everywhere(settings), " on every address");
         "log-format text registry\n"
         "address http://127.0.0.1:8080\n");
 

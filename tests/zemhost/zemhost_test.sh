@@ -41,7 +41,7 @@ case_settings_and_their_sources() {
 case_settings_without_registry_file() {
     ZEM_REGISTRY=$work/none expect 0 --settings
     printf '%s\n' 'port 80 default' 'listen all default' 'volume none default' \
-        'log-format text default' 'address http://127.0.0.1:80' |
+        'log-format text default' 'address http://127.0.0.1:80 on every address' |
         cmp - "$work/out" || fail 'other settings'
 }
 
