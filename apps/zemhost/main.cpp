@@ -10,6 +10,7 @@
 #include "apps/zemhost/hostsystem.h"
 #include "apps/zemhost/options.h"
 #include "apps/zemhost/settings.h"
+#include "apps/zemhost/wrongvalues.h"
 #include "mediaio/errorlog/sink.h"
 #include "platform/platform.h"
 #include "zemhttpd/entry/zemhttpd.h"
@@ -18,10 +19,14 @@ namespace {
 
 constexpr uint32_t kLogFlush_ms = 1000, kLogStop_ms = 2000;
 
+void Say(const std::string& sentence) {
+    std::fprintf(stderr, "zemhost: %s.\n", sentence.c_str());
+}
+
 // Last on the terminal, after what the server wrote to its error log.
 int Fail(ExitCode code, const std::string& sentence) {
     ErrorLogFlush(kLogFlush_ms);
-    std::fprintf(stderr, "zemhost: %s.\n", sentence.c_str());
+    Say(sentence);
     TellFailure(sentence);
     return code;
 }
@@ -36,9 +41,25 @@ std::string UseLog(const HostOptions& options, const HostSettings& settings) {
     return problem + "; give another with --log FILE";
 }
 
+// Names each value that is not read for its type; the last one by what is returned, if the server
+// must not start with one of them.
+std::string CheckTypes(const HostOptions& options) {
+    std::string problem;
+    for (const WrongValue& wrong : FindWrongValues()) {
+        if (!wrong.decides && !options.settings) {
+            Say(wrong.sentence);
+            continue;
+        }
+        if (!problem.empty()) Say(problem);
+        problem = wrong.sentence;
+    }
+    return problem;
+}
+
 // What is wrong on every machine: --settings looks at it, too.
-std::string CheckValues(const HostSettings& settings) {
-    std::string problem = CheckPort(settings);
+std::string CheckValues(const HostOptions& options, const HostSettings& settings) {
+    std::string problem = CheckTypes(options);
+    if (problem.empty()) problem = CheckPort(settings);
     if (problem.empty()) problem = CheckAddresses(settings);
     if (problem.empty()) problem = CheckLogFormat(settings);
     return problem;
@@ -72,7 +93,7 @@ bool Listens(const HostSettings& settings) {
 // Asked for after a tool has renamed the file.
 void ReopenLog(const HostOptions& options, const HostSettings& settings) {
     const std::string problem = UseLog(options, settings);
-    if (!problem.empty()) std::fprintf(stderr, "zemhost: %s.\n", problem.c_str());
+    if (!problem.empty()) Say(problem);
 }
 
 int Serve(const HostOptions& options, const HostSettings& settings) {
@@ -88,7 +109,7 @@ int Serve(const HostOptions& options, const HostSettings& settings) {
                 Everywhere(settings).c_str(), settings.volume.c_str());
     std::fflush(stdout);
     const std::string warning = WarnOfVolume(settings);
-    if (!warning.empty()) std::fprintf(stderr, "zemhost: %s.\n", warning.c_str());
+    if (!warning.empty()) Say(warning);
     TellReady();
 
     const std::string name = WaitForStopSignal([&] { ReopenLog(options, settings); });
@@ -106,10 +127,12 @@ int ServeAs(const HostOptions& options) {
     std::string problem = CheckRegistry(options);
     if (!problem.empty()) return Fail(kExitWrongSetting, problem);
     const HostSettings settings = ReadSettings(options);
-    problem = CheckValues(settings);
+    problem = CheckValues(options, settings);
     if (!problem.empty()) return Fail(kExitWrongSetting, problem);
     if (options.settings) {
         std::fputs(SettingsText(settings).c_str(), stdout);
+        for (const std::string& stray : FindStrayValues())
+            std::printf("note %s\n", stray.c_str());
         return kExitStopped;
     }
     problem = CheckBefore(options, settings);

@@ -55,7 +55,14 @@ const SettingAdvice kSettingAdvice = {
 std::string CheckRegistry(const HostOptions& options) {
     char path[4096];
     RegistryFileInUse(path, sizeof path);
-    return CheckRegistryFile(path, !options.registry.empty());
+    std::string problem = CheckRegistryFile(path, !options.registry.empty());
+    // Nobody knows what they were to set, and without it the server could be open to everybody.
+    if (problem.empty() && SkippedRegistryLines() != 0) {
+        problem = std::string("the registry file '") + path +
+                  "' has lines that are not understood, named above; mend them, or put a ; before "
+                  "each";
+    }
+    return problem;
 }
 
 void ApplyOptions(const HostOptions& options) {

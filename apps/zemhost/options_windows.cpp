@@ -2,6 +2,7 @@
 #include "apps/zemhost/checks.h"
 #include "apps/zemhost/optiontable.h"
 #include "apps/zemhost/settings.h"
+#include "apps/zemhost/wrongvalues.h"
 
 namespace {
 
@@ -33,6 +34,10 @@ const SettingAdvice kSettingAdvice = {
     "reserve its URLs for this user with netsh http add urlacl, or run zemhost as administrator"};
 
 std::string CheckRegistry(const HostOptions&) {
+    return {};
+}
+
+std::vector<std::string> FindStrayValues() {
     return {};
 }
 

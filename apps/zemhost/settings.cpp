@@ -3,47 +3,15 @@
 
 #include <algorithm>
 
-#include "apps/zemhost/registryplaces.h"
-#include "apps/zemhost/widetext.h"
+#include "apps/zemhost/registryvalue.h"
 
 namespace {
 
-// The value's bytes when it exists and has one of two types.
-bool ReadValue(const RegistryPlace& place, DWORD type, DWORD otherType, std::string& bytes) {
-    HKEY key = nullptr;
-    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, place.key, 0, KEY_READ, &key) != ERROR_SUCCESS)
-        return false;
-    DWORD found = 0;
-    DWORD size = 0;
-    bool read =
-        RegQueryValueExW(key, place.value, nullptr, &found, nullptr, &size) == ERROR_SUCCESS &&
-        (found == type || found == otherType);
-    if (read) {
-        bytes.resize(size);
-        read = RegQueryValueExW(key, place.value, nullptr, &found,
-                                reinterpret_cast<LPBYTE>(bytes.data()), &size) == ERROR_SUCCESS;
-        bytes.resize(read ? size : 0);
-    }
-    RegCloseKey(key);
-    return read;
-}
-
-// The texts of a REG_SZ or REG_MULTI_SZ value, as UTF-8.
-std::vector<std::string> Texts(const std::string& bytes) {
-    std::vector<std::string> texts;
-    WString text;
-    for (size_t i = 0; i + 1 < bytes.size(); i += 2) {
-        const auto unit = static_cast<WCHAR>(static_cast<unsigned char>(bytes[i]) |
-                                             static_cast<unsigned char>(bytes[i + 1]) << 8);
-        if (unit != 0) {
-            text += unit;
-            continue;
-        }
-        if (!text.empty()) texts.push_back(NarrowText(text));
-        text.clear();
-    }
-    if (!text.empty()) texts.push_back(NarrowText(text));
-    return texts;
+// The value when it is of the type that the server reads.
+std::optional<RegistryValue> ReadValue(const RegistryPlace& place) {
+    std::optional<RegistryValue> value = ReadRegistryValue(place);
+    if (value && !IsRead(place, *value)) value.reset();
+    return value;
 }
 
 const char* SourceName(SettingSource source) {
@@ -71,35 +39,24 @@ HostSettings ReadSettings(const HostOptions& options) {
         return option ? SettingSource::kOption : SettingSource::kRegistry;
     };
     HostSettings settings;
-    std::string bytes;
-    if (ReadValue(kPortPlace, REG_DWORD, REG_DWORD, bytes) && bytes.size() == sizeof(DWORD)) {
-std::string Everywhere(const HostSettings& settings) {
-    const std::vector<std::string>& addresses = settings.addresses;
-    const bool all = addresses.empty() ||
-                     std::any_of(addresses.begin(), addresses.end(),
-                                 [](const auto& one) { return one == "0.0.0.0" || one == "::"; });
-    return all ? " on every address" : "";
-}
-
-        settings.port = 0;
-        for (size_t i = sizeof(DWORD); i-- > 0;)
-            settings.port = settings.port << 8 | static_cast<unsigned char>(bytes[i]);
+    if (const auto port = ReadValue(kPortPlace)) {
+        settings.port = RegistryNumber(*port);
         settings.portSource = source(options.port.has_value());
     }
-    if (ReadValue(kListenPlace, REG_MULTI_SZ, REG_MULTI_SZ, bytes)) {
-        settings.addresses = Texts(bytes);
+    if (const auto list = ReadValue(kListenPlace)) {
+        settings.addresses = RegistryTexts(*list);
         if (!settings.addresses.empty())
             settings.addressesSource = source(options.listen.has_value());
     }
-    if (ReadValue(kVolumePlace, REG_SZ, REG_EXPAND_SZ, bytes)) {
-        const std::vector<std::string> texts = Texts(bytes);
+    if (const auto volume = ReadValue(kVolumePlace)) {
+        const std::vector<std::string> texts = RegistryTexts(*volume);
         if (!texts.empty()) {
             settings.volume = texts.front();
             settings.volumeSource = source(options.volume.has_value());
         }
     }
-    if (ReadValue(kLogFormatPlace, REG_SZ, REG_EXPAND_SZ, bytes)) {
-        const std::vector<std::string> texts = Texts(bytes);
+    if (const auto format = ReadValue(kLogFormatPlace)) {
+        const std::vector<std::string> texts = RegistryTexts(*format);
         settings.logFormat = texts.empty() ? "" : texts.front();
         settings.logFormatSource = SettingSource::kRegistry;
     }
@@ -112,6 +69,14 @@ std::string LocalUrl(const HostSettings& settings) {
     if (host == "::") host = "::1";
     if (host.find(':') != std::string::npos) host = "[" + host + "]";
     return "http://" + host + ":" + std::to_string(settings.port);
+}
+
+std::string Everywhere(const HostSettings& settings) {
+    const std::vector<std::string>& addresses = settings.addresses;
+    const bool all = addresses.empty() ||
+                     std::any_of(addresses.begin(), addresses.end(),
+                                 [](const auto& one) { return one == "0.0.0.0" || one == "::"; });
+    return all ? " on every address" : "";
 }
 
 std::string SettingsText(const HostSettings& settings) {

@@ -94,7 +94,7 @@ def registry_values():
     for path, text in sources('zemhttpd', 'mediaio', 'platform/posix', 'apps/zemhost'):
         for pattern in (r'Read(?:Dword|String)\(\s*TEXT\("([^"]+)"\)',
                         r'RegQueryValueEx[AW]\(\s*\w+,\s*(?:TEXT\()?"([^"]+)"',
-                        r'RegistryPlace k\w+ = \{\s*TEXT\("[^"]*"\),\s*TEXT\("([^"]+)"\)'):
+                        r'RegistryPlace(?: k\w+ = )?\{\s*TEXT\("[^"]*"\),\s*TEXT\("([^"]+)"\)'):
             for name in re.findall(pattern, text):
                 found.setdefault(name, path)
     shipped = 'packaging/zemhttpd.reg'
@@ -146,6 +146,13 @@ good = compare('registry value', values, table(page, 'Settings', 1), str.__eq__,
 good = compare('log line', texts, table(page, 'The log', 0),
                lambda text, line: text in line if texts[text].startswith('mediaio/') else text == line,
                lambda line: fragments(line) and all(part in literals for part in fragments(line))) and good
+# What zemhost looks at for its type.
+with open(os.path.join(ROOT, 'apps', 'zemhost', 'registryplaces.h'), encoding='utf-8') as file:
+    looked_at = re.findall(r'TEXT\("([^"\\]+)"\)', file.read())
+for name in values:
+    if name not in looked_at + ['Content Type']:
+        print('apps/zemhost/registryplaces.h lacks the registry value %s (%s)' % (name, values[name]))
+        good = False
 for _, text in sources('mediaio', 'platform/posix', 'apps/zemhost', 'zemhttpd'):
     for name in re.findall(r'(?:getenv|EnvironmentFlag)\("([A-Z_]+)"\)', text):
         if '`%s' % name not in page:

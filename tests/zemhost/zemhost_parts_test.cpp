@@ -8,6 +8,7 @@
 #include "apps/zemhost/hostsystem.h"
 #include "apps/zemhost/options.h"
 #include "apps/zemhost/settings.h"
+#include "apps/zemhost/wrongvalues.h"
 #include "platform/platform.h"
 #include "tests/tempfolder.h"
 
@@ -140,6 +141,126 @@ TEST(ZemhostPackage, RegistryFileHasTheSettingsAndThisVersion) {
         "port 8080 registry\nlisten 127.0.0.1 registry\nvolume /var/lib/zemhttpd/volume registry\n"
     EXPECT_EQ(Everywhere(settings), " on every address");
         "log-format text registry\n"
+    EXPECT_EQ(Everywhere(settings), " on every address");
+    settings.addresses = {"127.0.0.1", "::1"};
+    EXPECT_EQ(Everywhere(settings), "");
+}
+
+// Where the server reads the list an empty text ends it, and nothing before that is every address.
+TEST(ZemhostSettings, AnEmptyAddressIsNotPassedOver) {
+    const CTempFolder folder;
+    HostOptions options;
+    options.registry = folder.Write(
+        "r", std::string(kTitle) +
+                 "[HKEY_LOCAL_MACHINE\\System\\CurrentControlSet\\Services\\HTTP\\Parameters]\r\n"
+                 "\"ListenOnlyList\"=hex(7):00,00,3a,00,3a,00,31,00,00,00,00,00\r\n");
+    const HostSettings settings = SettingsOf(options);
+    EXPECT_EQ(settings.addresses, (std::vector<std::string>{"", "::1"}));
+    EXPECT_NE(CheckAddresses(settings), "");
+}
+
+// The sentences about a file with these lines, each behind 1 or 0: whether it decides.
+std::vector<std::string> WrongValuesOf(const std::string& lines) {
+    const CTempFolder folder;
+    SetRegistryFile(folder.Write("r", kTitle + lines).c_str());
+    std::vector<std::string> said;
+    for (const WrongValue& wrong : FindWrongValues())
+        said.push_back((wrong.decides ? "1 " : "0 ") + wrong.sentence);
+    return said;
+}
+
+constexpr char kServerKey[] = "[HKEY_LOCAL_MACHINE\\Software\\Quorvane Group\\ZEM]\r\n";
+constexpr char kHttpKey[] =
+    "[HKEY_LOCAL_MACHINE\\System\\CurrentControlSet\\Services\\HTTP\\Parameters]\r\n";
+
+using Said = std::vector<std::string>;
+
+TEST(ZemhostWrongValues, NumberThatIsNone) {
+    const std::string start = "1 the registry value HttpPort of Software\\Quorvane Group\\ZEM is ";
+    const std::string end =
+        ", which is not read; its line must be \"HttpPort\"=dword:00001f90 (8080 in hexadecimal)";
+    for (const auto& [line, is] :
+         {std::pair("\"8080\"", "a text"), std::pair("\"http\"", "a text"),
+          std::pair("\"\"", "a text"), std::pair("hex:90,1f,00,00", "of another type"),
+          std::pair("hex(4):90,1f", "not of four bytes"),
+          std::pair("hex(7):38,00,30,00,38,00,30,00", "a list of texts")}) {
+        EXPECT_EQ(WrongValuesOf(kServerKey + ("\"HttpPort\"=" + std::string(line)) + "\r\n"),
+                  Said{start + is + end})
+            << line;
+    }
+    EXPECT_EQ(WrongValuesOf(std::string(kServerKey) + "\"HttpPort\"=\"9000\"\r\n"),
+              Said{start +
+                   "a text, which is not read; its line must be \"HttpPort\"=dword:00002328 (9000 "
+                   "in hexadecimal)"});
+    EXPECT_EQ(WrongValuesOf(std::string(kServerKey) + "\"HttpPort\"=dword:0\r\n"), Said{});
+}
+
+TEST(ZemhostWrongValues, ListThatIsNone) {
+    const std::string start =
+        "1 the registry value ListenOnlyList of "
+        "System\\CurrentControlSet\\Services\\HTTP\\Parameters is ";
+    EXPECT_EQ(
+        WrongValuesOf(std::string(kHttpKey) + "\"ListenOnlyList\"=\"::1, 10.0.0.5\"\r\n"),
+        Said{start + "a text, which is not read; its line must be \"ListenOnlyList\"=hex(7):"
+                     "3a,00,3a,00,31,00,00,00,31,00,30,00,2e,00,30,00,2e,00,30,00,2e,00,35,00,"
+                     "00,00,00,00 (::1, 10.0.0.5)"});
+    EXPECT_EQ(
+        WrongValuesOf(std::string(kHttpKey) + "\"ListenOnlyList\"=dword:1\r\n"),
+        Said{start +
+             "a number, which is not read; its line must be \"ListenOnlyList\"=hex(7):"
+             "31,00,32,00,37,00,2e,00,30,00,2e,00,30,00,2e,00,31,00,00,00,00,00 (127.0.0.1)"});
+    EXPECT_EQ(WrongValuesOf(std::string(kHttpKey) + "\"ListenOnlyList\"=hex(7):\r\n"), Said{});
+}
+
+TEST(ZemhostWrongValues, TextThatIsNone) {
+    EXPECT_EQ(WrongValuesOf("[HKEY_LOCAL_MACHINE\\Software\\Quorvane Group\\RUD\\vfs]\r\n"
+                            "\"0\"=hex(7):43,00,3a,00,5c,00,00,00\r\n"),
+              Said{"1 the registry value 0 of Software\\Quorvane Group\\RUD\\vfs is a list of "
+                   "texts, which is not read; its line must be \"0\"=\"C:\\\\\""});
+    EXPECT_EQ(WrongValuesOf(std::string(kServerKey) + "\"LogFormat\"=dword:1\r\n"),
+              Said{"1 the registry value LogFormat of Software\\Quorvane Group\\ZEM is a number, "
+                   "which is not read; its line must be \"LogFormat\"=\"text\""});
+}
+
+TEST(ZemhostWrongValues, OthersAreNamedAndDoNotDecide) {
+    const std::vector<std::string> said = WrongValuesOf(
+        std::string(kServerKey) +
+        "\"HttpFileServer\"=\"1\"\r\n\"ReclaimFrameBlocks\"=\"1\"\r\n\"ReportBlocks\"=\"1\"\r\n"
+        "\"RsDbg\"=\"1\"\r\n"
+        "[HKEY_LOCAL_MACHINE\\Software\\WOW6432Node\\Quorvane Group\\ZEM]\r\n\"RsDbg\"=\"1\"\r\n"
+        "[HKEY_LOCAL_MACHINE\\Software\\Quorvane Group]\r\n\"version\"=dword:1\r\n" +
+        kHttpKey + "\"MaxRequestBytes\"=\"1024\"\r\n");
+    EXPECT_EQ(said.size(), 7u);
+    for (const std::string& one : said)
+        EXPECT_EQ(one.front(), '0') << one;
+}
+
+TEST(ZemhostWrongValues, NamesThatNobodyAsksFor) {
+    const CTempFolder folder;
+    SetRegistryFile(folder
+                        .Write("r", std::string(kTitle) +
+                                        "[HKEY_LOCAL_MACHINE\\Software\\Quorvane\\ZEM]\r\n"
+                                        "\"HttpPort\"=dword:1f90\r\n" +
+                                        kServerKey +
+                                        "@=\"x\"\r\n\"HTTPPORT\"=dword:1f90\r\n"
+                                        "[HKEY_CLASSES_ROOT\\.a]\r\n\"Content Type\"=\"a/a\"\r\n"
+                                        "[HKEY_CLASSES_ROOT\\.b]\r\n\"Content Type\"=dword:1\r\n"
+                                        "[HKEY_CLASSES_ROOT\\c]\r\n\"Content Type\"=\"c/c\"\r\n")
+                        .c_str());
+    EXPECT_EQ(
+        FindStrayValues(),
+        (Said{"the value content type of hkey_local_machine\\software\\classes\\.b is no text and "
+              "is not read",
+              "nobody reads the value content type of hkey_local_machine\\software\\classes\\c",
+              "nobody reads the default value of hkey_local_machine\\software\\quorvane group\\zem",
+              "nobody reads the value httpport of hkey_local_machine\\software\\quorvane\\zem"}));
+    std::string many = kTitle + std::string(kServerKey);
+    for (int i = 0; i < 25; ++i)
+        many += "\"n" + std::to_string(i) + "\"=dword:0\r\n";
+    SetRegistryFile(folder.Write("r", many).c_str());
+    const std::vector<std::string> remarks = FindStrayValues();
+    ASSERT_EQ(remarks.size(), 21u);
+    EXPECT_EQ(remarks.back(), "there are 5 more values that nobody reads");
         "address http://127.0.0.1:8080\n");
 
     HKEY key = nullptr;
@@ -152,6 +273,9 @@ TEST(ZemhostPackage, RegistryFileHasTheSettingsAndThisVersion) {
                                &size),
               ERROR_SUCCESS);
     RegCloseKey(key);
+    EXPECT_TRUE(FindWrongValues().empty());
+    EXPECT_TRUE(FindStrayValues().empty());
+
     EXPECT_STREQ(version, PROJECT_VERSION_TEXT);
 }
 

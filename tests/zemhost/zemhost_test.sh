@@ -45,6 +45,13 @@ case_settings_without_registry_file() {
         cmp - "$work/out" || fail 'other settings'
 }
 
+case_settings_with_a_key_that_nobody_reads() {
+    settings_file '"HttpPort"=dword:00001f90' '[HKEY_LOCAL_MACHINE\Software\Quorvane\ZEM]' '"HttpPort"=dword:00000050'
+    expect 0 --registry "$work/settings.reg" --settings
+    says out 'port 8080 registry'
+    says out 'note nobody reads the value httpport of hkey_local_machine\software\quorvane\zem'
+}
+
 # The script at the root looks at its options before it installs or builds anything.
 
 case_run_refuses_wrong_options() {
@@ -215,6 +222,56 @@ case_port_that_is_none_in_the_registry() {
     done
     expect 0 --registry "$work/settings.reg" --port 8123 --settings  # an option is laid over it
     says out 'port 8123 option'
+}
+
+# Without its value the server would be elsewhere, or open to everybody.
+case_values_that_decide_and_are_not_read() {
+    local parameters='[HKEY_LOCAL_MACHINE\System\CurrentControlSet\Services\HTTP\Parameters]'
+    for lines in '"HttpPort"="8080"' '"LogFormat"=dword:00000001' "$parameters"$'\r\n''"ListenOnlyList"="127.0.0.1"' \
+        '[HKEY_LOCAL_MACHINE\Software\Quorvane Group\RUD\vfs]'$'\r\n''"0"=dword:00000001'; do
+        settings_file "$lines" "$parameters" '"MaxRequestBytes"="1"'
+        for settings in '' --settings; do
+            expect 3 --registry "$work/settings.reg" $settings
+            [ "$(grep -c 'which is not read; its line must be "' "$work/err")" = 2 ] || fail 'not both are named'
+            [ ! -s "$work/out" ] || fail 'something went to standard output'
+        done
+    done
+    settings_file '"HttpPort"="8080"'
+    expect 0 --registry "$work/settings.reg" --port 8123 --settings  # an option is laid over it
+}
+
+# The line that is advised is one.
+case_advised_line_is_read() {
+    local parameters='[HKEY_LOCAL_MACHINE\System\CurrentControlSet\Services\HTTP\Parameters]'
+    settings_file "$parameters" '"ListenOnlyList"="10.1.2.3,::1"'
+    expect 3 --registry "$work/settings.reg" --settings
+    settings_file "$parameters" "$(sed -n 's/.*its line must be \(.*\) (10.1.2.3,::1).$/\1/p' "$work/err")"
+    expect 0 --registry "$work/settings.reg" --settings
+    says out 'listen 10.1.2.3,::1 registry'
+}
+
+case_other_values_that_are_not_read_are_named() {
+    settings_file '"HttpFileServer"="1"'
+    expect 3 --registry "$work/settings.reg" --settings
+    last_line_is "zemhost: $(said_of_file_server)."
+    start --registry "$work/settings.reg"
+    stop TERM
+    last_line_is "zemhost: $(said_of_file_server)."
+}
+said_of_file_server() {
+    printf '%s' 'the registry value HttpFileServer of Software\Quorvane Group\ZEM is a text, which is not read; ' \
+        'its line must be "HttpFileServer"=dword:00000001 (1 in hexadecimal)'
+}
+
+# What a line was meant to set nobody knows.
+case_registry_file_with_a_line_that_is_none() {
+    settings_file '"HttpPort"=8080'
+    for settings in '' --settings; do
+        expect 3 --registry "$work/settings.reg" --volume "$work" $settings
+        says err "registry: $work/settings.reg:3: the value is of no known kind"
+        last_line_is "zemhost: the registry file '$work/settings.reg' has lines that are not understood, named above; mend them, or put a ; before each."
+        [ ! -s "$work/out" ] || fail 'something went to standard output'
+    done
 }
 
 case_volume_not_set() {
