@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <system_error>
 
 #include "apps/zemhost/hostsystem.h"
@@ -68,9 +69,14 @@ std::string CheckPort(const HostSettings& settings) {
 }
 
 std::string CheckAddresses(const HostSettings& settings) {
+    std::set<std::string> seen;
     for (const std::string& address : settings.addresses) {
         if (!IsIpAddress(address)) {
             return "'" + address + "' is not an IP address; give one, such as 127.0.0.1, with " +
+                   kSettingAdvice.listen;
+        }
+        if (!seen.insert(address).second) {
+            return "the address " + address + " is given twice; give each once with " +
                    kSettingAdvice.listen;
         }
     }
@@ -126,6 +132,10 @@ std::string ExplainStartFailure(const HostSettings& settings, int32_t hr) {
             case ListenTrial::kWorks:
                 break;
         }
+    }
+    if (addresses.size() > 1 && hr == HRESULT_FROM_WIN32(ERROR_SHARING_VIOLATION)) {
+        return "one of the addresses is part of another, and " + port +
+               " cannot be opened on both; give one of them with " + kSettingAdvice.listen;
     }
     return "the server could not be started (" + Hex(hr) + "); the error log says why";
 }

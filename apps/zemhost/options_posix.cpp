@@ -19,11 +19,23 @@ std::string SetPort(HostOptions& options, const std::string& value) {
     return {};
 }
 
+// An empty text would end the list where the server reads it, and no address at all means every
+// one.
+std::string SetListen(HostOptions& options, const std::string& value) {
+    if (("," + value + ",").find(",,") != std::string::npos) {
+        return "'" + value +
+               "' has an empty address; give one, or several with commas between them, with "
+               "--listen";
+    }
+    options.listen = value;
+    return {};
+}
+
 constexpr Option kOptions[] = {
     {"--registry", "FILE", "settings, in the registry editor's export format",
      Keep<&HostOptions::registry>},
     {"--listen", "ADDRESS", "IP address to listen on, or several with commas between them",
-     Keep<&HostOptions::listen>},
+     SetListen},
     {"--port", "N", "TCP port", SetPort},
     {"--volume", "DIR", "directory that holds the media", Keep<&HostOptions::volume>},
     {"--user", "NAME", "user to become once the port is open; only for root",

@@ -65,6 +65,16 @@ TEST(ZemhostOptions, RefuseWhatTheyDoNotKnow) {
     EXPECT_EQ(Parse({"--volume="}, options), "--volume needs a value; see zemhost --help");
 }
 
+TEST(ZemhostOptions, RefuseAnEmptyAddress) {
+    for (const char* const text : {",", ",127.0.0.1", "127.0.0.1,", "127.0.0.1,,::1"}) {
+        HostOptions options;
+        EXPECT_EQ(Parse({"--listen", text}, options),
+                  "'" + std::string(text) +
+                      "' has an empty address; give one, or several with commas between them, "
+                      "with --listen");
+    }
+}
+
 TEST(ZemhostOptions, RefuseWhatIsNoPort) {
     for (const char* const text : {"0", "65536", "-1", "80x", "x", " 80", "1e3"}) {
         HostOptions options;
@@ -125,22 +135,12 @@ TEST(ZemhostSettings, EveryAddressIsReachedThroughTheLoopback) {
     HostSettings settings;
     settings.port = 1;
     EXPECT_EQ(LocalUrl(settings), "http://127.0.0.1:1");
+    EXPECT_EQ(Everywhere(settings), " on every address");
     settings.addresses = {"0.0.0.0"};
     EXPECT_EQ(LocalUrl(settings), "http://127.0.0.1:1");
+    EXPECT_EQ(Everywhere(settings), " on every address");
     settings.addresses = {"::"};
     EXPECT_EQ(LocalUrl(settings), "http://[::1]:1");
-}
-
-TEST(ZemhostPackage, RegistryFileHasTheSettingsAndThisVersion) {
-    HostOptions options;
-    options.registry = PACKAGED_REGISTRY_FILE;
-    EXPECT_EQ(CheckRegistryFile(options.registry), "");
-    EXPECT_EQ(
-    EXPECT_EQ(Everywhere(settings), " on every address");
-        SettingsText(SettingsOf(options)),
-        "port 8080 registry\nlisten 127.0.0.1 registry\nvolume /var/lib/zemhttpd/volume registry\n"
-    EXPECT_EQ(Everywhere(settings), " on every address");
-        "log-format text registry\n"
     EXPECT_EQ(Everywhere(settings), " on every address");
     settings.addresses = {"127.0.0.1", "::1"};
     EXPECT_EQ(Everywhere(settings), "");
@@ -261,7 +261,20 @@ TEST(ZemhostWrongValues, NamesThatNobodyAsksFor) {
     const std::vector<std::string> remarks = FindStrayValues();
     ASSERT_EQ(remarks.size(), 21u);
     EXPECT_EQ(remarks.back(), "there are 5 more values that nobody reads");
+}
+
+TEST(ZemhostPackage, RegistryFileHasTheSettingsAndThisVersion) {
+    HostOptions options;
+    options.registry = PACKAGED_REGISTRY_FILE;
+    EXPECT_EQ(CheckRegistryFile(options.registry), "");
+    EXPECT_EQ(
+        SettingsText(SettingsOf(options)),
+        "port 8080 registry\nlisten 127.0.0.1 registry\nvolume /var/lib/zemhttpd/volume registry\n"
+        "log-format text registry\n"
         "address http://127.0.0.1:8080\n");
+
+    EXPECT_TRUE(FindWrongValues().empty());
+    EXPECT_TRUE(FindStrayValues().empty());
 
     HKEY key = nullptr;
     ASSERT_EQ(
@@ -273,9 +286,6 @@ TEST(ZemhostWrongValues, NamesThatNobodyAsksFor) {
                                &size),
               ERROR_SUCCESS);
     RegCloseKey(key);
-    EXPECT_TRUE(FindWrongValues().empty());
-    EXPECT_TRUE(FindStrayValues().empty());
-
     EXPECT_STREQ(version, PROJECT_VERSION_TEXT);
 }
 
@@ -353,6 +363,15 @@ TEST(ZemhostChecks, PortThatTheRegistryHasWrong) {
         settings.port = port;
         EXPECT_EQ(CheckPort(settings), "");
     }
+}
+
+TEST(ZemhostChecks, AddressThatIsGivenTwice) {
+    HostSettings settings;
+    settings.addresses = {"127.0.0.1", "::1", "127.0.0.1"};
+    EXPECT_EQ(CheckAddresses(settings),
+              "the address 127.0.0.1 is given twice; give each once with --listen ADDRESS");
+    settings.addresses.pop_back();
+    EXPECT_EQ(CheckAddresses(settings), "");
 }
 
 TEST(ZemhostSignals, StopSignalIsTakenAndTheNextOneEndsTheProcess) {

@@ -297,6 +297,23 @@ case_address_is_no_address() {
     last_line_is "zemhost: 'localhost' is not an IP address; give one, such as 127.0.0.1, with --listen ADDRESS."
 }
 
+case_address_that_is_given_twice() {
+    for settings in '' --settings; do
+        expect 3 --listen 127.0.0.1,127.0.0.1 --volume "$work" $settings
+        last_line_is 'zemhost: the address 127.0.0.1 is given twice; give each once with --listen ADDRESS.'
+    done
+    port=$(random_port)
+    expect 4 --listen 127.0.0.1,0.0.0.0 --port "$port" --volume "$work"
+    last_line_is "zemhost: one of the addresses is part of another, and port $port cannot be opened on both; give one of them with --listen ADDRESS."
+}
+
+case_ready_on_every_address() {
+    start --listen 0.0.0.0
+    [ "$ready" = "zemhost ready: http://127.0.0.1:$port/ on every address (volume root $work/volume)" ] ||
+        fail "ready line: $ready"
+    stop TERM
+}
+
 case_address_of_another_machine() {
     expect 4 --listen 192.0.2.1 --port "$(random_port)" --volume "$work"
     last_line_is 'zemhost: 192.0.2.1 is not an address of this machine; give one that is with --listen ADDRESS.'
