@@ -88,6 +88,24 @@ case_test_tells_its_options_before_it_builds() {
     done
 }
 
+case_the_long_run_tells_what_it_does_before_it_does_anything() {
+    mkdir -p "$work/tree/.ci"  # nothing is there that it could do
+    cp "$source_dir/.ci/run" "$work/tree/.ci/run"
+    zemhost=$work/tree/.ci/run
+    expect 0 --help
+    says out '75 minutes'
+    expect 2 --quick
+    last_line_is '.ci/run: there is no option --quick; see .ci/run --help'
+}
+
+case_packages_of_a_group_that_there_is_not() {
+    zemhost=$source_dir/packaging/install-packages
+    expect 1 build nonsuch
+    last_line_is "install-packages: there is no group 'nonsuch'; there are: $(sed -n 's/^packages_\([a-z]*\)=.*/\1/p' \
+        "$source_dir/packaging/packages.sh" | sort | tr '\n' ' ')"
+    expect 1
+}
+
 case_run_waits_for_another_build_in_its_folder() {
     tree=$work/tree
     mkdir -p "$tree/build/release" "$work/built"
@@ -154,6 +172,14 @@ case_run_serves_a_volume_of_its_own_with_the_console_page() {
         fail 'the console page is another'
     ask 'GET /media/status HTTP/1.0\r\nHost: x\r\n\r\n'
     says out 'HTTP/1.1 200 OK'
+    stop TERM
+}
+
+case_run_tells_an_address_that_can_be_asked() {
+    start_run --listen 0.0.0.0
+    [ "$line" = "zemhost ready: http://127.0.0.1:$port/ on every address (volume root $tree/volume)" ] || fail "ready line: $line"
+    until [[ $line == 'In a browser: '* ]]; do IFS= read -t 120 -r line <&5 || fail 'it does not say what to try'; done
+    [ "$line" = "In a browser: http://127.0.0.1:$port/media/console.html" ] || fail "it says $line"
     stop TERM
 }
 
