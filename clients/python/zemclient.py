@@ -15,7 +15,8 @@ Everything here follows docs/protocol.md; a client in another language can be la
                 print(frame.position, len(frame.data))
 
 Most replies say only that the reply was built. Where a cheap look tells whether the command worked, the method takes
-that look and raises ZemRefused; where there is none, its docstring says how to find out.
+that look and raises ZemRefused, with what a few more looks tell of why; where there is none, its docstring says how to
+find out.
 
 Sizes are bytes, times seconds unless a name says otherwise. An object belongs to one thread at a time. A client that
 sends nothing for 50 s is removed by the server, and its files are closed: an idle one calls keep_alive().
@@ -29,7 +30,7 @@ import selectors
 import struct
 import urllib.parse
 import uuid
-from collections.abc import Iterator, Sequence
+from collections.abc import Callable, Iterator, Sequence
 from contextlib import contextmanager
 from dataclasses import dataclass
 from enum import IntEnum, IntFlag
@@ -60,7 +61,8 @@ class ZemProtocolError(ZemError):
 
 
 class ZemRefused(ZemError):
-    """The server refused, or what was asked for did not happen. Mostly the reason is only in the server's log.
+    """The server refused, or what was asked for did not happen. The message says why as far as that can be asked of the
+    server, or guessed ("perhaps"); the rest is in its log.
 
     result: the 32-bit result (see Result), or None if the answer does not tell.
     http_status: the answer's HTTP status; 200 with most failures.
@@ -399,6 +401,22 @@ def _name(name: str) -> bytes:
     return raw.ljust(_NAME_BYTES, b'\0')
 
 
+def _name_fault(name: str) -> str:
+    """Why no server takes the name, if it is such a one."""
+    if found := re.search(r'[\x00-\x1f:*?"<>|]', name):
+        return f'a name has no {found[0]!r} in it'
+    for part in re.split(r'[/\\]', name):
+        if part == '..':
+            return "a name does not lead upwards: '..' is refused"
+        if part != '.' and part.endswith(('.', ' ')):
+            return 'a name ends in no dot and no blank'
+        if len(part.encode('utf-8')) > 255:
+            return 'a part of a name has at most 255 bytes'
+        if re.fullmatch(r'(CON|PRN|AUX|NUL|CONIN\$|CONOUT\$|COM[0-9]|LPT[0-9])(\..*)?', part, re.IGNORECASE):
+            return f'{part!r} is the name of a device'
+    return ''
+
+
 def _name_block(name: str, aux: str, media_type: MediaType, flags: OpenFlags) -> bytes:
     return _name(name) + _name(aux) + _pack(_WORD2, media_type, flags)
 
@@ -609,25 +627,85 @@ class ZemClient:
         """Makes this client the one whose reads and writes overtake all others."""
         self._ask(Command.SET_IO_REAL_TIME)
 
+    # Why something did not work: no answer tells, so what can be asked is asked afterwards.
+
+    def _refused(self, what: str, why: Callable[..., str], *arguments: object) -> ZemRefused:
+        try:
+            reason = why(*arguments)
+        except ZemError:  # explains nothing: what failed first is what counts
+            reason = ''
+        return ZemRefused(f'{what}: {reason}' if reason else what)
+
+    def _why_absent(self, name: str, folders_needed: bool) -> str | None:
+        """None: it is there after all; '': there is nothing against the name."""
+        if self.query_filesystem_space().total_bytes == 0:
+            return 'this client has not joined, or the volume is gone'
+        if self.exists(name):
+            return None
+        if fault := _name_fault(name):
+            return fault
+        if name.startswith(('/', '\\')):
+            return 'a name counts from the root of the volume, without a slash in front'
+        for end in re.finditer(r'[/\\]', name):
+            folder = name[:end.start()]
+            attributes = self.get_file_attribs(folder)
+            if attributes != ATTRIBUTES_NONE and not attributes & ATTRIBUTE_DIRECTORY:
+                return f'{folder!r} is a file, and no directory'
+            if attributes == ATTRIBUTES_NONE and folders_needed:
+                return f'there is no directory {folder!r}'
+        return ''
+
+    def _why_not_opened(self, name: str, aux: str, media_type: MediaType, writing: bool) -> str:
+        absent = self._why_absent(name, True)
+        if absent is not None:
+            return absent or 'there is no such file'
+        if self.get_file_attribs(name) & ATTRIBUTE_DIRECTORY:
+            return 'it is a directory'
+        if self._known(_name_block(name, '', MediaType.ANY, OpenFlags.READ)) is None:
+            return ('it is there; perhaps it is no media file, is damaged or cut off, or the server may not read it'
+                    if self.get_filesize(name) else 'it is empty')
+        stream = self._known(_name_block(name, aux, media_type, OpenFlags.READ))
+        if stream is None:
+            return 'it has no stream' + (f' {aux!r}' if aux else '') + (' of that media type' if media_type else '')
+        if not writing:
+            return ''
+        if stream.flags & StreamFlags.READ_ONLY:
+            return 'a file of a foreign format is only read'
+        if stream.flags & StreamFlags.BEING_WRITTEN:
+            return 'it is open for writing already'
+        return 'it can be read; perhaps the server may not write it'
+
+    def _why_not_created(self, name: str, aux: str, flags: CreateFlags) -> str:
+        absent = self._why_absent(name, False)
+        if absent is not None:
+            return absent or 'perhaps the volume is full, or the server may not write there'
+        if flags & CreateFlags.FAIL_IF_EXISTS:
+            return 'it exists'
+        return self._why_not_opened(name, aux, MediaType.ANY, True)
+
     # Files.
 
-    def _token(self, command: Command, body: bytes, name: str) -> ZemFile:
-        token, = _LONG.unpack_from(self._ask(command, body, 16), 8)
-        if token == 0:
-            raise ZemRefused(f'{command.name} of {name!r} did not work')
-        return ZemFile(self, token, name)
+    def _token(self, command: Command, body: bytes) -> int:
+        return _LONG.unpack_from(self._ask(command, body, 16), 8)[0]
 
     def create_file(self, name: str, stream: StreamDescriptor, aux: str = '',
                     flags: CreateFlags = CreateFlags.READ | CreateFlags.WRITE) -> ZemFile:
         """Makes a file and the directories on its way, and opens it for reading and writing. An existing file is opened
         as it is, unless the flags say otherwise. Raises ZemRefused."""
-        return self._token(Command.CREATE_FILE, _name(name) + _name(aux) + stream.pack() + _pack(_WORD, flags), name)
+        body = _name(name) + _name(aux) + stream.pack() + _pack(_WORD, flags)
+        if token := self._token(Command.CREATE_FILE, body):
+            return ZemFile(self, token, name)
+        raise self._refused(f'CREATE_FILE of {name!r} did not work', self._why_not_created, name, aux, flags)
 
     def open_file(self, name: str, aux: str = '', media_type: MediaType = MediaType.ANY,
                   flags: OpenFlags = OpenFlags.READ) -> ZemFile:
         """Opens a stream of a file: aux '' the first, 'v0', 'a1' … one of its kind, 'tc' timecode, 'mk' the marks.
         Raises ZemRefused."""
-        return self._token(Command.OPEN_FILE, _name_block(name, aux, media_type, flags) + b'\0\0', name)
+        writable = bool(flags & OpenFlags.WRITE)
+        if token := self._token(Command.OPEN_FILE, _name_block(name, aux, media_type, flags) + b'\0\0'):
+            return ZemFile(self, token, name, writable)
+        what = f'OPEN_FILE of {name!r} did not work'
+        raise self._refused(what, self._why_not_opened, name, aux, media_type, writable)
 
     def close_file(self, token: int) -> None:
         """Puts the file on the device, then forgets the token, whatever the device said: flush_buffers first, and read
@@ -695,19 +773,23 @@ class ZemClient:
 
     # Asking about a file.
 
-    def _stream(self, command: Command, body: bytes, what: str) -> StreamDescriptor:
-        stream = StreamDescriptor.unpack(self._ask(command, body, 60)[4:60])
-        if stream is None:
-            raise ZemRefused(f'the server knows nothing of {what}')
-        return stream
-
     def get_file_info(self, token: int) -> StreamDescriptor:
         """Raises ZemRefused."""
-        return self._stream(Command.GET_FILE_INFO, _pack(_LONG, token), f'token 0x{token:x}')
+        stream = StreamDescriptor.unpack(self._ask(Command.GET_FILE_INFO, _pack(_LONG, token), 60)[4:60])
+        if stream is None:
+            raise ZemRefused(f'the server knows nothing of token 0x{token:x}')
+        return stream
+
+    def _known(self, block: bytes) -> StreamDescriptor | None:
+        return StreamDescriptor.unpack(self._ask(Command.GET_FILE_INFO2, block, 60)[4:60])
 
     def get_file_info2(self, name: str, aux: str = '', media_type: MediaType = MediaType.ANY) -> StreamDescriptor:
         """The same by name. Raises ZemRefused."""
-        return self._stream(Command.GET_FILE_INFO2, _name_block(name, aux, media_type, OpenFlags.READ), repr(name))
+        stream = self._known(_name_block(name, aux, media_type, OpenFlags.READ))
+        if stream is None:
+            what = f'the server knows nothing of {name!r}'
+            raise self._refused(what, self._why_not_opened, name, aux, media_type, False)
+        return stream
 
     @staticmethod
     def _summaries(reply: bytes, count: int) -> list[FrameSummary]:
@@ -795,30 +877,47 @@ class ZemClient:
         """Bytes of the file as it is stored. Raises ZemRefused if there is none."""
         size, = _LONG.unpack_from(self._ask(Command.GET_FILESIZE, _name(name), 16), 8)
         if size == 0:
-            self._demand(name, True, 'GET_FILESIZE')
+            self._demand(name, 'GET_FILESIZE')
         return size
 
-    def _demand(self, name: str, there: bool, what: str) -> None:
-        if self.exists(name) != there:
-            raise ZemRefused(f'{what}: {name!r} is {"not there" if there else "there"}')
+    def _why_missing(self, name: str) -> str:
+        return self._why_absent(name, True) or 'there is no such file'
+
+    def _why_not_named(self, name: str) -> str:
+        return self._why_absent(name, True) or 'perhaps the volume is full, or the server may not write there'
+
+    def _demand(self, name: str, what: str) -> None:
+        if not self.exists(name):
+            raise self._refused(f'{what} of {name!r} did not work', self._why_missing, name)
+
+    def _demand_free(self, name: str, what: str) -> None:
+        if self.exists(name):
+            raise ZemRefused(f'{what} {name!r} did not work: it exists')
 
     def delete_file(self, name: str) -> None:
         """Files only, and none that is being written; who reads it keeps it until the close. Raises ZemRefused."""
-        self._demand(name, True, 'DELETE_FILE')
+        self._demand(name, 'DELETE_FILE')
         self._ask(Command.DELETE_FILE, _name(name))
-        self._demand(name, False, 'DELETE_FILE did not work')
+        attributes = self.get_file_attribs(name)
+        if attributes != ATTRIBUTES_NONE:
+            why = ('it is a directory' if attributes & ATTRIBUTE_DIRECTORY else
+                   'perhaps it is open for writing, or the server may not write in its directory')
+            raise ZemRefused(f'DELETE_FILE of {name!r} did not work: {why}')
 
     def create_directory(self, name: str) -> None:
         """The directory above must be there. Raises ZemRefused."""
-        self._demand(name, False, 'CREATE_DIRECTORY')
+        self._demand_free(name, 'CREATE_DIRECTORY of')
         self._ask(Command.CREATE_DIRECTORY, _name(name))
-        self._demand(name, True, 'CREATE_DIRECTORY did not work')
+        if not self.exists(name):
+            raise self._refused(f'CREATE_DIRECTORY of {name!r} did not work', self._why_not_named, name)
 
     def move_file(self, source: str, target: str) -> None:
         """Moves or renames a file or directory; nothing may be at the new name. Raises ZemRefused."""
-        self._demand(target, False, 'MOVE_FILE')
+        self._demand(source, 'MOVE_FILE')
+        self._demand_free(target, 'MOVE_FILE to')
         self._ask(Command.MOVE_FILE, _name(source) + _name(target))
-        self._demand(target, True, 'MOVE_FILE did not work')
+        if not self.exists(target):
+            raise self._refused(f'MOVE_FILE to {target!r} did not work', self._why_not_named, target)
 
     # Configuration of the channel: lasts until the client leaves.
 
@@ -895,10 +994,11 @@ class ZemClient:
 
 class ZemFile:
     """An open stream of a file. As a context manager it is closed at the end. See the methods of ZemClient for what the
-    commands raise and tell."""
+    commands raise and tell. What the server would take and drop in silence raises ValueError, and nothing is sent: any
+    change of a file that is not open for writing, and of one that is closed."""
 
-    def __init__(self, client: ZemClient, token: int, name: str) -> None:
-        self.client, self.token, self.name = client, token, name
+    def __init__(self, client: ZemClient, token: int, name: str, writable: bool = True) -> None:
+        self.client, self.token, self.name, self.writable = client, token, name, writable
 
     def __enter__(self) -> ZemFile:
         return self
@@ -916,6 +1016,13 @@ class ZemFile:
         if token:
             self.client.close_file(token)
 
+    def _open_token(self, changing: bool = False) -> int:
+        if not self.token:
+            raise ValueError(f'{self.name!r} is closed')
+        if changing and not self.writable:
+            raise ValueError(f'{self.name!r} is open for reading only: open it with OpenFlags.READ | OpenFlags.WRITE')
+        return self.token
+
     def info(self) -> StreamDescriptor:
         return self.client.get_file_info(self.token)
 
@@ -923,18 +1030,18 @@ class ZemFile:
         return self.client.get_file_marks(self.token)
 
     def summaries(self, first: int, count: int, rate: FrameRate = FrameRate.FILE) -> list[FrameSummary]:
-        return self.client.get_frame_desc(self.token, first, count, rate)
+        return self.client.get_frame_desc(self._open_token(), first, count, rate)
 
     def flush(self) -> None:
-        self.client.flush_buffers(self.token)
+        self.client.flush_buffers(self._open_token())
 
     def erase(self, first: int, end: int) -> None:
-        self.client.erase_segment(self.token, first, end)
+        self.client.erase_segment(self._open_token(changing=True), first, end)
 
     def write(self, position: int, frame: bytes | bytearray | memoryview | FrameDescriptor,
               key_frame: bool = False) -> None:
         flags = EntryFlags.KEY_FRAME if key_frame else EntryFlags(0)
-        self.client.write_frame([WriteEntry(self.token, position, frame, flags)])
+        self.client.write_frame([WriteEntry(self._open_token(changing=True), position, frame, flags)])
 
     def read(self, position: int) -> Frame:
         """Raises ZemRefused, with the result, if the frame cannot be had."""

@@ -206,6 +206,14 @@ class Lies(unittest.TestCase):
             lambda client: client.keep_alive())
         self.assertEqual((error.result, error.http_status), (Result.E_UNEXPECTED, 500))
 
+    def test_a_refusal_outweighs_what_fails_when_its_reason_is_asked(self):
+        no_token = good(2, bytes(16))
+        for second in (lambda *_: (b'', True), good(16), good(16, bytes(24))):
+            client = self.client(no_token, second, good())
+            with self.assertRaisesRegex(ZemRefused, "^OPEN_FILE of 'a' did not work"):
+                client.open_file('a')
+            client.keep_alive()
+
     def test_error_page(self):
         error = self.check(
             ZemRefused, lambda trans_id, code: http(b'<html>', False, '404 Not Found', content='text/html'),

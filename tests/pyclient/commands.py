@@ -10,6 +10,7 @@ import os
 import random
 import re
 import socket
+import subprocess
 import unittest
 
 import common
@@ -204,9 +205,26 @@ class Frames(common.ServerCase):
         with file:
             file.write(0, b'x')
         file.close()
+        for call in (lambda: file.write(0, b'y'), lambda: file.erase(0, 1), file.flush, lambda: file.summaries(0, 1)):
+            with self.assertRaisesRegex(ValueError, "'frames/closed' is closed"):
+                call()
         with self.assertRaises(ZemRefused) as refused:
             list(zemclient.ZemFile(file.client, token, 'closed').frames())
         self.assertEqual(refused.exception.result, Result.E_HANDLE)
+
+    def test_a_file_that_is_only_read_is_not_changed_in_silence(self):
+        client = self.client()
+        with client.create_file('frames/read only', VIDEO, flags=CreateFlags.READ) as file:
+            file.write(0, b'what is created is writable')
+        with client.open_file('frames/read only') as file:
+            for call in (lambda: file.write(0, b'other'), lambda: file.erase(0, 1)):
+                with self.assertRaisesRegex(ValueError, 'open for reading only: open it with OpenFlags.READ'):
+                    call()
+            self.assertEqual(file.read(0).data, b'what is created is writable')
+        with client.open_file('frames/read only', flags=OpenFlags.WRITE) as file:
+            file.write(0, b'other')
+            file.flush()
+            self.assertEqual(file.read(0).data, b'other')
 
     def test_marks_and_timecode(self):
         client = self.client()
@@ -283,6 +301,57 @@ class Volume(common.ServerCase):
                      lambda: client.get_file_info(1), lambda: client.get_file_marks(1)):
             self.assertRaises(ZemRefused, call)
         self.assertTrue(client.exists('raise/a') and client.exists('raise/b'))
+
+    def test_a_refusal_says_why(self):
+        client = self.client()
+        stranger = ZemClient(self.url, 'stranger')
+        self.addCleanup(stranger.close)
+        client.create_file('why/clip', VIDEO).close()
+        client.create_file('why/busy', VIDEO)
+        client.create_directory('why/folder')
+        for name, content in (('text', b'no frames'), ('empty', b'')):
+            with open(os.path.join(self.server.volume, 'why', name), 'wb') as file:
+                file.write(content)
+        subprocess.run(['ffmpeg', '-v', 'error', '-nostdin', '-f', 'lavfi', '-i', 'testsrc2=size=64x48:rate=25', '-t',
+                        '0.2', '-c:v', 'mjpeg', os.path.join(self.server.volume, 'why', 'clip.mov')], check=True)
+        both, exclusive = OpenFlags.READ | OpenFlags.WRITE, CreateFlags.FAIL_IF_EXISTS
+        refusals = (
+            (lambda: client.open_file('why/none'), "OPEN_FILE of 'why/none' did not work: there is no such file"),
+            (lambda: client.open_file('why/no/none'), "there is no directory 'why/no'"),
+            (lambda: client.open_file('why/clip/x'), "'why/clip' is a file, and no directory"),
+            (lambda: client.open_file('/why/clip'), 'a name counts from the root of the volume, without a slash'),
+            (lambda: client.open_file('../why/clip'), "a name does not lead upwards: '..' is refused"),
+            (lambda: client.open_file('why/text'), 'it is there; perhaps it is no media file'),
+            (lambda: client.open_file('why/empty'), 'it is empty'),
+            (lambda: client.open_file('why/folder'), 'it is a directory'),
+            (lambda: client.open_file('why/clip', 'a7'), "it has no stream 'a7'"),
+            (lambda: client.open_file('why/clip', media_type=MediaType.AUDIO), 'it has no stream of that media type'),
+            (lambda: client.open_file('why/busy', flags=both), 'it is open for writing already'),
+            (lambda: client.open_file('why/clip.mov', flags=both), 'a file of a foreign format is only read'),
+            (lambda: stranger.open_file('why/clip'), 'this client has not joined'),
+            (lambda: client.create_file('why/clip/x', VIDEO), "'why/clip' is a file, and no directory"),
+            (lambda: client.create_file('why/a:b', VIDEO), "a name has no ':' in it"),
+            (lambda: client.create_file('why/aux.v0', VIDEO), "'aux.v0' is the name of a device"),
+            (lambda: client.create_file('why/x.', VIDEO), 'a name ends in no dot and no blank'),
+            (lambda: client.create_file('why/' + 128 * 'ä', VIDEO), 'a part of a name has at most 255 bytes'),
+            (lambda: client.create_file('why/clip', VIDEO, flags=exclusive), 'it exists'),
+            (lambda: client.create_file('why/busy', VIDEO), 'it is open for writing already'),
+            (lambda: client.create_file('why/text', VIDEO), 'it is there; perhaps it is no media file'),
+            (lambda: stranger.create_file('why/new', VIDEO), 'this client has not joined'),
+            (lambda: client.get_file_info2('why/none'), "nothing of 'why/none': there is no such file"),
+            (lambda: client.get_filesize('why/no/none'), "there is no directory 'why/no'"),
+            (lambda: client.create_directory('why/no/where'), "there is no directory 'why/no'"),
+            (lambda: client.create_directory('why/folder'), "'why/folder' did not work: it exists"),
+            (lambda: client.delete_file('why/none'), 'there is no such file'),
+            (lambda: client.delete_file('why/folder'), 'it is a directory'),
+            (lambda: client.delete_file('why/busy'), 'perhaps it is open for writing'),
+            (lambda: client.move_file('why/none', 'why/other'), "of 'why/none' did not work: there is no such file"),
+            (lambda: client.move_file('why/clip', 'why/text'), "to 'why/text' did not work: it exists"),
+            (lambda: client.move_file('why/clip', 'why/no/clip'), "there is no directory 'why/no'"),
+            (lambda: stranger.move_file('why/clip', 'why/new'), 'this client has not joined'))
+        for call, why in refusals:
+            with self.subTest(why), self.assertRaisesRegex(ZemRefused, re.escape(why)):
+                call()
 
     def test_pages(self):
         client = ZemClient(self.url)  # has not joined
