@@ -197,9 +197,24 @@ void AddZshVerbs(const std::vector<VerbRow>& table, const VerbRow& above, const 
     text += indent + "        esac\n" + indent + "        ;;\n" + indent + "esac\n";
 }
 
+// What a verb has of the program's own options is offered with those, once.
+std::vector<VerbRow> WithoutDoubles(std::vector<VerbRow> table) {
+    const VerbRow program = table.front();
+    for (VerbRow& verb : table) {
+        if (verb.name.empty()) continue;
+        std::erase_if(verb.arguments, [&](const ArgumentRow& row) {
+            return !row.positional &&
+                   std::any_of(program.arguments.begin(), program.arguments.end(),
+                               [&](const ArgumentRow& own) { return own.names == row.names; });
+        });
+    }
+    return table;
+}
+
 }  // namespace
 
-std::string BashCompletion(const std::vector<VerbRow>& table) {
+std::string BashCompletion(const std::vector<VerbRow>& whole) {
+    const std::vector<VerbRow> table = WithoutDoubles(whole);
     std::string text = kBashHead;
     Replace(text, "@VALUED@", Joined(ValuedOptions(table), " | "));
     Replace(text, "@VERBS@", Joined(VerbNames(table, "\""), " | "));
@@ -248,7 +263,8 @@ std::string BashCompletion(const std::vector<VerbRow>& table) {
     return text + "            esac\n            ;;\n    esac\n}\ncomplete -F _zem zem\n";
 }
 
-std::string ZshCompletion(const std::vector<VerbRow>& table) {
+std::string ZshCompletion(const std::vector<VerbRow>& whole) {
+    const std::vector<VerbRow> table = WithoutDoubles(whole);
     std::string text =
         "#compdef zem\n# zsh completion for zem. Made by: zem completion zsh\n_zem() {\n"
         "    local context state state_descr line\n    local -a verbs\n    typeset -A opt_args\n";
@@ -258,7 +274,8 @@ std::string ZshCompletion(const std::vector<VerbRow>& table) {
            "    compdef _zem zem\nfi\n";
 }
 
-std::string FishCompletion(const std::vector<VerbRow>& table) {
+std::string FishCompletion(const std::vector<VerbRow>& whole) {
+    const std::vector<VerbRow> table = WithoutDoubles(whole);
     std::string text = kFishHead;
     Replace(text, "@VALUED@", Joined(ValuedOptions(table), " "));
     Replace(text, "@VERBS@", Joined(VerbNames(table, "'"), " "));
