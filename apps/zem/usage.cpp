@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <string_view>
 
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
@@ -118,6 +119,23 @@ std::string OfUnknownOption(const CLI::App& verb, const std::string& word) {
     return Has(verb) + "no option '" + name + "'" + (guess.empty() ? See(verb) : guess);
 }
 
+// What other programs call our verbs.
+struct OtherName {
+    std::string_view word;
+    const char* verb;
+};
+constexpr std::array<OtherName, 11> kOtherNames = {{{"delete", "rm"},
+                                                    {"del", "rm"},
+                                                    {"remove", "rm"},
+                                                    {"unlink", "rm"},
+                                                    {"upload", "put or import"},
+                                                    {"download", "get or export"},
+                                                    {"fetch", "get or export"},
+                                                    {"move", "mv"},
+                                                    {"rename", "mv"},
+                                                    {"cat", "read"},
+                                                    {"md", "mkdir"}}};
+
 // A word that nothing takes.
 std::string OfExtra(const CLI::App& verb, const std::string& word) {
     if (word.size() > 1 && word.front() == '-') return OfUnknownOption(verb, word);
@@ -127,6 +145,10 @@ std::string OfExtra(const CLI::App& verb, const std::string& word) {
             return "there is no verb '" + word +
                    "': the protocol cannot list files; zem stat NAME tells of one, zem --help " +
                    "what else there is";
+        }
+        for (const OtherName& other : kOtherNames) {
+            if (verb.get_parent() == nullptr && word == other.word)
+                return "there is no verb '" + word + "'; did you mean " + other.verb + "?";
         }
         const std::string guess = Guess(word, verbs);
         return Has(verb) + "no verb '" + word + "'" + (guess.empty() ? See(verb) : guess);

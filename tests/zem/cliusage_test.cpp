@@ -20,6 +20,9 @@ TEST_F(ZemCliUsage, EveryMistakeHasASentence) {
         {{"ls", "media"},
          "there is no verb 'ls': the protocol cannot list files; zem stat NAME tells of one, zem "
          "--help what else there is"},
+        {{"delete", "x"}, "there is no verb 'delete'; did you mean rm?"},
+        {{"upload", "x", "y"}, "there is no verb 'upload'; did you mean put or import?"},
+        {{"config", "delete"}, "config has no verb 'delete'; see zem config --help"},
         {{"frobnicate"}, "there is no verb 'frobnicate'; see zem --help"},
         {{"help", "statsu"}, "there is no verb 'statsu'; did you mean status?"},
         {{"help", "config", "x"}, "config has no verb 'x'; see zem config --help"},
