@@ -5,7 +5,6 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 #include <libavutil/dict.h>
-#include <libavutil/log.h>
 }
 
 #include <algorithm>
@@ -35,10 +34,14 @@ struct CDemuxer::Context {
         avformat_close_input(&format);
     }
     bool Stopped() const { return pipe != nullptr && pipe->Stopped(); }
+    // Not so what comes through a pipe: its length is known when it is over.
+    bool Seeks() const {
+        return format->pb == nullptr || (format->pb->seekable & AVIO_SEEKABLE_NORMAL) != 0;
+    }
 };
 
 CDemuxer::CDemuxer(const std::string& path) : m_path(path), m_context(new Context) {
-    av_log_set_level(AV_LOG_ERROR);
+    SetAvLog();
     OpenInput();
     m_context->packet = av_packet_alloc();
     if (m_context->packet == nullptr) throw std::bad_alloc();
@@ -47,7 +50,7 @@ CDemuxer::CDemuxer(const std::string& path) : m_path(path), m_context(new Contex
         throw CZemError(ErrorKind::kLocalFile, Printable(path) + ": no video and no audio in it");
     m_taken.resize(m_streams.size());
     // Before anything is made on a server.
-    if (m_context->pipe == nullptr) RequireWhole(Size_bytes());
+    if (m_context->Seeks()) RequireWhole(Size_bytes());
 }
 
 CDemuxer::~CDemuxer() = default;
@@ -130,9 +133,7 @@ void CDemuxer::RequireWhole(uint64_t end) const {
 
 // Throws where that may be why no frame can be read.
 void CDemuxer::ExplainPipe() const {
-    const AVFormatContext& format = *m_context->format;
-    const bool seeks = format.pb == nullptr || (format.pb->seekable & AVIO_SEEKABLE_NORMAL) != 0;
-    if (seeks || !IsMov()) return;
+    if (m_context->Seeks() || !IsMov()) return;
     throw CZemError(ErrorKind::kLocalFile,
                     Printable(m_path) +
                         ": no frame of it can be read: a MOV or MP4 whose index stands at its end "
@@ -151,7 +152,7 @@ bool CDemuxer::Next(ClipPacket& packet) {
         if (result < 0 && !m_begun) ExplainPipe();
         if (result == AVERROR_EOF || (result == -1 && !failed)) {
             // What came through a pipe is all there is; a fragment's index was read meanwhile.
-            RequireWhole(m_context->pipe != nullptr ? Position_bytes() : Size_bytes());
+            RequireWhole(m_context->Seeks() ? Size_bytes() : Position_bytes());
             return false;
         }
         if (result < 0) ThrowAv(m_path, result, "reading it failed");

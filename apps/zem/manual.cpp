@@ -195,9 +195,10 @@ struct EnvironmentRow {
     const char* name;
     const char* meaning;
 };
-constexpr std::array<EnvironmentRow, 2> kEnvironment = {
+constexpr std::array<EnvironmentRow, 3> kEnvironment = {
     {{"ZEM_SERVER", "Address of the server where --server does not give one"},
-     {"NO_COLOR", "Set to anything: no colours"}}};
+     {"NO_COLOR", "Set to anything: no colours"},
+     {"ZEM_AV_LOG", "Set to anything: what the FFmpeg libraries say of a clip is shown as well"}}};
 
 struct ExampleRow {
     const char* command;

@@ -73,7 +73,7 @@ struct CMuxer::Context {
 };
 
 CMuxer::CMuxer(const std::string& path, bool force) : m_path(path), m_context(new Context) {
-    av_log_set_level(AV_LOG_ERROR);
+    SetAvLog();
     m_context->place = PlaceToReplace(path, force);
     if (m_context->place.empty()) {
         throw CZemError(ErrorKind::kLocalFile,

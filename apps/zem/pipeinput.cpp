@@ -8,6 +8,7 @@ extern "C" {
 }
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -33,6 +34,12 @@ int OpenPipe(const std::string& path) {
                     Printable(path) + ": cannot be opened as a clip: " + std::strerror(errno));
 }
 
+// Where a file is to be read on from; -1: it is no file.
+int64_t BeginOf(int fd) {
+    struct stat status {};
+    return fstat(fd, &status) == 0 && S_ISREG(status.st_mode) ? lseek(fd, 0, SEEK_CUR) : -1;
+}
+
 }  // namespace
 
 bool CPipeInput::IsPipe(const std::string& path) {
@@ -42,10 +49,12 @@ bool CPipeInput::IsPipe(const std::string& path) {
            std::filesystem::is_character_file(status);
 }
 
-CPipeInput::CPipeInput(const std::string& path) : m_fd(OpenPipe(path)) {
+CPipeInput::CPipeInput(const std::string& path) : m_fd(OpenPipe(path)), m_begin(BeginOf(m_fd)) {
     auto* const buffer = static_cast<uint8_t*>(av_malloc(kBuffer_bytes));
-    if (buffer != nullptr)
-        m_io = avio_alloc_context(buffer, kBuffer_bytes, 0, this, &Read, nullptr, nullptr);
+    if (buffer != nullptr) {
+        m_io = avio_alloc_context(buffer, kBuffer_bytes, 0, this, &Read, nullptr,
+                                  m_begin < 0 ? nullptr : &Seek);
+    }
     if (m_io != nullptr) return;
     av_free(buffer);
     if (m_fd != STDIN_FILENO) close(m_fd);
@@ -70,6 +79,19 @@ int CPipeInput::Read(void* self, uint8_t* data, int size) noexcept {
         if (got == 0) return AVERROR_EOF;
         if (errno != EINTR && errno != EAGAIN) return AVERROR(errno);
     }
+}
+
+int64_t CPipeInput::Seek(void* self, int64_t offset, int whence) noexcept {
+    const CPipeInput& input = *static_cast<CPipeInput*>(self);
+    struct stat status {};
+    int64_t place = -1;
+    if (whence == AVSEEK_SIZE)
+        place = fstat(input.m_fd, &status) == 0 ? status.st_size : -1;
+    else if (whence == SEEK_SET)
+        place = lseek(input.m_fd, input.m_begin + offset, SEEK_SET);
+    else
+        return AVERROR(EINVAL);
+    return place < 0 ? AVERROR(errno) : place - input.m_begin;
 }
 
 }  // namespace zem

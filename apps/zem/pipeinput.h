@@ -1,5 +1,6 @@
 // A pipe as libavformat reads a clip from it. A plain read of a pipe that is silent would go on
-// when a stop is asked for; this one ends. Main thread only.
+// when a stop is asked for; this one ends. A file on the standard input is read anywhere behind the
+// place where it stands. Main thread only.
 #pragma once
 
 #include <cstdint>
@@ -11,8 +12,8 @@ namespace zem {
 
 class CPipeInput {
 public:
-    // Whether `path` is none that can be read anywhere: "-" is the standard input, whatever is
-    // behind it; else a pipe, as a shell's <(...) is one, or a device.
+    // Whether `path` is not a file's: "-" is the standard input, whatever is behind it; else a
+    // pipe, as a shell's <(...) is one, or a device.
     static bool IsPipe(const std::string& path);
     explicit CPipeInput(const std::string& path);  // throws CZemError(kLocalFile)
     ~CPipeInput();
@@ -25,7 +26,9 @@ public:
 
 private:
     static int Read(void* self, uint8_t* data, int size) noexcept;
+    static int64_t Seek(void* self, int64_t offset, int whence) noexcept;
     int m_fd;
+    int64_t m_begin = -1;  // of the clip in its file; -1: it is none
     AVIOContext* m_io = nullptr;
     bool m_stopped = false;
 };

@@ -64,6 +64,7 @@ TEST_F(ZemCli, AMovIndexBehindTheFramesCannotComeThroughAPipe) {
         EXPECT_EQ(piped("clip.mov", verb), 5) << verb;
         const std::string err = Contents(m_dir / "err");
         EXPECT_TRUE(Has(err, "index stands at its end cannot come through a pipe")) << err;
+        EXPECT_TRUE(err.starts_with("zem: ") && err.find('\n') + 1 == err.size()) << err;
         EXPECT_TRUE(m_media.files.empty()) << verb;
         EXPECT_TRUE(m_media.clients.empty()) << verb;
     }
@@ -71,6 +72,51 @@ TEST_F(ZemCli, AMovIndexBehindTheFramesCannotComeThroughAPipe) {
               0);
     EXPECT_EQ(piped("front.mov", "put"), 0);
     EXPECT_EQ(m_media.files.at("media/x.v0").frames.size(), 25u);
+}
+
+TEST_F(ZemCli, WhatTheFfmpegLibrariesSayIsForWhoAsks) {
+    ASSERT_EQ(Shell("head -c 4096 /dev/zero >noise.mov"), 0);
+    const std::string put = Quoted(ZEM_PROGRAM) + " put noise.mov media/x 2>err";
+    EXPECT_EQ(Shell(put), 5);
+    const std::string err = Contents(m_dir / "err");
+    EXPECT_TRUE(err.starts_with("zem: noise.mov: ") && err.find('\n') + 1 == err.size()) << err;
+    EXPECT_EQ(Shell("ZEM_AV_LOG=1 " + put), 5);
+    const std::string asked = Contents(m_dir / "err");
+    EXPECT_TRUE(asked.size() > err.size() && asked.ends_with(err)) << asked;
+}
+
+// Its index may stand at the end, and it may begin within the file.
+TEST_F(ZemCli, AFileOnTheStandardInputIsReadLikeOneThatIsNamed) {
+    MakeClip();
+    const auto put = [&](const std::string& arguments) {
+        m_server.Settle();
+        const int code = Shell(Quoted(ZEM_PROGRAM) + " --server " + m_server.Url() + " put " +
+                               arguments + " 2>err");
+        m_server.Settle();
+        return code;
+    };
+    EXPECT_EQ(put("clip.mov media/named"), 0);
+    EXPECT_EQ(put("- media/x <clip.mov"), 0) << Contents(m_dir / "err");
+    ASSERT_EQ(Shell("{ head -c 1000 /dev/zero; cat clip.mov; } >later.mov"), 0);
+    EXPECT_EQ(Shell("{ dd bs=1000 count=1 of=/dev/null 2>/dev/null; " + Quoted(ZEM_PROGRAM) +
+                    " --server " + m_server.Url() + " put - media/y 2>err; } <later.mov"),
+              0)
+        << Contents(m_dir / "err");
+    m_server.Settle();
+    for (const char* const name : {"media/x.v0", "media/y.v0"}) {
+        EXPECT_EQ(m_media.files[name].frames, m_media.files["media/named.v0"].frames) << name;
+        EXPECT_EQ(m_media.files[name].frames.size(), 25u) << name;
+    }
+    // That it is cut off shows before anything is made.
+    ASSERT_EQ(
+        Shell("ffmpeg -v error -nostdin -i clip.mov -c copy -movflags +faststart front.mov && "
+              "head -c 150000 front.mov >cut.mov"),
+        0);
+    EXPECT_EQ(put("- media/cut <cut.mov"), 5);
+    const std::string err = Contents(m_dir / "err");
+    EXPECT_TRUE(Has(err, "-: the clip is cut off: by its index packet ") &&
+                !Has(err, "on the server"))
+        << err;
 }
 
 // Its index names frames that are not there: nothing of it goes in unsaid.
