@@ -57,12 +57,17 @@ public:
     }
 
     int Run() {
-        // An address that is wrong is told at once; what fails later is waited for.
-        Sample();
-        if (m_state.onScreen)
-            Watch();
-        else
-            Print();
+        try {
+            // An address that is wrong is told at once; what fails later is waited for.
+            Sample();
+            if (m_state.onScreen)
+                Watch();
+            else
+                Print();
+        } catch (const CZemError& error) {
+            // Who ends it may do so in the middle of a sample.
+            if (error.Kind() != ErrorKind::kInterrupted || !StopRequested()) throw;
+        }
         return m_failure;
     }
 
@@ -125,12 +130,7 @@ void CTop::Watch() {
             if (key == 'q' || key == 'Q') return;
         }
         if (!next || StopRequested()) return;
-        try {
-            Sample();
-        } catch (const CZemError& error) {
-            if (error.Kind() == ErrorKind::kInterrupted) return;
-            throw;
-        }
+        Sample();
     }
 }
 
