@@ -90,7 +90,10 @@ CMuxer::CMuxer(const std::string& path, bool force) : m_path(path), m_context(ne
     m_context->partPath = m_context->place + ".part";
     result =
         avio_open(&m_context->format->pb, ("file:" + m_context->partPath).c_str(), AVIO_FLAG_WRITE);
-    if (result < 0) ThrowAv(m_context->partPath, result, "cannot be written");
+    if (result < 0) {
+        RequireFolderOf(path);
+        ThrowAv(path, result, "cannot be written");
+    }
 }
 
 CMuxer::~CMuxer() = default;

@@ -136,6 +136,18 @@ std::string BehindLink(const std::string& path) {
 
 }  // namespace
 
+void RequireFolderOf(const std::string& path) {
+    const std::filesystem::path folder = std::filesystem::path(path).parent_path();
+    std::error_code error;
+    if (folder.empty()) return;
+    const std::filesystem::file_type type = std::filesystem::status(folder, error).type();
+    // none: it may be there, but this user may not look.
+    if (type == std::filesystem::file_type::directory || type == std::filesystem::file_type::none)
+        return;
+    throw CZemError(ErrorKind::kLocalFile,
+                    path + " cannot be written: there is no folder " + folder.string());
+}
+
 std::string PlaceToReplace(const std::string& path, bool force) {
     std::error_code error;
     const std::filesystem::file_status there = std::filesystem::status(path, error);
@@ -171,8 +183,10 @@ COutputFile::COutputFile(const std::string& path, bool force) : m_state(new Stat
     const std::string& opened = m_state->partPath.empty() ? path : m_state->partPath;
     m_state->file = toStdout ? stdout : std::fopen(opened.c_str(), "wb");
     if (m_state->file == nullptr) {
+        const int error = errno;
+        RequireFolderOf(path);
         throw CZemError(ErrorKind::kLocalFile,
-                        opened + " cannot be written: " + std::strerror(errno));
+                        path + " cannot be written: " + std::strerror(error));
     }
     if (isatty(fileno(m_state->file)) != 0) {
         if (!toStdout) std::fclose(m_state->file);

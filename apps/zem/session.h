@@ -100,6 +100,9 @@ void FlushStdout();
 // exists when `force` is not set.
 std::string PlaceToReplace(const std::string& path, bool force);
 
+// Throws CZemError(kLocalFile) when the folder that `path` is to lie in is not there.
+void RequireFolderOf(const std::string& path);
+
 // A file of this machine that appears under its name only when it is complete; or a pipe or device.
 class COutputFile {
 public:
