@@ -139,7 +139,10 @@ void AddClientVerbs(CLI::App& app, CommandLine& line) {
         "is in its log only. `config push` does tell",
         set, &ConfigSet);
     verb->add_option("NAME", set->name, "Attribute: frameRate or readAhead")->required();
-    verb->add_option("VALUE", set->value, "Its new value")->required();
+    verb->add_option("VALUE", set->value,
+                     "Its new value. frameRate: file, 23.976, 24, 25, 29.97, 30, 50, 59.94 or 60; "
+                     "readAhead: auto or 0 to 64")
+        ->required();
 }
 
 }  // namespace zem

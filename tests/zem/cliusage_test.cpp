@@ -42,7 +42,9 @@ TEST_F(ZemCliUsage, EveryMistakeHasASentence) {
         {{"df", "a", "b"}, "'b' is one argument too many for zem df [VOLUME]; see zem df --help"},
         {{"info"}, "info needs NAME (File on the server); see zem info --help"},
         {{"mv", "a"}, "mv needs TO (Its new name); see zem mv --help"},
-        {{"config", "set", "a"}, "set needs VALUE (Its new value); see zem config set --help"},
+        {{"config", "set", "a"},
+         "set needs VALUE (Its new value. frameRate: file, 23.976, 24, 25, 29.97, 30, 50, 59.94 or "
+         "60; readAhead: auto or 0 to 64); see zem config set --help"},
         {{"erase", "x"}, "erase needs --from N (First frame to erase); see zem erase --help"},
         {{"erase", "x", "--from", "0"},
          "erase needs --count N (How many frames; 1 to 2147483647); see zem erase --help"},
