@@ -79,6 +79,7 @@ private:
     }
     void ReadHeads();
     void GuessHeads();
+    [[noreturn]] void ThrowNoClip();
     void GuessHead(ExportStream& stream);
     void Open(ExportStream& stream);
     void WriteAll(CMuxer& muxer);
@@ -137,12 +138,24 @@ void CExport::GuessHeads() {
             m_streams.push_back(std::move(stream));
         }
     }
-    if (m_streams.empty()) {
-        throw CZemError(
-            ErrorKind::kRefused,
-            "there is no clip " + Printable(m_options.name) + " (neither .clip nor .v0 nor .a0)", 0,
-            kReasonNoFile);
+    if (m_streams.empty()) ThrowNoClip();
+}
+
+void CExport::ThrowNoClip() {
+    const std::string& name = m_options.name;
+    std::string text = "there is no clip " + Printable(name) + " (neither .clip nor .v0 nor .a0)";
+    const uint32_t attributes = m_session->Attributes(FileNamed(name).name);
+    if (attributes != kNoAttributes) {
+        const bool folder = (attributes & kAttributeDirectory) != 0;
+        text = Printable(name) + (folder ? " is a folder and no clip" : " is a file and no clip");
+        const size_t dot = name.find_last_of("./\\");
+        const std::string stem = name.substr(0, dot);
+        if (dot != std::string::npos && name[dot] == '.' &&
+            (Exists(stem + ".v0") || Exists(stem + ".a0"))) {
+            text += ": name the clip without the ending, " + Printable(stem);
+        }
     }
+    throw CZemError(ErrorKind::kRefused, text, 0, kReasonNoFile);
 }
 
 void CExport::GuessHead(ExportStream& stream) {

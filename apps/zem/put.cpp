@@ -58,11 +58,18 @@ int CPut::Run() {
         if (m_options.import)
             left = TakeBack(error.Kind());
         else if (!complete && !m_files.empty())
-            left = "; the files on the server are incomplete";
+            left = Incomplete();
         throw CZemError(error.Kind(), error.what() + left, error.Hr(), error.Reason());
     }
     Summary();
     return kExitOk;
+}
+
+std::string CPut::Incomplete() const {
+    std::string text = "; the files on the server are incomplete:";
+    for (const PutFile& file : m_files)
+        text += " " + Printable(file.written);
+    return text + " (zem rm removes them, zem put --force replaces them)";
 }
 
 void CPut::CreateFiles() {

@@ -74,6 +74,7 @@ public:
 private:
     // Sending (put.cpp).
     void RequireNoFolder();
+    std::string Incomplete() const;
     void CreateFiles();
     void Create(PutFile file);
     void PrepareHead(size_t stream, PutFile& file);

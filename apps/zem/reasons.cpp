@@ -81,6 +81,19 @@ std::string WhyBadPart(const std::string& part) {
     return {};
 }
 
+// Who puts a clip names it without an ending, its files have one.
+std::string ClipOf(CZemClient& client, const std::u16string& name) {
+    return Asked([&]() -> Why {
+               for (const char16_t* const ending : {u".v0", u".a0"}) {
+                   const std::u16string stream = name + ending;
+                   if (client.Attributes(stream) != kNoAttributes)
+                       return {"; a clip of this name has " + Printable(ToUtf8(stream))};
+               }
+               return {};
+           })
+        .text;
+}
+
 // What the file says of itself to who only reads it.
 ZemEsDesc InfoOf(CZemClient& client, FileRef file) {
     file.openFlags = kFileRead;
@@ -109,7 +122,8 @@ Why WhyNotOpened(CZemClient& client, const FileRef& file) {
     const uint32_t attributes = client.Attributes(file.name);
     if (attributes == kNoAttributes) {
         why = WhyNotIn(client, file.name, true);
-        return why.word != nullptr ? why : Why{": there is no such file", kReasonNoFile};
+        if (why.word != nullptr) return why;
+        return {": there is no such file" + ClipOf(client, file.name), kReasonNoFile};
     }
     if ((attributes & kAttributeDirectory) != 0) return {kFolder, kReasonFolder};
     if ((file.openFlags & kFileWrite) != 0 && CanBeRead(client, file)) {
@@ -173,6 +187,8 @@ void ThrowNoFile(const std::string& name) {
 
 Why WhyBadName(const std::u16string& name) {
     const std::string text = ToUtf8(name);
+    if (text.starts_with('/') || text.starts_with('\\'))
+        return {": a name begins below the volume root, without a slash", kReasonBadName};
     for (size_t at = 0; at <= text.size();) {
         const size_t end = std::min(text.find_first_of("/\\", at), text.size());
         const std::string why = WhyBadPart(text.substr(at, end - at));

@@ -249,10 +249,12 @@ TEST_F(ZemCliFiles, PipesAndDevicesAreWrittenToAndStay) {
         EXPECT_EQ(folder.code, 5);
         EXPECT_EQ(folder.err, "zem: . is a folder: name a file in it\n");
         EXPECT_EQ(Run({verb, "media/v", "-o", "/nope/x"}).err,
-                  "zem: /nope/x.part cannot be written: No such file or directory\n");
+                  "zem: /nope/x cannot be written: there is no folder /nope\n");
     }
     MakeClip();
     ASSERT_EQ(Run({"put", "clip.mov", "media/c"}).code, 0);
+    EXPECT_EQ(Run({"export", "media/c", "/nope/x.mov"}).err,
+              "zem: /nope/x.mov cannot be written: there is no folder /nope\n");
     const Outcome clip = Run({"export", "media/c", "pipe.mov", "--force"});
     EXPECT_EQ(clip.code, 5);
     EXPECT_EQ(clip.err, "zem: pipe.mov is no file: a clip is read back when it is written\n");

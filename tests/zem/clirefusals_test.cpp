@@ -62,6 +62,8 @@ TEST_F(ZemCliFiles, ARefusedNameIsNamed) {
         {"media/d /x", "a name ends in no dot and no blank"},
         {"media/aux", "' is the name of a device"},
         {"media/Com1", "' is the name of a device"},
+        {"/media/v", ": a name begins below the volume root, without a slash"},
+        {"\\media\\v", ": a name begins below the volume root, without a slash"},
         {"m/" + std::string(256, 'x'), "has 256 bytes, the most are 255"},
     };
     const auto has = [&](const std::vector<std::string>& arguments, const std::string& why) {
@@ -77,13 +79,36 @@ TEST_F(ZemCliFiles, ARefusedNameIsNamed) {
         has({"stat", name}, why);
         has({"rm", name}, why);
     }
-    m_media.noCreate = {"media/a:b.v0", "media/aux.v0"};
+    m_media.noCreate = {"media/a:b.v0", "media/aux.v0", "/media/abs.v0"};
+    has({"put", "clip.mov", "/media/abs"},
+        ": a name begins below the volume root, without a slash");
     has({"put", "clip.mov", "media/a:b"}, "': a name has no ':' in it");
     has({"put", "clip.mov", "media/aux"}, "': 'aux.v0' is the name of a device");
     for (const char* name : {"media/auxiliary", "media/com", "media/.x", "media/a b"})
         EXPECT_TRUE(Has(Run({"info", name}).err, ": there is no such file\n")) << name;
     m_media.totalSpace_bytes = 0;
     EXPECT_TRUE(Has(Run({"df", "nope"}).err, "of this volume: there is no folder nope\n"));
+}
+
+// A clip's name has no ending, those of its files have one.
+TEST_F(ZemCliFiles, WhoMixesUpAClipAndItsFilesIsToldSo) {
+    MakeClip();
+    m_media.files["media"].isDirectory = true;
+    for (const char* const verb : {"put", "import"}) {
+        ASSERT_EQ(Run({verb, "clip.mov", "media/c", "--force"}).code, 0);
+        const Outcome info = Run({"info", "media/c"});
+        EXPECT_EQ(info.code, 1);
+        EXPECT_TRUE(
+            info.err.ends_with(": there is no such file; a clip of this name has media/c.v0\n"))
+            << info.err;
+        const Outcome clip = Run({"export", "media/c.v0", "x.mov"});
+        EXPECT_EQ(clip.code, 1);
+        EXPECT_EQ(clip.err,
+                  "zem: media/c.v0 is a file and no clip: name the clip without the ending, "
+                  "media/c\n");
+    }
+    EXPECT_EQ(Run({"export", "media/v", "x.mov"}).err, "zem: media/v is a file and no clip\n");
+    EXPECT_EQ(Run({"export", "media", "x.mov"}).err, "zem: media is a folder and no clip\n");
 }
 
 TEST_F(ZemCliFiles, AClipWithoutANameIsRefused) {
@@ -122,6 +147,8 @@ TEST_F(ZemCliFiles, AFailureHasAWordForPrograms) {
         {{"mv", "media/v", "media/foreign"}, "\"exists\""},
         {{"mkdir", "media/d"}, "\"exists\""},
         {{"info", "media/a:b"}, "\"bad_name\""},
+        {{"info", "/media/v"}, "\"bad_name\""},
+        {{"stat", "/media/v"}, "\"bad_name\""},
         {{"stripe", "media/foreign", "10:00:00:00"}, "\"read_only\""},
         {{"stripe", "media/v", "10:00:00:25"}, "\"no_such_timecode\""},
         {{"read", "media/v", "--from", "4", "-o", "x"}, "\"no_such_frame\""},

@@ -65,7 +65,11 @@ TEST_F(ZemCliStop, APutLeavesAndSaysWhatIsLeftBehind) {
     MakeClip();
     const Outcome outcome = RunAndStopAt(kWriteFrame, "put clip.mov media/clip");
     EXPECT_EQ(outcome.code, 130);
-    EXPECT_TRUE(Has(outcome.err, "incomplete")) << outcome.err;
+    EXPECT_TRUE(Has(outcome.err,
+                    "; the files on the server are incomplete: media/clip.v0 "
+                    "media/clip.a0 (zem rm removes them, zem put --force replaces "
+                    "them)\n"))
+        << outcome.err;
     EXPECT_EQ(m_media.log.back(), kLeave);
     EXPECT_LT(m_media.files["media/clip.v0"].frames.size(), 25u);
 }
@@ -76,6 +80,26 @@ TEST_F(ZemCliStop, APutThatIsCreatingAFileSaysThatItIsThere) {
     EXPECT_EQ(outcome.code, 130);
     EXPECT_TRUE(Has(outcome.err, "incomplete")) << outcome.err;
     EXPECT_EQ(m_media.files.size(), 1u) << "no second file after the stop";
+}
+
+TEST_F(ZemCliStop, ATopEndsWellInTheMiddleOfASampleToo) {
+    for (const int last : {1, 2}) {
+        int asked = 0;
+        CScriptServer server([&](const ScriptRequest& request) {
+            ScriptAnswer answer = m_media(request);
+            if (request.target == "/media/status" && ++asked == last) {
+                answer.bytes.pop_back();  // which leaves it waiting
+                Signal(SIGINT);
+            }
+            return answer;
+        });
+        const int code = Shell("sh -c 'echo $$ >pid; exec \"$0\" \"$@\"' " + Quoted(ZEM_PROGRAM) +
+                               " --server " + server.Url() + " top --interval 0.1 >out 2>err");
+        server.Settle();
+        EXPECT_EQ(code, 0);
+        EXPECT_EQ(Contents(m_dir / "err"), "");
+        EXPECT_EQ(asked, last);
+    }
 }
 
 TEST_F(ZemCliStop, AnImportThatIsCreatingAFileTakesItBack) {
@@ -217,8 +241,11 @@ TEST_F(ZemCliPipe, WhoseClipStopsInTheMiddleEndsAtOneSignalAndTidiesUp) {
         server.Settle();
         EXPECT_EQ(code, 130) << verb;
         const std::string err = Contents(m_dir / "err");
-        EXPECT_EQ(err, verb == "put" ? "zem: stopped; the files on the server are incomplete\n"
-                                     : "zem: stopped; nothing of it is left on the server\n");
+        EXPECT_EQ(err, verb == "put"
+                           ? "zem: stopped; the files on the server are incomplete: "
+                             "media/x.v0 media/x.a0 (zem rm removes them, zem put --force replaces "
+                             "them)\n"
+                           : "zem: stopped; nothing of it is left on the server\n");
         EXPECT_EQ(m_media.files.empty(), verb == "import");
         EXPECT_TRUE(m_media.clients.empty()) << verb;
         if (m_in < 0) break;
