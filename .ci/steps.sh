@@ -64,6 +64,7 @@ within() {
     return "$status"
 }
 
+# The first failure in COMMAND ends it.
 strictly() {
     set -e
     "$@"
@@ -113,6 +114,7 @@ step() {
     esac
     results+=("$(printf '%-48s %-12s %3d %5d s' "$title" "$result" $status $((SECONDS - start)))")
 }
+
 # Of every step that did not pass at once what it said.
 tell_unwell() {
     local one log

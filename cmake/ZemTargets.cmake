@@ -73,27 +73,6 @@ function(zem_library name kind)
     endif()
 endfunction()
 
-# zem_headers(NAME HEADER [LIBS...]): compiles what HEADER includes once, for programs and for what is linked into them alone,
-# that then name it with zem_use_headers. They do not depend on it: each source includes what it uses.
-function(zem_headers name header)
-    if(NOT ZEM_PRECOMPILE)
-        return()
-    endif()
-    cmake_parse_arguments(ARG "" "" "LIBS" ${ARGN})
-    file(GENERATE OUTPUT ${CMAKE_CURRENT_BINARY_DIR}/${name}.cpp CONTENT "")
-    add_library(${name} OBJECT EXCLUDE_FROM_ALL ${CMAKE_CURRENT_BINARY_DIR}/${name}.cpp)
-    target_link_libraries(${name} PRIVATE zem_options ${ARG_LIBS})
-    set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE OFF)  # a program's is of another kind
-    target_compile_options(${name} PRIVATE -fPIE)
-    target_precompile_headers(${name} PRIVATE ${header})
-endfunction()
-
-function(zem_use_headers target name)
-    if(TARGET ${name})
-        target_precompile_headers(${target} REUSE_FROM ${name})
-    endif()
-endfunction()
-
 # zem_optimise_whole(TARGET [OBJECTS]): what a request passes through is optimised as one piece when the library is linked
 # (a sixteenth of a small request's processor time). OBJECTS: the target that has its objects; whoever else links these
 # finds ordinary code in them.
@@ -133,7 +112,9 @@ function(zem_test name)
     endif()
     add_executable(${name} ${ARG_SOURCES})
     target_link_libraries(${name} PRIVATE zem_options ${ARG_LIBS} GTest::gmock GTest::gtest GTest::gtest_main)
-    zem_use_headers(${name} zem_test_headers)
+    if(TARGET zem_test_headers)
+        target_precompile_headers(${name} REUSE_FROM zem_test_headers)
+    endif()
     set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
     foreach(call IN LISTS ARG_WRAP)
         target_link_options(${name} PRIVATE -Wl,--wrap=${call})

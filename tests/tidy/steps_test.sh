@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# steps_test.sh SOURCE_DIR: what .ci/run tells at the end of steps that went well, that did so at the second try, that failed, and that did not end.
+# steps_test.sh SOURCE_DIR: what .ci/run tells at the end of steps that went well, that did so at the second try, that failed,
+# and that did not end.
 set -euo pipefail
 source_dir=$1
 # shellcheck source=tests/scratch.sh
@@ -66,7 +67,7 @@ has 'never: that is wrong'
 has 'endless: began'
 has 'not finished within 1 s'
 has 'there was no time left for it'
-flock -w 2 "$work/lives" true || fail 'what a step started outlives it'
+flock -w 30 "$work/lives" true || fail 'what a step started outlives it'
 # Who ends the whole, ends the step.
 mkfifo "$work/waiting"
 cat >"$work/whole" <<'END'
