@@ -73,6 +73,7 @@ strictly() {
 mkdir -p "$logs"
 results=()
 unwell=()
+passed=0  # of the steps that decide
 failed=0
 
 # step [--shown] [--within SECONDS] TITLE COMMAND...: runs it in a shell of its own, so that its first failure ends it
@@ -102,10 +103,13 @@ step() {
     fi
     tail -n 12 "$log"
     if grep -q '^unsteady: ' "$log"; then result=unsteady; fi
-    if [ $status -ne 0 ] && [ $decides -eq 0 ]; then result="to look at"; fi
-    if [ $status -ne 0 ] && [ $decides -eq 1 ]; then
+    if [ $decides -eq 0 ]; then
+        if [ $status -ne 0 ]; then result="to look at"; fi
+    elif [ $status -ne 0 ]; then
         result=FAILED
-        failed=1
+        failed=$((failed + 1))
+    else
+        passed=$((passed + 1))
     fi
     case $result in
     passed) ;;
@@ -123,4 +127,12 @@ tell_unwell() {
         printf '\n== from build/ci/%s\n' "${log##*/}"
         excerpt "$log" "${one%% *}" | tail -n 150 | cut -c 1-500
     done
+}
+
+# The table of all steps, and as the last line how those that decide ended. Fails when one of these did, or none ran.
+summary() {
+    printf '\n== summary (%d:%02d)\n' $((SECONDS / 60)) $((SECONDS % 60))
+    printf '%s\n' "${results[@]}"
+    printf 'deciding: %d passed, %d failed\n' "$passed" "$failed"
+    [ "$passed" -gt 0 ] && [ "$failed" -eq 0 ]
 }

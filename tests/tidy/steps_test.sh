@@ -56,9 +56,11 @@ tests() {
 tell_unwell >"$work/end"
 has() { grep -qxF -- "$1" "$work/end" || fail "the end lacks: $1"; }
 has 'first: the frame is another'
-[ "$failed" -eq 1 ] || fail 'failures do not count'
-printf '%s\n' "${results[@]}" >"$work/results"
-[ "$(awk '{ print $1, $2 }' "$work/results" | paste -sd,)" = 'well passed,unsteady unsteady,shown to,tests FAILED,hopeless FAILED,endless FAILED,too late' ] ||
+summary >"$work/results" && fail 'failures do not count'
+[ "$(tail -n 1 "$work/results")" = 'deciding: 2 passed, 3 failed' ] || fail "the last line: $(tail -n 1 "$work/results")"
+(failed=0 && summary >/dev/null) || fail 'success does not count'
+(failed=0 passed=0 && summary >/dev/null) && fail 'nothing that ran is a success'
+[ "$(sed '1,/^== summary/d; $d' "$work/results" | awk '{ print $1, $2 }' | paste -sd,)" = 'well passed,unsteady unsteady,shown to,tests FAILED,hopeless FAILED,endless FAILED,too late' ] ||
     fail "results: $(cat "$work/results")"
 has 'the reason'
 if grep -qx noise "$work/end"; then fail 'a test that passed is told of'; fi
