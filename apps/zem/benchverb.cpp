@@ -1,8 +1,6 @@
 // zem bench: a load test of the user's own server and network. Every connection is a client with a
 // file of its own and a thread of its own; what was written is read back and compared before it is
 // called written.
-#include <CLI/CLI.hpp>
-
 #include <exception>
 #include <thread>
 
@@ -12,7 +10,7 @@
 #include "apps/zem/output.h"
 #include "apps/zem/session.h"
 #include "apps/zem/terminal.h"
-#include "apps/zem/usage.h"
+#include "apps/zem/valuecheck.h"
 #include "apps/zem/verbs.h"
 
 namespace zem {
@@ -236,46 +234,39 @@ int CBench::Go() {
 
 }  // namespace
 
-void AddBenchVerb(CLI::App& app, CommandLine& line) {
+void AddBenchVerb(CVerb program, CommandLine& line) {
     auto options = std::make_shared<BenchOptions>();
     BenchPlan& plan = options->plan;
-    CLI::App* verb = VerbGroup{app, line, "The server"}.Add(
+    const CVerb verb = VerbGroup{program, line, "The server"}.Add(
         "bench",
         "Load the server and measure: frames and bytes a second, percentiles and a histogram "
         "of the latency. It makes files of its own and deletes them; what it wrote it reads back",
         [options, &line] { return CBench(line, *options).Go(); });
-    verb->add_option("--mode", options->mode,
-                     "What to do: write, read, or both one after the other")
-        ->type_name("MODE")
-        ->check(OneOf({"read", "write", "both"}))
-        ->capture_default_str();
-    verb->add_option("--connections", plan.connections, "Clients at the same time")
-        ->type_name("N")
-        ->transform(WholeNumber(1, 256))
-        ->capture_default_str();
-    verb->add_option("--seconds", plan.seconds, "How long each mode goes on")
-        ->type_name("SECONDS")
-        ->check(Number(0.1, 86400))
-        ->capture_default_str();
-    verb->add_option("--frame-size", options->frameSize, "Bytes of a frame; k, M and G count 1024")
-        ->type_name("BYTES")
-        ->capture_default_str();
-    verb->add_option("--frames", plan.frames, "Frames in the file of a connection")
-        ->type_name("N")
-        ->transform(WholeNumber(1, 1000000))
-        ->capture_default_str();
-    verb->add_option("--rate", plan.rate_per_s,
-                     "Frames a second of a connection, as in playout (default: as fast as they are "
-                     "answered). Latency then counts from when a frame was due")
-        ->type_name("FPS")
-        ->check(Number(0.1, 100000));
-    verb->add_flag("--random", plan.random, "Frames by chance instead of one after another");
-    verb->add_option("--folder", plan.folder,
-                     "Where the files are made; where there is none, above it")
-        ->type_name("FOLDER")
-        ->capture_default_str();
-    verb->add_option("--file", plan.file, "Read this file of the server, from all connections")
-        ->type_name("NAME");
+    verb.Option("--mode", "MODE", options->mode,
+                "What to do: write, read, or both one after the other")
+        .Check(OneOf({"read", "write", "both"}))
+        .ShowDefault();
+    verb.Option("--connections", "N", plan.connections, "Clients at the same time")
+        .Check(WholeNumber(1, 256))
+        .ShowDefault();
+    verb.Option("--seconds", "SECONDS", plan.seconds, "How long each mode goes on")
+        .Check(Number(0.1, 86400))
+        .ShowDefault();
+    verb.Option("--frame-size", "BYTES", options->frameSize,
+                "Bytes of a frame; k, M and G count 1024")
+        .ShowDefault();
+    verb.Option("--frames", "N", plan.frames, "Frames in the file of a connection")
+        .Check(WholeNumber(1, 1000000))
+        .ShowDefault();
+    verb.Option("--rate", "FPS", plan.rate_per_s,
+                "Frames a second of a connection, as in playout (default: as fast as they are "
+                "answered). Latency then counts from when a frame was due")
+        .Check(Number(0.1, 100000));
+    verb.Flag("--random", plan.random, "Frames by chance instead of one after another");
+    verb.Option("--folder", "FOLDER", plan.folder,
+                "Where the files are made; where there is none, above it")
+        .ShowDefault();
+    verb.Option("--file", "NAME", plan.file, "Read this file of the server, from all connections");
 }
 
 }  // namespace zem

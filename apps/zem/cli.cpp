@@ -1,7 +1,5 @@
 // Command line of zem: the options of every verb, the exit codes, and how failures are told.
 // Main thread only.
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -10,11 +8,11 @@
 #include "apps/generated/version.h"
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
-#include "apps/zem/manual.h"
 #include "apps/zem/output.h"
+#include "apps/zem/parser.h"
 #include "apps/zem/session.h"
 #include "apps/zem/terminal.h"
-#include "apps/zem/usage.h"
+#include "apps/zem/valuecheck.h"
 #include "apps/zem/verbs.h"
 
 namespace zem {
@@ -96,19 +94,17 @@ void PrintDone(const CommandLine& line, const char* verb, std::initializer_list<
     PrintLine(json.Close().Str());
 }
 
-void AddFileName(CLI::App& verb, std::string& name, std::string* stream) {
-    verb.add_option("NAME", name, "File on the server")->required();
+void AddFileName(CVerb verb, std::string& name, std::string* stream) {
+    verb.Place("NAME", name, "File on the server").Required();
     if (stream == nullptr) return;
-    verb.add_option("--stream", *stream, "Stream of a file with several: v0, a1, tc")
-        ->type_name("STREAM");
+    verb.Option("--stream", "STREAM", *stream, "Stream of a file with several: v0, a1, tc");
 }
 
-CLI::App* VerbGroup::Add(const char* name, const char* help, std::function<int()> run) const {
-    CLI::App* verb = app.add_subcommand(name, help);
-    verb->group(title);
-    verb->add_flag("--json", line.json, "Output as JSON, one object a line");
+CVerb VerbGroup::Add(const char* name, const char* help, std::function<int()> run) const {
     CommandLine& target = line;
-    verb->callback([&target, run = std::move(run)] { target.verb = run; });
+    const CVerb verb =
+        above.Add(name, help, title, [&target, run = std::move(run)] { target.verb = run; });
+    verb.Flag("--json", line.json, "Output as JSON, one object a line");
     return verb;
 }
 
@@ -124,63 +120,54 @@ std::string WhyNoClientId(const std::string& id) {
     }
 }
 
-void AddGlobalOptions(CLI::App& app, CommandLine& line) {
-    app.add_option("--server", line.server, "Address of the server, http://HOST:PORT")
-        ->envname("ZEM_SERVER")
-        ->type_name("URL")
-        ->capture_default_str();
-    app.add_option(
-           "--id", line.clientId,
-           "Client ID (default: one that no other client has); a verb acts as that client and "
-           "leaves at the end, see --stay")
-        ->type_name("ID")
-        ->check(CLI::Validator(&WhyNoClientId, ""));
-    app.add_option("--channel", line.channel, "Channel to join; 255 joins none")
-        ->type_name("N")
-        ->transform(WholeNumber(0))
-        ->capture_default_str();
-    app.add_option("--timeout", line.timeout_s,
-                   "Seconds without a byte after which a transfer is given up")
-        ->type_name("SECONDS")
-        ->transform(WholeNumber(1, 86400))
-        ->capture_default_str();
-    app.add_option("--keep-alive", line.keepAlive_s,
-                   "Seconds between signs of life while a verb waits, for a pipe for example")
-        ->type_name("SECONDS")
-        ->transform(WholeNumber(1, 40))
-        ->capture_default_str();
-    app.add_flag("--stay", line.stay,
-                 "Do not leave at the end: the client stays joined until zem leave, or until it "
-                 "was silent for 50 seconds");
-    app.add_flag("-q,--quiet", line.quiet, "No progress line, no summary");
-    app.add_flag("--json", line.json, "Output as JSON, one object a line; failures too");
-    app.add_option("--color", line.colour,
-                   "auto: colours on a terminal, unless NO_COLOR is set; always; never")
-        ->type_name("WHEN")
-        ->check(OneOf({"auto", "always", "never"}))
-        ->capture_default_str();
-    app.set_version_flag("--version", std::string("zem ") + kZemVersion);
+void AddGlobalOptions(CVerb app, CommandLine& line) {
+    app.Option("--server", "URL", line.server, "Address of the server, http://HOST:PORT")
+        .Environment("ZEM_SERVER")
+        .ShowDefault();
+    app.Option("--id", "ID", line.clientId,
+               "Client ID (default: one that no other client has); a verb acts as that client and "
+               "leaves at the end, see --stay")
+        .Check({&WhyNoClientId, ""});
+    app.Option("--channel", "N", line.channel, "Channel to join; 255 joins none")
+        .Check(WholeNumber(0))
+        .ShowDefault();
+    app.Option("--timeout", "SECONDS", line.timeout_s,
+               "Seconds without a byte after which a transfer is given up")
+        .Check(WholeNumber(1, 86400))
+        .ShowDefault();
+    app.Option("--keep-alive", "SECONDS", line.keepAlive_s,
+               "Seconds between signs of life while a verb waits, for a pipe for example")
+        .Check(WholeNumber(1, 40))
+        .ShowDefault();
+    app.Flag("--stay", line.stay,
+             "Do not leave at the end: the client stays joined until zem leave, or until it "
+             "was silent for 50 seconds");
+    app.Flag("-q,--quiet", line.quiet, "No progress line, no summary");
+    app.Flag("--json", line.json, "Output as JSON, one object a line; failures too");
+    app.Option("--color", "WHEN", line.colour,
+               "auto: colours on a terminal, unless NO_COLOR is set; always; never")
+        .Check(OneOf({"auto", "always", "never"}))
+        .ShowDefault();
 }
 
-void AddAll(CLI::App& app, CommandLine& line) {
-    SetHelpForm(app);
-    // The verbs inherit what stands here now.
-    app.footer("Options of every verb, exit codes: zem --help\n");
-    app.require_subcommand(0, 1);
-    app.fallthrough();
-    AddGlobalOptions(app, line);
-    AddPutVerbs(app, line);
-    AddExportVerb(app, line);
-    AddFrameVerbs(app, line);
-    AddInfoVerbs(app, line);
-    AddFileVerbs(app, line);
-    AddPageVerbs(app, line);
-    AddTopVerb(app, line);
-    AddBenchVerb(app, line);
-    AddDoctorVerb(app, line);
-    AddClientVerbs(app, line);
-    AddManualVerbs(app, line);
-    app.footer(Footer());
+void AddAll(CParser& parser, CommandLine& line) {
+    const CVerb program = parser.Program();
+    AddGlobalOptions(program, line);
+    parser.AddVersion(std::string("zem ") + kZemVersion);
+    // The verbs' own, which they take over from here.
+    program.SetFooter("Options of every verb, exit codes: zem --help\n");
+    AddPutVerbs(program, line);
+    AddExportVerb(program, line);
+    AddFrameVerbs(program, line);
+    AddInfoVerbs(program, line);
+    AddFileVerbs(program, line);
+    AddPageVerbs(program, line);
+    AddTopVerb(program, line);
+    AddBenchVerb(program, line);
+    AddDoctorVerb(program, line);
+    AddClientVerbs(program, line);
+    AddManualVerbs(program, line);
+    program.SetFooter(Footer());
 }
 
 void SayError(const char* text) {
@@ -238,8 +225,8 @@ ColourMode ColourModeOf(const std::string& word) {
 
 int RunZem(int argc, const char* const* argv) {
     CommandLine line;
-    CLI::App app("zem: files and frames of a media server", "zem");
-    AddAll(app, line);
+    CParser parser("zem", "zem: files and frames of a media server");
+    AddAll(parser, line);
     const std::span<const char* const> arguments(argv, static_cast<size_t>(argc));
     const std::string_view open = WithoutValue(arguments);
     if (!open.empty()) {
@@ -247,18 +234,19 @@ int RunZem(int argc, const char* const* argv) {
         const std::string text = "there is no value behind " + Printable(open) + "; see zem --help";
         return ReportFailure(line, kExitUsage, text.c_str());
     }
-    try {
-        app.parse(argc, argv);
+    ParseResult parsed = parser.Parse(arguments);
+    if (parsed.end == ParseEnd::kRead) {
         SetColourMode(ColourModeOf(line.colour));
         // Asked for here, not of the parser: an unknown word is then what is told of.
-        if (!line.verb) throw CLI::RequiredError("a verb");
-    } catch (const CLI::ParseError& error) {
-        // Help and version are no errors: they go to stdout.
+        if (!line.verb) parsed = {ParseEnd::kWrong, parser.WhatIsMissing()};
+    }
+    if (parsed.end != ParseEnd::kRead) {
         line.json = AsksForJson(arguments);
-        const bool version = dynamic_cast<const CLI::CallForVersion*>(&error) != nullptr;
-        if (version && line.json) return PrintVersionJson();
-        if (error.get_exit_code() == 0) return app.exit(error);
-        return ReportFailure(line, kExitUsage, Printable(UsageText(app, error)).c_str());
+        if (parsed.end == ParseEnd::kWrong)
+            return ReportFailure(line, kExitUsage, Printable(parsed.text).c_str());
+        if (parsed.end == ParseEnd::kVersion && line.json) return PrintVersionJson();
+        std::fputs(parsed.text.c_str(), stdout);
+        return kExitOk;
     }
     try {
         CatchStopSignals();

@@ -1,7 +1,5 @@
 // Verbs on a client's own place in the server: join, leave, keepalive, realtime, config. What they
 // set lives as long as the client stays joined, so they want an ID and do not leave.
-#include <CLI/CLI.hpp>
-
 #include <cstdio>
 #include <fstream>
 #include <iterator>
@@ -114,35 +112,32 @@ int ConfigSet(const CommandLine& line, const ClientOptions& options) {
 
 }  // namespace
 
-void AddClientVerbs(CLI::App& app, CommandLine& line) {
-    const VerbGroup group{app, line, "Being a client"};
+void AddClientVerbs(CVerb program, CommandLine& line) {
+    const VerbGroup group{program, line, "Being a client"};
     const auto none = std::make_shared<ClientOptions>();
     group.Add("join", "Join as --id and stay", none, &Join);
     group.Add("leave", "End what --id has on the server: its open files are closed", none, &Leave);
     group.Add("keepalive", "Tell the server that --id is alive", none, &KeepAlive);
     group.Add("realtime", "Make --id the client whose frames go first", none, &RealTime);
 
-    CLI::App* config = app.add_subcommand(
-        "config", "Configuration of the channel of --id. It holds until the client leaves");
-    config->group(group.title);
-    config->require_subcommand(0, 1);
-    const VerbGroup below{*config, line, "Configuration"};
+    const CVerb config = program.AddParent(
+        "config", "Configuration of the channel of --id. It holds until the client leaves",
+        group.title);
+    const VerbGroup below{config, line, "Configuration"};
     auto push = std::make_shared<ClientOptions>();
-    CLI::App* verb = below.Add("push", "Send a whole configuration", push, &ConfigPush);
-    verb->add_option("FILE", push->file, "XML document, UTF-8 or UTF-16")
-        ->type_name(kTypeFile)
-        ->required();
+    CVerb verb = below.Add("push", "Send a whole configuration", push, &ConfigPush);
+    verb.Place("FILE", push->file, "XML document, UTF-8 or UTF-16").File().Required();
     auto set = std::make_shared<ClientOptions>();
     verb = below.Add(
         "set",
         "Set one attribute. The protocol does not tell whether the server took it: a refusal "
         "is in its log only. `config push` does tell",
         set, &ConfigSet);
-    verb->add_option("NAME", set->name, "Attribute: frameRate or readAhead")->required();
-    verb->add_option("VALUE", set->value,
-                     "Its new value. frameRate: file, 23.976, 24, 25, 29.97, 30, 50, 59.94 or 60; "
-                     "readAhead: auto or 0 to 64")
-        ->required();
+    verb.Place("NAME", set->name, "Attribute: frameRate or readAhead").Required();
+    verb.Place("VALUE", set->value,
+               "Its new value. frameRate: file, 23.976, 24, 25, 29.97, 30, 50, 59.94 or 60; "
+               "readAhead: auto or 0 to 64")
+        .Required();
 }
 
 }  // namespace zem

@@ -1,7 +1,6 @@
 // zem doctor: what a person would try one after another when something does not work, with what to
 // do about each finding. It leaves nothing behind, no folder either.
 #include <curl/curl.h>
-#include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <array>
@@ -364,18 +363,17 @@ int CDoctor::Run() {
 
 }  // namespace
 
-void AddDoctorVerb(CLI::App& app, CommandLine& line) {
+void AddDoctorVerb(CVerb program, CommandLine& line) {
     auto options = std::make_shared<DoctorOptions>();
-    CLI::App* verb = VerbGroup{app, line, "The server"}.Add(
+    const CVerb verb = VerbGroup{program, line, "The server"}.Add(
         "doctor",
         "Find out what is wrong: reachability, versions, clock, volume, permissions. A line a "
         "check: ok, warn, fail or skip, and what to do. Warnings do not change the exit code",
         [options, &line] { return CDoctor(line, *options).Run(); });
-    verb->add_option("--folder", options->folder,
-                     "Where it writes a file and deletes it again; where there is none, above it")
-        ->type_name("FOLDER")
-        ->capture_default_str();
-    verb->add_flag("--read-only", options->readOnly, "Write nothing");
+    verb.Option("--folder", "FOLDER", options->folder,
+                "Where it writes a file and deletes it again; where there is none, above it")
+        .ShowDefault();
+    verb.Flag("--read-only", options->readOnly, "Write nothing");
 }
 
 }  // namespace zem

@@ -1,8 +1,6 @@
 // zem export: the files of a clip, NAME.v0, NAME.a0 ..., become one clip of this machine. What the
 // frames do not say comes from NAME.clip; a clip without one was not imported but put or recorded,
 // and only what its files' descriptors say is known: that does for codecs whose frames stand alone.
-#include <CLI/CLI.hpp>
-
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
@@ -306,23 +304,21 @@ void CExport::Summary() const {
 
 }  // namespace
 
-void AddExportVerb(CLI::App& app, CommandLine& line) {
+void AddExportVerb(CVerb program, CommandLine& line) {
     auto options = std::make_shared<ExportOptions>();
-    CLI::App* verb = VerbGroup{app, line, "Clips"}.Add(
+    const CVerb verb = VerbGroup{program, line, "Clips"}.Add(
         "export",
         "Make a clip of this machine from NAME.v0, NAME.a0 ... of the server. It begins at the "
         "timecode that NAME.v0 was striped with, else at that of the clip that was brought in",
         [options, &line] { return CExport(line, *options).Run(); });
-    verb->add_option("NAME", options->name, "Name on the server, without the stream's ending")
-        ->required();
-    verb->add_option("CLIP", options->clip,
-                     "File to write; its ending names the container: .mov, .mp4, .mxf, .mkv")
-        ->type_name(kTypeFile)
-        ->required();
-    verb->add_flag("--force", options->force, "Replace the file if it exists");
-    verb->add_flag(
-        "--allow-short", options->allowShort,
-        "Keep the clip even if its container left out what is behind its shortest stream");
+    verb.Place("NAME", options->name, "Name on the server, without the stream's ending").Required();
+    verb.Place("CLIP", options->clip,
+               "File to write; its ending names the container: .mov, .mp4, .mxf, .mkv")
+        .File()
+        .Required();
+    verb.Flag("--force", options->force, "Replace the file if it exists");
+    verb.Flag("--allow-short", options->allowShort,
+              "Keep the clip even if its container left out what is behind its shortest stream");
 }
 
 }  // namespace zem

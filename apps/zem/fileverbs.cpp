@@ -1,13 +1,11 @@
 // Verbs that change files and directories, but for stripe. The protocol reports success whatever
 // happened, so each verb that changes something looks afterwards whether it did.
-#include <CLI/CLI.hpp>
-
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
 #include "apps/zem/output.h"
 #include "apps/zem/reasons.h"
 #include "apps/zem/session.h"
-#include "apps/zem/usage.h"
+#include "apps/zem/valuecheck.h"
 #include "apps/zem/verbs.h"
 
 namespace zem {
@@ -124,15 +122,15 @@ int Flush(const CommandLine& line, const FileOptions& options) {
 
 void AddChangeVerbs(const VerbGroup& verbs) {
     auto remove = std::make_shared<FileOptions>();
-    CLI::App* verb = verbs.Add(
-        "rm", "Delete files, in order; ends at the first that cannot be deleted", remove, &Remove);
-    verb->add_option("NAME", remove->names, "Files on the server")->required();
-    verb->add_flag("--http", remove->overHttp, "By plain HTTP DELETE, without joining");
+    CVerb verb = verbs.Add("rm", "Delete files, in order; ends at the first that cannot be deleted",
+                           remove, &Remove);
+    verb.Place("NAME", remove->names, "Files on the server").Required();
+    verb.Flag("--http", remove->overHttp, "By plain HTTP DELETE, without joining");
 
     auto move = std::make_shared<FileOptions>();
     verb = verbs.Add("mv", "Move or rename a file; an existing target is refused", move, &Move);
-    verb->add_option("FROM", move->name, "File on the server")->required();
-    verb->add_option("TO", move->to, "Its new name")->required();
+    verb.Place("FROM", move->name, "File on the server").Required();
+    verb.Place("TO", move->to, "Its new name").Required();
 
     auto mkdir = std::make_shared<FileOptions>();
     verb = verbs.Add(
@@ -140,35 +138,33 @@ void AddChangeVerbs(const VerbGroup& verbs) {
         "Create a directory. The protocol has no command that removes one: that is done on "
         "the server",
         mkdir, &MakeDirectory);
-    AddFileName(*verb, mkdir->name);
+    AddFileName(verb, mkdir->name);
 }
 
 void AddFrameChangeVerbs(const VerbGroup& verbs) {
     auto erase = std::make_shared<FileOptions>();
-    CLI::App* verb =
+    CVerb verb =
         verbs.Add("erase", "Erase frames of a media file; the space is given back", erase, &Erase);
-    AddFileName(*verb, erase->name, &erase->aux);
-    verb->add_option("--from", erase->from, "First frame to erase")
-        ->type_name("N")
-        ->required()
-        ->transform(WholeNumber(0));
-    verb->add_option("--count", erase->count, "How many frames")
-        ->type_name("N")
-        ->required()
-        ->transform(WholeNumber(1, 0x7FFFFFFF));
+    AddFileName(verb, erase->name, &erase->aux);
+    verb.Option("--from", "N", erase->from, "First frame to erase")
+        .Required()
+        .Check(WholeNumber(0));
+    verb.Option("--count", "N", erase->count, "How many frames")
+        .Required()
+        .Check(WholeNumber(1, 0x7FFFFFFF));
 
     auto flush = std::make_shared<FileOptions>();
     verb = verbs.Add("flush", "Return when all that was written to a file is on the device", flush,
                      &Flush);
-    AddFileName(*verb, flush->name, &flush->aux);
+    AddFileName(verb, flush->name, &flush->aux);
 }
 
 }  // namespace
 
-void AddFileVerbs(CLI::App& app, CommandLine& line) {
-    const VerbGroup verbs{app, line, "Files"};
+void AddFileVerbs(CVerb program, CommandLine& line) {
+    const VerbGroup verbs{program, line, "Files"};
     AddChangeVerbs(verbs);
-    AddStripeVerb(app, line);
+    AddStripeVerb(program, line);
     AddFrameChangeVerbs(verbs);
 }
 

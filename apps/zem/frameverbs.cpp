@@ -1,6 +1,4 @@
 // Verbs that read frames: framemd5, read, frames.
-#include <CLI/CLI.hpp>
-
 extern "C" {
 #include <libavutil/md5.h>
 }
@@ -17,7 +15,7 @@ extern "C" {
 #include "apps/zem/reasons.h"
 #include "apps/zem/session.h"
 #include "apps/zem/terminal.h"
-#include "apps/zem/usage.h"
+#include "apps/zem/valuecheck.h"
 #include "apps/zem/verbs.h"
 
 namespace zem {
@@ -241,50 +239,42 @@ int Frames(const CommandLine& line, const FrameOptions& options) {
     return kExitOk;
 }
 
-CLI::App* Add(const VerbGroup& group, const char* name, const char* help, const OptionsPtr& options,
-              int (*run)(const CommandLine&, const FrameOptions&)) {
-    CLI::App* verb = group.Add(name, help, options, run);
-    AddFileName(*verb, options->name, &options->aux);
-    verb->add_option("--from", options->from, "First frame")
-        ->type_name("N")
-        ->transform(WholeNumber(0))
-        ->capture_default_str();
-    verb->add_option("--count", options->count, "How many frames (default: to the end)")
-        ->type_name("N")
-        ->transform(WholeNumber(1));
+CVerb Add(const VerbGroup& group, const char* name, const char* help, const OptionsPtr& options,
+          int (*run)(const CommandLine&, const FrameOptions&)) {
+    const CVerb verb = group.Add(name, help, options, run);
+    AddFileName(verb, options->name, &options->aux);
+    verb.Option("--from", "N", options->from, "First frame").Check(WholeNumber(0)).ShowDefault();
+    verb.Option("--count", "N", options->count, "How many frames (default: to the end)")
+        .Check(WholeNumber(1));
     return verb;
 }
 
 }  // namespace
 
-void AddFrameVerbs(CLI::App& app, CommandLine& line) {
-    const VerbGroup group{app, line, "Frames"};
+void AddFrameVerbs(CVerb program, CommandLine& line) {
+    const VerbGroup group{program, line, "Frames"};
     Add(group, "framemd5", "Read frames back and print size and MD5 of each",
         std::make_shared<FrameOptions>(), &FrameMd5);
 
     auto read = std::make_shared<FrameOptions>();
-    CLI::App* verb =
-        Add(group, "read", "Write the frames' data, one after another, to a file or a pipe", read,
-            &Read);
-    verb->add_option("-o,--output", read->output, "File; - is stdout")
-        ->type_name(kTypeFile)
-        ->capture_default_str();
-    verb->add_flag("--force", read->force, "Replace the file if it exists");
+    CVerb verb = Add(group, "read",
+                     "Write the frames' data, one after another, to a file or a pipe", read, &Read);
+    verb.Option("-o,--output", kTypeFile, read->output, "File; - is stdout").ShowDefault();
+    verb.Flag("--force", read->force, "Replace the file if it exists");
 
     auto frames = std::make_shared<FrameOptions>();
     verb = Add(group, "frames",
                "List the frames: size, flags (Key, Present, Erased, Corrupt), timecode", frames,
                &Frames);
-    CLI::Option* by_name = verb->add_flag(
-        "--by-name", frames->byName,
-        "Ask without opening the file; few names survive what the protocol does to them");
-    verb->add_option("--rate", frames->rate,
-                     "Count positions in this rate: 0 the file's own, 1 23.976, 2 24, 3 25, "
-                     "4 29.97, 5 30, 6 50, 7 59.94, 8 60")
-        ->type_name("N")
-        ->transform(WholeNumber(0, 8))
-        ->excludes(by_name)
-        ->capture_default_str();
+    const CArgument byName =
+        verb.Flag("--by-name", frames->byName,
+                  "Ask without opening the file; few names survive what the protocol does to them");
+    verb.Option("--rate", "N", frames->rate,
+                "Count positions in this rate: 0 the file's own, 1 23.976, 2 24, 3 25, "
+                "4 29.97, 5 30, 6 50, 7 59.94, 8 60")
+        .Check(WholeNumber(0, 8))
+        .Excludes(byName)
+        .ShowDefault();
 }
 
 }  // namespace zem

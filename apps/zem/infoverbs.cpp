@@ -1,6 +1,4 @@
 // Verbs that ask about files, directories and the volume, and change nothing.
-#include <CLI/CLI.hpp>
-
 #include <array>
 #include <cstdio>
 
@@ -174,28 +172,28 @@ int Stat(const CommandLine& line, const InfoOptions& options) {
 
 }  // namespace
 
-void AddInfoVerbs(CLI::App& app, CommandLine& line) {
-    const VerbGroup verbs{app, line, "Files"};
+void AddInfoVerbs(CVerb program, CommandLine& line) {
+    const VerbGroup verbs{program, line, "Files"};
     auto info = std::make_shared<InfoOptions>();
-    CLI::App* verb = verbs.Add("info", "What a media file holds", info, &Info);
-    AddFileName(*verb, info->name, &info->aux);
-    verb->add_flag("--by-name", info->byName, "Ask without opening the file");
+    CVerb verb = verbs.Add("info", "What a media file holds", info, &Info);
+    AddFileName(verb, info->name, &info->aux);
+    verb.Flag("--by-name", info->byName, "Ask without opening the file");
 
     auto marks = std::make_shared<InfoOptions>();
     verb = verbs.Add(
         "marks",
         "The two marks of a media file. They are set by a client that writes to the stream mk",
         marks, &Marks);
-    AddFileName(*verb, marks->name, &marks->aux);
-    verb->add_flag("--by-name", marks->byName, "Ask without opening the file");
+    AddFileName(verb, marks->name, &marks->aux);
+    verb.Flag("--by-name", marks->byName, "Ask without opening the file");
 
     auto space = std::make_shared<InfoOptions>();
     verb = verbs.Add("df", "Space of a volume", space, &Space);
-    verb->add_option("VOLUME", space->volume, "Volume (default: the server's volume root)");
+    verb.Place("VOLUME", space->volume, "Volume (default: the server's volume root)");
 
     auto stat = std::make_shared<InfoOptions>();
     verb = verbs.Add("stat", "Size and attributes of a file or directory", stat, &Stat);
-    AddFileName(*verb, stat->name);
+    AddFileName(verb, stat->name);
 }
 
 }  // namespace zem

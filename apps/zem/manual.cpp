@@ -1,76 +1,14 @@
-// See manual.h: the table, the manual page and the reference of docs/zem.md.
+// See manual.h: the manual page and the reference of docs/zem.md.
 #include "apps/zem/manual.h"
-
-#include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <array>
-#include <utility>
 
 #include "apps/generated/version.h"
 #include "apps/zem/verbs.h"
 
 namespace zem {
 namespace {
-
-// What stands in a type's name behind the colon: "{quick,all}", "1 to 40".
-void TakeBounds(const std::string& bounds, ArgumentRow& row) {
-    const size_t brace = bounds.find('{');
-    if (brace != std::string::npos) {
-        std::string word;
-        for (size_t at = brace + 1; at < bounds.size(); ++at) {
-            if (bounds[at] != ',' && bounds[at] != '}')
-                word += bounds[at];
-            else if (!word.empty())
-                row.choices.push_back(std::exchange(word, {}));
-        }
-        return;
-    }
-    row.help += "; " + bounds;
-}
-
-}  // namespace
-
-ArgumentRow RowOf(const CLI::Option& option) {
-    ArgumentRow row;
-    row.help = option.get_description();
-    row.positional = option.nonpositional() ? false : option.get_positional();
-    row.required = option.get_required();
-    row.fallback = option.get_default_str();
-    row.many = option.get_items_expected_max() > 1;
-    for (const std::string& name : option.get_snames())
-        row.names.push_back("-" + name);
-    for (const std::string& name : option.get_lnames())
-        row.names.push_back("--" + name);
-    if (row.positional) row.names = {option.get_name(true)};
-    if (option.get_type_size() == 0) return row;  // a flag
-    const std::string type = option.get_type_name();
-    const size_t colon = type.find(':');
-    row.type = type.substr(0, colon);
-    if (colon != std::string::npos) TakeBounds(type.substr(colon + 1), row);
-    if (!option.get_envname().empty()) row.help += "; environment " + option.get_envname();
-    return row;
-}
-
-namespace {
-
-void AddRows(const CLI::App& app, const std::string& path, const std::string& group,
-             std::vector<VerbRow>& table) {
-    VerbRow row{path, app.get_description(), group, {}, false};
-    for (const CLI::Option* option : app.get_options()) {
-        if (option->get_group().empty()) continue;
-        row.arguments.push_back(RowOf(*option));
-    }
-    const auto any = [](const CLI::App*) { return true; };
-    const std::vector<const CLI::App*> below = app.get_subcommands(any);
-    row.isGroup = !path.empty() && !below.empty();
-    table.push_back(std::move(row));
-    for (const CLI::App* verb : below) {
-        const bool top = path.empty();
-        AddRows(*verb, top ? verb->get_name() : path + " " + verb->get_name(),
-                top ? verb->get_group() : group, table);
-    }
-}
 
 // "-o, --output FILE"
 std::string NamesOf(const ArgumentRow& row, const std::string& bold, const std::string& italic,
@@ -215,12 +153,6 @@ constexpr std::array<ExampleRow, 5> kExamples = {
 
 bool ArgumentRow::IsFile() const {
     return type == kTypeFile;
-}
-
-std::vector<VerbRow> VerbTable(const CLI::App& app) {
-    std::vector<VerbRow> table;
-    AddRows(app, "", "", table);
-    return table;
 }
 
 std::string ManPage(const std::vector<VerbRow>& table) {

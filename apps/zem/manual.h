@@ -12,6 +12,8 @@ class Option;
 
 namespace zem {
 
+class CVerb;
+
 struct ArgumentRow {
     std::vector<std::string> names;  // "-o", "--output"; of a positional its name alone
     std::string type;                // empty: a flag
@@ -42,7 +44,7 @@ std::string HelpOf(const ArgumentRow& row);  // with choices and what holds with
 void SetHelpForm(CLI::App& app);
 
 // The program itself first, then its verbs in the order of help, those below a verb behind it.
-std::vector<VerbRow> VerbTable(const CLI::App& app);
+std::vector<VerbRow> VerbTable(CVerb program);
 
 std::string BashCompletion(const std::vector<VerbRow>& table);
 std::string ZshCompletion(const std::vector<VerbRow>& table);

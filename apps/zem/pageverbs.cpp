@@ -1,7 +1,5 @@
 // Verbs on the server's plain pages and files: status, clients, get. They need no join; only a get
 // that is refused has a client ask why.
-#include <CLI/CLI.hpp>
-
 #include <cstdio>
 #include <filesystem>
 
@@ -111,23 +109,22 @@ int Get(const CommandLine& line, const GetOptions& options) {
 
 }  // namespace
 
-void AddPageVerbs(CLI::App& app, CommandLine& line) {
-    const VerbGroup group{app, line, "The server"};
+void AddPageVerbs(CVerb program, CommandLine& line) {
+    const VerbGroup group{program, line, "The server"};
     group.Add("status", "Space of the server's volume", [&line] { return Status(line); });
     group.Add("clients", "Who is joined", [&line] { return Clients(line); });
 
     auto get = std::make_shared<GetOptions>();
-    CLI::App* verb = VerbGroup{app, line, "Files"}.Add(
+    const CVerb verb = VerbGroup{program, line, "Files"}.Add(
         "get",
         "Download a whole file as it lies on the volume. An interrupted download leaves "
         "nothing behind and is never resumed. A file whose name begins with media/status or "
         "media/clients is hidden by a page of the server and refused",
         [get, &line] { return Get(line, *get); });
-    verb->add_option("NAME", get->name, "File on the server, below media/ or zem/")->required();
-    verb->add_option("-o,--output", get->output,
-                     "File here; - is stdout (default: the last part of NAME)")
-        ->type_name(kTypeFile);
-    verb->add_flag("--force", get->force, "Replace the file if it exists");
+    verb.Place("NAME", get->name, "File on the server, below media/ or zem/").Required();
+    verb.Option("-o,--output", kTypeFile, get->output,
+                "File here; - is stdout (default: the last part of NAME)");
+    verb.Flag("--force", get->force, "Replace the file if it exists");
 }
 
 }  // namespace zem

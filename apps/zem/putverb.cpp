@@ -1,6 +1,5 @@
 // zem put: a clip goes in packet by packet, one media file per stream. zem import: the same, but
 // PCM is cut to the pictures, and what the frames do not say of the clip is kept for zem export.
-#include <CLI/CLI.hpp>
 #include <cstdio>
 
 #include "apps/zem/client/text.h"
@@ -8,7 +7,7 @@
 #include "apps/zem/output.h"
 #include "apps/zem/put.h"
 #include "apps/zem/terminal.h"
-#include "apps/zem/usage.h"
+#include "apps/zem/valuecheck.h"
 #include "apps/zem/verbs.h"
 
 namespace zem {
@@ -39,7 +38,7 @@ void CPut::Summary() const {
     }
 }
 
-void AddPutVerbs(CLI::App& app, CommandLine& line) {
+void AddPutVerbs(CVerb program, CommandLine& line) {
     struct Verb {
         const char* name;
         const char* help;
@@ -58,23 +57,22 @@ void AddPutVerbs(CLI::App& app, CommandLine& line) {
     for (const Verb& each : verbs) {
         auto options = std::make_shared<PutOptions>();
         options->import = each.import;
-        CLI::App* verb = VerbGroup{app, line, "Clips"}.Add(each.name, each.help, [options, &line] {
-            RequireClipName(options->name);
-            return CPut(line, *options).Run();
-        });
-        verb->add_option("CLIP", options->clip,
-                         "MOV, MP4, MXF or other clip of this machine; - is stdin")
-            ->type_name(kTypeFile)
-            ->required();
-        verb->add_option("NAME", options->name, "Name on the server, without the stream's ending")
-            ->required();
-        verb->add_flag("--force", options->force, "Replace files that exist");
-        verb->add_option("--verify", options->verify,
-                         "quick: compare the size of every frame and the contents of the last; "
-                         "all: read every frame back")
-            ->type_name("HOW")
-            ->check(OneOf({"quick", "all"}))
-            ->capture_default_str();
+        const CVerb verb =
+            VerbGroup{program, line, "Clips"}.Add(each.name, each.help, [options, &line] {
+                RequireClipName(options->name);
+                return CPut(line, *options).Run();
+            });
+        verb.Place("CLIP", options->clip, "MOV, MP4, MXF or other clip of this machine; - is stdin")
+            .File()
+            .Required();
+        verb.Place("NAME", options->name, "Name on the server, without the stream's ending")
+            .Required();
+        verb.Flag("--force", options->force, "Replace files that exist");
+        verb.Option("--verify", "HOW", options->verify,
+                    "quick: compare the size of every frame and the contents of the last; "
+                    "all: read every frame back")
+            .Check(OneOf({"quick", "all"}))
+            .ShowDefault();
     }
 }
 

@@ -1,8 +1,6 @@
 // zem stripe. A server refuses a start that the file's rate cannot count without telling anybody
 // but its log, and a file that has that start already looks as if it had worked: so it is found out
 // before.
-#include <CLI/CLI.hpp>
-
 #include <array>
 #include <cstdio>
 
@@ -12,7 +10,7 @@
 #include "apps/zem/output.h"
 #include "apps/zem/reasons.h"
 #include "apps/zem/session.h"
-#include "apps/zem/usage.h"
+#include "apps/zem/valuecheck.h"
 #include "apps/zem/verbs.h"
 #include "mediaio/foreign/avdesc.h"
 
@@ -109,19 +107,18 @@ int Stripe(const CommandLine& line, const StripeOptions& options) {
 
 }  // namespace
 
-void AddStripeVerb(CLI::App& app, CommandLine& line) {
+void AddStripeVerb(CVerb program, CommandLine& line) {
     auto options = std::make_shared<StripeOptions>();
-    CLI::App* verb =
-        VerbGroup{app, line, "Files"}.Add("stripe", "Write a running timecode into a media file",
-                                          [options, &line] { return Stripe(line, *options); });
-    AddFileName(*verb, options->name, &options->aux);
-    verb->add_option("TIMECODE", options->start,
-                     "Of the first frame: HH:MM:SS:FF; HH:MM:SS;FF counts in drop-frame")
-        ->required();
-    verb->add_option("--flags", options->flags, "1: count in drop-frame with HH:MM:SS:FF, too")
-        ->type_name("N")
-        ->transform(WholeNumber(0, 1))
-        ->capture_default_str();
+    const CVerb verb = VerbGroup{program, line, "Files"}.Add(
+        "stripe", "Write a running timecode into a media file",
+        [options, &line] { return Stripe(line, *options); });
+    AddFileName(verb, options->name, &options->aux);
+    verb.Place("TIMECODE", options->start,
+               "Of the first frame: HH:MM:SS:FF; HH:MM:SS;FF counts in drop-frame")
+        .Required();
+    verb.Option("--flags", "N", options->flags, "1: count in drop-frame with HH:MM:SS:FF, too")
+        .Check(WholeNumber(0, 1))
+        .ShowDefault();
 }
 
 }  // namespace zem

@@ -1,8 +1,6 @@
 // zem top: volume, clients and the own requests' latency, again and again: as a picture on a
 // terminal, as blocks of text into a file, as a JSON object a sample. It does not join: watching
 // changes nothing.
-#include <CLI/CLI.hpp>
-
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,7 +15,7 @@
 #include "apps/zem/session.h"
 #include "apps/zem/terminal.h"
 #include "apps/zem/topview.h"
-#include "apps/zem/usage.h"
+#include "apps/zem/valuecheck.h"
 #include "apps/zem/verbs.h"
 
 namespace zem {
@@ -164,20 +162,18 @@ void CTop::Print() {
 
 }  // namespace
 
-void AddTopVerb(CLI::App& app, CommandLine& line) {
+void AddTopVerb(CVerb program, CommandLine& line) {
     auto options = std::make_shared<TopOptions>();
-    CLI::App* verb = VerbGroup{app, line, "The server"}.Add(
+    const CVerb verb = VerbGroup{program, line, "The server"}.Add(
         "top",
         "Watch volume, clients and the latency of its own requests. On a terminal a live picture, "
         "which q or Ctrl-C ends; else a block of text a sample, or with --json an object a sample",
         [options, &line] { return CTop(line, *options).Run(); });
-    verb->add_option("--interval", options->interval_s, "Seconds between samples")
-        ->type_name("SECONDS")
-        ->check(Number(0.1, 3600))
-        ->capture_default_str();
-    verb->add_option("--count", options->count, "End after so many samples (default: none)")
-        ->type_name("N")
-        ->transform(WholeNumber(1));
+    verb.Option("--interval", "SECONDS", options->interval_s, "Seconds between samples")
+        .Check(Number(0.1, 3600))
+        .ShowDefault();
+    verb.Option("--count", "N", options->count, "End after so many samples (default: none)")
+        .Check(WholeNumber(1));
 }
 
 }  // namespace zem

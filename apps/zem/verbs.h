@@ -11,10 +11,7 @@
 #include <string>
 
 #include "apps/zem/client/zemclient.h"
-
-namespace CLI {
-class App;
-}
+#include "apps/zem/parser.h"
 
 namespace zem {
 
@@ -49,26 +46,22 @@ struct CommandLine {
 
 // The group of verbs under which help and manual list them.
 struct VerbGroup {
-    CLI::App& app;
+    CVerb above;
     CommandLine& line;
     const char* title;
 
     // Adds a verb; `run` is called once the line is parsed. --json is every verb's.
-    CLI::App* Add(const char* name, const char* help, std::function<int()> run) const;
+    CVerb Add(const char* name, const char* help, std::function<int()> run) const;
     // The same for one with options of its own, which it keeps.
     template <class Options>
-    CLI::App* Add(const char* name, const char* help, const std::shared_ptr<Options>& options,
-                  int (*run)(const CommandLine&, const Options&)) const {
+    CVerb Add(const char* name, const char* help, const std::shared_ptr<Options>& options,
+              int (*run)(const CommandLine&, const Options&)) const {
         return Add(name, help, [options, &line = line, run] { return run(line, *options); });
     }
 };
 
 // The file of the server that a verb is about and, where it is about one, the stream.
-void AddFileName(CLI::App& verb, std::string& name, std::string* stream = nullptr);
-
-// What the tables of help, manual and completions say of an argument is its type's name. Those that
-// name a file of this machine are completed with files.
-inline constexpr const char* kTypeFile = "FILE";
+void AddFileName(CVerb verb, std::string& name, std::string* stream = nullptr);
 
 void PrintLine(const std::string& text);
 
@@ -80,18 +73,18 @@ struct DoneWith {
 };
 void PrintDone(const CommandLine& line, const char* verb, std::initializer_list<DoneWith> with);
 
-void AddPutVerbs(CLI::App& app, CommandLine& line);     // put import
-void AddExportVerb(CLI::App& app, CommandLine& line);   // export
-void AddFrameVerbs(CLI::App& app, CommandLine& line);   // framemd5 read frames
-void AddInfoVerbs(CLI::App& app, CommandLine& line);    // info marks df stat
-void AddFileVerbs(CLI::App& app, CommandLine& line);    // rm mv mkdir erase flush, and the next
-void AddStripeVerb(CLI::App& app, CommandLine& line);   // stripe
-void AddPageVerbs(CLI::App& app, CommandLine& line);    // status clients get
-void AddTopVerb(CLI::App& app, CommandLine& line);      // top
-void AddBenchVerb(CLI::App& app, CommandLine& line);    // bench
-void AddDoctorVerb(CLI::App& app, CommandLine& line);   // doctor
-void AddClientVerbs(CLI::App& app, CommandLine& line);  // join leave keepalive realtime config
-void AddManualVerbs(CLI::App& app, CommandLine& line);  // help completion manual
+void AddPutVerbs(CVerb program, CommandLine& line);     // put import
+void AddExportVerb(CVerb program, CommandLine& line);   // export
+void AddFrameVerbs(CVerb program, CommandLine& line);   // framemd5 read frames
+void AddInfoVerbs(CVerb program, CommandLine& line);    // info marks df stat
+void AddFileVerbs(CVerb program, CommandLine& line);    // rm mv mkdir erase flush, and the next
+void AddStripeVerb(CVerb program, CommandLine& line);   // stripe
+void AddPageVerbs(CVerb program, CommandLine& line);    // status clients get
+void AddTopVerb(CVerb program, CommandLine& line);      // top
+void AddBenchVerb(CVerb program, CommandLine& line);    // bench
+void AddDoctorVerb(CVerb program, CommandLine& line);   // doctor
+void AddClientVerbs(CVerb program, CommandLine& line);  // join leave keepalive realtime config
+void AddManualVerbs(CVerb program, CommandLine& line);  // help completion manual
 
 // The exit codes and what they mean: help, manual and docs/zem.md have them from here.
 struct ExitMeaning {

@@ -1,7 +1,5 @@
 // What zem says to a command line that does not fit: what is wrong with it, and what to do.
-#include <CLI/CLI.hpp>
-
-#include "apps/zem/usage.h"
+#include "apps/zem/valuecheck.h"
 #include "tests/zem/zemcli.h"
 
 namespace {
@@ -86,11 +84,11 @@ TEST_F(ZemCliUsage, EveryMistakeHasASentence) {
 }
 
 TEST_F(ZemCliUsage, NumbersAreDecimalWhateverTheirZeros) {
-    const auto read = [](const CLI::Validator& number, std::string text) {
-        const std::string problem = number(text);
+    const auto read = [](const zem::ValueCheck& number, std::string text) {
+        const std::string problem = number.problem(text);
         return problem.empty() ? text : "no";
     };
-    const CLI::Validator whole = zem::WholeNumber(0);
+    const zem::ValueCheck whole = zem::WholeNumber(0);
     EXPECT_EQ(read(whole, "010"), "10") << "not eight";
     EXPECT_EQ(read(whole, "0x10"), "16");
     EXPECT_EQ(read(whole, "4294967295"), "4294967295");
@@ -101,7 +99,7 @@ TEST_F(ZemCliUsage, NumbersAreDecimalWhateverTheirZeros) {
     EXPECT_EQ(read(zem::WholeNumber(1, 40), "0"), "no");
     EXPECT_EQ(read(zem::WholeNumber(1, 40), "40"), "40");
     EXPECT_EQ(read(zem::WholeNumber(1, 40), "41"), "no");
-    const CLI::Validator real = zem::Number(0.1, 3600);
+    const zem::ValueCheck real = zem::Number(0.1, 3600);
     for (const char* text : {"0.1", "3600", "3.6e3", "1.", "25"})
         EXPECT_EQ(read(real, text), text);
     for (const char* text : {"", "nan", "inf", "-1", "0.09", "3600.1", "1s"})
