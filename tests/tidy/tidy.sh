@@ -27,6 +27,10 @@ breach 'a wait on an atomic is WaitWhile of platform/atomicwait.h, and a latch o
     search '\.wait\(|std::(latch|barrier|counting_semaphore|binary_semaphore)\b' zemhttpd mediaio apps/zemhost apps/zemfsck |
         grep -vE '\.wait\((hold|lock)|^mediaio/foreign/' || true)"
 
+# Seconds of compiling for each source that includes them.
+breach 'the parser of the command line is behind apps/zem/parser.h:' "$(
+    search '#include [<"]CLI/' apps tests | grep -vE '^apps/zem/(parser|help|usage)\.cpp:' || true)"
+
 breach 'no room reaches into a source file:' "$(search '#include ".*\.cpp"' "${library[@]}" platform tests)"
 
 # Form.
