@@ -18,6 +18,7 @@ extern "C" {
 #include "apps/zem/output.h"
 #include "apps/zem/reasons.h"
 #include "apps/zem/session.h"
+#include "apps/zem/standalone.h"
 #include "apps/zem/terminal.h"
 #include "apps/zem/verbs.h"
 #include "mediaio/foreign/avdesc.h"
@@ -79,6 +80,7 @@ private:
     void GuessHeads();
     [[noreturn]] void ThrowNoClip();
     void GuessHead(ExportStream& stream);
+    void RequireDecodable(const ExportStream& stream);
     void Open(ExportStream& stream);
     void WriteAll(CMuxer& muxer);
     void WriteNext(CMuxer& muxer, ExportStream& stream);
@@ -133,6 +135,7 @@ void CExport::GuessHeads() {
             if (!Exists(stream.name)) break;
             Open(stream);
             GuessHead(stream);
+            RequireDecodable(stream);
             m_streams.push_back(std::move(stream));
         }
     }
@@ -185,6 +188,21 @@ void CExport::GuessHead(ExportStream& stream) {
         head.rate = {static_cast<int>(desc.rateNumerator), static_cast<int>(desc.rateDenominator)};
         head.timecode = TimecodeOf(desc);
     }
+}
+
+// A clip that no player can show is worth nothing, and nobody notices it before it is played.
+void CExport::RequireDecodable(const ExportStream& stream) {
+    if (stream.head.sampleSize != 0 || stream.frames == 0) return;
+    const StreamFrame& frame = ReadOneFrame(*m_session, stream.token, 0);
+    RequireRead(stream.name, 0, frame.status);
+    const AVCodecParameters& codec = *stream.head.parameters;
+    if (DecodesAlone(codec, frame.data)) return;
+    throw CZemError(ErrorKind::kRefused, Printable(stream.name) +
+                                             ": no player could show it: its frames (" +
+                                             avcodec_get_name(codec.codec_id) +
+                                             ") do not say how to decode them, and there is no " +
+                                             Printable(ClipFileName(m_options.name)) +
+                                             " that does; zem import brings a clip in with it");
 }
 
 // When the stream's next frame is due, in its time base.

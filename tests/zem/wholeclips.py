@@ -57,6 +57,19 @@ class WholeClips(zemcase.ZemCase):
         self.assertEqual(clips.framemd5(target, 'v:0'), clips.framemd5(source, 'v:0'))
         self.assertEqual(clips.payload(target, 'a:0'), clips.payload(source, 'a:0'))
 
+    def test_what_was_put_stays_when_no_player_could_show_it(self):
+        self.zem('put', self.path('h264.mov'), 'media/bare')
+        done = self.run_zem('export', 'media/bare', self.target('bare.mov'))
+        self.assertEqual(done.returncode, 1)
+        self.assertEqual(done.stderr, 'zem: media/bare.v0: no player could show it: its frames (h264) do not say how to '
+                         'decode them, and there is no media/bare.clip that does; zem import brings a clip in with it\n')
+        self.assertFalse(os.path.exists(self.target('bare.mov')))
+        # Its parameter sets are in the frames.
+        source, target = self.path('h264.mxf'), self.target('sets.mxf')
+        self.zem('put', source, 'media/sets')
+        self.zem('export', 'media/sets', target)
+        self.assertEqual(clips.framemd5(target, 'v:0'), clips.framemd5(source, 'v:0'))
+
     def test_a_container_that_leaves_frames_out_is_found_out(self):
         self.zem('import', self.path('dv.avi'), 'media/uneven')  # the sound is shorter than the pictures
         target = self.target('uneven.mxf')
