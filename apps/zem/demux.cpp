@@ -14,6 +14,7 @@ extern "C" {
 #include "apps/zem/averror.h"
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
+#include "apps/zem/clipend.h"
 #include "apps/zem/output.h"
 #include "apps/zem/pipeinput.h"
 #include "mediaio/foreign/avdesc.h"
@@ -50,7 +51,9 @@ CDemuxer::CDemuxer(const std::string& path) : m_path(path), m_context(new Contex
         throw CZemError(ErrorKind::kLocalFile, Printable(path) + ": no video and no audio in it");
     m_taken.resize(m_streams.size());
     // Before anything is made on a server.
-    if (m_context->Seeks()) RequireWhole(Size_bytes());
+    if (!m_context->Seeks()) return;
+    RequireWhole(Size_bytes());
+    RequireEnd();
 }
 
 CDemuxer::~CDemuxer() = default;
@@ -131,6 +134,16 @@ void CDemuxer::RequireWhole(uint64_t end) const {
     }
 }
 
+// Of those that have no such index.
+void CDemuxer::RequireEnd() const {
+    CClipEnd end;
+    const bool looks = m_context->Seeks() && m_context->format->pb != nullptr;
+    if (looks) end.Look(*m_context->format->pb);
+    const CClipEnd& seen = looks || m_context->pipe == nullptr ? end : m_context->pipe->End();
+    const std::string why = seen.WhyCut(m_context->format->iformat->name);
+    if (!why.empty()) ThrowCut(why);
+}
+
 // Throws where that may be why no frame can be read.
 void CDemuxer::ExplainPipe() const {
     if (m_context->Seeks() || !IsMov()) return;
@@ -153,6 +166,7 @@ bool CDemuxer::Next(ClipPacket& packet) {
         if (result == AVERROR_EOF || (result == -1 && !failed)) {
             // What came through a pipe is all there is; a fragment's index was read meanwhile.
             RequireWhole(m_context->Seeks() ? Size_bytes() : Position_bytes());
+            if (!m_context->Seeks()) RequireEnd();
             return false;
         }
         if (result < 0) ThrowAv(m_path, result, "reading it failed");

@@ -65,6 +65,7 @@ private:
     bool AtEnd() const;
     size_t SourceIndex(size_t stream) const;
     void RequireWhole(uint64_t end) const;
+    void RequireEnd() const;
     [[noreturn]] void ThrowCut(const std::string& where) const;
     void ExplainPipe() const;
     std::string m_path;

@@ -75,7 +75,10 @@ int CPipeInput::Read(void* self, uint8_t* data, int size) noexcept {
             return AVERROR_EXIT;
         }
         const ssize_t got = read(input.m_fd, data, static_cast<size_t>(size));
-        if (got > 0) return static_cast<int>(got);
+        if (got > 0) {
+            if (input.m_begin < 0) input.m_end.Take({data, static_cast<size_t>(got)});
+            return static_cast<int>(got);
+        }
         if (got == 0) return AVERROR_EOF;
         if (errno != EINTR && errno != EAGAIN) return AVERROR(errno);
     }

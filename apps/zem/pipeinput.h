@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <string>
 
+#include "apps/zem/clipend.h"
+
 struct AVIOContext;
 
 namespace zem {
@@ -23,6 +25,8 @@ public:
     AVIOContext* Io() const { return m_io; }
     // A read was ended by a stop: what libavformat made of it is not the clip's end.
     bool Stopped() const { return m_stopped; }
+    // What has come so far; of a file, which is looked at instead, nothing.
+    const CClipEnd& End() const { return m_end; }
 
 private:
     static int Read(void* self, uint8_t* data, int size) noexcept;
@@ -31,6 +35,7 @@ private:
     int64_t m_begin = -1;  // of the clip in its file; -1: it is none
     AVIOContext* m_io = nullptr;
     bool m_stopped = false;
+    CClipEnd m_end;
 };
 
 }  // namespace zem

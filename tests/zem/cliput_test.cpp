@@ -172,6 +172,53 @@ TEST_F(ZemCli, AClipThatEndsWithinAFrameIsCutOff) {
     EXPECT_TRUE(Has(outcome.err, "the files on the server are incomplete")) << outcome.err;
 }
 
+// A Matroska says how long it is, or at least how long each part of it is, as one does that was
+// written to a pipe; a transport stream consists of packets of one length.
+TEST_F(ZemCli, AMatroskaOrTransportStreamThatEndsWithinAFrameIsCutOff) {
+    ASSERT_EQ(Shell("ffmpeg -v error -nostdin -f lavfi -i testsrc2=size=320x240:rate=25 -t 1 "
+                    "-c:v mpeg2video -g 5 whole.mkv && "
+                    "ffmpeg -v error -nostdin -i whole.mkv -c copy -f matroska - >pipe.mkv && "
+                    "ffmpeg -v error -nostdin -i whole.mkv -c copy -live 1 -f matroska - "
+                    ">live.mkv && "
+                    "ffmpeg -v error -nostdin -i whole.mkv -c copy whole.ts && "
+                    "ffmpeg -v error -nostdin -i whole.mkv -c copy whole.m2ts && "
+                    "for clip in *.mkv *.ts *.m2ts; do head -c 60100 $clip >cut.$clip; done && "
+                    "head -c $((188 * 300)) whole.ts >packets.ts"),
+              0);
+    const auto piped = [&](const std::string& clip) {
+        const int code = Shell("cat " + clip + " | " + Quoted(ZEM_PROGRAM) + " --server " +
+                               m_server.Url() + " import --force - media/p 2>err");
+        m_server.Settle();
+        return Outcome{code, "", Contents(m_dir / "err")};
+    };
+    const std::vector<std::pair<std::string, std::string>> clips = {
+        {"whole.mkv", "ends at byte "},
+        {"pipe.mkv", "ends at byte "},
+        {"live.mkv", "ends at byte "},
+        {"whole.ts", "its last packet has 128 bytes of 188"},
+        {"whole.m2ts", "its last packet has 4 bytes of 192"},
+    };
+    for (const auto& [clip, why] : clips) {
+        const Outcome cut = Run({"put", "cut." + clip, "media/x"});
+        EXPECT_EQ(cut.code, 5) << clip;
+        EXPECT_TRUE(Has(cut.err, "the clip is cut off: ") && Has(cut.err, why)) << cut.err;
+    }
+    EXPECT_TRUE(m_server.Requests().empty()) << "it was looked at before the server was";
+    for (const auto& [clip, why] : clips) {
+        const Outcome cut = piped("cut." + clip);
+        EXPECT_EQ(cut.code, 5) << clip;
+        EXPECT_TRUE(Has(cut.err, "the clip is cut off: ") && Has(cut.err, why) &&
+                    Has(cut.err, "nothing of it is left on the server"))
+            << cut.err;
+        EXPECT_EQ(Run({"put", "--force", clip, "media/x"}).code, 0) << clip;
+        EXPECT_EQ(m_media.files["media/x.v0"].frames.size(), 25u) << clip;
+        const Outcome whole = piped(clip);
+        EXPECT_EQ(whole.code, 0) << clip << whole.err;
+    }
+    // Between two packets it may end.
+    EXPECT_EQ(Run({"put", "--force", "packets.ts", "media/x"}).code, 0);
+}
+
 TEST_F(ZemCli, PutNoticesEveryLostFrame) {
     MakeClip();
     for (const uint32_t lost : {0u, 12u, 24u}) {
