@@ -104,6 +104,8 @@ case_packages_of_a_group_that_there_is_not() {
     last_line_is "install-packages: there is no group 'nonsuch'; there are: $(sed -n 's/^packages_\([a-z]*\)=.*/\1/p' \
         "$source_dir/packaging/packages.sh" | sort | tr '\n' ' ')"
     expect 1
+    expect 0 --help
+    says out 'Groups: bench '
 }
 
 case_run_waits_for_another_build_in_its_folder() {
