@@ -860,11 +860,15 @@ class ZemClient:
     # The volume.
 
     def query_filesystem_space(self, name: str = '') -> Space:
-        """Of the volume that a file or directory lies on. A total of 0: unknown name, or the client has not joined."""
+        """Of the volume that a file or directory lies on. A total of 0: the client has not joined, or the volume is gone.
+        Raises ZemRefused for a name that is not there."""
         # A client that has not joined gets the name it sent back where the numbers stand: the empty one is 0.
         if name and self.query_filesystem_space().total_bytes == 0:
             return Space(0, 0)
-        return Space(*struct.unpack_from('<QQ', self._ask(Command.QUERY_FILESYSTEM_SPACE, _name(name), 24), 8))
+        space = Space(*struct.unpack_from('<QQ', self._ask(Command.QUERY_FILESYSTEM_SPACE, _name(name), 24), 8))
+        if name and space.total_bytes == 0:
+            self._demand(name, 'QUERY_FILESYSTEM_SPACE')
+        return space
 
     def get_file_attribs(self, name: str) -> int:
         """ATTRIBUTE_ bits; ATTRIBUTES_NONE if there is neither such a file nor such a directory."""
@@ -994,8 +998,8 @@ class ZemClient:
 
 class ZemFile:
     """An open stream of a file. As a context manager it is closed at the end. See the methods of ZemClient for what the
-    commands raise and tell. What the server would take and drop in silence raises ValueError, and nothing is sent: any
-    change of a file that is not open for writing, and of one that is closed."""
+    commands raise and tell. What a file cannot do raises ValueError, and nothing is sent: any change of one that is not
+    open for writing, and everything, but for another close, of one that is closed."""
 
     def __init__(self, client: ZemClient, token: int, name: str, writable: bool = True) -> None:
         self.client, self.token, self.name, self.writable = client, token, name, writable
@@ -1024,10 +1028,10 @@ class ZemFile:
         return self.token
 
     def info(self) -> StreamDescriptor:
-        return self.client.get_file_info(self.token)
+        return self.client.get_file_info(self._open_token())
 
     def marks(self) -> Marks:
-        return self.client.get_file_marks(self.token)
+        return self.client.get_file_marks(self._open_token())
 
     def summaries(self, first: int, count: int, rate: FrameRate = FrameRate.FILE) -> list[FrameSummary]:
         return self.client.get_frame_desc(self._open_token(), first, count, rate)
@@ -1045,14 +1049,14 @@ class ZemFile:
 
     def read(self, position: int) -> Frame:
         """Raises ZemRefused, with the result, if the frame cannot be had."""
-        frame, = self.client.read_frame([ReadEntry(self.token, position)])
+        frame, = self.client.read_frame([ReadEntry(self._open_token(), position)])
         if not frame.ok:
             raise ZemRefused(f'frame {position} of {self.name!r} cannot be had', frame.status)
         return frame
 
     def is_written(self, position: int) -> bool:
         """Whether a frame is there and whole; none of its data is moved."""
-        return self.client.read_frame([ReadEntry(self.token, position, EntryFlags.STATUS_ONLY)])[0].ok
+        return self.client.read_frame([ReadEntry(self._open_token(), position, EntryFlags.STATUS_ONLY)])[0].ok
 
     def frames(self, first: int = 0, end: int | None = None, batch: int = 4) -> Iterator[Frame]:
         """The frames from first up to, but not including, end, or up to the end of media as it is when it is met.
@@ -1064,7 +1068,7 @@ class ZemFile:
             raise ValueError(f'1 to {MAX_ENTRIES} frames can be asked for at once')
         end = MAX_POSITION + 1 if end is None else end
         for start in range(first, end, batch):
-            entries = [ReadEntry(self.token, position) for position in range(start, min(start + batch, end))]
+            entries = [ReadEntry(self._open_token(), position) for position in range(start, min(start + batch, end))]
             for frame in self.client.read_frame(entries):
                 if frame.status == Result.END_OF_MEDIA:
                     return

@@ -205,7 +205,8 @@ class Frames(common.ServerCase):
         with file:
             file.write(0, b'x')
         file.close()
-        for call in (lambda: file.write(0, b'y'), lambda: file.erase(0, 1), file.flush, lambda: file.summaries(0, 1)):
+        for call in (lambda: file.write(0, b'y'), lambda: file.erase(0, 1), file.flush, lambda: file.summaries(0, 1),
+                     lambda: file.read(0), lambda: file.is_written(0), lambda: list(file.frames()), file.info, file.marks):
             with self.assertRaisesRegex(ValueError, "'frames/closed' is closed"):
                 call()
         with self.assertRaises(ZemRefused) as refused:
@@ -287,6 +288,8 @@ class Volume(common.ServerCase):
         self.assertFalse(client.exists('vol/b'))
         space = client.query_filesystem_space('vol')
         self.assertGreater(space.total_bytes, space.free_bytes)
+        with self.assertRaisesRegex(ZemRefused, 'QUERY_FILESYSTEM_SPACE .*there is no such file'):
+            client.query_filesystem_space('nope')
 
     def test_what_did_not_happen_is_raised(self):
         client = self.client()
