@@ -106,7 +106,7 @@ int Serve(const HostOptions& options, const HostSettings& settings) {
                                           LocalUrl(settings) + "; the error log says why");
     }
     std::printf("zemhost ready: %s/%s (volume root %s)\n", LocalUrl(settings).c_str(),
-                Everywhere(settings).c_str(), settings.volume.c_str());
+                Elsewhere(settings).c_str(), settings.volume.c_str());
     std::fflush(stdout);
     const std::string warning = WarnOfVolume(settings);
     if (!warning.empty()) Say(warning);

@@ -63,20 +63,32 @@ HostSettings ReadSettings(const HostOptions& options) {
     return settings;
 }
 
+namespace {
+
+std::string UrlAt(std::string host, uint32_t port) {
+    if (host.find(':') != std::string::npos) host = "[" + host + "]";
+    return "http://" + host + ":" + std::to_string(port);
+}
+
+}  // namespace
+
 std::string LocalUrl(const HostSettings& settings) {
     std::string host = settings.addresses.empty() ? "127.0.0.1" : settings.addresses.front();
     if (host == "0.0.0.0") host = "127.0.0.1";
     if (host == "::") host = "::1";
-    if (host.find(':') != std::string::npos) host = "[" + host + "]";
-    return "http://" + host + ":" + std::to_string(settings.port);
+    return UrlAt(host, settings.port);
 }
 
-std::string Everywhere(const HostSettings& settings) {
+std::string Elsewhere(const HostSettings& settings) {
     const std::vector<std::string>& addresses = settings.addresses;
     const bool all = addresses.empty() ||
                      std::any_of(addresses.begin(), addresses.end(),
                                  [](const auto& one) { return one == "0.0.0.0" || one == "::"; });
-    return all ? " on every address" : "";
+    if (all) return " on every address";
+    std::string others;
+    for (size_t i = 1; i < addresses.size(); ++i)
+        others += " and " + UrlAt(addresses[i], settings.port);
+    return others;
 }
 
 std::string SettingsText(const HostSettings& settings) {
@@ -89,5 +101,5 @@ std::string SettingsText(const HostSettings& settings) {
            line("volume", settings.volume.empty() ? "none" : settings.volume,
                 settings.volumeSource) +
            line("log-format", settings.logFormat, settings.logFormatSource) + "address " +
-           LocalUrl(settings) + Everywhere(settings) + "\n";
+           LocalUrl(settings) + Elsewhere(settings) + "\n";
 }

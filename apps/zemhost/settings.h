@@ -38,8 +38,8 @@ HostSettings ReadSettings(const HostOptions& options);
 // "http://127.0.0.1:8080": how a client on this machine reaches the server.
 std::string LocalUrl(const HostSettings& settings);
 
-// Behind that URL: " on every address" where it is not the only one.
-std::string Everywhere(const HostSettings& settings);
+// Behind that URL: " on every address", or the other ones: " and http://[::1]:8080".
+std::string Elsewhere(const HostSettings& settings);
 
 // One line per setting: name, value, and default, registry or option.
 std::string SettingsText(const HostSettings& settings);

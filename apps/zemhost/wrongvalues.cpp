@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <optional>
 
+#include "apps/zemhost/hostsystem.h"
 #include "apps/zemhost/registryvalue.h"
 #include "apps/zemhost/widetext.h"
 
@@ -65,11 +66,31 @@ std::string Meant(const RegistryPlace& place, const RegistryValue& value) {
     return fits ? texts.front() : place.example;
 }
 
+// The first of the addresses between commas that is none; empty: all are, or others are asked for.
+std::string NoAddress(const RegistryPlace& place, const std::string& list) {
+    if (place.value != kListenPlace.value) return {};
+    std::string one;
+    for (const char c : list + ",") {
+        if (c == ' ') continue;
+        if (c != ',')
+            one += c;
+        else if (!IsIpAddress(one))
+            return "'" + one + "'";
+        else
+            one.clear();
+    }
+    return {};
+}
+
 std::string Sentence(const RegistryPlace& place, const RegistryValue& value) {
-    const std::string meant = Meant(place, value);
+    std::string meant = Meant(place, value);
+    const std::string wrong = NoAddress(place, meant);
+    if (!wrong.empty()) meant = place.example;
     std::string sentence = "the registry value " + NarrowText(place.value) + " of " +
                            NarrowText(place.key) + " is " + TypeName(value) +
-                           ", which is not read; its line must be " + RegistryLine(place, meant);
+                           ", which is not read" +
+                           (wrong.empty() ? "" : ", and " + wrong + " is no IP address") +
+                           "; its line must be " + RegistryLine(place, meant);
     if (place.kind == RegistryKind::kNumber) return sentence + " (" + meant + " in hexadecimal)";
     return place.kind == RegistryKind::kTexts ? sentence + " (" + meant + ")" : sentence;
 }

@@ -112,7 +112,7 @@ TEST(ZemhostSettings, ComeFromTheRegistryFile) {
     EXPECT_EQ(SettingsText(settings),
               "port 9000 registry\nlisten ::1,0 registry\nvolume /media/m\xC3\xBC registry\n"
               "log-format text default\n"
-              "address http://[::1]:9000\n");
+              "address http://[::1]:9000 and http://0:9000\n");
 }
 
 TEST(ZemhostSettings, OptionsComeBeforeTheRegistryFile) {
@@ -128,22 +128,26 @@ TEST(ZemhostSettings, OptionsComeBeforeTheRegistryFile) {
         SettingsText(SettingsOf(options)),
         "port 8081 option\nlisten 127.0.0.2,127.0.0.3 option\nvolume /media/\xE2\x82\xAC option\n"
         "log-format text default\n"
-        "address http://127.0.0.2:8081\n");
+        "address http://127.0.0.2:8081 and http://127.0.0.3:8081\n");
 }
 
 TEST(ZemhostSettings, EveryAddressIsReachedThroughTheLoopback) {
     HostSettings settings;
     settings.port = 1;
     EXPECT_EQ(LocalUrl(settings), "http://127.0.0.1:1");
-    EXPECT_EQ(Everywhere(settings), " on every address");
+    EXPECT_EQ(Elsewhere(settings), " on every address");
     settings.addresses = {"0.0.0.0"};
     EXPECT_EQ(LocalUrl(settings), "http://127.0.0.1:1");
-    EXPECT_EQ(Everywhere(settings), " on every address");
+    EXPECT_EQ(Elsewhere(settings), " on every address");
     settings.addresses = {"::"};
     EXPECT_EQ(LocalUrl(settings), "http://[::1]:1");
-    EXPECT_EQ(Everywhere(settings), " on every address");
+    EXPECT_EQ(Elsewhere(settings), " on every address");
     settings.addresses = {"127.0.0.1", "::1"};
-    EXPECT_EQ(Everywhere(settings), "");
+    EXPECT_EQ(Elsewhere(settings), " and http://[::1]:1");
+    settings.addresses = {"10.1.2.3"};
+    EXPECT_EQ(Elsewhere(settings), "");
+    settings.addresses = {"127.0.0.1", "::"};
+    EXPECT_EQ(Elsewhere(settings), " on every address");
 }
 
 // Where the server reads the list an empty text ends it, and nothing before that is every address.
@@ -204,6 +208,12 @@ TEST(ZemhostWrongValues, ListThatIsNone) {
         Said{start + "a text, which is not read; its line must be \"ListenOnlyList\"=hex(7):"
                      "3a,00,3a,00,31,00,00,00,31,00,30,00,2e,00,30,00,2e,00,30,00,2e,00,35,00,"
                      "00,00,00,00 (::1, 10.0.0.5)"});
+    EXPECT_EQ(
+        WrongValuesOf(std::string(kHttpKey) + "\"ListenOnlyList\"=\"::1,nowhere\"\r\n"),
+        Said{start +
+             "a text, which is not read, and 'nowhere' is no IP address; its line must be "
+             "\"ListenOnlyList\"=hex(7):"
+             "31,00,32,00,37,00,2e,00,30,00,2e,00,30,00,2e,00,31,00,00,00,00,00 (127.0.0.1)"});
     EXPECT_EQ(
         WrongValuesOf(std::string(kHttpKey) + "\"ListenOnlyList\"=dword:1\r\n"),
         Said{start +
