@@ -10,6 +10,7 @@ extern "C" {
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <fstream>
 
 #include "apps/zem/averror.h"
 #include "apps/zem/client/text.h"
@@ -23,6 +24,15 @@ namespace zem {
 namespace {
 
 constexpr size_t kNoStream = static_cast<size_t>(-1);
+constexpr const char* kNoIndex =
+    "a MOV or MP4 whose index cannot be read: perhaps it is cut off, or still being written";
+
+bool BeginsAsMov(const std::string& path) {
+    std::string head(8, '\0');
+    std::ifstream(path, std::ios::binary).read(head.data(), 8);
+    const std::string_view kind = std::string_view(head).substr(4);
+    return kind == "ftyp" || kind == "wide" || kind == "mdat" || kind == "moov";
+}
 
 }  // namespace
 
@@ -78,6 +88,7 @@ void CDemuxer::OpenInput() {
         what = "its streams cannot be told";
     }
     if (m_context->Stopped()) throw CZemError(ErrorKind::kInterrupted, "stopped");
+    if (result < 0 && BeginsAsMov(m_path)) what = kNoIndex;
     if (result < 0) ThrowAv(m_path, result, what);
 }
 

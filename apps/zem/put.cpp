@@ -55,18 +55,20 @@ int CPut::Run() {
         if (m_options.import) Publish();
     } catch (const CZemError& error) {
         std::string left;
-        if (m_options.import)
+        if (m_options.import) {
             left = TakeBack(error.Kind());
-        else if (!complete && !m_files.empty())
-            left = Incomplete();
+        } else if (!m_files.empty()) {
+            left = complete && error.Kind() != ErrorKind::kRefused
+                       ? Left("; nobody has compared the files on the server:")
+                       : Left("; the files on the server are incomplete:");
+        }
         throw CZemError(error.Kind(), error.what() + left, error.Hr(), error.Reason());
     }
     Summary();
     return kExitOk;
 }
 
-std::string CPut::Incomplete() const {
-    std::string text = "; the files on the server are incomplete:";
+std::string CPut::Left(std::string text) const {
     for (const PutFile& file : m_files)
         text += " " + Printable(file.written);
     return text + " (zem rm removes them, zem put --force replaces them)";
@@ -90,6 +92,18 @@ void CPut::CreateFiles() {
     Create(std::move(file));
 }
 
+// " (video, jpeg (mjpeg), 25 frames)"; empty where that cannot be told.
+std::string CPut::WhatIs(const std::string& name) {
+    try {
+        const ZemEsDesc desc = m_session->FileInfo(FileNamed(name));
+        return std::string(" (") + MediaTypeText(desc.mediaType) + ", " + CodecText(desc) + ", " +
+               Counted(desc.frameCount, "frame") + ")";
+    } catch (const CZemError& error) {
+        if (error.Kind() != ErrorKind::kRefused) throw;
+        return {};
+    }
+}
+
 // An import appears under its names when it is whole. What an import that was killed has left is
 // written over.
 void CPut::Create(PutFile file) {
@@ -98,8 +112,10 @@ void CPut::Create(PutFile file) {
     const uint32_t flags = kFileRead | kFileWrite | (replace ? kFileTruncate : kFileCreateNew);
     if (m_options.import && !m_options.force &&
         m_session->Attributes(FileNamed(file.name).name) != kNoAttributes) {
-        throw CZemError(ErrorKind::kRefused, Printable(file.name) + " exists; --force replaces it",
-                        0, kReasonExists);
+        throw CZemError(
+            ErrorKind::kRefused,
+            Printable(file.name) + " exists" + WhatIs(file.name) + "; --force replaces it", 0,
+            kReasonExists);
     }
     try {
         file.token = m_session->Create(FileNamed(file.written).name, u"", file.desc, flags);

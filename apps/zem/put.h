@@ -74,9 +74,10 @@ public:
 private:
     // Sending (put.cpp).
     void RequireNoFolder();
-    std::string Incomplete() const;
+    std::string Left(std::string text) const;  // and names the files
     void CreateFiles();
     void Create(PutFile file);
+    std::string WhatIs(const std::string& name);
     void PrepareHead(size_t stream, PutFile& file);
     void SendAll(ClipPacket packet);  // which is the first
     void Take(const ClipPacket& packet);

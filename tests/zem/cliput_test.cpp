@@ -146,6 +146,18 @@ TEST_F(ZemCli, AMovThatIsCutOffIsNotTakenForAWholeOne) {
     EXPECT_TRUE(m_media.files.empty());
 }
 
+TEST_F(ZemCli, AMovWithoutItsIndexIsPerhapsCutOff) {
+    MakeClip();
+    ASSERT_EQ(Shell("head -c 100000 clip.mov >cut.mov && head -c 100000 /dev/zero >noise.mov"), 0);
+    const Outcome outcome = Run({"put", "cut.mov", "media/x"});
+    EXPECT_EQ(outcome.code, 5);
+    EXPECT_TRUE(Has(outcome.err,
+                    "cut.mov: a MOV or MP4 whose index cannot be read: perhaps it is "
+                    "cut off"))
+        << outcome.err;
+    EXPECT_FALSE(Has(Run({"put", "noise.mov", "media/x"}).err, "perhaps"));
+}
+
 // Each fragment brings an index of its own.
 TEST_F(ZemCli, AFragmentedMp4ThatIsCutOffIsNotTakenForAWholeOne) {
     ASSERT_EQ(Shell("ffmpeg -v error -nostdin -f lavfi -i testsrc2=size=64x48:rate=25 -t 1 "
@@ -234,7 +246,11 @@ TEST_F(ZemCli, PutTellsAFullVolume) {
     MakeClip();
     m_media.dropWrites = {{"media/clip.v0", 24}};
     Outcome outcome = Run({"put", "clip.mov", "media/clip"});
-    EXPECT_TRUE(Has(outcome.err, "its volume is full (1000 B free)")) << outcome.err;
+    EXPECT_TRUE(Has(outcome.err,
+                    "its volume is full (1000 B free); the files on the server are incomplete: "
+                    "media/clip.v0 media/clip.a0 (zem rm removes them, zem put --force replaces "
+                    "them)"))
+        << outcome.err;
     m_media.freeSpace_bytes = uint64_t{1} << 30;
     outcome = Run({"put", "--force", "clip.mov", "media/clip"});
     EXPECT_TRUE(Has(outcome.err, "its log has the reason")) << outcome.err;
@@ -275,7 +291,9 @@ TEST_F(ZemCli, AnImportKeepsWhatItWouldReplaceUntilItIsWhole) {
     m_media.files["media/clip.v0"].frames[0] = "precious";
     const Outcome refused = Run({"import", "clip.mov", "media/clip"});
     EXPECT_EQ(refused.code, 1);
-    EXPECT_TRUE(Has(refused.err, "media/clip.v0 exists; --force")) << refused.err;
+    EXPECT_TRUE(Has(refused.err,
+                    "media/clip.v0 exists (video, jpeg (mjpeg), 25 frames); --force replaces it"))
+        << refused.err;
     m_media.dropWrites = {{"media/clip.v0.part", 3}};
     EXPECT_EQ(Run({"import", "--force", "clip.mov", "media/clip"}).code, 1);
     EXPECT_EQ(m_media.files["media/clip.v0"].frames[0], "precious");
