@@ -180,7 +180,8 @@ TEST_F(ZemCli, UnreachableServerIs3) {
     const Outcome away = RunOn(nowhere.Url(), {"status"});
     EXPECT_EQ(away.code, 3);
     EXPECT_EQ(away.err.rfind("zem: cannot reach " + nowhere.Url() + ": ", 0), 0u) << away.err;
-    EXPECT_TRUE(Has(away.err, "; zem doctor tells why\n")) << away.err;
+    EXPECT_TRUE(Has(away.err, " (refused: no program listens there); zem doctor tells why\n"))
+        << away.err;
     EXPECT_EQ(RunOn(nowhere.Url(), {"framemd5", "media/x"}).code, 3);
 }
 

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <charconv>
 #include <exception>
 #include <mutex>
@@ -63,6 +64,13 @@ void CheckServer(std::string& server) {
         server.pop_back();
     if (EqualNoCase(std::string_view(server).substr(0, kScheme.size()), kScheme))
         server.replace(0, kScheme.size(), kScheme);
+    constexpr std::string_view kSecure = "https://";
+    if (EqualNoCase(std::string_view(server).substr(0, kSecure.size()), kSecure)) {
+        throw CZemError(ErrorKind::kUsage,
+                        "'" + Printable(server) +
+                            "': zem speaks plain HTTP only, http://HOST:PORT; to a server behind "
+                            "TLS lay a tunnel (stunnel, ssh -L) and name its end here");
+    }
     if (!server.starts_with(kScheme) || server.size() == kScheme.size() ||
         server.find_first_of("/?#@ \\", kScheme.size()) != std::string::npos ||
         !IsPlainHeaderText(server)) {
@@ -305,7 +313,14 @@ void CHttpConnection::Perform(Exchange& exchange, std::string_view path) {
     if (code != CURLE_OK) {
         const char* text =
             m_handle->errorText[0] != '\0' ? m_handle->errorText.data() : curl_easy_strerror(code);
-        ThrowCurl(code, m_options.server, Printable(text));
+        std::string detail = Printable(text);
+        long reason = 0;
+        if (code == CURLE_COULDNT_CONNECT &&
+            curl_easy_getinfo(m_handle->curl, CURLINFO_OS_ERRNO, &reason) == CURLE_OK &&
+            reason == ECONNREFUSED) {
+            detail += " (refused: no program listens there)";
+        }
+        ThrowCurl(code, m_options.server, detail);
     }
 }
 
