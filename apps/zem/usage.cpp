@@ -67,7 +67,8 @@ size_t Distance(const std::string& from, const std::string& to) {
 // "; did you mean status?", or nothing when nothing is near.
 std::string Guess(const std::string& word, const std::vector<std::string>& known) {
     const std::string* nearest = nullptr;
-    size_t least = std::min<size_t>(3, word.size() / 2 + 1);
+    // Of a short word one letter may be wrong: with two it could be any other.
+    size_t least = word.size() < 5 ? 2 : 3;
     for (const std::string& one : known) {
         const size_t distance = Distance(word, one);
         if (distance >= least) continue;
@@ -106,7 +107,7 @@ struct OtherName {
     std::string_view word;
     const char* verb;
 };
-constexpr std::array<OtherName, 11> kOtherNames = {{{"delete", "rm"},
+constexpr std::array<OtherName, 13> kOtherNames = {{{"delete", "rm"},
                                                     {"del", "rm"},
                                                     {"remove", "rm"},
                                                     {"unlink", "rm"},
@@ -116,7 +117,9 @@ constexpr std::array<OtherName, 11> kOtherNames = {{{"delete", "rm"},
                                                     {"move", "mv"},
                                                     {"rename", "mv"},
                                                     {"cat", "read"},
-                                                    {"md", "mkdir"}}};
+                                                    {"md", "mkdir"},
+                                                    {"copy", "put or get"},
+                                                    {"cp", "put or get"}}};
 
 // A word that nothing takes.
 std::string OfExtra(const CLI::App& verb, const std::string& word) {

@@ -18,6 +18,9 @@ TEST_F(ZemCliUsage, EveryMistakeHasASentence) {
         {{"ls", "media"},
          "there is no verb 'ls': the protocol cannot list files; zem stat NAME tells of one, zem "
          "--help what else there is"},
+        {{"nope"}, "there is no verb 'nope'; see zem --help"},
+        {{"copy", "x"}, "there is no verb 'copy'; did you mean put or get?"},
+        {{"mvv", "x"}, "there is no verb 'mvv'; did you mean mv?"},
         {{"delete", "x"}, "there is no verb 'delete'; did you mean rm?"},
         {{"upload", "x", "y"}, "there is no verb 'upload'; did you mean put or import?"},
         {{"config", "delete"}, "config has no verb 'delete'; see zem config --help"},
