@@ -93,7 +93,9 @@ int ConfigPush(const CommandLine& line, const ClientOptions& options) {
         throw CZemError(error.Kind(),
                         Printable(options.file) +
                             ": the server refused it: it is no XML document, or has an element, "
-                            "an attribute or a value that the server does not know",
+                            "an attribute or a value that the server does not know; it is to be "
+                            "<channelConfig> with what zem config set takes, such as "
+                            "<channelConfig frameRate=\"25\" readAhead=\"auto\"/>",
                         error.Hr());
     }
     PrintDone(line, "config push", {{"client", line.clientId}});
@@ -126,7 +128,10 @@ void AddClientVerbs(CVerb program, CommandLine& line) {
     const VerbGroup below{config, line, "Configuration"};
     auto push = std::make_shared<ClientOptions>();
     CVerb verb = below.Add("push", "Send a whole configuration", push, &ConfigPush);
-    verb.Place("FILE", push->file, "XML document, UTF-8 or UTF-16").File().Required();
+    verb.Place("FILE", push->file,
+               "XML document, UTF-8 or UTF-16, such as `<channelConfig frameRate=\"25\"/>`")
+        .File()
+        .Required();
     auto set = std::make_shared<ClientOptions>();
     verb = below.Add(
         "set",

@@ -138,7 +138,8 @@ void AddChangeVerbs(const VerbGroup& verbs) {
         "Create a directory. The protocol has no command that removes one: that is done on "
         "the server",
         mkdir, &MakeDirectory);
-    AddFileName(verb, mkdir->name);
+    verb.Place("NAME", mkdir->name, "Directory to make; the one that it is to lie in is there")
+        .Required();
 }
 
 void AddFrameChangeVerbs(const VerbGroup& verbs) {

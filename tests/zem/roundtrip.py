@@ -146,6 +146,7 @@ class RoundTrip(zemcase.OwnServerCase):
             done = self.run_zem(*client, 'config', 'push', document)
             self.assertEqual(done.returncode, code, done.stderr)
             self.assertEqual('that the server does not know' in done.stderr, code == 1, done.stderr)
+            self.assertEqual('such as <channelConfig frameRate="25" ' in done.stderr, code == 1, done.stderr)
         self.zem(*client, 'leave')
         self.assertEqual(self.zem('clients'), 'No clients\n')
 
