@@ -34,6 +34,28 @@ constexpr std::array<FindingWords, 4> kFindings = {{{"ok", Colour::kGreen},
                                                     {"fail", Colour::kRed},
                                                     {"skip", Colour::kDim}}};
 
+constexpr const char* kMakeRoom = "delete what is not needed: zem rm, or on the server";
+constexpr const char* kOtherFolder = "name a folder that the server may have, with --folder FOLDER";
+constexpr const char* kInLog = "the server's log has the reason";
+
+// What to do where the reason is certain.
+struct ReasonAdvice {
+    std::string_view reason;
+    const char* advice;
+};
+constexpr std::array<ReasonAdvice, 4> kReasonAdvice = {{{kReasonFull, kMakeRoom},
+                                                        {kReasonNoFolder, kOtherFolder},
+                                                        {kReasonFolder, kOtherFolder},
+                                                        {kReasonBadName, kOtherFolder}}};
+
+// `otherwise`: where nobody knows.
+const char* AdviceFor(const char* reason, const char* otherwise) {
+    if (reason == nullptr) return otherwise;
+    for (const ReasonAdvice& one : kReasonAdvice)
+        if (one.reason == reason) return one.advice;
+    return "";
+}
+
 // What a request took, for people.
 std::string TextOf(std::chrono::steady_clock::duration took) {
     return LatencyText(std::chrono::duration<double, std::micro>(took).count());
@@ -69,8 +91,8 @@ private:
     std::string Software() const;
     void Versions();
     void Clock();
-    void Volume();
     void Join();
+    void Volume(bool joined);
     void Frames();
     void WriteAndRead(const NearestFolder& folder);
     void Download();
@@ -121,9 +143,8 @@ bool CDoctor::Try(const char* check, const char* advice, Check run, const char* 
         if (error.Kind() == ErrorKind::kUnreachable) m_exit = kExitUnreachable;
         if (error.Kind() == ErrorKind::kBadReply && m_exit == kExitOk) m_exit = kExitBadReply;
         const bool stranger = error.Kind() == ErrorKind::kBadReply && toStranger != nullptr;
-        // Where the reason is certain, advice would only guess.
         const char* const todo = stranger ? toStranger : advice;
-        Say(Finding::kFail, check, error.what(), error.Reason() ? "" : todo);
+        Say(Finding::kFail, check, error.what(), AdviceFor(error.Reason(), todo));
         return false;
     }
 }
@@ -203,8 +224,16 @@ void CDoctor::Clock() {
     }
 }
 
-void CDoctor::Volume() {
-    const VolumeStatus status = GetStatus(m_client->Http());
+// The page's numbers are some seconds old, and a server without them may have them by now: who has
+// joined asks anew.
+void CDoctor::Volume(bool joined) {
+    VolumeStatus status = GetStatus(m_client->Http());
+    const VolumeSpace now = joined ? m_client->Space(u"") : VolumeSpace{};
+    if (now.total_bytes != 0) {
+        status.hr = 0;
+        status.free_bytes = now.free_bytes;
+        status.total_bytes = now.total_bytes;
+    }
     if (!status.Known()) {
         Say(Finding::kFail, "volume", StatusFailureText(status),
             "look at the volume root: zemhost --settings tells which it is");
@@ -216,11 +245,12 @@ void CDoctor::Volume() {
     std::snprintf(percent.data(), percent.size(), " (%.0f %%)", part * 100);
     const std::string text = HumanBytes(status.free_bytes) + " free of " +
                              HumanBytes(status.total_bytes) + percent.data();
-    constexpr const char* kAdvice = "delete what is not needed: zem rm, or on the server";
-    if (part < 0.01)
-        Say(Finding::kFail, "volume", text, kAdvice);
-    else
-        Say(part < 0.1 ? Finding::kWarn : Finding::kOk, "volume", text, part < 0.1 ? kAdvice : "");
+    if (part < 0.01) {
+        Say(Finding::kFail, "volume", text, kMakeRoom);
+    } else {
+        Say(part < 0.1 ? Finding::kWarn : Finding::kOk, "volume", text,
+            part < 0.1 ? kMakeRoom : "");
+    }
 }
 
 void CDoctor::Join() {
@@ -340,13 +370,13 @@ int CDoctor::Run() {
     if (reached()) {
         Versions();
         Clock();
-        Try("volume", "", [this] { Volume(); });
         if (StopRequested()) throw CZemError(ErrorKind::kInterrupted, "stopped");
         m_client->Http().SetStopCheck({});  // what comes now it also puts away
-        const bool joined = Try("join", "the server's log has the reason", [this] { Join(); });
+        const bool joined = Try("join", kInLog, [this] { Join(); });
+        Try("volume", kInLog, [&] { Volume(joined); });
         const bool writes = joined && !m_options.readOnly && !StopRequested();
         if (writes && Try("frames", kNoRights, [this] { Frames(); }))
-            Try("download", "", [this] { Download(); });
+            Try("download", kInLog, [this] { Download(); });
         if (!m_name.empty()) Try("delete", kNoRights, [this] { Delete(); });
         Try("leave", "the server drops a silent client by itself", [this] { m_client->Leave(); });
         if (StopRequested()) throw CZemError(ErrorKind::kInterrupted, "stopped");

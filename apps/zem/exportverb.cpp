@@ -226,6 +226,15 @@ int64_t CExport::DueAt(const ExportStream& stream) {
 
 void CExport::WriteNext(CMuxer& muxer, ExportStream& stream) {
     const StreamFrame& frame = ReadOneFrame(*m_session, stream.token, stream.next);
+    if (IsGap(frame.status)) {
+        throw CZemError(ErrorKind::kRefused,
+                        Printable(stream.name) + ": frame " + std::to_string(stream.next) +
+                            " cannot be read: " + HresultText(frame.status) +
+                            "; a clip has every frame: bring it in anew (zem import --force), or "
+                            "take what is there of the stream (zem read " +
+                            Printable(stream.name) + " -o FILE)",
+                        frame.status);
+    }
     RequireRead(stream.name, stream.next, frame.status);
     const StreamHead& head = stream.head;
     const int64_t dts = DueAt(stream);

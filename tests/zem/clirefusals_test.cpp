@@ -90,6 +90,45 @@ TEST_F(ZemCliFiles, ARefusedNameIsNamed) {
     EXPECT_TRUE(Has(Run({"df", "nope"}).err, "of this volume: there is no folder nope\n"));
 }
 
+// The status page's numbers are some seconds old; who has joined is told those of now.
+TEST_F(ZemCliFiles, TheDoctorAsksForTheSpaceAnewAndSaysWhatToDo) {
+    m_media.files["media"].isDirectory = true;
+    m_media.ignored = {4};  // a write, as on a full volume
+    const Outcome full = Run({"doctor"});
+    EXPECT_EQ(full.code, 1);
+    const std::string advice = "\n                  -> delete what is not needed: zem rm";
+    EXPECT_TRUE(Has(full.out, "ok    volume      1000 B free of 3.9 KiB (25 %)\n")) << full.out;
+    EXPECT_TRUE(Has(full.out, ": its volume is full (1000 B free)" + advice)) << full.out;
+    m_media.freeSpace_bytes = 10;
+    EXPECT_TRUE(Has(Run({"doctor", "--read-only"}).out, "10 B free of 3.9 KiB (0 %)" + advice));
+    const Outcome file = Run({"doctor", "--folder", "media/v"});
+    EXPECT_TRUE(Has(file.out, "-> name a folder that the server may have, with --folder FOLDER"))
+        << file.out;
+}
+
+TEST_F(ZemCliFiles, AClipWithAnErasedFrameIsNotExportedAndWhatToDoIsSaid) {
+    MakeClip();
+    ASSERT_EQ(Run({"import", "clip.mov", "media/c"}).code, 0);
+    m_media.files["media/c.v0"].frames.erase(7);
+    const Outcome outcome = Run({"export", "media/c", "x.mov"});
+    EXPECT_EQ(outcome.code, 1);
+    EXPECT_TRUE(Has(outcome.err, "media/c.v0: frame 7 cannot be read: ") &&
+                Has(outcome.err,
+                    "bring it in anew (zem import --force), or take what is there of "
+                    "the stream (zem read media/c.v0 -o FILE)"))
+        << outcome.err;
+    EXPECT_FALSE(fs::exists(m_dir / "x.mov"));
+}
+
+TEST_F(ZemCliFiles, AnAddressWithTlsIsToldApart) {
+    const Outcome outcome = RunOn("HTTPS://server:8443", {"status"});
+    EXPECT_EQ(outcome.code, 2);
+    EXPECT_TRUE(Has(outcome.err,
+                    "': zem speaks plain HTTP only, http://HOST:PORT; to a server "
+                    "behind TLS lay a tunnel"))
+        << outcome.err;
+}
+
 // A clip's name has no ending, those of its files have one.
 TEST_F(ZemCliFiles, WhoMixesUpAClipAndItsFilesIsToldSo) {
     MakeClip();
