@@ -109,6 +109,8 @@ def same(expected, found):
 class Ledger:
     """Reads the log on from where the last reading ended."""
 
+    patience_s = 120  # a busy machine stands still for long
+
     def __init__(self, server):
         self.server, self.offset, self.kept, self.marks = server, 0, [], 0
         self.last = {}  # of each thread: the index of its last record in `kept`
@@ -149,11 +151,11 @@ class Ledger:
                 self.last[thread] = len(self.kept)
                 self.kept.append(record)
 
-    def take(self, count, good=None, timeout_s=120):
+    def take(self, count, good=None):
         """All lines since the last call but the mark that is set now. At least `count` are waited for, and until they are
         `good`; what a worker writes after its reply may come later than the mark."""
         mark = self.mark()
-        end = time.monotonic() + timeout_s
+        end = time.monotonic() + self.patience_s
         marked = False
         while True:
             self.more()
@@ -164,7 +166,7 @@ class Ledger:
                 if len(taken) >= count and (good is None or good(taken)):
                     break
                 if not marked:
-                    marked, end = True, time.monotonic() + timeout_s
+                    marked, end = True, time.monotonic() + self.patience_s
             if time.monotonic() > end:
                 break
             time.sleep(0.002)  # the log has a thread of its own
