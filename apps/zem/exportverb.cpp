@@ -80,7 +80,7 @@ private:
     void GuessHeads();
     [[noreturn]] void ThrowNoClip();
     void GuessHead(ExportStream& stream);
-    void RequireDecodable(const ExportStream& stream);
+    void RequireDecodable(ExportStream& stream);
     void Open(ExportStream& stream);
     void WriteAll(CMuxer& muxer);
     void WriteNext(CMuxer& muxer, ExportStream& stream);
@@ -190,19 +190,23 @@ void CExport::GuessHead(ExportStream& stream) {
     }
 }
 
-// A clip that no player can show is worth nothing, and nobody notices it before it is played.
-void CExport::RequireDecodable(const ExportStream& stream) {
+// A clip that no player can decode is worth nothing, and nobody notices it before it is played.
+// What was recorded in the middle of a group of pictures is decoded from its next key frame on.
+void CExport::RequireDecodable(ExportStream& stream) {
     if (stream.head.sampleSize != 0 || stream.frames == 0) return;
-    const StreamFrame& frame = ReadOneFrame(*m_session, stream.token, 0);
-    RequireRead(stream.name, 0, frame.status);
-    const AVCodecParameters& codec = *stream.head.parameters;
-    if (DecodesAlone(codec, frame.data)) return;
-    throw CZemError(ErrorKind::kRefused, Printable(stream.name) +
-                                             ": no player could show it: its frames (" +
-                                             avcodec_get_name(codec.codec_id) +
-                                             ") do not say how to decode them, and there is no " +
-                                             Printable(ClipFileName(m_options.name)) +
-                                             " that does; zem import brings a clip in with it");
+    constexpr uint32_t kLongestGroup_frames = 600;
+    AVCodecParameters& codec = *stream.head.parameters;
+    for (uint32_t i = 0; i < std::min(stream.frames, kLongestGroup_frames); ++i) {
+        const StreamFrame& frame = ReadOneFrame(*m_session, stream.token, i);
+        if (IsGap(frame.status)) continue;
+        RequireRead(stream.name, i, frame.status);
+        if (DecodesAlone(codec, frame.data)) return;
+    }
+    const std::string clip = Printable(ClipFileName(m_options.name));
+    throw CZemError(ErrorKind::kRefused,
+                    Printable(stream.name) + ": no player could decode it: its frames (" +
+                        avcodec_get_name(codec.codec_id) + ") do not say how, and there is no " +
+                        clip + " that does; zem import brings a clip in with it");
 }
 
 // When the stream's next frame is due, in its time base.

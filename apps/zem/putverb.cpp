@@ -47,7 +47,8 @@ void AddPutVerbs(CVerb program, CommandLine& line) {
     const Verb verbs[] = {
         {"put",
          "Write every coded video and audio frame of a clip into files of the server: NAME.v0, "
-         "NAME.v1, NAME.a0 ... A MOV or MP4 comes through a pipe only with its index in front",
+         "NAME.v1, NAME.a0 ... Bring what is to leave as a clip again in by import. A MOV or MP4 "
+         "comes through a pipe only with its index in front",
          false},
         {"import",
          "Bring a whole clip in: as put, with PCM cut to the pictures and a description, "

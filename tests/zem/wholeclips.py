@@ -20,6 +20,13 @@ class WholeClips(zemcase.ZemCase):
         """Where a clip is exported to."""
         return os.path.join(self.server.folder, name)
 
+    @staticmethod
+    def pictures(path):
+        """What ffmpeg decodes of it."""
+        decode = ['-map', '0:v', '-vsync', '0', '-f', 'framemd5', '-']
+        done = subprocess.run(['ffmpeg', '-v', 'fatal', '-nostdin', '-i', path, *decode], check=True, capture_output=True, text=True)
+        return clips.columns(done.stdout)
+
     def test_times_and_timecode_come_back(self):
         for name in ('h264.mp4', 'mjpeg.mov'):
             source, target = self.path(name), self.target('times.mov')
@@ -57,18 +64,34 @@ class WholeClips(zemcase.ZemCase):
         self.assertEqual(clips.framemd5(target, 'v:0'), clips.framemd5(source, 'v:0'))
         self.assertEqual(clips.payload(target, 'a:0'), clips.payload(source, 'a:0'))
 
-    def test_what_was_put_stays_when_no_player_could_show_it(self):
-        self.zem('put', self.path('h264.mov'), 'media/bare')
-        done = self.run_zem('export', 'media/bare', self.target('bare.mov'))
-        self.assertEqual(done.returncode, 1)
-        self.assertEqual(done.stderr, 'zem: media/bare.v0: no player could show it: its frames (h264) do not say how to '
-                         'decode them, and there is no media/bare.clip that does; zem import brings a clip in with it\n')
-        self.assertFalse(os.path.exists(self.target('bare.mov')))
-        # Its parameter sets are in the frames.
-        source, target = self.path('h264.mxf'), self.target('sets.mxf')
-        self.zem('put', source, 'media/sets')
-        self.zem('export', 'media/sets', target)
-        self.assertEqual(clips.framemd5(target, 'v:0'), clips.framemd5(source, 'v:0'))
+    def test_what_was_put_stays_when_no_player_could_decode_it(self):
+        self.zem('put', self.path('h264.mp4'), 'media/bare')
+        target = self.target('bare.mov')
+        for stream, codec in (('v0', 'h264'), ('a0', 'aac')):
+            done = self.run_zem('export', 'media/bare', target)
+            self.assertEqual(done.returncode, 1)
+            self.assertEqual(done.stderr, 'zem: media/bare.%s: no player could decode it: its frames (%s) do not say how, and there '
+                             'is no media/bare.clip that does; zem import brings a clip in with it\n' % (stream, codec))
+            self.assertFalse(os.path.exists(target))
+            self.zem('rm', 'media/bare.' + stream)
+
+    def test_what_was_put_leaves_when_its_frames_say_how_to_decode_them(self):
+        def comes_back(source, ending):
+            target = self.target('sets.' + ending)
+            self.zem('put', '--force', source, 'media/sets')
+            self.zem('export', '--force', 'media/sets', target)
+            self.assertEqual(*(self.pictures(path) for path in (target, source)))
+
+        for ending in ('mov', 'mkv', 'mxf'):
+            comes_back(self.path('h264.mxf'), ending)
+        # Recorded from the middle of a group of pictures on: the first of them cannot be decoded.
+        with open(self.path('h264.ts'), 'rb') as whole:
+            packets = whole.read()
+        middle = self.target('middle.ts')
+        with open(middle, 'wb') as file:
+            file.write(packets[len(packets) // 376 // 4 * 188:])
+        self.assertNotIn('K', clips.probe(middle, 'packet=flags', 'v:0')['packets'][0]['flags'])
+        comes_back(middle, 'mov')
 
     def test_a_container_that_leaves_frames_out_is_found_out(self):
         self.zem('import', self.path('dv.avi'), 'media/uneven')  # the sound is shorter than the pictures
@@ -156,10 +179,7 @@ class WholeClips(zemcase.ZemCase):
         source, target = self.path('h264.mov'), self.target('h264.mxf')
         self.zem('import', source, 'media/h264')
         self.zem('export', 'media/h264', target)
-        decode = ['-map', '0:v', '-vsync', '0', '-f', 'framemd5', '-']
-        pictures = [subprocess.run(['ffmpeg', '-v', 'error', '-nostdin', '-i', path, *decode], check=True,
-                                   capture_output=True, text=True).stdout for path in (source, target)]
-        self.assertEqual(clips.columns(pictures[0]), clips.columns(pictures[1]))
+        self.assertEqual(*(self.pictures(path) for path in (source, target)))
         # MXF has sound for the whole of the last picture.
         self.assertEqual(clips.payload(target, 'a:0'), clips.payload(source, 'a:0') + bytes(192))
 
