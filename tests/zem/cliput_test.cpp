@@ -198,6 +198,7 @@ TEST_F(ZemCli, AMatroskaOrTransportStreamThatEndsWithinAFrameIsCutOff) {
                     "head -c $((188 * 300)) whole.ts >packets.ts"),
               0);
     const auto piped = [&](const std::string& clip) {
+        m_server.Settle();
         const int code = Shell("cat " + clip + " | " + Quoted(ZEM_PROGRAM) + " --server " +
                                m_server.Url() + " import --force - media/p 2>err");
         m_server.Settle();
