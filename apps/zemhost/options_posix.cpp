@@ -1,6 +1,7 @@
 // The options that lay settings over the registry file, where the registry is the platform layer's
 // own.
 #include <charconv>
+#include <cstdlib>
 
 #include "apps/zemhost/checks.h"
 #include "apps/zemhost/optiontable.h"
@@ -67,7 +68,10 @@ const SettingAdvice kSettingAdvice = {
 std::string CheckRegistry(const HostOptions& options) {
     char path[4096];
     RegistryFileInUse(path, sizeof path);
-    std::string problem = CheckRegistryFile(path, !options.registry.empty());
+    const char* const environment = std::getenv("ZEM_REGISTRY");
+    const bool named =
+        !options.registry.empty() || (environment != nullptr && *environment != '\0');
+    std::string problem = CheckRegistryFile(path, named);
     // Nobody knows what they were to set, and without it the server could be open to everybody.
     if (problem.empty() && SkippedRegistryLines() != 0) {
         problem = std::string("the registry file '") + path +

@@ -38,8 +38,14 @@ case_settings_and_their_sources() {
         'log-format text registry' 'address http://127.0.0.1:8123' | cmp - "$work/out" || fail 'other settings'
 }
 
-case_settings_without_registry_file() {
-    ZEM_REGISTRY=$work/none expect 0 --settings
+# Whatever stands in this machine's own registry file.
+no_settings() {
+    printf 'Windows Registry Editor Version 5.00\n' >"$work/empty.reg"
+}
+
+case_settings_of_an_empty_registry_file() {
+    no_settings
+    ZEM_REGISTRY=$work/empty.reg expect 0 --settings
     printf '%s\n' 'port 80 default' 'listen all default' 'volume none default' \
         'log-format text default' 'address http://127.0.0.1:80 on every address' |
         cmp - "$work/out" || fail 'other settings'
@@ -216,6 +222,15 @@ case_registry_file_missing() {
     last_line_is "zemhost: the registry file '$work/none' does not exist; give one that does with --registry FILE."
 }
 
+# Nobody knows what it was to set, and without it the server could be open to everybody.
+case_registry_file_of_the_environment_missing() {
+    for arguments in '--listen 127.0.0.1' --settings; do
+        # shellcheck disable=SC2086
+        ZEM_REGISTRY=$work/none expect 3 --volume "$work" $arguments
+        last_line_is "zemhost: the registry file '$work/none' does not exist; give one that does with --registry FILE."
+    done
+}
+
 case_registry_file_malformed() {
     echo '{ "port": 8080 }' >"$work/file"
     expect 3 --registry "$work/file" --volume "$work"
@@ -303,7 +318,8 @@ case_registry_file_with_a_line_that_is_none() {
 }
 
 case_volume_not_set() {
-    ZEM_REGISTRY=$work/none expect 3 --listen 127.0.0.1
+    no_settings
+    ZEM_REGISTRY=$work/empty.reg expect 3 --listen 127.0.0.1
     last_line_is 'zemhost: no volume root is set; give the directory that holds the media with --volume DIR.'
 }
 
