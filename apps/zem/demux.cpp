@@ -88,7 +88,7 @@ void CDemuxer::OpenInput() {
         what = "its streams cannot be told";
     }
     if (m_context->Stopped()) throw CZemError(ErrorKind::kInterrupted, "stopped");
-    if (result < 0 && BeginsAsMov(m_path)) what = kNoIndex;
+    if (result < 0 && m_context->pipe == nullptr && BeginsAsMov(m_path)) what = kNoIndex;
     if (result < 0) ThrowAv(m_path, result, what);
 }
 

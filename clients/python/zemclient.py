@@ -236,7 +236,7 @@ class Timecode:
     @classmethod
     def parse(cls, text: str) -> Timecode:
         """Raises ValueError."""
-        match = re.fullmatch(r'(\d\d):([0-5]\d):([0-5]\d)([:;])([0-3]\d)', text, re.ASCII)
+        match = re.fullmatch(r'([01]\d|2[0-3]):([0-5]\d):([0-5]\d)([:;])([0-3]\d)', text, re.ASCII)
         if not match:
             raise ValueError(f'not a timecode HH:MM:SS:FF: {text!r}')
         return cls(int(match[1]), int(match[2]), int(match[3]), int(match[5]), drop_frame=match[4] == ';')

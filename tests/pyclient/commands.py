@@ -239,6 +239,8 @@ class Frames(common.ServerCase):
             marks.flush()
             self.assertEqual(marks.read(0).descriptor.position, 2)
         self.assertEqual(client.get_file_marks2('frames/marks'), Marks(2, 4))
+        with self.assertRaises(ValueError):
+            Timecode.parse('24:00:00:00')
         client.stripe_timecode('frames/marks', Timecode.parse('09:59:59:24'))
         with client.open_file('frames/marks', 'tc') as timecode:
             self.assertEqual([str(frame.descriptor.timecode) for frame in timecode.frames()],

@@ -232,6 +232,15 @@ TEST_F(ZemCli, AMatroskaOrTransportStreamThatEndsWithinAFrameIsCutOff) {
     EXPECT_EQ(Run({"put", "--force", "packets.ts", "media/x"}).code, 0);
 }
 
+TEST_F(ZemCli, APipeThatBringsNothingIsNoClip) {
+    m_server.Settle();
+    const int code = Shell("mkfifo pipe && { : >pipe & } && timeout 60 " + Quoted(ZEM_PROGRAM) +
+                           " --server " + m_server.Url() + " put pipe media/x 2>err");
+    EXPECT_EQ(code, 5);
+    EXPECT_TRUE(Has(Contents(m_dir / "err"), "zem: pipe: cannot be opened as a clip"))
+        << Contents(m_dir / "err");
+}
+
 TEST_F(ZemCli, PutNoticesEveryLostFrame) {
     MakeClip();
     for (const uint32_t lost : {0u, 12u, 24u}) {
