@@ -92,7 +92,7 @@ void ReadStreams(const std::shared_ptr<CForeignClip>& clip, uint64_t size) {
             size_t which = 0;
             uint32_t token = 0;
             if (!clip->Find({kind, index}, kMediaFileAny, which, token)) continue;
-            auto* stream = new CForeignStream(clip, which);
+            auto* stream = new CForeignStream(clip, which, "clip");
             const uint32_t count = stream->FrameCount();
             Require(count <= kMostFrames, "frames are bounded");
             for (uint32_t i = 0; i < std::min(count, 12u); ++i)

@@ -57,7 +57,7 @@ HRESULT CForeignClip::Pass(IVolume& volume, const std::string& path) {
     if (FAILED(hr)) return hr;
     hr = SaveIndex(volume, path, m_stamp, m_index);
     if (FAILED(hr))
-        LogStore(kErrorLogLevelWarning, hr, kSource, path + ": its index cannot be kept beside it");
+        LogStoreOf(path, kErrorLogLevelWarning, hr, kSource, "its index cannot be kept beside it");
     return Prepare();
 }
 

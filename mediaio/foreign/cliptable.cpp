@@ -197,8 +197,8 @@ HRESULT CForeignClip::Share(ForeignSource source, std::shared_ptr<CForeignClip>&
     const auto settled = [&](std::unique_lock<std::mutex>& hold) {
         if (!slot->Await(hold)) {
             hr = HRESULT_FROM_WIN32(ERROR_BUSY);
-            LogStore(kErrorLogLevelWarning, hr, kSource,
-                     source.path + ": it is still being opened; open it again later");
+            LogStoreOf(source.path, kErrorLogLevelWarning, hr, kSource,
+                       "it is still being opened; open it again later");
             return true;
         }
         clip = slot->clip.lock();

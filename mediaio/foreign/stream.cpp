@@ -62,10 +62,11 @@ extern "C" __attribute__((visibility("default"))) HRESULT ZemOpenForeign(
     zemstore::ForeignSource source, const zemstore::StreamName& name, MediaFileType type,
     zemstore::CFrameFile*& stream, uint32_t& kind) {
     std::shared_ptr<zemstore::CForeignClip> clip;
+    std::string path = source.path;
     const HRESULT hr = zemstore::CForeignClip::Share(std::move(source), clip);
     if (FAILED(hr)) return hr;
     size_t which = 0;
     if (!clip->Find(name, type, which, kind)) return HRESULT_FROM_WIN32(ERROR_NOT_FOUND);
-    stream = new zemstore::CForeignStream(std::move(clip), which);
+    stream = new zemstore::CForeignStream(std::move(clip), which, std::move(path));
     return S_OK;
 }

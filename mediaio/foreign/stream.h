@@ -10,8 +10,8 @@ namespace zemstore {
 
 class CForeignStream final : public CFrameFile {
 public:
-    CForeignStream(std::shared_ptr<CForeignClip> clip, size_t stream)
-        : m_clip(std::move(clip)), m_stream(stream) {}
+    CForeignStream(std::shared_ptr<CForeignClip> clip, size_t stream, std::string openedAs)
+        : CFrameFile(std::move(openedAs)), m_clip(std::move(clip)), m_stream(stream) {}
 
     HRESULT Pin(uint32_t position, bool pin, PinnedFrame& frame) override;
     void Unpin(unsigned) override { Release(); }

@@ -156,8 +156,9 @@ void CChannelCore::ReadJob::PieceDone() {
 // Ends the current frame and goes on with the next, or completes the read.
 void CChannelCore::ReadJob::Step(HRESULT hr) {
     if (hr == HRESULT_FROM_WIN32(ERROR_CRC)) {
-        LogStore(kErrorLogLevelError, hr, kSourceChannel,
-                 "a stored frame is damaged, position " + std::to_string(frames[current].position));
+        LogStoreOf(
+            files[current]->OpenedAs(), kErrorLogLevelError, hr, kSourceChannel,
+            "a stored frame is damaged, position " + std::to_string(frames[current].position));
     }
     FrameDone(hr);
     if (NextFrame()) return ReadPiece();

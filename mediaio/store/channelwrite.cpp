@@ -112,12 +112,12 @@ void CChannelCore::WriteJob::Finish() {
         ElemStrmEntry& entry = streams.entries[i];
         if (files[i] != nullptr) {
             entry.status = items[i].result;
-            files[i]->Release();
             if (FAILED(entry.status)) {
-                LogStore(kErrorLogLevelError, entry.status, kSourceChannel,
-                         "the device did not take the frame at position " +
-                             std::to_string(entry.position));
+                LogStoreOf(files[i]->OpenedAs(), kErrorLogLevelError, entry.status, kSourceChannel,
+                           "the device did not take the frame at position " +
+                               std::to_string(entry.position));
             }
+            files[i]->Release();
         }
         if (IsSpecialToken(entry.token)) continue;
         for (int32_t k = 0; k < entry.bufferCount; ++k)

@@ -28,7 +28,7 @@ void Forget(CMediaFile& file) {
 }  // namespace
 
 HRESULT ShareMediaFile(std::unique_ptr<IStoreFile> file, const std::shared_ptr<IAsyncIo>& async,
-                       CMediaFile*& shared) {
+                       const std::string& openedAs, CMediaFile*& shared) {
     Table& table = TheTable();
     const FileIdentity identity = file->Identity();
     {
@@ -49,7 +49,7 @@ HRESULT ShareMediaFile(std::unique_ptr<IStoreFile> file, const std::shared_ptr<I
     CMediaFile* loading = nullptr;
     HRESULT hr = E_OUTOFMEMORY;
     try {
-        loading = new CMediaFile(std::move(file), async);
+        loading = new CMediaFile(std::move(file), async, openedAs);
         hr = loading->Load();
     } catch (const std::bad_alloc&) {
     }

@@ -9,9 +9,10 @@
 
 namespace zemstore {
 
-// The shared object of an open file, loaded; the caller owns a reference. `file` is consumed.
+// The shared object of an open file, loaded; the caller owns a reference. `file` is consumed;
+// `openedAs` is what the log calls it if it was not open yet.
 HRESULT ShareMediaFile(std::unique_ptr<IStoreFile> file, const std::shared_ptr<IAsyncIo>& async,
-                       CMediaFile*& shared);
+                       const std::string& openedAs, CMediaFile*& shared);
 
 // For tear-down checks: returns when no media file is open any more.
 void AwaitNoMediaFiles();

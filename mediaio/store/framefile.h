@@ -8,6 +8,8 @@
 #include "mediaio/store/format.h"
 
 #include <atomic>
+#include <string>
+#include <utility>
 
 #pragma GCC visibility push(default)
 
@@ -92,9 +94,11 @@ public:
 
     // The file as one that can be written; null for a foreign one.
     virtual CMediaFile* Native() { return nullptr; }
+    // The path, from the volume's root, by which it was opened first: what the log calls it.
+    const std::string& OpenedAs() const { return m_openedAs; }
 
 protected:
-    CFrameFile() = default;
+    explicit CFrameFile(std::string openedAs) : m_openedAs(std::move(openedAs)) {}
     CFrameFile(const CFrameFile&) = delete;
     CFrameFile& operator=(const CFrameFile&) = delete;
     virtual ~CFrameFile() = default;
@@ -102,6 +106,7 @@ protected:
 
 private:
     std::atomic<uint32_t> m_refs{1};
+    const std::string m_openedAs;
 };
 
 // Position and presentation time of a frame, and the running timecode that is counted to it from

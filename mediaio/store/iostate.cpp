@@ -107,12 +107,11 @@ HRESULT OpenForeign(const NamedFile& named, std::unique_ptr<IStoreFile> file,
 
 void LogRecovery(const LoadReport& report, const std::string& path) {
     if (report.tornRecords == 0 && !report.otherRoot && !report.rebuilt) return;
-    LogStore(kErrorLogLevelWarning, S_OK, kSource,
-             path +
-                 ": recovered; unfinished writes dropped: " + std::to_string(report.tornRecords) +
-                 (report.rebuilt     ? ", index rebuilt"
-                  : report.otherRoot ? ", older index"
-                                     : ""));
+    LogStoreOf(path, kErrorLogLevelWarning, S_OK, kSource,
+               "recovered; unfinished writes dropped: " + std::to_string(report.tornRecords) +
+                   (report.rebuilt     ? ", index rebuilt"
+                    : report.otherRoot ? ", older index"
+                                       : ""));
 }
 
 }  // namespace
@@ -173,7 +172,7 @@ HRESULT CIoState::OpenStreamOf(const WCHAR* fileName, const WCHAR* auxName, Medi
     if (FAILED(hr)) return hr;
     if (!IsNative(*file)) return OpenForeign(named, std::move(file), streamName, type, stream);
     CMediaFile* shared = nullptr;
-    hr = ShareMediaFile(std::move(file), IAsyncIo::Shared(), shared);
+    hr = ShareMediaFile(std::move(file), IAsyncIo::Shared(), named.path, shared);
     if (FAILED(hr)) return hr;
     LogRecovery(shared->OpenReport(), named.path);
     hr = ChooseKind(shared->EsDescAtCreation().mediaType, streamName, type, stream.kind);
@@ -194,7 +193,7 @@ HRESULT CIoState::CreateMediaFile(const NamedFile& named, const ZemEsDesc& esDes
     if (FAILED(hr)) return hr;
     hr = CMediaFile::Format(*file, esDesc);
     CMediaFile* shared = nullptr;
-    if (SUCCEEDED(hr)) hr = ShareMediaFile(std::move(file), IAsyncIo::Shared(), shared);
+    if (SUCCEEDED(hr)) hr = ShareMediaFile(std::move(file), IAsyncIo::Shared(), named.path, shared);
     // Before the file has a name nobody else can become its writer.
     if (SUCCEEDED(hr)) hr = shared->BeginWriting();
     if (FAILED(hr)) {
@@ -268,10 +267,10 @@ HRESULT CIoState::CloseStream(OpenStream& stream) {
     return hr;
 }
 
-HRESULT RefuseForeignWrite(const OpenStream&) {
+HRESULT RefuseForeignWrite(const OpenStream& stream) {
     const HRESULT hr = HRESULT_FROM_WIN32(ERROR_WRITE_PROTECT);
-    LogStore(kErrorLogLevelError, hr, kSource,
-             "a file of a foreign format is only read; import it to change it");
+    LogStoreOf(stream.file->OpenedAs(), kErrorLogLevelError, hr, kSource,
+               "a file of a foreign format is only read; import it to change it");
     return hr;
 }
 

@@ -14,6 +14,10 @@ namespace zemstore {
 
 // `level` is one of the error log's; `text` is UTF-8 and is cut at 127 characters.
 void LogStore(DWORD level, HRESULT hr, const WCHAR* source, const std::string& text);
+// "path: text", for what is about one file. Of a path that is too long for a record its end stays,
+// which tells files apart.
+void LogStoreOf(const std::string& path, DWORD level, HRESULT hr, const WCHAR* source,
+                const std::string& text);
 
 // For a line that many requests in a row would write: one of them in ten seconds does.
 class CSparseLine {

@@ -48,8 +48,12 @@ HRESULT CMediaFile::Format(IStoreFile& file, const ZemEsDesc& esDesc) {
     return FAILED(hr) ? hr : file.Sync();
 }
 
-CMediaFile::CMediaFile(std::unique_ptr<IStoreFile> file, std::shared_ptr<IAsyncIo> async)
-    : m_file(std::move(file)), m_async(std::move(async)), m_identity(m_file->Identity()) {
+CMediaFile::CMediaFile(std::unique_ptr<IStoreFile> file, std::shared_ptr<IAsyncIo> async,
+                       std::string openedAs)
+    : CFrameFile(std::move(openedAs)),
+      m_file(std::move(file)),
+      m_async(std::move(async)),
+      m_identity(m_file->Identity()) {
     // What is read ahead waits in the same queue as everything else (readahead.h).
     m_file->StopReadAhead();
 }

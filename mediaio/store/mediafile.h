@@ -55,7 +55,8 @@ public:
     // Makes `file` an empty media file: header and first root, on the device.
     static HRESULT Format(IStoreFile& file, const ZemEsDesc& esDesc);
     // `async` null: writes and checkpoints run on the thread that asks for them.
-    CMediaFile(std::unique_ptr<IStoreFile> file, std::shared_ptr<IAsyncIo> async);
+    CMediaFile(std::unique_ptr<IStoreFile> file, std::shared_ptr<IAsyncIo> async,
+               std::string openedAs = {});
     // Reads header and index and recovers the log's tail. ERROR_BAD_FORMAT: not a native file.
     // REQUIRES: before anything else.
     HRESULT Load();

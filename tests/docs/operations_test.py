@@ -13,7 +13,7 @@ import sys
 ROOT = sys.argv[1]
 LITERALS = r'(?:(?:TEXT\(\s*)?(?:"(?:[^"\\]|\\.)*"\s*)+\)?\s*)'
 # What goes to the log whether or not the server traces. Traces that need no switch are named one by one.
-CALLS = ('ThrowError', 'LogError', 'LogMsg', 'LogWarning', 'LogSlowOperation', 'LogStore')
+CALLS = ('ThrowError', 'LogError', 'LogMsg', 'LogWarning', 'LogSlowOperation', 'LogStore', 'LogStoreOf')
 UNSWITCHED_TRACES = ('ZEM HTTP file server mode', 'HTTP requests serviced', 'Purging', 'Joining', 'Rejoining', 'Leaving',
                      'Deleting ZEM client', 'Could not set real-time', 'Disabling real-time', 'Enabling real-time',
                      'Real-time IO', 'Relinquishing')
@@ -71,7 +71,7 @@ def log_texts():
         everywhere.update(constants(text))
     found = {}
     for path, text in sources('zemhttpd', 'mediaio'):
-        if path.startswith('zemhttpd/entry/'):
+        if path.startswith('zemhttpd/entry/') or path == 'mediaio/store/log.cpp':
             continue
         for call in re.finditer(r'\b(' + '|'.join(CALLS + ('Trace',)) + r')\(', text):
             inside = arguments(text, call.end() - 1)
@@ -84,6 +84,8 @@ def log_texts():
             elif not wanted and not re.search(r'\bhr, const WCHAR\*|DWORD level|\.\.\.', inside):
                 print('%s: no text found in %s(%s)' % (path, call.group(1), ' '.join(inside.split())))
                 sys.exit(1)
+            if call.group(1) == 'LogStoreOf' and wanted:  # begins with the file
+                wanted[0] = '…: ' + wanted[0]
             for one in wanted:
                 found.setdefault(shown(one), path)
     return found
@@ -145,7 +147,8 @@ good = compare('registry value', values, table(page, 'Settings', 1), str.__eq__,
 # The media library puts its lines together from pieces.
 good = compare('log line', texts, table(page, 'The log', 0),
                lambda text, line: text in line if texts[text].startswith('mediaio/') else text == line,
-               lambda line: fragments(line) and all(part in literals for part in fragments(line))) and good
+               lambda line: fragments(line) and all(part in literals
+                                                            for part in fragments(line.removeprefix('…: ')))) and good
 # What zemhost looks at for its type.
 with open(os.path.join(ROOT, 'apps', 'zemhost', 'registryplaces.h'), encoding='utf-8') as file:
     looked_at = re.findall(r'TEXT\("([^"\\]+)"\)', file.read())

@@ -121,6 +121,8 @@ class Disk(unittest.TestCase):
         there = [stream_status(client.read(token, position)) == 0 for position in range(40)]
         self.assertGreater(sum(there), 15)
         self.assertLess(sum(there), 24)
+        line = 'full: the device did not take the frame at position %d' % there.index(False)
+        self.assertIn('0x%08x' % DISK_FULL, self.server.wait_for_line(line)[0])
         for position in range(40):  # what is there is whole
             if there[position]:
                 self.assertEqual(frame_of(client.read(token, position)), data[position])

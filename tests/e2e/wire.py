@@ -360,6 +360,8 @@ class Server:
         are put back to the first."""
         records, last = [], {}
         for file in [*older, self.log]:
+            if not os.path.exists(file):  # nothing was logged yet
+                continue
             with open(file, encoding='utf-8') as text:
                 for line in text.read().splitlines():
                     match = re.match(r'.{23} \S+ +(\[\d+\]) (\S+\(\d+\) 0x[0-9a-f]+: )?(\.\.\. )?(.*)', line)
@@ -375,7 +377,7 @@ class Server:
         """The log is written by a thread of its own: read until the line is there."""
         end = time.monotonic() + timeout_s
         while time.monotonic() < end:
-            found = [line for line in self.lines() if part in line] if os.path.exists(self.log) else []
+            found = [line for line in self.lines() if part in line]
             if found:
                 return found
             time.sleep(0.01)

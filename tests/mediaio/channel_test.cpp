@@ -1,6 +1,8 @@
 // Frame I/O through a channel, with the kernel's ring and without.
 #include "channelfixture.h"
 
+#include "tests/fakes/fakeerrorlog.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -147,8 +149,11 @@ TEST_P(ChannelIo, ADamagedFrameFailsAlone) {
     close(fd);
     token = Open("clip");
     std::vector<uint8_t> bytes;
+    FakeErrorLog().Reset();
     EXPECT_EQ(Read(token, 0, bytes), S_OK);
     EXPECT_EQ(Read(token, 1, bytes), HRESULT_FROM_WIN32(ERROR_CRC));
+    EXPECT_EQ(FakeErrorLog().Texts(kErrorLogLevelError),
+              std::vector<WString>{TEXT("clip: a stored frame is damaged, position 1")});
     EXPECT_EQ(Read(token, 2, bytes), S_OK);
     EXPECT_EQ(bytes, Bytes(2, 50000));
 }

@@ -65,6 +65,7 @@ public:
 // Frame n is the n-th MiB of the file.
 class CFakeFrames final : public CFrameFile {
 public:
+    CFakeFrames() : CFrameFile("clip.v0") {}
     ~CFakeFrames() override = default;
     HRESULT Pin(uint32_t, bool, PinnedFrame&) override { return E_NOTIMPL; }
     void Unpin(unsigned) override {}

@@ -116,7 +116,7 @@ class Foreign(zemcase.ZemCase):
         self.path('mjpeg.mov')
         client = self.client('writer')
         self.assertEqual(client.open('media/mjpeg.mov', flags=3), 0)
-        self.server.wait_for_line('a file of a foreign format is only read; import it to change it')
+        self.server.wait_for_line('media/mjpeg.mov: a file of a foreign format is only read; import it to change it')
 
 
 if __name__ == '__main__':
