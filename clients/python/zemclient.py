@@ -390,6 +390,12 @@ def _pack(layout: struct.Struct, *values: object) -> bytes:
         raise ValueError(f'a number does not fit its field: {error}') from None
 
 
+def _position(position: int, last: int = MAX_POSITION) -> int:
+    if not 0 <= position <= last:
+        raise ValueError(f'positions are 0 to {last}: {position}')
+    return position
+
+
 _WORD, _WORD2, _WORD3, _LONG = (struct.Struct(form) for form in ('<I', '<II', '<III', '<Q'))
 
 
@@ -512,11 +518,17 @@ class _Wire:
                 self.close()
 
 
-def _failure(entity: _Entity) -> ZemRefused:
-    """An answer without a body that tells more: the reason has the result, if there is one."""
+def _failure(entity: _Entity, name: str | None = None, use: str = '') -> ZemRefused:
+    """An answer without a body that tells more: the reason has the result, if there is one. name and use: of a whole
+    file, and what was to be done with it."""
     match = re.search(r'0x([0-9a-fA-F]{1,8})\b', entity.reason)
-    return ZemRefused(f'the server answered {entity.status} {entity.reason}', int(match[1], 16) if match else None,
-                      entity.status)
+    text = f'the server answered {entity.status} {entity.reason}'
+    if name is not None:
+        text = f'{use} of {name!r} did not work: {text}'
+        if entity.status == 400:
+            verb = 'read' if use == 'GET' else 'delete'
+            text += f'; perhaps there is no such file, or the server may not {verb} it'
+    return ZemRefused(text, int(match[1], 16) if match else None, entity.status)
 
 
 # The client -----------------------------------------------------------------------------------------------------------
@@ -673,15 +685,15 @@ class ZemClient:
             return 'a file of a foreign format is only read'
         if stream.flags & StreamFlags.BEING_WRITTEN:
             return 'it is open for writing already'
-        return 'it can be read; perhaps the server may not write it'
+        return 'it can be read; perhaps another server writes it, or this one may not'
 
-    def _why_not_created(self, name: str, aux: str, flags: CreateFlags) -> str:
+    def _why_not_created(self, name: str, aux: str, stream: StreamDescriptor, flags: CreateFlags) -> str:
         absent = self._why_absent(name, False)
         if absent is not None:
             return absent or 'perhaps the volume is full, or the server may not write there'
         if flags & CreateFlags.FAIL_IF_EXISTS:
             return 'it exists'
-        return self._why_not_opened(name, aux, MediaType.ANY, True)
+        return self._why_not_opened(name, aux, stream.media_type, True)
 
     # Files.
 
@@ -695,7 +707,7 @@ class ZemClient:
         body = _name(name) + _name(aux) + stream.pack() + _pack(_WORD, flags)
         if token := self._token(Command.CREATE_FILE, body):
             return ZemFile(self, token, name)
-        raise self._refused(f'CREATE_FILE of {name!r} did not work', self._why_not_created, name, aux, flags)
+        raise self._refused(f'CREATE_FILE of {name!r} did not work', self._why_not_created, name, aux, stream, flags)
 
     def open_file(self, name: str, aux: str = '', media_type: MediaType = MediaType.ANY,
                   flags: OpenFlags = OpenFlags.READ) -> ZemFile:
@@ -721,7 +733,8 @@ class ZemClient:
             raise ValueError(f'a frame request has 1 to {MAX_ENTRIES} entries, not {len(entries)}')
         layout = struct.Struct('<8xQII56xQ8x')
         body = _pack(struct.Struct('<II8x'), 0, len(entries)) + b''.join(
-            _pack(layout, entry.token, entry.position, entry.flags, entry.user_data) for entry in entries)
+            _pack(layout, entry.token, _position(entry.position, 0xFFFFFFFF), entry.flags, entry.user_data)
+            for entry in entries)
         with self._command(Command.READ_FRAME, [body]) as (entity, table):
             if len(table) == 4:
                 raise ZemRefused('the read was not begun: not joined, or the server is short of resources')
@@ -755,11 +768,9 @@ class ZemClient:
         body = bytearray(_pack(struct.Struct('<II8x'), 0, len(entries)))
         payload: list[memoryview] = []
         for entry in entries:
-            if not 0 <= entry.position <= MAX_POSITION:
-                raise ValueError(f'positions are 0 to {MAX_POSITION}: {entry.position}')
             if is_special(entry.token) != isinstance(entry.frame, FrameDescriptor):
                 raise ValueError('a special token takes a FrameDescriptor, an ordinary one bytes')
-            body += _pack(struct.Struct('<8xQII'), entry.token, entry.position, entry.flags)
+            body += _pack(struct.Struct('<8xQII'), entry.token, _position(entry.position), entry.flags)
             if isinstance(entry.frame, FrameDescriptor):
                 body += entry.frame.pack().ljust(72, b'\0')
             else:  # one buffer: the server does not keep how a frame was cut
@@ -802,8 +813,9 @@ class ZemClient:
                        rate: FrameRate = FrameRate.FILE) -> list[FrameSummary]:
         """Any number of frames from a position on: more than fit one reply are asked for in pieces. Positions behind
         the end, and every position of a token that is not open, are all zero."""
-        if count < 0 or position < 0 or position + count > MAX_POSITION + 1:
-            raise ValueError(f'positions are 0 to {MAX_POSITION}')
+        _position(position)
+        if count < 0 or position + count > MAX_POSITION + 1:
+            raise ValueError(f'there are no {count} positions from {position} on: they are 0 to {MAX_POSITION}')
         found: list[FrameSummary] = []
         layout = struct.Struct('<QIII')
         for first in range(position, position + count, _DESC_BATCH):
@@ -855,7 +867,8 @@ class ZemClient:
 
     def erase_segment(self, token: int, first: int, end: int, media_type: MediaType = MediaType.ANY) -> None:
         """Erases the frames from first up to, but not including, end. It worked if get_frame_desc shows them ERASED."""
-        self._ask(Command.ERASE_SEGMENT, _pack(struct.Struct('<QIII'), token, first, end, media_type))
+        body = _pack(struct.Struct('<QIII'), token, _position(first), _position(end, MAX_POSITION + 1), media_type)
+        self._ask(Command.ERASE_SEGMENT, body)
 
     # The volume.
 
@@ -982,7 +995,7 @@ class ZemClient:
             raise ValueError(f'a page of the server hides the files of this name: {name!r}')
         with self._wire.exchange('GET', path) as entity:
             if entity.status != 200:
-                raise _failure(entity)
+                raise _failure(entity, name, 'GET')
             while entity.left:
                 target.write(entity.read(min(entity.left, _CHUNK_BYTES)))
             return entity.length
@@ -993,7 +1006,7 @@ class ZemClient:
             if entity.left <= _PAGE_BYTES:
                 entity.read(entity.left)
             if entity.status != 200:
-                raise _failure(entity)
+                raise _failure(entity, name, 'DELETE')
 
 
 class ZemFile:

@@ -307,6 +307,16 @@ class Volume(common.ServerCase):
             self.assertRaises(ZemRefused, call)
         self.assertTrue(client.exists('raise/a') and client.exists('raise/b'))
 
+    def test_a_position_that_there_is_not_is_a_value_error(self):
+        client = self.client()
+        with client.create_file('positions', VIDEO) as file:
+            for call in (lambda: file.read(-1), lambda: file.write(-1, b'x'), lambda: file.erase(-1, 2),
+                         lambda: file.erase(0, 1 << 32), lambda: client.get_frame_desc(file.token, -1, 1)):
+                with self.assertRaisesRegex(ValueError, '^positions are 0 to [0-9]+: -?[0-9]+$'):
+                    call()
+            with self.assertRaisesRegex(ValueError, '^there are no 5 positions from 4294967293 on'):
+                client.get_frame_desc(file.token, 0xFFFFFFFD, 5)
+
     def test_a_refusal_says_why(self):
         client = self.client()
         stranger = ZemClient(self.url, 'stranger')
@@ -341,6 +351,8 @@ class Volume(common.ServerCase):
             (lambda: client.create_file('why/' + 128 * 'ä', VIDEO), 'a part of a name has at most 255 bytes'),
             (lambda: client.create_file('why/clip', VIDEO, flags=exclusive), 'it exists'),
             (lambda: client.create_file('why/busy', VIDEO), 'it is open for writing already'),
+            (lambda: client.create_file('why/clip', StreamDescriptor(MediaType.AUDIO)),
+             'it has no stream of that media type'),
             (lambda: client.create_file('why/text', VIDEO), 'it is there; perhaps it is no media file'),
             (lambda: stranger.create_file('why/new', VIDEO), 'this client has not joined'),
             (lambda: client.get_file_info2('why/none'), "nothing of 'why/none': there is no such file"),
@@ -384,6 +396,8 @@ class Volume(common.ServerCase):
             with self.assertRaises(ZemRefused) as refused:
                 call()
             self.assertEqual(refused.exception.http_status, 400)
+            self.assertRegex(str(refused.exception), "^(GET|DELETE) of 'media/.*' did not work: the server answered 400 "
+                                                     'Bad Request; perhaps there is no such file')
         self.assertEqual(target.getvalue(), content)
 
     def test_pages_hide_files_from_get_only(self):
