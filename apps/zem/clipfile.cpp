@@ -113,6 +113,15 @@ std::string ClipFileName(const std::string& name) {
     return name + ".clip";
 }
 
+std::string ClipOfFile(const std::string& name) {
+    const size_t dot = name.find_last_of("./\\");
+    if (dot == std::string::npos || name[dot] != '.') return {};
+    const std::string ending = name.substr(dot + 1);
+    const bool stream = ending.size() > 1 && (ending[0] == 'v' || ending[0] == 'a') &&
+                        ending.find_first_not_of("0123456789", 1) == std::string::npos;
+    return stream || ending == "clip" ? name.substr(0, dot) : std::string();
+}
+
 ZemEsDesc ClipFileDesc() {
     ZemEsDesc desc{};
     desc.sizeVersion = kEsDescVersion1;

@@ -44,6 +44,8 @@ struct StreamHead {
 
 // The file's name and elementary-stream descriptor.
 std::string ClipFileName(const std::string& name);
+// The clip that a file of this name is of: media/c for media/c.a1; empty if it is none of a clip's.
+std::string ClipOfFile(const std::string& name);
 ZemEsDesc ClipFileDesc();
 
 std::vector<uint8_t> WriteClipHead(size_t stream_count);

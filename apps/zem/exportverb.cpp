@@ -146,15 +146,14 @@ void CExport::ThrowNoClip() {
     const std::string& name = m_options.name;
     std::string text = "there is no clip " + Printable(name) + " (neither .clip nor .v0 nor .a0)";
     const uint32_t attributes = m_session->Attributes(FileNamed(name).name);
-    if (attributes != kNoAttributes) {
-        const bool folder = (attributes & kAttributeDirectory) != 0;
-        text = Printable(name) + (folder ? " is a folder and no clip" : " is a file and no clip");
-        const size_t dot = name.find_last_of("./\\");
-        const std::string stem = name.substr(0, dot);
-        if (dot != std::string::npos && name[dot] == '.' &&
-            (Exists(stem + ".v0") || Exists(stem + ".a0"))) {
-            text += ": name the clip without the ending, " + Printable(stem);
-        }
+    if (attributes != kNoAttributes && (attributes & kAttributeDirectory) != 0) {
+        text = Printable(name) + " is a folder and no clip";
+    } else if (attributes != kNoAttributes) {
+        const std::string clip = ClipOfFile(name);
+        const bool of_clip = !clip.empty() && (Exists(clip + ".v0") || Exists(clip + ".a0"));
+        text = Printable(name) + " is a file and no clip: " +
+               (of_clip ? "name the clip without the ending, " + Printable(clip)
+                        : "zem get fetches it as it is");
     }
     throw CZemError(ErrorKind::kRefused, text, 0, kReasonNoFile);
 }

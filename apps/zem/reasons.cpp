@@ -129,7 +129,8 @@ Why WhyNotOpened(CZemClient& client, const FileRef& file) {
     if ((file.openFlags & kFileWrite) != 0 && CanBeRead(client, file)) {
         why = WhyNotChanged(InfoOf(client, file));
         return why.word != nullptr ? why
-                                   : Why{": it can be read; perhaps the server may not write it"};
+                                   : Why{": it can be read; perhaps another server writes it, or "
+                                         "this one may not"};
     }
     FileRef whole = file;
     whole.aux.clear();

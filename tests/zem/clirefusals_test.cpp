@@ -146,7 +146,12 @@ TEST_F(ZemCliFiles, WhoMixesUpAClipAndItsFilesIsToldSo) {
                   "zem: media/c.v0 is a file and no clip: name the clip without the ending, "
                   "media/c\n");
     }
-    EXPECT_EQ(Run({"export", "media/v", "x.mov"}).err, "zem: media/v is a file and no clip\n");
+    // A clip's neighbour is none of its files, whatever its name begins with.
+    m_media.files["media/c.mov"] = m_media.files["media/c.v0"];
+    for (const std::string name : {"media/v", "media/c.mov"}) {
+        EXPECT_EQ(Run({"export", name, "x.mov"}).err,
+                  "zem: " + name + " is a file and no clip: zem get fetches it as it is\n");
+    }
     EXPECT_EQ(Run({"export", "media", "x.mov"}).err, "zem: media is a folder and no clip\n");
 }
 
