@@ -127,17 +127,17 @@ void AddClientVerbs(CVerb program, CommandLine& line) {
         group.title);
     const VerbGroup below{config, line, "Configuration"};
     auto push = std::make_shared<ClientOptions>();
-    CVerb verb = below.Add("push", "Send a whole configuration", push, &ConfigPush);
+    CVerb verb =
+        below.Add("push", "Send a whole configuration for the channel of --id", push, &ConfigPush);
     verb.Place("FILE", push->file,
                "XML document, UTF-8 or UTF-16, such as `<channelConfig frameRate=\"25\"/>`")
         .File()
         .Required();
     auto set = std::make_shared<ClientOptions>();
-    verb = below.Add(
-        "set",
-        "Set one attribute. The protocol does not tell whether the server took it: a refusal "
-        "is in its log only. `config push` does tell",
-        set, &ConfigSet);
+    verb = below.Add("set",
+                     "Set one attribute of the channel of --id. The protocol does not tell whether "
+                     "the server took it: a refusal is in its log only. `config push` does tell",
+                     set, &ConfigSet);
     verb.Place("NAME", set->name, "Attribute: frameRate or readAhead").Required();
     verb.Place("VALUE", set->value,
                "Its new value. frameRate: file, 23.976, 24, 25, 29.97, 30, 50, 59.94 or 60; "

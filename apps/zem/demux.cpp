@@ -9,6 +9,7 @@ extern "C" {
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <fstream>
 
@@ -27,11 +28,18 @@ constexpr size_t kNoStream = static_cast<size_t>(-1);
 constexpr const char* kNoIndex =
     "a MOV or MP4 whose index cannot be read: perhaps it is cut off, or still being written";
 
-bool BeginsAsMov(const std::string& path) {
+// What the libraries call invalid data, whatever it is.
+const char* WhyNoClip(const std::string& path, bool isPipe) {
+    static constexpr const char* kNone =
+        "cannot be opened as a clip; perhaps it is none, or it is cut off";
+    if (isPipe) return kNone;  // its beginning is gone
     std::string head(8, '\0');
-    std::ifstream(path, std::ios::binary).read(head.data(), 8);
+    std::ifstream file(path, std::ios::binary);
+    file.read(head.data(), 8);
+    if (file.gcount() == 0) return "it is empty";
     const std::string_view kind = std::string_view(head).substr(4);
-    return kind == "ftyp" || kind == "wide" || kind == "mdat" || kind == "moov";
+    const bool mov = kind == "ftyp" || kind == "wide" || kind == "mdat" || kind == "moov";
+    return mov ? kNoIndex : kNone;
 }
 
 }  // namespace
@@ -88,8 +96,10 @@ void CDemuxer::OpenInput() {
         what = "its streams cannot be told";
     }
     if (m_context->Stopped()) throw CZemError(ErrorKind::kInterrupted, "stopped");
-    if (result < 0 && m_context->pipe == nullptr && BeginsAsMov(m_path)) what = kNoIndex;
-    if (result < 0) ThrowAv(m_path, result, what);
+    if (result >= 0) return;
+    if (result == AVERROR_INVALIDDATA || result == AVERROR(EIO) || result == AVERROR_EOF)
+        what = WhyNoClip(m_path, m_context->pipe != nullptr);
+    ThrowAv(m_path, result, what);
 }
 
 void CDemuxer::FindStreams() {

@@ -155,7 +155,7 @@ TEST_F(ZemCli, AMovWithoutItsIndexIsPerhapsCutOff) {
                     "cut.mov: a MOV or MP4 whose index cannot be read: perhaps it is "
                     "cut off"))
         << outcome.err;
-    EXPECT_FALSE(Has(Run({"put", "noise.mov", "media/x"}).err, "perhaps"));
+    EXPECT_FALSE(Has(Run({"put", "noise.mov", "media/x"}).err, "a MOV"));
 }
 
 // Each fragment brings an index of its own.
@@ -324,8 +324,16 @@ TEST_F(ZemCli, PutNoticesADamagedFrame) {
 
 TEST_F(ZemCli, PutOfWhatIsNoClipIs5AndTouchesNoServer) {
     EXPECT_EQ(Run({"put", "missing.mov", "media/clip"}).code, 5);
+    std::ofstream(m_dir / "empty.mov").flush();
+    EXPECT_TRUE(
+        Run({"put", "empty.mov", "media/clip"}).err.starts_with("zem: empty.mov: it is empty: "));
     std::ofstream(m_dir / "text.mov") << "this is no clip";
-    EXPECT_EQ(Run({"put", "text.mov", "media/clip"}).code, 5);
+    const Outcome text = Run({"put", "text.mov", "media/clip"});
+    EXPECT_EQ(text.code, 5);
+    EXPECT_TRUE(Has(text.err,
+                    "zem: text.mov: cannot be opened as a clip; perhaps it is none, or "
+                    "it is cut off: "))
+        << text.err;
     EXPECT_TRUE(m_server.Requests().empty());
 }
 

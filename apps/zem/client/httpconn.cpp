@@ -60,7 +60,7 @@ bool HasGoodPort(std::string_view host) {
 
 void CheckServer(std::string& server) {
     constexpr std::string_view kScheme = "http://";
-    while (server.ends_with('/'))
+    while (server.size() > kScheme.size() && server.ends_with('/'))
         server.pop_back();
     if (EqualNoCase(std::string_view(server).substr(0, kScheme.size()), kScheme))
         server.replace(0, kScheme.size(), kScheme);
