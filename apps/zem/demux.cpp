@@ -25,21 +25,17 @@ namespace zem {
 namespace {
 
 constexpr size_t kNoStream = static_cast<size_t>(-1);
-constexpr const char* kNoIndex =
-    "a MOV or MP4 whose index cannot be read: perhaps it is cut off, or still being written";
+// How a file of a server's store begins: docs/store.md.
+constexpr std::string_view kStoreHead = "ZEMSTOR1";
 
-// What the libraries call invalid data, whatever it is.
-const char* WhyNoClip(const std::string& path, bool isPipe) {
-    static constexpr const char* kNone =
-        "cannot be opened as a clip; perhaps it is none, or it is cut off";
-    if (isPipe) return kNone;  // its beginning is gone
-    std::string head(8, '\0');
-    std::ifstream file(path, std::ios::binary);
-    file.read(head.data(), 8);
-    if (file.gcount() == 0) return "it is empty";
-    const std::string_view kind = std::string_view(head).substr(4);
-    const bool mov = kind == "ftyp" || kind == "wide" || kind == "mdat" || kind == "moov";
-    return mov ? kNoIndex : kNone;
+// What the libraries call invalid data, whatever it is. `head`: how it begins.
+const char* WhyNoClip(const std::string& head) {
+    const std::string kind = head.substr(std::min<size_t>(4, head.size()));
+    if (kind == "ftyp" || kind == "wide" || kind == "mdat" || kind == "moov") {
+        return "a MOV or MP4 whose index cannot be read: perhaps it is cut off, or still being "
+               "written";
+    }
+    return "cannot be opened as a clip; perhaps it is none, or it is cut off";
 }
 
 }  // namespace
@@ -96,10 +92,30 @@ void CDemuxer::OpenInput() {
         what = "its streams cannot be told";
     }
     if (m_context->Stopped()) throw CZemError(ErrorKind::kInterrupted, "stopped");
+    const std::string head = Head();
+    // Its frames may pass for a raw stream's, with what lies between them.
+    if (head == kStoreHead) {
+        throw CZemError(ErrorKind::kLocalFile,
+                        Printable(m_path) +
+                            ": a file of a server's store, and no clip; lay it below the volume "
+                            "root as it is, or bring in what zem export makes of it");
+    }
     if (result >= 0) return;
-    if (result == AVERROR_INVALIDDATA || result == AVERROR(EIO) || result == AVERROR_EOF)
-        what = WhyNoClip(m_path, m_context->pipe != nullptr);
+    if (result == AVERROR_INVALIDDATA || result == AVERROR(EIO) || result == AVERROR_EOF) {
+        if (head.empty())
+            throw CZemError(ErrorKind::kLocalFile, Printable(m_path) + ": it is empty");
+        what = WhyNoClip(head);
+    }
     ThrowAv(m_path, result, what);
+}
+
+std::string CDemuxer::Head() const {
+    if (m_context->pipe != nullptr) return m_context->pipe->Head();
+    std::string head(CPipeInput::kHead_bytes, '\0');
+    std::ifstream file(m_path, std::ios::binary);
+    file.read(head.data(), static_cast<std::streamsize>(head.size()));
+    head.resize(static_cast<size_t>(file.gcount()));
+    return head;
 }
 
 void CDemuxer::FindStreams() {

@@ -60,6 +60,7 @@ public:
 private:
     struct Context;
     void OpenInput();
+    std::string Head() const;
     void FindStreams();
     bool IsMov() const;
     bool AtEnd() const;

@@ -11,6 +11,7 @@ extern "C" {
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -76,6 +77,11 @@ int CPipeInput::Read(void* self, uint8_t* data, int size) noexcept {
         }
         const ssize_t got = read(input.m_fd, data, static_cast<size_t>(size));
         if (got > 0) {
+            if (input.m_head.size() < kHead_bytes) {
+                const size_t missing = kHead_bytes - input.m_head.size();
+                input.m_head.append(reinterpret_cast<const char*>(data),
+                                    std::min(missing, static_cast<size_t>(got)));
+            }
             if (input.m_begin < 0) input.m_end.Take({data, static_cast<size_t>(got)});
             return static_cast<int>(got);
         }

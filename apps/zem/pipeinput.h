@@ -23,6 +23,9 @@ public:
     CPipeInput& operator=(const CPipeInput&) = delete;
 
     AVIOContext* Io() const { return m_io; }
+    // How the clip begins, as far as it has come.
+    static constexpr size_t kHead_bytes = 8;
+    const std::string& Head() const { return m_head; }
     // A read was ended by a stop: what libavformat made of it is not the clip's end.
     bool Stopped() const { return m_stopped; }
     // What has come so far; of a file, which is looked at instead, nothing.
@@ -35,6 +38,7 @@ private:
     int64_t m_begin = -1;  // of the clip in its file; -1: it is none
     AVIOContext* m_io = nullptr;
     bool m_stopped = false;
+    std::string m_head;
     CClipEnd m_end;
 };
 
