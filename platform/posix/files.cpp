@@ -2,6 +2,7 @@
 #include "platform/posix/files.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -109,6 +110,30 @@ HANDLE OpenToRead(const char* path, DWORD flags) {
     return handle ? handle : INVALID_HANDLE_VALUE;
 }
 
+// While it lives nobody begins to write a file whose writers lock it with flock, as those of the
+// media library do.
+class CWritersKeptOut {
+public:
+    // `path`: a descriptor of the file that may be open for its name alone.
+    explicit CWritersKeptOut(int path)
+        : m_descriptor(open(("/proc/self/fd/" + std::to_string(path)).c_str(),
+                            O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)) {
+        m_beingWritten = m_descriptor >= 0 && flock(m_descriptor, LOCK_EX | LOCK_NB) != 0 &&
+                         errno == EWOULDBLOCK;
+    }
+    ~CWritersKeptOut() {
+        if (m_descriptor >= 0) close(m_descriptor);
+    }
+    CWritersKeptOut(const CWritersKeptOut&) = delete;
+    CWritersKeptOut& operator=(const CWritersKeptOut&) = delete;
+    // By somebody who was there before.
+    bool BeingWritten() const { return m_beingWritten; }
+
+private:
+    int m_descriptor;
+    bool m_beingWritten;
+};
+
 bool IsReadOnly(const struct stat& status) {
     return (status.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) == 0;
 }
@@ -199,6 +224,8 @@ BOOL SetFileInformationByHandle(HANDLE file, FILE_INFO_BY_HANDLE_CLASS kind, LPV
     if (IsReadOnly(opened)) return Fail(ERROR_ACCESS_DENIED);
     if (opened.st_dev != named.st_dev || opened.st_ino != named.st_ino)
         return Fail(ERROR_FILE_NOT_FOUND);
+    const CWritersKeptOut kept_out(pin->Descriptor());
+    if (kept_out.BeingWritten()) return Fail(ERROR_SHARING_VIOLATION);
     if (unlinkat(pin->Folder(), pin->Leaf(), 0) != 0) return Fail(ErrorFromErrno(errno));
     return TRUE;
 }

@@ -4,6 +4,7 @@
 usage: exact_pages.py --zemhost PROGRAM [--file-server] [--trace] [unittest arguments]
 """
 
+import fcntl
 import socket
 
 from exact import *
@@ -293,6 +294,18 @@ class Download(PagesCase):
         path = self.put('status')  # the pages are for GET alone
         self.deleted('/media/status')
         self.assertFalse(os.path.exists(path))
+
+    def test_delete_of_a_file_that_is_being_written(self):
+        path = self.put('recording')
+        full = '%s\\\\/media/recording' % self.server.root
+        with open(path, 'rb') as writer:
+            fcntl.flock(writer, fcntl.LOCK_EX)
+            self.assert_no_body(self.raw('/media/recording', 'DELETE'), 400, 'Bad Request')
+            self.assert_log([Trace("%s: Deleting file '%s'..." % (self.host, full)),
+                             Error(SHARING, 'SendHttpDeleteResponse',
+                                   "%s: Error deleting file '%s'" % (self.host, full), 3329)])
+            self.assertTrue(os.path.exists(path))
+        self.deleted('/media/recording')
 
     def test_delete_of_an_encoded_name(self):
         self.put('\u00e4 b')

@@ -2,6 +2,7 @@
 // names. Linux only.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -172,6 +173,24 @@ TEST(PosixFiles, AnOpenFileIsDeletedFromTheFolderInWhichItWasFound) {
     EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
     EXPECT_TRUE(std::filesystem::exists(folder.File("moved/file")));
     EXPECT_TRUE(CloseHandle(file));
+}
+
+// Who may not read it may not ask for its lock either, and deletes it.
+TEST(PosixFiles, WhatIsBeingWrittenIsNotDeleted) {
+    const CTempFolder folder;
+    std::ofstream(folder.File("file")) << "x";
+    const int writer = open(folder.File("file").c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_EQ(flock(writer, LOCK_EX), 0);
+    const HANDLE file = OpenToDelete(folder.Path().string<WCHAR>() + TEXT("/file"));
+    EXPECT_FALSE(DeleteOpen(file));
+    EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
+    EXPECT_TRUE(std::filesystem::exists(folder.File("file")));
+    ASSERT_EQ(flock(writer, LOCK_UN), 0);
+    EXPECT_TRUE(DeleteOpen(file));
+    EXPECT_FALSE(std::filesystem::exists(folder.File("file")));
+    EXPECT_EQ(flock(writer, LOCK_EX | LOCK_NB), 0) << "the lock is kept no longer";
+    EXPECT_TRUE(CloseHandle(file));
+    close(writer);
 }
 
 TEST(PosixFiles, OnlyWhatWasOpenedToBeDeletedIs) {
