@@ -1,5 +1,6 @@
 // Verbs on a client's own place in the server: join, leave, keepalive, realtime, config. What they
 // set lives as long as the client stays joined, so they want an ID and do not leave.
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <iterator>
@@ -55,8 +56,10 @@ int RealTime(const CommandLine& line, const ClientOptions&) {
 // is sent.
 std::u16string DocumentOf(const std::string& path) {
     constexpr size_t kMax_bytes = 16u << 20;
-    std::ifstream in(path, std::ios::binary);
-    std::string bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    std::ifstream in(path == "-" ? "/dev/stdin" : path, std::ios::binary);
+    std::string bytes(kMax_bytes + 1, '\0');
+    in.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    bytes.resize(static_cast<size_t>(in.gcount()));
     if (!in.good() && !in.eof()) throw CZemError(ErrorKind::kLocalFile, path + " cannot be read");
     if (bytes.empty())
         throw CZemError(ErrorKind::kLocalFile, path + " cannot be read, or is empty");
@@ -102,12 +105,37 @@ int ConfigPush(const CommandLine& line, const ClientOptions& options) {
     return kExitOk;
 }
 
+constexpr const char* kFrameRates[] = {"file", "23.976", "24",    "25", "29.97",
+                                       "30",   "50",     "59.94", "60"};
+
+bool IsReadAhead(const std::string& value) {
+    if (value == "auto") return true;
+    return !value.empty() && value.size() <= 2 &&
+           value.find_first_not_of("0123456789") == std::string::npos && std::stoi(value) <= 64;
+}
+
+// The server does not say whether it took an attribute. What the media library that comes with it
+// would not take is doubtful; a host with another one may.
+std::string Doubt(const ClientOptions& options) {
+    const bool rate = options.name == "frameRate";
+    if (!rate && options.name != "readAhead")
+        return Printable(options.name) + " is not an attribute";
+    const bool good = rate ? std::ranges::find(kFrameRates, options.value) != std::end(kFrameRates)
+                           : IsReadAhead(options.value);
+    return good ? "" : Printable(options.value) + " is not a " + options.name;
+}
+
 int ConfigSet(const CommandLine& line, const ClientOptions& options) {
     line.RequireId("config set");
     const std::u16string name = ToUtf16(options.name, "the attribute's name");
     const std::u16string value = ToUtf16(options.value, "the attribute's value");
     CSession session(line, true);
     session->SetConfigAttribute(name, value);
+    const std::string doubt = Doubt(options);
+    if (!doubt.empty()) {
+        std::fprintf(stderr, "zem: zemhost does not take this: %s; see zem config set --help\n",
+                     doubt.c_str());
+    }
     PrintDone(line, "config set", {{"client", line.clientId}});
     return kExitOk;
 }

@@ -25,7 +25,7 @@ namespace zem {
 namespace {
 
 constexpr size_t kNoStream = static_cast<size_t>(-1);
-// How a file of a server's store begins: docs/store.md.
+// How a file of a server's store begins: docs/media.md.
 constexpr std::string_view kStoreHead = "ZEMSTOR1";
 
 // What the libraries call invalid data, whatever it is. `head`: how it begins.

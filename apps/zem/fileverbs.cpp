@@ -103,8 +103,10 @@ int Erase(const CommandLine& line, const FileOptions& options) {
     const std::vector<FrameDescEntry> descs =
         session->FrameDescs(file.Token(), options.from, options.count);
     for (size_t i = 0; i < descs.size(); ++i) {
-        if ((descs[i].flags & kFrameFlagPresent) != 0)
-            throw Refused("frame " + std::to_string(options.from + i) + " was not erased", {});
+        if ((descs[i].flags & kFrameFlagPresent) != 0) {
+            throw Refused("frame " + std::to_string(options.from + i) + " was not erased",
+                          IfVolumeIsFull(*session));
+        }
     }
     file.Close();
     PrintDone(line, "erase", {{"name", options.name}});

@@ -264,8 +264,9 @@ void AddFrameVerbs(CVerb program, CommandLine& line) {
 
     auto frames = std::make_shared<FrameOptions>();
     verb = Add(group, "frames",
-               "List the frames: size, flags (Key, Present, Erased, Corrupt), timecode", frames,
-               &Frames);
+               "List the frames: size, flags (Key, Present, Erased, Corrupt), timecode. None is "
+               "read: corrupt is one that a read has found to be, since the file was opened first",
+               frames, &Frames);
     const CArgument byName =
         verb.Flag("--by-name", frames->byName,
                   "Ask without opening the file; few names survive what the protocol does to them");

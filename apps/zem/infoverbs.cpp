@@ -109,11 +109,10 @@ int Space(const CommandLine& line, const InfoOptions& options) {
     const std::u16string volume = ToUtf16(options.volume, "the volume name");
     const VolumeSpace space = session->Space(volume);
     if (space.total_bytes == 0) {
-        const bool missing = !volume.empty() && session->Attributes(volume) == kNoAttributes;
-        throw Refused(
-            "the server could not tell the space of this volume",
-            missing ? Why{": there is no folder " + Printable(options.volume), kReasonNoFolder}
-                    : Why{});
+        Why why = WhyBadName(volume);
+        if (why.word == nullptr && !volume.empty() && session->Attributes(volume) == kNoAttributes)
+            why = {": there is no folder " + Printable(options.volume), kReasonNoFolder};
+        throw Refused("the server could not tell the space of this volume", why);
     }
     if (line.json) {
         CJson json;

@@ -13,6 +13,7 @@
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
 #include "apps/zem/output.h"
+#include "apps/zem/reasons.h"
 #include "apps/zem/terminal.h"
 
 namespace zem {
@@ -243,8 +244,8 @@ NearestFolder FindNearestFolder(CZemClient& client, const std::string& folder) {
         nearest.erase(std::min(from, nearest.size()));
     };
     dropTail(nearest.find_last_not_of(kSeparators) + 1);
-    // What leads out of the volume is left as it is, for the server to refuse.
-    if (("/" + nearest + "/").find("/../") != std::string::npos) return {nearest, ""};
+    // What cannot be is left as it is, for the server to refuse.
+    if (WhyBadName(FileNamed(nearest).name).word != nullptr) return {nearest, ""};
     const std::string wanted = nearest;
     while (!nearest.empty() && client.Attributes(FileNamed(nearest).name) == kNoAttributes) {
         const size_t above = nearest.find_last_of(kSeparators);

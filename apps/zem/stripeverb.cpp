@@ -98,7 +98,9 @@ int Stripe(const CommandLine& line, const StripeOptions& options) {
     wanted.flags = kEsFlagStriped | (dropFrame ? kEsFlagDropFrame : 0);
     if ((after.flags & (kEsFlagStriped | kEsFlagDropFrame)) != wanted.flags ||
         TimecodeText(StartTimecode(after)) != TimecodeText(StartTimecode(wanted))) {
-        throw Refused(Printable(options.name) + " was not striped", WhyNotChanged(after));
+        Why why = WhyNotChanged(after);
+        if (why.word == nullptr) why = IfVolumeIsFull(*session);
+        throw Refused(Printable(options.name) + " was not striped", why);
     }
     file.Close();
     PrintDone(line, "stripe", {{"name", options.name}});

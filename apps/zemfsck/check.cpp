@@ -171,8 +171,10 @@ private:
         const LoadReport& load = m_report.load;
         if (load.tailRecords != 0) {
             Remark("log", -1, load.logStart_bytes,
-                   "not closed: " + std::to_string(load.tailRecords) +
-                       " records since the last checkpoint");
+                   std::to_string(load.tailRecords) +
+                       (load.tailRecords == 1 ? " record" : " records") +
+                       " since the last checkpoint: the file was not closed, or only its timecode "
+                       "or marks were changed");
         }
         for (const LoadReport::Torn& torn : load.torn) {
             Remark("log", torn.position, torn.slotOffset_bytes,

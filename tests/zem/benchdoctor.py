@@ -94,6 +94,9 @@ class Bench(zemcase.OwnServerCase):
         done = self.run_zem('bench', '--seconds', '0.2', '--folder', '../out')
         self.assertEqual(done.returncode, 1)
         self.assertRegex(done.stderr, r'the server could not create .*: .')
+        done = self.run_zem('bench', '--seconds', '0.2', '--folder', '/media')
+        self.assertEqual(done.returncode, 1)
+        self.assertIn(': a name begins below the volume root, without a slash', done.stderr)
 
     def test_a_folder_that_is_a_file_says_so(self):
         with open(os.path.join(self.media, 'flat'), 'wb'):
@@ -222,6 +225,7 @@ class Doctor(zemcase.OwnServerCase):
         self.assertIn('a page of the server hides', self.doctor('--folder', 'media/Status')['download']['text'])
 
     def test_a_folder_that_cannot_be_written(self):
+        self.assertIn(': a name begins below the volume root', self.doctor('--folder', '/media', code=1)['frames']['text'])
         found = self.doctor('--folder', '../out', code=1)
         self.assertEqual(found['frames']['result'], 'fail')
         self.assertIn('--folder', found['frames']['advice'])

@@ -317,6 +317,10 @@ TEST_F(ZemCliFiles, ClientVerbsStayJoined) {
     EXPECT_EQ(Run({"--id", "d", "config", "push", "config.xml"}).code, 0);
     EXPECT_EQ(m_server.Requests().back().body.substr(12),
               std::string("<\0c\0 \0a\0=\0\"\0\xE9\0\"\0/\0>\0\0\0", 22));
+    EXPECT_EQ(Shell("sed 's/a=/b=/' config.xml | " + Quoted(ZEM_PROGRAM) + " --server " +
+                    m_server.Url() + " --id d config push -"),
+              0);
+    EXPECT_EQ(m_server.Requests().back().body.substr(18, 2), std::string("b\0", 2));
     EXPECT_EQ(Run({"--id", "d", "config", "set", "readAhead", "4"}).code, 0);
     EXPECT_EQ(Run({"--id", "d", "realtime"}).code, 0);
     EXPECT_EQ(Run({"--id", "d", "keepalive"}).code, 0);
@@ -325,6 +329,35 @@ TEST_F(ZemCliFiles, ClientVerbsStayJoined) {
               "{\"verb\":\"leave\",\"done\":true,\"client\":\"d\"}\n");
     EXPECT_TRUE(m_media.clients.empty());
     EXPECT_EQ(Run({"--id", "d", "config", "push", "missing.xml"}).code, 5);
+    const Outcome folder = Run({"--id", "d", "config", "push", "."});
+    EXPECT_EQ(folder.code, 5);
+    EXPECT_EQ(folder.err, "zem: . cannot be read\n");
+}
+
+// The protocol does not tell, and the server may have another media library.
+TEST_F(ZemCliFiles, AnAttributeThatIsNotKnownIsSentAndDoubted) {
+    struct Attribute {
+        const char* name;
+        const char* value;
+        const char* doubt;
+    };
+    for (const auto& [name, value, doubt] :
+         {Attribute{"frameRate", "file", ""},
+          {"frameRate", "59.94", ""},
+          {"readAhead", "auto", ""},
+          {"readAhead", "64", ""},
+          {"frameRate", "26", "26 is not a frameRate"},
+          {"readAhead", "65", "65 is not a readAhead"},
+          {"readAhead", "100", "100 is not a readAhead"},
+          {"readAhead", "", " is not a readAhead"},
+          {"framerate", "25", "framerate is not an attribute"}}) {
+        const Outcome outcome = Run({"--id", "d", "config", "set", name, value});
+        EXPECT_EQ(outcome.code, 0) << outcome.err;
+        EXPECT_EQ(m_server.Requests().back().Header("Zem-Id"), "d");
+        const std::string said = std::string("zem: zemhost does not take this: ") + doubt +
+                                 "; see zem config set --help\n";
+        EXPECT_EQ(outcome.err, *doubt == '\0' ? "" : said);
+    }
 }
 
 TEST_F(ZemCliFiles, StayKeepsTheClientJoined) {

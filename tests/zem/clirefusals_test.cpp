@@ -88,6 +88,7 @@ TEST_F(ZemCliFiles, ARefusedNameIsNamed) {
         EXPECT_TRUE(Has(Run({"info", name}).err, ": there is no such file\n")) << name;
     m_media.totalSpace_bytes = 0;
     EXPECT_TRUE(Has(Run({"df", "nope"}).err, "of this volume: there is no folder nope\n"));
+    EXPECT_TRUE(Has(Run({"df", "/media"}).err, "of this volume: a name begins below the volume"));
 }
 
 // The status page's numbers are some seconds old; who has joined is told those of now.
@@ -104,6 +105,12 @@ TEST_F(ZemCliFiles, TheDoctorAsksForTheSpaceAnewAndSaysWhatToDo) {
     const Outcome file = Run({"doctor", "--folder", "media/v"});
     EXPECT_TRUE(Has(file.out, "-> name a folder that the server may have, with --folder FOLDER"))
         << file.out;
+    m_media.freeSpace_bytes = 1000;
+    m_media.ignored = {13, 25};  // timecode, erasing
+    EXPECT_EQ(Run({"stripe", "media/v", "10:00:00:00"}).err,
+              "zem: media/v was not striped: its volume is full (1000 B free)\n");
+    EXPECT_EQ(Run({"erase", "media/v", "--from", "0", "--count", "1"}).err,
+              "zem: frame 0 was not erased: its volume is full (1000 B free)\n");
 }
 
 TEST_F(ZemCliFiles, AClipWithAnErasedFrameIsNotExportedAndWhatToDoIsSaid) {

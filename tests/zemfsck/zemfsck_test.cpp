@@ -124,7 +124,7 @@ TEST_F(Fsck, AFileThatACrashLeftIsCleanAndSaysSo) {
     ASSERT_EQ(Check(), S_OK);
     EXPECT_EQ(m_report.damages, 0u) << Damages();
     EXPECT_EQ(m_report.load.tailRecords, 1u);
-    EXPECT_NE(Remarks().find("log: not closed: 1 records since the last checkpoint"),
+    EXPECT_NE(Remarks().find("log: 1 record since the last checkpoint: the file was not closed"),
               std::string::npos)
         << Remarks();
 }
