@@ -9,9 +9,15 @@
 #include <system_error>
 
 #include "apps/zemhost/hostsystem.h"
+#include "apps/zemhost/widetext.h"
 #include "platform/platform.h"
 
 namespace {
+
+// In characters. Of a file that GET and DELETE reach: the volume root, a separator, the URL's path.
+constexpr size_t kLongestPath = 259;
+constexpr size_t kShortestName = 9;  // of a file, with the separator: that of /media/x
+constexpr size_t kUsualName = 100;   // what a root should leave
 
 std::filesystem::path PathOf(const std::string& utf8) {
     return std::filesystem::path(std::u8string(utf8.begin(), utf8.end()));
@@ -69,14 +75,25 @@ std::string CheckPort(const HostSettings& settings) {
 }
 
 std::string CheckAddresses(const HostSettings& settings) {
+    const std::string where = settings.addressesSource == SettingSource::kRegistry
+                                  ? "the registry value ListenOnlyList: "
+                                  : "";
     std::set<std::string> seen;
     for (const std::string& address : settings.addresses) {
-        if (!IsIpAddress(address)) {
-            return "'" + address + "' is not an IP address; give one, such as 127.0.0.1, with " +
+        const AddressKind kind = KindOfAddress(address);
+        if (kind == AddressKind::kNone) {
+            return where + "'" + address +
+                   "' is not an IP address; give one, such as 127.0.0.1, with " +
+                   kSettingAdvice.listen;
+        }
+        if (kind == AddressKind::kUnfit) {
+            return where + address +
+                   " is a multicast, broadcast, link-local or IPv4-mapped address, on which no "
+                   "server can listen here; give another with " +
                    kSettingAdvice.listen;
         }
         if (!seen.insert(address).second) {
-            return "the address " + address + " is given twice; give each once with " +
+            return where + "the address " + address + " is given twice; give each once with " +
                    kSettingAdvice.listen;
         }
     }
@@ -90,6 +107,12 @@ std::string CheckVolume(const HostSettings& settings) {
     }
     std::error_code error;
     const std::string named = "the volume root '" + settings.volume + "' ";
+    const size_t length = WidenText(settings.volume).size();
+    if (length + kShortestName > kLongestPath) {
+        return named + "has " + std::to_string(length) +
+               " characters, and with the name of a file there may be " +
+               std::to_string(kLongestPath) + "; give a shorter one with " + kSettingAdvice.volume;
+    }
     const std::string advice = std::string(" or give another with ") + kSettingAdvice.volume;
     const std::filesystem::file_status status =
         std::filesystem::status(PathOf(settings.volume), error);
@@ -106,7 +129,15 @@ std::string CheckVolume(const HostSettings& settings) {
 }
 
 std::string WarnOfVolume(const HostSettings& settings) {
-    if (CanWriteTo(settings.volume)) return {};
+    const size_t length = WidenText(settings.volume).size();
+    if (CanWriteTo(settings.volume)) {
+        if (length + kUsualName <= kLongestPath) return {};
+        return "the volume root '" + settings.volume +
+               "' is so long that GET and DELETE reach no "
+               "file whose name, with /media/ or /zem/, has more than " +
+               std::to_string(kLongestPath - length - 1) +
+               " characters; a shorter one is given with " + kSettingAdvice.volume;
+    }
     return "the volume root '" + settings.volume +
            "' cannot be written to by this user: clients can only read; change its rights or give "
            "another with " +

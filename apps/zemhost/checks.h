@@ -22,7 +22,8 @@ std::string CheckAddresses(const HostSettings& settings);
 // The volume root must be a directory that can be listed.
 std::string CheckVolume(const HostSettings& settings);
 
-// What is wrong with a volume root that can only be read. The server runs with it.
+// What is wrong with a volume root that can only be read, or is so long that it leaves names little
+// room. The server runs with it.
 std::string WarnOfVolume(const HostSettings& settings);
 
 // Why the server could not be started with the result hr (an HRESULT), where CheckPort found

@@ -57,7 +57,14 @@ bool CanWriteTo(const std::string& directory);
 // meanwhile.
 std::string WaitForStopSignal(const std::function<void()>& reopenLog);
 
-bool IsIpAddress(const std::string& text);
+enum class AddressKind {
+    kUsual,
+    kNone,   // no IP address
+    kUnfit,  // one of no machine (multicast, broadcast), or that the system takes only with more
+             // said
+};
+
+AddressKind KindOfAddress(const std::string& text);
 
 enum class ListenTrial { kWorks, kTaken, kForbidden, kNoSuchAddress };
 

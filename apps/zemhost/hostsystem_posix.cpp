@@ -131,9 +131,19 @@ std::string WaitForStopSignal(const std::function<void()>& reopenLog) {
     return std::string("SIG") + sigabbrev_np(number);
 }
 
-bool IsIpAddress(const std::string& text) {
+AddressKind KindOfAddress(const std::string& text) {
     SocketAddress address;
-    return MakeAddress(text, 0, address);
+    if (!MakeAddress(text, 0, address)) return AddressKind::kNone;
+    if (address.storage.ss_family == AF_INET) {
+        const auto& v4 = reinterpret_cast<const sockaddr_in&>(address.storage);
+        const in_addr_t number = ntohl(v4.sin_addr.s_addr);
+        const bool unfit = IN_MULTICAST(number) || number == INADDR_BROADCAST;
+        return unfit ? AddressKind::kUnfit : AddressKind::kUsual;
+    }
+    const in6_addr& number = reinterpret_cast<const sockaddr_in6&>(address.storage).sin6_addr;
+    const bool unfit = IN6_IS_ADDR_MULTICAST(&number) || IN6_IS_ADDR_LINKLOCAL(&number) ||
+                       IN6_IS_ADDR_V4MAPPED(&number);
+    return unfit ? AddressKind::kUnfit : AddressKind::kUsual;
 }
 
 ListenTrial TryListening(const std::string& text, uint16_t port) {

@@ -120,9 +120,10 @@ std::string WaitForStopSignal(const std::function<void()>&) {
     return g_stopName.load();
 }
 
-bool IsIpAddress(const std::string& text) {
+// What the system's own interface refuses among addresses, it tells itself.
+AddressKind KindOfAddress(const std::string& text) {
     SocketAddress address;
-    return MakeAddress(text, 0, address) != 0;
+    return MakeAddress(text, 0, address) != 0 ? AddressKind::kUsual : AddressKind::kNone;
 }
 
 // The system's HTTP interface shares ports: what counts is whether the URLs can be had.

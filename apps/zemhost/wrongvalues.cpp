@@ -71,13 +71,14 @@ std::string NoAddress(const RegistryPlace& place, const std::string& list) {
     if (place.value != kListenPlace.value) return {};
     std::string one;
     for (const char c : list + ",") {
-        if (c == ' ') continue;
-        if (c != ',')
+        if (c == ' ' && one.empty()) continue;
+        if (c != ',') {
             one += c;
-        else if (!IsIpAddress(one))
-            return "'" + one + "'";
-        else
-            one.clear();
+            continue;
+        }
+        one.erase(one.find_last_not_of(' ') + 1);
+        if (KindOfAddress(one) == AddressKind::kNone) return "'" + one + "'";
+        one.clear();
     }
     return {};
 }

@@ -328,6 +328,25 @@ case_volume_missing() {
     last_line_is "zemhost: the volume root '$work/none' does not exist; create it or give another with --volume DIR."
 }
 
+# GET and DELETE put the root in front of a name, and both together have 259 characters at most.
+case_volume_with_a_long_name() {
+    local folder=$work
+    while [ ${#folder} -lt 240 ]; do folder+=/123456789; done
+    while [ ${#folder} -lt 250 ]; do folder+=x; done
+    mkdir -p "${folder}x"
+    expect 3 --listen 127.0.0.1 --volume "${folder}x"
+    last_line_is "zemhost: the volume root '${folder}x' has 251 characters, and with the name of a file there may be 259; give a shorter one with --volume DIR."
+    mkdir "$folder"
+    start --volume "$folder"
+    mkdir "$folder/zem"
+    echo x >"$folder/zem/1234"
+    [ "$(curl -s -o /dev/null -w '%{http_code}' "http://127.0.0.1:$port/zem/123")" = 400 ] || fail 'there is none'
+    mv "$folder/zem/1234" "$folder/zem/123"
+    [ "$(curl -s "http://127.0.0.1:$port/zem/123")" = x ] || fail 'a name of eight characters'
+    stop TERM
+    says err "the volume root '$folder' is so long that GET and DELETE reach no file whose name, with /media/ or /zem/, has more than 8 characters; a shorter one is given with --volume DIR."
+}
+
 case_volume_is_a_file() {
     : >"$work/file"
     expect 3 --listen 127.0.0.1 --volume "$work/file"
@@ -339,6 +358,25 @@ case_volume_is_a_file() {
 case_address_is_no_address() {
     expect 3 --listen localhost --volume "$work"
     last_line_is "zemhost: 'localhost' is not an IP address; give one, such as 127.0.0.1, with --listen ADDRESS."
+}
+
+case_address_of_no_machine() {
+    for address in 224.0.0.1 255.255.255.255 ff02::1 fe80::1 ::ffff:127.0.0.1; do
+        for settings in '' --settings; do
+            expect 3 --listen "$address" --volume "$work" $settings
+            last_line_is "zemhost: $address is a multicast, broadcast, link-local or IPv4-mapped address, on which no server can listen here; give another with --listen ADDRESS."
+        done
+    done
+}
+
+case_address_in_the_registry_that_is_none() {
+    local parameters='[HKEY_LOCAL_MACHINE\System\CurrentControlSet\Services\HTTP\Parameters]'
+    settings_file "$parameters" '"ListenOnlyList"=hex(7):31,00,00,00,00,00'
+    expect 3 --registry "$work/settings.reg" --volume "$work"
+    last_line_is "zemhost: the registry value ListenOnlyList: '1' is not an IP address; give one, such as 127.0.0.1, with --listen ADDRESS."
+    settings_file "$parameters" '"ListenOnlyList"="10.0.0.1 ::1, ::1"'
+    expect 3 --registry "$work/settings.reg" --volume "$work"
+    says err "'10.0.0.1 ::1' is no IP address"
 }
 
 case_address_that_is_given_twice() {
