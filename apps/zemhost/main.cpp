@@ -37,8 +37,8 @@ std::string UseLog(const HostOptions& options, const HostSettings& settings) {
     log.toStderr = options.log.empty();
     log.format = settings.logFormat == "json" ? ErrorLogFormat::kJson : ErrorLogFormat::kText;
     std::string problem;
-    if (ErrorLogConfigure(log, &problem)) return {};
-    return problem + "; give another with --log FILE";
+    ErrorLogConfigure(log, &problem);
+    return problem;
 }
 
 // Names each value that is not read for its type; the last one by what is returned, if the server
@@ -77,7 +77,10 @@ std::string CheckBefore(const HostOptions& options, const HostSettings& settings
 std::string CheckAfter(const HostOptions& options, const HostSettings& settings) {
     std::string problem = CheckRegistry(options);
     if (problem.empty()) problem = CheckVolume(settings);
-    if (problem.empty()) problem = UseLog(options, settings);
+    if (problem.empty()) {
+        problem = UseLog(options, settings);
+        if (!problem.empty()) problem += "; give another with --log FILE";
+    }
     return problem;
 }
 
@@ -93,7 +96,8 @@ bool Listens(const HostSettings& settings) {
 // Asked for after a tool has renamed the file.
 void ReopenLog(const HostOptions& options, const HostSettings& settings) {
     const std::string problem = UseLog(options, settings);
-    if (!problem.empty()) Say(problem);
+    if (!problem.empty())
+        Say(problem + "; the log goes on in the file that it was in: mend that, and signal again");
 }
 
 int Serve(const HostOptions& options, const HostSettings& settings) {

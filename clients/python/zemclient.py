@@ -401,6 +401,8 @@ _WORD, _WORD2, _WORD3, _LONG = (struct.Struct(form) for form in ('<I', '<II', '<
 
 def _name(name: str) -> bytes:
     """A name field. Raises ValueError; what else the server refuses in names, it refuses itself."""
+    if not isinstance(name, str):
+        raise TypeError(f'a name is a str: {name!r}')
     raw = name.encode('utf-16-le')
     if '\0' in name or len(raw) > _NAME_BYTES - 2:
         raise ValueError(f'a name has at most 259 characters and no NUL: {name!r}')
@@ -990,6 +992,8 @@ class ZemClient:
     def get(self, name: str, target: BinaryIO) -> int:
         """Downloads a whole file as it is stored, piece by piece; returns its bytes. Raises ZemRefused if there is none
         (then nothing was written), and what the target raises."""
+        if not hasattr(target, 'write'):
+            raise TypeError(f'the target is a file that is open for writing bytes, not a name: {target!r}')
         path = self._path(name)
         if re.match('/media/(status|clients)', path, re.IGNORECASE):
             raise ValueError(f'a page of the server hides the files of this name: {name!r}')

@@ -307,6 +307,13 @@ class Volume(common.ServerCase):
             self.assertRaises(ZemRefused, call)
         self.assertTrue(client.exists('raise/a') and client.exists('raise/b'))
 
+    def test_what_is_no_name_and_no_file_is_a_type_error(self):
+        client = self.client()
+        with self.assertRaisesRegex(TypeError, '^a name is a str: '):
+            client.create_file('typed', VIDEO, CreateFlags.TRUNCATE)
+        with self.assertRaisesRegex(TypeError, "not a name: 'target'"):
+            client.get('media/typed', 'target')
+
     def test_a_position_that_there_is_not_is_a_value_error(self):
         client = self.client()
         with client.create_file('positions', VIDEO) as file:

@@ -89,8 +89,8 @@ class Signals(unittest.TestCase):
         client.close()
         server.stop_signal = signal.SIGHUP
         self.assertEqual(server.stop(PATIENCE_S), 0)
-        self.assertIn("zemhost: cannot open the log file '%s': Is a directory; give another with --log FILE.\n" % server.log,
-                      server.said)
+        self.assertIn("zemhost: cannot open the log file '%s': Is a directory; the log goes on in the file that it was in: "
+                      'mend that, and signal again.\n' % server.log, server.said)
         self.assertIn('zemhost stops: SIGHUP\n', server.said)
 
 
