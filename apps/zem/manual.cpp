@@ -116,8 +116,10 @@ constexpr const char* kNames =
     "files of this machine.";
 constexpr const char* kJsonText =
     "With --json, what a verb found is one JSON object a line on the standard output, and a "
-    "failure is an object with the members error, exit_code and hresult. Messages for people go to "
-    "the standard error as ever.";
+    "failure is an object with the members error, exit_code, hresult and reason, which is a word "
+    "for "
+    "programs, such as no_such_file, or null. Messages for people go to the standard error as "
+    "ever.";
 constexpr const char* kEscapes =
     "Text of the server never moves a terminal's cursor: control characters in names are shown as "
     "\\x1b or \\u202e.";

@@ -153,7 +153,10 @@ class Page:
     def text(self, selector):
         return self.run('document.querySelector(%s).innerText' % json.dumps(selector))
 
+    def picture(self, whole=False):
+        """What is seen, as a PNG file's bytes."""
+        return base64.b64decode(self.command('Page.captureScreenshot', format='png', captureBeyondViewport=whole)['data'])
+
     def screenshot(self, path, whole=False):
-        image = self.command('Page.captureScreenshot', format='png', captureBeyondViewport=whole)
         with open(path, 'wb') as out:
-            out.write(base64.b64decode(image['data']))
+            out.write(self.picture(whole))

@@ -14,11 +14,13 @@ import os
 import random
 import re
 import shutil
+import struct
 import subprocess
 import sys
 import threading
 import time
 import unittest
+import zlib
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.abspath(os.path.join(HERE, '..', '..'))
@@ -108,6 +110,31 @@ CONTRAST = r'''(() => {
 })()'''
 
 
+def pixels(png):
+    """The rows of a PNG of 8 bits a channel, each a list of (red, green, blue). https://www.w3.org/TR/png/"""
+    at, data = 8, b''
+    while at < len(png):
+        size, kind = struct.unpack_from('>I4s', png, at)
+        if kind == b'IHDR':
+            width, _, depth, colour, _, _, interlaced = struct.unpack_from('>IIBBBBB', png, at + 8)
+            assert depth == 8 and colour in (2, 6) and not interlaced, 'another kind of PNG'
+        if kind == b'IDAT':
+            data += png[at + 8:at + 8 + size]
+        at += size + 12
+    data, step = zlib.decompress(data), 4 if colour == 6 else 3
+    above, rows = bytearray(width * step), []
+    for start in range(0, len(data), width * step + 1):
+        kind, row = data[start], bytearray(data[start + 1:start + 1 + width * step])
+        for i in range(len(row)) if kind else ():
+            left, corner = (row[i - step], above[i - step]) if i >= step else (0, 0)
+            guess = left + above[i] - corner
+            nearest = min((left, above[i], corner), key=lambda value: abs(guess - value))
+            row[i] = row[i] + (0, left, above[i], (left + above[i]) // 2, nearest)[kind] & 255
+        above = row
+        rows.append([tuple(row[i:i + 3]) for i in range(0, len(row), step)])
+    return rows
+
+
 class Form(unittest.TestCase):
     """What can be told without a browser."""
 
@@ -193,6 +220,33 @@ class Live(unittest.TestCase):
                                100 * (1 - free / total), delta=1.5)
         self.assertEqual(self.page.run('sizeText(1536) + sizeText(0) + sizeText(2 ** 40 * 250)'), '1.5 KiB0 B250 TiB')
         self.assertRegex(self.page.text('#free'), r'^[\d.]+ [KMGT]iB$')
+
+    def test_a_screenshot_shows_what_the_pages_tell(self):
+        self.people.join('cam-1', 'Ä desk')
+        self.open()
+        self.page.wait_for('document.querySelectorAll("#rows tr").length === 2')
+        self.page.wait_for('document.querySelector("#gauge").getAttribute("aria-valuetext").includes("free of")')
+        # At rest, and where on the screen the arc's points are, from empty to full; whose colour is that of what is used.
+        points, used, names = self.page.run("""(() => {
+            document.getAnimations().forEach(one => one.finish());
+            const arc = document.querySelector('#used'), matrix = arc.getScreenCTM(), points = [];
+            for (let i = 1; i < 200; ++i) {
+                const angle = i / 200 * 1.5 * Math.PI;
+                const at = new DOMPoint(110 + 90 * Math.cos(angle), 110 + 90 * Math.sin(angle)).matrixTransform(matrix);
+                points.push([Math.round(at.x), Math.round(at.y)]);
+            }
+            const names = [...document.querySelectorAll('#rows bdi')].map(one => one.getBoundingClientRect().toJSON());
+            return [points, getComputedStyle(arc).stroke, names];
+        })()""")
+        used = tuple(map(int, re.findall(r'\d+', used)))
+        rows = pixels(self.page.picture())
+        self.assertEqual((len(rows), len(rows[0])), (900, 1280))
+        _, free, total = (int(word) for word in self.get('/media/status').body.decode().split())
+        self.assertAlmostEqual(sum(rows[y][x] == used for x, y in points) / len(points), 1 - free / total, delta=0.04)
+        for name in names:  # is written there
+            seen = {rows[y][x] for y in range(round(name['top']), round(name['bottom']))
+                    for x in range(round(name['left']), round(name['right']))}
+            self.assertGreater(len(seen), 5, name)
 
     def test_clients_come_and_go(self):
         self.people.join('cam-1', 'Ä desk')

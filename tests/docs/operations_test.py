@@ -12,11 +12,10 @@ import sys
 
 ROOT = sys.argv[1]
 LITERALS = r'(?:(?:TEXT\(\s*)?(?:"(?:[^"\\]|\\.)*"\s*)+\)?\s*)'
-# What goes to the log whether or not the server traces. Traces that need no switch are named one by one.
+# What goes to the log whether or not the server traces. Of the traces that RsDbg switches these are listed all the same.
 CALLS = ('ThrowError', 'LogError', 'LogMsg', 'LogWarning', 'LogSlowOperation', 'LogStore', 'LogStoreOf')
-UNSWITCHED_TRACES = ('ZEM HTTP file server mode', 'HTTP requests serviced', 'Purging', 'Joining', 'Rejoining', 'Leaving',
-                     'Deleting ZEM client', 'Could not set real-time', 'Disabling real-time', 'Enabling real-time',
-                     'Real-time IO', 'Relinquishing')
+LISTED_TRACES = ('ZEM HTTP file server mode', 'HTTP requests serviced', 'Deleting ZEM client', 'Could not set real-time')
+SWITCHED = re.compile(r'\bTracing\(\)\)\s*\{?\s*(?://.*\n\s*)?(?:\w+\.)?$|\brun\.$')  # run: CFileCommand looks itself
 
 
 def sources(*folders):
@@ -79,8 +78,8 @@ def log_texts():
             literals += [everywhere[name] for name in re.findall(r'\bk[A-Z]\w*', inside) if name in everywhere]
             wanted = [one for one in literals
                       if ' ' in one and len(one) >= 10]
-            if call.group(1) == 'Trace':
-                wanted = [one for one in wanted if any(name in one for name in UNSWITCHED_TRACES)]
+            if call.group(1) == 'Trace' and SWITCHED.search(text[:call.start()]):
+                wanted = [one for one in wanted if any(name in one for name in LISTED_TRACES)]
             elif not wanted and not re.search(r'\bhr, const WCHAR\*|DWORD level|\.\.\.', inside):
                 print('%s: no text found in %s(%s)' % (path, call.group(1), ' '.join(inside.split())))
                 sys.exit(1)

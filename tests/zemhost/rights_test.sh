@@ -3,6 +3,7 @@
 # shellcheck source=tests/zemhost/cases.sh
 . "$(dirname "${BASH_SOURCE[0]}")/cases.sh"
 
+# What nobody named may be missing, but not unreadable: it would look empty.
 case_registry_file_unreadable() {
     be_nobody
     : >"$work/file"
@@ -26,6 +27,7 @@ case_volume_that_cannot_be_listed() {
     last_line_is "zemhost: the volume root '$work/closed' cannot be listed (Permission denied); change its rights or give another with --volume DIR."
 }
 
+# An archive that is mounted read-only is of use.
 case_volume_that_can_only_be_read_is_served() {
     be_nobody
     mkdir -p "$work/volume/media"
@@ -88,6 +90,7 @@ case_user_who_may_not_see_the_volume() {
     last_line_is "zemhost: the volume root '$work/closed' cannot be listed (Permission denied); change its rights or give another with --volume DIR."
 }
 
+# Root opens a port that others may not, and keeps nothing of being root.
 case_user_after_a_low_port() {
     be_root
     mkdir "$work/volume" "$work/logs"
@@ -110,6 +113,7 @@ END
     stop TERM
 }
 
+# Without --user too a capability that was only for the port goes, as under a service manager that gives one.
 case_capability_for_the_port_is_given_up() {
     be_root
     mkdir "$work/volume"

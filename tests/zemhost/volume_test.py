@@ -152,7 +152,7 @@ class KernelWithoutIoUring(unittest.TestCase):
             lines = [line for line in log if 'io_uring' in line]
         self.assertEqual(len(lines), 1, lines)
         self.assertRegex(lines[0], r' warning \[\d+\] ring_posix\.cpp\(-1\): io_uring cannot be used '
-                                   r'\(Operation not permitted\): threads read and write instead\n$')
+                                   r'\(Operation not permitted\): threads read and write instead; to allow it: kernel.io_uring_disabled\n$')
 
 
 if __name__ == '__main__':

@@ -237,8 +237,6 @@ case_registry_file_malformed() {
     last_line_is "zemhost: the registry file '$work/file' is not a registry export; its first line must be: Windows Registry Editor Version 5.00."
 }
 
-# What nobody named may be missing, but not unreadable: it would look empty.
-
 case_log_format_unknown() {
     settings_file '"LogFormat"="xml"'
     for settings in '' --settings; do
@@ -353,8 +351,6 @@ case_volume_is_a_file() {
     last_line_is "zemhost: the volume root '$work/file' is not a directory; give one with --volume DIR."
 }
 
-# An archive that is mounted read-only is of use.
-
 case_address_is_no_address() {
     expect 3 --listen localhost --volume "$work"
     last_line_is "zemhost: 'localhost' is not an IP address; give one, such as 127.0.0.1, with --listen ADDRESS."
@@ -430,10 +426,6 @@ case_port_taken() {
     last_line_is "zemhost: port $port of 127.0.0.1 is taken by another program; stop that, or give another port with --port N."
     stop TERM
 }
-
-# Root opens a port that others may not, and keeps nothing of being root.
-
-# Without --user too a capability that was only for the port goes, as under a service manager that gives one.
 
 case_tells_the_service_manager() {
     mkdir "$work/volume"
