@@ -697,6 +697,26 @@ class ZemClient:
             return 'it exists'
         return self._why_not_opened(name, aux, stream.media_type, True)
 
+    @staticmethod
+    def _why_not_striped(stream: StreamDescriptor, start: Timecode, flags: StripeFlags) -> str:
+        if stream.flags & StreamFlags.READ_ONLY:
+            return 'a file of a foreign format is only read'
+        if stream.flags & StreamFlags.BEING_WRITTEN:
+            return 'it is open for writing'
+        over, under = stream.rate_numerator, stream.rate_denominator
+        if not over or not under:
+            return 'it has no frame rate'
+        nominal = (over + under // 2) // under
+        if start.drop_frame or flags & StripeFlags.DROP_FRAME:
+            if over * 1001 not in (under * 30000, under * 60000):
+                return f'drop-frame counts 30000/1001 or 60000/1001 frames a second, it has {over}/{under}'
+            if start.minutes % 10 and not start.seconds and start.frames < 2:
+                return 'drop-frame leaves this number out'
+        addresses = nominal // 2 if nominal > 30 else nominal
+        if start.frames >= addresses:
+            return f'the last number of a second is {addresses - 1}'
+        return ''
+
     # Files.
 
     def _token(self, command: Command, body: bytes) -> int:
@@ -865,7 +885,8 @@ class ZemClient:
         stream = self.get_file_info2(name, aux, media_type)
         told, asked = stream.start_timecode, start
         if not stream.flags & StreamFlags.STRIPED or str(told).replace(';', ':') != str(asked).replace(';', ':'):
-            raise ZemRefused(f'{name!r} was not striped')
+            why = self._why_not_striped(stream, start, flags)
+            raise ZemRefused(f'{name!r} was not striped' + (f': {why}' if why else ''))
 
     def erase_segment(self, token: int, first: int, end: int, media_type: MediaType = MediaType.ANY) -> None:
         """Erases the frames from first up to, but not including, end. It worked if get_frame_desc shows them ERASED."""
@@ -948,7 +969,8 @@ class ZemClient:
         if len(body) > MAX_CONFIG_BYTES:
             raise ValueError('a configuration has at most 16 MiB')
         if status := _WORD.unpack_from(self._ask(Command.UPDATE_CFG, body))[0]:
-            raise ZemRefused('UPDATE_CFG failed', status)
+            why = ': not joined, or what the server does not know' if status == Result.E_INVALIDARG else ''
+            raise ZemRefused('UPDATE_CFG failed' + why, status)
 
     def update_cfg_attr_str(self, name: str, value: str) -> None:
         """Sets one attribute. Whether that worked cannot be seen: update_cfg tells."""

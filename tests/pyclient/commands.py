@@ -245,17 +245,26 @@ class Frames(common.ServerCase):
         with client.open_file('frames/marks', 'tc') as timecode:
             self.assertEqual([str(frame.descriptor.timecode) for frame in timecode.frames()],
                              ['09:59:59:24', '10:00:00:00', '10:00:00:01', '10:00:00:02'])
-        with self.assertRaises(ZemRefused):  # 25 frames/s do not count in drop-frame
+        with self.assertRaisesRegex(ZemRefused, 'not striped: drop-frame counts .*, it has 25/1$'):
             client.stripe_timecode('frames/marks', Timecode.parse('01:00:00;00'))
+        with self.assertRaisesRegex(ZemRefused, 'not striped: the last number of a second is 24$'):
+            client.stripe_timecode('frames/marks', Timecode.parse('01:00:00:25'))
 
     def test_drop_frame(self):
         client = self.client()
         client.create_file('frames/no rate', StreamDescriptor(MediaType.VIDEO, 'mjpg')).close()
-        with self.assertRaises(ZemRefused):  # its start timecode is what was asked for, but nothing counts on from it
+        # Its start timecode is what was asked for, but nothing counts on from it.
+        with self.assertRaisesRegex(ZemRefused, 'not striped: it has no frame rate$'):
             client.stripe_timecode('frames/no rate', Timecode())
         client.create_file('frames/drop', StreamDescriptor(MediaType.VIDEO, 'mjpg', 30000, 1001)).close()
         client.stripe_timecode('frames/drop', Timecode.parse('01:00:00:02'), StripeFlags.DROP_FRAME)
         self.assertTrue(client.get_file_info2('frames/drop').flags & zemclient.StreamFlags.DROP_FRAME)
+        with self.assertRaisesRegex(ZemRefused, 'not striped: drop-frame leaves this number out$'):
+            client.stripe_timecode('frames/drop', Timecode.parse('01:01:00;01'))
+        client.create_file('frames/pairs', StreamDescriptor(MediaType.VIDEO, 'mjpg', 50, 1)).close()
+        with self.assertRaisesRegex(ZemRefused, 'not striped: the last number of a second is 24$'):
+            client.stripe_timecode('frames/pairs', Timecode(frames=25))
+        client.stripe_timecode('frames/pairs', Timecode(frames=24))
 
     def test_info(self):
         client = self.client()
