@@ -4,19 +4,16 @@
 #include "tests/fakes/fakeerrorlog.h"
 
 #include <fcntl.h>
+#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
+#include <filesystem>
 #include <random>
 #include <thread>
-
-// One test makes a second process and uses threads in it; no thread of the first one is running.
-extern "C" __attribute__((visibility("default"))) const char* __tsan_default_options();
-extern "C" const char* __tsan_default_options() {
-    return "die_after_fork=0";
-}
 
 namespace {
 
@@ -361,23 +358,42 @@ TEST_P(ChannelIo, ACompletionMayDeleteItsChannel) {
     EXPECT_EQ(Read(token, 0, bytes), S_OK);
 }
 
+// The writer is this program started once more: a fork would have the locks of threads that it has
+// not.
 TEST_P(ChannelIo, EverythingWrittenSurvivesSigkill) {
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    m_channel.reset();  // no thread of this process is in the child
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
+    static constexpr const char* kRootOfWriter = "ZEM_TEST_ROOT_OF_WRITER";
+    static constexpr int kAnswer = 9;
+    m_channel.reset();
+    if (const char* const root = std::getenv(kRootOfWriter)) {
+        std::filesystem::remove_all(m_root);  // it is killed before it could tidy up
+        UseRoot(root);
         m_channel = NewChannel();
         const ULONGLONG token = Create("media/clip.v0");
         bool good = token != 0;
         for (uint32_t i = 0; i < 50; ++i)
             good = good && Write(token, i, Bytes(i, 30000)) == S_OK;
         const char answer = good ? 'y' : 'n';
-        if (write(ready[1], &answer, 1) != 1) _exit(1);
+        if (write(kAnswer, &answer, 1) != 1) _exit(1);
         for (;;)
             pause();
     }
+    int ready[2];
+    ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
+    const testing::TestInfo& test = *testing::UnitTest::GetInstance()->current_test_info();
+    std::string filter =
+        std::string("--gtest_filter=") + test.test_suite_name() + "." + test.name();
+    std::string program = "/proc/self/exe";
+    char* const arguments[] = {program.data(), filter.data(), nullptr};
+    posix_spawn_file_actions_t actions;
+    ASSERT_EQ(posix_spawn_file_actions_init(&actions), 0);
+    ASSERT_EQ(posix_spawn_file_actions_adddup2(&actions, ready[1], kAnswer), 0);
+    pid_t child = 0;
+    setenv(kRootOfWriter, m_root.c_str(), 1);
+    const int error = posix_spawn(&child, program.c_str(), &actions, nullptr, arguments, environ);
+    unsetenv(kRootOfWriter);
+    posix_spawn_file_actions_destroy(&actions);
+    close(ready[1]);
+    ASSERT_EQ(error, 0);
     char answer = 0;
     EXPECT_EQ(read(ready[0], &answer, 1), 1);
     EXPECT_EQ(answer, 'y');
@@ -385,7 +401,6 @@ TEST_P(ChannelIo, EverythingWrittenSurvivesSigkill) {
     int status = 0;
     waitpid(child, &status, 0);
     close(ready[0]);
-    close(ready[1]);
     m_channel = NewChannel();
     const ULONGLONG token = Open("media/clip.v0");
     ZemEsDesc desc{};

@@ -92,10 +92,7 @@ inline std::vector<uint8_t> Fetch(const ZemIoBuffer& buffer) {
 class CVolumeTest : public testing::Test {
 protected:
     CVolumeTest() {
-        const WString root = Wide(m_root);
-        OverrideRegistryValue(TEXT("HKEY_LOCAL_MACHINE\\Software\\Quorvane Group\\RUD\\vfs"),
-                              TEXT("0"), REG_SZ, root.c_str(),
-                              static_cast<DWORD>((root.size() + 1) * sizeof(WCHAR)));
+        UseRoot(m_root);
         m_allocator.Initialize(125829120, nullptr);
         m_channel = NewChannel();
     }
@@ -105,6 +102,13 @@ protected:
         zemstore::AwaitNoMediaFiles();  // no file stays open
     }
 
+    // For channels that are made from now on.
+    static void UseRoot(const std::string& path) {
+        const WString root = Wide(path);
+        OverrideRegistryValue(TEXT("HKEY_LOCAL_MACHINE\\Software\\Quorvane Group\\RUD\\vfs"),
+                              TEXT("0"), REG_SZ, root.c_str(),
+                              static_cast<DWORD>((root.size() + 1) * sizeof(WCHAR)));
+    }
     std::unique_ptr<CZemChannelIo> NewChannel() {
         auto channel = std::make_unique<CZemChannelIo>(0x8001);
         channel->SetClientId(TEXT("client"));
