@@ -75,6 +75,22 @@ ffmpeg -v error -f lavfi -i testsrc2=size=320x240:rate=25 -t 1 -c:v mjpeg $volum
 [ "$(zem framemd5 clip.mov | grep -c '^[0-9]')" -eq 25 ]
 if grep -q 'foreign files cannot be read' $log; then fail 'the module for foreign files is not loaded'; fi
 
+step 'runs the session of the README as it stands'
+zcat -f /usr/share/doc/zemhttpd/README.md* | sed -n '/^```sh$/,/^```$/{/^```/!p}' >session.sh
+[ "$(grep -c '^zem ' session.sh)" -gt 5 ]
+mkdir session
+ln -s $volume session/volume
+(cd session && bash -euo pipefail ../session.sh </dev/null >../said 2>../complained) || fail "$(tail -n 3 said complained)"
+[ ! -s complained ] || fail "$(cat complained)"
+python3 -B - <<'END'
+printed = iter(open('said').read().splitlines())
+wanted = [line[5:].rstrip('\n') for line in open('session.sh') if line.startswith('# -> ')]
+assert len(wanted) > 4, wanted
+for line in wanted:
+    assert line in printed, 'not printed, or not in this order: ' + line
+END
+zem rm media/clip.v0 media/clip.a0 media/clip.mov media/whole.v0 media/whole.a0 media/whole.clip
+
 step 'a host program of one'"'"'s own is built and runs with it'
 # shellcheck disable=SC2046
 c++ -std=c++20 /usr/share/doc/zemhttpd/examples/host.cpp $(pkg-config --cflags --libs zemhttpd) -o host

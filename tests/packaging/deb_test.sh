@@ -60,11 +60,12 @@ ExecStart=/root/try/deb_inside.sh
 StandardOutput=file:/root/try/out
 StandardError=inherit
 END
+# What a container is refused and a machine is not: io_uring, and locked memory, without which a library of FFmpeg's complains.
 # Outside systemd there is no unit to keep; under it the container must not ask for one.
 options=(--register=no)
 [ -d /run/systemd/system ] || options+=(--keep-unit)
 SYSTEMD_NSPAWN_UNIFIED_HIERARCHY=1 timeout -k 10 400 systemd-nspawn "${options[@]}" --quiet --private-network \
-    --system-call-filter='io_uring_setup io_uring_enter io_uring_register' -D "$system" --boot --console=pipe \
+    --system-call-filter='@memlock io_uring_setup io_uring_enter io_uring_register' -D "$system" --boot --console=pipe \
     systemd.unit=try.service </dev/null >"$root/boot" 2>&1 || true
 if [ ! -e "$system/root/try/out" ]; then
     sed 's/^/boot: /' "$root/boot" | tail -n 20
