@@ -87,7 +87,7 @@ std::string Elsewhere(const HostSettings& settings) {
     if (all) return " on every address";
     std::string others;
     for (size_t i = 1; i < addresses.size(); ++i)
-        others += " and " + UrlAt(addresses[i], settings.port) + "/";
+        others += " and " + UrlAt(addresses[i], settings.port);
     return others;
 }
 
