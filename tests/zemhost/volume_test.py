@@ -13,7 +13,7 @@ ROOT = os.path.dirname(os.path.dirname(HERE))
 sys.path[:0] = [os.path.join(ROOT, 'clients', 'python'), os.path.join(ROOT, 'tests', 'e2e')]
 
 from wire import Server  # noqa: E402
-from zemclient import MediaType, OpenFlags, StreamDescriptor, ZemClient, ZemError, ZemRefused  # noqa: E402
+from zemclient import MediaType, OpenFlags, ReadEntry, StreamDescriptor, ZemClient, ZemError, ZemRefused  # noqa: E402
 
 PROGRAM = None
 VIDEO = StreamDescriptor(MediaType.VIDEO, 'mjpg', 25, 1)
@@ -90,6 +90,41 @@ class TwoServers(unittest.TestCase):
         for server in (self.first, self.second):
             with open(server.log, encoding='utf-8') as log:
                 self.assertIn('0x80070020', log.read())
+
+    def test_what_one_writes_the_other_does_not_delete_by_http(self):
+        with self.here.create_file('media/clip', VIDEO) as file:
+            with self.assertRaises(ZemRefused):
+                self.there.delete('media/clip')
+            file.write(0, picture(0))
+        self.assertEqual(self.frames(self.there, 'media/clip'), [picture(0)])
+        self.there.delete('media/clip')
+        self.assertFalse(self.here.exists('media/clip'))
+
+    def test_a_file_that_the_other_moves_is_written_on(self):
+        file = self.recorded(self.here, 3)
+        self.there.move_file('clip', 'moved')
+        file.write(3, picture(3))
+        file.close()
+        self.assertEqual(self.frames(self.there, 'moved'), [picture(n) for n in range(4)])
+
+    # What the reader has not read before it checks; what it gets is never another frame.
+    def test_what_the_other_overwrites_and_erases_is_the_old_frame_or_an_error(self):
+        file = self.recorded(self.here, 40)
+        with self.there.open_file('clip') as reader:
+            for number in range(10, 40):
+                file.write(number, picture(number, 1))
+            file.erase(0, 10)
+            file.flush()
+            for number in range(40, 80):  # into the space of those
+                file.write(number, picture(number, 2))
+            file.flush()
+            entries = [ReadEntry(reader.token, number) for number in range(40)]
+            for frame in self.there.read_frame(entries[:20]) + self.there.read_frame(entries[20:]):
+                if frame.ok:
+                    self.assertEqual(frame.data, picture(frame.position))
+        file.close()
+        self.assertEqual(self.frames(self.there)[10:],
+                         [picture(n, 1 if n < 40 else 2) for n in range(10, 80)])
 
     def test_each_writes_a_file_of_its_own_in_one_folder(self):
         for client, name in ((self.here, 'a'), (self.there, 'b')):
