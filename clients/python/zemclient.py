@@ -528,8 +528,8 @@ def _failure(entity: _Entity, name: str | None = None, use: str = '') -> ZemRefu
     if name is not None:
         text = f'{use} of {name!r} did not work: {text}'
         if entity.status == 400:
-            verb = 'read' if use == 'GET' else 'delete'
-            text += f'; perhaps there is no such file, or the server may not {verb} it'
+            other = 'the server may not read it' if use == 'GET' else 'somebody writes it, or the server may not delete it'
+            text += f'; perhaps there is no such file, or {other}'
     return ZemRefused(text, int(match[1], 16) if match else None, entity.status)
 
 

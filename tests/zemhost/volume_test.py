@@ -93,7 +93,7 @@ class TwoServers(unittest.TestCase):
 
     def test_what_one_writes_the_other_does_not_delete_by_http(self):
         with self.here.create_file('media/clip', VIDEO) as file:
-            with self.assertRaises(ZemRefused):
+            with self.assertRaisesRegex(ZemRefused, 'somebody writes it'):
                 self.there.delete('media/clip')
             file.write(0, picture(0))
         self.assertEqual(self.frames(self.there, 'media/clip'), [picture(0)])
