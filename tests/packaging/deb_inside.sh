@@ -23,7 +23,7 @@ main_pid() { systemctl show -P MainPID zemhttpd.service; }
 owner() { stat -c %U:%G "$1"; }
 
 step 'installs'
-apt-get install -qq ./first.deb  # no network: what it depends on is there
+apt-get install -qq --no-install-recommends ./first.deb  # no network: what it depends on is there
 [ -z "$(dpkg -V zemhttpd)" ]
 [ "$(owner $volume)" = zemhttpd:zemhttpd ]
 [ "$(owner /var/log/zemhttpd)" = zemhttpd:adm ]
@@ -131,7 +131,7 @@ until curl -s --max-time 5 -o /dev/null http://127.0.0.1/media/status; do [ $SEC
 
 step 'upgrades, and keeps the settings and the media'
 before=$(main_pid)
-apt-get install -qq -o Dpkg::Options::=--force-confold ./next.deb
+apt-get install -qq --no-install-recommends -o Dpkg::Options::=--force-confold ./next.deb
 grep -q '"HttpPort"=dword:00000050' $registry
 if grep -q 'next version' $registry; then fail 'the settings were replaced'; fi
 grep -q 'next version' $registry.dpkg-dist
@@ -141,7 +141,7 @@ answers 80
 [ "$(systemctl is-enabled zemhttpd.service)" = enabled ]
 
 step 'goes back to the version before'
-apt-get install -qq --allow-downgrades -o Dpkg::Options::=--force-confold ./first.deb
+apt-get install -qq --no-install-recommends --allow-downgrades -o Dpkg::Options::=--force-confold ./first.deb
 [ "$(dpkg-query -W -f '${Version}' zemhttpd)" = "$(dpkg-deb -f first.deb Version)" ]
 grep -q '"HttpPort"=dword:00000050' $registry
 answers 80
@@ -179,7 +179,7 @@ if dpkg-query -W zemhttpd 2>/dev/null; then fail 'dpkg still knows it'; fi
 
 step 'leaves nothing when there were no media'
 rm -r "${volume:?}"/clip*
-apt-get install -qq ./first.deb >/dev/null
+apt-get install -qq --no-install-recommends ./first.deb >/dev/null
 answers 8080
 dpkg -P zemhttpd >/dev/null
 [ ! -e /var/lib/zemhttpd ]
