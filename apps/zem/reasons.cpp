@@ -168,8 +168,14 @@ CZemError Explained(const CZemError& error, const Why& why) {
 }
 
 CZemError RefusedByHttp(const std::string& message, const PageReply& reply, const Why& why) {
-    return Refused(
-        message + ": HTTP " + std::to_string(reply.status) + " " + Printable(reply.reason), why);
+    const std::string said =
+        message + ": HTTP " + std::to_string(reply.status) + " " + Printable(reply.reason);
+    // A media server says 400 of what it has not, and 404 only outside of its own paths.
+    if (reply.status == 404 && why.word != kReasonNotServed) {
+        return {ErrorKind::kBadReply, "this does not look like a media server: " + said, 0,
+                kReasonOtherServer};
+    }
+    return Refused(said, why);
 }
 
 uint64_t OpenNamed(CZemClient& client, const FileRef& file) {

@@ -203,6 +203,14 @@ TEST_F(ZemCli, AnotherKindOfServerIs4) {
                                    asked + ": HTTP 404 Not Found; zem doctor tells why\n");
         EXPECT_TRUE(Has(outcome.out, "\"reason\":\"not_a_media_server\"")) << outcome.out;
     }
+    for (const char* const option : {"--http", "--quiet"}) {
+        const bool rm = std::string(option) == "--http";
+        const Outcome outcome = RunOn(none.Url(), {rm ? "rm" : "get", option, "media/x"});
+        EXPECT_EQ(outcome.code, 4);
+        EXPECT_EQ(outcome.err,
+                  std::string("zem: this does not look like a media server: media/x was not ") +
+                      (rm ? "deleted" : "sent") + ": HTTP 404 Not Found; zem doctor tells why\n");
+    }
 }
 
 TEST_F(ZemCli, AServersAddressIsCheckedBeforeItIsUsed) {

@@ -269,12 +269,12 @@ TEST_F(ZemCliFiles, ARefusalOfPlainHttpHasAReasonToo) {
 
 TEST_F(ZemCliFiles, ARefusalOfPlainHttpIsToldWhereNobodyCanJoin) {
     CScriptServer pages([](const ScriptRequest&) {
-        return ScriptAnswer{"HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n", false};
+        return ScriptAnswer{"HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\n\r\n", false};
     });
     const Outcome outcome = RunOn(pages.Url(), {"get", "media/none"});
     EXPECT_EQ(outcome.code, 1);
     EXPECT_EQ(outcome.err,
-              "zem: media/none was not sent: HTTP 404 Not Found (the server's log has the reason): "
+              "zem: media/none was not sent: HTTP 400 Bad Request (the server's log has the reason): "
               "perhaps there is no such file, or the server may not touch it\n");
 }
 
