@@ -273,9 +273,10 @@ TEST_F(ZemCliFiles, ARefusalOfPlainHttpIsToldWhereNobodyCanJoin) {
     });
     const Outcome outcome = RunOn(pages.Url(), {"get", "media/none"});
     EXPECT_EQ(outcome.code, 1);
-    EXPECT_EQ(outcome.err,
-              "zem: media/none was not sent: HTTP 400 Bad Request (the server's log has the reason): "
-              "perhaps there is no such file, or the server may not touch it\n");
+    EXPECT_EQ(
+        outcome.err,
+        "zem: media/none was not sent: HTTP 400 Bad Request (the server's log has the reason): "
+        "perhaps there is no such file, or the server may not touch it\n");
 }
 
 TEST_F(ZemCliFiles, ACreationThatIsRefusedSaysWhatIsLikely) {
