@@ -129,18 +129,19 @@ std::string CheckVolume(const HostSettings& settings) {
 }
 
 std::string WarnOfVolume(const HostSettings& settings) {
-    const size_t length = WidenText(settings.volume).size();
-    if (CanWriteTo(settings.volume)) {
-        if (length + kUsualName <= kLongestPath) return {};
-        return "the volume root '" + settings.volume +
-               "' is so long that GET and DELETE reach no "
-               "file whose name, with /media/ or /zem/, has more than " +
-               std::to_string(kLongestPath - length - 1) +
-               " characters; a shorter one is given with " + kSettingAdvice.volume;
+    const std::string named = "the volume root '" + settings.volume + "' ";
+    if (!CanWriteTo(settings.volume)) {
+        return named +
+               "cannot be written to by this user: clients can only read; change its rights or "
+               "give another with " +
+               kSettingAdvice.volume;
     }
-    return "the volume root '" + settings.volume +
-           "' cannot be written to by this user: clients can only read; change its rights or give "
-           "another with " +
+    const size_t length = WidenText(settings.volume).size();
+    if (length + kUsualName <= kLongestPath) return {};
+    return named +
+           "is so long that GET and DELETE reach no file whose name, with /media/ or /zem/, has "
+           "more than " +
+           std::to_string(kLongestPath - length - 1) + " characters; a shorter one is given with " +
            kSettingAdvice.volume;
 }
 

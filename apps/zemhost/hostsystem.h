@@ -60,8 +60,7 @@ std::string WaitForStopSignal(const std::function<void()>& reopenLog);
 enum class AddressKind {
     kUsual,
     kNone,   // no IP address
-    kUnfit,  // one of no machine (multicast, broadcast), or that the system takes only with more
-             // said
+    kUnfit,  // of no one machine, or not enough to listen on: multicast, link-local ...
 };
 
 AddressKind KindOfAddress(const std::string& text);

@@ -103,8 +103,7 @@ void SayThatThereIsNoRing(int error) {
     if (said.test_and_set()) return;
     LogStore(kErrorLogLevelWarning, 0, TEXT("ring_posix.cpp"),
              std::string("io_uring cannot be used (") + std::strerror(error) +
-                 "): threads read and write instead; to allow it: "
-                 "kernel.io_uring_disabled");
+                 "): threads read and write instead; to allow it: kernel.io_uring_disabled");
 }
 
 CRingIo::Side::Side(std::shared_ptr<Waiting> shared, bool isRealTime)

@@ -203,14 +203,14 @@ TEST_F(ZemCli, AnotherKindOfServerIs4) {
                                    asked + ": HTTP 404 Not Found; zem doctor tells why\n");
         EXPECT_TRUE(Has(outcome.out, "\"reason\":\"not_a_media_server\"")) << outcome.out;
     }
-    for (const char* const option : {"--http", "--quiet"}) {
-        const bool rm = std::string(option) == "--http";
-        const Outcome outcome = RunOn(none.Url(), {rm ? "rm" : "get", option, "media/x"});
+    const auto whole = [&](const std::vector<std::string>& arguments, const std::string& done) {
+        const Outcome outcome = RunOn(none.Url(), arguments);
         EXPECT_EQ(outcome.code, 4);
-        EXPECT_EQ(outcome.err,
-                  std::string("zem: this does not look like a media server: media/x was not ") +
-                      (rm ? "deleted" : "sent") + ": HTTP 404 Not Found; zem doctor tells why\n");
-    }
+        EXPECT_EQ(outcome.err, "zem: this does not look like a media server: media/x was not " +
+                                   done + ": HTTP 404 Not Found; zem doctor tells why\n");
+    };
+    whole({"get", "media/x"}, "sent");
+    whole({"rm", "--http", "media/x"}, "deleted");
 }
 
 TEST_F(ZemCli, AServersAddressIsCheckedBeforeItIsUsed) {
