@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# steps_test.sh SOURCE_DIR: what .ci/run tells at the end of steps that went well, that did so at the second try, that failed,
-# and that did not end.
+# steps_test.sh SOURCE_DIR: what .ci/run tells at the end of steps that went well, that did so at the second try, that looked at
+# a part, that failed, and that did not end.
 set -euo pipefail
 source_dir=$1
 # shellcheck source=tests/scratch.sh
@@ -27,6 +27,15 @@ never() {
 }
 unsteady() { twice second_time second_time; }
 hopeless() { twice never never; }
+# Had no time for all.
+half() {
+    printf 'in part: 2 of 4 were not looked at\n'
+    return 3
+}
+# Says it, and fails all the same.
+worse() {
+    half || return 1
+}
 # With a child that does not hear the signal that its parent ends at.
 endless() {
     printf 'endless: began\n'
@@ -45,6 +54,8 @@ tests() {
 {
     step 'well' true
     step 'unsteady' unsteady
+    step 'half' half
+    step 'worse' worse
     step --shown 'shown' never
     step 'tests' tests
     step 'hopeless' hopeless
@@ -56,11 +67,12 @@ tests() {
 tell_unwell >"$work/end"
 has() { grep -qxF -- "$1" "$work/end" || fail "the end lacks: $1"; }
 has 'first: the frame is another'
+has 'in part: 2 of 4 were not looked at'
 summary >"$work/results" && fail 'failures do not count'
-[ "$(tail -n 1 "$work/results")" = 'deciding: 2 passed, 3 failed' ] || fail "the last line: $(tail -n 1 "$work/results")"
+[ "$(tail -n 1 "$work/results")" = 'deciding: 2 passed, 4 failed, 1 in part' ] || fail "the last line: $(tail -n 1 "$work/results")"
 (failed=0 && summary >/dev/null) || fail 'success does not count'
 (failed=0 passed=0 && summary >/dev/null) && fail 'nothing that ran is a success'
-[ "$(sed '1,/^== summary/d; $d' "$work/results" | awk '{ print $1, $2 }' | paste -sd,)" = 'well passed,unsteady unsteady,shown to,tests FAILED,hopeless FAILED,endless FAILED,too late' ] ||
+[ "$(sed '1,/^== summary/d; $d' "$work/results" | awk '{ print $1, $2 }' | paste -sd,)" = 'well passed,unsteady unsteady,half in,worse FAILED,shown to,tests FAILED,hopeless FAILED,endless FAILED,too late' ] ||
     fail "results: $(cat "$work/results")"
 has 'the reason'
 if grep -qx noise "$work/end"; then fail 'a test that passed is told of'; fi
@@ -85,5 +97,5 @@ kill "$whole"
 wait "$whole" && fail 'a signal does not end it'
 flock -w 30 "$work/waits" true || fail 'what a step started outlives the whole'
 # What decided comes last.
-[ "$(grep '^== ' "$work/end" | tail -n 1)" = '== from build/ci/06.log' ] || fail 'what failed is not last'
+[ "$(grep '^== ' "$work/end" | tail -n 1)" = '== from build/ci/08.log' ] || fail 'what failed is not last'
 if grep -q '01.log' "$work/end"; then fail 'what went well is told of'; fi
