@@ -7,6 +7,7 @@
 #include "apps/zem/benchreport.h"
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
+#include "apps/zem/nearestfolder.h"
 #include "apps/zem/output.h"
 #include "apps/zem/session.h"
 #include "apps/zem/terminal.h"

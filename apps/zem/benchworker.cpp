@@ -9,6 +9,7 @@
 
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
+#include "apps/zem/nearestfolder.h"
 #include "apps/zem/reasons.h"
 #include "apps/zem/session.h"
 

@@ -13,6 +13,7 @@
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
 #include "apps/zem/latency.h"
+#include "apps/zem/nearestfolder.h"
 #include "apps/zem/output.h"
 #include "apps/zem/reasons.h"
 #include "apps/zem/serverpages.h"

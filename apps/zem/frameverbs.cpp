@@ -11,6 +11,7 @@ extern "C" {
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
 #include "apps/zem/demux.h"
+#include "apps/zem/localfile.h"
 #include "apps/zem/output.h"
 #include "apps/zem/reasons.h"
 #include "apps/zem/session.h"

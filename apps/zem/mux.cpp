@@ -18,7 +18,7 @@ extern "C" {
 #include "apps/zem/averror.h"
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
-#include "apps/zem/session.h"
+#include "apps/zem/localfile.h"
 
 namespace zem {
 namespace {

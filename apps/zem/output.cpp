@@ -52,6 +52,12 @@ std::string Counted(uint64_t count, const char* what) {
     return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
 }
 
+std::string RateText(uint32_t numerator, uint32_t denominator) {
+    if (denominator == 0 || numerator == 0) return "none";
+    if (numerator % denominator == 0) return std::to_string(numerator / denominator);
+    return std::to_string(numerator) + "/" + std::to_string(denominator);
+}
+
 void CJson::Begin(std::string_view key) {
     if (!m_first) m_text += ",";
     m_first = false;

@@ -15,6 +15,8 @@ bool ParseBytes(std::string_view text, uint64_t& bytes);
 
 // "1 client", "2 clients".
 std::string Counted(uint64_t count, const char* what);
+// Frames per second: "25", "30000/1001"; "none".
+std::string RateText(uint32_t numerator, uint32_t denominator);
 
 // A JSON text, built in order: ASCII control characters, C1 and direction marks are escaped, bytes
 // that are no UTF-8 become U+FFFD. Members of an object are given a key, elements of an array none

@@ -1,5 +1,5 @@
 // What several verbs share: a client that joined and stays alive, open files, frames that are read
-// one by one, files of this machine. Main thread, but for the keep-alives.
+// one by one. Main thread, but for the keep-alives.
 #pragma once
 
 #include <atomic>
@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <span>
 #include <string>
 #include <thread>
 
@@ -88,52 +87,7 @@ void RequireFirst(const std::string& name, uint32_t from, uint32_t count);
 // waiting for its disk now and then keeps it from that.
 inline constexpr uint64_t kUnconfirmed_bytes = 40u << 20;
 
-// Throws what it means that `path` could not be written: CZemError(kInterrupted) when its reader is
-// gone, else CZemError(kLocalFile) with `why`.
-[[noreturn]] void ThrowUnwritten(const std::string& path, const std::string& why);
-// Throws that when not all of stdout was written.
-void FlushStdout();
-
-// The name that a file which is written at `path` is to get, which is behind the link where one is
-// there; empty for a pipe or a device that takes bytes, which stay what they are. Throws
-// CZemError(kLocalFile) for what is no file, for a link that leads to none, and for a file that
-// exists when `force` is not set.
-std::string PlaceToReplace(const std::string& path, bool force);
-
-// Throws CZemError(kLocalFile) when the folder that `path` is to lie in is not there.
-void RequireFolderOf(const std::string& path);
-
-// A file of this machine that appears under its name only when it is complete; or a pipe or device.
-class COutputFile {
-public:
-    // "-" is stdout. Throws as PlaceToReplace, and CZemError(kUsage) for a terminal.
-    COutputFile(const std::string& path, bool force);
-    ~COutputFile();  // removes what is incomplete
-    COutputFile(const COutputFile&) = delete;
-    COutputFile& operator=(const COutputFile&) = delete;
-    void Write(std::span<const uint8_t> bytes);
-    void Finish();
-
-private:
-    struct State;
-    std::unique_ptr<State> m_state;
-};
-
 // `name` and `aux`, UTF-8, as the protocol takes them. Throws CZemError(kUsage) if they are not.
 FileRef FileNamed(const std::string& name, const std::string& aux = {});
-
-// A folder of the server, or where it is missing the nearest one above that is there. A server
-// makes the folders of a file that it creates and has no command to delete them: who wants to leave
-// nothing behind works in one that is there.
-struct NearestFolder {
-    std::string path;  // "" is the volume root
-    std::string note;  // "", or ", in the volume root: there is no media"
-};
-NearestFolder FindNearestFolder(CZemClient& client, const std::string& folder);
-// "media/name"; in the volume root "name".
-std::string PathIn(const std::string& folder, const std::string& name);
-
-// Frames per second: "25", "30000/1001"; "none".
-std::string RateText(uint32_t numerator, uint32_t denominator);
 
 }  // namespace zem

@@ -11,8 +11,8 @@
 
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
+#include "apps/zem/localfile.h"
 #include "apps/zem/output.h"
-#include "apps/zem/session.h"
 #include "apps/zem/terminal.h"
 #include "apps/zem/topview.h"
 #include "apps/zem/valuecheck.h"
