@@ -118,20 +118,29 @@ public:
     explicit CWritersKeptOut(int path)
         : m_descriptor(open(("/proc/self/fd/" + std::to_string(path)).c_str(),
                             O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)) {
-        m_beingWritten = m_descriptor >= 0 && flock(m_descriptor, LOCK_EX | LOCK_NB) != 0 &&
-                         errno == EWOULDBLOCK;
+        if (m_descriptor < 0) {
+            // Whom the file's rights keep from reading it they do not keep from deleting it.
+            if (errno != EACCES) m_error = ErrorFromErrno(errno);
+            // Shared: a network file system wants a descriptor to write with for the other kind.
+        } else if (flock(m_descriptor, LOCK_SH | LOCK_NB) != 0) {
+            // Where there are no locks its writers have none either.
+            if (errno == EWOULDBLOCK)
+                m_error = ERROR_SHARING_VIOLATION;
+            else if (errno != ENOLCK && errno != EOPNOTSUPP)
+                m_error = ErrorFromErrno(errno);
+        }
     }
     ~CWritersKeptOut() {
         if (m_descriptor >= 0) close(m_descriptor);
     }
     CWritersKeptOut(const CWritersKeptOut&) = delete;
     CWritersKeptOut& operator=(const CWritersKeptOut&) = delete;
-    // By somebody who was there before.
-    bool BeingWritten() const { return m_beingWritten; }
+    // ERROR_SHARING_VIOLATION: somebody writes it; another: that cannot be told. Else 0.
+    DWORD Error() const { return m_error; }
 
 private:
     int m_descriptor;
-    bool m_beingWritten;
+    DWORD m_error = 0;
 };
 
 bool IsReadOnly(const struct stat& status) {
@@ -225,7 +234,7 @@ BOOL SetFileInformationByHandle(HANDLE file, FILE_INFO_BY_HANDLE_CLASS kind, LPV
     if (opened.st_dev != named.st_dev || opened.st_ino != named.st_ino)
         return Fail(ERROR_FILE_NOT_FOUND);
     const CWritersKeptOut kept_out(pin->Descriptor());
-    if (kept_out.BeingWritten()) return Fail(ERROR_SHARING_VIOLATION);
+    if (kept_out.Error()) return Fail(kept_out.Error());
     if (unlinkat(pin->Folder(), pin->Leaf(), 0) != 0) return Fail(ErrorFromErrno(errno));
     return TRUE;
 }

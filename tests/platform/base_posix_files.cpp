@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -191,6 +192,37 @@ TEST(PosixFiles, WhatIsBeingWrittenIsNotDeleted) {
     EXPECT_EQ(flock(writer, LOCK_EX | LOCK_NB), 0) << "the lock is kept no longer";
     EXPECT_TRUE(CloseHandle(file));
     close(writer);
+}
+
+// Without a descriptor nobody can tell whether it is being written.
+TEST(PosixFiles, WhatMayBeBeingWrittenIsNotDeleted) {
+    const CTempFolder folder;
+    std::ofstream(folder.File("file")) << "x";
+    const HANDLE file = OpenToDelete(folder.Path().string<WCHAR>() + TEXT("/file"));
+    rlimit usual{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+    const int next = dup(STDERR_FILENO);
+    close(next);
+    const rlimit none{static_cast<rlim_t>(next), usual.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const BOOL deleted = DeleteOpen(file);
+    const DWORD error = GetLastError();
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
+    EXPECT_FALSE(deleted);
+    EXPECT_EQ(error, ERROR_TOO_MANY_OPEN_FILES);
+    EXPECT_TRUE(DeleteOpen(file));
+    EXPECT_TRUE(CloseHandle(file));
+}
+
+TEST(PosixFiles, WhoeverReadsItDoesNotKeepItFromBeingDeleted) {
+    const CTempFolder folder;
+    std::ofstream(folder.File("file")) << "x";
+    const int reader = open(folder.File("file").c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(flock(reader, LOCK_SH), 0);
+    const HANDLE file = OpenToDelete(folder.Path().string<WCHAR>() + TEXT("/file"));
+    EXPECT_TRUE(DeleteOpen(file));
+    EXPECT_TRUE(CloseHandle(file));
+    close(reader);
 }
 
 TEST(PosixFiles, OnlyWhatWasOpenedToBeDeletedIs) {
