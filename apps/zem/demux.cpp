@@ -102,9 +102,10 @@ void CDemuxer::OpenInput() {
     }
     if (result >= 0) return;
     if (result == AVERROR_INVALIDDATA || result == AVERROR(EIO) || result == AVERROR_EOF) {
-        if (head.empty())
+        if (!head.empty())
+            what = WhyNoClip(head);
+        else if (result != AVERROR(EIO))  // that is the device's: not even its begin can be read
             throw CZemError(ErrorKind::kLocalFile, Printable(m_path) + ": it is empty");
-        what = WhyNoClip(head);
     }
     ThrowAv(m_path, result, what);
 }

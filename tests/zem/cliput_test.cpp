@@ -240,6 +240,17 @@ TEST_F(ZemCli, APipeThatBringsNothingIsNoClip) {
     EXPECT_EQ(Contents(m_dir / "err"), "zem: pipe: it is empty\n");
 }
 
+// Nothing is mapped at the beginning of a process' memory: reading there fails as a bad disk does.
+TEST_F(ZemCli, AClipWhoseDeviceFailsIsNotEmpty) {
+    m_server.Settle();
+    for (const std::string from :
+         {" put - media/x </proc/self/mem", " put /proc/self/mem media/x"}) {
+        EXPECT_EQ(Shell(Quoted(ZEM_PROGRAM) + " --server " + m_server.Url() + from + " 2>err"), 5);
+        EXPECT_TRUE(Contents(m_dir / "err").ends_with(": Input/output error\n"))
+            << Contents(m_dir / "err");
+    }
+}
+
 TEST_F(ZemCli, PutNoticesEveryLostFrame) {
     MakeClip();
     for (const uint32_t lost : {0u, 12u, 24u}) {
