@@ -19,6 +19,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <mutex>
 #include <system_error>
 #include <thread>
@@ -97,13 +98,22 @@ std::mutex& RingLock() {
     return *lock;
 }
 
+// Of the reasons for EPERM, besides the filter of a container, the one that a user can look up.
+bool IsDisabledBySetting() {
+    int value = 0;
+    std::ifstream("/proc/sys/kernel/io_uring_disabled") >> value;
+    return value != 0;
+}
+
 // Once in a process: it stays so.
 void SayThatThereIsNoRing(int error) {
     static std::atomic_flag said;
     if (said.test_and_set()) return;
+    const bool disabled = error == EPERM && IsDisabledBySetting();
     LogStore(kErrorLogLevelWarning, 0, TEXT("ring_posix.cpp"),
              std::string("io_uring cannot be used (") + std::strerror(error) +
-                 "): threads read and write instead; to allow it: kernel.io_uring_disabled");
+                 "): threads read and write instead" +
+                 (disabled ? "; sysctl kernel.io_uring_disabled=0 allows it" : ""));
 }
 
 CRingIo::Side::Side(std::shared_ptr<Waiting> shared, bool isRealTime)

@@ -19,8 +19,16 @@ PROGRAM = None
 VIDEO = StreamDescriptor(MediaType.VIDEO, 'mjpg', 25, 1)
 
 
-def picture(number, version=0):
-    return b'picture %d, version %d ' % (number, version) * (50 + number)
+def picture(number, version=0, times=50):
+    return b'picture %d, version %d ' % (number, version) * (times + number)
+
+
+# So long that its place in the file holds nothing else.
+def long_picture(number, version=0):
+    return picture(number, version, 5000)
+
+
+ERROR_CRC = 0x80070017
 
 
 class TwoServers(unittest.TestCase):
@@ -44,10 +52,10 @@ class TwoServers(unittest.TestCase):
         with client.open_file(name) as file:
             return [frame.data for frame in file.frames()]
 
-    def recorded(self, client, count, flush=True):
+    def recorded(self, client, count, flush=True, made=picture):
         file = client.create_file('clip', VIDEO)
         for number in range(count):
-            file.write(number, picture(number))
+            file.write(number, made(number))
         if flush:
             file.flush()
         return file
@@ -108,23 +116,41 @@ class TwoServers(unittest.TestCase):
         self.assertEqual(self.frames(self.there, 'moved'), [picture(n) for n in range(4)])
 
     # What the reader has not read before it checks; what it gets is never another frame.
-    def test_what_the_other_overwrites_and_erases_is_the_old_frame_or_an_error(self):
-        file = self.recorded(self.here, 40)
+    def overwritten_elsewhere(self, before=False):
+        """Frames 0 to 40 as they are read there after all but the last were overwritten or erased here, and their space was
+        written anew; `before`: they had been read there before."""
+        file = self.recorded(self.here, 41, made=long_picture)
         with self.there.open_file('clip') as reader:
+            if before:
+                self.assertEqual([frame.data for frame in self.read(reader)], [long_picture(n) for n in range(41)])
             for number in range(10, 40):
-                file.write(number, picture(number, 1))
+                file.write(number, long_picture(number, 1))
             file.erase(0, 10)
             file.flush()
-            for number in range(40, 80):  # into the space of those
-                file.write(number, picture(number, 2))
+            for number in range(41, 81):  # into the space of those
+                file.write(number, long_picture(number, 2))
             file.flush()
-            entries = [ReadEntry(reader.token, number) for number in range(40)]
-            for frame in self.there.read_frame(entries[:20]) + self.there.read_frame(entries[20:]):
-                if frame.ok:
-                    self.assertEqual(frame.data, picture(frame.position))
+            frames = self.read(reader)
         file.close()
         self.assertEqual(self.frames(self.there)[10:],
-                         [picture(n, 1 if n < 40 else 2) for n in range(10, 80)])
+                         [long_picture(n, 1 if n < 40 else 2 if n > 40 else 0) for n in range(10, 81)])
+        self.assertEqual(frames[40].data, long_picture(40), 'what nobody touched')
+        self.assertFalse(all(frame.data == long_picture(frame.position) for frame in frames), 'no space was used again')
+        return frames
+
+    def read(self, reader):
+        return [self.there.read_frame([ReadEntry(reader.token, number)])[0] for number in range(41)]
+
+    def test_what_the_other_overwrites_and_erases_is_the_old_frame_or_an_error(self):
+        for frame in self.overwritten_elsewhere():
+            if frame.ok:
+                self.assertEqual(frame.data, long_picture(frame.position))
+            else:
+                self.assertEqual(frame.status & 0xFFFFFFFF, ERROR_CRC)
+
+    def test_what_was_read_before_the_other_overwrites_it_may_be_other_bytes(self):
+        frames = self.overwritten_elsewhere(before=True)
+        self.assertTrue(all(frame.ok for frame in frames), 'its checksum is looked at once')
 
     def test_each_writes_a_file_of_its_own_in_one_folder(self):
         for client, name in ((self.here, 'a'), (self.there, 'b')):
@@ -186,8 +212,10 @@ class KernelWithoutIoUring(unittest.TestCase):
         with open(server.log, encoding='utf-8') as log:
             lines = [line for line in log if 'io_uring' in line]
         self.assertEqual(len(lines), 1, lines)
+        with open('/proc/sys/kernel/io_uring_disabled', encoding='ascii') as setting:
+            advice = '; sysctl kernel.io_uring_disabled=0 allows it' if int(setting.read()) else ''
         self.assertRegex(lines[0], r' warning \[\d+\] ring_posix\.cpp\(-1\): io_uring cannot be used '
-                                   r'\(Operation not permitted\): threads read and write instead; to allow it: kernel.io_uring_disabled\n$')
+                                   r'\(Operation not permitted\): threads read and write instead%s\n$' % advice)
 
 
 if __name__ == '__main__':
