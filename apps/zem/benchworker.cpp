@@ -1,10 +1,13 @@
 // See benchworker.h. Every frame begins with who wrote it, where and when, so that a read tells
-// whether it is the one that was last written.
+// whether it is the one that was last written. A server answers a write that it drops, too, and
+// what is written to the same position later hides that. So positions are written in rounds, each
+// once, and before the next round the flags of all frames must be those that this one gave them.
 #include "apps/zem/benchworker.h"
 
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <numeric>
 #include <thread>
 
 #include "apps/zem/client/text.h"
@@ -72,6 +75,7 @@ void CBenchWorker::Prepare() {
     m_created = true;
     m_frames = m_plan.frames;
     m_written.assign(m_frames, 0);
+    m_flags.assign(m_frames, kFrameFlagKey);
     m_data.resize(m_plan.frame_bytes);
     for (size_t at = 0; at + 8 <= m_data.size(); at += 8) {
         const uint64_t word = NextRandom(m_random);
@@ -136,7 +140,7 @@ void CBenchWorker::WriteOne(uint32_t position) {
     WriteEntry entry;
     entry.token = m_token;
     entry.position = position;
-    entry.streamFlags = kFrameFlagKey;
+    entry.streamFlags = m_flags[position];
     entry.bufferLengths_bytes = {static_cast<uint32_t>(m_data.size())};
     m_client.WriteFrames({&entry, 1}, m_data);
     m_written[position] = m_sequence;
@@ -151,15 +155,46 @@ void CBenchWorker::FlushIf(uint64_t more_bytes) {
     m_unflushed_bytes += more_bytes;
 }
 
+void CBenchWorker::BeginRound() {
+    m_next = 0;
+    if (!m_plan.random) return;
+    for (uint32_t left = m_frames; left > 1; --left)
+        std::swap(m_round[left - 1], m_round[NextRandom(m_random) % left]);
+}
+
+// Counts the frames of a whole round that the server does not have. The next one of a position gets
+// the other flags than what is there now.
+void CBenchWorker::CheckRound() {
+    m_client.Flush(m_token);
+    m_unflushed_bytes = 0;
+    const std::vector<FrameDescEntry> descs = m_client.FrameDescs(m_token, 0, m_frames);
+    for (uint32_t position = 0; position < m_frames; ++position) {
+        const bool present = (descs[position].flags & kFrameFlagPresent) != 0;
+        const uint32_t flags = present ? descs[position].flags & kFrameFlagKey : 0;
+        if (!present || flags != m_flags[position]) {
+            ++lost;
+            m_written[position] = 0;
+        }
+        m_flags[position] = flags ^ kFrameFlagKey;
+    }
+}
+
 void CBenchWorker::Write(Clock::time_point start) {
     Begin();
-    m_next = 0;
+    m_round.resize(m_frames);
+    std::iota(m_round.begin(), m_round.end(), 0);
+    BeginRound();
     for (Clock::time_point due; Due(start, due);) {
+        if (m_next == m_frames) {
+            CheckRound();
+            BeginRound();
+        }
         FlushIf(m_data.size());
         const Clock::time_point issued = Clock::now();
-        WriteOne(NextPosition());
+        WriteOne(m_round[m_next++]);
         Count(due, issued, m_data.size());
     }
+    m_next = 0;
     m_client.Flush(m_token);
     m_unflushed_bytes = 0;
 }

@@ -61,7 +61,7 @@ public:
     bool LeftFile() const { return m_created; }
 
     BenchResult result;  // of the run that ended last
-    uint64_t lost = 0;   // frames that Check did not find
+    uint64_t lost = 0;   // frames of which it was seen that the server does not have them
 
     uint64_t doneFrames() const { return m_done.load(std::memory_order_relaxed); }
     uint64_t doneBytes() const { return m_doneBytes.load(std::memory_order_relaxed); }
@@ -71,6 +71,8 @@ private:
     bool Due(Clock::time_point start, Clock::time_point& due);
     void Count(Clock::time_point due, Clock::time_point issued, uint64_t bytes);
     uint32_t NextPosition();
+    void CheckRound();
+    void BeginRound();
     void WriteOne(uint32_t position);
     void FlushIf(uint64_t more_bytes);
     bool IsOurs(const StreamFrame& frame, uint32_t position) const;
@@ -88,6 +90,8 @@ private:
     uint64_t m_unflushed_bytes = 0;
     uint64_t m_sequence = 0;
     std::vector<uint64_t> m_written;  // the sequence number that each position should hold; 0: none
+    std::vector<uint32_t> m_flags;    // of each position's next frame, then of the one written
+    std::vector<uint32_t> m_round;    // every position once, in the order of writing
     std::vector<uint8_t> m_data;
     std::atomic<uint64_t> m_done{0};
     std::atomic<uint64_t> m_doneBytes{0};

@@ -262,6 +262,26 @@ TEST_F(ZemCli, PutNoticesEveryLostFrame) {
     }
 }
 
+// Most of them are written over before the end.
+TEST_F(ZemCli, BenchNoticesEveryLostFrame) {
+    m_media.freeSpace_bytes = uint64_t{1} << 30;
+    for (const char* const order : {"--json", "--random"}) {
+        for (const unsigned drop : {2u, 3u, 10u}) {
+            m_media.dropEvery = drop;
+            const Outcome outcome =
+                Run({"bench", "--json", order, "--mode", "write", "--connections", "1", "--frames",
+                     "4", "--frame-size", "16", "--seconds", "0.1"});
+            EXPECT_EQ(outcome.code, 1);
+            const uint64_t written = m_media.WritesAndAnew();
+            EXPECT_GT(written, 40u);
+            EXPECT_TRUE(Has(outcome.out, "\"frames\":" + std::to_string(written) + ","))
+                << outcome.out;
+            EXPECT_TRUE(Has(outcome.out, "\"lost\":" + std::to_string(written / drop) + "}"))
+                << outcome.out << drop;
+        }
+    }
+}
+
 TEST_F(ZemCli, PutTellsAFullVolume) {
     MakeClip();
     m_media.dropWrites = {{"media/clip.v0", 24}};

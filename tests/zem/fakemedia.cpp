@@ -183,9 +183,13 @@ std::string CFakeMedia::FrameDescs(const File* file, uint32_t position, uint32_t
     std::string reply = Le32(0) + Le32(count);
     for (uint32_t i = 0; i < count; ++i) {
         const bool there = !noDescs && file != nullptr && file->frames.count(position + i) != 0;
-        reply += there ? Le32(static_cast<uint32_t>(file->frames.at(position + i).size())) +
-                             Le32(3) + Le32(0x01000000)
-                       : std::string(12, '\0');
+        if (!there) {
+            reply.append(12, '\0');
+            continue;
+        }
+        const bool key = file->notKeys.count(position + i) == 0;
+        reply += Le32(static_cast<uint32_t>(file->frames.at(position + i).size())) +
+                 Le32(key ? 3 : 2) + Le32(0x01000000);
     }
     return reply;
 }
@@ -236,8 +240,13 @@ void CFakeMedia::WriteFrame(const std::string& body, const std::string& payload)
         File* const file = OfToken(body, at + 8);
         if (file == nullptr) continue;
         const std::string& name = m_tokens.at(U64(body, at + 8));
+        if (dropEvery != 0 && ++m_writes % dropEvery == 0) continue;
         if (dropWrites.count({name, position}) != 0) continue;
         if (corruptWrites.count({name, position}) != 0) data.at(data.size() / 2) ^= 1;
         file->frames[position] = data;
+        if ((U32(body, at + 20) & 1) != 0)
+            file->notKeys.erase(position);
+        else
+            file->notKeys.insert(position);
     }
 }

@@ -7,6 +7,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/zem/scriptserver.h"
@@ -17,10 +18,12 @@ public:
         std::string desc;  // 56 bytes
         std::map<uint32_t, std::string> frames;
         bool isDirectory = false;
+        std::set<uint32_t> notKeys = {};
     };
 
     // Faults; set before the first request.
-    std::set<std::pair<std::string, uint32_t>> dropWrites;     // accepted, never stored
+    std::set<std::pair<std::string, uint32_t>> dropWrites;  // accepted, never stored
+    unsigned dropEvery = 0;  // so many frame writes, the last of which is never stored
     std::set<std::pair<std::string, uint32_t>> corruptWrites;  // stored with a flipped bit
     std::set<uint32_t> notImplemented;                         // command codes
     std::set<uint32_t> ignored;      // commands that answer success and do nothing
@@ -36,6 +39,9 @@ public:
     std::set<std::string> clients;
     std::vector<std::string> log;  // one word per command
 
+    // How many frames were written, and begins to count anew.
+    unsigned WritesAndAnew() { return std::exchange(m_writes, 0); }
+
     ScriptAnswer operator()(const ScriptRequest& request);
 
 private:
@@ -49,5 +55,6 @@ private:
     std::string FrameDescs(const File* file, uint32_t position, uint32_t count) const;
 
     std::map<uint64_t, std::string> m_tokens;
+    unsigned m_writes = 0;
     uint32_t m_next = 1;
 };
