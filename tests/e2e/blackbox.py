@@ -103,20 +103,20 @@ class ClientCommands(ServerCase):
 
     def test_unknown_command(self):
         client = self.client()
-        for code in (0, 27, 4000000000):
+        for code in (0, NO_COMMAND, 4000000000):
             reply = client.post(code, trans_id=77)
             signed = struct.unpack('<i', struct.pack('<I', code))[0]
             self.assertEqual(reply.reason, 'Failed ZEM request code %d (hr = 0x%x), transId %u'
                              % (signed, E_NOTIMPL, 77))
             self.assertEqual(reply.code(), code)
-        self.server.wait_for_line('test_unknown_command: ZEM command 27 not implemented, transId 77.')
+        self.server.wait_for_line('test_unknown_command: ZEM command %d not implemented, transId 77.' % NO_COMMAND)
 
     def test_percent_signs_in_the_client_id(self):
         name = '%s%n%9999x'
         client = self.client(name)
         self.assert_status(client.post(KEEP_ALIVE), 14)
-        client.post(27, trans_id=5)
-        self.server.wait_for_line(name + ': ZEM command 27 not implemented, transId 5.')
+        client.post(NO_COMMAND, trans_id=5)
+        self.server.wait_for_line(name + ': ZEM command %d not implemented, transId 5.' % NO_COMMAND)
 
     def test_version_mismatch_is_only_warned(self):
         client = Client(self.server.port, 'old-client', agent='tool (prod/1.2.3)')

@@ -114,8 +114,8 @@ class Membership(ExactCase):
         client = self.join('%s%n%9999x%I64d')
         self.keep_alive(client)
         self.open(client, '%s%s%n', library=NOT_FOUND)
-        self.refused(client, 27, b'', E_NOTIMPL,
-                     [Error(E_NOTIMPL, 'ProcessRequest', '{c}: ZEM command 27 not implemented, transId {t}.')])
+        self.refused(client, NO_COMMAND, b'', E_NOTIMPL,
+                     [Error(E_NOTIMPL, 'ProcessRequest', '{c}: ZEM command %d not implemented, transId {t}.' % NO_COMMAND)])
 
     def test_trace_flag_follows_the_registry_at_a_join(self):
         before = self.server.trace
@@ -233,7 +233,7 @@ class RequestFrame(ExactCase):
 
     def test_unknown_codes(self):
         client = self.join()
-        for code in (0, 27, 255, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF):
+        for code in (0, NO_COMMAND, 255, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF):
             signed = struct.unpack('<i', struct.pack('<I', code))[0]
             self.refused(client, code, b'', E_NOTIMPL,
                          [Error(E_NOTIMPL, 'ProcessRequest',
