@@ -200,12 +200,13 @@ void CBenchWorker::Write(Clock::time_point start) {
 }
 
 void CBenchWorker::Fill() {
+    if (!m_created) return;
     for (uint32_t position = 0; position < m_frames && !m_stop; ++position) {
-        if (m_written.empty() || m_written[position] != 0) continue;
+        if (m_written[position] != 0) continue;
         FlushIf(m_data.size());
         WriteOne(position);
     }
-    if (!m_written.empty()) m_client.Flush(m_token);
+    m_client.Flush(m_token);
     m_unflushed_bytes = 0;
 }
 

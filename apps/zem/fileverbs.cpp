@@ -1,10 +1,13 @@
 // Verbs that change files and directories, but for stripe. The protocol reports success whatever
 // happened, so each verb that changes something looks afterwards whether it did.
+#include <algorithm>
+
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
 #include "apps/zem/output.h"
 #include "apps/zem/reasons.h"
 #include "apps/zem/session.h"
+#include "apps/zem/terminal.h"
 #include "apps/zem/valuecheck.h"
 #include "apps/zem/verbs.h"
 
@@ -83,6 +86,25 @@ int MakeDirectory(const CommandLine& line, const FileOptions& options) {
     return kExitOk;
 }
 
+// Throws when one of the frames is there.
+void RequireErased(const CommandLine& line, const FileOptions& options, CZemClient& client,
+                   uint64_t token) {
+    constexpr uint32_t kChunk = 8192;  // a file with few frames may have any number of positions
+    CProgress progress("look at " + Printable(options.name), !line.quiet);
+    for (uint32_t done = 0; done < options.count;) {
+        const uint32_t from = options.from + done;
+        const uint32_t some = std::min(options.count - done, kChunk);
+        const std::vector<FrameDescEntry> descs = client.FrameDescs(token, from, some);
+        for (uint32_t i = 0; i < some; ++i) {
+            if ((descs[i].flags & kFrameFlagPresent) == 0) continue;
+            throw Refused("frame " + std::to_string(from + i) + " was not erased",
+                          IfVolumeIsFull(client));
+        }
+        done += some;
+        progress.Show(done, options.count, done, 0);
+    }
+}
+
 int Erase(const CommandLine& line, const FileOptions& options) {
     CSession session(line);
     FileRef ref = FileNamed(options.name, options.aux);
@@ -100,14 +122,7 @@ int Erase(const CommandLine& line, const FileOptions& options) {
     }
     session->EraseSegment(file.Token(), options.from, options.from + options.count, info.mediaType);
     session->Flush(file.Token());
-    const std::vector<FrameDescEntry> descs =
-        session->FrameDescs(file.Token(), options.from, options.count);
-    for (size_t i = 0; i < descs.size(); ++i) {
-        if ((descs[i].flags & kFrameFlagPresent) != 0) {
-            throw Refused("frame " + std::to_string(options.from + i) + " was not erased",
-                          IfVolumeIsFull(*session));
-        }
-    }
+    RequireErased(line, options, *session, file.Token());
     file.Close();
     PrintDone(line, "erase", {{"name", options.name}});
     return kExitOk;

@@ -202,6 +202,21 @@ TEST_F(ZemCliFiles, StripeEraseAndFlush) {
     EXPECT_EQ(Run({"flush", "media/v"}).code, 0);
 }
 
+TEST_F(ZemCliFiles, EraseLooksAtEveryFrame) {
+    std::map<uint32_t, std::string>& frames = m_media.files["media/v"].frames;
+    const auto erase = [&] {
+        for (uint32_t position = 0; position < 20001; ++position)
+            frames[position] = "x";
+        return Run({"erase", "media/v", "--from", "1", "--count", "20000"});
+    };
+    EXPECT_EQ(erase().code, 0);
+    EXPECT_EQ(frames.size(), 1u);
+    m_media.noErase = {17000};
+    const Outcome outcome = erase();
+    EXPECT_EQ(outcome.code, 1);
+    EXPECT_TRUE(outcome.err.starts_with("zem: frame 17000 was not erased")) << outcome.err;
+}
+
 // A server may keep the address as it was sent and the counting beside it.
 TEST_F(ZemCliFiles, DropFrameIsShownWhereverItIsSaid) {
     CFakeMedia::File& file = m_media.files["media/v"];

@@ -172,7 +172,7 @@ std::string CFakeMedia::FileBody(uint32_t code, const std::string& body) {
             return ok;
         case 25:
             for (uint32_t i = U32(body, 8); file != nullptr && i < U32(body, 12); ++i)
-                file->frames.erase(i);
+                if (noErase.count(i) == 0) file->frames.erase(i);
             return ok;
         default:
             return ok;

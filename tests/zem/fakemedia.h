@@ -32,8 +32,9 @@ public:
     std::set<std::string> noGet;     // names that GET and DELETE refuse
     uint64_t totalSpace_bytes = 4000;
     uint64_t freeSpace_bytes = 1000;
-    bool noDescs = false;   // frames have no descriptors
-    int shortOfMemory = 0;  // so many frame reads fail with the out-of-resources result first
+    std::set<uint32_t> noErase;  // frames that stay
+    bool noDescs = false;        // frames have no descriptors
+    int shortOfMemory = 0;       // so many frame reads fail with the out-of-resources result first
 
     std::map<std::string, File> files;  // names narrowed to 8 bits
     std::set<std::string> clients;
