@@ -198,7 +198,12 @@ TEST(PosixFiles, WhatIsBeingWrittenIsNotDeleted) {
 TEST(PosixFiles, WhatMayBeBeingWrittenIsNotDeleted) {
     const CTempFolder folder;
     std::ofstream(folder.File("file")) << "x";
-    const HANDLE file = OpenToDelete(folder.Path().string<WCHAR>() + TEXT("/file"));
+    std::ofstream(folder.File("other")) << "x";
+    const WString root = folder.Path().string<WCHAR>();
+    const HANDLE file = OpenToDelete(root + TEXT("/file"));
+    const HANDLE other = OpenToDelete(root + TEXT("/other"));
+    // A sanitizer opens a pipe when it sees the type of an object for the first time.
+    EXPECT_TRUE(DeleteOpen(other));
     rlimit usual{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
     const int next = dup(STDERR_FILENO);
@@ -212,6 +217,7 @@ TEST(PosixFiles, WhatMayBeBeingWrittenIsNotDeleted) {
     EXPECT_EQ(error, ERROR_TOO_MANY_OPEN_FILES);
     EXPECT_TRUE(DeleteOpen(file));
     EXPECT_TRUE(CloseHandle(file));
+    EXPECT_TRUE(CloseHandle(other));
 }
 
 TEST(PosixFiles, WhoeverReadsItDoesNotKeepItFromBeingDeleted) {
