@@ -34,6 +34,24 @@ done
 if find "$root" -name '*.md' -exec grep -l "$source_dir" {} +; then fail 'a page names a folder of this machine'; fi
 python3 -B "$source_dir/tests/docs/links_test.py" "$root/usr/share/doc/zemhttpd" installed
 
+# Whoever has only what Depends names, and what that depends on, has every library that is loaded.
+depends_of() { sed 's/([^)]*)//g; s/:any//g; s/ //g; s/[,|]/\n/g' | grep . || true; }
+dpkg-deb -f "$package" Depends | depends_of >"$work/new"
+until [ ! -s "$work/new" ]; do
+    cat "$work/new" >>"$work/depends"
+    # shellcheck disable=SC2016
+    { xargs dpkg-query -W -f '${Pre-Depends},${Depends}\n' <"$work/new" 2>/dev/null || true; } | depends_of | sort -u >"$work/more"
+    grep -vxFf "$work/depends" "$work/more" >"$work/new" || true
+done
+find "$root/usr" -type f \( -path '*bin/*' -o -name '*.so*' \) -exec ldd {} + | awk '$2 == "=>" && $3 ~ /^\// { print $3 }' | sort -u |
+    grep -vF -e "$root/" -e "$build/" >"$work/libraries"
+[ "$(wc -l <"$work/libraries")" -gt 10 ] || fail 'almost no libraries'
+while read -r library; do
+    real=$(realpath "$library")
+    owner=$(dpkg -S "$real" "${real#/usr}" "$library" "${library#/usr}" 2>/dev/null | cut -d: -f1 | sort -u) || true
+    grep -qxF "${owner:-nobody}" "$work/depends" || fail "Depends does not bring $library of ${owner:-no package}"
+done <"$work/libraries"
+
 # It needs nothing but what is in it: the shipped settings, with a port, a volume and a log of ours.
 export PATH=$root/usr/sbin:$root/usr/bin:$PATH
 mkdir -p "$work/volume/media"
