@@ -15,6 +15,8 @@ namespace {
 
 constexpr uint32_t kAttributeReadOnly = 0x1;
 constexpr const char* kFolder = ": it is a folder";
+constexpr const char* kPerhapsElsewhere =
+    ": it can be read; perhaps another server writes it, or this one may not";
 constexpr std::string_view kInLog = " (its log has the reason)";
 
 // The failure that is explained is the one that counts: another one on the way explains nothing.
@@ -128,9 +130,7 @@ Why WhyNotOpened(CZemClient& client, const FileRef& file) {
     if ((attributes & kAttributeDirectory) != 0) return {kFolder, kReasonFolder};
     if ((file.openFlags & kFileWrite) != 0 && CanBeRead(client, file)) {
         why = WhyNotChanged(InfoOf(client, file));
-        return why.word != nullptr ? why
-                                   : Why{": it can be read; perhaps another server writes it, or "
-                                         "this one may not"};
+        return why.word != nullptr ? why : Why{kPerhapsElsewhere};
     }
     FileRef whole = file;
     whole.aux.clear();
@@ -277,6 +277,15 @@ Why WhyNotChanged(const ZemEsDesc& info) {
     if ((info.flags & kEsFlagGrowing) != 0)
         return {": somebody has it open for writing", kReasonInUse};
     return {};
+}
+
+Why WhyNotStriped(CZemClient& client, const ZemEsDesc& info) {
+    const bool writtenHere = (info.flags & kEsFlagGrowing) != 0;
+    Why why;
+    if (!writtenHere) why = WhyNotChanged(info);
+    if (why.word == nullptr) why = IfVolumeIsFull(client);
+    if (why.word == nullptr && !writtenHere) why = {kPerhapsElsewhere};
+    return why;
 }
 
 Why IfVolumeIsFull(CZemClient& client) {

@@ -46,8 +46,10 @@ Why WhyNotSent(uint32_t attributes);
 // Why GET or DELETE was refused: their answer is the same for all that can be wrong, so a client
 // that joins for this, and leaves, asks. `whyNot` tells of a file that is there.
 Why WhyNotServed(const CommandLine& line, const std::string& name, Why (*whyNot)(uint32_t));
-// Why an open file, of which this is known, could not be changed.
+// Why a file, of which this is known, could not be opened for writing.
 Why WhyNotChanged(const ZemEsDesc& info);
+// Why one could not be striped, which a client of this server that has it open does not hinder.
+Why WhyNotStriped(CZemClient& client, const ZemEsDesc& info);
 
 // ": its volume is full (1.2 MiB free)" if it is.
 Why IfVolumeIsFull(CZemClient& client);

@@ -98,9 +98,7 @@ int Stripe(const CommandLine& line, const StripeOptions& options) {
     wanted.flags = kEsFlagStriped | (dropFrame ? kEsFlagDropFrame : 0);
     if ((after.flags & (kEsFlagStriped | kEsFlagDropFrame)) != wanted.flags ||
         TimecodeText(StartTimecode(after)) != TimecodeText(StartTimecode(wanted))) {
-        Why why = WhyNotChanged(after);
-        if (why.word == nullptr) why = IfVolumeIsFull(*session);
-        throw Refused(Printable(options.name) + " was not striped", why);
+        throw Refused(Printable(options.name) + " was not striped", WhyNotStriped(*session, after));
     }
     file.Close();
     PrintDone(line, "stripe", {{"name", options.name}});

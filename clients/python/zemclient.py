@@ -701,8 +701,6 @@ class ZemClient:
     def _why_not_striped(stream: StreamDescriptor, start: Timecode, flags: StripeFlags) -> str:
         if stream.flags & StreamFlags.READ_ONLY:
             return 'a file of a foreign format is only read'
-        if stream.flags & StreamFlags.BEING_WRITTEN:
-            return 'it is open for writing'
         over, under = stream.rate_numerator, stream.rate_denominator
         if not over or not under:
             return 'it has no frame rate'
@@ -715,7 +713,8 @@ class ZemClient:
         addresses = nominal // 2 if nominal > 30 else nominal
         if start.frames >= addresses:
             return f'the last number of a second is {addresses - 1}'
-        return ''
+        # Who writes it at this server is no hindrance.
+        return '' if stream.flags & StreamFlags.BEING_WRITTEN else 'perhaps another server writes it, or this one may not'
 
     # Files.
 
@@ -883,8 +882,9 @@ class ZemClient:
         block = _name_block(name, aux, media_type, OpenFlags.READ)
         self._ask(Command.STRIPE_TIMECODE, block + start.pack() + _pack(_WORD, flags))
         stream = self.get_file_info2(name, aux, media_type)
-        told, asked = stream.start_timecode, start
-        if not stream.flags & StreamFlags.STRIPED or str(told).replace(';', ':') != str(asked).replace(';', ':'):
+        drop_frame = StreamFlags.DROP_FRAME if start.drop_frame or flags & StripeFlags.DROP_FRAME else 0
+        told, asked = (str(timecode).replace(';', ':') for timecode in (stream.start_timecode, start))
+        if stream.flags & (StreamFlags.STRIPED | StreamFlags.DROP_FRAME) != StreamFlags.STRIPED | drop_frame or told != asked:
             why = self._why_not_striped(stream, start, flags)
             raise ZemRefused(f'{name!r} was not striped' + (f': {why}' if why else ''))
 

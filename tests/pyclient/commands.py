@@ -249,6 +249,14 @@ class Frames(common.ServerCase):
             client.stripe_timecode('frames/marks', Timecode.parse('01:00:00;00'))
         with self.assertRaisesRegex(ZemRefused, 'not striped: the last number of a second is 24$'):
             client.stripe_timecode('frames/marks', Timecode.parse('01:00:00:25'))
+        # The same digits as it has.
+        with self.assertRaisesRegex(ZemRefused, 'not striped: drop-frame counts .*, it has 25/1$'):
+            client.stripe_timecode('frames/marks', Timecode.parse('09:59:59;24'))
+        with client.open_file('frames/marks', flags=OpenFlags.READ | OpenFlags.WRITE):
+            client.stripe_timecode('frames/marks', Timecode.parse('01:00:00:00'))
+            with self.assertRaisesRegex(ZemRefused, 'not striped: the last number of a second is 24$'):
+                client.stripe_timecode('frames/marks', Timecode.parse('01:00:00:25'))
+            self.client().stripe_timecode('frames/marks', Timecode.parse('02:00:00:00'))
 
     def test_drop_frame(self):
         client = self.client()
@@ -261,6 +269,8 @@ class Frames(common.ServerCase):
         self.assertTrue(client.get_file_info2('frames/drop').flags & zemclient.StreamFlags.DROP_FRAME)
         with self.assertRaisesRegex(ZemRefused, 'not striped: drop-frame leaves this number out$'):
             client.stripe_timecode('frames/drop', Timecode.parse('01:01:00;01'))
+        client.stripe_timecode('frames/drop', Timecode.parse('01:00:00:02'))
+        self.assertFalse(client.get_file_info2('frames/drop').flags & zemclient.StreamFlags.DROP_FRAME)
         client.create_file('frames/pairs', StreamDescriptor(MediaType.VIDEO, 'mjpg', 50, 1)).close()
         with self.assertRaisesRegex(ZemRefused, 'not striped: the last number of a second is 24$'):
             client.stripe_timecode('frames/pairs', Timecode(frames=25))

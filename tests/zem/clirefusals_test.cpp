@@ -1,4 +1,5 @@
 // What zem says of a refusal: to people why it was one, to programs a word.
+#include "mediaio/zemiotypes.h"
 #include "tests/zem/zemcli.h"
 
 namespace {
@@ -305,6 +306,29 @@ TEST_F(ZemCliFiles, ACreationThatIsRefusedSaysWhatIsLikely) {
 }
 
 // The server says nothing, and a file that has the start already would look as if it had worked.
+// A client of the same server that has it open for writing is no reason.
+TEST_F(ZemCliFiles, AStripeThatDidNothingSaysWhatIsLikely) {
+    m_media.ignored = {13};
+    m_media.freeSpace_bytes = uint64_t{1} << 30;
+    CFakeMedia::File& file = m_media.files["media/v"];
+    const auto said = [&](uint32_t flags) {
+        file.desc.replace(44, 4, Le32(flags));
+        const Outcome outcome = Run({"stripe", "media/v", "10:00:00:00"});
+        EXPECT_EQ(outcome.code, 1);
+        return outcome.err;
+    };
+    const std::string head = "zem: media/v was not striped",
+                      log = " (the server's log has the reason)";
+    EXPECT_EQ(said(0), head + log +
+                           ": it can be read; perhaps another server writes it, or this one may "
+                           "not\n");
+    EXPECT_EQ(said(kEsFlagGrowing), head + log + "\n");
+    EXPECT_EQ(said(kEsFlagReadOnly),
+              head + ": a file of a foreign format is only read; import it to change it\n");
+    m_media.freeSpace_bytes = 1000;
+    EXPECT_EQ(said(kEsFlagGrowing), head + ": its volume is full (1000 B free)\n");
+}
+
 TEST_F(ZemCliFiles, StripeSaysWhyAFileCannotHaveATimecode) {
     const auto said = [&](uint32_t numerator, uint32_t denominator, const char* start,
                           const char* flags = "0") {

@@ -13,7 +13,7 @@ ROOT = os.path.dirname(os.path.dirname(HERE))
 sys.path[:0] = [os.path.join(ROOT, 'clients', 'python'), os.path.join(ROOT, 'tests', 'e2e')]
 
 from wire import Server  # noqa: E402
-from zemclient import MediaType, OpenFlags, ReadEntry, StreamDescriptor, ZemClient, ZemError, ZemRefused  # noqa: E402
+from zemclient import MediaType, OpenFlags, ReadEntry, StreamDescriptor, Timecode, ZemClient, ZemError, ZemRefused  # noqa: E402
 
 PROGRAM = None
 VIDEO = StreamDescriptor(MediaType.VIDEO, 'mjpg', 25, 1)
@@ -98,6 +98,14 @@ class TwoServers(unittest.TestCase):
         for server in (self.first, self.second):
             with open(server.log, encoding='utf-8') as log:
                 self.assertIn('0x80070020', log.read())
+
+    def test_what_one_writes_the_other_does_not_stripe(self):
+        file = self.recorded(self.here, 2)
+        with self.assertRaisesRegex(ZemRefused, 'was not striped: perhaps another server writes it, or this one may not$'):
+            self.there.stripe_timecode('clip', Timecode(1))
+        self.here.stripe_timecode('clip', Timecode(1))
+        file.close()
+        self.there.stripe_timecode('clip', Timecode(2))
 
     def test_what_one_writes_the_other_does_not_delete_by_http(self):
         with self.here.create_file('media/clip', VIDEO) as file:
