@@ -701,6 +701,8 @@ class ZemClient:
     def _why_not_striped(stream: StreamDescriptor, start: Timecode, flags: StripeFlags) -> str:
         if stream.flags & StreamFlags.READ_ONLY:
             return 'a file of a foreign format is only read'
+        if start.hours > 23 or start.minutes > 59 or start.seconds > 59:
+            return f'there is no {start} in a day'
         over, under = stream.rate_numerator, stream.rate_denominator
         if not over or not under:
             return 'it has no frame rate'

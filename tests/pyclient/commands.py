@@ -249,6 +249,8 @@ class Frames(common.ServerCase):
             client.stripe_timecode('frames/marks', Timecode.parse('01:00:00;00'))
         with self.assertRaisesRegex(ZemRefused, 'not striped: the last number of a second is 24$'):
             client.stripe_timecode('frames/marks', Timecode.parse('01:00:00:25'))
+        with self.assertRaisesRegex(ZemRefused, 'not striped: there is no 24:00:00:00 in a day$'):
+            client.stripe_timecode('frames/marks', Timecode(24))
         # The same digits as it has.
         with self.assertRaisesRegex(ZemRefused, 'not striped: drop-frame counts .*, it has 25/1$'):
             client.stripe_timecode('frames/marks', Timecode.parse('09:59:59;24'))
