@@ -13,8 +13,12 @@
 #include <sys/syscall.h>
 #include <sys/uio.h>
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 
 namespace zemstore {
@@ -71,10 +75,24 @@ struct CacheStat {
 constexpr long kCacheStatCall = 451;
 constexpr uint64_t kPage = 4096;
 
+// What is in the page cache the kernel tells, and tells rightly, to whom the file belongs and who
+// may write it: cachestat(2), mincore(2).
+bool MayAskForPages(int descriptor) {
+    struct stat info;
+    if (fstat(descriptor, &info) == 0 && info.st_uid == geteuid()) return true;
+    char path[32];
+    std::snprintf(path, sizeof(path), "/proc/self/fd/%d", descriptor);
+    return faccessat(AT_FDCWD, path, W_OK, AT_EACCESS) == 0;
+}
+
 class CPosixFile final : public IStoreFile {
 public:
     CPosixFile(CDescriptor fd, bool writable, FileIdentity identity)
-        : m_fd(std::move(fd)), m_pages(m_fd.Get()), m_writable(writable), m_identity(identity) {}
+        : m_fd(std::move(fd)),
+          m_pages(m_fd.Get()),
+          m_writable(writable),
+          m_identity(identity),
+          m_mayAsk(MayAskForPages(m_fd.Get())) {}
 
     HRESULT ReadAt(void* to, size_t size_bytes, uint64_t offset_bytes, size_t& done) override {
         done = 0;
@@ -194,12 +212,14 @@ public:
     intptr_t Descriptor() const override { return m_fd.Get(); }
 
 private:
+    bool CachedByMap(uint64_t first, uint64_t end);
     bool CachedByProbing(uint64_t first, uint64_t end);
 
     CDescriptor m_fd;
     CFilePages m_pages;
     bool m_writable;
     FileIdentity m_identity;
+    bool m_mayAsk;
 };
 
 bool CPosixFile::Cached(uint64_t offset_bytes, size_t size_bytes) {
@@ -207,6 +227,7 @@ bool CPosixFile::Cached(uint64_t offset_bytes, size_t size_bytes) {
     if (size_bytes == 0) return true;
     const uint64_t first = offset_bytes / kPage * kPage;
     const uint64_t end = (offset_bytes + size_bytes + kPage - 1) / kPage * kPage;
+    if (!m_mayAsk) return CachedByProbing(first, end);
     if (haveCacheStat.load(std::memory_order_relaxed)) {
         CacheStatRange range{first, end - first};
         CacheStat state{};
@@ -214,10 +235,28 @@ bool CPosixFile::Cached(uint64_t offset_bytes, size_t size_bytes) {
             return state.cached * kPage >= end - first;
         haveCacheStat.store(false, std::memory_order_relaxed);
     }
-    return CachedByProbing(first, end);
+    return CachedByMap(first, end);
 }
 
-// Older kernels: a byte of every page, each read only if that needs no waiting.
+// Kernels before 6.5, and sandboxes that do not know the newer call.
+bool CPosixFile::CachedByMap(uint64_t first, uint64_t end) {
+    constexpr uint64_t kStep = 1024 * kPage;
+    unsigned char there[kStep / kPage];
+    for (; first < end; first += kStep) {
+        const auto size_bytes = static_cast<size_t>(std::min(kStep, end - first));
+        void* const pages =
+            mmap(nullptr, size_bytes, PROT_READ, MAP_SHARED, m_fd.Get(), static_cast<off_t>(first));
+        if (pages == MAP_FAILED) return CachedByProbing(first, end);
+        const bool told = mincore(pages, size_bytes, there) == 0;
+        munmap(pages, size_bytes);
+        if (!told) return CachedByProbing(first, end);
+        if (!std::all_of(there, there + size_bytes / kPage, [](int page) { return page & 1; }))
+            return false;
+    }
+    return true;
+}
+
+// A byte of every page, each read only if that needs no waiting: a call for each.
 bool CPosixFile::CachedByProbing(uint64_t first, uint64_t end) {
     for (uint64_t at = first; at < end; at += kPage) {
         char byte;

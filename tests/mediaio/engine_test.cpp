@@ -182,7 +182,17 @@ TEST_P(Engine, WhatIsFetchedIsInThePageCacheThen) {
     size_t written = 0;
     ASSERT_EQ(file->WriteAt(&span, 1, 0, written), S_OK);
     ASSERT_EQ(file->Sync(), S_OK);
+    // Where reading without waiting tells what is there, it tells too when it is gone: not always
+    // at once, and not of a file system that lies in memory.
+    char byte;
+    const auto atOnce = [&] { return file->ReadCached(&byte, 1, kScratchSize) == 1; };
+    const bool tells = atOnce();
     file->DropCache();
+    for (int tries = 0; tells && atOnce() && tries < 1000; ++tries)
+        file->DropCache();
+    if (tells && !atOnce()) {
+        EXPECT_FALSE(file->Cached(kScratchSize, kScratchSize));
+    }
 
     CCounter counter;
     IoRequest requests[2] = {Read(m_file, kScratchSize, false, counter),

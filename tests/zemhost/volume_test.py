@@ -198,9 +198,19 @@ class TwoServers(unittest.TestCase):
         self.assertFalse(self.there.exists('moved'))
 
 
+def io_uring_is_disabled():
+    """By the setting, which kernels have from 6.6 on."""
+    try:
+        with open('/proc/sys/kernel/io_uring_disabled', encoding='ascii') as setting:
+            return int(setting.read()) != 0
+    except FileNotFoundError:
+        return False
+
+
 class WithoutRing(Server):
     def command(self):
-        return [sys.executable, '-B', os.path.join(HERE, 'noring.py'), *super().command()]
+        return [sys.executable, '-B', os.path.join(HERE, os.pardir, 'refusing.py'), 'io_uring_setup',
+                *super().command()]
 
 
 class KernelWithoutIoUring(unittest.TestCase):
@@ -220,8 +230,7 @@ class KernelWithoutIoUring(unittest.TestCase):
         with open(server.log, encoding='utf-8') as log:
             lines = [line for line in log if 'io_uring' in line]
         self.assertEqual(len(lines), 1, lines)
-        with open('/proc/sys/kernel/io_uring_disabled', encoding='ascii') as setting:
-            advice = '; sysctl kernel.io_uring_disabled=0 allows it' if int(setting.read()) else ''
+        advice = '; sysctl kernel.io_uring_disabled=0 allows it' if io_uring_is_disabled() else ''
         self.assertRegex(lines[0], r' warning \[\d+\] ring_posix\.cpp\(-1\): io_uring cannot be used '
                                    r'\(Operation not permitted\): threads read and write instead%s\n$' % advice)
 
