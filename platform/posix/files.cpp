@@ -119,8 +119,7 @@ public:
         : m_descriptor(open(("/proc/self/fd/" + std::to_string(path)).c_str(),
                             O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)) {
         if (m_descriptor < 0) {
-            // Whom the file's rights keep from reading it they do not keep from deleting it.
-            if (errno != EACCES) m_error = ErrorFromErrno(errno);
+            m_error = ErrorFromErrno(errno);
             // Shared: a network file system wants a descriptor to write with for the other kind.
         } else if (flock(m_descriptor, LOCK_SH | LOCK_NB) != 0) {
             // Where there are no locks its writers have none either.

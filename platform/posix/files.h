@@ -63,9 +63,9 @@ DWORD GetFileAttributesW(LPCWSTR name);
 // another one has that folder's name by now. FileDispositionInfo with DeleteFile set is all that is
 // known (ERROR_INVALID_PARAMETER else). A read-only file, or a handle opened otherwise, gives
 // ERROR_ACCESS_DENIED; ERROR_FILE_NOT_FOUND when another file has its name;
-// ERROR_SHARING_VIOLATION when somebody, here or in another process, has the file locked with
-// flock(2), as who writes a media file has. Difference: the name goes at once, not when the last
-// handle is closed.
+// ERROR_SHARING_VIOLATION when somebody, here or in another process, has the file locked for
+// himself alone with flock(2), as who writes a media file has; another error when that cannot be
+// told. Then the file stays. Difference: the name goes at once, not when the last handle is closed.
 BOOL SetFileInformationByHandle(HANDLE file, FILE_INFO_BY_HANDLE_CLASS kind, LPVOID information,
                                 DWORD size);
 

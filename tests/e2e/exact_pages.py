@@ -368,11 +368,8 @@ class Permissions(PagesCase):
     @classmethod
     def setUpClass(cls):
         cls.user = cls.NOBODY if os.geteuid() == 0 else None
-        path = cls.program
-        while cls.user is not None and path != '/':
-            if not os.stat(path).st_mode & 1:
-                raise unittest.SkipTest('%s is not for everyone' % path)
-            path = os.path.dirname(path)
+        if cls.user is not None:
+            need_for_everyone(cls.program)
         super().setUpClass()
 
     def test_file_that_may_not_be_read(self):
@@ -380,17 +377,27 @@ class Permissions(PagesCase):
         os.chmod(path, 0)
         self.no_get('/media/closed', error=E_ACCESSDENIED, line=3263)
 
+    def no_delete(self, path):
+        reply = self.raw('/media/' + path, 'DELETE')
+        self.assert_no_body(reply, 400, 'Bad Request')
+        full = '%s\\\\/media/%s' % (self.server.root, path)
+        self.assert_log([Trace("%s: Deleting file '%s'..." % (self.host, full)),
+                         Error(E_ACCESSDENIED, 'SendHttpDeleteResponse',
+                               "%s: Error deleting file '%s'" % (self.host, full), 3329)])
+
     def test_file_that_may_not_be_deleted(self):
         path = self.put('kept/file')
         folder = os.path.dirname(path)
         os.chmod(folder, 0o555)
-        reply = self.raw('/media/kept/file', 'DELETE')
-        self.assert_no_body(reply, 400, 'Bad Request')
-        full = '%s\\\\/media/kept/file' % self.server.root
-        self.assert_log([Trace("%s: Deleting file '%s'..." % (self.host, full)),
-                         Error(E_ACCESSDENIED, 'SendHttpDeleteResponse',
-                               "%s: Error deleting file '%s'" % (self.host, full), 3329)])
+        self.no_delete('kept/file')
         os.chmod(folder, 0o755)
+        self.assertTrue(os.path.exists(path))
+
+    def test_file_of_which_it_cannot_be_told_whether_it_is_written(self):
+        path = self.put('everybody/others')
+        os.chmod(os.path.dirname(path), 0o777)
+        os.chmod(path, 0o200)
+        self.no_delete('everybody/others')
         self.assertTrue(os.path.exists(path))
 
 

@@ -13,6 +13,7 @@ import sys
 import tempfile
 import threading
 import time
+import unittest
 
 JOIN, LEAVE, KEEP_ALIVE, SET_IO_REAL_TIME = 15, 16, 17, 18
 CREATE, OPEN, READ, WRITE, CLOSE = 1, 2, 3, 4, 5
@@ -249,6 +250,14 @@ class NotStarted(RuntimeError):
 
 REPORT_BLOCKS = '"ReportBlocks"=dword:00000001'
 RECLAIM_FRAME_BLOCKS = '"ReclaimFrameBlocks"=dword:00000001'
+
+
+def need_for_everyone(program):
+    """For a service that is not the administrator's: a tree below /root, say, is closed to it."""
+    while program != '/':
+        if not os.stat(program).st_mode & 1:
+            raise unittest.SkipTest('%s is not for everyone' % program)
+        program = os.path.dirname(program)
 
 
 class Server:
