@@ -11,6 +11,7 @@ extern "C" {
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 
 #include "apps/zem/averror.h"
@@ -25,10 +26,16 @@ namespace zem {
 namespace {
 
 constexpr size_t kNoStream = static_cast<size_t>(-1);
+constexpr const char* kUnreadable = "reading it failed";
 // How a file of a server's store begins: docs/media.md.
 constexpr std::string_view kStoreHead = "ZEMSTOR1";
 
-// What the libraries call invalid data, whatever it is. `head`: how it begins.
+bool IsNoClip(int result) {
+    return result == AVERROR_INVALIDDATA || result == AVERROR_EOF;
+}
+
+// What the libraries call invalid data, an end or, some, an I/O error, whatever it is. `head`: how
+// it begins.
 const char* WhyNoClip(const std::string& head) {
     const std::string kind = head.substr(std::min<size_t>(4, head.size()));
     if (kind == "ftyp" || kind == "wide" || kind == "mdat" || kind == "moov") {
@@ -36,6 +43,31 @@ const char* WhyNoClip(const std::string& head) {
                "written";
     }
     return "cannot be opened as a clip; perhaps it is none, or it is cut off";
+}
+
+// A clip is a file: neither a name with a colon nor a playlist inside it may open a connection.
+int Open(AVFormatContext*& format, const std::string& url) {
+    AVDictionary* options = nullptr;
+    av_dict_set(&options, "protocol_whitelist", "file,pipe", 0);
+    const int result = avformat_open_input(&format, url.c_str(), nullptr, &options);
+    av_dict_free(&options);
+    return result;
+}
+
+// The read error for which a file of this machine cannot be opened as a clip, of which the library
+// keeps nothing: found by opening it once more. 0: there is none.
+int ReadErrorOf(const std::string& url) {
+    AVIOContext* io = nullptr;
+    if (avio_open(&io, url.c_str(), AVIO_FLAG_READ) < 0) return 0;
+    AVFormatContext* format = avformat_alloc_context();
+    if (format != nullptr) {
+        format->pb = io;
+        Open(format, url);
+        avformat_close_input(&format);
+    }
+    const int error = std::min(io->error, 0);
+    avio_closep(&io);
+    return error;
 }
 
 }  // namespace
@@ -49,6 +81,8 @@ struct CDemuxer::Context {
         avformat_close_input(&format);
     }
     bool Stopped() const { return pipe != nullptr && pipe->Stopped(); }
+    // Of a read that failed, which many demuxers take for the end; 0: none has.
+    int ReadError() const { return format->pb == nullptr ? 0 : std::min(format->pb->error, 0); }
     // Not so what comes through a pipe: its length is known when it is over.
     bool Seeks() const {
         return format->pb == nullptr || (format->pb->seekable & AVIO_SEEKABLE_NORMAL) != 0;
@@ -81,11 +115,8 @@ void CDemuxer::OpenInput() {
         if (m_context->format == nullptr) throw std::bad_alloc();
         m_context->format->pb = m_context->pipe->Io();
     }
-    // A clip is a file: neither a name with a colon nor a playlist inside it may open a connection.
-    AVDictionary* options = nullptr;
-    av_dict_set(&options, "protocol_whitelist", "file,pipe", 0);
-    int result = avformat_open_input(&m_context->format, url.c_str(), nullptr, &options);
-    av_dict_free(&options);
+    int result = Open(m_context->format, url);
+    const bool opened = result >= 0;
     const char* what = "cannot be opened as a clip";
     if (result >= 0) {
         result = avformat_find_stream_info(m_context->format, nullptr);
@@ -100,14 +131,24 @@ void CDemuxer::OpenInput() {
                             ": a file of a server's store, and no clip; lay it below the volume "
                             "root as it is, or bring in what zem export makes of it");
     }
+    if (IsEmpty(head, result))
+        throw CZemError(ErrorKind::kLocalFile, Printable(m_path) + ": it is empty");
+    const bool doubtful = IsNoClip(result) || result == AVERROR(EIO);
+    int device = 0;
+    if (opened)
+        device = m_context->ReadError();
+    else if (doubtful && m_context->pipe == nullptr)
+        device = ReadErrorOf(url);
+    if (device < 0) ThrowAv(m_path, device, kUnreadable);
     if (result >= 0) return;
-    if (result == AVERROR_INVALIDDATA || result == AVERROR(EIO) || result == AVERROR_EOF) {
-        if (!head.empty())
-            what = WhyNoClip(head);
-        else if (result != AVERROR(EIO))  // that is the device's: not even its begin can be read
-            throw CZemError(ErrorKind::kLocalFile, Printable(m_path) + ": it is empty");
-    }
-    ThrowAv(m_path, result, what);
+    ThrowAv(m_path, result, doubtful && !head.empty() ? WhyNoClip(head) : what);
+}
+
+// Of an empty file some readers find no fault. EIO is the device's, which gives no byte either.
+bool CDemuxer::IsEmpty(const std::string& head, int result) const {
+    std::error_code unknown;
+    if (!std::filesystem::is_regular_file(m_path, unknown)) return head.empty() && IsNoClip(result);
+    return std::filesystem::file_size(m_path, unknown) == 0 && result != AVERROR(EIO);
 }
 
 std::string CDemuxer::Head() const {
@@ -197,17 +238,18 @@ bool CDemuxer::Next(ClipPacket& packet) {
     for (;;) {
         av_packet_unref(raw);
         const int result = av_read_frame(m_context->format, raw);
-        // Some demuxers (GXF's) end with a bare -1.
-        const bool failed = m_context->format->pb != nullptr && m_context->format->pb->error < 0;
         if (m_context->Stopped()) throw CZemError(ErrorKind::kInterrupted, "stopped");
         if (result < 0 && !m_begun) ExplainPipe();
-        if (result == AVERROR_EOF || (result == -1 && !failed)) {
+        const int device = m_context->ReadError();
+        if (device < 0) ThrowAv(m_path, device, kUnreadable);
+        // Some demuxers (GXF's) end with a bare -1.
+        if (result == AVERROR_EOF || result == -1) {
             // What came through a pipe is all there is; a fragment's index was read meanwhile.
             RequireWhole(m_context->Seeks() ? Size_bytes() : Position_bytes());
             if (!m_context->Seeks()) RequireEnd();
             return false;
         }
-        if (result < 0) ThrowAv(m_path, result, "reading it failed");
+        if (result < 0) ThrowAv(m_path, result, kUnreadable);
         const auto index = static_cast<size_t>(raw->stream_index);
         if (index >= m_streamOfIndex.size() || m_streamOfIndex[index] == kNoStream) continue;
         packet.stream = m_streamOfIndex[index];

@@ -61,6 +61,7 @@ private:
     struct Context;
     void OpenInput();
     std::string Head() const;
+    bool IsEmpty(const std::string& head, int result) const;
     void FindStreams();
     bool IsMov() const;
     bool AtEnd() const;
