@@ -99,7 +99,7 @@ void PrintBench(const BenchPlan& plan, const BenchReport& report) {
     } else {
         const bool perhapsTooLarge = plan.frame_bytes > kFrameMemory_bytes / plan.connections;
         const std::string lost =
-            Counted(report.lost, "frame") + " did not read back as written; " +
+            Counted(report.lost, "frame") + " not on the server as last written; " +
             (perhapsTooLarge
                  ? std::string("what is written at a time must fit into ") + kFrameMemoryText
                  : "the server's log has the reason.");

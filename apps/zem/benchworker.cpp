@@ -1,13 +1,12 @@
 // See benchworker.h. Every frame begins with who wrote it, where and when, so that a read tells
 // whether it is the one that was last written. A server answers a write that it drops, too, and
 // what is written to the same position later hides that. So positions are written in rounds, each
-// once, and before the next round the flags of all frames must be those that this one gave them.
+// once, and before a frame is written over its flags must be those that the last round gave it.
 #include "apps/zem/benchworker.h"
 
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <numeric>
 #include <thread>
 
 #include "apps/zem/client/text.h"
@@ -32,6 +31,17 @@ uint64_t NextRandom(uint64_t& state) {
     state ^= state >> 7;
     state ^= state << 17;
     return state;
+}
+
+// What tells a frame of one round from that of the next: kFrameFlagKey or 0; else there is none.
+uint32_t FlagsOf(const FrameDescEntry& desc) {
+    constexpr uint32_t kNone = ~0u;
+    return (desc.flags & kFrameFlagPresent) != 0 ? desc.flags & kFrameFlagKey : kNone;
+}
+
+void Shuffle(std::vector<uint32_t>& numbers, uint64_t& random) {
+    for (size_t left = numbers.size(); left > 1; --left)
+        std::swap(numbers[left - 1], numbers[NextRandom(random) % left]);
 }
 
 }  // namespace
@@ -92,7 +102,9 @@ void CBenchWorker::Begin() {
 bool CBenchWorker::TakesFrame() {
     WriteOne(0);
     m_client.Flush(m_token);
-    return m_client.FileInfo(m_token).frameCount > 0;
+    const bool taken = m_client.FileInfo(m_token).frameCount > 0;
+    if (taken) m_flags[0] ^= kFrameFlagKey;  // the first round must not take it for its own
+    return taken;
 }
 
 // Waits for the time of the next frame; false when the run is over.
@@ -155,46 +167,69 @@ void CBenchWorker::FlushIf(uint64_t more_bytes) {
     m_unflushed_bytes += more_bytes;
 }
 
-void CBenchWorker::BeginRound() {
-    m_next = 0;
-    if (!m_plan.random) return;
-    for (uint32_t left = m_frames; left > 1; --left)
-        std::swap(m_round[left - 1], m_round[NextRandom(m_random) % left]);
+// A part is what one answer tells of, and half of the file at most: the frames that are looked at
+// were written some frames ago, so that as a rule the server has them by now, flushed or not.
+void CBenchWorker::BeginRun() {
+    m_partFrames = std::clamp(m_frames / 2, 1u, kFrameDescBatch);
+    m_parts.clear();
+    for (uint32_t first = 0; first < m_frames; first += m_partFrames)
+        m_parts.push_back(first);
+    m_nextPart = 0;
+    m_writesAgain = false;
+    m_order.clear();
 }
 
-// Counts the frames of a whole round that the server does not have. The next one of a position gets
-// the other flags than what is there now.
-void CBenchWorker::CheckRound() {
-    m_client.Flush(m_token);
-    m_unflushed_bytes = 0;
-    const std::vector<FrameDescEntry> descs = m_client.FrameDescs(m_token, 0, m_frames);
-    for (uint32_t position = 0; position < m_frames; ++position) {
-        const bool present = (descs[position].flags & kFrameFlagPresent) != 0;
-        const uint32_t flags = present ? descs[position].flags & kFrameFlagKey : 0;
-        if (!present || flags != m_flags[position]) {
+void CBenchWorker::BeginPart() {
+    if (m_nextPart == m_parts.size()) {
+        m_nextPart = 0;
+        m_writesAgain = true;
+        if (m_plan.random) Shuffle(m_parts, m_random);
+    }
+    const uint32_t first = m_parts[m_nextPart++];
+    const uint32_t end = first + std::min(m_partFrames, m_frames - first);
+    if (m_writesAgain) CheckPart(first, end);
+    for (uint32_t position = end; position-- > first;)
+        m_order.push_back(position);
+    if (m_plan.random) Shuffle(m_order, m_random);
+}
+
+// Whether what was written last is there; `descs` is of the positions from `first` on.
+bool CBenchWorker::IsThere(const std::vector<FrameDescEntry>& descs, uint32_t first) const {
+    for (size_t i = 0; i < descs.size(); ++i)
+        if (FlagsOf(descs[i]) != m_flags[first + i]) return false;
+    return true;
+}
+
+// Counts the frames from `first` to before `end` that the server does not have. The next one of a
+// position gets the other flags than what is there now.
+void CBenchWorker::CheckPart(uint32_t first, uint32_t end) {
+    std::vector<FrameDescEntry> descs = m_client.FrameDescs(m_token, first, end - first);
+    if (!IsThere(descs, first)) {  // dropped, or not written yet
+        m_client.Flush(m_token);
+        m_unflushed_bytes = 0;
+        descs = m_client.FrameDescs(m_token, first, end - first);
+    }
+    for (uint32_t position = first; position < end; ++position) {
+        const uint32_t flags = FlagsOf(descs[position - first]);
+        if (flags != m_flags[position]) {
             ++lost;
             m_written[position] = 0;
         }
-        m_flags[position] = flags ^ kFrameFlagKey;
+        m_flags[position] = flags == kFrameFlagKey ? 0 : kFrameFlagKey;
     }
 }
 
 void CBenchWorker::Write(Clock::time_point start) {
     Begin();
-    m_round.resize(m_frames);
-    std::iota(m_round.begin(), m_round.end(), 0);
-    BeginRound();
+    BeginRun();
     for (Clock::time_point due; Due(start, due);) {
-        if (m_next == m_frames) {
-            CheckRound();
-            BeginRound();
-        }
+        if (m_order.empty()) BeginPart();
         FlushIf(m_data.size());
         const Clock::time_point issued = Clock::now();
-        WriteOne(m_round[m_next++]);
+        WriteOne(m_order.back());
+        m_order.pop_back();
         Count(due, issued, m_data.size());
     }
-    m_next = 0;
     m_client.Flush(m_token);
     m_unflushed_bytes = 0;
 }

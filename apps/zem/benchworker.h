@@ -71,8 +71,10 @@ private:
     bool Due(Clock::time_point start, Clock::time_point& due);
     void Count(Clock::time_point due, Clock::time_point issued, uint64_t bytes);
     uint32_t NextPosition();
-    void CheckRound();
-    void BeginRound();
+    void BeginRun();
+    void BeginPart();
+    bool IsThere(const std::vector<FrameDescEntry>& descs, uint32_t first) const;
+    void CheckPart(uint32_t first, uint32_t end);
     void WriteOne(uint32_t position);
     void FlushIf(uint64_t more_bytes);
     bool IsOurs(const StreamFrame& frame, uint32_t position) const;
@@ -91,7 +93,11 @@ private:
     uint64_t m_sequence = 0;
     std::vector<uint64_t> m_written;  // the sequence number that each position should hold; 0: none
     std::vector<uint32_t> m_flags;    // of each position's next frame, then of the one written
-    std::vector<uint32_t> m_round;    // every position once, in the order of writing
+    std::vector<uint32_t> m_parts;    // of a round, in the order of writing: where each begins
+    std::vector<uint32_t> m_order;    // the positions of this part, the next one last
+    uint32_t m_partFrames = 1;
+    size_t m_nextPart = 0;
+    bool m_writesAgain = false;  // not the first round
     std::vector<uint8_t> m_data;
     std::atomic<uint64_t> m_done{0};
     std::atomic<uint64_t> m_doneBytes{0};

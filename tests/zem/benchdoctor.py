@@ -17,7 +17,7 @@ import unittest
 from email.utils import formatdate
 
 import zemcase
-from wire import Server, closed_port
+from wire import Server, closed_port, need_for_everyone
 
 
 class Bench(zemcase.OwnServerCase):
@@ -251,6 +251,7 @@ class Doctor(zemcase.OwnServerCase):
 class Rights(unittest.TestCase):
     @unittest.skipIf(os.geteuid() != 0, 'only root can run the service as another user')
     def test_a_folder_that_the_service_may_not_write(self):
+        need_for_everyone(zemcase.PROGRAMS.zemhost)
         server = Server(zemcase.PROGRAMS.zemhost, user=65534)
         self.addCleanup(server.remove)
         os.mkdir(os.path.join(server.volume, 'media'), 0o755)

@@ -10,9 +10,6 @@
 namespace zem {
 namespace {
 
-// A reply is built inside the server's 4096-byte request buffer, behind the request's own headers.
-// So many entries fit in both forms whatever headers were sent.
-constexpr uint32_t kFrameDescBatch = 64;
 // Any answer but a frame: generous, yet nothing that could hurt.
 constexpr uint64_t kSmallReplyLimit_bytes = 65536;
 constexpr uint64_t kFrameReplyLimit_bytes = kMaxFrame_bytes + 65536;

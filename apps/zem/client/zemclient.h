@@ -16,6 +16,10 @@
 
 namespace zem {
 
+// Positions that one request for descriptors asks for. Its reply is built inside the server's
+// 4096-byte request buffer, behind the request's own headers: so many fit whatever was sent.
+inline constexpr uint32_t kFrameDescBatch = 64;
+
 class CZemClient {
 public:
     explicit CZemClient(ConnectionOptions options);
