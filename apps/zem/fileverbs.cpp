@@ -66,7 +66,7 @@ int Move(const CommandLine& line, const FileOptions& options) {
     session->Move(from, to);
     if (session->Attributes(from) != kNoAttributes || session->Attributes(to) == kNoAttributes) {
         throw Refused(Printable(options.name) + " was not moved",
-                      WhyNotNamed(*session, options.to));
+                      WhyNotMoved(*session, options.name, options.to));
     }
     PrintDone(line, "mv", {{"name", options.name}, {"to", options.to}});
     return kExitOk;

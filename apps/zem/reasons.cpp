@@ -233,6 +233,14 @@ Why WhyNotNamed(CZemClient& client, const std::string& name) {
     });
 }
 
+Why WhyNotMoved(CZemClient& client, const std::string& name, const std::string& to) {
+    const std::u16string moved = ToUtf16(name, "the file name");
+    std::u16string folder = FolderOf(ToUtf16(to, "the file name"));
+    for (; !folder.empty(); folder = FolderOf(folder))
+        if (folder == moved) return {": it cannot lie in itself", kReasonBadName};
+    return WhyNotNamed(client, to);
+}
+
 Why WhyNotRemoved(uint32_t attributes) {
     if ((attributes & kAttributeDirectory) != 0) {
         return {std::string(kFolder) +

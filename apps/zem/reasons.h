@@ -39,6 +39,8 @@ Why WhyBadName(const std::u16string& name);
 Why WhyNotCreated(CZemClient& client, const std::string& name, bool replace);
 // Why there is still nothing of this name, which a directory or a moved file was to have.
 Why WhyNotNamed(CZemClient& client, const std::string& name);
+// Why what is called `name` is not called `to` now.
+Why WhyNotMoved(CZemClient& client, const std::string& name, const std::string& to);
 // Why a file is still there. `attributes` are those that it had.
 Why WhyNotRemoved(uint32_t attributes);
 // Why GET did not send a file that is there.

@@ -928,6 +928,10 @@ class ZemClient:
     def _why_not_named(self, name: str) -> str:
         return self._why_absent(name, True) or 'perhaps the volume is full, or the server may not write there'
 
+    def _why_not_moved(self, source: str, target: str) -> str:
+        into_itself = target.replace('\\', '/').startswith(source.replace('\\', '/') + '/')
+        return 'it cannot lie in itself' if into_itself else self._why_not_named(target)
+
     def _demand(self, name: str, what: str) -> None:
         if not self.exists(name):
             raise self._refused(f'{what} of {name!r} did not work', self._why_missing, name)
@@ -959,7 +963,7 @@ class ZemClient:
         self._demand_free(target, 'MOVE_FILE to')
         self._ask(Command.MOVE_FILE, _name(source) + _name(target))
         if not self.exists(target):
-            raise self._refused(f'MOVE_FILE to {target!r} did not work', self._why_not_named, target)
+            raise self._refused(f'MOVE_FILE to {target!r} did not work', self._why_not_moved, source, target)
 
     # Configuration of the channel: lasts until the client leaves.
 

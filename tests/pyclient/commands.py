@@ -393,6 +393,7 @@ class Volume(common.ServerCase):
             (lambda: client.move_file('why/none', 'why/other'), "of 'why/none' did not work: there is no such file"),
             (lambda: client.move_file('why/clip', 'why/text'), "to 'why/text' did not work: it exists"),
             (lambda: client.move_file('why/clip', 'why/no/clip'), "there is no directory 'why/no'"),
+            (lambda: client.move_file('why/folder', 'why/folder/in'), 'it cannot lie in itself'),
             (lambda: stranger.move_file('why/clip', 'why/new'), 'this client has not joined'))
         for call, why in refusals:
             with self.subTest(why), self.assertRaisesRegex(ZemRefused, re.escape(why)):

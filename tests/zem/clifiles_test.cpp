@@ -187,6 +187,9 @@ TEST_F(ZemCliFiles, WhatTheServerDidNotDoIs1) {
     m_media.ignored = {13, 21, 23, 24, 25};
     EXPECT_EQ(Run({"mkdir", "media/d"}).code, 1);
     EXPECT_EQ(Run({"mv", "media/v", "media/w"}).code, 1);
+    m_media.files["media/d"].isDirectory = true;
+    EXPECT_EQ(Run({"mv", "media/d", "media/d/e/f"}).err,
+              "zem: media/d was not moved: it cannot lie in itself\n");
     EXPECT_EQ(Run({"rm", "media/v"}).code, 1);
     EXPECT_EQ(Run({"stripe", "media/v", "10:00:00:00"}).code, 1);
     EXPECT_EQ(Run({"erase", "media/v", "--from", "0", "--count", "1"}).code, 1);

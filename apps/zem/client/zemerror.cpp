@@ -32,9 +32,8 @@ constexpr HresultWords kWords[] = {
     {0x80070013, "the medium is write protected"},
     {0x80070015, "the device is not ready"},
     {0x80070017,
-     "checksum error: the frame's data is damaged; of a native file zemfsck on the server names "
-     "all "
-     "such frames"},
+     "checksum error: the frame's data is damaged; zemfsck on the server names all damaged frames "
+     "of a native file"},
     {0x80070020, "the file is in use by another"},
     {0x80070026, "end of file"},
     {0x80070040, "the network name is no longer available"},
