@@ -14,6 +14,9 @@ packages_build=(
 # shells that complete.
 packages_test=(ffmpeg curl openssl nginx-light binutils man-db lintian logrotate systemd-container mandoc zsh fish)
 
+# To make a fresh machine that the Debian package is installed on: tests/packaging/fresh_test.sh.
+packages_fresh=(mmdebstrap systemd-container)
+
 # To try the console page in: the smallest Chromium, without windows.
 packages_browser=(chromium-headless-shell fonts-dejavu-core)
 

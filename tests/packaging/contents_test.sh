@@ -43,8 +43,9 @@ until [ ! -s "$work/new" ]; do
     { xargs dpkg-query -W -f '${Pre-Depends},${Depends}\n' <"$work/new" 2>/dev/null || true; } | depends_of | sort -u >"$work/more"
     grep -vxFf "$work/depends" "$work/more" >"$work/new" || true
 done
-find "$root/usr" -type f \( -path '*bin/*' -o -name '*.so*' \) -exec ldd {} + | awk '$2 == "=>" && $3 ~ /^\// { print $3 }' | sort -u |
-    grep -vF -e "$root/" -e "$build/" >"$work/libraries"
+find "$root/usr" -type f \( -path '*bin/*' -o -name '*.so*' \) -exec ldd {} + >"$work/loads"
+if grep 'not found' "$work/loads"; then fail 'a library is not found'; fi
+awk '$2 == "=>" && $3 ~ /^\// { print $3 }' "$work/loads" | sort -u | grep -vF -e "$root/" -e "$build/" >"$work/libraries"
 [ "$(wc -l <"$work/libraries")" -gt 10 ] || fail 'almost no libraries'
 while read -r library; do
     real=$(realpath "$library")

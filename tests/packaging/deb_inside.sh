@@ -1,21 +1,9 @@
 #!/usr/bin/env bash
-# Runs as root in the container of deb_test.sh: what happens to the package in its life, step by step. Ends with the line
-# "All steps done." or with what failed.
-set -euo pipefail
-cd /root/try
-export DEBIAN_FRONTEND=noninteractive PYTHONPATH=/root/try
-registry=/etc/zemhttpd/zemhttpd.reg
-log=/var/log/zemhttpd/zemhost.log
-volume=/var/lib/zemhttpd/volume
+# Runs as root in the container of deb_test.sh: what happens to the package in its life, step by step.
+# shellcheck source=tests/packaging/inside.sh
+. /root/try/inside.sh
+export PYTHONPATH=/root/try
 
-fail() {
-    printf 'FAILED: %s\n' "$1"
-    systemctl --no-pager --full status zemhttpd.service || true
-    tail -n 5 "$log" || true
-    exit 1
-}
-trap 'fail "line $LINENO: $BASH_COMMAND"' ERR
-step() { printf '%s\n' "$1"; }
 answers() {  # answers PORT
     [[ $(curl -sS --max-time 120 "http://127.0.0.1:$1/media/status") =~ ^0\ [0-9]+\ [0-9]+ ]] || fail "port $1 does not answer"
 }
@@ -76,19 +64,7 @@ ffmpeg -v error -f lavfi -i testsrc2=size=320x240:rate=25 -t 1 -c:v mjpeg $volum
 if grep -q 'foreign files cannot be read' $log; then fail 'the module for foreign files is not loaded'; fi
 
 step 'runs the session of the README as it stands'
-zcat -f /usr/share/doc/zemhttpd/README.md* | sed -n '/^```sh$/,/^```$/{/^```/!p}' >session.sh
-[ "$(grep -c '^zem ' session.sh)" -gt 5 ]
-mkdir session
-ln -s $volume session/volume
-(cd session && bash -euo pipefail ../session.sh </dev/null >../said 2>../complained) || fail "$(tail -n 3 said complained)"
-[ ! -s complained ] || fail "$(cat complained)"
-python3 -B - <<'END'
-printed = iter(open('said').read().splitlines())
-wanted = [line[5:].rstrip('\n') for line in open('session.sh') if line.startswith('# -> ')]
-assert len(wanted) > 4, wanted
-for line in wanted:
-    assert line in printed, 'not printed, or not in this order: ' + line
-END
+session_of_the_readme
 zem rm media/clip.v0 media/clip.a0 media/clip.mov media/whole.v0 media/whole.a0 media/whole.clip
 
 step 'a host program of one'"'"'s own is built and runs with it'
@@ -147,9 +123,13 @@ grep -q '"HttpPort"=dword:00000050' $registry
 answers 80
 [ -s $volume/clip ]
 
-step 'stays off over an upgrade when it was switched off'
+step 'stays off over an upgrade when it was switched off, also while the volume is away'
 systemctl disable --now zemhttpd.service 2>/dev/null
+mv $volume $volume.away
+ln -s /srv/away $volume
 dpkg --force-confold -i next.deb >/dev/null
+rm $volume
+mv $volume.away $volume
 [ "$(systemctl is-enabled zemhttpd.service || true)" = disabled ]
 systemctl enable --now zemhttpd.service 2>/dev/null
 answers 80

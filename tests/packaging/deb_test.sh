@@ -7,6 +7,8 @@ source_dir=$1 build=$2
 here=$source_dir/tests/packaging
 # shellcheck source=tests/scratch.sh
 . "$source_dir/tests/scratch.sh"
+# shellcheck source=tests/packaging/container.sh
+. "$here/container.sh"
 [ "$(id -u)" -eq 0 ] || cannot 'only root can boot a system of its own'
 for tool in dpkg-shlibdeps systemd-nspawn lintian logrotate ffmpeg curl; do
     command -v "$tool" >/dev/null || [ -x "/usr/sbin/$tool" ] || cannot "there is no $tool"
@@ -42,34 +44,9 @@ printf '\n; A comment of the next version.\n' >>"$root/next/etc/zemhttpd/zemhttp
 dpkg-deb --root-owner-group -b "$root/next" "$root/packages/next.deb" >/dev/null
 
 system=$root/system
-rm -f "$system/usr/sbin/policy-rc.d"
 rm -f "$system/var/lib/man-db/auto-update"  # its index of all pages, seven times over, is not what is tried
 mkdir "$system/root/try"
 mv "$package" "$system/root/try/first.deb"
 mv "$root/packages/next.deb" "$system/root/try"
-cp "$here/deb_inside.sh" "$source_dir/clients/python/zemclient.py" "$system/root/try"
-cat >"$system/etc/systemd/system/try.service" <<'END'
-[Unit]
-Requires=basic.target
-After=basic.target
-SuccessAction=poweroff-force
-FailureAction=poweroff-force
-[Service]
-Type=oneshot
-ExecStart=/root/try/deb_inside.sh
-StandardOutput=file:/root/try/out
-StandardError=inherit
-END
-# What a container is refused and a machine is not: io_uring, and locked memory, without which a library of FFmpeg's complains.
-# Outside systemd there is no unit to keep; under it the container must not ask for one.
-options=(--register=no)
-[ -d /run/systemd/system ] || options+=(--keep-unit)
-SYSTEMD_NSPAWN_UNIFIED_HIERARCHY=1 timeout -k 10 400 systemd-nspawn "${options[@]}" --quiet --private-network \
-    --system-call-filter='@memlock io_uring_setup io_uring_enter io_uring_register' -D "$system" --boot --console=pipe \
-    systemd.unit=try.service </dev/null >"$root/boot" 2>&1 || true
-if [ ! -e "$system/root/try/out" ]; then
-    sed 's/^/boot: /' "$root/boot" | tail -n 20
-    cannot 'no system boots in a container here'
-fi
-cat "$system/root/try/out"
-tail -n 1 "$system/root/try/out" | grep -qx 'All steps done.' || fail 'the last step did not end'
+cp "$here/inside.sh" "$here/deb_inside.sh" "$source_dir/clients/python/zemclient.py" "$system/root/try"
+boot "$system" /root/try/deb_inside.sh
