@@ -32,6 +32,11 @@ protected:
 
 class ChannelIo : public CEngineChoice, public CVolumeTest {};
 
+// Opening a file reads some of it, and a fast device may have read the frame ahead by the time that
+// it is asked for: rarely one of this size, and not each time.
+constexpr size_t kHardlyReadAhead_bytes = 3500000;
+constexpr int kTriesToWait = 100;
+
 INSTANTIATE_TEST_SUITE_P(Ring, ChannelIo, testing::Values(false));
 INSTANTIATE_TEST_SUITE_P(Threads, ChannelIo, testing::Values(true));
 
@@ -71,19 +76,21 @@ TEST_P(ChannelIo, WhatIsWrittenIsReadAtOnceFromItsPages) {
 // What nobody has checked since the file was opened is checked where it is asked for, if that needs
 // no waiting for the device; else the library's thread does it.
 TEST_P(ChannelIo, AFirstReadIsVerified) {
-    const auto frame = Bytes(2, 3500000);
+    const auto frame = Bytes(2, kHardlyReadAhead_bytes);
     ULONGLONG token = Create("clip");
     ASSERT_EQ(Write(token, 0, frame), S_OK);
     for (const bool cached : {false, true}) {
-        CloseLast(token);
-        if (!cached && !Forget("clip"))
-            GTEST_SKIP() << "here every file stays in memory, and no read tells whether it waits";
-        token = Open("clip");
         std::vector<uint8_t> bytes;
-        bool pending = false;
-        ASSERT_EQ(Read(token, 0, bytes, nullptr, &pending), S_OK);
+        bool pending = cached;
+        for (int tries = 0; pending == cached && tries < (cached ? 1 : kTriesToWait); ++tries) {
+            CloseLast(token);
+            if (!cached && !Forget("clip"))
+                GTEST_SKIP() << "here every file stays in memory, and no read tells if it waits";
+            token = Open("clip");
+            ASSERT_EQ(Read(token, 0, bytes, nullptr, &pending), S_OK);
+            EXPECT_EQ(bytes, frame);
+        }
         EXPECT_EQ(pending, !cached);
-        EXPECT_EQ(bytes, frame);
         ASSERT_EQ(Read(token, 0, bytes, nullptr, &pending), S_OK);
         EXPECT_FALSE(pending) << "once per version and open file";
         EXPECT_EQ(bytes, frame);
@@ -334,14 +341,11 @@ TEST_P(ChannelIo, ADeletedChannelHasNothingUnderWay) {
 // The server's last reference to a channel may go inside the completion of its last request.
 TEST_P(ChannelIo, ACompletionMayDeleteItsChannel) {
     ULONGLONG token = Create("clip");
-    ASSERT_EQ(Write(token, 0, Bytes(0, 300000)), S_OK);
+    ASSERT_EQ(Write(token, 0, Bytes(0, kHardlyReadAhead_bytes)), S_OK);
     CloseLast(token);
-    if (!Forget("clip")) GTEST_SKIP() << "here every file stays in memory: no read has to wait";
     struct Last : Io {
         std::unique_ptr<CZemChannelIo> channel;
     } io;
-    io.channel = NewChannel();
-    io.entries[0].token = Open("clip", kFileRead, io.channel.get());
     io.desc.completionContext = &io;
     io.desc.completionRoutine = [](void* context) {
         auto* self = static_cast<Last*>(context);
@@ -349,7 +353,18 @@ TEST_P(ChannelIo, ACompletionMayDeleteItsChannel) {
         self->channel.reset();
         self->completed.set_value();
     };
-    ASSERT_EQ(io.channel->ReadFrame(io.desc), kPending);
+    for (int tries = 1;; ++tries) {
+        if (!Forget("clip")) GTEST_SKIP() << "here every file stays in memory: no read has to wait";
+        io.channel = NewChannel();
+        io.entries[0].token = Open("clip", kFileRead, io.channel.get());
+        const HRESULT read = io.channel->ReadFrame(io.desc);
+        if (read == kPending) break;
+        ASSERT_EQ(read, S_OK);
+        io.channel->ReadFrameComplete(io.streams);
+        io.channel.reset();
+        zemstore::AwaitNoMediaFiles();
+        ASSERT_LT(tries, kTriesToWait) << "no read had to wait";
+    }
     io.completed.get_future().wait();
     EXPECT_EQ(io.entries[0].status, S_OK);
     // The file may be closed a little later; the next open waits for nothing and finds it whole.
