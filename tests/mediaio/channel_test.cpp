@@ -1,6 +1,7 @@
 // Frame I/O through a channel, with the kernel's ring and without.
 #include "channelfixture.h"
 
+#include "memorytold.h"
 #include "tests/fakes/fakeerrorlog.h"
 
 #include <fcntl.h>
@@ -50,6 +51,7 @@ TEST_P(ChannelIo, UsesTheRingUnlessTold) {
 }
 
 TEST_P(ChannelIo, WhatIsWrittenIsReadAtOnceFromItsPages) {
+    if (!TellsWhatIsInMemory(m_root)) GTEST_SKIP() << "here no read is known to need no waiting";
     const ULONGLONG token = Create("media/clip/v0");
     EXPECT_EQ(TokenKind(token), kTokenKindVideo);
     const auto frame = Bytes(1, 1 << 20);
@@ -120,7 +122,8 @@ TEST_P(ChannelIo, PerStreamResults) {
         io.entries[i].token = expected[i].token;
         io.entries[i].position = expected[i].position;
     }
-    EXPECT_EQ(io.Wait(m_channel->ReadFrame(io.desc)), kErrorFrameHole) << "the first failure";
+    const HRESULT read = io.Wait(m_channel->ReadFrame(io.desc));
+    EXPECT_EQ(read, io.pending ? S_OK : kErrorFrameHole) << "at once: the first failure";
     EXPECT_EQ(io.desc.status, S_OK) << "the reply itself goes out with its table";
     for (int i = 0; i < 7; ++i) {
         EXPECT_EQ(io.entries[i].status, expected[i].status) << i;

@@ -3,7 +3,7 @@
 : "${work:?}"
 
 # boot SYSTEM COMMAND: COMMAND, run in there by systemd as root once the system is up, and what it printed. Fails when its last
-# line is not "All steps done."; says that it cannot be tried where no container boots.
+# line is not "All steps done."; says that it cannot be tried where no container boots, or none that can talk to itself.
 boot() {
     local system=$1 said=$1/root/try/out
     rm -f "$system/usr/sbin/policy-rc.d"  # what is installed in there is started as on a machine
@@ -30,6 +30,7 @@ END
         sed 's/^/boot: /' "$work/boot" | tail -n 20
         cannot 'no system boots in a container here'
     fi
+    if grep -qx 'No loopback.' "$said"; then cannot 'a container here has no loopback'; fi
     cat "$said"
     tail -n 1 "$said" | grep -qx 'All steps done.' || fail 'the last step did not end'
 }
