@@ -115,6 +115,7 @@ bool CHttpConnection::Open(int fd, CRequestQueue* queue, const CSocketAddress& r
     c->m_window_open = c->m_slow = false;
     c->m_read_from_ms = 0;
     c->m_low_water = 1;
+    c->m_window_opened = false;
     c->m_hangup.store(false);
     c->m_remote = remote;
     c->m_remote.Unmap();

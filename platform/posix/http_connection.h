@@ -116,6 +116,8 @@ private:
 
     // http_longbody.cpp
     EStep WaitForBigBody();
+    bool OpenWindow();
+    void TakeMore();
     EStep RunBigBody(CPacket& packet);
     EStep DeliverLongBody(CPacket& packet);
     size_t GatherBody(size_t limit);
@@ -199,6 +201,7 @@ private:
     bool m_window_open = false;
     bool m_slow = false;  // the last window of the stall rule showed too little progress
     uint32_t m_low_water = 1;
+    bool m_window_opened = false;  // wide enough for every low-water mark
     CBodyDecoder m_decoder;
 
     // The kept bytes: [0, m_head_bytes) a complete head, then decoded body, then raw bytes.

@@ -24,6 +24,9 @@ constexpr uint32_t kParkedMs = 100;
 // its rest will take.
 constexpr uint64_t kChunkedRestBytes = 8u << 20;
 
+// So much a client may send in any case before it hears of a larger window.
+constexpr uint64_t kFirstWindowBytes = 32 * 1024;
+
 // From so much on the socket tells of a pile of a chunk's data, not of each segment.
 constexpr uint64_t kPileFromBytes = 64 * 1024;
 
@@ -78,9 +81,27 @@ bool CHttpConnection::WorkerMayWait() const {
 CHttpConnection::EStep CHttpConnection::WaitForBigBody() {
     m_phase = EPhase::BigBody;
     m_arrived = 0;
+    if (m_decoder.Plain() > kFirstWindowBytes && OpenWindow()) TakeMore();
     SetLowWater(static_cast<uint32_t>(std::min<uint64_t>(m_decoder.Plain(), kLowWaterBytes)));
     SetDeadline(HttpTune()->body_ms);
     return Rest();
+}
+
+// The system makes the receive window as large as the low-water mark, at most (Linux:
+// tcp_set_rcvlowat), and a client sends no part of a segment into a window that does not hold the
+// whole, but waits a fifth of a second for a larger one (RFC 9293, 3.8.6.2.1). So the window would
+// end before the mark: it is made larger than any mark, once. True: just now.
+bool CHttpConnection::OpenWindow() {
+    if (m_window_opened) return false;
+    m_window_opened = true;
+    SetLowWater(2 * kLowWaterBytes);
+    return true;
+}
+
+// The client may have filled the window that it knew. A read tells it of the larger one.
+void CHttpConnection::TakeMore() {
+    const size_t most = m_body_end - m_body_begin + kReadBytes;
+    if (m_buffer.Reserve(m_body_begin + most, m_body_end)) m_pace_bytes += GatherBody(most);
 }
 
 CHttpConnection::EStep CHttpConnection::RunBigBody(CPacket& packet) {
@@ -96,21 +117,6 @@ CHttpConnection::EStep CHttpConnection::RunBigBody(CPacket& packet) {
         arrived = Arrived();
         if (over && arrived < wanted) return Die();
         if (!over && !(fd.revents & POLLIN)) return Release() ? EStep::Gone : EStep::Again;
-        // Full is at first the window that was offered before the mark was set. Taking a little
-        // more than the first read did offers the larger one.
-        constexpr size_t kMost = 2 * kReadBytes;
-        if (!over && m_body_end - m_body_begin < kMost &&
-            m_buffer.Reserve(m_body_begin + kMost, m_body_end)) {
-            const size_t taken = GatherBody(kMost);
-            if (taken > 0 && !m_decoder.Done()) {
-                m_arrived = 0;
-                m_pace_bytes += taken;
-                SetLowWater(
-                    static_cast<uint32_t>(std::min<uint64_t>(m_decoder.Plain(), kLowWaterBytes)));
-                return Release() ? EStep::Gone : EStep::Again;
-            }
-            arrived = Arrived();
-        }
     }
     if (arrived >= m_decoder.Plain()) return DeliverLongBody(packet);
     if (!m_parked) m_comes_soon = ComesSoon(arrived);
@@ -201,6 +207,7 @@ CHttpConnection::EStep CHttpConnection::RunGathering(CPacket& packet) {
             if (m_pace_from_ms == 0) StartPace();
             const uint64_t plain = m_decoder.Plain();
             const bool pile = m_decoder.IsLength() || plain >= kPileFromBytes;
+            if (pile) OpenWindow();
             SetLowWater(pile ? static_cast<uint32_t>(std::min<uint64_t>(plain, kLowWaterBytes))
                              : 1);
             return Release() ? EStep::Gone : EStep::Again;

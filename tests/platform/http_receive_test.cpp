@@ -3,6 +3,7 @@
 #include <linux/sockios.h>
 #include <sys/ioctl.h>
 
+#include <chrono>
 #include <cstring>
 #include <set>
 
@@ -188,6 +189,40 @@ TEST(Receive, UploadThatStallsAboveTheFirstWindowReachesNoWorker) {
     EXPECT_EQ(body, first + rest);
     server.Reply(block->Id(), "");
     EXPECT_EQ(client.Read().status, 200);
+}
+
+// A client that has filled the window with pieces of segments sends on when the window opens, or
+// when it has waited 200 ms for that: every time, if the server does not tell it.
+TEST(Receive, AClientThatFilledTheFirstWindowIsToldOfALargerOne) {
+    using std::chrono::steady_clock;
+    constexpr auto kSoon = std::chrono::milliseconds(150);
+    const std::string piece(8192, 'p');
+    constexpr int kPieces = 30;
+    auto least = steady_clock::duration::max();
+    for (int tries = 0; least >= kSoon && tries < 20; ++tries) {
+        CServer server;
+        CClient client(server.TcpPort());
+        client.Send(PostHead(kPieces * piece.size()) + piece);
+        for (int i = 1; i < kPieces; ++i)
+            client.Send(piece);  // the socket takes it, whatever the server does
+        const auto full = [&] {
+            int unsent_bytes = 0;
+            ioctl(client.Socket(), SIOCOUTQNSD, &unsent_bytes);
+            return unsent_bytes > 0;
+        };
+        EXPECT_TRUE(Eventually(full));
+        const auto begin = steady_clock::now();
+        CBlock* block = server.Take();
+        ASSERT_NE(block, nullptr);
+        std::string body = block->Body();
+        while (server.ReadBody(block->Id(), body, 30000) == NO_ERROR) {
+        }
+        least = std::min(least, steady_clock::now() - begin);
+        EXPECT_EQ(body.size(), kPieces * piece.size());
+        server.Reply(block->Id(), "");
+        EXPECT_EQ(client.Read().status, 200);
+    }
+    EXPECT_LT(least, kSoon);
 }
 
 TEST(Receive, NextRequestMayLieRightBehindABodyThatIsReadExactly) {
