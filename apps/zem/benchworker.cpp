@@ -102,9 +102,7 @@ void CBenchWorker::Begin() {
 bool CBenchWorker::TakesFrame() {
     WriteOne(0);
     m_client.Flush(m_token);
-    const bool taken = m_client.FileInfo(m_token).frameCount > 0;
-    if (taken) m_flags[0] ^= kFrameFlagKey;  // the first round must not take it for its own
-    return taken;
+    return m_client.FileInfo(m_token).frameCount > 0;
 }
 
 // Waits for the time of the next frame; false when the run is over.

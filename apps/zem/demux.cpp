@@ -137,7 +137,9 @@ void CDemuxer::OpenInput() {
     int device = 0;
     if (opened)
         device = m_context->ReadError();
-    else if (doubtful && m_context->pipe == nullptr)
+    else if (m_context->pipe != nullptr)
+        device = std::min(m_context->pipe->Io()->error, 0);
+    else if (doubtful)
         device = ReadErrorOf(url);
     if (device < 0) ThrowAv(m_path, device, kUnreadable);
     if (result >= 0) return;
@@ -147,8 +149,11 @@ void CDemuxer::OpenInput() {
 // Of an empty file some readers find no fault. EIO is the device's, which gives no byte either.
 bool CDemuxer::IsEmpty(const std::string& head, int result) const {
     std::error_code unknown;
-    if (!std::filesystem::is_regular_file(m_path, unknown)) return head.empty() && IsNoClip(result);
-    return std::filesystem::file_size(m_path, unknown) == 0 && result != AVERROR(EIO);
+    if (!head.empty()) return false;
+    if (m_context->pipe != nullptr || !std::filesystem::is_regular_file(m_path, unknown))
+        return IsNoClip(result);
+    return std::filesystem::file_size(m_path, unknown) == 0 && result != AVERROR(EIO) &&
+           result != AVERROR(EACCES);
 }
 
 std::string CDemuxer::Head() const {

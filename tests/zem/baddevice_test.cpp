@@ -1,10 +1,13 @@
 // Clips on a device that fails: the program's own read() stands in for it. What the libraries make
 // of a failed read, mostly an end, must not be told as one.
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
+#include <filesystem>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -34,8 +37,9 @@ extern "C" __attribute__((visibility("default"))) ssize_t read(int file, void* b
 
 namespace {
 
-// What is said of it; empty: it was read to its end.
+// What is said of it; empty: it was read to its end. "-": what stdin is.
 std::string Said(const std::string& clip, off_t fails_from) {
+    lseek(STDIN_FILENO, 0, SEEK_SET);
     t_fails_from = fails_from;
     std::string said;
     try {
@@ -67,6 +71,12 @@ TEST_P(BadDevice, IsWhatIsToldWhereverItFails) {
         EXPECT_EQ(Said(clip, at), clip + ": reading it failed: Input/output error")
             << at << " of " << size;
     }
+    const int file = open(clip.c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(dup2(file, STDIN_FILENO), STDIN_FILENO);
+    close(file);
+    EXPECT_EQ(Said("-", -1), "");
+    for (const off_t at : {off_t{0}, off_t{100}, off_t{5000}, size / 4, size / 2, size - 4096})
+        EXPECT_EQ(Said("-", at), "-: reading it failed: Input/output error") << at;
 }
 
 INSTANTIATE_TEST_SUITE_P(Formats, BadDevice,
