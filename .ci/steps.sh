@@ -7,10 +7,13 @@
 # twice NAME COMMAND...: a second try for what may fail by chance. When that finds nothing, the first one's words are printed at
 # the end all the same, to be looked into.
 twice() {
-    "${@:2}" || {
-        printf 'unsteady: %s\n' "$1"
-        "${@:2}"
-    }
+    local status=0
+    "${@:2}" || status=$?
+    case $status in
+        0 | 77) return $status ;;  # 77: it cannot be tried here
+    esac
+    printf 'unsteady: %s\n' "$1"
+    "${@:2}"
 }
 
 # What ctest printed of the tests that failed, and its closing lines.

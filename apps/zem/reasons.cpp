@@ -249,7 +249,9 @@ Why WhyNotRemoved(uint32_t attributes) {
     }
     if ((attributes & kAttributeReadOnly) != 0) return {": it is read-only", kReasonReadOnly};
     return {
-        ": perhaps somebody has it open for writing, or the server may not write in its folder"};
+        ": perhaps somebody has it open for writing, or the server may not open it, or not write "
+        "in "
+        "its folder"};
 }
 
 Why WhyNotSent(uint32_t attributes) {

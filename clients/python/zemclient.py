@@ -947,7 +947,7 @@ class ZemClient:
         attributes = self.get_file_attribs(name)
         if attributes != ATTRIBUTES_NONE:
             why = ('it is a directory' if attributes & ATTRIBUTE_DIRECTORY else
-                   'perhaps it is open for writing, or the server may not write in its directory')
+                   'perhaps it is open for writing, or the server may not open it, or not write in its directory')
             raise ZemRefused(f'DELETE_FILE of {name!r} did not work: {why}')
 
     def create_directory(self, name: str) -> None:

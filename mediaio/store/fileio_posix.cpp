@@ -73,7 +73,7 @@ struct CacheStat {
     uint64_t cached, dirty, writeback, evicted, recentlyEvicted;
 };
 constexpr long kCacheStatCall = 451;
-constexpr uint64_t kPage = 4096;
+const auto kPage = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
 
 // What is in the page cache the kernel tells, and tells rightly, to whom the file belongs and who
 // may write it: cachestat(2), mincore(2).
@@ -219,7 +219,7 @@ private:
     CFilePages m_pages;
     bool m_writable;
     FileIdentity m_identity;
-    bool m_mayAsk;
+    std::atomic<bool> m_mayAsk;
 };
 
 bool CPosixFile::Cached(uint64_t offset_bytes, size_t size_bytes) {
@@ -233,6 +233,8 @@ bool CPosixFile::Cached(uint64_t offset_bytes, size_t size_bytes) {
         CacheStat state{};
         if (syscall(kCacheStatCall, m_fd.Get(), &range, &state, 0) == 0)
             return state.cached * kPage >= end - first;
+        m_mayAsk = MayAskForPages(m_fd.Get());  // somebody may have taken the right away meanwhile
+        if (!m_mayAsk) return CachedByProbing(first, end);
         haveCacheStat.store(false, std::memory_order_relaxed);
     }
     return CachedByMap(first, end);
@@ -240,8 +242,9 @@ bool CPosixFile::Cached(uint64_t offset_bytes, size_t size_bytes) {
 
 // Kernels before 6.5, and sandboxes that do not know the newer call.
 bool CPosixFile::CachedByMap(uint64_t first, uint64_t end) {
-    constexpr uint64_t kStep = 1024 * kPage;
-    unsigned char there[kStep / kPage];
+    constexpr uint64_t kPages = 1024;
+    const uint64_t kStep = kPages * kPage;
+    unsigned char there[kPages];
     for (; first < end; first += kStep) {
         const auto size_bytes = static_cast<size_t>(std::min(kStep, end - first));
         void* const pages =

@@ -17,7 +17,7 @@ done
 release=$(. /etc/os-release && printf '%s %s' "$ID" "${VERSION_CODENAME-}")
 [[ $release == debian\ ?* ]] || cannot "this is no Debian but $release"
 suite=${release#* }
-mirror=$(apt-get indextargets --format '$(SITE)' 'Identifier: Packages' "Codename: $suite" 'Component: main' | head -n 1)
+mirror=$(apt-get indextargets --format '$(SITE)' 'Identifier: Packages' "Codename: $suite" 'Component: main' | sed -n 1p || true)
 [ -n "$mirror" ] || cannot "apt knows of no packages of $suite (apt-get update)"
 
 (cd "$build" && cpack -B "$work/packages" >"$work/err" 2>&1) || fail 'no package'
@@ -29,5 +29,10 @@ cp "$here/inside.sh" "$here/fresh_inside.sh" "$try"
 mmdebstrap --quiet --variant=minbase --include=systemd-sysv,dbus --skip=cleanup/apt \
     --customize-hook="cp -r '$try' \"\$1/root/\"" \
     --customize-hook='chroot "$1" apt-get install -qq -o APT::Install-Recommends=true --download-only /root/try/first.deb ffmpeg curl' \
-    "$suite" "$work/system" "$mirror" >"$work/out" 2>&1 || fail 'no Debian can be made'
+    "$suite" "$work/system" "$mirror" >"$work/out" 2>&1 || {
+    if grep -E 'Could not (resolve|connect)|Temporary failure|Connection (timed out|failed)|404 +Not Found' "$work/out"; then
+        cannot 'the packages cannot be fetched'
+    fi
+    fail 'no Debian can be made'
+}
 boot "$work/system" /root/try/fresh_inside.sh

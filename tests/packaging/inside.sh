@@ -1,7 +1,7 @@
 # shellcheck shell=bash disable=SC2034
 # inside.sh, sourced by what runs as root in the container of a test: its steps, each by name, and the line FAILED of the one
 # that failed. The last one prints "All steps done.".
-set -euo pipefail
+set -Eeuo pipefail
 cd /root/try
 export DEBIAN_FRONTEND=noninteractive
 registry=/etc/zemhttpd/zemhttpd.reg

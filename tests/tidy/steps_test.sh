@@ -27,6 +27,17 @@ never() {
 }
 unsteady() { twice second_time second_time; }
 hopeless() { twice never never; }
+# A second try would find this machine no different.
+elsewhere() {
+    local status=0
+    twice elsewhere cannot_be_tried || status=$?
+    [ $status -eq 77 ] && return 3
+}
+cannot_be_tried() {
+    echo tried >>"$work/elsewhere"
+    printf 'in part: this machine has none\n'
+    return 77
+}
 # Had no time for all.
 half() {
     printf 'in part: 2 of 4 were not looked at\n'
@@ -54,6 +65,7 @@ tests() {
 {
     step 'well' true
     step 'unsteady' unsteady
+    step 'elsewhere' elsewhere
     step 'half' half
     step 'worse' worse
     step --shown 'shown' never
@@ -69,11 +81,12 @@ has() { grep -qxF -- "$1" "$work/end" || fail "the end lacks: $1"; }
 has 'first: the frame is another'
 has 'in part: 2 of 4 were not looked at'
 summary >"$work/results" && fail 'failures do not count'
-[ "$(tail -n 1 "$work/results")" = 'deciding: 2 passed, 4 failed, 1 in part' ] || fail "the last line: $(tail -n 1 "$work/results")"
+[ "$(tail -n 1 "$work/results")" = 'deciding: 2 passed, 4 failed, 2 in part' ] || fail "the last line: $(tail -n 1 "$work/results")"
 (failed=0 && summary >/dev/null) || fail 'success does not count'
 (failed=0 passed=0 && summary >/dev/null) && fail 'nothing that ran is a success'
-[ "$(sed '1,/^== summary/d; $d' "$work/results" | awk '{ print $1, $2 }' | paste -sd,)" = 'well passed,unsteady unsteady,half in,worse FAILED,shown to,tests FAILED,hopeless FAILED,endless FAILED,too late' ] ||
+[ "$(sed '1,/^== summary/d; $d' "$work/results" | awk '{ print $1, $2 }' | paste -sd,)" = 'well passed,unsteady unsteady,elsewhere in,half in,worse FAILED,shown to,tests FAILED,hopeless FAILED,endless FAILED,too late' ] ||
     fail "results: $(cat "$work/results")"
+[ "$(wc -l <"$work/elsewhere")" -eq 1 ] || fail 'what cannot be tried is tried twice'
 has 'the reason'
 if grep -qx noise "$work/end"; then fail 'a test that passed is told of'; fi
 has 'never: that is wrong'

@@ -242,7 +242,9 @@ TEST_F(ZemCliFiles, ARefusalOfPlainHttpHasAReasonToo) {
          ": it is a folder, which the protocol has no command for: that is done on the server",
          "\"is_folder\""},
         {"media/v", ": it is there; perhaps the server may not read it, or its path is too long",
-         ": perhaps somebody has it open for writing, or the server may not write in its folder",
+         ": perhaps somebody has it open for writing, or the server may not open it, or not write "
+         "in "
+         "its folder",
          "null"},
         {"media/a:b", guess.c_str(), nullptr, "null"},
     };
