@@ -110,5 +110,5 @@ kill "$whole"
 wait "$whole" && fail 'a signal does not end it'
 flock -w 30 "$work/waits" true || fail 'what a step started outlives the whole'
 # What decided comes last.
-[ "$(grep '^== ' "$work/end" | tail -n 1)" = '== from build/ci/08.log' ] || fail 'what failed is not last'
+[ "$(grep '^== ' "$work/end" | tail -n 1)" = '== from build/ci/09.log' ] || fail 'what failed is not last'
 if grep -q '01.log' "$work/end"; then fail 'what went well is told of'; fi
