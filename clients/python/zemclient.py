@@ -859,12 +859,13 @@ class ZemClient:
 
     def get_file_marks(self, token: int) -> Marks:
         """Raises ZemRefused. Marks are set by writing to the stream 'mk'."""
-        # What stands at offset 8 comes back unchanged when the query failed.
-        body = _pack(struct.Struct('<QI'), token, 0xFFFFFFFF)
-        marks = Marks(*_WORD2.unpack_from(self._ask(Command.GET_FILE_MARKS, body, 12), 4))
-        if marks.second == 0xFFFFFFFF:
-            raise ZemRefused(f'the server knows no marks of token 0x{token:x}')
-        return marks
+        # What stands at offset 8 comes back unchanged when the query failed: two values of it do not both.
+        for unchanged in (0xFFFFFFFF, 0):
+            body = _pack(struct.Struct('<QI'), token, unchanged)
+            marks = Marks(*_WORD2.unpack_from(self._ask(Command.GET_FILE_MARKS, body, 12), 4))
+            if marks.second != unchanged:
+                return marks
+        raise ZemRefused(f'the server knows no marks of token 0x{token:x}')
 
     def get_file_marks2(self, name: str, aux: str = '', media_type: MediaType = MediaType.ANY) -> Marks:
         """The same by name. Raises ZemRefused."""

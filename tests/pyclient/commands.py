@@ -239,6 +239,10 @@ class Frames(common.ServerCase):
             marks.flush()
             self.assertEqual(marks.read(0).descriptor.position, 2)
         self.assertEqual(client.get_file_marks2('frames/marks'), Marks(2, 4))
+        # The last position that there can be: its mark is also what a failed query is told by.
+        with client.create_file('frames/last', VIDEO) as file:
+            file.write(0xFFFFFFFE, b'last')
+            self.assertEqual(client.get_file_marks(file.token), Marks(0, 0xFFFFFFFF))
         with self.assertRaises(ValueError):
             Timecode.parse('24:00:00:00')
         client.stripe_timecode('frames/marks', Timecode.parse('09:59:59:24'))

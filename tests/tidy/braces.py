@@ -1,3 +1,4 @@
+#!/usr/bin/env python3
 """One way to brace: braces.py [--fix] SOURCE_DIR. Braces stand around a body of more than one line, around every branch of
 an if with an else when one of them has them, around what follows a condition of several lines, and around an EXPECT or
 ASSERT behind an if, where the compiler asks for them; a single line has none.

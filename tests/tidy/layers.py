@@ -1,3 +1,4 @@
+#!/usr/bin/env python3
 """Which room may include what of which other: layers.py SOURCE_DIR. Prints every include that the table does not allow, and
 every line of the table that nobody uses any more; exits 1 on either. A room is the longest folder of the table that a source
 lies in; what lies in the same room is its own. A name that ends in a slash stands for everything below it."""
