@@ -185,11 +185,22 @@ std::string CDoctor::Software() const {
     return m_status.software.empty() ? "" : " (" + Printable(m_status.software) + ")";
 }
 
-// "Quorvane ZEM /0.1.0": what stands behind the slash.
+// "Quorvane ZEM /0.1.0": what stands behind the slash. Windows adds its own name to it, and a proxy
+// puts its own there.
 void CDoctor::Versions() {
-    const size_t slash = m_status.software.rfind('/');
+    constexpr std::string_view kProduct = "Quorvane ZEM /";
+    const std::string& software = m_status.software;
+    const bool ours = software.compare(0, kProduct.size(), kProduct) == 0;
+    if (!ours && !software.empty()) {
+        Say(Finding::kWarn, "versions",
+            "server unknown, behind " + Printable(software) + ", zem " + kZemVersion,
+            "let the proxy between pass the header Server on");
+        return;
+    }
     const std::string version =
-        slash == std::string::npos ? "" : m_status.software.substr(slash + 1);
+        ours ? software.substr(kProduct.size(),
+                               software.find(' ', kProduct.size()) - kProduct.size())
+             : "";
     const std::string text =
         "server " + (version.empty() ? "unknown" : Printable(version)) + ", zem " + kZemVersion;
     if (version == kZemVersion) {

@@ -64,7 +64,8 @@ done
 
 ask() { curl -sS --max-time 120 --cacert studio-ca.pem --resolve "localhost:$front:127.0.0.1" -o answer -w '%{http_code}' "$@"; }
 with=(--cert client.pem --key client.key)
-[ "$(ask "${with[@]}" "https://localhost:$front/media/status")" = 200 ] || fail 'no status page'
+[ "$(ask "${with[@]}" -D head "https://localhost:$front/media/status")" = 200 ] || fail 'no status page'
+grep -q '^Server: Quorvane ZEM /' head || fail 'it does not tell its own version'
 grep -qE '^0 [0-9]+ [0-9]+$' answer || fail 'the status page is something else'
 
 # A JOIN, and a KEEP_ALIVE of 12 bytes that is answered with 16.

@@ -321,6 +321,14 @@ class Strange(unittest.TestCase):
         self.assertIn('server 9.9.9, zem', found['versions']['text'])
         self.clock_apart(-3661)
 
+    def test_whose_version_it_is(self):
+        for software, text in (('Quorvane ZEM /9.9.9 Microsoft-HTTPAPI/2.0', 'server 9.9.9, zem'),
+                               ('nginx/1.22.1', 'server unknown, behind nginx/1.22.1, zem')):
+            with self.answering(headers=[('Server', software)]) as port:
+                _, found = self.doctor(port)
+            self.assertEqual(found['versions']['result'], 'warn')
+            self.assertIn(text, found['versions']['text'])
+
     def test_volumes(self):
         for text, result in (('0 50 100', 'ok'), ('0 9 100', 'warn'), ('0 0 100', 'fail'), ('80070003 0 0', 'fail'),
                              ('0 0 0', 'fail')):
