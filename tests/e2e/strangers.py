@@ -11,6 +11,7 @@ import struct
 import sys
 import unittest
 
+import confinement
 from wire import *
 
 PROGRAM = None
@@ -30,6 +31,16 @@ COMMANDS = {
     'GET_FILE_MARKS': (MARKS, 'GetFileMarks', lambda token: struct.pack('<Q', token), lambda reply: not any(reply.body[20:])),
     'ERASE_SEGMENT': (ERASE, 'EraseSegment', lambda token: struct.pack('<QIIi', token, 0, 2, 0), None),
 }
+
+# What takes neither a token nor a name; and GET_FRAME_DESC2, whose names have three characters, and one of them the server's own.
+NEITHER = {JOIN, LEAVE, KEEP_ALIVE, SET_IO_REAL_TIME, UPDATE_CFG, CFG_ATTR, FRAME_DESC2}
+
+
+class Table(unittest.TestCase):
+    def test_every_command_is_tried_here_or_with_names(self):
+        with_token = {row[0] for row in COMMANDS.values()}
+        with_name = {row[2] for row in confinement.COMMANDS}
+        self.assertEqual(sorted([*with_token, *with_name, *NEITHER]), list(range(1, NO_COMMAND)))
 
 
 class Tokens(unittest.TestCase):
