@@ -27,6 +27,9 @@ constexpr uint64_t kChunkedRestBytes = 8u << 20;
 // So much a client may send in any case before it hears of a larger window.
 constexpr uint64_t kFirstWindowBytes = 32 * 1024;
 
+// Several of the largest segments.
+constexpr uint32_t kWindowBehindMarkBytes = 256 * 1024;
+
 // From so much on the socket tells of a pile of a chunk's data, not of each segment.
 constexpr uint64_t kPileFromBytes = 64 * 1024;
 
@@ -94,7 +97,7 @@ CHttpConnection::EStep CHttpConnection::WaitForBigBody() {
 bool CHttpConnection::OpenWindow() {
     if (m_window_opened) return false;
     m_window_opened = true;
-    SetLowWater(2 * kLowWaterBytes);
+    SetLowWater(kLowWaterBytes + kWindowBehindMarkBytes);
     return true;
 }
 
