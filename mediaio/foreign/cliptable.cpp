@@ -87,7 +87,9 @@ std::shared_ptr<Slot> SlotOf(const FileIdentity& identity) {
     static auto* table = new Table;  // clips may outlive the end of main
     std::lock_guard hold(table->lock);
     std::erase_if(table->slots, [](const auto& entry) {
-        return entry.second.use_count() == 1 && entry.second->clip.expired();
+        if (entry.second.use_count() != 1) return false;
+        const std::lock_guard last(entry.second->lock);  // what the last user wrote is to be seen
+        return entry.second->clip.expired();
     });
     std::shared_ptr<Slot>& slot = table->slots[identity];
     if (slot == nullptr) slot = std::make_shared<Slot>();

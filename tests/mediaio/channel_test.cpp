@@ -28,6 +28,9 @@ protected:
             setenv("ZEM_NO_IO_URING", "1", 1);
         else
             unsetenv("ZEM_NO_IO_URING");
+        // What the test before has left to do may still hold the engine of the other kind.
+        while (zemstore::IAsyncIo::Shared().use_count() > 1)
+            std::this_thread::yield();
     }
 };
 
