@@ -100,6 +100,7 @@ private:
     ssize_t Receive(char* to, size_t room);
     bool Publish(uint64_t request_id);
     void SetLowWater(uint32_t bytes);
+    void Acknowledge() const;
 
     // http_reading.cpp
     EStep RunReading(CPacket& packet);

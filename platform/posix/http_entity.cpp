@@ -52,7 +52,9 @@ ULONG CHttpConnection::ReadBody(char* to, ULONG size, bool fill, bool may_wait, 
         error = ReadSocketBody(to, end);
         if (to != start) idle_from = ClockMs();
         if (error == NO_ERROR && to != begin && m_drained && !fill) break;
-        if (error != ERROR_IO_PENDING || (to != begin && !fill) || !may_wait) continue;
+        if (error != ERROR_IO_PENDING || (to != begin && !fill)) continue;
+        Acknowledge();
+        if (!may_wait) continue;
         const uint64_t want =
             std::min<uint64_t>(m_decoder.Plain(), static_cast<uint64_t>(end - to));
         SetLowWater(want >= kPileFromBytes ? kPileBytes : 1);

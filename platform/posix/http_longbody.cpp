@@ -213,6 +213,7 @@ CHttpConnection::EStep CHttpConnection::RunGathering(CPacket& packet) {
             if (pile) OpenWindow();
             SetLowWater(pile ? static_cast<uint32_t>(std::min<uint64_t>(plain, kLowWaterBytes))
                              : 1);
+            Acknowledge();
             return Release() ? EStep::Gone : EStep::Again;
         }
         if (m_decoder.IsBroken()) break;  // the application is told when it has read so far

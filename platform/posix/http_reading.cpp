@@ -58,6 +58,7 @@ CHttpConnection::EStep CHttpConnection::RunReading(CPacket& packet) {
             m_raw_end = static_cast<uint32_t>(size);
             SetDeadline(HttpTune()->header_ms);
         }
+        Acknowledge();
         if (Rest() == EStep::Gone) return EStep::Gone;
     }
 }
@@ -138,6 +139,7 @@ CHttpConnection::EStep CHttpConnection::WaitForBody(const CRequestView& view, si
     const bool big = !view.head->chunked && view.head->content_length > room;
     if (!Keep(view, view.head->bytes, 0, view.head->bytes + room + kChunkRoomBytes)) return Die();
     m_room = static_cast<uint32_t>(room);
+    Acknowledge();
     if (big) return WaitForBigBody();
     m_phase = EPhase::Body;
     if (BodyIsReady()) return EndShortBody(packet);
@@ -177,6 +179,7 @@ CHttpConnection::EStep CHttpConnection::RunBody(CPacket& packet) {
             m_raw_end = static_cast<uint32_t>(raw_end - base);
             if (m_raw_begin == m_raw_end) m_raw_begin = m_raw_end = m_body_end;
             if (BodyIsReady()) return EndShortBody(packet);
+            Acknowledge();
             SetBodyDeadline();
         }
         if (Rest() == EStep::Gone) return EStep::Gone;
