@@ -265,8 +265,10 @@ void CHttpConnection::SetLowWater(uint32_t bytes) {
 
 // Who waits for the rest of a request tells the client that what it sent is here. Systems put that
 // off for some 40 ms, and a client that does not set TCP_NODELAY keeps its last piece until it
-// hears so (RFC 896, RFC 9293 3.7.4 and 3.8.6.3).
+// hears so (RFC 896, RFC 9293 3.7.4 and 3.8.6.3). While something lies in the socket Linux does
+// not.
 void CHttpConnection::Acknowledge() const {
+    if (!m_drained) return;
     const int now = 1;
     setsockopt(m_fd, IPPROTO_TCP, TCP_QUICKACK, &now, sizeof now);
 }
