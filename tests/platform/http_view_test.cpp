@@ -275,6 +275,7 @@ struct CTwoWorkers {
 };
 
 TEST(View, TheLastWorkerDoesNotWaitForAClient) {
+    const CTuned never(HttpTune()->stall_ms, 3600000u);
     CTwoWorkers two;
     const int before = two.answered;
     CIdleReader reader(two.server);
