@@ -38,10 +38,12 @@ from typing import BinaryIO
 from xml.sax.saxutils import quoteattr
 
 __all__ = [
-    'Command', 'CreateFlags', 'EntryFlags', 'FrameFlags', 'Frame', 'FrameDescriptor', 'FrameRate', 'FrameSummary',
-    'Marks', 'MediaType', 'OpenFlags', 'ReadEntry', 'Result', 'Space', 'StreamDescriptor', 'StripeFlags', 'Timecode',
-    'VolumeStatus', 'WriteEntry', 'ZemClient', 'ZemConnectionError', 'ZemError', 'ZemFile', 'ZemProtocolError',
-    'ZemRefused',
+    'ATTRIBUTES_NONE', 'ATTRIBUTE_DIRECTORY', 'ATTRIBUTE_NORMAL', 'ATTRIBUTE_READ_ONLY', 'CHANNEL_NONE',
+    'MAX_CONFIG_BYTES', 'MAX_ENTRIES', 'MAX_PAYLOAD_BYTES', 'MAX_POSITION', 'Command', 'CreateFlags', 'EntryFlags',
+    'Frame', 'FrameDescriptor', 'FrameFlags', 'FrameRate', 'FrameSummary', 'Marks', 'MediaType', 'OpenFlags',
+    'ReadEntry', 'Result', 'Space', 'StreamDescriptor', 'StreamFlags', 'StripeFlags', 'Timecode', 'VolumeStatus',
+    'WriteEntry', 'ZemClient', 'ZemConnectionError', 'ZemError', 'ZemFile', 'ZemProtocolError', 'ZemRefused',
+    'is_special', 'result_name',
 ]
 
 
@@ -975,9 +977,13 @@ class ZemClient:
         body = f'<channelConfig{pairs}/>\0'.encode('utf-16-le')
         if len(body) > MAX_CONFIG_BYTES:
             raise ValueError('a configuration has at most 16 MiB')
-        if status := _WORD.unpack_from(self._ask(Command.UPDATE_CFG, body))[0]:
+        try:
+            status, http_status = _WORD.unpack_from(self._ask(Command.UPDATE_CFG, body))[0], 200
+        except ZemRefused as error:
+            status, http_status = error.result, error.http_status
+        if status:
             why = ': not joined, or what the server does not know' if status == Result.E_INVALIDARG else ''
-            raise ZemRefused('UPDATE_CFG failed' + why, status)
+            raise ZemRefused('UPDATE_CFG failed' + why, status, http_status)
 
     def update_cfg_attr_str(self, name: str, value: str) -> None:
         """Sets one attribute. Whether that worked cannot be seen: update_cfg tells."""

@@ -21,6 +21,11 @@ VIDEO = StreamDescriptor(MediaType.VIDEO, 'mjpg', 25, 1, 1280, 720, start_timeco
 
 
 class Shape(unittest.TestCase):
+    def test_a_star_brings_all_that_is_public(self):
+        public = {name for name, what in vars(zemclient).items() if not name.startswith('_') and
+                  (name.isupper() or getattr(what, '__module__', '') == 'zemclient')}
+        self.assertEqual(set(zemclient.__all__), public)
+
     def test_commands_are_those_of_the_page(self):
         with open(os.path.join(common.ROOT, 'docs', 'protocol.md'), encoding='utf-8') as page:
             rows = re.findall(r'^\| (\d+) \| \[`CMD_(\w+)`\]\(#\w+\) \| (\d+) \|', page.read(), re.MULTILINE)
@@ -138,6 +143,7 @@ class Being(common.ServerCase):
         with self.assertRaises(ZemRefused) as refused:
             client.update_cfg(zoom='<&"')
         self.assertEqual((refused.exception.result, refused.exception.http_status), (Result.E_INVALIDARG, 500))
+        self.assertIn('what the server does not know', str(refused.exception))
 
 
 class Frames(common.ServerCase):
