@@ -70,9 +70,19 @@ uint32_t Wanted(const FrameOptions& options, uint32_t all) {
     return std::min(options.count, all - options.from);
 }
 
-// How many frames ForEachFrame will see, for the progress line: the file may grow meanwhile.
+// How many frames ForEachFrame will see, for the progress line: the file may grow meanwhile. A
+// read's positions count in the rate of the client's channel, which the server tells of nobody, and
+// the file's count does not: whether there is the first one a read of it shows.
 uint32_t Expected(CZemClient& client, uint64_t token, const FrameOptions& options) {
-    return Wanted(options, client.FileInfo(token).frameCount);
+    const uint32_t all = client.FileInfo(token).frameCount;
+    if (options.from == 0 || all == 0) return Wanted(options, all);
+    const bool there = ReadOneFrame(client, token, options.from).status != kHrEndOfMedia;
+    if (there) return std::min(options.count, std::max(all, options.from + 1) - options.from);
+    if (options.from >= all) RequireFirst(options.name, options.from, all);
+    throw CZemError(ErrorKind::kRefused,
+                    Printable(options.name) + ": there is no frame " +
+                        std::to_string(options.from) + " at the frame rate of the client's channel",
+                    0, kReasonNoFrame);
 }
 
 // How many positions a file has when they are counted in a rate of the protocol: those that lie

@@ -46,6 +46,20 @@ class RoundTrip(zemcase.OwnServerCase):
         self.assertEqual(self.zem('clients'), 'No clients\n')
         self.assertIn(' of ', self.zem('status'))
 
+    def test_positions_count_in_the_rate_of_the_channel(self):
+        clip = self.make('short.mov', PICTURE + ['-t', '2', '-c:v', 'mjpeg'])
+        self.zem('put', clip, 'media/short')
+        at = ['--id', 'player', '--stay']
+        self.zem('join', '--id', 'player')
+        for rate, count in (('50', 100), ('24', 48)):
+            self.zem('config', 'set', 'frameRate', rate, '--id', 'player')
+            self.assertEqual(len(columns(self.zem('framemd5', 'media/short.v0', *at))), count)
+            last = columns(self.zem('framemd5', 'media/short.v0', '--from', str(count - 1), *at))
+            self.assertEqual(len(last), 1)
+            for verb in (['framemd5', 'media/short.v0'], ['read', 'media/short.v0', '-o', '-']):
+                self.zem(*verb, '--from', str(count), *at, code=1)
+        self.zem('leave', '--id', 'player')
+
     def test_frames_survive_a_kill(self):
         self.zem('put', self.clip, 'media/clip')
         self.server.kill()
