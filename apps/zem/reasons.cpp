@@ -270,7 +270,7 @@ Why WhyNotServed(const CommandLine& line, const std::string& name, Why (*whyNot)
         const std::u16string wide = FileNamed(name.substr(name.find_first_not_of('/'))).name;
         if (!IsKnown(*session)) return {};
         // HTTP takes some such names, but nothing brought a file of that name here.
-        if (const Why bad = WhyBadName(wide); bad.word != nullptr) return bad;
+        if (Why bad = WhyBadName(wide); bad.word != nullptr) return bad;
         const uint32_t attributes = session->Attributes(wide);
         if (attributes != kNoAttributes) return whyNot(attributes);
         const Why folder = WhyNotIn(*session, wide, true);
