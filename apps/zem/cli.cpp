@@ -1,5 +1,8 @@
 // Command line of zem: the options of every verb, the exit codes, and how failures are told.
 // Main thread only.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -224,6 +227,9 @@ ColourMode ColourModeOf(const std::string& word) {
 }  // namespace
 
 int RunZem(int argc, const char* const* argv) {
+    // What is opened would else take the place of a stream that the caller has closed.
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        if (fcntl(stream, F_GETFD) < 0) open("/dev/null", O_RDONLY);
     CommandLine line;
     CParser parser("zem", "zem: files and frames of a media server");
     AddAll(parser, line);

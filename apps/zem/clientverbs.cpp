@@ -1,6 +1,9 @@
 // Verbs on a client's own place in the server: join, leave, keepalive, realtime, config. What they
 // set lives as long as the client stays joined, so they want an ID and do not leave.
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <fstream>
 #include <iterator>
@@ -9,6 +12,7 @@
 #include "apps/zem/client/zemerror.h"
 #include "apps/zem/output.h"
 #include "apps/zem/session.h"
+#include "apps/zem/terminal.h"
 #include "apps/zem/verbs.h"
 
 namespace zem {
@@ -51,16 +55,35 @@ int RealTime(const CommandLine& line, const ClientOptions&) {
     return kExitOk;
 }
 
+// Both fill `bytes` as far as there is something; how far.
+size_t ReadFile(const std::string& path, std::string& bytes) {
+    std::ifstream in(path, std::ios::binary);
+    in.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    if (!in.good() && !in.eof()) throw CZemError(ErrorKind::kLocalFile, path + " cannot be read");
+    return static_cast<size_t>(in.gcount());
+}
+
+size_t ReadStdin(std::string& bytes) {
+    size_t size = 0;
+    while (size < bytes.size()) {
+        if (!WaitForInput(STDIN_FILENO)) throw CZemError(ErrorKind::kInterrupted, "stopped");
+        const ssize_t got = read(STDIN_FILENO, bytes.data() + size, bytes.size() - size);
+        if (got == 0) break;
+        if (got > 0)
+            size += static_cast<size_t>(got);
+        else if (errno != EINTR && errno != EAGAIN)
+            throw CZemError(ErrorKind::kLocalFile, "- cannot be read");
+    }
+    return size;
+}
+
 // The document as UTF-16, from UTF-8 or from UTF-16 with a byte-order mark. A declaration at its
 // head is dropped: the encoding that it names is that of the file, no longer that of the text which
 // is sent.
 std::u16string DocumentOf(const std::string& path) {
     constexpr size_t kMax_bytes = 16u << 20;
-    std::ifstream in(path == "-" ? "/dev/stdin" : path, std::ios::binary);
     std::string bytes(kMax_bytes + 1, '\0');
-    in.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    bytes.resize(static_cast<size_t>(in.gcount()));
-    if (!in.good() && !in.eof()) throw CZemError(ErrorKind::kLocalFile, path + " cannot be read");
+    bytes.resize(path == "-" ? ReadStdin(bytes) : ReadFile(path, bytes));
     if (bytes.empty())
         throw CZemError(ErrorKind::kLocalFile, path + " cannot be read, or is empty");
     if (bytes.size() > kMax_bytes) throw CZemError(ErrorKind::kLocalFile, path + " is too large");

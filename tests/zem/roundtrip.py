@@ -5,10 +5,12 @@ after the service was killed.
 usage: roundtrip.py --zemhost PROGRAM --zem PROGRAM [unittest arguments]
 """
 
+import fcntl
 import json
 import os
 import subprocess
 import tempfile
+import termios
 
 import zemcase
 from clips import framemd5, columns
@@ -59,6 +61,26 @@ class RoundTrip(zemcase.OwnServerCase):
             for verb in (['framemd5', 'media/short.v0'], ['read', 'media/short.v0', '-o', '-']):
                 self.zem(*verb, '--from', str(count), *at, code=1)
         self.zem('leave', '--id', 'player')
+
+    def test_stdin_that_is_closed_is_empty(self):
+        for verb in (['put', '-', 'media/x'], ['import', '-', 'media/x'], ['config', 'push', '-', '--id', 'player']):
+            done = self.run_zem(*verb, preexec_fn=lambda: os.close(0))
+            self.assertEqual(done.returncode, 5, done.stderr)
+            self.assertIn('empty', done.stderr)
+
+    def test_a_wait_for_a_configuration_ends_with_the_first_signal(self):
+        reading, writing = os.pipe()
+        with os.fdopen(reading), os.fdopen(writing, 'wb') as given:
+            zem = subprocess.Popen(self.command('config', 'push', '-', '--id', 'player'), stdin=reading,
+                                   stderr=subprocess.PIPE, text=True)
+            with zem:
+                # It has taken the first piece, so it waits for the next.
+                given.write(b'<')
+                given.flush()
+                while fcntl.ioctl(reading, termios.FIONREAD, bytes(4)) != bytes(4):
+                    os.sched_yield()
+                zem.terminate()
+                self.assertEqual(zem.wait(120), 130)
 
     def test_frames_survive_a_kill(self):
         self.zem('put', self.clip, 'media/clip')
