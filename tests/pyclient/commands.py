@@ -248,6 +248,7 @@ class Frames(common.ServerCase):
         # The last position that there can be: its mark is also what a failed query is told by.
         with client.create_file('frames/last', VIDEO) as file:
             file.write(0xFFFFFFFE, b'last')
+            file.flush()
             self.assertEqual(client.get_file_marks(file.token), Marks(0, 0xFFFFFFFF))
         with self.assertRaises(ValueError):
             Timecode.parse('24:00:00:00')
