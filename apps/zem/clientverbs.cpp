@@ -1,12 +1,14 @@
 // Verbs on a client's own place in the server: join, leave, keepalive, realtime, config. What they
 // set lives as long as the client stays joined, so they want an ID and do not leave.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <fstream>
+#include <cstring>
 #include <iterator>
+#include <memory>
 
 #include "apps/zem/client/text.h"
 #include "apps/zem/client/zemerror.h"
@@ -22,6 +24,7 @@ struct ClientOptions {
     std::string file;
     std::string name;
     std::string value;
+    bool force = false;
 };
 
 int Join(const CommandLine& line, const ClientOptions&) {
@@ -55,26 +58,31 @@ int RealTime(const CommandLine& line, const ClientOptions&) {
     return kExitOk;
 }
 
-// Both fill `bytes` as far as there is something; how far.
-size_t ReadFile(const std::string& path, std::string& bytes) {
-    std::ifstream in(path, std::ios::binary);
-    in.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    if (!in.good() && !in.eof()) throw CZemError(ErrorKind::kLocalFile, path + " cannot be read");
-    return static_cast<size_t>(in.gcount());
+[[noreturn]] void ThrowUnread(const std::string& path, const std::string& why) {
+    throw CZemError(ErrorKind::kLocalFile, Printable(path) + ": cannot be read: " + why);
 }
 
-size_t ReadStdin(std::string& bytes) {
+// At most `max_bytes` of a file, a pipe, or stdin for "-". A pipe is opened without waiting for its
+// writer: the wait for its data is the one that a signal ends.
+std::string ReadUpTo(const std::string& path, size_t max_bytes) {
+    const int fd = path == "-" ? dup(STDIN_FILENO)
+                               : open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) ThrowUnread(path, std::strerror(errno));
+    const std::unique_ptr<const int, void (*)(const int*)> closed(&fd,
+                                                                  [](const int* of) { close(*of); });
+    std::string bytes(max_bytes, '\0');
     size_t size = 0;
     while (size < bytes.size()) {
-        if (!WaitForInput(STDIN_FILENO)) throw CZemError(ErrorKind::kInterrupted, "stopped");
-        const ssize_t got = read(STDIN_FILENO, bytes.data() + size, bytes.size() - size);
+        if (!WaitForInput(fd)) throw CZemError(ErrorKind::kInterrupted, "stopped");
+        const ssize_t got = read(fd, bytes.data() + size, bytes.size() - size);
         if (got == 0) break;
         if (got > 0)
             size += static_cast<size_t>(got);
         else if (errno != EINTR && errno != EAGAIN)
-            throw CZemError(ErrorKind::kLocalFile, "- cannot be read");
+            ThrowUnread(path, std::strerror(errno));
     }
-    return size;
+    bytes.resize(size);
+    return bytes;
 }
 
 // The document as UTF-16, from UTF-8 or from UTF-16 with a byte-order mark. A declaration at its
@@ -82,11 +90,10 @@ size_t ReadStdin(std::string& bytes) {
 // is sent.
 std::u16string DocumentOf(const std::string& path) {
     constexpr size_t kMax_bytes = 16u << 20;
-    std::string bytes(kMax_bytes + 1, '\0');
-    bytes.resize(path == "-" ? ReadStdin(bytes) : ReadFile(path, bytes));
-    if (bytes.empty())
-        throw CZemError(ErrorKind::kLocalFile, path + " cannot be read, or is empty");
-    if (bytes.size() > kMax_bytes) throw CZemError(ErrorKind::kLocalFile, path + " is too large");
+    std::string bytes = ReadUpTo(path, kMax_bytes + 1);
+    if (bytes.empty()) throw CZemError(ErrorKind::kLocalFile, Printable(path) + ": is empty");
+    if (bytes.size() > kMax_bytes)
+        throw CZemError(ErrorKind::kLocalFile, Printable(path) + ": is larger than 16 MiB");
     std::u16string text;
     const bool little = bytes.starts_with("\xFF\xFE");
     if (little || bytes.starts_with("\xFE\xFF")) {
@@ -137,9 +144,9 @@ bool IsReadAhead(const std::string& value) {
            value.find_first_not_of("0123456789") == std::string::npos && std::stoi(value) <= 64;
 }
 
-// The server does not say whether it took an attribute. What the media library that comes with it
-// would not take is doubtful; a host with another one may.
-std::string Doubt(const ClientOptions& options) {
+// The server does not say whether it took an attribute: so what the media library that comes with
+// it would not take is told here. Empty: it takes it.
+std::string WhyNotTaken(const ClientOptions& options) {
     const bool rate = options.name == "frameRate";
     if (!rate && options.name != "readAhead")
         return Printable(options.name) + " is not an attribute";
@@ -152,13 +159,14 @@ int ConfigSet(const CommandLine& line, const ClientOptions& options) {
     line.RequireId("config set");
     const std::u16string name = ToUtf16(options.name, "the attribute's name");
     const std::u16string value = ToUtf16(options.value, "the attribute's value");
+    const std::string why = options.force ? "" : WhyNotTaken(options);
+    if (!why.empty()) {
+        throw CZemError(ErrorKind::kUsage,
+                        why + ": not sent, for zemhost would not take it; see zem config set "
+                              "--help, and --force for a host of your own");
+    }
     CSession session(line, true);
     session->SetConfigAttribute(name, value);
-    const std::string doubt = Doubt(options);
-    if (!doubt.empty()) {
-        std::fprintf(stderr, "zem: zemhost does not take this: %s; see zem config set --help\n",
-                     doubt.c_str());
-    }
     PrintDone(line, "config set", {{"client", line.clientId}});
     return kExitOk;
 }
@@ -194,6 +202,8 @@ void AddClientVerbs(CVerb program, CommandLine& line) {
                "Its new value. frameRate: file, 23.976, 24, 25, 29.97, 30, 50, 59.94 or 60; "
                "readAhead: auto or 0 to 64")
         .Required();
+    verb.Flag("--force", set->force,
+              "Send what zemhost does not take: a host with a media library of its own may");
 }
 
 }  // namespace zem

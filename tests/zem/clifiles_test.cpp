@@ -349,17 +349,20 @@ TEST_F(ZemCliFiles, ClientVerbsStayJoined) {
     EXPECT_EQ(Run({"--id", "d", "config", "push", "missing.xml"}).code, 5);
     const Outcome folder = Run({"--id", "d", "config", "push", "."});
     EXPECT_EQ(folder.code, 5);
-    EXPECT_EQ(folder.err, "zem: . cannot be read\n");
+    EXPECT_EQ(folder.err, "zem: .: cannot be read: Is a directory\n");
+    EXPECT_EQ(Run({"--id", "d", "config", "push", "missing.xml"}).err,
+              "zem: missing.xml: cannot be read: No such file or directory\n");
+    EXPECT_EQ(Run({"--id", "d", "config", "push", "/dev/null"}).err, "zem: /dev/null: is empty\n");
 }
 
-// The protocol does not tell, and the server may have another media library.
-TEST_F(ZemCliFiles, AnAttributeThatIsNotKnownIsSentAndDoubted) {
+// The protocol does not tell; the server may have another media library.
+TEST_F(ZemCliFiles, AnAttributeThatIsNotKnownIsSentWhenForcedOnly) {
     struct Attribute {
         const char* name;
         const char* value;
-        const char* doubt;
+        const char* fault;
     };
-    for (const auto& [name, value, doubt] :
+    for (const auto& [name, value, fault] :
          {Attribute{"frameRate", "file", ""},
           {"frameRate", "59.94", ""},
           {"readAhead", "auto", ""},
@@ -369,12 +372,23 @@ TEST_F(ZemCliFiles, AnAttributeThatIsNotKnownIsSentAndDoubted) {
           {"readAhead", "100", "100 is not a readAhead"},
           {"readAhead", "", " is not a readAhead"},
           {"framerate", "25", "framerate is not an attribute"}}) {
+        const size_t before = m_server.Requests().size();
         const Outcome outcome = Run({"--id", "d", "config", "set", name, value});
-        EXPECT_EQ(outcome.code, 0) << outcome.err;
-        EXPECT_EQ(m_server.Requests().back().Header("Zem-Id"), "d");
-        const std::string said = std::string("zem: zemhost does not take this: ") + doubt +
-                                 "; see zem config set --help\n";
-        EXPECT_EQ(outcome.err, *doubt == '\0' ? "" : said);
+        if (*fault == '\0') {
+            EXPECT_EQ(outcome.code, 0) << outcome.err;
+            EXPECT_EQ(m_server.Requests().back().Header("Zem-Id"), "d");
+            EXPECT_EQ(outcome.err, "");
+            continue;
+        }
+        EXPECT_EQ(outcome.code, 2);
+        EXPECT_EQ(outcome.err, std::string("zem: ") + fault +
+                                   ": not sent, for zemhost would not take it; see zem config set "
+                                   "--help, and --force for a host of your own\n");
+        EXPECT_EQ(m_server.Requests().size(), before);
+        const Outcome forced = Run({"--id", "d", "config", "set", name, value, "--force"});
+        EXPECT_EQ(forced.code, 0) << forced.err;
+        EXPECT_EQ(forced.err, "");
+        EXPECT_GT(m_server.Requests().size(), before);
     }
 }
 
