@@ -250,9 +250,11 @@ int RunZem(int argc, const char* const* argv) {
         line.json = AsksForJson(arguments);
         if (parsed.end == ParseEnd::kWrong)
             return ReportFailure(line, kExitUsage, Printable(parsed.text).c_str());
-        if (parsed.end == ParseEnd::kVersion && line.json) return PrintVersionJson();
-        std::fputs(parsed.text.c_str(), stdout);
-        return kExitOk;
+        line.verb = [&]() -> int {
+            if (parsed.end == ParseEnd::kVersion && line.json) return PrintVersionJson();
+            std::fputs(parsed.text.c_str(), stdout);
+            return kExitOk;
+        };
     }
     try {
         CatchStopSignals();

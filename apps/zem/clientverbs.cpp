@@ -65,11 +65,11 @@ int RealTime(const CommandLine& line, const ClientOptions&) {
 // At most `max_bytes` of a file, a pipe, or stdin for "-". A pipe is opened without waiting for its
 // writer: the wait for its data is the one that a signal ends.
 std::string ReadUpTo(const std::string& path, size_t max_bytes) {
-    const int fd = path == "-" ? dup(STDIN_FILENO)
-                               : open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    const int fd =
+        path == "-" ? dup(STDIN_FILENO) : open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) ThrowUnread(path, std::strerror(errno));
-    const std::unique_ptr<const int, void (*)(const int*)> closed(&fd,
-                                                                  [](const int* of) { close(*of); });
+    const std::unique_ptr<const int, void (*)(const int*)> closed(
+        &fd, [](const int* of) { close(*of); });
     std::string bytes(max_bytes, '\0');
     size_t size = 0;
     while (size < bytes.size()) {
@@ -162,8 +162,9 @@ int ConfigSet(const CommandLine& line, const ClientOptions& options) {
     const std::string why = options.force ? "" : WhyNotTaken(options);
     if (!why.empty()) {
         throw CZemError(ErrorKind::kUsage,
-                        why + ": not sent, for zemhost would not take it; see zem config set "
-                              "--help, and --force for a host of your own");
+                        why +
+                            ": not sent, for zemhost would not take it; see zem config set "
+                            "--help, and --force for a host of your own");
     }
     CSession session(line, true);
     session->SetConfigAttribute(name, value);

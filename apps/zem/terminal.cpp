@@ -317,6 +317,7 @@ void CatchStopSignals() {
     sigaction(SIGHUP, nullptr, &hangup);
     if (hangup.sa_handler != SIG_IGN) Catch(SIGHUP, &OnStopSignal);
     Catch(SIGPIPE, &OnClosedPipe);
+    std::signal(SIGXFSZ, SIG_IGN);
 }
 
 bool StopRequested() {

@@ -162,6 +162,27 @@ TEST_F(ZemCliStop, AFullDiskBehindStdoutIs5) {
     EXPECT_EQ(Contents(m_dir / "err"), "zem: stdout cannot be written\n");
 }
 
+TEST_F(ZemCliStop, HelpThatCannotBeWrittenIs5) {
+    for (const char* const asked : {"--help", "put --help", "--version", "--version --json"}) {
+        EXPECT_EQ(Shell(Quoted(ZEM_PROGRAM) + " " + asked + " >/dev/full 2>err"), 5) << asked;
+        EXPECT_EQ(Contents(m_dir / "err"), "zem: stdout cannot be written\n") << asked;
+    }
+}
+
+TEST_F(ZemCliStop, AFileAtItsSizeLimitIsCleanedUpAfter) {
+    MakeClip();
+    ASSERT_EQ(Run({"put", "clip.mov", "media/v"}).code, 0);
+    for (const char* const verb : {"read media/v.v0 -o", "get media/v.v0 -o", "export media/v"}) {
+        m_server.Settle();
+        Shell("{ (ulimit -f 0; " + Quoted(ZEM_PROGRAM) + " --server " + m_server.Url() + " " +
+              verb + " new.mov; echo $?) 2>&1; } | cat >out");
+        const std::string said = Contents(m_dir / "out");
+        EXPECT_TRUE(said.ends_with("File too large\n5\n")) << verb << ": " << said;
+        EXPECT_FALSE(fs::exists(m_dir / "new.mov")) << verb;
+        EXPECT_FALSE(fs::exists(m_dir / "new.mov.part")) << verb;
+    }
+}
+
 TEST_F(ZemCliStop, AHangUpIsAsGoodAsCtrlC) {
     MakeClip();
     for (const int number : {SIGHUP, SIGINT}) {
