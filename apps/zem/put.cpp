@@ -71,7 +71,9 @@ int CPut::Run() {
 std::string CPut::Left(std::string text) const {
     for (const PutFile& file : m_files)
         text += " " + Printable(file.written);
-    return text + " (zem rm removes them, zem put --force replaces them)";
+    return text + " (zem rm removes them, " +
+           (m_options.import ? "the same import writes over them)"
+                             : "zem put --force replaces them)");
 }
 
 void CPut::CreateFiles() {
@@ -282,7 +284,7 @@ void CPut::Publish() {
 // Deletes what an import that failed has written; says what came of it.
 std::string CPut::TakeBack(ErrorKind failure) {
     if (m_files.empty()) return {};
-    std::string left = "; " + Printable(m_options.name) + ".*.part is left on the server";
+    const std::string left = Left("; files may be left on the server:");
     if (failure == ErrorKind::kUnreachable) return left;
     m_session->Http().SetStopCheck(nullptr);  // the user stopped the import, not this
     try {

@@ -27,8 +27,10 @@ void CPut::CheckLast(const PutFile& file) {
     const auto last = static_cast<uint32_t>(file.frames.size() - 1);
     std::vector<FrameDescEntry> descs;
     IfImplemented([&] { descs = m_session->FrameDescs(file.token, last, 1); });
-    if (!descs.empty() && (descs[0].flags & kFrameFlagPresent) == 0)
-        ThrowLost(file, last, "is missing");
+    if (descs.empty() || (descs[0].flags & kFrameFlagPresent) != 0) return;
+    bool implemented = true;
+    VerifyDescs(file, file.token, implemented);  // tells of the first that is missing
+    ThrowLost(file, last, "is missing");
 }
 
 void CPut::Verify(const PutFile& file) {

@@ -282,12 +282,11 @@ TEST_F(ZemCli, PutStopsSoonWhenNothingIsStoredAnyMore) {
     ASSERT_EQ(Shell("ffmpeg -v error -nostdin -f rawvideo -s 1920x1080 -pix_fmt uyvy422 -r 25 "
                     "-i /dev/zero -frames:v 25 -c copy raw.mov"),
               0);
-    // At the end it would be the first of them that is missed.
     for (uint32_t position = 8; position < 25; ++position)
         m_media.dropWrites.insert({"media/raw.v0", position});
     const Outcome outcome = Run({"put", "raw.mov", "media/raw"});
     EXPECT_EQ(outcome.code, 1);
-    EXPECT_TRUE(Has(outcome.err, "media/raw.v0: frame 9 is missing")) << outcome.err;
+    EXPECT_TRUE(Has(outcome.err, "media/raw.v0: frame 8 is missing")) << outcome.err;
     EXPECT_TRUE(Has(outcome.err, "its volume is full")) << outcome.err;
 }
 
@@ -300,6 +299,22 @@ TEST_F(ZemCli, AnImportThatFailsLeavesNothing) {
     EXPECT_TRUE(Has(outcome.err, "nothing of it is left on the server")) << outcome.err;
     for (const auto& [name, file] : m_media.files)
         EXPECT_FALSE(name.starts_with("media/clip")) << name;
+}
+
+TEST_F(ZemCli, AnImportWhoseServerIsGoneNamesWhatMayBeLeft) {
+    MakeClip();
+    int writes = 0;
+    CScriptServer server([&](const ScriptRequest& request) {
+        if (request.method == "POST" && request.body.substr(4, 4) == Le32(4)) ++writes;
+        return writes < 3 ? m_media(request) : ScriptAnswer{"", true};
+    });
+    const Outcome outcome = RunOn(server.Url(), {"import", "clip.mov", "media/clip"});
+    EXPECT_EQ(outcome.code, 3);
+    EXPECT_TRUE(Has(outcome.err,
+                    "; files may be left on the server: media/clip.v0.part media/clip.a0.part "
+                    "media/clip.clip.part (zem rm removes them, the same import writes over "
+                    "them)"))
+        << outcome.err;
 }
 
 TEST_F(ZemCli, AnImportKeepsWhatItWouldReplaceUntilItIsWhole) {
