@@ -206,10 +206,11 @@ int Frames(const CommandLine& line, const FrameOptions& options) {
     COpenFile file(*session, options.byName ? 0 : OpenNamed(*session, ref));
     const ZemEsDesc info =
         options.byName ? InfoNamed(*session, ref) : session->FileInfo(file.Token());
-    const uint32_t count = Wanted(options, PositionsAt(info, options.rate));
+    const uint32_t positions = PositionsAt(info, options.rate);
+    const uint32_t count = Wanted(options, positions);
     CJson json;
     if (line.json) {
-        json.Open('{').Text("name", options.name).Unsigned("frame_count", info.frameCount);
+        json.Open('{').Text("name", options.name).Unsigned("frame_count", positions);
         json.Open('[', "frames");
     }
     for (uint32_t done = 0; done < count;) {

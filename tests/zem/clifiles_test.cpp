@@ -91,6 +91,7 @@ TEST_F(ZemCliFiles, FramesInAnotherRateAreAllUpToTheEnd) {
         size_t count = 0;
         for (size_t at = 0; (at = out.find("{\"frame\":", at)) != std::string::npos; ++at)
             ++count;
+        EXPECT_TRUE(Has(out, "\"frame_count\":" + std::to_string(count) + ",")) << out;
         return count;
     };
     EXPECT_EQ(positions("0"), 4u);
