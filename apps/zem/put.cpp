@@ -284,7 +284,7 @@ void CPut::Publish() {
 // Deletes what an import that failed has written; says what came of it.
 std::string CPut::TakeBack(ErrorKind failure) {
     if (m_files.empty()) return {};
-    const std::string left = Left("; files may be left on the server:");
+    std::string left = Left("; files may be left on the server:");
     if (failure == ErrorKind::kUnreachable) return left;
     m_session->Http().SetStopCheck(nullptr);  // the user stopped the import, not this
     try {

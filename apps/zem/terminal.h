@@ -70,8 +70,8 @@ private:
 
 // Makes SIGINT, SIGTERM and SIGHUP (unless the process was started to ignore it) set a flag instead
 // of ending the process; a second one, 0.3 s later or more, ends it, after the terminal was given
-// back. SIGPIPE sets the flag, too: who read the output is gone. SIGXFSZ does nothing: a file at its
-// size limit is a failed write, which is cleaned up after.
+// back. SIGPIPE sets the flag, too: who read the output is gone. SIGXFSZ does nothing: a file at
+// its size limit is a failed write, which is cleaned up after.
 void CatchStopSignals();
 bool StopRequested();
 bool OutputClosed();  // it was SIGPIPE
